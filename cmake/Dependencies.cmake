@@ -1,0 +1,26 @@
+# The libraries that we call: spdlog with fmt, CLI11 (header-only) and GoogleTest.
+#
+# Debian's headers of the first three do not depend on the architecture, but all of /usr/include
+# must not be on the cross compiler's path: each is linked alone into a folder of the build tree.
+set(HEADERS_DIR ${CMAKE_BINARY_DIR}/headers)
+file(MAKE_DIRECTORY ${HEADERS_DIR})
+
+function(header_only_library name folder)
+  find_path(${name}_PARENT NAMES ${folder} PATHS ${ARGN} /usr/include /mingw64/include
+            NO_CMAKE_FIND_ROOT_PATH REQUIRED)
+  file(CREATE_LINK ${${name}_PARENT}/${folder} ${HEADERS_DIR}/${folder} SYMBOLIC)
+  add_library(${name} INTERFACE)
+  target_include_directories(${name} SYSTEM INTERFACE ${HEADERS_DIR})
+endfunction()
+
+header_only_library(fmt_headers fmt)
+target_compile_definitions(fmt_headers INTERFACE FMT_HEADER_ONLY)
+header_only_library(spdlog_headers spdlog)
+target_compile_definitions(spdlog_headers INTERFACE SPDLOG_FMT_EXTERNAL)
+target_link_libraries(spdlog_headers INTERFACE fmt_headers)
+header_only_library(cli11_headers CLI)
+
+set(GOOGLETEST_SOURCE /usr/src/googletest CACHE PATH "GoogleTest's sources")
+set(gtest_force_shared_crt ON CACHE BOOL "" FORCE)
+set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
+add_subdirectory(${GOOGLETEST_SOURCE} ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)

@@ -1,0 +1,76 @@
+/*
+ * POSIX-like descriptor calls over Windows file handles.
+ *
+ * A descriptor is one of the DLL's own C runtime, wrapped around a Windows handle; closing it
+ * closes the handle. Descriptors of another runtime are not valid here: get them from ox_open or
+ * ox_creat. Paths are narrow strings in the process's code page.
+ *
+ * Failures: -1 with errno set from the Windows error by one rule (2 and 3 become 2, 183 becomes
+ * 17, 50 becomes 130, every other code stays as it is), unless said otherwise. Any thread may
+ * call; two threads that use one descriptor order themselves.
+ */
+#ifndef OX_PLATFORM_H
+#define OX_PLATFORM_H
+
+#include "ox_types.h"
+
+OX_BEGIN_DECLS
+
+/* Open flags: the runtime's (access mode in the low two bits) and two of the layer's own. */
+enum {
+  OX_O_RDONLY = 0x0,
+  OX_O_WRONLY = 0x1,
+  OX_O_RDWR = 0x2,
+  OX_O_CREAT = 0x100,
+  OX_O_TRUNC = 0x200,
+  OX_O_EXCL = 0x400,       /* ignored */
+  OX_O_DIRECT = 0x20000000 /* unbuffered; wins over write-through */
+};
+#define OX_O_SYNC 0x80000000u /* write-through */
+
+/* The longest path, in bytes with the NUL, that any call of the family handles. */
+enum { OX_MAXPATH_LEN = 5000 };
+
+/*
+ * The CreateFile disposition for open flags. Differs from POSIX: read-only with create fails when
+ * the file exists (CREATE_NEW), deliberately.
+ */
+ox_u32 ox_create_disposition(ox_u32 flags);
+
+/*
+ * Opens or creates `path`, shared for reading, writing and deleting. `mode` without any write bit
+ * (octal 0222) creates a read-only file. Logs nothing.
+ */
+int ox_creat(const char* path, ox_u32 flags, ox_u32 mode);
+/* Opens an existing file; logs a failure. */
+int ox_open(const char* path, ox_u32 flags);
+int ox_close(int fd);
+/* Closes a Windows handle that no descriptor wraps: 0 or -1 with errno. */
+int ox_close_fhdl(ox_handle handle);
+
+/* The new position; -1 with errno; deliberately 22 itself for a whence other than 0, 1, 2. */
+ox_off ox_lseek(int fd, ox_off offset, int whence);
+/* Sets the size and leaves the file position at `length` (unlike POSIX). 0 or -1 with errno. */
+int ox_ftruncate(int fd, ox_off length);
+/*
+ * One positional transfer of up to 4 GiB - 1 bytes: the count, or -1. Reading at or past the end
+ * of the file is -1 with errno 38 (unlike POSIX's 0). An invalid descriptor leaves errno alone.
+ */
+ox_s64 ox_pread(int fd, void* buf, size_t count, ox_off offset);
+ox_s64 ox_pwrite(int fd, const void* buf, size_t count, ox_off offset);
+
+/*
+ * The path behind a descriptor or handle, as the system gives it (with its \\?\ lead), in `buf` of
+ * `size` bytes; with `name`, a backslash and the name are appended and every slash becomes a
+ * backslash. 1, or 0 with errno (7 when the name does not fit). ox_handle2path makes `buf` empty
+ * on failure and keeps no descriptor.
+ */
+int ox_fd2path(int fd, char* buf, size_t size, const char* name);
+int ox_handle2path(ox_handle handle, char* buf, size_t size, const char* name);
+
+/* How many streams the runtime can have open at once (_getmaxstdio). */
+int ox_get_max_openfiles(void);
+
+OX_END_DECLS
+
+#endif

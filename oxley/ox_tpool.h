@@ -1,0 +1,158 @@
+/*
+ * Thread pool: workers that come with work and go when idle, an unbounded job queue, private
+ * blocks per worker slot, pausing, draining, aborting and destruction.
+ *
+ * Locks: tp_lock of a pool guards its queue, counts, flags and state; the two slot bitmaps have
+ * locks of their own, taken after tp_lock; the lock of the global list head guards the list links
+ * and is never held together with a pool's lock. Jobs and deinit functions run without a lock; the
+ * init function runs under tp_lock and must not call back into the pool.
+ */
+#ifndef OX_TPOOL_H
+#define OX_TPOOL_H
+
+#include "ox_lock.h"
+#include "ox_types.h"
+
+OX_BEGIN_DECLS
+
+/* tp_flags bits; also the flags of ox_drain_tpool, ox_destroy_tpool and ox_deinit_tpool. */
+enum {
+  OX_TPOOL_FL_ABORT = 0x1, /* workers leave at once and drop the queue; selects abort in destroy */
+  OX_TPOOL_FL_STOP = 0x2,  /* workers leave at once and drop the queue */
+  OX_TPOOL_FL_DRAIN = 0x4, /* no new jobs from outside; workers finish the queue, then leave */
+  OX_TPOOL_FL_PAUSE = 0x8, /* workers take no jobs */
+  OX_TPOOL_FL_EXTERNAL = 0x10 /* the pool is not on the global list */
+};
+
+typedef enum tp_states {
+  OX_TPOOL_ACTIVE = 1,
+  OX_TPOOL_DRAINING = 2,
+  OX_TPOOL_ABORTED = 3
+} tp_states;
+
+enum { OX_TPOOL_MAX_SLOTS = 256, OX_TPOOL_NAME_SIZE = 16 };
+
+/*
+ * A job. `args` as queued; `stats` and `priv` are the running worker's own blocks, or null when
+ * it has none. The result is ignored.
+ */
+typedef void* (*ox_job_func_t)(void* args, void* stats, void* priv);
+typedef void (*ox_tpool_init_func_t)(const char* pool_name, void* args);
+typedef void (*ox_tpool_deinit_func_t)(void* args);
+
+/* One waiting caller of one job. jn_lock guards jn_done; there is no reset. */
+typedef struct ox_job_notify {
+  ox_lock_t jn_lock;
+  pthread_cond_t jn_cv;
+  ox_s32 jn_done; /* 0 until the job has run */
+} ox_job_notify_t;
+
+/* A queued job: allocated by the queueing call, freed by the worker that ran or dropped it. */
+typedef struct ox_job {
+  struct ox_job* job_next; /* guarded by the pool's tp_lock */
+  struct ox_job* job_prev;
+  ox_job_func_t job_func;
+  void* job_args;
+  ox_job_notify_t* job_notify; /* the caller's, or null */
+} ox_job_t;
+
+/* Per-worker statistics blocks. Fixed after creation: oxst_stats, oxst_size. */
+typedef struct ox_stats {
+  ox_lock_t oxst_lock;  /* guards oxst_slots */
+  ox_u64 oxst_slots[4]; /* bit i: slot i is taken */
+  void* oxst_stats;     /* block count x oxst_size bytes, zeroed once */
+  ox_u32 oxst_size;
+  ox_u32 oxst_pad;
+} ox_stats_t;
+
+/* Per-worker private blocks. Fixed after creation: ox_priv, ox_size. */
+typedef struct ox_priv {
+  ox_lock_t ox_lock; /* guards ox_slots */
+  ox_u64 ox_slots[4];
+  void* ox_priv;
+  ox_u32 ox_size;
+  ox_u32 ox_pad;
+} ox_priv_t;
+
+/*
+ * A pool. Fixed after creation: the two functions, the name, tp_nblocks. tp_next and tp_prev are
+ * guarded by the list head's tp_lock; everything from tp_jobq on by this pool's tp_lock.
+ */
+typedef struct ox_tpool {
+  struct ox_tpool* tp_next;
+  struct ox_tpool* tp_prev;
+  ox_tpool_init_func_t tp_init_func;
+  ox_tpool_deinit_func_t tp_deinit_func;
+  ox_stats_t tp_stats;
+  ox_priv_t tp_priv;
+  ox_job_t tp_jobq; /* list head; points at itself when empty */
+  ox_lock_t tp_lock;
+  pthread_cond_t tp_worker_cv; /* workers wait here for jobs */
+  pthread_cond_t tp_pool_cv;   /* drain and destroy wait here for the last worker */
+  char tp_name[OX_TPOOL_NAME_SIZE];
+  ox_u32 tp_min_threads;
+  ox_u32 tp_max_threads;
+  ox_u32 tp_cur_count;  /* live workers */
+  ox_u32 tp_idle_count; /* workers that wait */
+  ox_u32 tp_flags;
+  ox_u32 tp_qlen;
+  ox_u32 tp_state;   /* tp_states */
+  ox_u32 tp_nblocks; /* workers that can have blocks: max_threads at creation, at most 256 */
+} ox_tpool_t;
+
+/* Creates the global pool list, once; later calls do nothing. 0 or an error number. */
+int ox_init_tpool(void);
+/* Destroys every pool on the list with `flags`, then frees the list head. */
+void ox_deinit_tpool(ox_u32 flags);
+
+/*
+ * A new pool without threads, or null after one ERROR line. `stat_size` and `priv_size` are bytes
+ * per worker (0: none), allocated once, zeroed. The name is cut to 15 characters and names the
+ * worker threads too. Freed by ox_destroy_tpool. The external form stays off the global list.
+ */
+ox_tpool_t* ox_tpool_create(const char* name, ox_tpool_init_func_t init_func,
+                            ox_tpool_deinit_func_t deinit_func, ox_u32 stat_size, ox_u32 priv_size,
+                            ox_u32 min_threads, ox_u32 max_threads);
+ox_tpool_t* ox_tpool_create_external(const char* name, ox_tpool_init_func_t init_func,
+                                     ox_tpool_deinit_func_t deinit_func, ox_u32 stat_size,
+                                     ox_u32 priv_size, ox_u32 min_threads, ox_u32 max_threads);
+
+/*
+ * Queues `func(args, ...)`. 0; 22 while the pool drains and the caller is not one of its workers
+ * (told by the thread's name); a lock error; errno after a failed allocation. The job is not
+ * queued on an error. A worker that could not be started is not an error: it is tried again with
+ * the next job. `notify` may be null; it stays the caller's.
+ */
+int ox_queue_work(ox_tpool_t* tp, ox_job_notify_t* notify, ox_job_func_t func, void* args);
+
+/* Replaces both limits; starts and stops no thread. Slots above the first maximum have no blocks.
+ */
+void ox_update_tpool_threads(ox_tpool_t* tp, ox_u32 min_threads, ox_u32 max_threads);
+
+int ox_tpool_pause(ox_tpool_t* tp);
+int ox_tpool_resume(ox_tpool_t* tp);
+bool ox_tpool_is_paused(ox_tpool_t* tp);
+/* Pauses the pool and returns when every worker is idle: running jobs have ended. */
+void ox_tpool_drain_wait(ox_tpool_t* tp);
+
+/*
+ * ORs `flags` in and waits until no worker is left; lifts a pause. The pool stays: a caller that
+ * clears the flags may queue again.
+ */
+void ox_drain_tpool(ox_tpool_t* tp, ox_u32 flags);
+/*
+ * With OX_TPOOL_FL_ABORT: marks the pool aborted and returns; the workers drop the queue and leave
+ * on their own, and the record is deliberately never freed. Otherwise waits for the workers (they
+ * run what is queued, or drop it with OX_TPOOL_FL_STOP) and frees the pool.
+ */
+void ox_destroy_tpool(ox_tpool_t* tp, ox_u32 flags);
+
+/* Notifiers: one job each. All accept null and then do nothing. Create returns null on failure. */
+ox_job_notify_t* ox_job_create_notify(void);
+void ox_signal_job_completion(ox_job_notify_t* notify);
+void ox_wait_job_completion(ox_job_notify_t* notify);
+void ox_job_destroy_notify(ox_job_notify_t* notify);
+
+OX_END_DECLS
+
+#endif

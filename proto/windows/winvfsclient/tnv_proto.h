@@ -1,0 +1,563 @@
+/*
+ * The records that cross the socket between the library and the cache service.
+ *
+ * Each exchange is one request (tnv_msg) and one response (tnv_resp) on a local stream socket.
+ * Integers are little-endian; flags are one byte, 0 or 1 (a byte from the peer is tested for its
+ * lowest bit, never trusted to be 0 or 1); padding is zero. There is no magic number and no version
+ * field. Text fields are filled with bounded copies: a text that fills its field has no NUL, so
+ * every read of one is bounded by the field's size.
+ *
+ * Requests count their header in hdr_len; responses do not count theirs in rhdr_len. Trailing texts
+ * stand from byte 504, each with its NUL. CONNECT, OPEN, DENUM and STAT count the NUL in their
+ * length fields; CANDELETE, DELETE, RENAME, SETPROXY and UPDATETOKEN do not.
+ */
+#ifndef TNV_PROTO_H
+#define TNV_PROTO_H
+
+#include "ox_types.h"
+#include "tnw.h"
+
+OX_BEGIN_DECLS
+
+typedef struct cfs_id {
+  ox_u8 id[16]; /* binary UUID, Windows layout */
+} cfs_id_t;
+typedef cfs_id_t tnv_msgid_t;
+
+/* A time on the wire and in files. */
+typedef struct ox_timespec {
+  ox_s64 tv_sec; /* since 1970-01-01 UTC */
+  ox_s32 tv_nsec;
+  ox_s32 tv_pad;
+} ox_timespec_t;
+
+typedef enum vfs_op {
+  TNV_OP_WIN_CONNECT = 0,
+  TNV_OP_WIN_DISCONNECT = 1, /* never sent by the library */
+  TNV_OP_WIN_OPEN = 2,       /* answered 0 or 183: the two region maps follow the response */
+  TNV_OP_WIN_DENUM = 3,      /* answered 0: wde_fi_len tnw_fileinfo records follow */
+  TNV_OP_WIN_STAT = 4,
+  TNV_OP_WIN_CLOSE = 5,
+  TNV_OP_WIN_RENAME = 6,
+  TNV_OP_WIN_CANDELETE = 7,
+  TNV_OP_WIN_DELETE = 8,
+  TNV_OP_WIN_BRL = 9,
+  TNV_OP_WIN_CLEANUP = 10,
+  TNV_OP_WIN_SETPROXY = 11,
+  TNV_OP_CACHE_REGION = 12,
+  TNV_OP_DIRTY_REGION = 13,
+  TNV_OP_FTRUNCATE = 14,
+  TNV_OP_UPDATETOKEN = 15,
+  TNV_OP_GET_VERSION = 16,
+  TNV_OP_SHUTDOWN = 17,
+  TNV_OP_MAX = 18
+} vfs_op;
+
+/* Lock kinds in wbrl_type. */
+typedef enum tn_smblk_type {
+  TN_SMBLK_LEASE = 1, /* not sent by the library, nor are 5 and 6 */
+  TN_SMBLK_SH_BRL = 2,
+  TN_SMBLK_EX_BRL = 3,
+  TN_SMBLK_UNLOCK_BRL = 4,
+  TN_SMBLK_SHMODE = 5,
+  TN_SMBLK_INVALID = 6
+} tn_smblk_type;
+
+/* Service flags of an open file: wopen_resp_tnflags, fdt_tnflags, wclose_tnflags. */
+enum {
+  TNV_FL_NEWER = 0x2,   /* the cached file is newer than the cloud's */
+  TNV_FL_MAPPED = 0x4,  /* the file has region maps */
+  TNV_FL_MODIFIED = 0x8 /* set by the library: the file was modified through this open */
+};
+
+/* OPEN may answer with this Windows code, which means success: an existing file was opened. */
+enum { TNV_OPEN_EXISTED = 183 };
+
+/* The service's identity of a file or folder; the library keeps it and sends it back. */
+typedef struct tnvfso {
+  cfs_id_t fso_handle;  /* the item's id */
+  cfs_id_t fso_phandle; /* the parent folder's id */
+  cfs_id_t fso_version;
+  cfs_id_t fso_pversion;
+  ox_u32 fso_isdir; /* 1 for a folder */
+  ox_u32 fso_state;
+  ox_u32 fso_pstate;
+  ox_u32 fso_pad;
+  ox_u64 fso_seqno;
+} tnvfso;
+OX_STATIC_ASSERT(offsetof(tnvfso, fso_phandle) == 16, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnvfso, fso_version) == 32, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnvfso, fso_pversion) == 48, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnvfso, fso_isdir) == 64, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnvfso, fso_state) == 68, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnvfso, fso_pstate) == 72, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnvfso, fso_seqno) == 80, "wire layout");
+OX_STATIC_ASSERT(sizeof(tnvfso) == 88, "wire layout");
+
+/* A file's status. */
+typedef struct ox_statx_t {
+  ox_u32 st_dev;
+  ox_u32 st_pad;
+  ox_u64 st_ino;
+  ox_u32 st_nlink;
+  ox_u16 st_mode;
+  ox_u16 st_pad2;
+  ox_u64 st_size; /* bytes */
+  ox_timespec_t st_atim;
+  ox_timespec_t st_mtim;
+  ox_timespec_t st_ctim;
+  ox_timespec_t st_btim;
+  ox_u32 st_blksize;
+  ox_u32 st_uid;
+  ox_u32 st_gid;
+  ox_u32 st_gpad;
+  ox_u64 st_blocks;
+  ox_u32 st_rdev;
+  ox_u32 st_rpad;
+} ox_statx_t;
+OX_STATIC_ASSERT(offsetof(ox_statx_t, st_ino) == 8, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_statx_t, st_nlink) == 16, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_statx_t, st_mode) == 20, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_statx_t, st_size) == 24, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_statx_t, st_atim) == 32, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_statx_t, st_mtim) == 48, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_statx_t, st_ctim) == 64, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_statx_t, st_btim) == 80, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_statx_t, st_blksize) == 96, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_statx_t, st_uid) == 100, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_statx_t, st_gid) == 104, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_statx_t, st_blocks) == 112, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_statx_t, st_rdev) == 120, "wire layout");
+OX_STATIC_ASSERT(sizeof(ox_statx_t) == 128, "wire layout");
+
+/* The service's start arguments. */
+typedef struct ox_tn_args_t {
+  char sa_addr[32];
+  char sa_user[32];
+  char sa_cfs[64];
+  char sa_logfile[64];
+  ox_s32 sa_cfver;
+  ox_s32 sa_recovery;
+  ox_s32 sa_vfs;
+  ox_s32 sa_smb;
+  ox_s32 sa_pauseinit;
+} ox_tn_args_t;
+OX_STATIC_ASSERT(offsetof(ox_tn_args_t, sa_user) == 32, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_tn_args_t, sa_cfs) == 64, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_tn_args_t, sa_logfile) == 128, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_tn_args_t, sa_cfver) == 192, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_tn_args_t, sa_recovery) == 196, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_tn_args_t, sa_vfs) == 200, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_tn_args_t, sa_smb) == 204, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_tn_args_t, sa_pauseinit) == 208, "wire layout");
+OX_STATIC_ASSERT(sizeof(ox_tn_args_t) == 212, "wire layout");
+
+/* What the service says of itself. All texts are bounded and NUL-padded. */
+typedef struct ox_get_version_t {
+  char gv_version[16];
+  char gv_git_hash[41];
+  char gv_host[32];
+  char gv_mode[16];
+  char gv_state[16];
+  char gv_status[16];
+  char gv_build_date[32];
+  char gv_build_host[32];
+  char gv_build_os[16];
+  char gv_build_user[16];
+  char gv_build_type[8];
+  char gv_device_id[37];    /* the service's device */
+  char gv_da_device_id[37]; /* the drive application's device */
+  ox_u8 gv_vfs_enabled;
+  ox_u8 gv_rest_enabled;
+  ox_u8 gv_authorized;
+  ox_u8 gv_red_connected;
+  ox_u8 gv_pad;
+  ox_s32 gv_process_id;
+  ox_tn_args_t gv_tn_args;
+} ox_get_version_t;
+OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_git_hash) == 16, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_host) == 57, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_mode) == 89, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_state) == 105, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_status) == 121, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_build_date) == 137, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_build_host) == 169, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_build_os) == 201, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_build_user) == 217, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_build_type) == 233, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_device_id) == 241, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_da_device_id) == 278, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_vfs_enabled) == 315, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_rest_enabled) == 316, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_authorized) == 317, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_red_connected) == 318, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_process_id) == 320, "wire layout");
+OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_tn_args) == 324, "wire layout");
+OX_STATIC_ASSERT(sizeof(ox_get_version_t) == 536, "wire layout");
+
+/* ------------------------------------------------------------------- requests */
+
+/* Header of every request. */
+typedef struct tnv_msghdr {
+  ox_u32 hdr_opcode;     /* vfs_op */
+  ox_u32 hdr_len;        /* bytes of the whole request: 504 and the trailing texts */
+  tnv_msgid_t hdr_id;    /* new for every request, made when it is sent */
+  cfs_id_t hdr_drvid;    /* drive id, or zero */
+  char hdr_procname[32]; /* the process on whose behalf, or zero */
+} tnv_msghdr;
+OX_STATIC_ASSERT(offsetof(tnv_msghdr, hdr_len) == 4, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_msghdr, hdr_id) == 8, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_msghdr, hdr_drvid) == 24, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_msghdr, hdr_procname) == 40, "wire layout");
+OX_STATIC_ASSERT(sizeof(tnv_msghdr) == 72, "wire layout");
+
+/* CONNECT; the share path trails. */
+typedef struct tnv_wconn_msg {
+  ox_s32 wconmsg_share_path_len; /* with the NUL */
+  ox_u32 wconmsg_pid;            /* deliberately the id of the connecting THREAD */
+  char wconmsg_devid[37];
+  char wconmsg_rhost[128];
+  char wconmsg_cache_dir[128];
+  char wconmsg_user[128];
+  ox_u8 wconmsg_pad[3];
+} tnv_wconn_msg;
+OX_STATIC_ASSERT(offsetof(tnv_wconn_msg, wconmsg_pid) == 4, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wconn_msg, wconmsg_devid) == 8, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wconn_msg, wconmsg_rhost) == 45, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wconn_msg, wconmsg_cache_dir) == 173, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wconn_msg, wconmsg_user) == 301, "wire layout");
+OX_STATIC_ASSERT(sizeof(tnv_wconn_msg) == 432, "wire layout");
+
+/* OPEN; the path trails. */
+typedef struct tnv_wopen_msg {
+  ox_s32 wopen_newfd;   /* the descriptor reserved for this open */
+  ox_s32 wopen_pathlen; /* with the NUL */
+  ox_s32 wopen_origpid;
+  ox_u32 wopen_shmode;
+  ox_u32 wopen_accmode;
+  ox_u32 wopen_cdisp; /* a CreateFile disposition */
+  ox_u32 wopen_flags;
+  ox_u32 wopen_clientid; /* the process that hosts the library */
+} tnv_wopen_msg;
+OX_STATIC_ASSERT(offsetof(tnv_wopen_msg, wopen_pathlen) == 4, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wopen_msg, wopen_origpid) == 8, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wopen_msg, wopen_shmode) == 12, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wopen_msg, wopen_accmode) == 16, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wopen_msg, wopen_cdisp) == 20, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wopen_msg, wopen_flags) == 24, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wopen_msg, wopen_clientid) == 28, "wire layout");
+OX_STATIC_ASSERT(sizeof(tnv_wopen_msg) == 32, "wire layout");
+
+/* DENUM; the path trails. */
+typedef struct tnv_wdenum_msg {
+  ox_s32 wde_pathlen; /* with the NUL */
+} tnv_wdenum_msg;
+OX_STATIC_ASSERT(sizeof(tnv_wdenum_msg) == 4, "wire layout");
+
+/* STAT; the path trails. */
+typedef struct tnv_wstat_msg {
+  ox_s32 wstat_path_len; /* with the NUL */
+} tnv_wstat_msg;
+OX_STATIC_ASSERT(sizeof(tnv_wstat_msg) == 4, "wire layout");
+
+/* CANDELETE; the path trails. */
+typedef struct tnv_wcandelete_msg {
+  ox_s32 wcandelete_msg_plen; /* without the NUL */
+} tnv_wcandelete_msg;
+OX_STATIC_ASSERT(sizeof(tnv_wcandelete_msg) == 4, "wire layout");
+
+/* DELETE; the path trails. */
+typedef struct tnv_wdelete_msg {
+  ox_s32 wdelete_msg_plen; /* without the NUL */
+} tnv_wdelete_msg;
+OX_STATIC_ASSERT(sizeof(tnv_wdelete_msg) == 4, "wire layout");
+
+/* RENAME; source and target trail. */
+typedef struct tnv_wrename_msg {
+  ox_s32 wrename_msg_slen; /* without the NUL */
+  ox_s32 wrename_msg_dlen; /* without the NUL */
+} tnv_wrename_msg;
+OX_STATIC_ASSERT(offsetof(tnv_wrename_msg, wrename_msg_dlen) == 4, "wire layout");
+OX_STATIC_ASSERT(sizeof(tnv_wrename_msg) == 8, "wire layout");
+
+/* SETPROXY; server, user name and password trail. */
+typedef struct tnv_wsetproxy_msg {
+  ox_s32 wproxy_server_len; /* each without the NUL */
+  ox_s32 wproxy_uname_len;
+  ox_s32 wproxy_passwd_len;
+} tnv_wsetproxy_msg;
+OX_STATIC_ASSERT(offsetof(tnv_wsetproxy_msg, wproxy_uname_len) == 4, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wsetproxy_msg, wproxy_passwd_len) == 8, "wire layout");
+OX_STATIC_ASSERT(sizeof(tnv_wsetproxy_msg) == 12, "wire layout");
+
+/* UPDATETOKEN; the token trails. */
+typedef struct tnv_updatetoken_msg {
+  ox_s32 ut_len; /* without the NUL */
+} tnv_updatetoken_msg;
+OX_STATIC_ASSERT(sizeof(tnv_updatetoken_msg) == 4, "wire layout");
+
+/* CLOSE. */
+typedef struct tnv_wclose_msg {
+  ox_s32 wclose_fd; /* client descriptor */
+  ox_s32 wclose_origpid;
+  cfs_id_t wclose_id; /* the file's id */
+  tnvfso wclose_fso;
+  ox_u32 wclose_oamode;
+  ox_u32 wclose_oshmode;
+  ox_u32 wclose_oflags;
+  ox_u32 wclose_tnflags;     /* TNV_FL_*, widened from 16 bits */
+  tnv_msgid_t wclose_omsgid; /* id of the request that opened it */
+} tnv_wclose_msg;
+OX_STATIC_ASSERT(offsetof(tnv_wclose_msg, wclose_origpid) == 4, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wclose_msg, wclose_id) == 8, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wclose_msg, wclose_fso) == 24, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wclose_msg, wclose_oamode) == 112, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wclose_msg, wclose_oshmode) == 116, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wclose_msg, wclose_oflags) == 120, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wclose_msg, wclose_tnflags) == 124, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wclose_msg, wclose_omsgid) == 128, "wire layout");
+OX_STATIC_ASSERT(sizeof(tnv_wclose_msg) == 144, "wire layout");
+
+/* CLEANUP; as CLOSE, but the id is deliberately left zero. */
+typedef struct tnv_wcleanup_msg {
+  ox_s32 wcl_fd; /* client descriptor */
+  ox_s32 wcl_origpid;
+  cfs_id_t wcl_id; /* the file's id */
+  tnvfso wcl_fso;
+  ox_u32 wcl_oamode;
+  ox_u32 wcl_oshmode;
+  ox_u32 wcl_oflags;
+  ox_u32 wcl_tnflags;     /* TNV_FL_*, widened from 16 bits */
+  tnv_msgid_t wcl_omsgid; /* id of the request that opened it */
+} tnv_wcleanup_msg;
+OX_STATIC_ASSERT(offsetof(tnv_wcleanup_msg, wcl_origpid) == 4, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wcleanup_msg, wcl_id) == 8, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wcleanup_msg, wcl_fso) == 24, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wcleanup_msg, wcl_oamode) == 112, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wcleanup_msg, wcl_oshmode) == 116, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wcleanup_msg, wcl_oflags) == 120, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wcleanup_msg, wcl_tnflags) == 124, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wcleanup_msg, wcl_omsgid) == 128, "wire layout");
+OX_STATIC_ASSERT(sizeof(tnv_wcleanup_msg) == 144, "wire layout");
+
+/* BRL: byte-range lock. */
+typedef struct tnv_wbrl_msg {
+  ox_s32 wbrl_type; /* tn_smblk_type */
+  ox_s32 wbrl_pid;
+  ox_s32 wbrl_fd;
+  ox_s32 wbrl_pad;
+  ox_u64 wbrl_off;
+  ox_u64 wbrl_len;
+  tnvfso wbrl_fso;
+  cfs_id_t wbrl_gid; /* the file's id */
+} tnv_wbrl_msg;
+OX_STATIC_ASSERT(offsetof(tnv_wbrl_msg, wbrl_pid) == 4, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wbrl_msg, wbrl_fd) == 8, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wbrl_msg, wbrl_off) == 16, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wbrl_msg, wbrl_len) == 24, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wbrl_msg, wbrl_fso) == 32, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wbrl_msg, wbrl_gid) == 120, "wire layout");
+OX_STATIC_ASSERT(sizeof(tnv_wbrl_msg) == 136, "wire layout");
+
+/* CACHE_REGION: fetch a range into the cache file. */
+typedef struct tnv_cache_region_msg {
+  ox_u8 cache_read_trunc; /* 1: the range is asked for by a truncation */
+  ox_u8 cache_read_pad[7];
+  ox_u64 cache_read_off;
+  ox_u64 cache_read_len;
+  tnv_msgid_t cache_read_omsgid;
+  tnvfso cache_read_fso;
+} tnv_cache_region_msg;
+OX_STATIC_ASSERT(offsetof(tnv_cache_region_msg, cache_read_off) == 8, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_cache_region_msg, cache_read_len) == 16, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_cache_region_msg, cache_read_omsgid) == 24, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_cache_region_msg, cache_read_fso) == 40, "wire layout");
+OX_STATIC_ASSERT(sizeof(tnv_cache_region_msg) == 128, "wire layout");
+
+/* DIRTY_REGION: a range is about to be written. */
+typedef struct tnv_dirty_region_msg {
+  ox_u64 cache_write_off;
+  ox_u64 cache_write_len;
+  tnv_msgid_t cache_write_omsgid;
+  tnvfso cache_write_fso;
+} tnv_dirty_region_msg;
+OX_STATIC_ASSERT(offsetof(tnv_dirty_region_msg, cache_write_len) == 8, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_dirty_region_msg, cache_write_omsgid) == 16, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_dirty_region_msg, cache_write_fso) == 32, "wire layout");
+OX_STATIC_ASSERT(sizeof(tnv_dirty_region_msg) == 120, "wire layout");
+
+/* FTRUNCATE: the file gets a new size. */
+typedef struct tnv_ftruncate_msg {
+  ox_u64 cache_trunc_nfsz;
+  tnv_msgid_t cache_trunc_omsgid;
+  tnvfso cache_trunc_fso;
+} tnv_ftruncate_msg;
+OX_STATIC_ASSERT(offsetof(tnv_ftruncate_msg, cache_trunc_omsgid) == 8, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_ftruncate_msg, cache_trunc_fso) == 24, "wire layout");
+OX_STATIC_ASSERT(sizeof(tnv_ftruncate_msg) == 112, "wire layout");
+
+/* The request. The fixed part is always 504 bytes; the union is 432. */
+typedef struct tnv_msg {
+  tnv_msghdr hdr;
+  union {
+    ox_u8 bytes[432];
+    tnv_wconn_msg wconn;
+    tnv_wopen_msg wopen;
+    tnv_wdenum_msg wdenum;
+    tnv_wstat_msg wstat;
+    tnv_wclose_msg wclose;
+    tnv_wrename_msg wrename;
+    tnv_wcandelete_msg wcandelete;
+    tnv_wdelete_msg wdelete;
+    tnv_wbrl_msg wbrl;
+    tnv_wcleanup_msg wcleanup;
+    tnv_wsetproxy_msg wsetproxy;
+    tnv_cache_region_msg cache_region;
+    tnv_dirty_region_msg dirty_region;
+    tnv_ftruncate_msg ftruncate;
+    tnv_updatetoken_msg updatetoken;
+  } u;
+} tnv_msg;
+OX_STATIC_ASSERT(offsetof(tnv_msg, u) == 72, "wire layout");
+OX_STATIC_ASSERT(sizeof(tnv_msg) == 504, "wire layout");
+
+/* Where the trailing texts begin, and the length of a request without any. */
+enum { TNV_MSG_FIXED = 504 };
+static inline char* tnv_msg_payload(tnv_msg* msg) { return (char*)msg + TNV_MSG_FIXED; }
+
+/* ------------------------------------------------------------------- responses */
+
+/* Header of every response. */
+typedef struct tnv_resphdr {
+  tnv_msgid_t rhdr_id; /* the request answered; not compared: responses match by order */
+  ox_u64 rhdr_utxid;   /* the service's transaction id, for traces; 0: none */
+  ox_u32 rhdr_opcode;
+  ox_u32 rhdr_len;       /* payload bytes that follow these 48; at most 1168 */
+  ox_u32 rhdr_errno;     /* 0, a Unix error number, or for OPEN 183 */
+  ox_s32 rhdr_fd2xfer;   /* unused; the receiver writes -1 */
+  ox_u8 rhdr_tn_unauthd; /* 1: no valid authorisation for the user */
+  ox_u8 rhdr_pad[7];
+} tnv_resphdr;
+OX_STATIC_ASSERT(offsetof(tnv_resphdr, rhdr_utxid) == 16, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_resphdr, rhdr_opcode) == 24, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_resphdr, rhdr_len) == 28, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_resphdr, rhdr_errno) == 32, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_resphdr, rhdr_fd2xfer) == 36, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_resphdr, rhdr_tn_unauthd) == 40, "wire layout");
+OX_STATIC_ASSERT(sizeof(tnv_resphdr) == 48, "wire layout");
+
+/* CONNECT. */
+typedef struct tnv_conn_resp {
+  ox_u64 conresp_shandle; /* the service's handle of the connection */
+  ox_u64 conresp_stid;    /* the service's thread */
+  ox_statx_t connresp_stat;
+  cfs_id_t connresp_sfid; /* the share's id */
+} tnv_conn_resp;
+OX_STATIC_ASSERT(offsetof(tnv_conn_resp, conresp_stid) == 8, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_conn_resp, connresp_stat) == 16, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_conn_resp, connresp_sfid) == 144, "wire layout");
+OX_STATIC_ASSERT(sizeof(tnv_conn_resp) == 160, "wire layout");
+
+/* OPEN; two maps of wopen_resp_rmap_size bytes each follow the response. */
+typedef struct tnv_wopen_resp {
+  ox_s32 wopen_resp_region_shift; /* log2 of the region size: 0 to 62 */
+  ox_s32 wopen_resp_spad;
+  ox_u64 wopen_resp_rmap_size;
+  ox_u64 wopen_resp_dmap_size; /* recorded only */
+  ox_u32 wopen_resp_tnflags;
+  ox_u32 wopen_resp_pad;
+  tnvfso wopen_resp_fso;
+  ox_u64 wopen_resp_handle; /* a file handle, valid in the client's process */
+  ox_statx_t wopen_resp_stat;
+} tnv_wopen_resp;
+OX_STATIC_ASSERT(offsetof(tnv_wopen_resp, wopen_resp_rmap_size) == 8, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wopen_resp, wopen_resp_dmap_size) == 16, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wopen_resp, wopen_resp_tnflags) == 24, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wopen_resp, wopen_resp_fso) == 32, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wopen_resp, wopen_resp_handle) == 120, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_wopen_resp, wopen_resp_stat) == 128, "wire layout");
+OX_STATIC_ASSERT(sizeof(tnv_wopen_resp) == 256, "wire layout");
+
+/* DENUM. */
+typedef struct tnv_wdenum_resp {
+  tnvfso wde_fso;
+  ox_u64 wde_fi_len; /* records that follow the response */
+} tnv_wdenum_resp;
+OX_STATIC_ASSERT(offsetof(tnv_wdenum_resp, wde_fi_len) == 88, "wire layout");
+OX_STATIC_ASSERT(sizeof(tnv_wdenum_resp) == 96, "wire layout");
+
+/* STAT. */
+typedef struct tnv_wstat_resp {
+  tnw_fileinfo wstat_fi;
+} tnv_wstat_resp;
+OX_STATIC_ASSERT(sizeof(tnv_wstat_resp) == 1168, "wire layout");
+
+/* CANDELETE. */
+typedef struct tnv_wcandel_resp {
+  ox_u8 wcandel_check; /* 1: may be deleted */
+} tnv_wcandel_resp;
+OX_STATIC_ASSERT(sizeof(tnv_wcandel_resp) == 1, "wire layout");
+
+/* CACHE_REGION. */
+typedef struct tnv_cache_region_resp {
+  ox_u64 cr_soff; /* start of what was fetched */
+  ox_u64 cr_sz;   /* bytes now cached from the requested offset on */
+  ox_u64 cr_fsz;  /* the file's size */
+  ox_u8 cr_clear; /* 1: the file is empty, drop the maps */
+  ox_u8 cr_pad[7];
+} tnv_cache_region_resp;
+OX_STATIC_ASSERT(offsetof(tnv_cache_region_resp, cr_sz) == 8, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_cache_region_resp, cr_fsz) == 16, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnv_cache_region_resp, cr_clear) == 24, "wire layout");
+OX_STATIC_ASSERT(sizeof(tnv_cache_region_resp) == 32, "wire layout");
+
+/* DIRTY_REGION. */
+typedef struct tnv_dirty_region_resp {
+  ox_u8 dr_clear; /* 1: the file is empty, drop the maps */
+} tnv_dirty_region_resp;
+OX_STATIC_ASSERT(sizeof(tnv_dirty_region_resp) == 1, "wire layout");
+
+/* UPDATETOKEN. */
+typedef struct tnv_updatetoken_resp {
+  ox_u8 wut_success;
+} tnv_updatetoken_resp;
+OX_STATIC_ASSERT(sizeof(tnv_updatetoken_resp) == 1, "wire layout");
+
+/* GET_VERSION. */
+typedef struct tnv_get_version_resp {
+  ox_get_version_t ver_fields;
+} tnv_get_version_resp;
+OX_STATIC_ASSERT(sizeof(tnv_get_version_resp) == 536, "wire layout");
+
+/* The response: 48 bytes and rhdr_len more. */
+typedef struct tnv_resp {
+  tnv_resphdr rhdr;
+  union {
+    ox_u8 bytes[1168];
+    tnv_conn_resp conn;
+    tnv_wopen_resp wopen;
+    tnv_wdenum_resp wdenum;
+    tnv_wstat_resp wstat;
+    tnv_wcandel_resp wcandel;
+    tnv_cache_region_resp cache_region;
+    tnv_dirty_region_resp dirty_region;
+    tnv_updatetoken_resp updatetoken;
+    tnv_get_version_resp get_version;
+  } u;
+} tnv_resp;
+OX_STATIC_ASSERT(offsetof(tnv_resp, u) == 48, "wire layout");
+OX_STATIC_ASSERT(sizeof(tnv_resp) == 1216, "wire layout");
+enum { TNV_RESP_HDR = 48, TNV_RESP_MAX_PAYLOAD = 1168 };
+
+/* The descriptor-passing record that tnv_sendbytes takes; never filled on Windows. */
+typedef struct tnv_fdcntl {
+  ox_s32 fdcntl_fd;
+  ox_s32 fdcntl_len;
+  ox_s32 fdcntl_level;
+  ox_s32 fdcntl_type;
+} tnv_fdcntl;
+OX_STATIC_ASSERT(sizeof(tnv_fdcntl) == 16, "wire layout");
+
+OX_END_DECLS
+
+#endif

@@ -1,0 +1,182 @@
+/*
+ * libtnw: the client library of a cloud drive.
+ *
+ * A drive application fills a tnw_tninit, calls tnw_init once per drive and answers each
+ * file-system request with one call below. Results are Windows error codes, 0 for success.
+ *
+ * Threads: every file call may run on any thread at the same time, with these limits: no call may
+ * run on a drive handle while tnw_deinit or tnw_deinit_force runs on it; one close at a time per
+ * file handle; one thread at a time per enumeration handle. Calls block until the cache service has
+ * answered; there is no time-out.
+ *
+ * Codes that every file call may return beside its own:
+ *   1467  unknown drive handle, or an operation handle that is not open on any drive; also a broken
+ *         connection to the cache service (open, enumeration, reads and writes that need it)
+ *   1326  the service has no valid authorisation for the user: call tnw_updatetoken
+ * A broken connection reads as SUCCESS from close and cleanup: notice it by 1467 from the next
+ * open, then deinitialise and initialise the drive again.
+ *
+ * Text is NUL-terminated UTF-8 where it names something in the cloud, and a narrow string in the
+ * process's code page where it names a local file. Fixed-length fields hold text that is terminated
+ * when it is shorter than the field.
+ */
+#ifndef TNW_H
+#define TNW_H
+
+#include "ox_types.h"
+
+OX_BEGIN_DECLS
+
+/* What tnw_init is told. The library copies what it keeps; it may set bit 0 of tnw_flags. */
+typedef struct tnw_tninit {
+  int tnw_flags;       /* TNW_INIT_NO_RETRY */
+  int tnw_min_threads; /* worker threads that stay when idle */
+  int tnw_max_threads; /* most worker threads, and connections to the service: 1 to 256 */
+  ox_u64 tnw_user_id;  /* 0: unknown */
+  char tnw_username[64];
+  char tnw_workdir[5000];   /* root of the cache directories */
+  char tnw_uds_workdir[96]; /* directory for the socket; empty: the cache directory. The socket's
+                               path must stay below 108 bytes */
+  char tnw_logdir[5000];    /* log files of the library and the service */
+  char tnw_sharepath[1024]; /* the drive's path in the cloud */
+  char tnw_binpath[5000];   /* the service program */
+  char tnw_regpath[1024];   /* kept, not used */
+  char tnw_api_addr[128];   /* passed to the service, as are the next ones */
+  char tnw_config_addr[128];
+  char tnw_workgroup_id[37]; /* may be empty */
+  char tnw_da_device_id[37]; /* UUID texts */
+  char tnw_da_drive_id[37];
+  char tnw_tn_device_id[37]; /* empty: kept in the registry */
+  char tnw_authtoken[512];
+  char tnw_domain[51];        /* a host name with at least one dot */
+  char tnw_proxy_server[256]; /* empty: no proxy */
+  char tnw_proxy_uname[64];
+  char tnw_proxy_password[512];
+} tnw_tninit;
+
+enum { TNW_INIT_NO_RETRY = 0x1 };
+
+/* The user that holds a cloud lock. */
+typedef struct tnw_cfs_lock {
+  ox_u64 lk_uid;
+  char lk_uname[64];
+} tnw_cfs_lock;
+
+/* One file or folder. Times are Windows file times: 100 ns since 1601-01-01 UTC. */
+typedef struct tnw_fileinfo {
+  ox_u32 fi_attr; /* Windows file attributes; 16: folder */
+  ox_u32 fi_pad;
+  ox_u64 fi_ctime;
+  ox_u64 fi_atime;
+  ox_u64 fi_mtime;
+  ox_u64 fi_size;  /* bytes */
+  ox_u8 fi_locked; /* 1: locked in the cloud */
+  char fi_id[37];  /* UUID text */
+  char fi_collab[512];
+  char fi_name[245]; /* UTF-8; a name of 245 bytes has no NUL */
+  char fi_cksum[256];
+  ox_u8 fi_pad2[5];
+  tnw_cfs_lock fi_lockowner;
+} tnw_fileinfo;
+
+OX_STATIC_ASSERT(sizeof(tnw_cfs_lock) == 72, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_ctime) == 8, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_size) == 32, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_locked) == 40, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_id) == 41, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_collab) == 78, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_name) == 590, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_cksum) == 835, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_lockowner) == 1096, "wire layout");
+OX_STATIC_ASSERT(sizeof(tnw_fileinfo) == 1168, "wire layout");
+
+/* ------------------------------------------------------------------- drives */
+
+/*
+ * Starts the cache service of (tnw_domain, tnw_username), or joins the running one, and returns a
+ * drive handle, or null. `err` (may be null) is 0, or 31 when start-up gave up, which asks the
+ * caller for its classic way of working without the service. The same drive id gives the same
+ * handle again. A null record gives null and 87.
+ *
+ * May take long: two starts of up to 60 s (readiness) with pauses of 5 s, and 75 s more where an
+ * old service still runs. TNW_INIT_NO_RETRY gives up after the first failure. Start-ups and
+ * shut-downs of one process run one at a time.
+ */
+void* tnw_init(tnw_tninit* tninit, int* err);
+
+/*
+ * Gives a drive handle back; the last one of a service stops the service (after 1 s) and frees all
+ * that belongs to it, open files included. `force` is accepted and deliberately has no effect. 87
+ * for a null or unknown handle; otherwise 0, or the shut-down request's result as it is (-1 for a
+ * broken connection). The service process is not waited for.
+ */
+int tnw_deinit(void* drvhdl, bool force);
+/* The same at once, for every drive handle of the service. 0, or 87. */
+int tnw_deinit_force(void* drvhdl);
+
+/* The text of the service instance's id, or an empty text for an unknown handle. The library's. */
+const char* tnw_get_tninstance_id(void* drvhdl);
+
+/* ------------------------------------------------------------------- open files */
+
+/*
+ * Opens or creates a file or folder and returns its handle, or null.
+ *   fc          the caller's slot for the file's context, one slot per file: empty (null) at the
+ *               first open, then filled by the library and shared by all opens of the file. The
+ *               library frees the context with the last close and cannot empty the slot: the caller
+ *               does, when its own count of opens reaches zero. A failed first open empties it.
+ *   accmode     1 read, 2 and 4 write; 0 attributes only
+ *   shmode      Windows share mode
+ *   cdisp       native disposition: 0 supersede, 1 open, 2 create, 3 open-if, 4 overwrite,
+ *               5 overwrite-if
+ *   flags       native create options (0x1 folder, 0x40 file)
+ *   origpid     the process that opens; in_procname its name (may be null; 32 bytes are kept)
+ *   err         may be null: 0, 160 (null handle or path), 87 (cdisp above 5), 24 (no descriptor
+ *               free), 8, or the service's answer
+ * On success the thread's last error is 0, or 183 when a create found an existing file.
+ */
+void* tnw_create(void* drvhdl, void** fc, const char* path, ox_u32 accmode, ox_u32 shmode,
+                 ox_u32 cdisp, ox_u32 flags, int origpid, const char* in_procname, int* err);
+
+/* The last user handle of the file went. 0, 160 (null or closed handle), or the service's answer.
+ */
+int tnw_cleanup_file(void* ophdl);
+
+/*
+ * Closes the file; the handle is not to be used again. `out_procname` (32 bytes, may be null)
+ * receives the opener's name. 0, 160 (null or closed handle), or the service's answer: a refused
+ * close keeps the handle, whose local file is closed already, and may be repeated.
+ */
+int tnw_close(void* ophdl, char* out_procname);
+
+/*
+ * Read or write `len` bytes (cut to 32 bits) at offset `off`. `nbread` and `nbwritten` receive the
+ * count; `out_procname` (32 bytes) the opener's name; both may be null. Two surprises:
+ *   - a read at or past the end returns 38 with the count 0; one that straddles it returns 0 and a
+ *     short count;
+ *   - a region that the service answers with 7 makes a read return 0 with the count untouched.
+ * 6: null, closed or folder handle. Failures of the local file come as Windows codes unchanged.
+ */
+int tnw_read(void* ophdl, void* buffer, ox_u64 len, ox_off off, ox_s64* nbread, char* out_procname);
+int tnw_write(void* ophdl, void* buffer, ox_u64 len, ox_off off, ox_s64* nbwritten,
+              char* out_procname);
+
+/* ------------------------------------------------------------------- folders */
+
+/*
+ * Lists a folder: one exchange fetches all of it, tnw_findnext hands out the copy. Returns the
+ * enumeration handle, or null; `out` receives the first entry. `err` (may be null): 0; 18 with a
+ * handle for an empty folder (to be closed too); 160, 24, 8, or the service's answer with null.
+ */
+void* tnw_findfirst(void* drvhdl, const char* path, tnw_fileinfo* out, const char* in_procname,
+                    int* err);
+/* 0 and the next entry; 18 at the end; 160. `out` is cleared first once the instance is found. */
+int tnw_findnext(void* dehdl, tnw_fileinfo* out);
+/* 0, 160, or the service's answer; the handle is gone unless 1326, 1467 or 160. */
+int tnw_findclose(void* dehdl);
+/* Whether the enumerated folder has no entries. 0 or 160. */
+int tnw_checkfolderempty(void* dehdl, bool* is_empty);
+
+OX_END_DECLS
+
+#endif

@@ -1,0 +1,46 @@
+/*
+ * One connection to the cache service.
+ *
+ * A connection carries one request at a time. In a service instance each lives in the private block
+ * of one pool worker slot and is used by that slot's worker alone; slot 0 is also used by the
+ * calling thread for connect, version and shut-down, and read by every call for log prefixes.
+ */
+#ifndef VFS_HANDLE_H
+#define VFS_HANDLE_H
+
+#include <time.h>
+
+#include "ox_types.h"
+#include "tnv_proto.h"
+
+OX_BEGIN_DECLS
+
+struct vfs_handle;
+/* Tells whether the connection's owner shuts down; asked once a second while a transfer waits. */
+typedef bool (*vfs_is_exiting_t)(struct vfs_handle* vh);
+
+typedef struct vfs_handle {
+  ox_s64 vfs_fd; /* the socket; -1 before the connect and after the connection broke */
+  cfs_id_t vfs_share_fid;
+  ox_u64 vfs_peer_tid;
+  ox_u64 vfs_utxid; /* transaction id of the last response; 0 while a request is under way */
+  ox_s32 vfs_pid;   /* not set by the client */
+  ox_s32 vfs_pad;
+  char* vfs_share_path;        /* owned */
+  const char* vfs_target_path; /* not set by the client; not owned */
+  char vfs_rhost[128];         /* this computer */
+  char vfs_cache_dir[128];
+  char vfs_user[128];
+  char vfs_domain[51];
+  char vfs_da_devid[37];
+  void* vfs_peer_handle;           /* the service's, opaque */
+  char vfs_sock_path[108];         /* in slot 0 only */
+  void* vfs_private;               /* not used by the client */
+  struct timespec vfs_curmsg_ts;   /* real time when the current request began */
+  vfs_is_exiting_t vfs_is_exiting; /* null on the client's connections */
+} vfs_handle;
+OX_STATIC_ASSERT(sizeof(vfs_handle) == 688, "the size of a worker's private block");
+
+OX_END_DECLS
+
+#endif
