@@ -1,0 +1,77 @@
+# The commands of daily work; `make help` lists them. Each works as the first one after a clone: it
+# installs what it needs (Debian: through apt), configures, builds and runs. CMake does the work and
+# everything made is below build/, so clones do not disturb each other.
+SHELL := bash
+.SHELLFLAGS := -euo pipefail -c
+.NOTPARALLEL:
+MAKEFLAGS += --no-print-directory --no-builtin-rules
+export LC_ALL := C.UTF-8
+
+# A step that prints one line, and its output only when it fails: $(call step,NAME,TEXT,COMMAND)
+step = printf '==> %s\n' '$(2)'; mkdir -p build; \
+       $(3) >build/$(1).log 2>&1 || { cat build/$(1).log; exit 1; }
+configure = $(call step,configure-$(1),Configuring the $(1) build,cmake --preset $(1))
+# Ninja shows its progress on a terminal; elsewhere only what compilers say.
+build = printf '==> %s\n' 'Building in build/$(1)'; \
+        quiet=--quiet; if [[ -t 1 ]]; then quiet=; fi; \
+        cmake --build --preset $(1) $(if $(2),--target $(2)) -- $$quiet
+
+# What the demonstration runs; the tests' libraries are not waited for.
+DEMO_TARGETS := tnw tarnd tnwsh wine_ws2_32
+OWN_CODE = git ls-files -co --exclude-standard -- '*.cpp' '*.h' '*.c'
+
+.PHONY: help demo test test-slow build host-build host-test format tidy clean packages
+
+help: ## Lists these commands
+	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1@\2/p' $(firstword $(MAKEFILE_LIST)) | \
+	  while IFS=@ read -r name text; do printf '%-18s %s\n' "$$name" "$$text"; done
+
+demo: packages build/windows/build.ninja ## Builds a cloud drive and watches it work on real files
+	@$(call build,windows,$(DEMO_TARGETS))
+	@tools/demo
+
+test: build host-build ## Builds everything and runs the tests, but for the slow ones
+	@status=0; \
+	for preset in host windows; do \
+	  printf '==> Testing the %s build\n' $$preset; \
+	  ctest --preset $$preset || status=1; \
+	done; \
+	exit $$status
+
+test-slow: build ## Runs the tests that take minutes
+	@ctest --preset windows-slow
+
+build: packages ## Builds the DLL, the service, the shell and the tests for Windows
+	@tools/build-cross-prefix
+	@$(call configure,windows)
+	@$(call build,windows)
+
+host-build: packages
+	@$(call configure,host)
+	@$(call build,host)
+
+host-test: packages ## Runs the tests of the portable modules with sanitizers, on this machine
+	@for preset in host-asan host-tsan; do \
+	  $(call step,configure,Configuring the build with sanitizers,cmake --preset $$preset); \
+	  $(call build,$$preset); \
+	  setarch -R ctest --preset $$preset; \
+	done
+
+format: ## Formats the code
+	@tools/install-packages clang-format
+	@$(OWN_CODE) | xargs -d '\n' clang-format -i
+
+tidy: ## Looks for likely faults with clang-tidy
+	@tools/install-packages clang-tidy
+	@$(call configure,host)
+	@$(call configure,windows)
+	@tools/tidy
+
+clean: ## Removes everything that was built here
+	rm -rf build
+
+packages:
+	@tools/install-packages
+
+build/windows/build.ninja: | packages
+	@$(call configure,windows)
