@@ -49,12 +49,13 @@ void ox_unix2win_sep(char* text);
 /* Names the calling thread (cut to 15 characters). 0 or an error number. */
 int ox_pthread_setname_np(const char* name);
 
+/* The portability layer's rule from a Windows error to an errno (see ox_platform.h). */
+int ox_winerr2errno(ox_u32 winerr);
+
 /* ------------------------------------------------------------------- Windows only */
 
 /* A new random UUID. */
 void ox_uuid_generate(ox_u8* id);
-/* The portability layer's rule from a Windows error to an errno (see ox_platform.h). */
-int ox_winerr2errno(ox_u32 winerr);
 /* Removes a file. 0, or -1 with errno. */
 int ox_unlink(const char* path);
 

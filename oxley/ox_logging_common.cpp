@@ -1,0 +1,134 @@
+/*
+ * The parts of a log line: levels, timestamp and prefix; the one-shot start and the knobs.
+ */
+#define _POSIX_THREAD_SAFE_FUNCTIONS 200112L /* MinGW: localtime_r */
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "ox_logging.h"
+#include "ox_util.h"
+
+const char* ox_msg_type[OX_MSG_TYPES] = {
+    "INFO", "WARNING", "ERROR", "FATAL", "DEBUG", "", "", "PROF", "TODO", "ALERT",
+};
+ox_logfunc_t ox_logfunc = nullptr;
+ox_s32 ox_debug = 1;
+
+namespace {
+
+/* The mark that logging has been initialised; nothing is ever written to it. */
+FILE* ox_logfp = nullptr;
+
+/*
+ * Appends formatted text at `buf` and lowers *capacity by the characters written. Capacity counts
+ * the NUL: at 1 nothing fits any more, and what is appended is cut to the empty text.
+ */
+OX_PRINTF_LIKE(3, 4) int append(char* buf, int* capacity, const char* fmt, ...) {
+  if (*capacity <= 0) {
+    return 0;
+  }
+  va_list args;
+  va_start(args, fmt);
+  int length = vsnprintf(buf, static_cast<size_t>(*capacity), fmt, args);
+  va_end(args);
+  if (length < 0) {
+    length = 0;
+    buf[0] = '\0';
+  }
+  const int written = length < *capacity ? length : *capacity - 1;
+  *capacity -= written;
+  return written;
+}
+
+int append_level(char* buf, ox_msglvl type, ox_s32 lineno, const char* file, ox_s32 errnum,
+                 int* capacity) {
+  const char* word = type < OX_MSG_TYPES ? ox_msg_type[type] : "";
+  switch (type) {
+    case OX_INFO_LEVEL:
+    case OX_WARN_LEVEL:
+    case OX_PROF_LEVEL:
+      return append(buf, capacity, "%-7.7s %12.12s:%-d ", word, file, lineno);
+    case OX_ERROR_LEVEL:
+      return append(buf, capacity, "%-3.3s:%03d %12.12s:%-d ", word, errnum, file, lineno);
+    case OX_FATAL_LEVEL:
+      return append(buf, capacity, "%-7.7s %d:%12.12s:%-d ", word, errnum, file, lineno);
+    case OX_DEBUG_LEVEL:
+      return append(buf, capacity, "%-4.4s-%02d %12.12s:%d ", word, ox_debug, file, lineno);
+    case OX_USER_LEVEL:
+    case OX_PRINTF_LEVEL:
+      return append(buf, capacity, "%s", "");
+    case OX_TODO_LEVEL:
+      return append(buf, capacity, "%-7.7s %d:%12.12s:%d ", word, errnum, file, lineno);
+    default: /* OX_ALERT_LEVEL and whatever is no level */
+      return append(buf, capacity, "%12.12s:%-d ", file, lineno);
+  }
+}
+
+}  // namespace
+
+void ox_init_logging(const char* logger_name, const char* logfile, ox_logfunc_t logfunc,
+                     const char* /*mode*/) {
+  if (ox_logfp != nullptr) {
+    return;
+  }
+  constexpr size_t file_size = 52428800;
+  constexpr size_t file_count = 10;
+  ox_init_spdlogger(logger_name, logfile, file_size, file_count);
+  ox_logfp = stdout;
+  if (logfunc != nullptr) {
+    ox_logfunc = logfunc;
+  }
+}
+
+void ox_log(const char* fmt, ...) {
+  const int saved_errno = errno;
+  char line[OX_LOG_LINE_SIZE];
+  va_list args;
+  va_start(args, fmt);
+  const int length = vsnprintf(line, sizeof(line), fmt, args);
+  va_end(args);
+  if (length < 0) {
+    line[0] = '\0';
+  }
+  ox_spdlog(line);
+  errno = saved_errno;
+}
+
+int ox_log_timestamp(char* buf, int* capacity) {
+  struct timespec now = {};
+  (void)ox_clock_gettime(0, &now);
+  const time_t seconds = now.tv_sec;
+  struct tm local = {};
+  (void)localtime_r(&seconds, &local);
+  char text[64];
+  if (strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local) == 0) {
+    text[0] = '\0';
+  }
+  /* The year stands again in the last place, deliberately: readers of the log expect it there. */
+  return append(buf, capacity, "[%s.%3.03ld %d] ", text, static_cast<long>(now.tv_nsec / 1000000),
+                local.tm_year + 1900);
+}
+
+int ox_log_prefix(char* buf, ox_msglvl type, ox_s32 lineno, const char* file, ox_s32 errnum,
+                  int* capacity) {
+  int written = 0;
+  if (type != OX_PRINTF_LEVEL) {
+    written = ox_log_timestamp(buf, capacity);
+  }
+  return written + append_level(buf + written, type, lineno, file, errnum, capacity);
+}
+
+void ox_log_flush(void) { ox_flush_spdlogger(); }
+
+void trim_newline(char* text) {
+  if (text == nullptr || text[0] == '\0') {
+    return;
+  }
+  char* last = text + strlen(text) - 1;
+  if (*last == '\n') {
+    *last = '\0';
+  }
+}

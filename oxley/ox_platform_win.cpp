@@ -1,0 +1,260 @@
+/*
+ * Descriptor calls over Windows file handles, and the helpers that need Windows.
+ */
+#include "ox_platform.h"
+
+#include <fcntl.h>
+#include <io.h>
+#include <rpc.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "ox_errno.h"
+#include "ox_logging.h"
+#include "ox_util.h"
+#include "ox_win_handle.h"
+
+#ifdef _UCRT
+/* In the runtime, but not in every MinGW's headers. */
+extern "C" _CRTIMP _invalid_parameter_handler __cdecl _set_thread_local_invalid_parameter_handler(
+    _invalid_parameter_handler handler);
+#endif
+
+namespace {
+
+/*
+ * For its lifetime the runtime answers a bad descriptor with EBADF on this thread. The universal
+ * runtime would end the process; msvcrt.dll answers so by itself.
+ */
+class bad_descriptors_allowed {
+ public:
+#ifdef _UCRT
+  bad_descriptors_allowed() : previous_(_set_thread_local_invalid_parameter_handler(ignore)) {}
+  ~bad_descriptors_allowed() { _set_thread_local_invalid_parameter_handler(previous_); }
+
+ private:
+  static void ignore(const wchar_t*, const wchar_t*, const wchar_t*, unsigned int, uintptr_t) {}
+  _invalid_parameter_handler previous_;
+#else
+  bad_descriptors_allowed() {}
+  ~bad_descriptors_allowed() {}
+#endif
+};
+
+DWORD desired_access(ox_u32 flags) {
+  if ((flags & OX_O_RDWR) != 0) {
+    return GENERIC_READ | GENERIC_WRITE;
+  }
+  return (flags & OX_O_WRONLY) != 0 ? GENERIC_WRITE : GENERIC_READ;
+}
+
+DWORD buffering(ox_u32 flags) {
+  if ((flags & OX_O_DIRECT) != 0) {
+    return FILE_FLAG_NO_BUFFERING;
+  }
+  return (flags & OX_O_SYNC) != 0 ? FILE_FLAG_WRITE_THROUGH : 0;
+}
+
+/* Opens `path`, shared for everything, and wraps the handle; -1 with errno. */
+int open_descriptor(const char* path, ox_u32 access_flags, DWORD disposition, DWORD attributes,
+                    int descriptor_flags) {
+  constexpr DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+  HANDLE handle = CreateFileA(path, desired_access(access_flags), share, nullptr, disposition,
+                              attributes | buffering(access_flags), nullptr);
+  if (handle == INVALID_HANDLE_VALUE) {
+    ox_set_errno();
+    return -1;
+  }
+  const int fd = _open_osfhandle(reinterpret_cast<intptr_t>(handle), descriptor_flags);
+  if (fd < 0) {
+    CloseHandle(handle); /* the runtime has no descriptor left; errno is its own */
+  }
+  return fd;
+}
+
+DWORD at_most_dword(size_t count) {
+  return static_cast<DWORD>(std::min<size_t>(count, UINT32_MAX));
+}
+
+/* One ReadFile or WriteFile at `offset`; the offset travels in the overlapped record. */
+template <typename Call, typename Buffer>
+ox_s64 transfer(Call call, int fd, Buffer* buf, size_t count, ox_off offset) {
+  HANDLE handle = ox_fd_handle(fd);
+  if (handle == INVALID_HANDLE_VALUE) {
+    return -1; /* errno stays as it was */
+  }
+  OVERLAPPED at = {};
+  at.Offset = static_cast<DWORD>(offset & 0xffffffff);
+  at.OffsetHigh = static_cast<DWORD>(offset >> 32);
+  DWORD transferred = 0;
+  if (!call(handle, buf, at_most_dword(count), &transferred, &at)) {
+    ox_set_errno();
+    return -1;
+  }
+  return transferred;
+}
+
+/* ox_fd2path for a handle; `fd` is what the log line names, -1 for a handle without descriptor. */
+int handle_path(HANDLE handle, int fd, char* buf, size_t size, const char* name) {
+  const DWORD length = GetFinalPathNameByHandleA(handle, buf, at_most_dword(size), 0);
+  if (length == 0 || length >= size) {
+    if (length == 0) {
+      ox_set_errno();
+    } else {
+      errno = OX_E2BIG; /* the system sets no error for a path that does not fit: as for the name */
+    }
+    OX_LOG(OX_ERROR_LEVEL, errno,
+           "ox_fd2path: Failed to GetFinalPathNameByHandleA for fd %d fh %p sz %lu", fd, handle,
+           static_cast<unsigned long>(size));
+    return 0;
+  }
+  if (name == nullptr) {
+    return 1;
+  }
+  if (length + strlen(name) + 2 > size) {
+    errno = OX_E2BIG;
+    return 0;
+  }
+  snprintf(buf + length, size - length, "\\%s", name);
+  ox_unix2win_sep(buf);
+  return 1;
+}
+
+}  // namespace
+
+HANDLE ox_fd_handle(int fd) {
+  const int saved_errno = errno;
+  const bad_descriptors_allowed guard;
+  const intptr_t handle = _get_osfhandle(fd);
+  errno = saved_errno;
+  return reinterpret_cast<HANDLE>(handle);
+}
+
+void ox_set_errno(void) { errno = ox_winerr2errno(GetLastError()); }
+
+int ox_creat(const char* path, ox_u32 flags, ox_u32 mode) {
+  const bool writable = (mode & 0222) != 0;
+  const int access = (flags & OX_O_RDWR) != 0 ? OX_O_RDWR : static_cast<int>(flags & OX_O_WRONLY);
+  return open_descriptor(path, flags, ox_create_disposition(flags),
+                         writable ? FILE_ATTRIBUTE_NORMAL : FILE_ATTRIBUTE_READONLY, access);
+}
+
+int ox_open(const char* path, ox_u32 flags) {
+  const int fd =
+      open_descriptor(path, flags, OPEN_EXISTING, FILE_ATTRIBUTE_READONLY, static_cast<int>(flags));
+  if (fd < 0) {
+    OX_LOG(OX_ERROR_LEVEL, errno, "ox_open: Cannot open file %s", path);
+  }
+  return fd;
+}
+
+int ox_close(int fd) {
+  const bad_descriptors_allowed guard;
+  return _close(fd);
+}
+
+int ox_close_fhdl(ox_handle handle) {
+  const int fd = _open_osfhandle(reinterpret_cast<intptr_t>(handle), 0);
+  if (fd >= 0) {
+    return ox_close(fd);
+  }
+  if (errno != EMFILE) {
+    return -1;
+  }
+  /* Every descriptor is taken: the handle is good and must not leak for that. */
+  if (!CloseHandle(handle)) {
+    ox_set_errno();
+    return -1;
+  }
+  return 0;
+}
+
+ox_off ox_lseek(int fd, ox_off offset, int whence) {
+  static const DWORD methods[] = {FILE_BEGIN, FILE_CURRENT, FILE_END};
+  if (whence < 0 || whence > 2) {
+    return OX_EINVAL; /* deliberately the number itself, not -1: callers compare with it */
+  }
+  LARGE_INTEGER distance;
+  distance.QuadPart = offset;
+  LARGE_INTEGER position;
+  if (!SetFilePointerEx(ox_fd_handle(fd), distance, &position, methods[whence])) {
+    ox_set_errno();
+    return -1;
+  }
+  return position.QuadPart;
+}
+
+int ox_ftruncate(int fd, ox_off length) {
+  (void)ox_lseek(fd, length, 0); /* the position stays there; a failure shows in the next call */
+  FILE_END_OF_FILE_INFO end;
+  end.EndOfFile.QuadPart = length;
+  if (!SetFileInformationByHandle(ox_fd_handle(fd), FileEndOfFileInfo, &end, sizeof(end))) {
+    ox_set_errno();
+    OX_LOG(OX_ERROR_LEVEL, errno, "ox_ftruncate: Cannot truncate fd %d to %lld", fd,
+           static_cast<long long>(length));
+    return -1;
+  }
+  return 0;
+}
+
+ox_s64 ox_pread(int fd, void* buf, size_t count, ox_off offset) {
+  return transfer(ReadFile, fd, buf, count, offset);
+}
+
+ox_s64 ox_pwrite(int fd, const void* buf, size_t count, ox_off offset) {
+  return transfer(WriteFile, fd, buf, count, offset);
+}
+
+int ox_fd2path(int fd, char* buf, size_t size, const char* name) {
+  return handle_path(ox_fd_handle(fd), fd, buf, size, name);
+}
+
+/*
+ * Asks the handle directly. A descriptor wrapped around it could not be closed again without
+ * closing the caller's handle, and one for each call would use up the runtime's table. What could
+ * not have been wrapped is refused as the runtime would have: without a log line.
+ */
+int ox_handle2path(ox_handle handle, char* buf, size_t size, const char* name) {
+  SetLastError(ERROR_SUCCESS);
+  if (GetFileType(handle) == FILE_TYPE_UNKNOWN && GetLastError() != ERROR_SUCCESS) {
+    errno = OX_EBADF;
+  } else if (handle_path(handle, -1, buf, size, name)) {
+    return 1;
+  }
+  if (size > 0) {
+    buf[0] = '\0';
+  }
+  return 0;
+}
+
+int ox_get_max_openfiles(void) { return _getmaxstdio(); }
+
+void ox_uuid_generate(ox_u8* id) {
+  UUID made = {}; /* its one failure, a machine without an address, is of another kind of UUID */
+  (void)UuidCreate(&made);
+  static_assert(sizeof(made) == OX_UUID_SIZE);
+  memcpy(id, &made, sizeof(made));
+}
+
+int ox_unlink(const char* path) {
+  if (!DeleteFileA(path)) {
+    ox_set_errno();
+    return -1;
+  }
+  return 0;
+}
+
+int ox_stat(const char* path, ox_stat_t* st) {
+  WIN32_FILE_ATTRIBUTE_DATA data;
+  if (!GetFileAttributesExA(path, GetFileExInfoStandard, &data)) {
+    ox_set_errno();
+    return -1;
+  }
+  st->st_size = static_cast<ox_u64>(data.nFileSizeHigh) << 32 | data.nFileSizeLow;
+  st->st_isdir = (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+  return 0;
+}
