@@ -53,7 +53,7 @@ int tnw_setup_socket(vfs_handle* vh, const char* sock);
 /*
  * The transfers on a connection of the client: as above, but a connection that fails is broken for
  * good. Its socket is closed, once, and vfs_fd is -1; on a broken connection both answer 10057
- * (not connected) at once, without touching any socket.
+ * (not connected) at once, without touching any socket. errno is 133 after every failure.
  */
 int tnv_conn_send(vfs_handle* vh, const void* data, size_t nbytes);
 int tnv_conn_recv(vfs_handle* vh, void* data, size_t nbytes);

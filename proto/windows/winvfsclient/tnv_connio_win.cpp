@@ -1,0 +1,337 @@
+#include "tnv_connio_win.h"
+
+#include <winsock2.h>
+// after winsock2.h
+#include <afunix.h>
+#include <windows.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "ox_errno.h"
+#include "ox_util.h"
+#include "tnv_log.h"
+
+namespace {
+
+constexpr int POLL_MS = 1000;
+/* How long a socket rests that was reported ready and then moved nothing. */
+constexpr DWORD NOT_READY_REST_MS = 1;
+/* The most bytes of one transfer on a client connection: the transfers count in int. */
+constexpr size_t MAX_CHUNK = size_t{1} << 30;
+
+/* A failure is returned and stored in errno: after all logging, which may change errno. */
+int fail(int err) {
+  errno = err;
+  return err;
+}
+
+/* ------------------------------------------------------------------- the transfer loop */
+
+/* What a send and a receive do not share. */
+struct direction {
+  const char* verb;
+  const char* title;
+  short events;
+  int exiting_err; /* the error of a wait that the owner's shut-down ended */
+  bool drains;     /* bytes may still be moved after the peer hung up */
+  int (*move)(SOCKET sock, char* data, int nbytes);
+};
+
+int move_out(SOCKET sock, char* data, int nbytes) { return send(sock, data, nbytes, 0); }
+int move_in(SOCKET sock, char* data, int nbytes) { return recv(sock, data, nbytes, 0); }
+
+/* Deliberately two codes for one event: a receive answers in the runtime's numbering. */
+constexpr direction SEND = {"send", "Send", POLLWRNORM, WSAECONNRESET, false, move_out};
+constexpr direction RECV = {"recv", "Recv", POLLRDNORM | POLLRDBAND, OX_ECONNRESET, true, move_in};
+
+/* A transfer under way; used by one thread. */
+struct transfer {
+  const direction& dir;
+  SOCKET sock;
+  char* next;
+  int left;
+  vfs_handle* owner;   /* null, or asked while nothing moves */
+  bool at_end = false; /* a receive gave 0 bytes: only the hang-up is waited for */
+  bool owner_exiting = false;
+  bool closed = false; /* the peer hung up, and the socket was closed */
+};
+
+int hung_up(transfer& t) {
+  closesocket(t.sock);
+  t.closed = true;
+  OX_LOG(OX_ERROR_LEVEL, WSAECONNRESET, "Socket %s connection hungup", t.dir.verb);
+  return WSAECONNRESET;
+}
+
+/* The error that a poll reported without naming it. */
+int pending_error(SOCKET sock) {
+  int err = 0;
+  int size = sizeof(err);
+  if (getsockopt(sock, SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&err), &size) != 0) {
+    err = WSAGetLastError();
+  }
+  return err != 0 ? err : WSAECONNRESET;
+}
+
+int poll_failed(const transfer& t) {
+  const int err = WSAGetLastError();
+  if (err == WSAEINTR) return 0;
+  OX_LOG(OX_ERROR_LEVEL, err, "Error on %s OX_POLL", t.dir.title);
+  return err != 0 ? err : WSAENOTSOCK;
+}
+
+/* A second passed. A stream that ended a second ago, without a hang-up, brings nothing more. */
+int timed_out(transfer& t) {
+  if (t.owner != nullptr && t.owner->vfs_is_exiting != nullptr &&
+      t.owner->vfs_is_exiting(t.owner)) {
+    t.owner_exiting = true;
+    return t.dir.exiting_err;
+  }
+  return t.at_end ? hung_up(t) : 0;
+}
+
+int faulty(const transfer& t, int ready) {
+  const int err = pending_error(t.sock);
+  if (ready & POLLNVAL) {
+    OX_LOG(OX_ERROR_LEVEL, err, "Socket %s invalid socket", t.dir.verb);
+  } else {
+    OX_LOG(OX_ERROR_LEVEL, err, "Failed to %s over socket", t.dir.verb);
+  }
+  return err;
+}
+
+/* `moved` was not positive: a hang-up, a fault, the end of the stream, or nothing yet. */
+int nothing_moved(transfer& t, int ready, int moved) {
+  const int err = moved < 0 ? WSAGetLastError() : 0;
+  if (ready & POLLHUP) return hung_up(t);
+  if (err != 0 && err != WSAEWOULDBLOCK && err != WSAEINTR) {
+    OX_LOG(OX_ERROR_LEVEL, err, "Failed to %s over socket", t.dir.verb);
+    return err;
+  }
+  if (ready & POLLERR) return faulty(t, ready);
+  if (moved == 0 && t.dir.drains) {
+    t.at_end = true;
+  } else {
+    Sleep(NOT_READY_REST_MS);
+  }
+  return 0;
+}
+
+/* Waits up to a second and moves what can be moved: 0 to go on, or the error. */
+int step(transfer& t) {
+  WSAPOLLFD pfd = {t.sock, t.at_end ? SHORT{0} : t.dir.events, 0};
+  const int count = WSAPoll(&pfd, 1, POLL_MS);
+  if (count < 0) return poll_failed(t);
+  if (count == 0) return timed_out(t);
+  const int ready = pfd.revents;
+  if ((ready & POLLHUP) && !t.dir.drains) return hung_up(t);
+  if ((ready & POLLNVAL) || ((ready & POLLERR) && !t.dir.drains)) return faulty(t, ready);
+
+  const int moved = t.dir.move(t.sock, t.next, t.left);
+  if (moved <= 0) return nothing_moved(t, ready, moved);
+  t.next += moved;
+  t.left -= moved;
+  return 0;
+}
+
+/* Moves all of it: 0, or the error. `closed` tells whether a hang-up closed the socket. */
+int run(const direction& dir, vfs_handle* owner, int sockfd, ox_u8* data, int nbytes,
+        bool* closed) {
+  transfer t{dir, static_cast<SOCKET>(sockfd), reinterpret_cast<char*>(data), nbytes, owner};
+  int err = nbytes < 0 ? WSAEINVAL : 0;
+  while (err == 0 && t.left > 0) err = step(t);
+  *closed = t.closed;
+  if (err == 0) return 0;
+  if (!t.owner_exiting) {
+    OX_LOG(OX_ERROR_LEVEL, err, "%s failed on sockfd %d\n", dir.title, sockfd);
+  }
+  return fail(err);
+}
+
+int send_all(vfs_handle* owner, int sockfd, ox_u8* data, int nbytes, bool* closed) {
+  *closed = false;
+  if (nbytes == 0) return 0;
+  tnv_debug_dump_msg(reinterpret_cast<char*>(data), nbytes);
+  return run(SEND, owner, sockfd, data, nbytes, closed);
+}
+
+int recv_all(vfs_handle* owner, int sockfd, ox_u8* data, int nbytes, bool* closed) {
+  *closed = false;
+  if (nbytes == 0) return 0;
+  const int err = run(RECV, owner, sockfd, data, nbytes, closed);
+  if (err == 0) tnv_debug_dump_msg(reinterpret_cast<char*>(data), nbytes);
+  return err;
+}
+
+/* ------------------------------------------------------------------- client connections */
+
+using transfer_func = int (*)(vfs_handle* owner, int sockfd, ox_u8* data, int nbytes, bool* closed);
+
+/* 0 is the number of no socket either: that of a record which was only zero-filled. */
+bool has_socket(const vfs_handle* vh) { return vh->vfs_fd > 0; }
+
+/*
+ * errno is 133 whatever the transport's own error: what failed in the middle of an answer is, for
+ * the drive application, the same dead connection that its next request meets.
+ */
+int conn_transfer(vfs_handle* vh, transfer_func move, ox_u8* data, size_t nbytes) {
+  int err = 0;
+  while (err == 0 && nbytes > 0) {
+    const size_t chunk = std::min(nbytes, MAX_CHUNK);
+    bool closed = false;
+    err = has_socket(vh)
+              ? move(nullptr, static_cast<int>(vh->vfs_fd), data, static_cast<int>(chunk), &closed)
+              : WSAENOTCONN;
+    if (closed) vh->vfs_fd = -1;
+    data += chunk;
+    nbytes -= chunk;
+  }
+  if (err == 0) return 0;
+  tnv_conn_break(vh);
+  errno = OX_EOWNERDEAD;
+  return err;
+}
+
+/* ------------------------------------------------------------------- the dump */
+
+constexpr int DUMP_ROW = 32;
+constexpr int DUMP_GROUP = 4;
+/* Eight digits for each byte, seven gaps and the NUL. */
+constexpr size_t DUMP_LINE = DUMP_ROW * 8 + DUMP_ROW / DUMP_GROUP;
+
+/* The byte is deliberately taken as a signed char: 0x80 and above print as eight digits. */
+int format_hex(char* out, size_t size, char byte) {
+  return snprintf(out, size, "%2.2x", static_cast<unsigned>(static_cast<signed char>(byte)));
+}
+
+int format_text(char* out, size_t size, char byte) {
+  return snprintf(out, size, " %c", byte >= ' ' && byte <= '~' ? byte : ' ');
+}
+
+void dump_row(const char* row, int len, int (*format)(char*, size_t, char)) {
+  char line[DUMP_LINE];
+  size_t used = 0;
+  for (int i = 0; i < len; i++) {
+    if (i > 0 && i % DUMP_GROUP == 0) line[used++] = ' ';
+    used += static_cast<size_t>(format(line + used, sizeof(line) - used, row[i]));
+  }
+  OX_LOG(OX_PRINTF_LEVEL, 0, "%s", line);
+}
+
+}  // namespace
+
+/* ------------------------------------------------------------------- exported */
+
+int tnv_sock_init(void) {
+  WSADATA data;
+  return WSAStartup(MAKEWORD(2, 2), &data);
+}
+
+int tnv_setsockopt(int fd) {
+  u_long nonblocking = 1;
+  if (ioctlsocket(static_cast<SOCKET>(fd), FIONBIO, &nonblocking) == 0) return 0;
+  const int err = WSAGetLastError();
+  OX_LOG(OX_ERROR_LEVEL, err, "Could not set socket nonblocking");
+  WSASetLastError(err);
+  return fail(err);
+}
+
+int tnv_sendbytes(vfs_handle* vh, int sockfd, tnv_fdcntl*, ox_u8* data, int nbytes) {
+  bool closed;
+  return send_all(vh, sockfd, data, nbytes, &closed);
+}
+
+int tnv_recvbytes(vfs_handle* vh, int sockfd, int*, ox_u8* data, int nbytes) {
+  bool closed;
+  return recv_all(vh, sockfd, data, nbytes, &closed);
+}
+
+int tnv_send_response(vfs_handle* vh, int fd, tnv_msg* msgp, tnv_resp* resp) {
+  tnv_log_resp(vh, msgp, resp);
+  if (resp->rhdr.rhdr_len > TNV_RESP_MAX_PAYLOAD) return fail(WSAEMSGSIZE);
+  return tnv_sendbytes(vh, fd, nullptr, reinterpret_cast<ox_u8*>(resp),
+                       TNV_RESP_HDR + static_cast<int>(resp->rhdr.rhdr_len));
+}
+
+int tnv_signal_start(char* vfs_sock_path) {
+  char name[sizeof(sockaddr_un::sun_path)];
+  snprintf(name, sizeof(name), "%s", vfs_sock_path);
+  ox_event_name_fold(name);
+  OX_LOG(OX_INFO_LEVEL, 0, "Signal event name %s", name);
+
+  /* Auto-reset and initially signalled; deliberately never closed, so that it outlives the call. */
+  const HANDLE event = CreateEventA(nullptr, FALSE, TRUE, name);
+  if (event == nullptr) {
+    const int err = static_cast<int>(GetLastError());
+    OX_LOG(OX_ERROR_LEVEL, err, "Failed to create named event %s", name);
+    return fail(err);
+  }
+  if (!SetEvent(event)) {
+    const int err = static_cast<int>(GetLastError());
+    OX_LOG(OX_ERROR_LEVEL, err, "Failed to signal event %s", name);
+    return fail(err);
+  }
+  return 0;
+}
+
+void tnv_debug_dump_msg(char* buf, int len) {
+  if (ox_debug < 2) return;
+  OX_LOG(OX_PRINTF_LEVEL, 0, "%0*d --- Begin --- %0*d", 20, 0, 20, 0);
+  for (int start = 0; start < len; start += DUMP_ROW) {
+    const int row_len = std::min(DUMP_ROW, len - start);
+    dump_row(buf + start, row_len, format_hex);
+    dump_row(buf + start, row_len, format_text);
+  }
+  OX_LOG(OX_PRINTF_LEVEL, 0, "%0*d --- End --- %0*d", 20, 0, 20, 0);
+}
+
+/* ------------------------------------------------------------------- not exported */
+
+int tnw_setup_socket(vfs_handle* vh, const char* sock) {
+  const SOCKET fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  vh->vfs_fd = static_cast<ox_s64>(fd);
+  if (fd == INVALID_SOCKET) {
+    const int err = WSAGetLastError();
+    OX_LOG(OX_ERROR_LEVEL, err, "Failed to create socket");
+    return fail(err);
+  }
+
+  sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  const int len = snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", sock);
+  if (len < 0 || static_cast<size_t>(len) >= sizeof(addr.sun_path)) {
+    OX_LOG(OX_ERROR_LEVEL, ERROR_FILENAME_EXCED_RANGE, "Socket path too long %s", sock);
+    return fail(ERROR_FILENAME_EXCED_RANGE);
+  }
+
+  OX_LOG(OX_INFO_LEVEL, 0, "Attempt to connect to socket %s", sock);
+  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+    const int err = WSAGetLastError();
+    OX_LOG(OX_ERROR_LEVEL, err, "Failed to connect to socket %s", sock);
+    return fail(err);
+  }
+
+  if (tnv_setsockopt(static_cast<int>(fd)) != 0) {
+    const int err = WSAGetLastError();
+    OX_LOG(OX_ERROR_LEVEL, err, "Failed to set socket options");
+    return fail(err);
+  }
+  return 0;
+}
+
+int tnv_conn_send(vfs_handle* vh, const void* data, size_t nbytes) {
+  /* A send does not write into its buffer; the primitive's parameter only says so by habit. */
+  return conn_transfer(vh, send_all, static_cast<ox_u8*>(const_cast<void*>(data)), nbytes);
+}
+
+int tnv_conn_recv(vfs_handle* vh, void* data, size_t nbytes) {
+  return conn_transfer(vh, recv_all, static_cast<ox_u8*>(data), nbytes);
+}
+
+void tnv_conn_break(vfs_handle* vh) {
+  if (has_socket(vh)) closesocket(static_cast<SOCKET>(vh->vfs_fd));
+  vh->vfs_fd = -1;
+}
