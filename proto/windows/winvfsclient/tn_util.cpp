@@ -1,0 +1,46 @@
+#include "tn_util.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "ox_util.h"
+
+namespace {
+
+constexpr ox_u32 attribute_directory = 16;
+
+/* 100 ns since 1601-01-01 UTC; wraps like the unsigned arithmetic that it is. */
+ox_u64 filetime_of(const ox_timespec_t& ts) {
+  constexpr ox_u64 seconds_1601_to_1970 = 11644473600;
+  return (static_cast<ox_u64>(ts.tv_sec) + seconds_1601_to_1970) * 10000000 +
+         static_cast<ox_u64>(ts.tv_nsec / 100);
+}
+
+/* "version-chunks-chunksize-" when there are chunks, then the digest in hexadecimal. */
+void checksum_text(char* text, size_t size, const cfs_cksum& ck) {
+  size_t at = 0;
+  if (ck.ck_nchunks != 0) {
+    at = static_cast<size_t>(snprintf(text, size, "%d-%d-%llu-", static_cast<int>(ck.ck_version),
+                                      static_cast<int>(ck.ck_nchunks),
+                                      static_cast<unsigned long long>(ck.ck_csize)));
+  }
+  for (ox_u8 byte : ck.ck_sha512) {
+    at += static_cast<size_t>(snprintf(text + at, size - at, "%02x", byte));
+  }
+}
+
+}  // namespace
+
+void tn_cfp2fi(tnw_fileinfo* fi, const cfs_path* cfp) {
+  memset(fi, 0, sizeof *fi);
+  const bool folder = (cfp->mp_flags & CFS_PATH_FOLDER) != 0;
+  fi->fi_attr = folder ? attribute_directory : 0;
+  /* Deliberately not mp_btime: a caller sees the modification time in all three. */
+  fi->fi_ctime = fi->fi_atime = fi->fi_mtime = filetime_of(cfp->mp_cmtime);
+  fi->fi_size = cfp->mp_size;
+  ox_uuid_unparse(cfp->mp_id.id, fi->fi_id);
+  ox_copy_field(fi->fi_name, sizeof fi->fi_name, cfs_path_name(cfp));
+  if (!folder) {
+    checksum_text(fi->fi_cksum, sizeof fi->fi_cksum, cfp->mp_checksum);
+  }
+}

@@ -1,0 +1,279 @@
+#include "vfstnw_bmap.h"
+
+#include <atomic>
+#include <cstring>
+#include <limits>
+
+#include "ox_assert.h"
+#include "ox_errno.h"
+#include "ox_util.h"
+#include "tnw_connect.h"
+#include "tnw_log.h"
+#include "vfstnw_bits.h"
+
+namespace {
+
+unsigned long long llu(ox_u64 value) { return value; }
+unsigned long long llu(ox_off value) { return static_cast<unsigned long long>(value); }
+
+/* A flag from the peer may be any byte. */
+bool is_flag_set(ox_u8 byte) { return (byte & 1) != 0; }
+
+/* ------------------------------------------------------------------- maps */
+
+/* How much of a range lies inside the map: `sz` bytes from its offset on. */
+struct Inside {
+  ox_u64 sz;
+  bool whole; /* all of it */
+};
+
+/* Both maps of an entry have fdt_rmap_size bytes. The caller holds one of the map locks. */
+Inside inside_map(const tnvfd* fde, ox_off off, ox_u64 sz) {
+  const ox_u64 regions = fde->fdt_rmap_size * 8;
+  if (sz == 0 || off < 0 || (static_cast<ox_u64>(off) >> fde->fdt_rshift) >= regions) {
+    return {0, false};
+  }
+  const ox_u64 first = static_cast<ox_u64>(off);
+  const ox_u64 room = std::numeric_limits<ox_u64>::max() - first;
+  const bool wraps = sz - 1 > room;
+  const ox_u64 last = wraps ? std::numeric_limits<ox_u64>::max() : first + (sz - 1);
+  if ((last >> fde->fdt_rshift) < regions) {
+    return {last - first + 1, !wraps};
+  }
+  return {(regions << fde->fdt_rshift) - first, false};
+}
+
+bool is_set_in(const ox_u8* map, const tnvfd* fde, ox_off off, ox_u64 sz) {
+  return inside_map(fde, off, sz).whole && vfstnw_is_region_set(map, fde->fdt_rshift, off, sz);
+}
+
+/* Changes the bits of a range in one map of the entry, if it is there, under the map's lock. */
+void mark_in(tnvfd* fde, ox_u8* tnvfd::*map, ox_rwlock_t* lock, ox_off off, ox_u64 sz, bool clear) {
+  ox_rwlock_excl(lock);
+  if (fde->*map != nullptr) {
+    const Inside in = inside_map(fde, off, sz);
+    if (in.sz != 0) {
+      vfstnw_set_region_bits(fde->*map, fde->fdt_rshift, off, in.sz, clear);
+    }
+  }
+  ox_rwunlock(lock);
+}
+
+void mark_cached(tnvfd* fde, ox_off off, ox_u64 sz, bool clear) {
+  mark_in(fde, &tnvfd::fdt_rmap, &fde->fdt_rmap_lock, off, sz, clear);
+}
+
+void mark_dirty(tnvfd* fde, ox_off off, ox_u64 sz, bool clear) {
+  mark_in(fde, &tnvfd::fdt_dmap, &fde->fdt_dmap_lock, off, sz, clear);
+}
+
+/* The first step of a drop: who gets the pointer frees it. */
+ox_u8* unhook_cached_map(tnvfd* fde) {
+  ox_rwlock_excl(&fde->fdt_rmap_lock);
+  ox_u8* maps = std::atomic_ref(fde->fdt_rmap).exchange(nullptr);
+  ox_rwunlock(&fde->fdt_rmap_lock);
+  return maps;
+}
+
+void unhook_dirty_map(tnvfd* fde) {
+  ox_rwlock_excl(&fde->fdt_dmap_lock);
+  fde->fdt_dmap = nullptr;
+  fde->fdt_rshift = 0;
+  fde->fdt_dmap_size = 0;
+  fde->fdt_rmap_size = 0;
+  ox_rwunlock(&fde->fdt_dmap_lock);
+}
+
+/* ------------------------------------------------------------------- requests */
+
+struct FileId {
+  char text[OX_UUID_TEXT_SIZE];
+  explicit FileId(const tnvfd* fde) { ox_uuid_unparse(fde->fdt_fso.fso_handle.id, text); }
+};
+
+tnv_msg new_request(vfs_op opcode) {
+  tnv_msg msg = {};
+  msg.hdr.hdr_opcode = opcode;
+  msg.hdr.hdr_len = TNV_MSG_FIXED;
+  return msg;
+}
+
+tnv_msg cache_request(const tnvfd* fde, ox_off off, ox_u64 sz, bool truncate) {
+  tnv_msg msg = new_request(TNV_OP_CACHE_REGION);
+  tnv_cache_region_msg& req = msg.u.cache_region;
+  req.cache_read_trunc = truncate ? 1 : 0;
+  req.cache_read_off = static_cast<ox_u64>(off);
+  req.cache_read_len = sz;
+  tn_cfs_id_copy(&req.cache_read_omsgid, &fde->fdt_msgid);
+  req.cache_read_fso = fde->fdt_fso;
+  return msg;
+}
+
+tnv_msg dirty_request(const tnvfd* fde, ox_off off, ox_u64 sz) {
+  tnv_msg msg = new_request(TNV_OP_DIRTY_REGION);
+  tnv_dirty_region_msg& req = msg.u.dirty_region;
+  req.cache_write_off = static_cast<ox_u64>(off);
+  req.cache_write_len = sz;
+  tn_cfs_id_copy(&req.cache_write_omsgid, &fde->fdt_msgid);
+  req.cache_write_fso = fde->fdt_fso;
+  return msg;
+}
+
+tnv_msg truncate_request(const tnvfd* fde, ox_u64 nfsz) {
+  tnv_msg msg = new_request(TNV_OP_FTRUNCATE);
+  tnv_ftruncate_msg& req = msg.u.ftruncate;
+  req.cache_trunc_nfsz = nfsz;
+  tn_cfs_id_copy(&req.cache_trunc_omsgid, &fde->fdt_msgid);
+  req.cache_trunc_fso = fde->fdt_fso;
+  return msg;
+}
+
+/* The service says that the file is empty now. */
+void file_became_empty(tnvfd* fde) {
+  std::atomic_ref(fde->fdt_stat.st_size).store(0);
+  vfstnw_remove_bmaps(fde);
+}
+
+bool carries_file_size(const tnv_resp& resp) {
+  constexpr size_t end = offsetof(tnv_cache_region_resp, cr_fsz) + sizeof(ox_u64);
+  return resp.rhdr.rhdr_len >= end;
+}
+
+/* What an answered cache request means for the entry and the caller. */
+int take_cache_answer(vfs_handle* vh, tnvfd* fde, ox_off off, ox_u64 sz, bool truncate,
+                      const tnv_resp& resp, ox_u64* cur_fszp) {
+  const int err = static_cast<int>(resp.rhdr.rhdr_errno);
+  const tnv_cache_region_resp& answer = resp.u.cache_region;
+  if (err == 0 && is_flag_set(answer.cr_clear)) {
+    file_became_empty(fde);
+    return 0;
+  }
+  if (err == OX_ENOTTY) {
+    /* Deliberately a success: the service will not cache this range, the caller reads without. */
+    TNW_LOG(vh, OX_INFO_LEVEL, err, "Uncached read(%d, %llu, %llu : %s)", fde->fdt_fd, llu(off),
+            llu(sz), FileId(fde).text);
+    return 0;
+  }
+  if (err != 0) {
+    TNW_ERROR(vh, err, "cache_region(%d, %llu, %llu : %s) failed", fde->fdt_fd, llu(off), llu(sz),
+              FileId(fde).text);
+  } else if (!truncate) {
+    mark_cached(fde, off, answer.cr_sz, false);
+  }
+  if (cur_fszp != nullptr && carries_file_size(resp)) {
+    *cur_fszp = answer.cr_fsz;
+  }
+  return err;
+}
+
+}  // namespace
+
+bool vfstnw_is_cached(tnvfd* fde, ox_off off, ox_u64 sz) {
+  if (sz == 0) {
+    return true;
+  }
+  ox_rwlock_shared(&fde->fdt_rmap_lock);
+  const ox_u8* map = fde->fdt_rmap;
+  const bool set = map == nullptr || is_set_in(map, fde, off, sz);
+  ox_rwunlock(&fde->fdt_rmap_lock);
+  return set;
+}
+
+bool vfstnw_is_dirty(tnvfd* fde, ox_off off, ox_u64 sz) {
+  if (sz == 0) {
+    return true;
+  }
+  ox_rwlock_shared(&fde->fdt_dmap_lock);
+  const ox_u8* map = fde->fdt_dmap;
+  /* Read without its lock: a drop that took the dirty map has taken this one before. */
+  const bool fault = map == nullptr && std::atomic_ref(fde->fdt_rmap).load() != nullptr;
+  const bool set = map == nullptr || is_set_in(map, fde, off, sz);
+  ox_rwunlock(&fde->fdt_dmap_lock);
+  if (fault) {
+    ox_assert_failed("((fde->fdt_dmap != ((void*)0)))", "vfstnw_bmap", 32);
+  }
+  return set;
+}
+
+int vfstnw_cache_regions(vfs_handle* vh, tnvfd* fde, ox_off off, ox_u64 sz, bool truncate,
+                         ox_u64* cur_fszp, bool* msg_sentp) {
+  ox_clock_gettime(0, &vh->vfs_curmsg_ts);
+  if (msg_sentp != nullptr) {
+    *msg_sentp = false;
+  }
+  if (!truncate && vfstnw_is_cached(fde, off, sz)) {
+    return 0;
+  }
+  tnv_msg msg = cache_request(fde, off, sz, truncate);
+  tnv_resp resp = {};
+  const int err = tnw_sync_send_msg(vh, &msg, &resp);
+  if (err != 0) {
+    return err;
+  }
+  if (msg_sentp != nullptr) {
+    *msg_sentp = true;
+  }
+  return take_cache_answer(vh, fde, off, sz, truncate, resp, cur_fszp);
+}
+
+int vfstnw_dirty_regions(vfs_handle* vh, tnvfd* fde, ox_off off, ox_u64 sz) {
+  ox_clock_gettime(0, &vh->vfs_curmsg_ts);
+  if (vfstnw_is_dirty(fde, off, sz)) {
+    return 0;
+  }
+  tnv_msg msg = dirty_request(fde, off, sz);
+  tnv_resp resp = {};
+  int err = tnw_sync_send_msg(vh, &msg, &resp);
+  if (err != 0) {
+    return err;
+  }
+  err = static_cast<int>(resp.rhdr.rhdr_errno);
+  if (err != 0) {
+    return TNW_REFUSE(err, vh, err, "dirty_region(%d, %llu, %llu : %s) failed", fde->fdt_fd,
+                      llu(off), llu(sz), FileId(fde).text);
+  }
+  if (is_flag_set(resp.u.dirty_region.dr_clear)) {
+    file_became_empty(fde);
+    return 0;
+  }
+  /* What is written counts as cached from then on. */
+  vfstnw_mark_regions(fde, off, sz, false);
+  return 0;
+}
+
+int vfstnw_ftruncate(vfs_handle* vh, tnvfd* fde, ox_u64 nfsz) {
+  ox_clock_gettime(0, &vh->vfs_curmsg_ts);
+  tnv_msg msg = truncate_request(fde, nfsz);
+  tnv_resp resp = {};
+  int err = tnw_sync_send_msg(vh, &msg, &resp);
+  if (err != 0) {
+    return err;
+  }
+  err = static_cast<int>(resp.rhdr.rhdr_errno);
+  if (err != 0) {
+    return TNW_REFUSE(err, vh, err, "ftruncate(%d, %llu: %s) failed", fde->fdt_fd, llu(nfsz),
+                      FileId(fde).text);
+  }
+  if (nfsz == 0) {
+    vfstnw_remove_bmaps(fde); /* st_size is deliberately left: the caller sets it */
+  }
+  return 0;
+}
+
+void vfstnw_remove_bmaps(tnvfd* fde) {
+  ox_u8* maps = unhook_cached_map(fde);
+  unhook_dirty_map(fde);
+  ox_free_safe(maps);
+  std::atomic_ref(fde->fdt_tnflags).fetch_and(static_cast<ox_u16>(~(TNV_FL_MAPPED | TNV_FL_NEWER)));
+}
+
+void vfstnw_mark_regions(tnvfd* fde, ox_off off, ox_u64 sz, bool clear) {
+  mark_cached(fde, off, sz, clear);
+  mark_dirty(fde, off, sz, clear);
+}
+
+void tn_cfs_id_copy(cfs_id_t* dst, const cfs_id_t* src) {
+  if (dst != nullptr && src != nullptr) {
+    memcpy(dst, src, sizeof *dst);
+  }
+}
