@@ -22,27 +22,6 @@ namespace {
 /* The mark that logging has been initialised; nothing is ever written to it. */
 FILE* ox_logfp = nullptr;
 
-/*
- * Appends formatted text at `buf` and lowers *capacity by the characters written. Capacity counts
- * the NUL: at 1 nothing fits any more, and what is appended is cut to the empty text.
- */
-OX_PRINTF_LIKE(3, 4) int append(char* buf, int* capacity, const char* fmt, ...) {
-  if (*capacity <= 0) {
-    return 0;
-  }
-  va_list args;
-  va_start(args, fmt);
-  int length = vsnprintf(buf, static_cast<size_t>(*capacity), fmt, args);
-  va_end(args);
-  if (length < 0) {
-    length = 0;
-    buf[0] = '\0';
-  }
-  const int written = length < *capacity ? length : *capacity - 1;
-  *capacity -= written;
-  return written;
-}
-
 int append_level(char* buf, ox_msglvl type, ox_s32 lineno, const char* file, ox_s32 errnum,
                  int* capacity) {
   const char* word = type < OX_MSG_TYPES ? ox_msg_type[type] : "";
@@ -50,20 +29,20 @@ int append_level(char* buf, ox_msglvl type, ox_s32 lineno, const char* file, ox_
     case OX_INFO_LEVEL:
     case OX_WARN_LEVEL:
     case OX_PROF_LEVEL:
-      return append(buf, capacity, "%-7.7s %12.12s:%-d ", word, file, lineno);
+      return ox_append(buf, capacity, "%-7.7s %12.12s:%-d ", word, file, lineno);
     case OX_ERROR_LEVEL:
-      return append(buf, capacity, "%-3.3s:%03d %12.12s:%-d ", word, errnum, file, lineno);
+      return ox_append(buf, capacity, "%-3.3s:%03d %12.12s:%-d ", word, errnum, file, lineno);
     case OX_FATAL_LEVEL:
-      return append(buf, capacity, "%-7.7s %d:%12.12s:%-d ", word, errnum, file, lineno);
+      return ox_append(buf, capacity, "%-7.7s %d:%12.12s:%-d ", word, errnum, file, lineno);
     case OX_DEBUG_LEVEL:
-      return append(buf, capacity, "%-4.4s-%02d %12.12s:%d ", word, ox_debug, file, lineno);
+      return ox_append(buf, capacity, "%-4.4s-%02d %12.12s:%d ", word, ox_debug, file, lineno);
     case OX_USER_LEVEL:
     case OX_PRINTF_LEVEL:
-      return append(buf, capacity, "%s", "");
+      return ox_append(buf, capacity, "%s", "");
     case OX_TODO_LEVEL:
-      return append(buf, capacity, "%-7.7s %d:%12.12s:%d ", word, errnum, file, lineno);
+      return ox_append(buf, capacity, "%-7.7s %d:%12.12s:%d ", word, errnum, file, lineno);
     default: /* OX_ALERT_LEVEL and whatever is no level */
-      return append(buf, capacity, "%12.12s:%-d ", file, lineno);
+      return ox_append(buf, capacity, "%12.12s:%-d ", file, lineno);
   }
 }
 
@@ -98,18 +77,12 @@ void ox_log(const char* fmt, ...) {
 }
 
 int ox_log_timestamp(char* buf, int* capacity) {
-  struct timespec now = {};
-  (void)ox_clock_gettime(0, &now);
-  const time_t seconds = now.tv_sec;
   struct tm local = {};
-  (void)localtime_r(&seconds, &local);
-  char text[64];
-  if (strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local) == 0) {
-    text[0] = '\0';
-  }
+  const long msecs = ox_local_time(&local);
+  char text[OX_TIME_TEXT_SIZE];
+  ox_time_text(&local, text);
   /* The year stands again in the last place, deliberately: readers of the log expect it there. */
-  return append(buf, capacity, "[%s.%3.03ld %d] ", text, static_cast<long>(now.tv_nsec / 1000000),
-                local.tm_year + 1900);
+  return ox_append(buf, capacity, "[%s.%3.03ld %d] ", text, msecs, local.tm_year + 1900);
 }
 
 int ox_log_prefix(char* buf, ox_msglvl type, ox_s32 lineno, const char* file, ox_s32 errnum,

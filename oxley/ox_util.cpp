@@ -6,6 +6,7 @@
 #include <pthread.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -87,6 +88,24 @@ ox_u64 ox_usecs_since(const struct timespec* start) {
   return elapsed > 0 ? static_cast<ox_u64>(elapsed) : 0;
 }
 
+long ox_local_time(struct tm* local) {
+  struct timespec now = {};
+  (void)ox_clock_gettime(0, &now);
+  const time_t seconds = now.tv_sec;
+#ifdef _WIN32
+  (void)localtime_s(local, &seconds);
+#else
+  (void)localtime_r(&seconds, local);
+#endif
+  return static_cast<long>(now.tv_nsec / 1000000);
+}
+
+void ox_time_text(const struct tm* local, char* text) {
+  if (strftime(text, OX_TIME_TEXT_SIZE, "%Y-%m-%d %H:%M:%S", local) == 0) {
+    text[0] = '\0';
+  }
+}
+
 void* ox_zalloc(size_t size) {
   void* p = calloc(1, size);
   if (p == nullptr) {
@@ -140,6 +159,23 @@ void ox_copy_field(char* field, size_t size, const char* text) {
 }
 
 size_t ox_field_len(const char* field, size_t size) { return strnlen(field, size); }
+
+int ox_append(char* buf, int* capacity, const char* fmt, ...) {
+  if (*capacity <= 0) {
+    return 0;
+  }
+  va_list args;
+  va_start(args, fmt);
+  int length = vsnprintf(buf, static_cast<size_t>(*capacity), fmt, args);
+  va_end(args);
+  if (length < 0) {
+    length = 0;
+    buf[0] = '\0';
+  }
+  const int written = length < *capacity ? length : *capacity - 1;
+  *capacity -= written;
+  return written;
+}
 
 void ox_event_name_fold(char* text) {
   for (; *text != '\0'; ++text) {

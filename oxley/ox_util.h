@@ -27,6 +27,12 @@ int ox_clock_gettime(int clock, struct timespec* ts);
 /* Microseconds of real time since `start`; a clock set back counts as 0. */
 ox_u64 ox_usecs_since(const struct timespec* start);
 
+/* The local time now; gives the milliseconds of its second. */
+long ox_local_time(struct tm* local);
+/* A time as every log line shows it: "2026-11-16 00:48:16". */
+enum { OX_TIME_TEXT_SIZE = 64 };
+void ox_time_text(const struct tm* local, char* text);
+
 /* Zero-filled memory, or null with errno 12; freed with ox_free_safe, which accepts null. */
 void* ox_zalloc(size_t size);
 void ox_free_safe(void* p);
@@ -40,6 +46,13 @@ void ox_aligned_free_safe(void* p);
 void ox_copy_field(char* field, size_t size, const char* text);
 /* The length of a fixed field's text: up to its NUL, at most `size`. */
 size_t ox_field_len(const char* field, size_t size);
+
+/*
+ * Appends formatted text at `buf`, lowers *capacity by the characters written and returns their
+ * number. Capacity counts the NUL: at 1 nothing fits any more, and what is appended is cut to the
+ * empty text; at 0 nothing is touched.
+ */
+int ox_append(char* buf, int* capacity, const char* fmt, ...) OX_PRINTF_LIKE(3, 4);
 
 /* ASCII lower case and slashes, in place: the form of the names of events. */
 void ox_event_name_fold(char* text);
