@@ -8,6 +8,45 @@
 
 OX_BEGIN_DECLS
 
+/* The list's header, version 3. */
+typedef struct cfs_cffl_header_v3 {
+  ox_u64 cf_version;
+  ox_u32 cf_hbsize;
+  ox_u32 cf_flags;
+  ox_u32 cf_dcount; /* folder entries */
+  ox_u32 cf_fcount; /* file entries */
+  cfs_id_t cf_fid;
+  cfs_id_t cf_rev;
+  ox_u64 cf_size; /* bytes of the whole list, header block included */
+  ox_timespec_t cf_btime;
+  ox_timespec_t cf_rtime;
+  ox_timespec_t cf_cmtime;
+  ox_timespec_t cf_atime;
+  ox_u8 cf_perms;
+  ox_u8 cf_isfixed;
+  ox_u8 cf_pad[6];
+  ox_u64 cf_ihtoff; /* offset of the hash table */
+  ox_u64 cf_cfpoff; /* offset of the first entry; 0 means 1024 */
+  char cf_etag[64];
+} cfs_cffl_header_v3;
+OX_STATIC_ASSERT(offsetof(cfs_cffl_header_v3, cf_dcount) == 16, "file layout");
+OX_STATIC_ASSERT(offsetof(cfs_cffl_header_v3, cf_fid) == 24, "file layout");
+OX_STATIC_ASSERT(offsetof(cfs_cffl_header_v3, cf_size) == 56, "file layout");
+OX_STATIC_ASSERT(offsetof(cfs_cffl_header_v3, cf_btime) == 64, "file layout");
+OX_STATIC_ASSERT(offsetof(cfs_cffl_header_v3, cf_perms) == 128, "file layout");
+OX_STATIC_ASSERT(offsetof(cfs_cffl_header_v3, cf_ihtoff) == 136, "file layout");
+OX_STATIC_ASSERT(offsetof(cfs_cffl_header_v3, cf_etag) == 152, "file layout");
+OX_STATIC_ASSERT(sizeof(cfs_cffl_header_v3) == 216, "file layout");
+
+/* The header block that a list begins with. */
+typedef struct cfs_cffl {
+  cfs_cffl_header_v3 cfh_head;
+  ox_u8 cfh_padding[552];
+  char cfh_name[256];
+} cfs_cffl;
+OX_STATIC_ASSERT(offsetof(cfs_cffl, cfh_name) == 768, "file layout");
+OX_STATIC_ASSERT(sizeof(cfs_cffl) == 1024, "file layout");
+
 /* A file's checksum: a digest over `ck_nchunks` chunks of `ck_csize` bytes. */
 typedef struct cfs_cksum {
   ox_u32 ck_version;

@@ -96,7 +96,7 @@ OX_STATIC_ASSERT(sizeof(tnw_fileinfo) == 1168, "wire layout");
  * Starts the cache service of (tnw_domain, tnw_username), or joins the running one, and returns a
  * drive handle, or null. `err` (may be null) is 0, or 31 when start-up gave up, which asks the
  * caller for its classic way of working without the service. The same drive id gives the same
- * handle again. A null record gives null and 87.
+ * handle again. A null record gives null and 31 too.
  *
  * May take long: two starts of up to 60 s (readiness) with pauses of 5 s, and 75 s more where an
  * old service still runs. TNW_INIT_NO_RETRY gives up after the first failure. Start-ups and

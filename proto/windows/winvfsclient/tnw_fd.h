@@ -11,14 +11,17 @@
 OX_BEGIN_DECLS
 
 /*
- * One per file as the drive application sees it, shared by all its opens. All fields are changed
- * by parallel calls, atomically. Freed by the library with the last close.
+ * One per file as the drive application sees it, shared by all its opens. The counters are guarded
+ * by tnw_fc_lock (tnw_dll/tnw_open.h); fc_rd_dirty is changed atomically. Freed by the library with
+ * the last close.
  */
 typedef struct tnw_file_context {
-  bool fc_rd_dirty; /* data went through a read-only open; the next writable close tells */
-  ox_u32 fc_rdcnt;  /* opens for reading only */
-  ox_u32 fc_wrcnt;  /* opens with write access */
-  ox_u32 fc_prcnt;  /* opens with neither */
+  bool fc_rd_dirty;  /* data went through a read-only open; the next writable close tells */
+  ox_u32 fc_rdcnt;   /* opens for reading only */
+  ox_u32 fc_wrcnt;   /* opens with write access */
+  ox_u32 fc_prcnt;   /* opens with neither */
+  ox_u32 fc_opening; /* opens under way */
+  bool fc_kept;      /* stays in the caller's slot although no open succeeded */
 } tnw_file_context;
 
 typedef enum tnv_fd_state {

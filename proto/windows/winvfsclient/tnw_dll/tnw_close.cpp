@@ -1,0 +1,66 @@
+// tnw_cleanup_file and tnw_close.
+
+#include <atomic>
+
+#include "ox_util.h"
+#include "tn_util.h"
+#include "tnw_call.h"
+#include "tnw_fdtable.h"
+#include "tnw_log.h"
+#include "tnw_open.h"
+
+namespace {
+
+// Sends a CLOSE or CLEANUP for the entry: 0 or a Windows code.
+int exchange_close(const tnw_call& call, vfs_op op, const tnvfd* fde) {
+  tnv_msg msg;
+  tnv_resp resp;
+  tnw_fill_close(&msg, op, fde);
+  tnw_exchange(call.tni, tnw_async_send_msg, &msg, &resp, nullptr);
+  if (tnw_answered_unauthorized(&call, &resp)) return ERROR_LOGON_FAILURE;
+  const ox_u32 err = resp.rhdr.rhdr_errno;
+  if (!err) return 0;
+  return TNW_REFUSE(static_cast<int>(unixerr2winerr(err)), call.vh, static_cast<int>(err),
+                    "Failed to close file.");
+}
+
+// Data that went through a read-only open of the file is told by the close of a writable one.
+void take_over_read_dirty(tnvfd* fde) {
+  if (!fde->fdt_fc || !(fde->fdt_oaccmode & TNW_ACC_WRITE)) return;
+  if (std::atomic_ref(fde->fdt_fc->fc_rd_dirty).exchange(false))
+    std::atomic_ref(fde->fdt_tnflags).fetch_or(TNV_FL_MODIFIED);
+}
+
+}  // namespace
+
+void tnw_release_entry(const tnw_call& call, tnvfd* fde) {
+  tnw_close_local_file(fde);
+  if (fde->fdt_fc) tnw_uncount_open(fde->fdt_fc, fde->fdt_oaccmode);
+  tnw_putfd(call.vh, &call.tni->tni_files, fde);
+}
+
+int tnw_cleanup_file(void* ophdl) {
+  tnvfd* fde = static_cast<tnvfd*>(ophdl);
+  tnw_call call;
+  int code = tnw_enter_entry_call(fde, false, TNW_REFUSE_NO_PATH, &call);
+  if (!code) code = tnw_check_authorized(&call);
+  if (code || fde->fdt_fso.fso_isdir) return code;
+  return exchange_close(call, TNV_OP_WIN_CLEANUP, fde);
+}
+
+// The local file is closed before the authorisation is checked, and whatever the service answers:
+// a refused close keeps the entry, without a local file, and may be repeated.
+int tnw_close(void* ophdl, char* out_procname) {
+  tnvfd* fde = static_cast<tnvfd*>(ophdl);
+  tnw_call call;
+  int code = tnw_enter_entry_call(fde, false, TNW_REFUSE_NO_PATH, &call);
+  if (code) return code;
+  tnw_copy_procname(out_procname, fde);
+  take_over_read_dirty(fde);
+  if (!fde->fdt_fso.fso_isdir) tnw_close_local_file(fde);
+  code = tnw_check_authorized(&call);
+  if (!code) code = exchange_close(call, TNV_OP_WIN_CLOSE, fde);
+  if (code) return code;
+  tnw_release_entry(call, fde);
+  return 0;
+}

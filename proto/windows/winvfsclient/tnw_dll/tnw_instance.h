@@ -1,0 +1,122 @@
+/*
+ * Service instances (one running cache service for one domain and user) and the drive handles that
+ * the drive application holds on them.
+ *
+ * Lock order, outermost first:
+ *   1. tnw_glock                 start-up and shut-down only, exclusive
+ *   2. tnw_tninstances.tni_lock  the list of instances
+ *   3. tnwh_lock                 one instance's list of drive handles
+ * The lookups take 2 and 3 and release them before they return: a file call holds no list lock
+ * while it works, so that calls run side by side and a slow one blocks no other. The descriptor
+ * table's lock, the context lock (tnw_open.h) and the two map locks of a file (never both) are
+ * taken alone, after the lookups.
+ */
+#ifndef TNW_INSTANCE_H
+#define TNW_INSTANCE_H
+
+#include <windows.h>
+
+#include "ox_lock.h"
+#include "ox_tpool.h"
+#include "tnw.h"
+#include "tnw_fd.h"
+#include "vfs_handle.h"
+
+/* The unknown-handle code: no drive handle of ours, or an operation handle of no open file. */
+enum { TNW_ERROR_UNKNOWN_HANDLE = 1467 };
+
+struct tnw_drive_handle;
+
+/* Head of one instance's drive handles. tnwh_lock guards the links and the count. */
+struct tnw_dhhd {
+  tnw_drive_handle* tnw_dhnext;
+  tnw_drive_handle* tnw_dhprev;
+  /* Deliberately one byte, and it decides when the service is stopped: after 255 handles it wraps,
+   * and a close that brings it to 0 stops the service under those that are left. */
+  ox_u8 tnwh_cnt;
+  ox_rwlock_t tnwh_lock;
+};
+
+/*
+ * One cache service. Fixed once the instance is listed: everything but the links (the list's
+ * lock), tni_authtoken (not changed after start-up by this library), tni_is_tn_unauthorized
+ * (atomic) and what tni_files and tni_drive_handles guard themselves.
+ */
+struct tnw_tninstance {
+  tnw_tninstance* tni_next;
+  tnw_tninstance* tni_prev;
+  PROCESS_INFORMATION tni_pi;
+  ox_u64 tni_user_id;
+  char tni_id[37];
+  char tni_domain[51];
+  char tni_workgroup_id[37];
+  char tni_subdomain[51];
+  char tni_username[64];
+  char tni_cachedir[5000];
+  char tni_uds_workdir[96];
+  char tni_sock[108];
+  char tni_da_device_id[37];
+  char tni_tn_device_id[37];
+  char tni_binpath[5000];
+  char tni_regpath[1024];
+  char tni_api_addr[128];
+  char tni_config_addr[128];
+  char tni_authtoken[512];
+  bool tni_is_tn_unauthorized; /* see tnw_is_unauthorized */
+  ox_tpool_t* tni_tpool;       /* its private blocks are the connections */
+  tnw_files tni_files;
+  tnw_dhhd tni_drive_handles;
+  HANDLE tni_ready_event; /* open as long as the instance */
+  bool tni_winsock;       /* the instance holds one start-up of Windows Sockets */
+};
+
+/* One drive on an instance. Fixed once it is listed, but for the links (tnwh_lock). */
+struct tnw_drive_handle {
+  tnw_drive_handle* tnw_dhnext;
+  tnw_drive_handle* tnw_dhprev;
+  tnw_tninstance* tnw_tni;
+  char tnw_drive_uuid[37];
+  char tnw_drive_start_path[1024];
+  ox_s32 tnw_flags;
+};
+
+/* Head of the instances. tni_lock guards the links and the count. */
+struct tnw_tnihd {
+  tnw_tninstance* tni_next;
+  tnw_tninstance* tni_prev;
+  ox_u8 tni_cnt;
+  ox_rwlock_t tni_lock;
+};
+
+extern tnw_tnihd tnw_tninstances;
+extern ox_rwlock_t tnw_glock;
+
+/* The instance of a caller's drive handle, which is compared but never dereferenced, or null. */
+tnw_tninstance* tnw_get_tninstance(const void* drvhdl);
+/* Whether `ophdl`, which is not dereferenced, is an entry of a listed instance's table. */
+bool tnw_is_listed_entry(const void* ophdl);
+tnw_tninstance* tnw_find_tn_instance(const char* domain, const char* username);
+tnw_drive_handle* tnw_find_handle(tnw_tninstance* tni, const char* drive_id);
+
+void tnw_add_tninstance(tnw_tnihd* head, tnw_tninstance* tni);
+void tnw_remove_tninstance(tnw_tnihd* head, tnw_tninstance* tni);
+void tnw_add_handle(tnw_tninstance* tni, tnw_drive_handle* dh);
+void tnw_remove_handle(tnw_tninstance* tni, tnw_drive_handle* dh); /* does not free it */
+
+/* A zero-filled instance with its locks and lists ready, or null; freed by tnw_free_tninstance. */
+tnw_tninstance* tnw_alloc_tninstance(void);
+/* Frees an unlisted instance: remaining drive handles, descriptor table, events, sockets start-up.
+ */
+void tnw_free_tninstance(tnw_tninstance* tni);
+
+/* The connection of a worker slot; slot 0 is the primary one. Null while there is no pool. */
+vfs_handle* tnw_connection(tnw_tninstance* tni, ox_u32 slot);
+
+/* The mark that the service has no valid authorisation; set and tested by parallel calls. */
+bool tnw_is_unauthorized(tnw_tninstance* tni);
+void tnw_set_unauthorized(tnw_tninstance* tni, bool unauthorized);
+
+/* A fixed text field as the two arguments of "%.*s": it may be full and unterminated. */
+#define TNW_FIELD(field) static_cast<int>(ox_field_len((field), sizeof(field))), (field)
+
+#endif

@@ -1,0 +1,160 @@
+// tnw_read and tnw_write: data goes straight to and from the local cache file; the service is asked
+// only about regions that the maps do not have.
+
+#include <atomic>
+
+#include "ox_errno.h"
+#include "ox_platform.h"
+#include "ox_util.h"
+#include "tn_util.h"
+#include "tnw_call.h"
+#include "tnw_log.h"
+#include "tnw_open.h"
+#include "vfstnw_bmap.h"
+
+namespace {
+
+constexpr tnw_refusal REFUSE_READ = {"Read from invalid handle.", ERROR_INVALID_HANDLE,
+                                     ERROR_INVALID_HANDLE};
+constexpr tnw_refusal REFUSE_WRITE = {"Write to invalid handle.", ERROR_INVALID_HANDLE,
+                                      ERROR_INVALID_HANDLE};
+
+// What the service answers for a range that it has nothing to fetch for: a read then succeeds
+// without reading, a write goes on.
+constexpr int NOTHING_TO_FETCH = OX_E2BIG;
+
+// One read or write.
+struct transfer {
+  tnw_call call;
+  tnvfd* fde;
+  ox_off off;
+  ox_u64 len;
+};
+
+int enter(transfer* t, const tnw_refusal& refusal, char* out_procname) {
+  const int code = tnw_enter_entry_call(t->fde, true, refusal, &t->call);
+  if (code) return code;
+  tnw_copy_procname(out_procname, t->fde);
+  return tnw_check_authorized(&t->call);
+}
+
+// Runs a region job for the transfer's range: 0 or the service's error number.
+int ask_for_region(const transfer& t, ox_job_func_t job) {
+  tnw_ioreq request = {};
+  request.io_fde = t.fde;
+  request.io_off = static_cast<ox_u64>(t.off);
+  request.io_len = t.len;
+  tnw_evwi wi = {};
+  tnw_create_evtwi(&wi, nullptr, nullptr, 0);
+  wi.ev_data = &request;
+  const int err = tnw_run_job(t.call.tni, job, &wi);
+  return err ? err : request.io_err;
+}
+
+int cache_range(const transfer& t) {
+  if (vfstnw_is_cached(t.fde, t.off, t.len)) return 0;
+  return ask_for_region(t, tnw_sync_send_cache_region_msg);
+}
+
+int dirty_range(const transfer& t) {
+  if (vfstnw_is_dirty(t.fde, t.off, t.len)) return 0;
+  return ask_for_region(t, tnw_sync_send_dirty_region_msg);
+}
+
+OVERLAPPED at_offset(ox_off off) {
+  OVERLAPPED where = {};
+  where.Offset = static_cast<DWORD>(off);
+  where.OffsetHigh = static_cast<DWORD>(static_cast<ox_u64>(off) >> 32);
+  return where;
+}
+
+// The local file's path for an error line; an empty text after a warning.
+const char* local_path(const transfer& t, char (&path)[OX_MAXPATH_LEN]) {
+  if (!ox_handle2path(t.fde->fdt_ofd, path, sizeof path, nullptr))
+    TNW_WARN(t.call.vh, 0, "Failed to get path from handle.");
+  return path;
+}
+
+// The whole transfer in one call, no file position is used: 0 or the Windows error, unconverted but
+// for the layer's own rule.
+int read_local(const transfer& t, void* buffer, ox_s64* nbread) {
+  OVERLAPPED where = at_offset(t.off);
+  DWORD count = 0;
+  const BOOL ok = ReadFile(t.fde->fdt_ofd, buffer, static_cast<DWORD>(t.len), &count, &where);
+  const int code = ok ? 0 : ox_winerr2errno(GetLastError());
+  if (nbread && (ok || code == ERROR_HANDLE_EOF)) *nbread = count;
+  if (code == 0 || code == ERROR_HANDLE_EOF) return code;
+  char path[OX_MAXPATH_LEN];
+  return TNW_REFUSE(code, t.call.vh, code, "Failed to read from the file %s", local_path(t, path));
+}
+
+int write_local(const transfer& t, const void* buffer, DWORD* count) {
+  OVERLAPPED where = at_offset(t.off);
+  if (WriteFile(t.fde->fdt_ofd, buffer, static_cast<DWORD>(t.len), count, &where)) return 0;
+  const int code = ox_winerr2errno(GetLastError());
+  char path[OX_MAXPATH_LEN];
+  return TNW_REFUSE(code, t.call.vh, code, "Failed to write to the file %s", local_path(t, path));
+}
+
+int local_size(const transfer& t, ox_u64* size) {
+  LARGE_INTEGER now;
+  if (GetFileSizeEx(t.fde->fdt_ofd, &now)) {
+    *size = static_cast<ox_u64>(now.QuadPart);
+    return 0;
+  }
+  const DWORD code = GetLastError();
+  char id[OX_UUID_TEXT_SIZE];
+  char version[OX_UUID_TEXT_SIZE];
+  ox_uuid_unparse(t.fde->fdt_fso.fso_handle.id, id);
+  ox_uuid_unparse(t.fde->fdt_fso.fso_version.id, version);
+  return TNW_REFUSE(static_cast<int>(code), t.call.vh, static_cast<int>(winerr2unixerr(code)),
+                    "Failed to get filesize for %s:%s", id, version);
+}
+
+// A write through an open that has read access only (a memory-mapped write-back) marks the file's
+// context instead of the open: the close of a writable open tells the service.
+void note_modified(tnvfd* fde) {
+  if ((fde->fdt_oaccmode & TNW_ACC_READ) && !(fde->fdt_oaccmode & TNW_ACC_WRITE))
+    std::atomic_ref(fde->fdt_fc->fc_rd_dirty).store(true);
+  else
+    std::atomic_ref(fde->fdt_tnflags).fetch_or(TNV_FL_MODIFIED);
+}
+
+// A write past the old end sets the cached size to the OLD SIZE plus the count, deliberately not to
+// the write's end: 50 bytes at 80 of a file of 100 give 150.
+void note_size(const transfer& t, ox_u64 old_size, DWORD count) {
+  if (static_cast<ox_u64>(t.off) + count > old_size)
+    std::atomic_ref(t.fde->fdt_stat.st_size).store(old_size + count);
+}
+
+}  // namespace
+
+int tnw_read(void* ophdl, void* buffer, ox_u64 len, ox_off off, ox_s64* nbread,
+             char* out_procname) {
+  transfer t = {{}, static_cast<tnvfd*>(ophdl), off, len};
+  const int code = enter(&t, REFUSE_READ, out_procname);
+  if (code) return code;
+  const int err = cache_range(t);
+  if (err == NOTHING_TO_FETCH) return 0;  // deliberately: nothing is read, nbread stays
+  if (err) return static_cast<int>(unixerr2winerr(static_cast<ox_u32>(err)));
+  return read_local(t, buffer, nbread);
+}
+
+int tnw_write(void* ophdl, void* buffer, ox_u64 len, ox_off off, ox_s64* nbwritten,
+              char* out_procname) {
+  transfer t = {{}, static_cast<tnvfd*>(ophdl), off, len};
+  ox_u64 old_size = 0;
+  int code = enter(&t, REFUSE_WRITE, out_procname);
+  if (!code) code = local_size(t, &old_size);
+  if (code) return code;
+  int err = cache_range(t);
+  if (!err || err == NOTHING_TO_FETCH) err = dirty_range(t);  // told before the data is written
+  if (err) return static_cast<int>(unixerr2winerr(static_cast<ox_u32>(err)));
+  DWORD count = 0;
+  code = write_local(t, buffer, &count);
+  if (code) return code;
+  note_modified(t.fde);
+  note_size(t, old_size, count);
+  if (nbwritten) *nbwritten = count;
+  return 0;
+}
