@@ -2,10 +2,15 @@
  * Thread pool: workers that come with work and go when idle, an unbounded job queue, private
  * blocks per worker slot, pausing, draining, aborting and destruction.
  *
- * Locks: tp_lock of a pool guards its queue, counts, flags and state; the two slot bitmaps have
- * locks of their own, taken after tp_lock; the lock of the global list head guards the list links
- * and is never held together with a pool's lock. Jobs and deinit functions run without a lock; the
- * init function runs under tp_lock and must not call back into the pool.
+ * Locks, in the order in which they may be nested: the tp_lock of the global list head guards the
+ * list links; the tp_lock of a pool guards its queue, counts, flags and state; the two slot bitmaps
+ * have locks of their own. Jobs and deinit functions run without a lock; the init function runs
+ * under tp_lock and must not call back into any pool.
+ *
+ * Any thread may call, with three exceptions that are the caller's to keep: ox_init_tpool comes
+ * before and ox_deinit_tpool after every other call on listed pools; a call on a pool must have
+ * begun to wait, or be over, before that pool is destroyed; a pool's own job must neither drain,
+ * drain-wait nor destroy its pool (it would wait for itself; aborting is allowed).
  */
 #ifndef OX_TPOOL_H
 #define OX_TPOOL_H
@@ -20,7 +25,7 @@ enum {
   OX_TPOOL_FL_ABORT = 0x1, /* workers leave at once and drop the queue; selects abort in destroy */
   OX_TPOOL_FL_STOP = 0x2,  /* workers leave at once and drop the queue */
   OX_TPOOL_FL_DRAIN = 0x4, /* no new jobs from outside; workers finish the queue, then leave */
-  OX_TPOOL_FL_PAUSE = 0x8, /* workers take no jobs */
+  OX_TPOOL_FL_PAUSE = 0x8, /* workers take no jobs; without effect while the pool is drained */
   OX_TPOOL_FL_EXTERNAL = 0x10 /* the pool is not on the global list */
 };
 
@@ -75,8 +80,9 @@ typedef struct ox_priv {
 } ox_priv_t;
 
 /*
- * A pool. Fixed after creation: the two functions, the name, tp_nblocks. tp_next and tp_prev are
- * guarded by the list head's tp_lock; everything from tp_jobq on by this pool's tp_lock.
+ * A pool. Fixed after creation: the two functions, the name, tp_nblocks, tp_listed. tp_next and
+ * tp_prev are guarded by the list head's tp_lock and point at the record itself while it is on no
+ * list; everything else from tp_jobq on is guarded by this pool's tp_lock.
  */
 typedef struct ox_tpool {
   struct ox_tpool* tp_next;
@@ -88,7 +94,7 @@ typedef struct ox_tpool {
   ox_job_t tp_jobq; /* list head; points at itself when empty */
   ox_lock_t tp_lock;
   pthread_cond_t tp_worker_cv; /* workers wait here for jobs */
-  pthread_cond_t tp_pool_cv;   /* drain and destroy wait here for the last worker */
+  pthread_cond_t tp_pool_cv;   /* drain, destroy and drain_wait wait here for the workers */
   char tp_name[OX_TPOOL_NAME_SIZE];
   ox_u32 tp_min_threads;
   ox_u32 tp_max_threads;
@@ -96,19 +102,28 @@ typedef struct ox_tpool {
   ox_u32 tp_idle_count; /* workers that wait */
   ox_u32 tp_flags;
   ox_u32 tp_qlen;
-  ox_u32 tp_state;   /* tp_states */
-  ox_u32 tp_nblocks; /* workers that can have blocks: max_threads at creation, at most 256 */
+  ox_u32 tp_state;     /* tp_states */
+  ox_u32 tp_nblocks;   /* slots that have blocks: max_threads at creation, at most 256 */
+  ox_u32 tp_waiters;   /* callers inside drain and drain_wait */
+  bool tp_listed;      /* not external */
+  bool tp_closing;     /* ox_destroy_tpool has begun: the record is about to go */
+  bool tp_has_leaver;  /* tp_leaver is a thread to join */
+  pthread_t tp_leaver; /* the worker that left last; it has joined the one before it */
 } ox_tpool_t;
 
 /* Creates the global pool list, once; later calls do nothing. 0 or an error number. */
 int ox_init_tpool(void);
-/* Destroys every pool on the list with `flags`, then frees the list head. */
+/* Destroys every pool on the list with `flags`, then frees the list head. Aborted pools leave the
+ * list and stay allocated. */
 void ox_deinit_tpool(ox_u32 flags);
 
 /*
  * A new pool without threads, or null after one ERROR line. `stat_size` and `priv_size` are bytes
  * per worker (0: none), allocated once, zeroed. The name is cut to 15 characters and names the
  * worker threads too. Freed by ox_destroy_tpool. The external form stays off the global list.
+ *
+ * A block array holds max_threads x size bytes as a 32-bit product. Where that product wraps, only
+ * the slots that fit into it have blocks; workers beyond them, and beyond slot 256, get null.
  */
 ox_tpool_t* ox_tpool_create(const char* name, ox_tpool_init_func_t init_func,
                             ox_tpool_deinit_func_t deinit_func, ox_u32 stat_size, ox_u32 priv_size,
@@ -136,14 +151,18 @@ bool ox_tpool_is_paused(ox_tpool_t* tp);
 void ox_tpool_drain_wait(ox_tpool_t* tp);
 
 /*
- * ORs `flags` in and waits until no worker is left; lifts a pause. The pool stays: a caller that
- * clears the flags may queue again.
+ * ORs `flags` in and waits until the queue is empty and no worker is left; lifts a pause.
+ * Without ABORT and STOP what is queued is run first: on a new worker if none is left, on the
+ * calling thread if none can be started. A call that finds another drain under way returns at once.
+ * The pool stays: a caller that clears the flags (in tp_flags, under tp_lock) may queue again.
  */
 void ox_drain_tpool(ox_tpool_t* tp, ox_u32 flags);
 /*
  * With OX_TPOOL_FL_ABORT: marks the pool aborted and returns; the workers drop the queue and leave
- * on their own, and the record is deliberately never freed. Otherwise waits for the workers (they
- * run what is queued, or drop it with OX_TPOOL_FL_STOP) and frees the pool.
+ * on their own, and the record is deliberately never freed: it stays on the list, and another
+ * destroy of it returns at once. Otherwise lifts a pause, waits for the workers as ox_drain_tpool
+ * does (they run what is queued, or drop it with OX_TPOOL_FL_STOP) and frees the pool. On return
+ * the worker threads have ended, so that their code may be unloaded.
  */
 void ox_destroy_tpool(ox_tpool_t* tp, ox_u32 flags);
 
