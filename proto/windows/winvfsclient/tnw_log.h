@@ -9,6 +9,7 @@
 
 #include "ox_logging.h"
 #include "tnv_log.h"
+#include "tnw_fd.h"
 #include "vfs_handle.h"
 
 OX_BEGIN_DECLS
@@ -21,7 +22,30 @@ OX_BEGIN_DECLS
 const char* tnw_log_prefix(vfs_handle* vh, const char* file, const char* level, int line, int err,
                            const ox_alert_t* alert);
 
+/*
+ * The event line of a call that the client answered by itself; nothing when the connection's
+ * vfs_utxid is 0. `args` (an argument object) and `fso` may be null; errno is shown when `retval`
+ * is negative; `s_ts` is when the call began; `file` and `line` the position that the event shows.
+ */
+void tnw_log_response(vfs_handle* vh, const char* vfs_event, const char* args, ox_s64 retval,
+                      const tnvfso* fso, const struct timespec* s_ts, const char* file, int line);
+/* The same for each such call, on an open file or folder. */
+void tnw_log_read_client_resp(vfs_handle* vh, const tnvfd* fde, ox_off off, size_t size,
+                              ox_s64 retval, const struct timespec* s_ts);
+void tnw_log_write_client_resp(vfs_handle* vh, const tnvfd* fde, ox_off off, size_t size,
+                               ox_s64 retval, const struct timespec* s_ts);
+void tnw_log_folderempty_client_resp(vfs_handle* vh, const tnvfd* fde, bool isempty, ox_s64 retval,
+                                     const struct timespec* s_ts);
+void tnw_log_findnext_client_resp(vfs_handle* vh, const tnvfd* fde, ox_s64 retval,
+                                  const struct timespec* s_ts);
+void tnw_log_setfsize_client_resp(vfs_handle* vh, const tnvfd* fde, ox_u64 size, ox_s64 retval,
+                                  const struct timespec* s_ts);
+
 OX_END_DECLS
+
+/* tnw_log_response with the caller's own position. */
+#define tnw_log_client_response(vh, vfs_event, args, retval, fso, s_ts) \
+  tnw_log_response((vh), (vfs_event), (args), (retval), (fso), (s_ts), __FILE_NAME__, __LINE__)
 
 #define TNW_LOG(vh, level, err, fmt, ...)                                                  \
   ox_log("{%s\"" fmt "\"}\n",                                                              \

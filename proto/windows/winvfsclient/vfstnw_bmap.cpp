@@ -7,14 +7,12 @@
 #include "ox_assert.h"
 #include "ox_errno.h"
 #include "ox_util.h"
+#include "tn_text.h"
 #include "tnw_connect.h"
 #include "tnw_log.h"
 #include "vfstnw_bits.h"
 
 namespace {
-
-unsigned long long llu(ox_u64 value) { return value; }
-unsigned long long llu(ox_off value) { return static_cast<unsigned long long>(value); }
 
 /* A flag from the peer may be any byte. */
 bool is_flag_set(ox_u8 byte) { return (byte & 1) != 0; }
@@ -86,10 +84,7 @@ void unhook_dirty_map(tnvfd* fde) {
 
 /* ------------------------------------------------------------------- requests */
 
-struct FileId {
-  char text[OX_UUID_TEXT_SIZE];
-  explicit FileId(const tnvfd* fde) { ox_uuid_unparse(fde->fdt_fso.fso_handle.id, text); }
-};
+tn_id_text file_id(const tnvfd* fde) { return tn_id_text(fde->fdt_fso.fso_handle); }
 
 tnv_msg new_request(vfs_op opcode) {
   tnv_msg msg = {};
@@ -150,13 +145,13 @@ int take_cache_answer(vfs_handle* vh, tnvfd* fde, ox_off off, ox_u64 sz, bool tr
   }
   if (err == OX_ENOTTY) {
     /* Deliberately a success: the service will not cache this range, the caller reads without. */
-    TNW_LOG(vh, OX_INFO_LEVEL, err, "Uncached read(%d, %llu, %llu : %s)", fde->fdt_fd, llu(off),
-            llu(sz), FileId(fde).text);
+    TNW_LOG(vh, OX_INFO_LEVEL, err, "Uncached read(%d, %llu, %llu : %s)", fde->fdt_fd, tn_llu(off),
+            tn_llu(sz), file_id(fde).text);
     return 0;
   }
   if (err != 0) {
-    TNW_ERROR(vh, err, "cache_region(%d, %llu, %llu : %s) failed", fde->fdt_fd, llu(off), llu(sz),
-              FileId(fde).text);
+    TNW_ERROR(vh, err, "cache_region(%d, %llu, %llu : %s) failed", fde->fdt_fd, tn_llu(off),
+              tn_llu(sz), file_id(fde).text);
   } else if (!truncate) {
     mark_cached(fde, off, answer.cr_sz, false);
   }
@@ -230,7 +225,7 @@ int vfstnw_dirty_regions(vfs_handle* vh, tnvfd* fde, ox_off off, ox_u64 sz) {
   err = static_cast<int>(resp.rhdr.rhdr_errno);
   if (err != 0) {
     return TNW_REFUSE(err, vh, err, "dirty_region(%d, %llu, %llu : %s) failed", fde->fdt_fd,
-                      llu(off), llu(sz), FileId(fde).text);
+                      tn_llu(off), tn_llu(sz), file_id(fde).text);
   }
   if (is_flag_set(resp.u.dirty_region.dr_clear)) {
     file_became_empty(fde);
@@ -251,8 +246,8 @@ int vfstnw_ftruncate(vfs_handle* vh, tnvfd* fde, ox_u64 nfsz) {
   }
   err = static_cast<int>(resp.rhdr.rhdr_errno);
   if (err != 0) {
-    return TNW_REFUSE(err, vh, err, "ftruncate(%d, %llu: %s) failed", fde->fdt_fd, llu(nfsz),
-                      FileId(fde).text);
+    return TNW_REFUSE(err, vh, err, "ftruncate(%d, %llu: %s) failed", fde->fdt_fd, tn_llu(nfsz),
+                      file_id(fde).text);
   }
   if (nfsz == 0) {
     vfstnw_remove_bmaps(fde); /* st_size is deliberately left: the caller sets it */
