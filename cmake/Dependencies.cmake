@@ -20,7 +20,15 @@ target_compile_definitions(spdlog_headers INTERFACE SPDLOG_FMT_EXTERNAL)
 target_link_libraries(spdlog_headers INTERFACE fmt_headers)
 header_only_library(cli11_headers CLI)
 
+# GoogleTest comes as sources on Debian, to be compiled like the tests; as a package on MSYS2. It is
+# not what is tested: neither optimised nor described to a debugger, it is ready in seconds.
 set(GOOGLETEST_SOURCE /usr/src/googletest CACHE PATH "GoogleTest's sources")
-set(gtest_force_shared_crt ON CACHE BOOL "" FORCE)
-set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
-add_subdirectory(${GOOGLETEST_SOURCE} ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
+if(EXISTS ${GOOGLETEST_SOURCE})
+  set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
+  add_subdirectory(${GOOGLETEST_SOURCE} ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL SYSTEM)
+  foreach(library gtest gtest_main gmock gmock_main)
+    target_compile_options(${library} PRIVATE -O0 -g0)
+  endforeach()
+else()
+  find_package(GTest REQUIRED)
+endif()
