@@ -1,0 +1,37 @@
+/*
+ * AF_UNIX stream sockets made of TCP sockets of the loopback interface.
+ *
+ * A table holds the sockets that programs made with AF_UNIX, by their handles; each call below
+ * takes such a socket and fails as its namesake does, the error in the thread's last error. The
+ * table has a lock of its own, held for look-ups and changes only, never during a socket call. Any
+ * thread.
+ */
+#ifndef UNIX_SOCKETS_H
+#define UNIX_SOCKETS_H
+
+#include "system_ws2.h"
+
+/* Whether the table holds the socket. */
+bool is_unix(SOCKET s);
+
+/* Takes a new TCP socket into the table, without delays on small messages. */
+SOCKET adopt_unix(SOCKET s);
+/* Takes out of it a handle that is closed, or that a socket of another family has got anew. */
+void forget_unix(SOCKET s);
+
+int bind_unix(SOCKET s, const sockaddr* address, int length);
+int listen_unix(SOCKET s);
+int connect_unix(SOCKET s, const sockaddr* address, int length);
+SOCKET accept_unix(SOCKET s, sockaddr* address, int* length);
+
+/* The path that the socket was bound to (or connected to), as getsockname and getpeername do. */
+int own_name_unix(SOCKET s, sockaddr* address, int* length);
+int peer_name_unix(SOCKET s, sockaddr* address, int* length);
+
+/*
+ * Mends what Wine's WSAPoll reports of a connection that was reset before all was read: without
+ * POLLRDNORM, although what had arrived can still be read.
+ */
+void mend_poll_unix(WSAPOLLFD& polled);
+
+#endif
