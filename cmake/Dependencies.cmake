@@ -5,20 +5,19 @@
 set(HEADERS_DIR ${CMAKE_BINARY_DIR}/headers)
 file(MAKE_DIRECTORY ${HEADERS_DIR})
 
-function(header_only_library name folder)
-  find_path(${name}_PARENT NAMES ${folder} PATHS ${ARGN} /usr/include /mingw64/include
-            NO_CMAKE_FIND_ROOT_PATH REQUIRED)
+function(header_only_library name folder header)
+  find_path(${name}_PARENT NAMES ${folder}/${header} NO_CMAKE_FIND_ROOT_PATH REQUIRED)
   file(CREATE_LINK ${${name}_PARENT}/${folder} ${HEADERS_DIR}/${folder} SYMBOLIC)
   add_library(${name} INTERFACE)
   target_include_directories(${name} SYSTEM INTERFACE ${HEADERS_DIR})
 endfunction()
 
-header_only_library(fmt_headers fmt)
+header_only_library(fmt_headers fmt core.h)
 target_compile_definitions(fmt_headers INTERFACE FMT_HEADER_ONLY)
-header_only_library(spdlog_headers spdlog)
+header_only_library(spdlog_headers spdlog spdlog.h)
 target_compile_definitions(spdlog_headers INTERFACE SPDLOG_FMT_EXTERNAL)
 target_link_libraries(spdlog_headers INTERFACE fmt_headers)
-header_only_library(cli11_headers CLI)
+header_only_library(cli11_headers CLI CLI.hpp)
 
 # GoogleTest comes as sources on Debian, to be compiled like the tests; as a package on MSYS2. It is
 # not what is tested: neither optimised nor described to a debugger, it is ready in seconds.
