@@ -28,7 +28,10 @@ int tnv_setsockopt(int fd);
 int tnv_sendbytes(vfs_handle* vh, int sockfd, tnv_fdcntl* fdcp, ox_u8* data, int nbytes);
 int tnv_recvbytes(vfs_handle* vh, int sockfd, int* clientfd, ox_u8* data, int nbytes);
 
-/* Service side: traces and sends a response (48 + rhdr_len bytes) to the request `msgp`. */
+/*
+ * Service side: traces and sends a response (48 + rhdr_len bytes) to the request `msgp`. `vh` is
+ * not null here. A response longer than its record is not sent: 10040.
+ */
 int tnv_send_response(vfs_handle* vh, int fd, tnv_msg* msgp, tnv_resp* resp);
 
 /*

@@ -1,0 +1,511 @@
+/* The socket transport against a scripted peer, and against polls that report what is rare. */
+#include <winsock2.h>
+// after winsock2.h
+#include <afunix.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <atomic>
+#include <cerrno>
+#include <deque>
+#include <thread>
+
+#include "log_capture.h"
+#include "ox_errno.h"
+#include "scripted_peer.h"
+#include "tnv_connio_win.h"
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+/* ------------------------------------------------------------------- polls made up by a test */
+
+namespace {
+
+struct MadeUpPoll {
+  int result;
+  int revents;
+  int last_error;
+};
+/* Each poll takes one of these, if there is one, in the place of the system's answer. */
+std::deque<MadeUpPoll> made_up_polls;
+int polls = 0;
+SHORT last_events = 0; /* of the last of them */
+
+/* Closings of sockets that were closed already. */
+std::atomic<int> failed_closes = 0;
+
+int WSAAPI close_and_count(SOCKET sock) {
+  static const auto system_close = reinterpret_cast<decltype(&closesocket)>(
+      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ws2_32.dll"), "closesocket")));
+  const int result = system_close(sock);
+  if (result != 0) failed_closes++;
+  return result;
+}
+
+}  // namespace
+
+/* The linker takes these in the place of the import library's. */
+extern "C" {
+decltype(&closesocket) __imp_closesocket = close_and_count;
+}
+int WSAAPI WSAPoll(WSAPOLLFD* fds, ULONG count, INT timeout) {
+  static const auto system_poll = reinterpret_cast<decltype(&WSAPoll)>(
+      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ws2_32.dll"), "WSAPoll")));
+  polls++;
+  last_events = fds->events;
+  if (made_up_polls.empty()) return system_poll(fds, count, timeout);
+  const MadeUpPoll poll = made_up_polls.front();
+  made_up_polls.pop_front();
+  fds->revents = static_cast<SHORT>(poll.revents);
+  WSASetLastError(poll.last_error);
+  return poll.result;
+}
+
+/* ------------------------------------------------------------------- fixture */
+
+namespace {
+
+/* A connected client socket, and how to move bytes over it. */
+struct Client {
+  explicit Client(const ScriptedPeer& peer) {
+    vh.vfs_fd = -1;
+    EXPECT_EQ(tnw_setup_socket(&vh, peer.path()), 0);
+  }
+  ~Client() {
+    if (is_open()) closesocket(static_cast<SOCKET>(vh.vfs_fd));
+  }
+
+  int fd() const { return static_cast<int>(vh.vfs_fd); }
+  bool is_open() const {
+    int type = 0;
+    int size = sizeof(type);
+    return getsockopt(static_cast<SOCKET>(vh.vfs_fd), SOL_SOCKET, SO_TYPE,
+                      reinterpret_cast<char*>(&type), &size) == 0;
+  }
+  int send(Bytes data, vfs_handle* owner = nullptr) {
+    return tnv_sendbytes(owner, fd(), nullptr, data.data(), static_cast<int>(data.size()));
+  }
+  int recv(size_t nbytes, vfs_handle* owner = nullptr) {
+    got.assign(nbytes, 0);
+    return tnv_recvbytes(owner, fd(), nullptr, got.data(), static_cast<int>(nbytes));
+  }
+
+  vfs_handle vh = {};
+  Bytes got;
+};
+
+Bytes pattern(size_t size) {
+  Bytes bytes(size);
+  for (size_t i = 0; i < size; i++) bytes[i] = static_cast<ox_u8>(i * 7 + i / 251);
+  return bytes;
+}
+
+ScriptedPeer::Script sending(size_t size, void (PeerConnection::*then)()) {
+  return [=](PeerConnection& conn) {
+    conn.send(pattern(size));
+    (conn.*then)();
+  };
+}
+
+class Transport : public testing::Test {
+ protected:
+  void TearDown() override {
+    EXPECT_TRUE(made_up_polls.empty());
+    EXPECT_EQ(failed_closes.exchange(0), 0) << "each socket is closed once";
+  }
+
+  LogCapture log;
+  ScriptedPeer peer;
+};
+
+/* ------------------------------------------------------------------- connecting */
+
+TEST_F(Transport, PathOfUpTo107BytesConnects) {
+  std::string path = ScriptedPeer::fresh_path();
+  path.insert(path.rfind('\\') + 1, 107 - path.size(), 'x');
+  ScriptedPeer deep(ScriptedPeer::answer_success, path);
+  const Client client(deep);
+
+  vfs_handle vh = {};
+  const std::string longer = path + "x";
+  EXPECT_EQ(tnw_setup_socket(&vh, longer.c_str()), 206);
+  EXPECT_EQ(errno, 206);
+  EXPECT_GT(vh.vfs_fd, 0) << "stays, to be closed with the connection";
+  EXPECT_EQ(log.count("Socket path too long " + longer), 1u);
+  tnv_conn_break(&vh);
+  EXPECT_EQ(vh.vfs_fd, -1);
+}
+
+TEST_F(Transport, NobodyListens) {
+  vfs_handle vh = {};
+  const std::string path = ScriptedPeer::fresh_path();
+  EXPECT_EQ(tnw_setup_socket(&vh, path.c_str()), WSAECONNREFUSED);
+  EXPECT_EQ(log.count("Attempt to connect to socket " + path), 1u);
+  EXPECT_EQ(log.count("Failed to connect to socket " + path), 1u);
+  tnv_conn_break(&vh);
+}
+
+TEST_F(Transport, SocketOptionsOfNoSocketFail) {
+  EXPECT_EQ(tnv_setsockopt(-1), WSAENOTSOCK);
+  EXPECT_EQ(errno, WSAENOTSOCK);
+  EXPECT_EQ(log.count("Could not set socket nonblocking"), 1u);
+}
+
+/* ------------------------------------------------------------------- moving bytes */
+
+TEST_F(Transport, ZeroBytesTouchNoSocket) {
+  ox_u8 byte = 0;
+  EXPECT_EQ(tnv_sendbytes(nullptr, -1, nullptr, &byte, 0), 0);
+  EXPECT_EQ(tnv_recvbytes(nullptr, -1, nullptr, &byte, 0), 0);
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(Transport, MovesMoreThanTheSocketHoldsBothWays) {
+  constexpr size_t size = 900'000;
+  tnv_msg msg = {};
+  msg.hdr.hdr_len = sizeof(msg) + size;
+  peer.on_request([](PeerConnection& conn) { conn.send(conn.request().bytes); });
+  Client client(peer);
+  const Bytes request = bytes_of(msg) + pattern(size);
+  ASSERT_EQ(client.send(request), 0);
+  ASSERT_EQ(client.recv(request.size()), 0);
+  EXPECT_TRUE(client.got == request);
+}
+
+/* The peer takes the response for a request of its 504 bytes. */
+TEST_F(Transport, SendsAResponseWithItsPayloadAlone) {
+  Client client(peer);
+  tnv_msg msg = {};
+  msg.hdr.hdr_len = sizeof(msg);
+  tnv_resp resp = {};
+  memcpy(&resp.rhdr.rhdr_id, &msg, sizeof(resp.rhdr.rhdr_id));
+  resp.rhdr.rhdr_len = sizeof(msg) - TNV_RESP_HDR;
+  memset(resp.u.bytes, 0x5a, sizeof(resp.u.bytes));
+  EXPECT_EQ(tnv_send_response(&client.vh, client.fd(), &msg, &resp), 0);
+  ASSERT_EQ(client.recv(TNV_RESP_HDR), 0) << "answered: nothing is missing";
+  Bytes sent = bytes_of(resp);
+  sent.resize(sizeof(msg));
+  EXPECT_EQ(peer.requests().at(0).bytes, sent);
+  EXPECT_EQ(client.send(bytes_of(msg)), 0);
+  ASSERT_EQ(client.recv(TNV_RESP_HDR), 0) << "answered: nothing was left over";
+
+  resp.rhdr.rhdr_len = TNV_RESP_MAX_PAYLOAD + 1;
+  EXPECT_EQ(tnv_send_response(&client.vh, client.fd(), &msg, &resp), WSAEMSGSIZE);
+}
+
+/* ------------------------------------------------------------------- ends of the connection */
+
+TEST_F(Transport, WhatWasSentBeforeTheHangUpIsRead) {
+  peer.on_accept(sending(100'000, &PeerConnection::close));
+  Client client(peer);
+  ASSERT_TRUE(peer.wait_for_ended(1));
+  ASSERT_EQ(client.recv(99'990), 0);
+  ASSERT_EQ(client.recv(10), 0);
+  EXPECT_EQ(client.recv(1), WSAECONNRESET);
+  EXPECT_EQ(errno, WSAECONNRESET);
+  EXPECT_FALSE(client.is_open());
+  EXPECT_EQ(log.count("Socket recv connection hungup"), 1u);
+  EXPECT_EQ(log.count("Recv failed on sockfd " + std::to_string(client.fd())), 1u);
+}
+
+TEST_F(Transport, HangUpInTheMiddle) {
+  peer.on_accept(sending(5, &PeerConnection::close));
+  Client client(peer);
+  EXPECT_EQ(client.recv(10), WSAECONNRESET);
+  EXPECT_FALSE(client.is_open());
+}
+
+TEST_F(Transport, AbortedConnectionFailsBothWays) {
+  peer.on_accept([](PeerConnection& conn) { conn.reset(); });
+  Client receiver(peer);
+  EXPECT_NE(receiver.recv(1), 0);
+  EXPECT_NE(errno, 0);
+  Client sender(peer);
+  ASSERT_TRUE(peer.wait_for_ended(2));
+  EXPECT_NE(sender.send(pattern(10)), 0);
+  EXPECT_NE(errno, 0);
+  EXPECT_EQ(log.count("Send failed on sockfd"), 1u);
+}
+
+/* The peer ends its side and stays: nothing can come, though nothing may hang up either. */
+TEST_F(Transport, EndedStreamEndsTheWaitWithoutABusyLoop) {
+  peer.on_accept(sending(5, &PeerConnection::end_sending));
+  Client client(peer);
+  FILETIME ignored, kernel, user;
+  EXPECT_EQ(client.recv(10), WSAECONNRESET);
+  EXPECT_FALSE(client.is_open());
+  ASSERT_TRUE(GetThreadTimes(GetCurrentThread(), &ignored, &ignored, &kernel, &user));
+  EXPECT_LT(kernel.dwLowDateTime + user.dwLowDateTime, 10'000'000u) << "100 ns of this thread";
+}
+
+/* The same where the system reports no hang-up: only one is waited for, and no longer than once. */
+TEST_F(Transport, EndedStreamWithoutAHangUpEndsTheWaitToo) {
+  peer.on_accept(sending(5, &PeerConnection::end_sending));
+  constexpr MadeUpPoll readable = {1, POLLRDNORM, 0};
+  constexpr MadeUpPoll timeout = {0, 0, 0};
+  Client client(peer);
+  ASSERT_EQ(client.recv(5), 0);
+  made_up_polls = {timeout, readable, timeout};
+  EXPECT_EQ(client.recv(1), WSAECONNRESET);
+  EXPECT_EQ(last_events, 0);
+  EXPECT_FALSE(client.is_open());
+
+  vfs_handle owner = {};
+  owner.vfs_is_exiting = [](vfs_handle*) { return true; };
+  Client served(peer);
+  ASSERT_EQ(served.recv(5), 0);
+  made_up_polls = {readable, timeout};
+  EXPECT_EQ(served.recv(1, &owner), OX_ECONNRESET);
+  EXPECT_TRUE(served.is_open());
+}
+
+TEST_F(Transport, ExitingOwnerEndsAnIdleWaitQuietly) {
+  peer.on_accept([](PeerConnection& conn) { conn.stall(); });
+  vfs_handle owner = {};
+  owner.vfs_is_exiting = [](vfs_handle*) { return true; };
+  Client client(peer);
+
+  EXPECT_EQ(client.recv(1, &owner), OX_ECONNRESET);
+  EXPECT_EQ(errno, OX_ECONNRESET);
+  EXPECT_EQ(client.send(Bytes(256 << 20), &owner), WSAECONNRESET) << "no room in the socket";
+  EXPECT_EQ(errno, WSAECONNRESET);
+  EXPECT_TRUE(client.is_open());
+  EXPECT_EQ(log.count("failed on sockfd"), 0u);
+}
+
+/* ------------------------------------------------------------------- polls that are rare */
+
+struct RareEnd {
+  friend void PrintTo(const RareEnd& end, std::ostream* out) { *out << end.name; }
+
+  const char* name;
+  MadeUpPoll poll;
+  int send_err; /* 0: any but 0 */
+  int recv_err;
+  const char* send_line;
+  const char* recv_line;
+  bool closed;
+};
+
+class RarePoll : public Transport, public testing::WithParamInterface<RareEnd> {};
+
+TEST_P(RarePoll, EndsTheTransferWithAnError) {
+  const RareEnd& end = GetParam();
+  peer.on_accept([](PeerConnection& conn) { conn.stall(); });
+  const auto check = [&](auto transfer, int expected, const char* line) {
+    Client client(peer);
+    made_up_polls = {end.poll};
+    WSASetLastError(0);
+    errno = 0;
+    const int err = transfer(client);
+    if (expected != 0) {
+      EXPECT_EQ(err, expected);
+    } else {
+      EXPECT_NE(err, 0);
+    }
+    EXPECT_EQ(errno, err);
+    EXPECT_EQ(log.count(line), 1u) << line;
+    EXPECT_EQ(client.is_open(), !end.closed);
+  };
+  check([](Client& client) { return client.send(pattern(10)); }, end.send_err, end.send_line);
+  check([](Client& client) { return client.recv(10); }, end.recv_err, end.recv_line);
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, RarePoll,
+                         testing::Values(RareEnd{"HangUp",
+                                                 {1, POLLHUP, 0},
+                                                 WSAECONNRESET,
+                                                 WSAECONNRESET,
+                                                 "Socket send connection hungup",
+                                                 "Socket recv connection hungup",
+                                                 true},
+                                         RareEnd{"HangUpWithError",
+                                                 {1, POLLHUP | POLLERR, 0},
+                                                 WSAECONNRESET,
+                                                 WSAECONNRESET,
+                                                 "Socket send connection hungup",
+                                                 "Socket recv connection hungup",
+                                                 true},
+                                         RareEnd{"ErrorAlone",
+                                                 {1, POLLERR, 0},
+                                                 0,
+                                                 0,
+                                                 "Failed to send over socket",
+                                                 "Failed to recv over socket",
+                                                 false},
+                                         RareEnd{"Invalid",
+                                                 {1, POLLNVAL, 0},
+                                                 0,
+                                                 0,
+                                                 "Socket send invalid socket",
+                                                 "Socket recv invalid socket",
+                                                 false},
+                                         RareEnd{"PollFails",
+                                                 {-1, 0, WSAENETDOWN},
+                                                 WSAENETDOWN,
+                                                 WSAENETDOWN,
+                                                 "Error on Send OX_POLL",
+                                                 "Error on Recv OX_POLL",
+                                                 false},
+                                         RareEnd{"PollFailsNamelessly",
+                                                 {-1, 0, 0},
+                                                 0,
+                                                 0,
+                                                 "Error on Send OX_POLL",
+                                                 "Error on Recv OX_POLL",
+                                                 false}),
+                         [](const auto& tested) { return tested.param.name; });
+
+TEST_F(Transport, InterruptedPollAndNotReadyAfterAllGoOn) {
+  peer.on_accept([](PeerConnection& conn) {
+    conn.stall();
+    conn.send(pattern(10));
+  });
+  Client client(peer);
+  made_up_polls = {{-1, 0, WSAEINTR}, {1, POLLRDNORM, 0}, {1, POLLRDBAND, 0}};
+  std::thread later([this] {
+    Sleep(50);
+    peer.resume();
+  });
+  EXPECT_EQ(client.recv(10), 0);
+  later.join();
+  EXPECT_EQ(client.got, pattern(10));
+
+  made_up_polls = {{-1, 0, WSAEINTR}};
+  EXPECT_EQ(client.send(pattern(10)), 0);
+  EXPECT_TRUE(log.count("failed") == 0);
+}
+
+/* Systems differ in what they report beside a hang-up while data is still there. */
+TEST_F(Transport, DataIsReadFirstHoweverTheHangUpIsReported) {
+  for (const int revents :
+       {POLLHUP, POLLHUP | POLLRDNORM, POLLHUP | POLLERR, POLLERR | POLLRDNORM}) {
+    peer.on_accept(sending(10, &PeerConnection::stall));
+    Client client(peer);
+    ASSERT_EQ(client.recv(1), 0);
+    made_up_polls = {{1, revents, 0}};
+    EXPECT_EQ(client.recv(9), 0) << revents;
+    EXPECT_TRUE(client.is_open());
+  }
+}
+
+/* ------------------------------------------------------------------- the client's connections */
+
+/* Another part of the process may have got the number of the socket that was closed. */
+TEST_F(Transport, BrokenClientConnectionTouchesNoSocketAgain) {
+  peer.on_accept(sending(5, &PeerConnection::close));
+  Client client(peer);
+  const int number = client.fd();
+  ox_u8 bytes[10];
+  EXPECT_EQ(tnv_conn_recv(&client.vh, bytes, sizeof(bytes)), WSAECONNRESET);
+  EXPECT_EQ(errno, OX_EOWNERDEAD);
+  EXPECT_EQ(client.vh.vfs_fd, -1);
+
+  std::vector<SOCKET> others;
+  while (others.size() < 100 && (others.empty() || others.back() != static_cast<SOCKET>(number))) {
+    others.push_back(socket(AF_UNIX, SOCK_STREAM, 0));
+  }
+  const int polls_before = polls;
+  EXPECT_EQ(tnv_conn_send(&client.vh, bytes, sizeof(bytes)), WSAENOTCONN);
+  EXPECT_EQ(tnv_conn_recv(&client.vh, bytes, sizeof(bytes)), WSAENOTCONN);
+  EXPECT_EQ(errno, OX_EOWNERDEAD);
+  EXPECT_EQ(polls, polls_before);
+  tnv_conn_break(&client.vh);
+  for (const SOCKET sock : others) EXPECT_EQ(closesocket(sock), 0) << "not closed a second time";
+}
+
+TEST_F(Transport, AnyFailureOfAClientConnectionClosesItOnce) {
+  peer.on_accept([](PeerConnection& conn) { conn.stall(); });
+  for (const int revents : {POLLHUP, POLLERR, POLLNVAL}) {
+    Client client(peer);
+    made_up_polls = {{1, revents, 0}};
+    ox_u8 byte;
+    EXPECT_NE(tnv_conn_recv(&client.vh, &byte, 1), 0);
+    EXPECT_EQ(client.vh.vfs_fd, -1);
+    tnv_conn_break(&client.vh);
+  }
+  peer.resume();
+  EXPECT_TRUE(peer.wait_for_ended(3)) << "what the peer sees of it";
+}
+
+/* ------------------------------------------------------------------- the dump */
+
+class Dump : public Transport {
+ protected:
+  void SetUp() override { ox_debug = 2; }
+  void TearDown() override {
+    ox_debug = 1;
+    ox_logfunc = nullptr;
+    Transport::TearDown();
+  }
+};
+
+TEST_F(Dump, ShowsBytesAsSignedAndPrintableText) {
+  char bytes[] = {'A', '\0', '\x9c', '~', 'b', '\x7f'};
+  tnv_debug_dump_msg(bytes, sizeof(bytes));
+  EXPECT_THAT(log.lines(), ElementsAre("00000000000000000000 --- Begin --- 00000000000000000000",
+                                       "4100ffffff9c7e 627f", " A     ~  b  ",
+                                       "00000000000000000000 --- End --- 00000000000000000000"));
+}
+
+TEST_F(Dump, BreaksRowsAt32Bytes) {
+  std::string bytes(33, '\xff');
+  tnv_debug_dump_msg(bytes.data(), 33);
+  const auto lines = log.lines();
+  ASSERT_EQ(lines.size(), 6u);
+  EXPECT_EQ(lines[1].size(), 32u * 8 + 7);
+  EXPECT_EQ(lines[3], "ffffffff");
+  EXPECT_EQ(lines[4], "  ");
+}
+
+TEST_F(Dump, GoesBehindTheCallbacksPrefix) {
+  ox_logfunc = [](const char*, const char* level, ox_s32, ox_s32, const ox_alert_t*) {
+    return *level == '\0' ? "prefix " : "wrong level ";
+  };
+  char byte = 'A';
+  tnv_debug_dump_msg(&byte, 1);
+  EXPECT_THAT(log.lines(), ElementsAre(HasSubstr("{prefix \"000"), "{prefix \"41\"}",
+                                       "{prefix \" A\"}", HasSubstr("--- End ---")));
+}
+
+TEST_F(Dump, IsForTransfersAndDebuggingOnly) {
+  peer.on_accept(sending(3, &PeerConnection::stall));
+  Client client(peer);
+  ASSERT_EQ(client.recv(2), 0);
+  ASSERT_EQ(client.send({0x41}), 0);
+  EXPECT_THAT(log.lines(), Contains("0007"));
+  EXPECT_THAT(log.lines(), Contains("41"));
+  ox_debug = 1;
+  const LogCapture quiet;
+  ASSERT_EQ(client.recv(1), 0);
+  EXPECT_TRUE(quiet.lines().empty());
+}
+
+/* ------------------------------------------------------------------- readiness */
+
+TEST_F(Transport, SignalsReadinessThroughTheFoldedName) {
+  const std::string unique = std::to_string(GetCurrentProcessId());
+  std::string path = "C:\\Some\\Dir" + unique + "\\Tnvfs.Sock";
+  const std::string name = "c:/some/dir" + unique + "/tnvfs.sock";
+  ASSERT_EQ(tnv_signal_start(path.data()), 0);
+  EXPECT_EQ(log.count("Signal event name " + name), 1u);
+
+  const HANDLE event = OpenEventA(SYNCHRONIZE, FALSE, name.c_str());
+  ASSERT_NE(event, nullptr) << "the event outlives the call";
+  EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_OBJECT_0);
+  EXPECT_EQ(WaitForSingleObject(event, 0), DWORD{WAIT_TIMEOUT}) << "auto-reset";
+  CloseHandle(event);
+
+  std::string longest = "C:" + unique + std::string(200, 'X');
+  ASSERT_EQ(tnv_signal_start(longest.data()), 0);
+  const std::string cut = "c:" + (unique + std::string(200, 'x')).substr(0, 105);
+  EXPECT_EQ(log.count("Signal event name " + cut + "x"), 0u);
+  const HANDLE cut_event = OpenEventA(SYNCHRONIZE, FALSE, cut.c_str());
+  EXPECT_NE(cut_event, nullptr);
+  CloseHandle(cut_event);
+}
+
+}  // namespace
