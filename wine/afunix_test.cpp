@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -361,24 +362,28 @@ double seconds_since(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-/* A message in two pieces waits 40 ms for the peer's acknowledgement if small ones are held back.
+/*
+ * A message in two pieces waits 40 ms for the peer's acknowledgement if small ones are held back.
+ * The median: a busy machine slows some trips down.
  */
 TEST_F(AfUnix, SmallMessagesAreNotHeldBack) {
-  constexpr int kTrips = 500;
   constexpr size_t kSize = 500;
   auto [client, accepted] = pair();
   std::thread peer(echo, std::move(accepted), kSize);
-  const auto start = std::chrono::steady_clock::now();
-  for (int i = 0; i < kTrips; i++) {
+  std::vector<double> trips(201);
+  for (double& seconds : trips) {
+    const auto start = std::chrono::steady_clock::now();
     send_text(client, std::string(48, 'h'));
     send_text(client, std::string(kSize - 48, 'b'));
     ASSERT_EQ(receive(client, kSize).size(), kSize);
+    seconds = seconds_since(start);
   }
-  const double seconds = seconds_since(start);
   client.close();
   peer.join();
-  printf("a round trip of %zu bytes: %.0f us\n", kSize, seconds / kTrips * 1e6);
-  EXPECT_LT(seconds / kTrips, 0.020);
+  std::sort(trips.begin(), trips.end());
+  const double median = trips[trips.size() / 2];
+  printf("a round trip of %zu bytes: %.0f us\n", kSize, median * 1e6);
+  EXPECT_LT(median, 0.020);
 }
 
 TEST_F(AfUnix, ManyBytesArriveInOrder) {
@@ -397,9 +402,9 @@ TEST_F(AfUnix, ManyBytesArriveInOrder) {
 /* --------------------------------------------------------------------- a service that is killed */
 
 /* Accepts a connection, says so on it, and waits to be killed. */
-int serve(const char* path) {
+int serve(const char* path, const char* ready_event) {
   const Socket service = listener(path);
-  HANDLE ready = OpenEventA(EVENT_MODIFY_STATE, FALSE, "afunix_test-ready");
+  HANDLE ready = OpenEventA(EVENT_MODIFY_STATE, FALSE, ready_event);
   SetEvent(ready);
   const Socket accepted(accept(service, nullptr, nullptr));
   send_text(accepted, "here");
@@ -410,8 +415,9 @@ int serve(const char* path) {
 PROCESS_INFORMATION start_service(const std::string& path) {
   char program[MAX_PATH];
   GetModuleFileNameA(nullptr, program, sizeof(program));
-  std::string command = '"' + std::string(program) + "\" --serve " + path;
-  HANDLE ready = CreateEventA(nullptr, TRUE, FALSE, "afunix_test-ready");
+  const std::string ready_event = "afunix_test-" + std::to_string(GetCurrentProcessId());
+  std::string command = '"' + std::string(program) + "\" --serve " + path + ' ' + ready_event;
+  HANDLE ready = CreateEventA(nullptr, TRUE, FALSE, ready_event.c_str());
   STARTUPINFOA startup = {};
   startup.cb = sizeof(startup);
   PROCESS_INFORMATION service = {};
@@ -447,7 +453,7 @@ TEST_F(AfUnix, AKilledServiceHangsUpAndRefuses) {
 int main(int argc, char** argv) {
   WSADATA data;
   if (WSAStartup(MAKEWORD(2, 2), &data)) return 1;
-  if (argc == 3 && !strcmp(argv[1], "--serve")) return serve(argv[2]);
+  if (argc == 4 && !strcmp(argv[1], "--serve")) return serve(argv[2], argv[3]);
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }
