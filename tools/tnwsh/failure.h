@@ -1,0 +1,46 @@
+// What ends a command: an operation on a path, and the Windows code that it gave.
+#ifndef TNWSH_FAILURE_H
+#define TNWSH_FAILURE_H
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+namespace tnwsh {
+
+// Exit statuses of the program.
+enum ExitStatus { kSuccess = 0, kFailed = 1, kUsage = 2 };
+
+class Failure : public std::runtime_error {
+ public:
+  // "PATH: cannot open: error 2: The system cannot find the file specified." `what` is "cannot
+  // open".
+  Failure(const std::string& path, const std::string& what, uint32_t code);
+  // A failure of our own finding, without a code.
+  Failure(const std::string& path, const std::string& what)
+      : std::runtime_error(path + ": " + what), code_(0) {}
+
+  uint32_t Code() const { return code_; }
+
+ private:
+  uint32_t code_;
+};
+
+// A command line, or a line of the prompt, that makes no sense.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// What a Windows code means to the user of a drive; UTF-8, one line.
+std::string MeaningOf(uint32_t code);
+
+// Codes that the library gives a meaning of its own.
+inline constexpr uint32_t kConnectionBroken = 1467;
+inline constexpr uint32_t kUnauthorised = 1326;
+inline constexpr uint32_t kEndOfFile = 38;
+inline constexpr uint32_t kNoMoreFiles = 18;
+
+}  // namespace tnwsh
+
+#endif

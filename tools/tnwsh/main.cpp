@@ -1,0 +1,88 @@
+// tnwsh: a drive application for the terminal.
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <map>
+
+#include "commands.h"
+#include "console.h"
+#include "prompt.h"
+#include "shell.h"
+
+namespace tnwsh {
+namespace {
+
+constexpr char kDescription[] =
+    "A cloud drive in the terminal. Without a command it prompts for them; \"help\" there lists\n"
+    "them. Commands may also come from a file or a pipe, one a line.";
+
+constexpr char kFooter[] =
+    "Exit status: 0, 1 when an operation failed, 2 when the command line makes no sense.\n"
+    "Names are UTF-8; paths of the drive take '/' and '\\'.";
+
+void DeclareOptions(CLI::App* app, Options* options) {
+  const std::map<std::string, ProgressMode> modes = {{"auto", ProgressMode::kAuto},
+                                                     {"always", ProgressMode::kAlways},
+                                                     {"never", ProgressMode::kNever}};
+  const auto text = [app](const char* name, std::string& value, const char* help) {
+    return app->add_option(name, value, help)->type_name("TEXT");
+  };
+  text("--cloud", options->cloud, "The folder that plays the cloud")->required()->type_name("DIR");
+  text("--work", options->work, "The folder for cache, socket and logs; made when it is not there")
+      ->required()
+      ->type_name("DIR");
+  options->service = ProgramFolder() + "tarnd.exe";
+  text("--service", options->service, "The cache service (default: tarnd.exe beside this program)")
+      ->type_name("FILE");
+  text("--share", options->share, "The drive's folder in the cloud")->capture_default_str();
+  text("--user", options->user, "The user's name")->capture_default_str();
+  text("--domain", options->domain, "The cloud's domain, with a dot")->capture_default_str();
+  text("--token", options->token, "The user's access token")->capture_default_str();
+  app->add_option("--threads", options->threads, "Connections to the service")
+      ->check(CLI::Range(1, 256))
+      ->capture_default_str();
+  app->add_option("--progress", options->progress,
+                  "The progress of long transfers: auto (on a terminal), always, never")
+      ->transform(CLI::CheckedTransformer(modes))
+      ->type_name("WHEN")
+      ->default_str("auto");
+}
+
+int Main() {
+  Options options;
+  Action action;
+  CLI::App app(kDescription, "tnwsh");
+  app.footer(kFooter);
+  DeclareOptions(&app, &options);
+  DeclareCommands(&app, &action);
+  app.require_subcommand(0, 1);
+
+  std::vector<std::string> arguments = ProgramArguments();
+  std::reverse(arguments.begin(), arguments.end());  // as the parser takes them
+  try {
+    app.parse(arguments);
+  } catch (const CLI::CallForHelp&) {
+    fmt::print("{}", app.help());
+    return kSuccess;
+  } catch (const CLI::ParseError& error) {
+    fmt::print(stderr, "tnwsh: {}\nRun with --help for more.\n", error.what());
+    return kUsage;
+  }
+  Shell shell(std::move(options));
+  return action ? shell.Run(action) : RunPrompt(&shell);
+}
+
+}  // namespace
+}  // namespace tnwsh
+
+int main() {
+  tnwsh::SetUpConsole();
+  try {
+    return tnwsh::Main();
+  } catch (const std::exception& error) {
+    fmt::print(stderr, "tnwsh: {}\n", error.what());
+    return tnwsh::kFailed;
+  }
+}

@@ -1,0 +1,38 @@
+// What the drive is started with.
+#ifndef TNWSH_OPTIONS_H
+#define TNWSH_OPTIONS_H
+
+#include <string>
+
+#include "progress.h"
+#include "tnw.h"
+
+namespace tnwsh {
+
+// As given on the command line; UTF-8.
+struct Options {
+  std::string cloud;    // the folder that plays the cloud
+  std::string work;     // cache, socket and logs
+  std::string service;  // tarnd.exe
+  std::string share = "/";
+  std::string user = "me";
+  std::string domain = "drive.local";
+  std::string token = "development";
+  int threads = 4;
+  ProgressMode progress = ProgressMode::kAuto;
+};
+
+// The start-up record of a drive. Throws a UsageError for a value that it cannot hold or that the
+// library would not pass on whole.
+tnw_tninit StartRecord(const Options& options);
+
+// The percent-encoded address of a folder: "file:///Z:/a%20folder".
+std::string FileAddress(const std::string& folder);
+
+// Where logs and the cache of the options' user go; absolute.
+std::string LogFolder(const Options& options);
+std::string CacheFolder(const Options& options);
+
+}  // namespace tnwsh
+
+#endif

@@ -1,0 +1,75 @@
+#include "progress.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "console.h"
+#include "text.h"
+
+namespace tnwsh {
+
+using std::chrono::milliseconds;
+
+Progress::Progress(ProgressMode mode, std::string label, uint64_t total)
+    : mode_(mode == ProgressMode::kAuto && !IsTerminal(stderr) ? ProgressMode::kNever : mode),
+      label_(std::move(label)),
+      total_(total),
+      next_draw_(start_ + milliseconds(mode == ProgressMode::kAlways ? 0 : 1000)) {}
+
+Progress::~Progress() {
+  if (drawn_width_ > 0) {
+    fputc('\n', stderr);
+  }
+}
+
+double Progress::Elapsed() const {
+  return std::chrono::duration<double>(Clock::now() - start_).count();
+}
+
+void Progress::Update(uint64_t done) {
+  const Clock::time_point now = Clock::now();
+  if (mode_ != ProgressMode::kNever && now >= next_draw_) {
+    next_draw_ = now + milliseconds(100);
+    Draw(done);
+  }
+}
+
+double Progress::Finish() {
+  const double seconds = Elapsed();
+  if (drawn_width_ > 0) {
+    Draw(total_);
+    fputc('\n', stderr);
+    drawn_width_ = 0;
+  }
+  return seconds;
+}
+
+// "big.bin  [########------------]  42%  27.1 MiB of 64.0 MiB  88.3 MiB/s  0:01 left"
+void Progress::Draw(uint64_t done) {
+  const double share =
+      total_ == 0 ? 1 : std::min(1.0, static_cast<double>(done) / static_cast<double>(total_));
+  const double seconds = std::max(Elapsed(), 0.001);
+  const double rate = static_cast<double>(done) / seconds;
+  std::string numbers =
+      fmt::format(" {:3.0f}%  {} of {}  {}/s", share * 100, BytesText(static_cast<double>(done)),
+                  BytesText(static_cast<double>(total_)), BytesText(rate));
+  if (done >= total_) {
+    numbers += "  " + DurationText(seconds);
+  } else if (rate > 0) {
+    numbers += "  " + DurationText(static_cast<double>(total_ - done) / rate) + " left";
+  }
+  const int room = TerminalWidth() - static_cast<int>(label_.size() + numbers.size()) - 6;
+  const int cells = std::clamp(room, 5, 30);
+  const int full = static_cast<int>(share * cells);
+  std::string line =
+      fmt::format("{}  [{:#<{}}{:-<{}}]{}", label_, "", full, "", cells - full, numbers);
+  const size_t width = line.size();
+  line.append(drawn_width_ > width ? drawn_width_ - width : 0, ' ');  // over a longer one
+  drawn_width_ = width;
+  fmt::print(stderr, "\r{}", line);
+  fflush(stderr);
+}
+
+}  // namespace tnwsh

@@ -1,0 +1,141 @@
+#include "prompt.h"
+
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+
+#include "commands.h"
+#include "console.h"
+
+namespace tnwsh {
+namespace {
+
+class Prompt {
+ public:
+  explicit Prompt(Shell* shell) : shell_(shell) {}
+
+  ExitStatus Run() {
+    const bool terminal = IsTerminal(stdin);
+    if (terminal) {
+      fmt::print("Commands of the drive; \"help\" lists them.\n");
+    }
+    std::string line;
+    while (!done_ && Next(terminal, &line)) {
+      last_ = RunLine(line);
+      worst_ = std::max(worst_, last_);
+    }
+    return terminal ? kSuccess : worst_;
+  }
+
+ private:
+  static bool Next(bool terminal, std::string* line) {
+    if (terminal) {
+      fmt::print("tnwsh> ");
+    }
+    fflush(stdout);
+    return ReadLine(line);
+  }
+
+  ExitStatus RunLine(const std::string& line) {
+    Action action = [](Shell&) {};
+    try {
+      std::vector<std::string> words = SplitWords(line);
+      if (words.empty()) {
+        return last_;
+      }
+      Parse(std::move(words), &action);
+    } catch (const UsageError& error) {
+      action = [text = std::string(error.what())](Shell&) { throw UsageError(text); };
+    }
+    return shell_->Run(action);
+  }
+
+  // A parser knows one line: CLI11 keeps what it has parsed.
+  void Parse(std::vector<std::string> words, Action* action) {
+    CLI::App app("Names with blanks stand in quotes; '#' begins a comment.", "");
+    DeclareCommands(&app, action);
+    DeclareOwn(&app, action);
+    app.require_subcommand(1);
+    std::reverse(words.begin(), words.end());  // as the parser takes them
+    try {
+      app.parse(words);
+    } catch (const CLI::CallForHelp&) {
+      *action = [text = app.help()](Shell&) { fmt::print("{}", text); };
+    } catch (const CLI::ParseError& error) {
+      throw UsageError(error.what());
+    }
+  }
+
+  void DeclareOwn(CLI::App* app, Action* action) {
+    auto topic = std::make_shared<std::string>();
+    CLI::App* help = app->add_subcommand("help", "Shows the commands, or one of them");
+    help->add_option("COMMAND", *topic, "A command");
+    help->callback([=] { *action = HelpAction(app, *topic); });
+    app->add_subcommand("status", "Shows the exit status of the command before")
+        ->callback([=, this] {
+          *action = [status = last_](Shell&) {
+            fmt::print("status {}\n", static_cast<int>(status));
+          };
+        });
+    app->add_subcommand("exit", "Ends the prompt")->alias("quit")->callback([this] {
+      done_ = true;
+    });
+  }
+
+  static Action HelpAction(const CLI::App* app, const std::string& topic) {
+    const auto named = [&](const CLI::App* command) { return command->check_name(topic); };
+    const std::vector<const CLI::App*> found = app->get_subcommands(named);
+    if (!topic.empty() && found.empty()) {
+      throw UsageError("No command \"" + topic + "\"; \"help\" lists them");
+    }
+    const CLI::App* subject = topic.empty() ? app : found.front();
+    return [text = subject->help()](Shell&) { fmt::print("{}", text); };
+  }
+
+  Shell* const shell_;
+  bool done_ = false;
+  ExitStatus last_ = kSuccess;
+  ExitStatus worst_ = kSuccess;
+};
+
+}  // namespace
+
+std::vector<std::string> SplitWords(const std::string& line) {
+  std::vector<std::string> words;
+  char quote = '\0';
+  bool in_word = false;
+  for (const char c : line) {
+    if (quote != '\0') {
+      if (c == quote) {
+        quote = '\0';
+      } else {
+        words.back() += c;
+      }
+    } else if (c == ' ' || c == '\t') {
+      in_word = false;
+    } else if (c == '#' && !in_word) {
+      break;
+    } else {
+      const bool opens_quote = c == '"' || (c == '\'' && !in_word);
+      if (!in_word) {
+        words.emplace_back();
+        in_word = true;
+      }
+      if (opens_quote) {
+        quote = c;
+      } else {
+        words.back() += c;
+      }
+    }
+  }
+  if (quote != '\0') {
+    throw UsageError(fmt::format("A quote ({}) is not closed: {}", quote, line));
+  }
+  return words;
+}
+
+ExitStatus RunPrompt(Shell* shell) { return Prompt(shell).Run(); }
+
+}  // namespace tnwsh
