@@ -1,0 +1,71 @@
+#include "options.h"
+
+namespace tarnd {
+
+std::string HelpText() {
+  return R"(tarnd: the cache service of a cloud drive, for development, demos and tests
+
+usage: tarnd --cache DIR --addr URL [options]
+
+An option's value is the next word, unless that begins with "--": then it is empty. Words that
+follow a value belong to it. A quote groups words; a backslash is never an escape.
+
+The cloud and the user:
+  --addr URL             the cloud: file:///Z:/a%20folder (percent-encoded)
+  --cfs URL              the cloud's own name: https://domain
+  --user NAME            the user
+  --access-token TOKEN   the user's token; "expired" is one that the cloud does not accept
+  --confaddr URL         the configuration service: kept, not used
+  --proxy-server TEXT, --proxy-user TEXT, --proxy-password TEXT
+                         the HTTP proxy: kept, not used (a folder needs none)
+This machine:
+  --cache DIR            the cache directory: cache files, journals and the pid file "tarnd_pid"
+  --sockdir DIR          the socket's directory; the cache directory when empty
+  --wgid ID              the workgroup: a directory of this name below the socket's directory
+  --uid NUMBER           the socket is "NUMBER.sock", and "tnvfs.sock" when 0 or left out
+  --logfile FILE         the log; without it, messages go to the console
+  --tn-devid ID, --da-devid ID
+                         the library's and the drive application's device, as GET_VERSION tells
+  --vfs                  serve the drive (always done; told in GET_VERSION)
+  --help, --version
+
+Environment, for development:
+  TARND_REGION_SHIFT=N   regions of 2^N bytes, 0 to 62 (20)
+  TARND_UTXID=N          the first answer's transaction id, counted up with each answer; 0: none (0)
+  TARND_LATENCY_MS=N     waits before each answer, up to 60000 (0)
+  TARND_LATENCY_OPS=LIST only before the answers of these operations: "open,cache_region"
+  TARND_COUNTS=FILE      writes the counts there at the end: "name value", one a line
+  TARND_DEBUG=N          debug messages up to this verbosity, 0 to 5
+
+Ends with 0 after a SHUTDOWN request or Ctrl-C; 1 when it cannot start; 2 for a wrong command line or
+environment; 3 when data could not be written back (it stays in the cache directory and is written
+back at the next start). At the end it prints its counts.
+
+Conventions (more in service/README.md):
+  access mode    1 read, 2 and 4 write, 0 attributes only
+  share mode     1 read, 2 write, 4 delete; a conflict is 13. Opens for attributes only, and opens
+                 after their CLEANUP, take no part in it
+  flags          0x1 asks for a folder (20 when it is a file), 0x40 for a file (1 when it is a
+                 folder); a create with 0x1 makes a folder
+  disposition    1 create new (17), 2 create always, 3 open (2), 4 open always, 5 truncate (2); 2
+                 and 4 answer 183 for what was there
+  answer flags   4 whenever maps are sent: for every file; 2 when the cached file is newer than the
+                 cloud's
+  maps           have room for the file to double and 512 regions more; regions past the cloud's
+                 content are marked cached from the start
+  CACHE_REGION   7: a range that no file can have (past 2^31 regions or 2^63 bytes); 25: the open has
+                 no maps any more, so the local file is the truth. A range past the end is answered
+                 with 0 and as cached, so that the next read there sends no message
+  clear marks    for an open whose maps speak of a content that was cut to nothing by another open
+  DIRTY_REGION   caches the regions first; 28: past the largest file
+  CLOSE          8 in the flags writes the file back. So do a last close of a changed file, and the
+                 end of the client. 9: no such open. A failed write-back refuses the close
+  RENAME         onto an existing name 17; DELETE of a folder with entries 41; either of what is open
+                 without sharing deletion 13; of a folder with open files below 16
+  BRL            a conflict is 13, an unlock of what is not locked 22
+  token          while it is "expired", every request about files is answered as unauthorised (1)
+  errors         22 malformed, 40 unknown operation, 1 access denied or a path out of the share
+)";
+}
+
+}  // namespace tarnd

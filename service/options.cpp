@@ -1,0 +1,163 @@
+#include "options.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <sstream>
+
+#include "counters.h"
+
+namespace tarnd {
+namespace {
+
+struct TextOption {
+  const char* name;
+  std::string Options::*field;
+};
+
+constexpr std::array<TextOption, 14> kTextOptions = {{
+    {"--cfs", &Options::cfs},
+    {"--user", &Options::user},
+    {"--cache", &Options::cache},
+    {"--addr", &Options::addr},
+    {"--confaddr", &Options::confaddr},
+    {"--tn-devid", &Options::tn_devid},
+    {"--da-devid", &Options::da_devid},
+    {"--access-token", &Options::access_token},
+    {"--logfile", &Options::logfile},
+    {"--sockdir", &Options::sockdir},
+    {"--wgid", &Options::wgid},
+    {"--proxy-server", &Options::proxy_server},
+    {"--proxy-user", &Options::proxy_user},
+    {"--proxy-password", &Options::proxy_password},
+}};
+
+struct FlagOption {
+  const char* name;
+  bool Options::*field;
+};
+
+constexpr std::array<FlagOption, 3> kFlagOptions = {{
+    {"--vfs", &Options::vfs},
+    {"--help", &Options::help},
+    {"--version", &Options::version},
+}};
+
+bool IsOption(const std::string& word) { return word.starts_with("--"); }
+
+template <typename Number>
+bool ParseNumber(const std::string& text, Number max, Number* number) {
+  const char* end = text.data() + text.size();
+  const auto [rest, err] = std::from_chars(text.data(), end, *number);
+  return err == std::errc{} && rest == end && *number <= max;
+}
+
+template <typename Table>
+auto FindOption(const Table& table, const std::string& name) {
+  return std::find_if(table.begin(), table.end(),
+                      [&](const auto& option) { return name == option.name; });
+}
+
+// One option with the words that follow it.
+bool TakeOption(const std::string& name, const std::string& value, Options* options,
+                std::string* error) {
+  if (const auto text = FindOption(kTextOptions, name); text != kTextOptions.end()) {
+    options->*(text->field) = value;
+    return true;
+  }
+  if (const auto flag = FindOption(kFlagOptions, name); flag != kFlagOptions.end()) {
+    *error = value.empty() ? "" : name + " takes no value";
+    return options->*(flag->field) = value.empty();
+  }
+  if (name == "--uid") {
+    *error = "--uid wants a number, not \"" + value + '"';
+    return value.empty() || ParseNumber<uint64_t>(value, UINT64_MAX, &options->uid);
+  }
+  *error = "unknown option " + name;
+  return false;
+}
+
+bool ParseOperations(const std::string& text, std::set<uint32_t>* operations, std::string* error) {
+  std::istringstream names(text);
+  for (std::string name; std::getline(names, name, ',');) {
+    const uint32_t opcode = Counters::OperationOfName(name);
+    if (opcode == TNV_OP_MAX) {
+      *error = "TARND_LATENCY_OPS: no operation is called \"" + name + '"';
+      return false;
+    }
+    operations->insert(opcode);
+  }
+  return true;
+}
+
+}  // namespace
+
+std::vector<std::string> SplitCommandLine(const std::string& line) {
+  std::vector<std::string> words;
+  bool quoted = false;
+  bool in_word = false;
+  for (const char c : line) {
+    const bool blank = (c == ' ' || c == '\t') && !quoted;
+    if (!blank && !in_word) {
+      words.emplace_back();
+    }
+    in_word = !blank;
+    if (c == '"') {
+      quoted = !quoted;
+    } else if (!blank) {
+      words.back() += c;
+    }
+  }
+  return words;
+}
+
+bool ParseCommandLine(const std::vector<std::string>& words, Options* options, std::string* error) {
+  auto word = std::find_if(words.begin(), words.end(), IsOption);
+  while (word != words.end()) {
+    const std::string& name = *word++;
+    std::string value;
+    for (bool first = true; word != words.end() && !IsOption(*word); first = false) {
+      value += (first ? "" : " ") + *word++;
+    }
+    if (!TakeOption(name, value, options, error)) {
+      return false;
+    }
+  }
+  if (options->help || options->version) {
+    return true;
+  }
+  *error = options->cache.empty() ? "--cache is missing" : "--addr is missing";
+  return !options->cache.empty() && !options->addr.empty();
+}
+
+bool ParseEnvironment(const Environment& environment, Options* options, std::string* error) {
+  const auto number = [&](const char* name, auto max, auto* field) {
+    const std::optional<std::string> text = environment(name);
+    if (!text || text->empty() || ParseNumber<decltype(max)>(*text, max, field)) {
+      return true;
+    }
+    *error = std::string(name) + " wants a number up to " + std::to_string(max) + ", not \"" +
+             *text + '"';
+    return false;
+  };
+  options->counts_file = environment("TARND_COUNTS").value_or("");
+  return number("TARND_REGION_SHIFT", 62, &options->region_shift) &&
+         number("TARND_UTXID", UINT64_MAX, &options->first_utxid) &&
+         number("TARND_LATENCY_MS", uint32_t{60000}, &options->latency_ms) &&
+         number("TARND_DEBUG", 5, &options->debug_level) &&
+         ParseOperations(environment("TARND_LATENCY_OPS").value_or(""), &options->latency_ops,
+                         error) &&
+         (options->region_shift >= 0 || (*error = "TARND_REGION_SHIFT is negative", false));
+}
+
+std::string SocketFolder(const Options& options) {
+  const std::string& root = options.sockdir.empty() ? options.cache : options.sockdir;
+  return options.wgid.empty() ? root : root + '\\' + options.wgid;
+}
+
+std::string SocketPath(const Options& options) {
+  const std::string name = options.uid == 0 ? "tnvfs.sock" : std::to_string(options.uid) + ".sock";
+  return SocketFolder(options) + '\\' + name;
+}
+
+}  // namespace tarnd

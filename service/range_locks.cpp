@@ -1,0 +1,55 @@
+#include "range_locks.h"
+
+#include <algorithm>
+
+#include "ox_errno.h"
+
+namespace tarnd {
+namespace {
+
+// Both ranges end at or below 2^64 - 1.
+bool Overlap(uint64_t offset, uint64_t length, uint64_t other_offset, uint64_t other_length) {
+  return length != 0 && other_length != 0 && offset < other_offset + other_length &&
+         other_offset < offset + length;
+}
+
+}  // namespace
+
+int RangeLocks::Lock(Owner owner, uint64_t offset, uint64_t length, bool exclusive) {
+  if (length > UINT64_MAX - offset) {
+    return OX_EINVAL;
+  }
+  std::lock_guard guard(lock_);
+  const auto conflicts = [&](const Entry& held) {
+    return Overlap(offset, length, held.offset, held.length) &&
+           (exclusive || (held.exclusive && held.owner != owner));
+  };
+  if (std::any_of(entries_.begin(), entries_.end(), conflicts)) {
+    return OX_EACCES;
+  }
+  entries_.push_back({owner, offset, length, exclusive});
+  return 0;
+}
+
+int RangeLocks::Unlock(Owner owner, uint64_t offset, uint64_t length) {
+  std::lock_guard guard(lock_);
+  auto found = entries_.end();
+  for (auto it = entries_.begin(); it != entries_.end(); ++it) {
+    if (it->owner == owner && it->offset == offset && it->length == length &&
+        (found == entries_.end() || it->exclusive)) {
+      found = it;
+    }
+  }
+  if (found == entries_.end()) {
+    return OX_EINVAL;
+  }
+  entries_.erase(found);
+  return 0;
+}
+
+void RangeLocks::Release(uint64_t open) {
+  std::lock_guard guard(lock_);
+  std::erase_if(entries_, [open](const Entry& held) { return held.owner.open == open; });
+}
+
+}  // namespace tarnd

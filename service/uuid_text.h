@@ -1,0 +1,24 @@
+// Identifiers as text.
+#ifndef SERVICE_UUID_TEXT_H
+#define SERVICE_UUID_TEXT_H
+
+#include <string>
+
+#include "tnv_proto.h"
+
+namespace tarnd {
+
+// 36 lower-case characters.
+std::string TextOfId(const cfs_id_t& id);
+// False when the text is no UUID.
+bool IdOfText(const std::string& text, cfs_id_t* id);
+cfs_id_t NewId();
+
+struct IdLess {
+  bool operator()(const cfs_id_t& a, const cfs_id_t& b) const;
+};
+bool SameId(const cfs_id_t& a, const cfs_id_t& b);
+
+}  // namespace tarnd
+
+#endif
