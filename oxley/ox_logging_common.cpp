@@ -1,7 +1,6 @@
 /*
  * The parts of a log line: levels, timestamp and prefix; the one-shot start and the knobs.
  */
-#define _POSIX_THREAD_SAFE_FUNCTIONS 200112L /* MinGW: localtime_r */
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>

@@ -76,6 +76,12 @@ int open_descriptor(const char* path, ox_u32 access_flags, DWORD disposition, DW
   return fd;
 }
 
+/* Whether the runtime would wrap the handle in a descriptor. */
+bool is_open_handle(HANDLE handle) {
+  SetLastError(ERROR_SUCCESS);
+  return GetFileType(handle) != FILE_TYPE_UNKNOWN || GetLastError() == ERROR_SUCCESS;
+}
+
 DWORD at_most_dword(size_t count) {
   return static_cast<DWORD>(std::min<size_t>(count, UINT32_MAX));
 }
@@ -158,12 +164,13 @@ int ox_close(int fd) {
 }
 
 int ox_close_fhdl(ox_handle handle) {
+  if (!is_open_handle(handle)) {
+    errno = OX_EBADF;
+    return -1;
+  }
   const int fd = _open_osfhandle(reinterpret_cast<intptr_t>(handle), 0);
   if (fd >= 0) {
     return ox_close(fd);
-  }
-  if (errno != EMFILE) {
-    return -1;
   }
   /* Every descriptor is taken: the handle is good and must not leak for that. */
   if (!CloseHandle(handle)) {
@@ -219,8 +226,7 @@ int ox_fd2path(int fd, char* buf, size_t size, const char* name) {
  * not have been wrapped is refused as the runtime would have: without a log line.
  */
 int ox_handle2path(ox_handle handle, char* buf, size_t size, const char* name) {
-  SetLastError(ERROR_SUCCESS);
-  if (GetFileType(handle) == FILE_TYPE_UNKNOWN && GetLastError() != ERROR_SUCCESS) {
+  if (!is_open_handle(handle)) {
     errno = OX_EBADF;
   } else if (handle_path(handle, -1, buf, size, name)) {
     return 1;

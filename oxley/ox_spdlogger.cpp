@@ -3,8 +3,8 @@
  * there is no file.
  *
  * Nothing here is destroyed at process end. Threads of the host may log while the runtime already
- * tears down its statics (spdlog's registry among them), so the two loggers are held by shared
- * pointers that are leaked on purpose, and every line written until the end finds them alive.
+ * tears down its statics (spdlog's registry among them), so the loggers are held by shared
+ * pointers that are never freed, and every line written until the end finds them alive.
  *
  * No exception of spdlog leaves this file.
  */
@@ -16,6 +16,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <exception>
 #include <memory>
 #include <mutex>
@@ -23,24 +24,31 @@
 #include <utility>
 
 #include "ox_logging.h"
+#include "ox_util.h"
 
 namespace {
 
 using rotating_file = spdlog::sinks::rotating_file_sink<spdlog::details::null_mutex>;
 
+/* A logger that is kept until the process has ended, and the one that it took the place of. */
+struct kept_logger {
+  std::shared_ptr<spdlog::logger> out;
+  kept_logger* earlier;
+};
+
 /* The file logger, once created; the console logger, once the one-time set-up has run. */
-std::atomic<spdlog::logger*> logger = nullptr;
-std::atomic<spdlog::logger*> console = nullptr;
+std::atomic<kept_logger*> logger = nullptr;
+std::atomic<kept_logger*> console = nullptr;
 pthread_once_t flag = PTHREAD_ONCE_INIT;
 
-/* Keeps `made` alive until the process has ended. */
-spdlog::logger* leak(std::shared_ptr<spdlog::logger> made) {
-  return (new std::shared_ptr<spdlog::logger>(std::move(made)))->get();
+void keep(std::atomic<kept_logger*>& place, std::shared_ptr<spdlog::logger> made) {
+  auto* kept = new kept_logger{std::move(made), place.load(std::memory_order_acquire)};
+  place.store(kept, std::memory_order_release);
 }
 
 void write_console(spdlog::string_view_t text) {
-  if (spdlog::logger* out = console.load(std::memory_order_acquire)) {
-    out->log(spdlog::level::info, text);
+  if (const kept_logger* kept = console.load(std::memory_order_acquire)) {
+    kept->out->log(spdlog::level::info, text);
   }
 }
 
@@ -49,7 +57,7 @@ void report_file(ox_s32 lineno, const char* what) {
   char line[OX_LOG_LINE_SIZE];
   int capacity = OX_LOG_LINE_SIZE;
   const int used = ox_log_prefix(line, OX_ERROR_LEVEL, lineno, __FILE_NAME__, errno, &capacity);
-  snprintf(line + used, static_cast<size_t>(capacity), "Cannot write the log file: %s", what);
+  ox_append(line + used, &capacity, "Cannot write the log file: %s", what);
   write_console(line);
 }
 
@@ -156,7 +164,7 @@ void ox_spdlog_set_pattern(void) {
     spdlog::flush_on(spdlog::level::info);
     spdlog::set_pattern("%v");
     if (console.load(std::memory_order_acquire) == nullptr) {
-      console.store(leak(spdlog::default_logger()), std::memory_order_release);
+      keep(console, spdlog::default_logger());
     }
   } catch (const std::exception& e) {
     fprintf(stderr, "Cannot set up logging: %s\n", e.what());
@@ -176,7 +184,7 @@ void ox_init_spdlogger(const char* logger_name, const char* logfile, size_t max_
         logger_name != nullptr ? logger_name : "", logfile, max_size, max_files);
     made->set_pattern("%v", spdlog::pattern_time_type::local);
     made->flush_on(spdlog::level::info);
-    logger.store(leak(std::move(made)), std::memory_order_release);
+    keep(logger, std::move(made));
   } catch (const std::exception& e) {
     report_file(__LINE__, e.what());
   }
@@ -189,17 +197,19 @@ void ox_spdlog(char* msg) {
   }
   pthread_once(&flag, set_up_once);
   trim_newline(msg);
-  if (spdlog::logger* out = logger.load(std::memory_order_acquire)) {
-    out->log(spdlog::level::info, spdlog::string_view_t(msg));
+  if (const kept_logger* kept = logger.load(std::memory_order_acquire)) {
+    kept->out->log(spdlog::level::info, spdlog::string_view_t(msg));
   } else {
     write_console(msg);
   }
 }
 
 void ox_flush_spdlogger(void) {
-  if (spdlog::logger* out = logger.load(std::memory_order_acquire)) {
-    out->flush();
-  } else if (spdlog::logger* fallback = console.load(std::memory_order_acquire)) {
-    fallback->flush();
+  const kept_logger* kept = logger.load(std::memory_order_acquire);
+  if (kept == nullptr) {
+    kept = console.load(std::memory_order_acquire);
+  }
+  if (kept != nullptr) {
+    kept->out->flush();
   }
 }

@@ -1,0 +1,312 @@
+/*
+ * The log facility: line formats, both ways of writing a line, the rotating file and its failures,
+ * the end of the process. Lines are read back from the log file.
+ */
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <set>
+#include <thread>
+
+#include "captured_log.h"
+#include "ox_assert.h"
+#include "ox_logging.h"
+
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+
+namespace {
+
+constexpr size_t timestamp_length = sizeof("[2026-11-16 00:48:16.007 2026] ") - 1;
+
+std::string prefix(ox_msglvl level, ox_s32 line, const char* file, ox_s32 err) {
+  char buf[256];
+  int capacity = sizeof(buf);
+  const int written = ox_log_prefix(buf, level, line, file, err, &capacity);
+  EXPECT_EQ(static_cast<int>(strlen(buf)), written);
+  EXPECT_EQ(static_cast<int>(sizeof(buf)) - written, capacity);
+  return buf;
+}
+
+std::string level_field(ox_msglvl level, ox_s32 line, const char* file, ox_s32 err) {
+  return prefix(level, line, file, err).substr(timestamp_length);
+}
+
+/* Makes the console logger of a child process write where a death test looks. */
+void console_to_stderr() { dup2(2, 1); }
+
+const char* seen_level;
+std::string seen_file;
+ox_s32 seen_line;
+ox_s32 seen_err;
+
+const char* test_prefix(const char* file, const char* level, ox_s32 line, ox_s32 err,
+                        const ox_alert_t* alert) {
+  EXPECT_EQ(nullptr, alert);
+  seen_file = file;
+  seen_level = level;
+  seen_line = line;
+  seen_err = err;
+  return "P: ";
+}
+
+struct with_callback {
+  with_callback() { ox_logfunc = test_prefix; }
+  ~with_callback() { ox_logfunc = nullptr; }
+};
+
+}  // namespace
+
+TEST(Prefix, EachLevelHasItsField) {
+  const char* file = "ox_platform_win.c"; /* cut to its first 12 characters */
+  ox_debug = 5;
+  EXPECT_EQ("INFO    ox_platform_:82 ", level_field(OX_INFO_LEVEL, 82, file, 2));
+  EXPECT_EQ("WARNING ox_platform_:82 ", level_field(OX_WARN_LEVEL, 82, file, 2));
+  EXPECT_EQ("ERR:002 ox_platform_:82 ", level_field(OX_ERROR_LEVEL, 82, file, 2));
+  EXPECT_EQ("FATAL   2:ox_platform_:82 ", level_field(OX_FATAL_LEVEL, 82, file, 2));
+  EXPECT_EQ("DEBU-05 ox_platform_:82 ", level_field(OX_DEBUG_LEVEL, 82, file, 2));
+  EXPECT_EQ("", level_field(OX_USER_LEVEL, 82, file, 2));
+  EXPECT_EQ("", prefix(OX_PRINTF_LEVEL, 82, file, 2)) << "no timestamp either";
+  EXPECT_EQ("PROF    ox_platform_:82 ", level_field(OX_PROF_LEVEL, 82, file, 2));
+  EXPECT_EQ("TODO    2:ox_platform_:82 ", level_field(OX_TODO_LEVEL, 82, file, 2));
+  for (const ox_msglvl level : {9u, 10u, 0xffffffffu}) {
+    EXPECT_EQ("ox_platform_:82 ", level_field(level, 82, file, 2)) << level;
+  }
+  ox_debug = 1;
+  EXPECT_EQ("DEBU-01   ox_tpool.c:300 ", level_field(OX_DEBUG_LEVEL, 300, "ox_tpool.c", 0));
+  EXPECT_EQ("ERR:12345   ox_tpool.c:3 ", level_field(OX_ERROR_LEVEL, 3, "ox_tpool.c", 12345));
+}
+
+TEST(Prefix, TimestampIsLocalTimeWithTheYearAgain) {
+  const time_t before = time(nullptr);
+  const std::string text = prefix(OX_USER_LEVEL, 0, "f", 0);
+  const time_t after = time(nullptr);
+  struct tm read = {};
+  int msecs = -1;
+  int year = -1;
+  int end = 0;
+  ASSERT_EQ(
+      8, sscanf(text.c_str(), "[%4d-%2d-%2d %2d:%2d:%2d.%3d %4d] %n", &read.tm_year, &read.tm_mon,
+                &read.tm_mday, &read.tm_hour, &read.tm_min, &read.tm_sec, &msecs, &year, &end));
+  EXPECT_EQ(timestamp_length, text.size());
+  EXPECT_EQ(timestamp_length, static_cast<size_t>(end));
+  EXPECT_EQ(read.tm_year, year);
+  read.tm_year -= 1900;
+  read.tm_mon -= 1;
+  read.tm_isdst = -1;
+  const time_t stamped = mktime(&read);
+  EXPECT_LE(before, stamped);
+  EXPECT_GE(after, stamped);
+}
+
+TEST(Prefix, NeverPassesItsCapacity) {
+  for (const int room : {0, 1, 2, 31, 32, 40}) {
+    char buf[64];
+    memset(buf, '#', sizeof(buf));
+    int capacity = room;
+    const int written = ox_log_prefix(buf, OX_INFO_LEVEL, 82, "ox_platform_win.c", 0, &capacity);
+    EXPECT_EQ(room == 0 ? 0 : room - 1, written);
+    EXPECT_EQ(room - written, capacity);
+    if (room > 0) {
+      EXPECT_EQ('\0', buf[written]);
+    }
+    EXPECT_EQ('#', buf[room]);
+  }
+}
+
+TEST(Line, IsTheTextAsGivenLessOneNewline) {
+  captured_log log;
+#ifdef _WIN32
+  const std::string eol = "\r\n";
+#else
+  const std::string eol = "\n";
+#endif
+  errno = 77;
+  ox_log("a\n");
+  ox_log("b");
+  ox_log("c\n\n");
+  ox_log("d\r\n");
+  ox_log("%s", "");
+  ox_log("%s", "{} {0} %d %n\n");
+  ox_log("%zu %lld %llx %p|\n", size_t{7}, -8ll, 0xfedcba9876543210ull, nullptr);
+  EXPECT_EQ(77, errno) << "callers log before they return their error";
+  const std::string content = log.content();
+  EXPECT_EQ(0u, content.find("a" + eol + "b" + eol + "c\n" + eol + "d\r" + eol + eol +
+                             "{} {0} %d %n" + eol + "7 -8 fedcba9876543210 "))
+      << content;
+}
+
+TEST(Line, IsCutAt4095Characters) {
+  captured_log log;
+  const std::string longer(5000, 'x');
+  ox_log("%s\n", longer.c_str());
+  ox_log_msg(1, "file.c", OX_PRINTF_LEVEL, 0, "%s\n", longer.c_str());
+  ox_log_msg(1, "file.c", OX_INFO_LEVEL, 0, "%s\n", longer.c_str());
+  const auto lines = log.lines();
+  ASSERT_EQ(3u, lines.size());
+  EXPECT_EQ(std::string(4095, 'x'), lines[0]);
+  EXPECT_EQ(std::string(4095, 'x'), lines[1]);
+  EXPECT_EQ(4095u, lines[2].size());
+  EXPECT_THAT(lines[2].substr(timestamp_length, 30), HasSubstr("INFO          file.c:1 xxx"));
+}
+
+TEST(CallSite, UsesTheBuiltInPrefixOrTheCallback) {
+  captured_log log;
+  OX_LOG_AT("tnw_connect", 145, OX_ERROR_LEVEL, 2, "Failed to send over %s", "socket");
+  ox_set_profile_level(0);
+  OX_LOG_DEBUG(2, "not at verbosity %d", ox_debug);
+  {
+    const with_callback installed;
+    OX_LOG_AT("tnw_connect", 145, OX_ERROR_LEVEL, 2, "Failed to send over %s", "socket");
+    EXPECT_STREQ("ERROR", seen_level);
+    EXPECT_EQ("tnw_connect", seen_file);
+    EXPECT_EQ(145, seen_line);
+    EXPECT_EQ(2, seen_err);
+    ox_set_profile_level(0);
+    EXPECT_EQ("ox_profile", seen_file);
+    EXPECT_EQ(10, seen_line);
+  }
+  const auto lines = log.lines();
+  ASSERT_EQ(4u, lines.size());
+  EXPECT_EQ("ERR:002  tnw_connect:145 Failed to send over socket",
+            lines[0].substr(timestamp_length));
+  EXPECT_EQ("INFO      ox_profile:10 oxley profile level set to 0",
+            lines[1].substr(timestamp_length));
+  EXPECT_EQ("{P: \"Failed to send over socket\"}", lines[2]);
+  EXPECT_EQ("{P: \"oxley profile level set to 0\"}", lines[3]);
+}
+
+/* In children, since initialisation is one-shot. */
+TEST(StateDeathTest, StartsOnTheConsole) {
+  EXPECT_EXIT(
+      {
+        console_to_stderr();
+        ox_log("before\n");
+        ox_init_logging("VFS_LOGGER", "", nullptr, nullptr);
+        ox_log("without a file\n");
+        ox_log_flush();
+        exit(0);
+      },
+      testing::ExitedWithCode(0), testing::ContainsRegex("^before\r?\nwithout a file\r?\n$"));
+}
+
+TEST(StateDeathTest, InitialisesOnce) {
+  const auto once = [] {
+    const temp_folder folder;
+    ox_init_logging("VFS_LOGGER", folder.file("sub/tnvfs.log").c_str(), nullptr, "w");
+    ox_init_logging("OTHER", folder.file("other.log").c_str(), test_prefix, nullptr);
+    OX_LOG(OX_INFO_LEVEL, 0, "kept");
+    const auto lines = file_lines(folder.file("sub/tnvfs.log"));
+    return lines.size() == 1 && lines[0].ends_with(" kept") && ox_logfunc == nullptr &&
+           !std::filesystem::exists(folder.file("other.log"));
+  };
+  EXPECT_EXIT(exit(once() ? 0 : 1), testing::ExitedWithCode(0), "");
+}
+
+TEST(StateDeathTest, GoesOnWithoutAFile) {
+  const auto log_without_file = [] {
+    console_to_stderr();
+    const temp_folder folder;
+    std::ofstream(folder.file("plain")) << "in the way";
+    ox_init_logging("VFS_LOGGER", folder.file("plain/tnvfs.log").c_str(), nullptr, nullptr);
+    ox_log("still here\n");
+  };
+  EXPECT_EXIT((log_without_file(), exit(0)), testing::ExitedWithCode(0),
+              testing::AllOf(HasSubstr("Cannot write the log file"), HasSubstr("still here")));
+}
+
+TEST(State, ATakenLoggerNameKeepsTheOldFile) {
+  captured_log log;
+  temp_folder folder;
+  ox_init_spdlogger("twice", folder.file("first").c_str(), 1000, 1);
+  ox_log("first\n");
+  ox_init_spdlogger("twice", folder.file("second").c_str(), 1000, 1);
+  ox_init_spdlogger(nullptr, folder.file("third").c_str(), 1000, 1);
+  ox_log("again\n");
+  EXPECT_THAT(file_lines(folder.file("first")), ElementsAre("first", "again"));
+}
+
+TEST(Rotation, LosesNoLineOfManyThreads) {
+  constexpr int threads = 4;
+  constexpr int per_thread = 300;
+  constexpr size_t max_size = 8192;
+  constexpr size_t max_files = 20;
+  captured_log log(max_size, max_files);
+  std::vector<std::thread> writers;
+  for (int t = 0; t < threads; ++t) {
+    writers.emplace_back([t] {
+      for (int i = 0; i < per_thread; ++i) {
+        ox_log_msg(t, "rotation.c", OX_USER_LEVEL, 0, "thread %d line %d.\n", t, i);
+      }
+    });
+  }
+  for (auto& writer : writers) {
+    writer.join();
+  }
+  std::multiset<std::string> seen;
+  int files = 0;
+  for (const auto& entry :
+       std::filesystem::directory_iterator(std::filesystem::path(log.path()).parent_path())) {
+    ++files;
+    EXPECT_LE(entry.file_size(), max_size);
+    for (const auto& line : file_lines(entry.path().string())) {
+      seen.insert(line.substr(timestamp_length));
+    }
+  }
+  EXPECT_GT(files, 5);
+  EXPECT_EQ(static_cast<size_t>(threads * per_thread), seen.size());
+  for (int t = 0; t < threads; ++t) {
+    for (int i = 0; i < per_thread; ++i) {
+      EXPECT_EQ(1u, seen.count("thread " + std::to_string(t) + " line " + std::to_string(i) + "."));
+    }
+  }
+}
+
+TEST(Rotation, ThatCannotRenameGoesOnInTheFile) {
+  captured_log log(100, 1);
+  std::filesystem::create_directories(log.path().replace(log.path().size() - 4, 4, ".1.txt/full"));
+  ox_log("%s\n", std::string(90, '1').c_str());
+  ox_log("%s\n", std::string(90, '2').c_str());
+  ox_log("3\n");
+  EXPECT_THAT(log.lines(), ElementsAre(std::string(90, '2'), "3"));
+}
+
+#ifndef _WIN32 /* Windows does not let the folder of an open file go */
+TEST(RotationDeathTest, WithoutAFolderGoesOnOnTheConsole) {
+  const auto lose_folder = [] {
+    console_to_stderr();
+    captured_log log(100, 3);
+    ox_log("%s\n", std::string(90, '1').c_str());
+    const auto folder = std::filesystem::path(log.path()).parent_path();
+    std::filesystem::rename(folder, folder.string() + "_away");
+    std::ofstream(folder.string()) << "in the way";
+    ox_log("%s\n", std::string(90, '2').c_str());
+    ox_log("3\n");
+    ox_log_flush();
+    std::filesystem::remove_all(folder.string() + "_away");
+  };
+  EXPECT_EXIT((lose_folder(), exit(0)), testing::ExitedWithCode(0),
+              testing::AllOf(HasSubstr("Cannot write the log file"),
+                             EndsWith(std::string(90, '2') + "\n3\n")));
+}
+#endif
+
+TEST(EndDeathTest, FatalAndAssertionsFlushAndEndTheProcess) {
+  const auto die = [] {
+    console_to_stderr();
+    ox_log_msg(7, "tn_util.c", OX_FATAL_LEVEL, 22, "corrupt\n");
+    ox_log("not reached\n");
+  };
+  EXPECT_DEATH(die(),
+               testing::AllOf(HasSubstr("] FATAL   22:   tn_util.c:7 corrupt"),
+                              HasSubstr("Assertion failed: 0, file ox_logging_win, line 117"),
+                              testing::Not(HasSubstr("not reached"))));
+  EXPECT_DEATH(OX_ASSERT(1 + 1 == 3), "Assertion failed: 1 . 1 == 3, file logging_test.cpp, line ");
+}
