@@ -1,0 +1,45 @@
+#include "clients.h"
+
+#include <windows.h>
+
+#include <algorithm>
+
+namespace tarnd {
+
+void Clients::Join(uint64_t connection, uint32_t pid) {
+  const std::lock_guard guard(lock_);
+  processes_[connection].insert(pid);
+}
+
+std::set<uint32_t> Clients::Of(uint64_t connection) {
+  const std::lock_guard guard(lock_);
+  const auto it = processes_.find(connection);
+  return it == processes_.end() ? std::set<uint32_t>{} : it->second;
+}
+
+std::set<uint32_t> Clients::Leave(uint64_t connection) {
+  const std::lock_guard guard(lock_);
+  const auto it = processes_.find(connection);
+  if (it == processes_.end()) {
+    return {};
+  }
+  std::set<uint32_t> gone = std::move(it->second);
+  processes_.erase(it);
+  std::erase_if(gone, [this](uint32_t pid) {
+    return std::any_of(processes_.begin(), processes_.end(),
+                       [pid](const auto& other) { return other.second.contains(pid); });
+  });
+  return gone;
+}
+
+uint32_t ProcessOfThread(uint32_t thread_id) {
+  const HANDLE thread = OpenThread(THREAD_QUERY_LIMITED_INFORMATION, FALSE, thread_id);
+  if (thread == nullptr) {
+    return 0;
+  }
+  const DWORD pid = GetProcessIdOfThread(thread);
+  CloseHandle(thread);
+  return pid;
+}
+
+}  // namespace tarnd

@@ -1,0 +1,145 @@
+#include "listener.h"
+
+#include <winsock2.h>
+// after winsock2.h
+#include <afunix.h>
+#include <windows.h>
+// after windows.h
+#include <sddl.h>
+
+#include "ox_logging.h"
+#include "private_folder.h"
+#include "tnv_connio_win.h"
+#include "wide_text.h"
+
+namespace tarnd {
+namespace {
+
+constexpr int kPollMs = 250;
+constexpr size_t kMaxPeers = 1024;
+
+// The text in the process's code page, in which the client composes the socket's path.
+std::string NarrowFromWide(const std::wstring& text) {
+  std::string out(text.size() * 4 + 1, '\0');
+  const int bytes = WideCharToMultiByte(CP_ACP, 0, text.data(), static_cast<int>(text.size()),
+                                        out.data(), static_cast<int>(out.size()), nullptr, nullptr);
+  out.resize(static_cast<size_t>(bytes));
+  return out;
+}
+
+std::string WithError(const std::string& text, int err) {
+  return text + " (Windows error " + std::to_string(err) + ")";
+}
+
+bool AddressOf(const std::string& path, sockaddr_un* address) {
+  *address = {};
+  address->sun_family = AF_UNIX;
+  if (path.size() >= sizeof address->sun_path) {
+    return false;
+  }
+  path.copy(address->sun_path, path.size());
+  return true;
+}
+
+// Whether somebody listens on the socket file.
+bool IsAlive(const sockaddr_un& address) {
+  const SOCKET probe = socket(AF_UNIX, SOCK_STREAM, 0);
+  const bool alive =
+      connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  closesocket(probe);
+  return alive;
+}
+
+}  // namespace
+
+Listener::~Listener() {
+  if (socket_ != INVALID_SOCKET) {
+    closesocket(static_cast<SOCKET>(socket_));
+    DeleteFileW(wide_path_.c_str());
+  }
+}
+
+bool Listener::Start(std::string* error) {
+  std::wstring folder;
+  if (!WideFromUtf8(SocketFolder(service_.options), &folder) ||
+      !WideFromUtf8(SocketPath(service_.options), &wide_path_)) {
+    *error = "The socket's path is not UTF-8";
+    return false;
+  }
+  path_ = NarrowFromWide(wide_path_);
+  if (const DWORD code = MakePrivateFolder(folder)) {
+    *error = WithError("Cannot make the socket's folder", static_cast<int>(code));
+    return false;
+  }
+  return Bind(error);
+}
+
+bool Listener::Bind(std::string* error) {
+  sockaddr_un address;
+  if (!AddressOf(path_, &address)) {
+    *error = "Socket path too long: " + path_;
+    return false;
+  }
+  if (IsAlive(address)) {
+    *error = "Another service listens on " + path_;
+    return false;
+  }
+  DeleteFileW(wide_path_.c_str());
+  socket_ = socket(AF_UNIX, SOCK_STREAM, 0);
+  const SOCKET listener = static_cast<SOCKET>(socket_);
+  if (listener == INVALID_SOCKET ||
+      bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+      listen(listener, SOMAXCONN) != 0) {
+    *error = WithError("Cannot listen on " + path_, WSAGetLastError());
+    return false;
+  }
+  OX_LOG(OX_INFO_LEVEL, 0, "Listening on %s", path_.c_str());
+  return true;
+}
+
+void Listener::Run() {
+  tnv_signal_start(path_.data());
+  while (!service_.stopping) {
+    WSAPOLLFD ready = {static_cast<SOCKET>(socket_), POLLRDNORM, 0};
+    const int count = WSAPoll(&ready, 1, kPollMs);
+    if (count > 0) {
+      Accept();
+    } else if (count < 0) {
+      Sleep(kPollMs);
+    }
+    Reap(false);
+  }
+  Reap(true);
+}
+
+void Listener::Accept() {
+  const SOCKET peer = accept(static_cast<SOCKET>(socket_), nullptr, nullptr);
+  if (peer == INVALID_SOCKET) {
+    OX_LOG(OX_ERROR_LEVEL, WSAGetLastError(), "Cannot accept a connection");
+    Sleep(1);
+    return;
+  }
+  const int fd = static_cast<int>(peer);
+  if (peers_.size() >= kMaxPeers || tnv_setsockopt(fd) != 0) {
+    OX_LOG(OX_ERROR_LEVEL, 0, "A connection is refused; there are %zu", peers_.size());
+    closesocket(peer);
+    return;
+  }
+  Peer added{std::make_unique<Connection>(service_, next_number_++, fd), {}};
+  added.thread = std::thread([connection = added.connection.get()] { connection->Run(); });
+  peers_.push_back(std::move(added));
+}
+
+// Joins the threads that have ended, or all.
+void Listener::Reap(bool all) {
+  for (auto it = peers_.begin(); it != peers_.end();) {
+    if (all || it->connection->done()) {
+      it->thread.join();
+      it = peers_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
+}  // namespace tarnd

@@ -1,0 +1,47 @@
+// The service's socket and the threads of its connections.
+#ifndef SERVICE_LISTENER_H
+#define SERVICE_LISTENER_H
+
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "connection.h"
+
+namespace tarnd {
+
+// Used by one thread.
+class Listener {
+ public:
+  explicit Listener(Service& service) : service_(service) {}
+  ~Listener();
+
+  // Makes the socket's folder (for this user only, when it is not there yet), removes the socket
+  // file of a service that is gone, and listens. False with a text in `*error`.
+  bool Start(std::string* error);
+  // Accepts connections until the service stops, then waits until they have ended.
+  void Run();
+
+ private:
+  struct Peer {
+    std::unique_ptr<Connection> connection;
+    std::thread thread;
+  };
+
+  bool Bind(std::string* error);
+  void Accept();
+  void Reap(bool all);
+
+  Service& service_;
+  std::string path_;  // as the client composes it: in the process's code page
+  std::wstring wide_path_;
+  uint64_t socket_ = UINT64_MAX;
+  uint64_t next_number_ = 1;
+  std::list<Peer> peers_;
+};
+
+}  // namespace tarnd
+
+#endif

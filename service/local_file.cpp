@@ -1,0 +1,124 @@
+#include "local_file.h"
+
+#include <winioctl.h>
+
+#include <algorithm>
+
+#include "ox_errno.h"
+
+namespace tarnd {
+namespace {
+
+constexpr size_t kMaxTransfer = size_t{1} << 30;
+
+OVERLAPPED At(uint64_t offset) {
+  OVERLAPPED position = {};
+  position.Offset = static_cast<DWORD>(offset);
+  position.OffsetHigh = static_cast<DWORD>(offset >> 32);
+  return position;
+}
+
+HANDLE OpenShared(const std::wstring& path, DWORD disposition) {
+  return CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, kShareAll, nullptr, disposition,
+                     FILE_ATTRIBUTE_NORMAL, nullptr);
+}
+
+// A disk without sparse files stores the zeros.
+void MakeSparse(HANDLE file) {
+  DWORD bytes = 0;
+  DeviceIoControl(file, FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &bytes, nullptr);
+}
+
+}  // namespace
+
+int LocalFile::Open() {
+  file_ = FileHandle(OpenShared(path_, OPEN_ALWAYS));
+  if (!file_.Valid()) {
+    return LastError();
+  }
+  MakeSparse(file_.Get());
+  return 0;
+}
+
+void LocalFile::Remove() {
+  file_.Close();
+  DeleteFileW(path_.c_str());
+}
+
+int LocalFile::Size(uint64_t* size) const {
+  LARGE_INTEGER found;
+  if (!GetFileSizeEx(file_.Get(), &found)) {
+    return LastError();
+  }
+  *size = static_cast<uint64_t>(found.QuadPart);
+  return 0;
+}
+
+int LocalFile::SetSize(uint64_t size) const {
+  FILE_END_OF_FILE_INFO info = {};
+  info.EndOfFile.QuadPart = static_cast<LONGLONG>(size);
+  return SetFileInformationByHandle(file_.Get(), FileEndOfFileInfo, &info, sizeof info)
+             ? 0
+             : LastError();
+}
+
+int LocalFile::Read(uint64_t offset, void* buffer, size_t size, size_t* got) const {
+  *got = 0;
+  while (*got < size) {
+    OVERLAPPED position = At(offset + *got);
+    const DWORD want = static_cast<DWORD>(std::min(size - *got, kMaxTransfer));
+    DWORD count = 0;
+    if (!ReadFile(file_.Get(), static_cast<char*>(buffer) + *got, want, &count, &position) &&
+        GetLastError() != ERROR_HANDLE_EOF) {
+      return LastError();
+    }
+    if (count == 0) {
+      break;
+    }
+    *got += count;
+  }
+  return 0;
+}
+
+int LocalFile::Write(uint64_t offset, const void* data, size_t size) const {
+  for (size_t done = 0; done < size;) {
+    OVERLAPPED position = At(offset + done);
+    const DWORD want = static_cast<DWORD>(std::min(size - done, kMaxTransfer));
+    DWORD count = 0;
+    if (!WriteFile(file_.Get(), static_cast<const char*>(data) + done, want, &count, &position)) {
+      return LastError();
+    }
+    if (count == 0) {
+      return OX_ENOSPC;
+    }
+    done += count;
+  }
+  return 0;
+}
+
+uint64_t LocalFile::Modified() const {
+  FILETIME time;
+  return GetFileTime(file_.Get(), nullptr, nullptr, &time)
+             ? Join(time.dwHighDateTime, time.dwLowDateTime)
+             : 0;
+}
+
+int LocalFile::OpenFor(uint32_t process_id, uint64_t* handle) const {
+  const HANDLE process = OpenProcess(PROCESS_DUP_HANDLE, FALSE, process_id);
+  if (process == nullptr) {
+    return LastError();
+  }
+  int err = 0;
+  HANDLE theirs = nullptr;
+  const HANDLE ours = OpenShared(path_, OPEN_EXISTING);
+  if (ours == INVALID_HANDLE_VALUE ||
+      !DuplicateHandle(GetCurrentProcess(), ours, process, &theirs, 0, FALSE,
+                       DUPLICATE_SAME_ACCESS | DUPLICATE_CLOSE_SOURCE)) {
+    err = LastError();
+  }
+  CloseHandle(process);
+  *handle = reinterpret_cast<uint64_t>(theirs);
+  return err;
+}
+
+}  // namespace tarnd

@@ -1,0 +1,41 @@
+#include "operations.h"
+#include "ox_errno.h"
+
+namespace tarnd {
+
+// Also ends a listing and a folder's open, which have nothing to write back.
+int Close(Session& session, const Request& request, Reply* reply) {
+  const tnv_wclose_msg& close = request->u.wclose;
+  const std::shared_ptr<OpenFile> open = session.service.files.Find(close.wclose_omsgid);
+  if (open == nullptr) {
+    return OX_EBADF;
+  }
+  reply->target = open->name;
+  if (open->file != nullptr) {
+    const bool modified = (close.wclose_tnflags & TNV_FL_MODIFIED) != 0;
+    const int err =
+        open->file->Detach(&open->part, modified ? Closing::kModified : Closing::kUnmodified);
+    if (err != 0) {
+      return err;
+    }
+  }
+  session.service.files.Remove(*open);
+  return 0;
+}
+
+// The user's last handle is closed: the open blocks nobody any more, and its range locks go. It may
+// still read and write, for a mapped file.
+int Cleanup(Session& session, const Request& request, Reply* reply) {
+  const std::shared_ptr<OpenFile> open = session.service.files.Find(request->u.wcleanup.wcl_omsgid);
+  if (open == nullptr) {
+    return OX_EBADF;
+  }
+  reply->target = open->name;
+  session.service.files.MarkCleaned(*open);
+  if (open->file != nullptr) {
+    open->file->locks().Release(open->part.number);
+  }
+  return 0;
+}
+
+}  // namespace tarnd
