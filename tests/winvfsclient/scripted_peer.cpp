@@ -154,13 +154,8 @@ ScriptedPeer::~ScriptedPeer() {
     changed_.notify_all();
   }
   hang_up();
-  /* A connection of our own wakes the acceptor. */
-  sockaddr_un addr;
-  const SOCKET wake = unix_socket(path_, &addr);
-  connect(wake, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+  closesocket(listener_); /* ends the accept; the socket file may be gone already */
   acceptor_.join();
-  closesocket(wake);
-  closesocket(listener_);
   connections_.clear();
   DeleteFileA(path_.c_str());
   WSACleanup();

@@ -6,10 +6,12 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <deque>
-#include <thread>
+#include <functional>
+#include <utility>
 
 #include "log_capture.h"
 #include "ox_errno.h"
@@ -31,17 +33,20 @@ struct MadeUpPoll {
 };
 /* Each poll takes one of these, if there is one, in the place of the system's answer. */
 std::deque<MadeUpPoll> made_up_polls;
+std::function<void()> when_all_are_taken; /* called by the poll after the last of them */
 int polls = 0;
 SHORT last_events = 0; /* of the last of them */
 
-/* Closings of sockets that were closed already. */
+/* Closings of sockets that were closed already, by any thread; and all that this one closed. */
 std::atomic<int> failed_closes = 0;
+thread_local std::vector<SOCKET> closed_here;
 
 int WSAAPI close_and_count(SOCKET sock) {
   static const auto system_close = reinterpret_cast<decltype(&closesocket)>(
       reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ws2_32.dll"), "closesocket")));
   const int result = system_close(sock);
   if (result != 0) failed_closes++;
+  closed_here.push_back(sock);
   return result;
 }
 
@@ -56,6 +61,7 @@ int WSAAPI WSAPoll(WSAPOLLFD* fds, ULONG count, INT timeout) {
       reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ws2_32.dll"), "WSAPoll")));
   polls++;
   last_events = fds->events;
+  if (made_up_polls.empty() && when_all_are_taken) std::exchange(when_all_are_taken, {})();
   if (made_up_polls.empty()) return system_poll(fds, count, timeout);
   const MadeUpPoll poll = made_up_polls.front();
   made_up_polls.pop_front();
@@ -75,15 +81,22 @@ struct Client {
     EXPECT_EQ(tnw_setup_socket(&vh, peer.path()), 0);
   }
   ~Client() {
-    if (is_open()) closesocket(static_cast<SOCKET>(vh.vfs_fd));
+    if (fd() != -1 && is_open()) closesocket(static_cast<SOCKET>(vh.vfs_fd));
   }
 
   int fd() const { return static_cast<int>(vh.vfs_fd); }
+  /* The number alone does not tell: a socket of the peer may have got it since. */
   bool is_open() const {
-    int type = 0;
-    int size = sizeof(type);
-    return getsockopt(static_cast<SOCKET>(vh.vfs_fd), SOL_SOCKET, SO_TYPE,
-                      reinterpret_cast<char*>(&type), &size) == 0;
+    return std::count(closed_here.begin() + closed_before, closed_here.end(),
+                      static_cast<SOCKET>(fd())) == 0;
+  }
+  /* Returns when the end of what the peer sends has arrived; that is read by nobody. */
+  void wait_for_end() const {
+    const SOCKET sock = static_cast<SOCKET>(vh.vfs_fd);
+    char byte;
+    for (WSAPOLLFD pfd = {sock, POLLRDNORM, 0}; ::recv(sock, &byte, 1, MSG_PEEK) != 0;) {
+      ASSERT_EQ(WSAPoll(&pfd, 1, 10'000), 1);
+    }
   }
   int send(Bytes data, vfs_handle* owner = nullptr) {
     return tnv_sendbytes(owner, fd(), nullptr, data.data(), static_cast<int>(data.size()));
@@ -95,6 +108,7 @@ struct Client {
 
   vfs_handle vh = {};
   Bytes got;
+  const ptrdiff_t closed_before = static_cast<ptrdiff_t>(closed_here.size());
 };
 
 Bytes pattern(size_t size) {
@@ -248,6 +262,7 @@ TEST_F(Transport, EndedStreamWithoutAHangUpEndsTheWaitToo) {
   constexpr MadeUpPoll timeout = {0, 0, 0};
   Client client(peer);
   ASSERT_EQ(client.recv(5), 0);
+  client.wait_for_end();
   made_up_polls = {timeout, readable, timeout};
   EXPECT_EQ(client.recv(1), WSAECONNRESET);
   EXPECT_EQ(last_events, 0);
@@ -257,6 +272,7 @@ TEST_F(Transport, EndedStreamWithoutAHangUpEndsTheWaitToo) {
   owner.vfs_is_exiting = [](vfs_handle*) { return true; };
   Client served(peer);
   ASSERT_EQ(served.recv(5), 0);
+  served.wait_for_end();
   made_up_polls = {readable, timeout};
   EXPECT_EQ(served.recv(1, &owner), OX_ECONNRESET);
   EXPECT_TRUE(served.is_open());
@@ -366,17 +382,13 @@ TEST_F(Transport, InterruptedPollAndNotReadyAfterAllGoOn) {
   });
   Client client(peer);
   made_up_polls = {{-1, 0, WSAEINTR}, {1, POLLRDNORM, 0}, {1, POLLRDBAND, 0}};
-  std::thread later([this] {
-    Sleep(50);
-    peer.resume();
-  });
+  when_all_are_taken = [this] { peer.resume(); };
   EXPECT_EQ(client.recv(10), 0);
-  later.join();
   EXPECT_EQ(client.got, pattern(10));
 
   made_up_polls = {{-1, 0, WSAEINTR}};
   EXPECT_EQ(client.send(pattern(10)), 0);
-  EXPECT_TRUE(log.count("failed") == 0);
+  EXPECT_EQ(log.count("failed"), 0u);
 }
 
 /* Systems differ in what they report beside a hang-up while data is still there. */
