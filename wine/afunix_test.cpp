@@ -204,19 +204,26 @@ TEST_F(AfUnix, DataSentBeforeTheAcceptIsReadAfterIt) {
   }
 }
 
-TEST_F(AfUnix, AStrangerOnThePortIsNotAccepted) {
-  const Socket service = listener(path_);
+/* The loopback port that the socket file names, or port 0 where Wine has AF_UNIX of its own. */
+sockaddr_in port_behind(const std::string& path) {
   sockaddr_in port = {};
   port.sin_family = AF_INET;
   port.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  std::ifstream file(path_);
+  std::ifstream file(path);
   std::string word;
   while (file >> word && word != "port") {
   }
-  if (!(file >> port.sin_port)) GTEST_SKIP() << "this Wine has AF_UNIX sockets of its own";
+  file >> port.sin_port;
+  return port;
+}
+
+TEST_F(AfUnix, AStrangerOnThePortIsNotAccepted) {
+  const Socket service = listener(path_);
+  const sockaddr_in port = port_behind(path_);
+  if (!port.sin_port) GTEST_SKIP() << "this Wine has AF_UNIX sockets of its own";
   for (const std::string& text : {std::string(), std::string(32, 'a')}) {
     const Socket stranger(socket(AF_INET, SOCK_STREAM, 0));
-    ASSERT_EQ(connect(stranger, reinterpret_cast<sockaddr*>(&port), sizeof(port)), 0);
+    ASSERT_EQ(connect(stranger, reinterpret_cast<const sockaddr*>(&port), sizeof(port)), 0);
     send(stranger, text.data(), static_cast<int>(text.size()), 0);
   }
   const Socket client;
@@ -224,6 +231,16 @@ TEST_F(AfUnix, AStrangerOnThePortIsNotAccepted) {
   send_text(client, "me");
   const Socket accepted(accept(service, nullptr, nullptr));
   EXPECT_EQ(receive(accepted, 2), "me");
+}
+
+TEST_F(AfUnix, ADeadFileIsRefusedThoughItsPortHasANewOwner) {
+  listener(path_).close();
+  const sockaddr_in port = port_behind(path_);
+  if (!port.sin_port) GTEST_SKIP() << "this Wine has AF_UNIX sockets of its own";
+  const Socket owner(socket(AF_INET, SOCK_STREAM, 0));
+  ASSERT_EQ(bind(owner, reinterpret_cast<const sockaddr*>(&port), sizeof(port)), 0);
+  ASSERT_EQ(listen(owner, 5), 0);
+  EXPECT_EQ(connect_to(path_), WSAECONNREFUSED);
 }
 
 TEST_F(AfUnix, AnIdleConnectionIsWritableOnly) {
