@@ -1,0 +1,187 @@
+/*
+ * What the thread pool's tests share: a pool with jobs given as lambdas, a gate to block workers
+ * on, and the log lines as "LEVEL text".
+ */
+#ifndef TPOOL_FIXTURE_H
+#define TPOOL_FIXTURE_H
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "captured_log.h"
+#include "ox_errno.h"
+#include "ox_logging.h"
+#include "ox_tpool.h"
+
+/* Long enough for a loaded machine; only a failing test ever waits so long. */
+constexpr auto patience = std::chrono::seconds(20);
+
+template <typename Condition>
+bool eventually(Condition condition) {
+  const auto end = std::chrono::steady_clock::now() + patience;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) {
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+/* A counting semaphore whose wait gives up, so that a fault fails a test and does not hang it. */
+class gate {
+ public:
+  void post(int count = 1) {
+    const std::lock_guard hold(mutex_);
+    count_ += count;
+    changed_.notify_all();
+  }
+  bool wait(int count = 1) {
+    std::unique_lock hold(mutex_);
+    const bool passed = changed_.wait_for(hold, patience, [&] { return count_ >= count; });
+    count_ -= passed ? count : 0;
+    return passed;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int count_ = 0;
+};
+
+struct blocks {
+  void* stats;
+  void* priv;
+};
+using task = std::function<void(blocks)>;
+
+inline void* run_task(void* args, void* stats, void* priv) {
+  (*static_cast<task*>(args))({stats, priv});
+  return nullptr;
+}
+
+/* A pool; unless the test took it away, destroyed at the end (what is queued is run first). */
+class test_pool {
+ public:
+  explicit test_pool(ox_u32 min_threads, ox_u32 max_threads, const char* name = "pool",
+                     ox_u32 stat_size = 0, ox_u32 priv_size = 0)
+      : tp(ox_tpool_create_external(name, nullptr, nullptr, stat_size, priv_size, min_threads,
+                                    max_threads)) {}
+  test_pool(const test_pool&) = delete;
+  ~test_pool() {
+    if (tp != nullptr) {
+      ox_destroy_tpool(tp, OX_TPOOL_FL_DRAIN);
+    }
+  }
+
+  int queue(task job, ox_job_notify_t* notify = nullptr) {
+    const std::lock_guard hold(mutex_);
+    tasks_.push_back(std::make_unique<task>(std::move(job)));
+    return ox_queue_work(tp, notify, run_task, tasks_.back().get());
+  }
+
+  /* Queues `count` jobs that each hold a worker until `release` is posted; returns when they run.
+   */
+  void block_workers(int count, gate& release) {
+    gate running;
+    for (int i = 0; i < count; ++i) {
+      ASSERT_EQ(0, queue([&](blocks) {
+                  running.post();
+                  release.wait();
+                }));
+    }
+    ASSERT_TRUE(running.wait(count));
+  }
+
+  void destroy(ox_u32 flags) { ox_destroy_tpool(std::exchange(tp, nullptr), flags); }
+
+  template <typename Field>
+  auto read(Field ox_tpool_t::*field) {
+    ox_lock(&tp->tp_lock);
+    const auto value = tp->*field;
+    ox_unlock(&tp->tp_lock);
+    return value;
+  }
+  /* Destroys the pool, whose one worker is blocked on `release`, and lets the worker go when the
+   * destruction is under way. */
+  void destroy_while_running(ox_u32 flags, gate& release) {
+    std::thread destroyer([this, flags] { ox_destroy_tpool(tp, flags); });
+    EXPECT_TRUE(eventually([this] { return read(&ox_tpool_t::tp_closing); }));
+    release.post();
+    destroyer.join();
+    tp = nullptr;
+  }
+
+  ox_u32 workers() { return read(&ox_tpool_t::tp_cur_count); }
+  bool idle(ox_u32 count) {
+    return eventually([&] { return read(&ox_tpool_t::tp_idle_count) == count; });
+  }
+  void clear_flags(ox_u32 flags) {
+    ox_lock(&tp->tp_lock);
+    tp->tp_flags &= ~flags;
+    ox_unlock(&tp->tp_lock);
+  }
+
+  ox_tpool_t* tp;
+
+ private:
+  std::mutex mutex_;
+  std::deque<std::unique_ptr<task>> tasks_;
+};
+
+/* Keeps what an aborted pool deliberately leaks reachable, for the leak checker. */
+inline void keep(ox_tpool_t* aborted) {
+  static std::vector<ox_tpool_t*> kept;
+  kept.push_back(aborted);
+}
+
+/* The log of a test as "LEVEL text" lines; made while no other thread logs. */
+class level_log {
+ public:
+  explicit level_log(ox_s32 verbosity = 1) : begin_(whole().lines().size()) {
+    ox_logfunc = [](const char*, const char* level, ox_s32, ox_s32, const ox_alert_t*) {
+      return level;
+    };
+    ox_debug = verbosity;
+  }
+  ~level_log() {
+    ox_logfunc = nullptr;
+    ox_debug = 1;
+  }
+  std::vector<std::string> lines() const {
+    std::vector<std::string> all = whole().lines();
+    all.erase(all.begin(), all.begin() + static_cast<ptrdiff_t>(begin_));
+    for (std::string& line : all) { /* {LEVEL"text"} */
+      line = line.substr(1, line.size() - 3);
+      line.replace(line.find('"'), 1, " ");
+    }
+    return all;
+  }
+  ptrdiff_t count(const std::string& line) const {
+    const auto all = lines();
+    return std::count(all.begin(), all.end(), line);
+  }
+
+ private:
+  /* One file for all tests: loggers are never destroyed. */
+  static captured_log& whole() {
+    static captured_log log;
+    return log;
+  }
+
+  size_t begin_;
+};
+
+#endif

@@ -1,0 +1,582 @@
+/*
+ * The thread pool: workers and their blocks, order, pausing, draining, abort and destruction.
+ */
+#include <atomic>
+#include <cstring>
+#include <numeric>
+
+#include "tpool_fixture.h"
+
+using testing::Each;
+using testing::ElementsAre;
+
+namespace {
+
+std::vector<int> numbers(int count) {
+  std::vector<int> all(static_cast<size_t>(count));
+  std::iota(all.begin(), all.end(), 0);
+  return all;
+}
+
+std::string thread_name() {
+  char name[64] = "?";
+  pthread_getname_np(pthread_self(), name, sizeof(name));
+  return name;
+}
+
+/* Runs `body` on a thread of that name. */
+template <typename Body>
+void on_thread_named(const char* name, Body body) {
+  std::thread([&] {
+    pthread_setname_np(pthread_self(), name);
+    body();
+  }).join();
+}
+
+TEST(Tpool, StartsWithoutThreadsAndCutsItsName) {
+  level_log log;
+  gate done;
+  std::string name;
+  test_pool pool(1, 2, "a_name_of_20_letters");
+  EXPECT_EQ(0u, pool.workers());
+  EXPECT_STREQ("a_name_of_20_le", pool.tp->tp_name);
+  EXPECT_THAT(log.lines(), ElementsAre("INFO Thread pool [a_name_of_20_le] created."));
+  ASSERT_EQ(0, pool.queue([&](blocks) {
+    name = thread_name();
+    done.post();
+  }));
+  ASSERT_TRUE(done.wait());
+  EXPECT_EQ("a_name_of_20_le", name);
+}
+
+TEST(Tpool, OneWorkerRunsJobsInQueueOrder) {
+  std::vector<int> order;
+  gate release;
+  test_pool pool(0, 1);
+  pool.block_workers(1, release);
+  for (int i = 0; i < 50; ++i) {
+    ASSERT_EQ(0, pool.queue([&order, i](blocks) { order.push_back(i); }));
+  }
+  EXPECT_EQ(50u, pool.read(&ox_tpool_t::tp_qlen));
+  release.post();
+  pool.destroy(OX_TPOOL_FL_DRAIN);
+  EXPECT_EQ(numbers(50), order);
+}
+
+TEST(Tpool, GrowsOnlyWhileNoWorkerIsIdleAndNeverOverTheMaximum) {
+  gate release;
+  test_pool pool(4, 2);
+  pool.block_workers(1, release);
+  release.post();
+  ASSERT_TRUE(pool.idle(1));
+  pool.block_workers(1, release);
+  EXPECT_EQ(1u, pool.workers());
+  pool.block_workers(1, release);
+  ASSERT_EQ(0, pool.queue([](blocks) {}));
+  EXPECT_EQ(2u, pool.workers());
+  EXPECT_EQ(1u, pool.read(&ox_tpool_t::tp_qlen));
+  release.post(2);
+}
+
+/* The first of two jobs wakes the idle worker; the second must not wait behind it. */
+TEST(Tpool, JobsThatNeedEachOtherRunThoughOnlyOneWorkerIsIdle) {
+  for (int round = 0; round < 50; ++round) {
+    gate release, met;
+    bool first_met = false;
+    test_pool pool(1, 2);
+    pool.block_workers(1, release);
+    release.post();
+    ASSERT_TRUE(pool.idle(1));
+    ASSERT_EQ(0, pool.queue([&](blocks) { first_met = met.wait(); }));
+    ASSERT_EQ(0, pool.queue([&](blocks) { met.post(); }));
+    pool.destroy(OX_TPOOL_FL_DRAIN);
+    ASSERT_TRUE(first_met);
+  }
+}
+
+TEST(Tpool, SurplusWorkersRetireAndTheMinimumStays) {
+  gate release;
+  test_pool none(0, 2), one(1, 3);
+  none.block_workers(2, release);
+  one.block_workers(3, release);
+  const auto start = std::chrono::steady_clock::now();
+  release.post(5);
+  EXPECT_TRUE(eventually([&] { return none.workers() == 0 && one.workers() == 1; }));
+  EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
+  ASSERT_TRUE(one.idle(1));
+  one.block_workers(1, release);
+  EXPECT_EQ(1u, one.workers());
+  release.post();
+}
+
+TEST(Tpool, EveryWorkerHasItsOwnZeroedBlocksAndKeepsThem) {
+  gate release, running;
+  std::mutex mutex;
+  std::vector<blocks> seen;
+  test_pool pool(0, 3, "blocks", 8, 24);
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(0, pool.queue([&](blocks b) {
+      {
+        const std::lock_guard hold(mutex);
+        seen.push_back(b);
+      }
+      running.post();
+      release.wait();
+      memset(b.stats, 0x5a, 8);
+      memset(b.priv, 0xa5, 24);
+    }));
+  }
+  ASSERT_TRUE(running.wait(3));
+  std::vector<ptrdiff_t> slots;
+  for (const blocks& b : seen) {
+    const ptrdiff_t slot =
+        static_cast<char*>(b.priv) - static_cast<char*>(pool.tp->tp_priv.ox_priv);
+    EXPECT_EQ(slot / 24 * 8,
+              static_cast<char*>(b.stats) - static_cast<char*>(pool.tp->tp_stats.oxst_stats));
+    EXPECT_EQ(std::string(24, '\0'), std::string(static_cast<char*>(b.priv), 24));
+    slots.push_back(slot);
+  }
+  EXPECT_THAT(slots, testing::UnorderedElementsAre(0, 24, 48));
+  release.post(3);
+  ox_drain_tpool(pool.tp, 0);
+
+  /* Another worker on the lowest slot: the content is as the former one left it. */
+  std::string content;
+  ASSERT_EQ(0, pool.queue([&](blocks b) {
+    EXPECT_EQ(pool.tp->tp_priv.ox_priv, b.priv);
+    content.assign(static_cast<char*>(b.priv), 24);
+    running.post();
+  }));
+  ASSERT_TRUE(running.wait());
+  EXPECT_EQ(std::string(24, '\xa5'), content);
+}
+
+/* How many of `count` workers, all running at once, got private blocks. */
+int workers_with_blocks(test_pool& pool, int count) {
+  gate running, release;
+  std::atomic<int> with = 0;
+  for (int i = 0; i < count; ++i) {
+    EXPECT_EQ(0, pool.queue([&](blocks b) {
+      with += b.priv != nullptr;
+      running.post();
+      release.wait();
+    }));
+  }
+  EXPECT_TRUE(running.wait(count));
+  release.post(count);
+  ox_drain_tpool(pool.tp, 0);
+  return with;
+}
+
+TEST(Tpool, SlotsBeyondTheArraysHaveNoBlocks) {
+  level_log log;
+  test_pool wide(0, 258, "wide", 0, 16);
+  EXPECT_EQ(256, workers_with_blocks(wide, 258));
+  EXPECT_EQ(2, log.count("WARNING Thread pool [wide] no STAT slots available."));
+  EXPECT_EQ(2, log.count("WARNING Thread pool [wide] no PRIV slots available."));
+
+  test_pool grown(0, 1, "grown", 0, 16);
+  ox_update_tpool_threads(grown.tp, 0, 3);
+  EXPECT_EQ(0u, grown.workers());
+  EXPECT_EQ(1, workers_with_blocks(grown, 3));
+
+  test_pool wrapped(0, 4, "wrapped", 0, 0x40000004); /* 16 bytes, taken as a 32-bit product */
+  ASSERT_NE(nullptr, wrapped.tp);
+  EXPECT_EQ(0, workers_with_blocks(wrapped, 4));
+}
+
+struct call_order {
+  ox_tpool_t* tp = nullptr;
+  ox_job_notify_t* notify = ox_job_create_notify();
+  std::vector<std::string> calls;
+};
+
+TEST(Tpool, InitRunsUnderTheLockAndDeinitAfterTheNotifierWithoutIt) {
+  call_order order;
+  const auto held = [](ox_tpool_t* tp) {
+    const bool free = ox_trylock(&tp->tp_lock) == 0;
+    if (free) {
+      ox_unlock(&tp->tp_lock);
+    }
+    return free ? "free" : "held";
+  };
+  static const auto note = [held](void* args, const std::string& who) {
+    auto* o = static_cast<call_order*>(args);
+    o->calls.push_back(who + " " + held(o->tp) + (o->notify->jn_done ? " done" : ""));
+  };
+  order.tp = ox_tpool_create_external(
+      "order", [](const char* name, void* args) { note(args, std::string("init of ") + name); },
+      [](void* args) { note(args, "deinit"); }, 0, 0, 0, 1);
+  const auto job = [](void* args, void*, void*) -> void* {
+    note(args, "job");
+    return args;
+  };
+  ASSERT_EQ(0, ox_queue_work(order.tp, order.notify, job, &order));
+  ox_wait_job_completion(order.notify);
+  ox_destroy_tpool(order.tp, OX_TPOOL_FL_DRAIN);
+  EXPECT_THAT(order.calls, ElementsAre("init of order held", "job free", "deinit free done"));
+  ox_job_destroy_notify(order.notify);
+}
+
+TEST(Tpool, NotifierFunctionsAcceptNull) {
+  ox_signal_job_completion(nullptr);
+  ox_wait_job_completion(nullptr);
+  ox_job_destroy_notify(nullptr);
+}
+
+TEST(Tpool, PausedPoolKeepsJobsAndResumeRunsThemInOrder) {
+  level_log log;
+  gate release, done;
+  std::vector<int> order;
+  test_pool pool(1, 1, "paused");
+  pool.block_workers(1, release);
+  release.post();
+  ASSERT_TRUE(pool.idle(1));
+  EXPECT_EQ(0, ox_tpool_pause(pool.tp));
+  EXPECT_TRUE(ox_tpool_is_paused(pool.tp));
+  for (int i = 0; i < 10; ++i) {
+    ASSERT_EQ(0, pool.queue([&, i](blocks) {
+      order.push_back(i);
+      done.post();
+    }));
+  }
+  /* The idle worker was woken by the first job and found the pool paused. */
+  EXPECT_TRUE(eventually([&] { return log.count("DEBUG Threadpool [paused] is paused...") == 1; }));
+  ASSERT_TRUE(pool.idle(1));
+  EXPECT_EQ(10u, pool.read(&ox_tpool_t::tp_qlen));
+  EXPECT_EQ(0, ox_tpool_resume(pool.tp));
+  EXPECT_FALSE(ox_tpool_is_paused(pool.tp));
+  ASSERT_TRUE(done.wait(10));
+  EXPECT_EQ(numbers(10), order);
+  EXPECT_EQ(1, log.count("INFO Thread pool [paused] pausing."));
+  EXPECT_EQ(1, log.count("INFO Thread pool [paused] resuming."));
+}
+
+TEST(Tpool, ResumeStartsAWorkerWhenAllHaveLeftDuringThePause) {
+  std::vector<int> order;
+  gate done;
+  test_pool pool(0, 1);
+  ox_tpool_pause(pool.tp);
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(0, pool.queue([&, i](blocks) {
+      order.push_back(i);
+      done.post();
+    }));
+  }
+  ASSERT_TRUE(eventually([&] { return pool.workers() == 0; }));
+  EXPECT_EQ(3u, pool.read(&ox_tpool_t::tp_qlen));
+  ox_tpool_resume(pool.tp);
+  ASSERT_TRUE(done.wait(3));
+  EXPECT_EQ(numbers(3), order);
+}
+
+TEST(Tpool, DrainWaitReturnsWhenRunningJobsHaveEnded) {
+  gate release;
+  std::atomic<bool> returned = false, ran = false;
+  test_pool pool(0, 2);
+  pool.block_workers(2, release);
+  std::thread waiter([&] {
+    ox_tpool_drain_wait(pool.tp);
+    returned = true;
+  });
+  ASSERT_TRUE(eventually([&] { return pool.read(&ox_tpool_t::tp_waiters) == 1; }));
+  EXPECT_TRUE(ox_tpool_is_paused(pool.tp));
+  ASSERT_EQ(0, pool.queue([&](blocks) { ran = true; }));
+  release.post();
+  ASSERT_TRUE(pool.idle(1));
+  EXPECT_FALSE(returned);
+  release.post();
+  waiter.join();
+  EXPECT_FALSE(ran);
+  ox_tpool_resume(pool.tp);
+  EXPECT_TRUE(eventually([&] { return ran.load(); }));
+}
+
+/* A queueing call sends one signal. Were it to reach a drain_wait, the job would wait until an idle
+ * worker looks by itself, a second or more later. */
+TEST(Tpool, DrainWaitDoesNotSwallowTheSignalOfAQueueingCall) {
+  gate release, done;
+  test_pool pool(2, 2);
+  pool.block_workers(2, release);
+  release.post();
+  ASSERT_TRUE(pool.idle(1));
+  std::thread waiter([&] { ox_tpool_drain_wait(pool.tp); });
+  ASSERT_TRUE(eventually([&] { return pool.read(&ox_tpool_t::tp_waiters) == 1; }));
+  ox_tpool_resume(pool.tp);
+  const auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 20; ++i) {
+    ASSERT_TRUE(pool.idle(1));
+    ASSERT_EQ(0, pool.queue([&](blocks) { done.post(); }));
+    ASSERT_TRUE(done.wait());
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  release.post();
+  waiter.join();
+}
+
+TEST(Tpool, DrainingPoolRefusesStrangersAndServesItsOwn) {
+  level_log log;
+  gate release, chained;
+  std::vector<int> answers;
+  test_pool pool(0, 1, "draining");
+  ASSERT_EQ(0, pool.queue([&](blocks) {
+    release.wait();
+    answers.push_back(pool.queue([&](blocks) { chained.post(); }));
+  }));
+  std::thread drainer([&] { ox_drain_tpool(pool.tp, OX_TPOOL_FL_DRAIN); });
+  ASSERT_TRUE(eventually([&] { return pool.read(&ox_tpool_t::tp_state) == OX_TPOOL_DRAINING; }));
+  const auto try_to_queue = [&] { answers.push_back(pool.queue([&](blocks) { chained.post(); })); };
+  on_thread_named("stranger", try_to_queue);
+  on_thread_named("draining", try_to_queue);
+  ox_tpool_pause(pool.tp); /* cannot keep the drain from its end */
+  release.post();
+  drainer.join();
+  EXPECT_THAT(answers, ElementsAre(OX_EINVAL, 0, 0));
+  EXPECT_TRUE(chained.wait(2));
+  EXPECT_EQ(0u, pool.workers());
+  EXPECT_EQ(1, log.count("ERROR [draining]: cannot queue job, the thread pool is being "
+                         "drained/destroyed."));
+}
+
+TEST(Tpool, DrainedPoolTakesWorkAgainOnceItsFlagsAreCleared) {
+  int ran = 0;
+  test_pool pool(2, 2);
+  for (int round = 1; round <= 3; ++round) {
+    ox_tpool_pause(pool.tp);
+    ASSERT_EQ(0, pool.queue([&](blocks) { ++ran; }));
+    ox_drain_tpool(pool.tp, OX_TPOOL_FL_DRAIN); /* lifts the pause */
+    EXPECT_EQ(round, ran);
+    EXPECT_EQ(0u, pool.workers());
+    EXPECT_EQ(OX_TPOOL_ACTIVE, static_cast<int>(pool.read(&ox_tpool_t::tp_state)));
+    EXPECT_EQ(OX_EINVAL, pool.queue([](blocks) {}));
+    pool.clear_flags(OX_TPOOL_FL_DRAIN);
+  }
+}
+
+/* Without flags nobody is refused, but the minimum of workers leaves all the same. */
+TEST(Tpool, DrainWithoutFlagsLeavesThePoolOpen) {
+  std::atomic<int> ran = 0;
+  test_pool pool(2, 2);
+  for (int round = 1; round <= 2; ++round) {
+    ASSERT_EQ(0, pool.queue([&](blocks) { ++ran; }));
+    ox_drain_tpool(pool.tp, 0);
+    EXPECT_EQ(round, ran);
+    EXPECT_EQ(0u, pool.workers());
+  }
+}
+
+/* Drain and destroy with STOP drop what is queued; without flags, destroy runs it. */
+TEST(Tpool, StopDropsTheQueueAndAPlainDestroyRunsIt) {
+  for (const ox_u32 flags : {ox_u32{OX_TPOOL_FL_STOP}, ox_u32{0}}) {
+    ox_job_notify_t* notify = ox_job_create_notify();
+    std::atomic<int> ran = 0;
+    gate release;
+    test_pool pool(0, 1);
+    pool.block_workers(1, release);
+    ASSERT_EQ(0, pool.queue([&](blocks) { ++ran; }, notify));
+    pool.destroy_while_running(flags, release);
+    EXPECT_EQ(flags == 0 ? 1 : 0, ran);
+    EXPECT_EQ(flags == 0 ? 1 : 0, notify->jn_done);
+    ox_job_destroy_notify(notify);
+  }
+}
+
+TEST(Tpool, DestroyLiftsAPause) {
+  int ran = 0;
+  gate release;
+  test_pool pool(0, 2);
+  pool.block_workers(1, release);
+  ox_tpool_pause(pool.tp);
+  release.post();
+  ASSERT_TRUE(pool.idle(1)); /* parked */
+  ASSERT_EQ(0, pool.queue([&](blocks) { ++ran; }));
+  pool.destroy(OX_TPOOL_FL_DRAIN);
+  EXPECT_EQ(1, ran);
+}
+
+TEST(Tpool, DestroyWaitsForTheEndOfADrainWait) {
+  gate release;
+  test_pool pool(2, 2);
+  pool.block_workers(1, release);
+  std::thread waiter([tp = pool.tp] { ox_tpool_drain_wait(tp); });
+  ASSERT_TRUE(eventually([&] { return pool.read(&ox_tpool_t::tp_waiters) == 1; }));
+  release.post();
+  pool.destroy(OX_TPOOL_FL_DRAIN);
+  waiter.join();
+}
+
+std::atomic<int> threads_gone = 0;
+
+/* The destructor of a thread's own data runs after the worker's last line of code: a destroy that
+ * only counts workers down would return before it. */
+TEST(Tpool, DestroyReturnsWhenItsThreadsHaveEnded) {
+  pthread_key_t key;
+  ASSERT_EQ(0, pthread_key_create(&key, [](void*) {
+              std::this_thread::sleep_for(std::chrono::milliseconds(30));
+              ++threads_gone;
+            }));
+  threads_gone = 0;
+  gate running, release;
+  test_pool pool(0, 4);
+  for (int i = 0; i < 4; ++i) {
+    ASSERT_EQ(0, pool.queue([&](blocks) {
+      pthread_setspecific(key, &key);
+      running.post();
+      release.wait();
+    }));
+  }
+  ASSERT_TRUE(running.wait(4));
+  release.post(4);
+  pool.destroy(0);
+  EXPECT_EQ(4, threads_gone);
+  pthread_key_delete(key);
+}
+
+TEST(Tpool, AbortDropsTheQueueAndLeavesTheRecord) {
+  gate release;
+  test_pool pool(1, 2);
+  pool.block_workers(2, release);
+  ox_job_notify_t* notify = ox_job_create_notify();
+  ASSERT_EQ(0, pool.queue([](blocks) { ADD_FAILURE() << "a dropped job ran"; }, notify));
+  ox_destroy_tpool(pool.tp, OX_TPOOL_FL_ABORT);
+  ox_destroy_tpool(pool.tp, OX_TPOOL_FL_DRAIN); /* returns at once: both workers are blocked */
+  EXPECT_EQ(2u, pool.workers());
+  release.post(2);
+  EXPECT_TRUE(eventually([&] { return pool.workers() == 0; }));
+  EXPECT_EQ(0u, pool.read(&ox_tpool_t::tp_qlen));
+  EXPECT_EQ(0, notify->jn_done);
+  EXPECT_EQ(OX_TPOOL_ABORTED, static_cast<int>(pool.read(&ox_tpool_t::tp_state)));
+  ox_job_destroy_notify(notify);
+  keep(std::exchange(pool.tp, nullptr));
+}
+
+TEST(Tpool, AbortReachesParkedWorkersAndAQueueWithoutOne) {
+  gate release;
+  test_pool parked(1, 1), unserved(0, 0);
+  parked.block_workers(1, release);
+  ox_tpool_pause(parked.tp);
+  release.post();
+  ASSERT_TRUE(parked.idle(1));
+  ASSERT_EQ(0, unserved.queue([](blocks) {}));
+  for (test_pool* pool : {&parked, &unserved}) {
+    ox_destroy_tpool(pool->tp, OX_TPOOL_FL_ABORT);
+    EXPECT_TRUE(eventually([&] { return pool->workers() == 0; }));
+    EXPECT_EQ(0u, pool->read(&ox_tpool_t::tp_qlen));
+    keep(std::exchange(pool->tp, nullptr));
+  }
+}
+
+TEST(Tpool, DeinitDestroysListedPoolsAndSurvivesAnAbortedOne) {
+  level_log log;
+  EXPECT_EQ(nullptr, ox_tpool_create("early", nullptr, nullptr, 0, 0, 0, 1));
+  EXPECT_THAT(log.lines(), ElementsAre("ERROR cannot lock thread pool to add to pool list"));
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_EQ(0, ox_init_tpool());
+    ASSERT_EQ(0, ox_init_tpool());
+    test_pool external(0, 1);
+    ox_tpool_t* first = ox_tpool_create("first", nullptr, nullptr, 0, 0, 0, 1);
+    ox_tpool_t* aborted = ox_tpool_create("aborted", nullptr, nullptr, 0, 0, 0, 1);
+    ox_tpool_t* last = ox_tpool_create("last", nullptr, nullptr, 0, 0, 0, 1);
+    static std::atomic<int> ran;
+    ran = 0;
+    const auto job = [](void*, void*, void*) -> void* {
+      ++ran;
+      return nullptr;
+    };
+    ASSERT_EQ(0, ox_queue_work(last, nullptr, job, nullptr));
+    ox_destroy_tpool(aborted, OX_TPOOL_FL_ABORT);
+    keep(aborted);
+    ox_destroy_tpool(first, OX_TPOOL_FL_DRAIN);
+    ox_deinit_tpool(OX_TPOOL_FL_DRAIN);
+    EXPECT_EQ(1, ran);
+    EXPECT_EQ(0, external.queue([](blocks) { ++ran; }));
+    external.destroy(0);
+    EXPECT_EQ(2, ran);
+    EXPECT_EQ(round + 1, log.count("DEBUG Destroying thread pool last"));
+    EXPECT_EQ(round + 1, log.count("DEBUG Aborting thread pool aborted"));
+  }
+  ox_deinit_tpool(0);
+}
+
+/* One run through all that logs, with the verbosity that each line needs. */
+TEST(Tpool, LogLinesNeedTheirVerbosity) {
+  struct {
+    const char* line;
+    ox_s32 verbosity;
+  } const table[] = {
+      {"INFO Thread pool [log] created.", 0},
+      {"INFO Thread pool [log] pausing.", 0},
+      {"INFO Thread pool [log] resuming.", 0},
+      {"INFO Draining thread pool log", 0},
+      {"DEBUG Destroying thread pool log", 1},
+      {"DEBUG Threadpool [log] is paused...", 2},
+      {"DEBUG [log]:Thread exiting... All jobs drained.", 1},
+      {"DEBUG [log] Creating new Thread: cur_count=1", 3},
+      {"DEBUG [log] Job queue is empty, waiting for jobs...", 3},
+      {"DEBUG [log] Exiting thread cur_count=0, idle_count=0", 3},
+      {"DEBUG Thread exiting...", 3},
+      {"DEBUG Thread pool [log] STAT SLOT 0 alloted.", 5},
+      {"DEBUG Thread pool [log] PRIV SLOT 0 alloted.", 5},
+      {"DEBUG Thread pool [log] STAT SLOT 0 freed.", 5},
+      {"DEBUG Thread pool [log] PRIV SLOT 0 freed.", 5},
+  };
+  for (const ox_s32 verbosity : {0, 1, 2, 3, 4, 5}) {
+    level_log log(verbosity);
+    gate release;
+    test_pool pool(1, 1, "log");
+    ox_tpool_pause(pool.tp);
+    ASSERT_EQ(0, pool.queue([](blocks) {}));
+    ASSERT_TRUE(pool.idle(1)); /* in the pause wait */
+    ox_tpool_resume(pool.tp);
+    ox_drain_tpool(pool.tp, 0);
+    pool.block_workers(1, release);
+    pool.destroy_while_running(OX_TPOOL_FL_STOP, release);
+    for (const auto& [line, needed] : table) {
+      EXPECT_EQ(verbosity >= needed, log.count(line) > 0) << line << " at " << verbosity;
+    }
+  }
+}
+
+/* Queueing threads against pauses, drain_waits and changes of the limits, then a destroy that finds
+ * jobs queued and workers in any state: every job runs exactly once. */
+TEST(Tpool, EveryJobRunsOnceWhateverHappensMeanwhile) {
+  level_log log(0);
+  for (int round = 0; round < 25; ++round) {
+    constexpr int queuers = 4, jobs = 25;
+    std::vector<int> ran(queuers * jobs);
+    test_pool pool(static_cast<ox_u32>(round % 3), 4, "stress", 8, 8);
+    std::vector<std::thread> threads;
+    for (int q = 0; q < queuers; ++q) {
+      threads.emplace_back([&, q] {
+        for (int j = 0; j < jobs; ++j) {
+          EXPECT_EQ(
+              0, pool.queue([&slot = ran[static_cast<size_t>(q * jobs + j)]](blocks) { ++slot; }));
+        }
+      });
+    }
+    threads.emplace_back([&] {
+      for (int i = 0; i < 10; ++i) {
+        ox_tpool_drain_wait(pool.tp);
+        ox_update_tpool_threads(pool.tp, 0, static_cast<ox_u32>(2 + i % 3));
+        ox_tpool_resume(pool.tp);
+      }
+    });
+    threads.emplace_back([&] {
+      for (int i = 0; i < 10; ++i) {
+        ox_tpool_pause(pool.tp);
+        ox_tpool_resume(pool.tp);
+      }
+    });
+    threads.emplace_back([&] { ox_drain_tpool(pool.tp, 0); });
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+    if (round % 2 == 0) {
+      ox_tpool_pause(pool.tp);
+    }
+    pool.destroy(0);
+    EXPECT_THAT(ran, Each(1));
+  }
+}
+
+}  // namespace
