@@ -24,7 +24,9 @@ constexpr Command kCommands[] = {
 void DeclareCommands(CLI::App* app, Action* action) {
   app->allow_windows_style_options(false);  // "/docs" is a path
   for (const Command& command : kCommands) {
-    command.declare(app->add_subcommand(command.name, command.help), action);
+    CLI::App* parser = app->add_subcommand(command.name, command.help);
+    parser->group("Commands");
+    command.declare(parser, action);
   }
 }
 

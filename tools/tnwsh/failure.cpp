@@ -7,9 +7,9 @@
 namespace tnwsh {
 namespace {
 
-// Codes of the library whose Windows text would mislead. The last ones are numbers of the cache
-// service that have no Windows code and come as they are; the end of a file or a listing, which
-// would have their codes too, is never an error here.
+// Codes of the library whose Windows text would mislead. The last one is a number of the cache
+// service that has no Windows code and comes as it is; the end of a file, which has the same, is
+// never an error here.
 const char* OwnMeaning(uint32_t code) {
   switch (code) {
     case kConnectionBroken:
@@ -18,8 +18,6 @@ const char* OwnMeaning(uint32_t code) {
       return "the cache service has no valid authorisation for this user: its token was refused";
     case ERROR_INVALID_DATA:
       return "the cache service refuses the path or the request as invalid";
-    case ERROR_NOT_READY:
-      return "it is a folder";
     case kEndOfFile:
       return "a name in the path is too long";
     default:

@@ -42,12 +42,11 @@ void DeclareOptions(CLI::App* app, Options* options) {
   text("--token", options->token, "The user's access token")->capture_default_str();
   app->add_option("--threads", options->threads, "Connections to the service")
       ->check(CLI::Range(1, 256))
-      ->capture_default_str();
+      ->option_text("N=4");
   app->add_option("--progress", options->progress,
                   "The progress of long transfers: auto (on a terminal), always, never")
       ->transform(CLI::CheckedTransformer(modes))
-      ->type_name("WHEN")
-      ->default_str("auto");
+      ->option_text("WHEN=auto");
 }
 
 int Main() {
@@ -55,6 +54,7 @@ int Main() {
   Action action;
   CLI::App app(kDescription, "tnwsh");
   app.footer(kFooter);
+  app.get_formatter()->label("SUBCOMMAND", "COMMAND");
   DeclareOptions(&app, &options);
   DeclareCommands(&app, &action);
   app.require_subcommand(0, 1);

@@ -71,17 +71,15 @@ class Prompt {
   void DeclareOwn(CLI::App* app, Action* action) {
     auto topic = std::make_shared<std::string>();
     CLI::App* help = app->add_subcommand("help", "Shows the commands, or one of them");
+    help->group("Commands");
     help->add_option("COMMAND", *topic, "A command");
     help->callback([=] { *action = HelpAction(app, *topic); });
-    app->add_subcommand("status", "Shows the exit status of the command before")
-        ->callback([=, this] {
-          *action = [status = last_](Shell&) {
-            fmt::print("status {}\n", static_cast<int>(status));
-          };
-        });
-    app->add_subcommand("exit", "Ends the prompt")->alias("quit")->callback([this] {
-      done_ = true;
+    CLI::App* status = app->add_subcommand("status", "Shows how the last command ended");
+    status->group("Commands")->callback([=, this] {
+      *action = [last = last_](Shell&) { fmt::print("status {}\n", static_cast<int>(last)); };
     });
+    CLI::App* exit = app->add_subcommand("exit", "Ends the prompt (also: quit)");
+    exit->group("Commands")->alias("quit")->callback([this] { done_ = true; });
   }
 
   static Action HelpAction(const CLI::App* app, const std::string& topic) {

@@ -10,7 +10,7 @@ namespace tnwsh {
 std::string GroupedDigits(uint64_t number) {
   std::string text = std::to_string(number);
   for (size_t at = text.size(); at > 3;) {
-    text.insert(at -= 3, ",");
+    text.insert(at -= 3, 1, ',');
   }
   return text;
 }
