@@ -3,10 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <barrier>
+#include <condition_variable>
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -406,11 +407,34 @@ TEST_F(Requests, OnlyATruncationToNothingDropsTheMaps) {
 
 /* ------------------------------------------------------------------- races */
 
+/* Lets `count` threads pass together. (std::barrier loses wake-ups with MinGW's threads.) */
+class Gate {
+ public:
+  explicit Gate(int count) : count_(count) {}
+  void arrive_and_wait() {
+    std::unique_lock lock(mutex_);
+    const int round = round_;
+    if (++arrived_ == count_) {
+      arrived_ = 0;
+      round_++;
+      all_here_.notify_all();
+    }
+    all_here_.wait(lock, [&] { return round_ != round; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable all_here_;
+  const int count_;
+  int arrived_ = 0;
+  int round_ = 0;
+};
+
 /* Tests and changes run into drops, many times; the sanitizers judge the memory. */
 TEST(RegionMaps, ADropIsSafeAgainstTestsOnOtherThreads) {
   constexpr int rounds = 100;
   OpenFile file;
-  std::barrier gate(5);
+  Gate gate(5);
   std::atomic<bool> wrong = false;
   const auto in_rounds = [&](auto act) {
     return std::thread([&gate, act] {
