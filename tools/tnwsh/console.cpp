@@ -53,6 +53,7 @@ void SetUpConsole() {
     _setmode(_fileno(stream), _O_BINARY);
   }
   setvbuf(stdout, nullptr, _IOFBF, 1 << 16);
+  setvbuf(stderr, nullptr, _IONBF, 0);
   console_code_page = GetConsoleOutputCP();
   if (console_code_page != 0) {
     SetConsoleOutputCP(CP_UTF8);

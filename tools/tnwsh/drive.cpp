@@ -46,11 +46,11 @@ bool NameLess(const Entry& a, const Entry& b) {
   return order != 0 ? order < 0 : a.name < b.name;
 }
 
-// The service of an earlier run ends on its own time, and a start that meets it fails. It holds its
-// pid file locked until then.
-void WaitForEarlierService(const std::string& cache_folder) {
-  constexpr int kTries = 150;
-  constexpr DWORD kPause = 100;
+// A service that was told to stop ends in its own time, and a start that meets it fails. It holds
+// its pid file locked until then.
+void WaitForServiceEnd(const std::string& cache_folder) {
+  constexpr int kTries = 750;  // of 20 ms
+  constexpr DWORD kPause = 20;
   std::wstring path;
   tarnd::WideFromUtf8(cache_folder + "\\tarnd_pid", &path);
   for (int tried = 0; tried < kTries; tried++) {
@@ -110,11 +110,11 @@ std::string JoinPath(const std::string& folder, const std::string& name) {
   return folder + (has_slash ? "" : "/") + name;
 }
 
-Drive::Drive(const Options& options) {
+Drive::Drive(const Options& options) : cache_folder_(CacheFolder(options)) {
   tnw_tninit init = StartRecord(options);
   CheckStart(options);
   lock_ = LockWorkFolder(options);
-  WaitForEarlierService(CacheFolder(options));
+  WaitForServiceEnd(cache_folder_);
   int err = 0;
   handle_ = tnw_init(&init, &err);
   if (handle_ == nullptr) {
@@ -126,7 +126,10 @@ Drive::Drive(const Options& options) {
 }
 
 // Without the pause of tnw_deinit, which waits for requests under way: here is none.
-Drive::~Drive() { tnw_deinit_force(handle_); }
+Drive::~Drive() {
+  tnw_deinit_force(handle_);
+  WaitForServiceEnd(cache_folder_);
+}
 
 std::vector<Entry> Drive::List(const std::string& path) {
   std::vector<Entry> entries;

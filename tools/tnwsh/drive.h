@@ -30,7 +30,7 @@ std::string JoinPath(const std::string& folder, const std::string& name);
 
 class Drive {
  public:
-  // Starts the service and connects to it; the destructor stops it.
+  // Starts the service and connects to it; the destructor stops it and waits for its end.
   explicit Drive(const Options& options);
   ~Drive();
   Drive(const Drive&) = delete;
@@ -46,6 +46,7 @@ class Drive {
   void* Handle() const { return handle_; }
 
  private:
+  const std::string cache_folder_;
   LocalFile lock_;  // the work folder is ours
   void* handle_ = nullptr;
 };

@@ -12,10 +12,23 @@ namespace tnwsh {
 
 using std::chrono::milliseconds;
 
+namespace {
+
+constexpr int kNumbersWidth = 56;  // of the longest numbers beside the bar
+
+// In cells of a terminal, wide characters apart.
+int WidthOf(const std::string& text) {
+  return static_cast<int>(
+      std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
+}
+
+}  // namespace
+
 Progress::Progress(ProgressMode mode, std::string label, uint64_t total)
     : mode_(mode == ProgressMode::kAuto && !IsTerminal(stderr) ? ProgressMode::kNever : mode),
       label_(std::move(label)),
       total_(total),
+      cells_(std::clamp(TerminalWidth() - kNumbersWidth - WidthOf(label_), 5, 30)),
       next_draw_(start_ + milliseconds(mode == ProgressMode::kAlways ? 0 : 1000)) {}
 
 Progress::~Progress() {
@@ -60,16 +73,13 @@ void Progress::Draw(uint64_t done) {
   } else if (rate > 0) {
     numbers += "  " + DurationText(static_cast<double>(total_ - done) / rate) + " left";
   }
-  const int room = TerminalWidth() - static_cast<int>(label_.size() + numbers.size()) - 6;
-  const int cells = std::clamp(room, 5, 30);
-  const int full = static_cast<int>(share * cells);
+  const int full = static_cast<int>(share * cells_);
   std::string line =
-      fmt::format("{}  [{:#<{}}{:-<{}}]{}", label_, "", full, "", cells - full, numbers);
-  const size_t width = line.size();
+      fmt::format("{}  [{:#<{}}{:-<{}}]{}", label_, "", full, "", cells_ - full, numbers);
+  const size_t width = static_cast<size_t>(WidthOf(line));
   line.append(drawn_width_ > width ? drawn_width_ - width : 0, ' ');  // over a longer one
   drawn_width_ = width;
   fmt::print(stderr, "\r{}", line);
-  fflush(stderr);
 }
 
 }  // namespace tnwsh

@@ -37,6 +37,7 @@ class Progress {
   const ProgressMode mode_;
   const std::string label_;
   const uint64_t total_;
+  const int cells_;  // of the bar
   const Clock::time_point start_ = Clock::now();
   Clock::time_point next_draw_;
   size_t drawn_width_ = 0;

@@ -54,10 +54,9 @@ class Prompt {
 
   // A parser knows one line: CLI11 keeps what it has parsed.
   void Parse(std::vector<std::string> words, Action* action) {
-    CLI::App app("Names with blanks stand in quotes; '#' begins a comment.", "");
-    DeclareCommands(&app, action);
-    DeclareOwn(&app, action);
-    app.require_subcommand(1);
+    CLI::App app;
+    Declare(&app, action);
+    FindCommand(app, words.front());
     std::reverse(words.begin(), words.end());  // as the parser takes them
     try {
       app.parse(words);
@@ -68,12 +67,21 @@ class Prompt {
     }
   }
 
-  void DeclareOwn(CLI::App* app, Action* action) {
-    auto topic = std::make_shared<std::string>();
-    CLI::App* help = app->add_subcommand("help", "Shows the commands, or one of them");
-    help->group("Commands");
-    help->add_option("COMMAND", *topic, "A command");
-    help->callback([=] { *action = HelpAction(app, *topic); });
+  static const CLI::App* FindCommand(const CLI::App& app, const std::string& name) {
+    const auto named = [&](const CLI::App* command) { return command->check_name(name); };
+    const std::vector<const CLI::App*> found = app.get_subcommands(named);
+    if (found.empty()) {
+      throw UsageError("No command \"" + name + "\"; \"help\" lists them");
+    }
+    return found.front();
+  }
+
+  void Declare(CLI::App* app, Action* action) {
+    app->name("")->description("Names with blanks stand in quotes; '#' begins a comment.");
+    app->require_subcommand(1);
+    app->get_formatter()->label("SUBCOMMAND", "COMMAND");
+    DeclareCommands(app, action);
+    DeclareHelp(app, action);
     CLI::App* status = app->add_subcommand("status", "Shows how the last command ended");
     status->group("Commands")->callback([=, this] {
       *action = [last = last_](Shell&) { fmt::print("status {}\n", static_cast<int>(last)); };
@@ -82,14 +90,17 @@ class Prompt {
     exit->group("Commands")->alias("quit")->callback([this] { done_ = true; });
   }
 
-  static Action HelpAction(const CLI::App* app, const std::string& topic) {
-    const auto named = [&](const CLI::App* command) { return command->check_name(topic); };
-    const std::vector<const CLI::App*> found = app->get_subcommands(named);
-    if (!topic.empty() && found.empty()) {
-      throw UsageError("No command \"" + topic + "\"; \"help\" lists them");
-    }
-    const CLI::App* subject = topic.empty() ? app : found.front();
-    return [text = subject->help()](Shell&) { fmt::print("{}", text); };
+  // With a parser of its own: one that has parsed shows the help of what it has parsed.
+  void DeclareHelp(CLI::App* app, Action* action) {
+    auto topic = std::make_shared<std::string>();
+    CLI::App* help = app->add_subcommand("help", "Shows the commands, or one of them");
+    help->group("Commands")->add_option("COMMAND", *topic, "A command");
+    help->callback([=, this] {
+      CLI::App fresh;
+      Declare(&fresh, action);
+      const CLI::App* subject = topic->empty() ? &fresh : FindCommand(fresh, *topic);
+      *action = [text = subject->help()](Shell&) { fmt::print("{}", text); };
+    });
   }
 
   Shell* const shell_;
