@@ -59,10 +59,11 @@ typedef struct tnvdir {
 
 /*
  * One open file or folder. Fixed for the table's life: fdt_fd and the three locks. Links and
- * fdt_state's change to and from free: the free list's lock. fdt_rmap, its bytes and size:
- * fdt_rmap_lock; fdt_dmap, its bytes, fdt_dmap_size and fdt_rshift: fdt_dmap_lock (dropping the
- * maps takes one after the other, see vfstnw_bmap.h). fdt_tnflags and fdt_stat.st_size are changed
- * atomically by parallel calls. All else is fixed from the open's success to the close.
+ * fdt_state's change to and from free: the free list's lock. fdt_rmap and its bytes:
+ * fdt_rmap_lock; fdt_dmap, its bytes, both sizes and fdt_rshift: fdt_dmap_lock, or fdt_rmap_lock to
+ * read a size or the shift while fdt_rmap is not null (see vfstnw_bmap.h). fdt_tnflags and
+ * fdt_stat.st_size are changed atomically by parallel calls. All else is fixed from the open's
+ * success to the close.
  */
 typedef struct tnvfd {
   struct tnvfd* fdt_fnext; /* free-list links; null in use */
