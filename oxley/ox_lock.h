@@ -4,7 +4,8 @@
  *
  * Profiling: when ox_prof_level is 3 or more, an acquisition that waited more than 1000 us and a
  * lock held more than 1 s (the wait included, deliberately) are logged as warnings. Below 3 a
- * wrapper costs one comparison beyond the lock itself.
+ * wrapper costs one comparison beyond the lock itself, and leaves the statistics: a lock that is
+ * taken before the level is raised and given back after it counts from its last profiled one.
  *
  * A lock must be initialised with its own init call: a zero-filled reader/writer lock refuses
  * every call with 22. All calls return 0 or a POSIX error number, unless said otherwise.

@@ -8,8 +8,9 @@
  * Threads: any thread may log at any time; lines are never torn or mixed. ox_init_logging and
  * ox_init_spdlogger are for one thread, before others log. The global knobs are read unlocked.
  *
- * Failures: none reaches the caller. A log file that cannot be opened, written or rotated is
- * reported once on the default (console) logger and the program goes on.
+ * Failures: none reaches the caller, and errno stays as it was. A log file that cannot be opened,
+ * written or rotated is reported once on the default (console) logger, which takes the lines that
+ * have no file. A file that fails later is tried again; one that never opened is not.
  */
 #ifndef OX_LOGGING_H
 #define OX_LOGGING_H
@@ -24,7 +25,8 @@ enum {
   OX_INFO_LEVEL = 0,
   OX_WARN_LEVEL = 1,
   OX_ERROR_LEVEL = 2,
-  OX_FATAL_LEVEL = 3, /* ox_log_msg does not return: it flushes and ends the process */
+  OX_FATAL_LEVEL = 3, /* ox_log_msg does not return: it flushes and ends the process; with a
+                         callback the call site does so after its OX_LOG, by an assertion */
   OX_DEBUG_LEVEL = 4,
   OX_USER_LEVEL = 5,   /* a timestamp and nothing else before the text */
   OX_PRINTF_LEVEL = 6, /* nothing before the text */

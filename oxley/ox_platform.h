@@ -62,8 +62,8 @@ ox_s64 ox_pwrite(int fd, const void* buf, size_t count, ox_off offset);
 /*
  * The path behind a descriptor or handle, as the system gives it (with its \\?\ lead), in `buf` of
  * `size` bytes; with `name`, a backslash and the name are appended and every slash becomes a
- * backslash. 1, or 0 with errno (7 when the name does not fit). ox_handle2path makes `buf` empty
- * on failure and keeps no descriptor.
+ * backslash. 1, or 0 with errno (7 when the path or the name does not fit). ox_handle2path makes
+ * `buf` empty on failure and keeps no descriptor.
  */
 int ox_fd2path(int fd, char* buf, size_t size, const char* name);
 int ox_handle2path(ox_handle handle, char* buf, size_t size, const char* name);
