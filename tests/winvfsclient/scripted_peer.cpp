@@ -107,12 +107,23 @@ void PeerConnection::stall() {
 
 void PeerConnection::hang_up() {
   const std::lock_guard lock(mutex_);
+  hung_up_ = true;
   if (sock_ != INVALID_SOCKET) shutdown(sock_, SD_BOTH);
+}
+
+/* A shutdown by another thread does not end a blocked recv everywhere, so this looks up now and
+ * then. */
+bool PeerConnection::wait_readable() {
+  WSAPOLLFD polled = {sock_, POLLRDNORM, 0};
+  while (!hung_up_)
+    if (WSAPoll(&polled, 1, 20) != 0) return true;
+  return false;
 }
 
 bool PeerConnection::receive(ox_u8* data, size_t nbytes) {
   size_t got = 0;
   while (got < nbytes && sock_ != INVALID_SOCKET) {
+    if (!wait_readable()) return false;
     const int count =
         recv(sock_, reinterpret_cast<char*>(data) + got, static_cast<int>(nbytes - got), 0);
     if (count <= 0) return false;

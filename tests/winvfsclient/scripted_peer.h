@@ -16,6 +16,7 @@
 #ifndef SCRIPTED_PEER_H
 #define SCRIPTED_PEER_H
 
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -80,6 +81,7 @@ class PeerConnection {
  private:
   friend class ScriptedPeer;
   void serve();
+  bool wait_readable();
   bool receive(ox_u8* data, size_t nbytes);
   bool receive_request();
   /* For any thread: the serving thread then sees the end of the stream. */
@@ -89,6 +91,7 @@ class PeerConnection {
   PeerRequest request_;
   std::mutex mutex_; /* guards sock_'s change to closed against hang_up */
   ox_u64 sock_;
+  std::atomic<bool> hung_up_ = false;
   std::thread thread_;
 };
 

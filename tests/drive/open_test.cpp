@@ -1,0 +1,293 @@
+// tnw_create, tnw_cleanup_file, tnw_close: handles, contexts, descriptors, what an answer carries.
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <cstring>
+#include <thread>
+
+#include "log_capture.h"
+#include "peer_drive.h"
+
+namespace {
+
+constexpr int UNKNOWN = 1467;
+constexpr int UNAUTHORIZED = 1326;
+
+class Open : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_NE(drive.start(), nullptr); }
+
+  // The last request of an operation that came to the peer.
+  PeerRequest last(ox_u32 opcode) {
+    PeerRequest found;
+    for (const PeerRequest& r : drive.peer->requests())
+      if (r.opcode() == opcode) found = r;
+    return found;
+  }
+
+  // An open whose answer carries the handle of a new local file.
+  void* open_local(const std::string& content, ox_u32 accmode = 3) {
+    tnv_wopen_resp answer = open_answer();
+    answer.wopen_resp_handle = local_file(drive.folder / "local", content);
+    drive.answer_opens(answer);
+    return drive.open("f", accmode);
+  }
+
+  bool is_open_handle(ox_u64 handle) {
+    DWORD flags;
+    return GetHandleInformation(reinterpret_cast<HANDLE>(handle), &flags);
+  }
+
+  PeerDrive drive;
+};
+
+}  // namespace
+
+TEST_F(Open, SendsWhatTheCallerGave) {
+  drive.answer_opens(open_answer());
+  void* slot = nullptr;
+  int err = -1;
+  void* file = tnw_create(drive.drive, &slot, "\\dir\\n\xc3\xa4me", 3, 5, 4, 0x40, 99,
+                          "a-name-that-fills-the-whole-field", &err);
+  ASSERT_NE(file, nullptr);
+  EXPECT_EQ(err, 0);
+  const PeerRequest open = last(TNV_OP_WIN_OPEN);
+  EXPECT_EQ(open.text(), "\\dir\\n\xc3\xa4me");
+  EXPECT_EQ(open.bytes.size(), 504u + 11);
+  const tnv_wopen_msg& msg = open.msg().u.wopen;
+  EXPECT_EQ(msg.wopen_pathlen, 11);
+  EXPECT_EQ(msg.wopen_accmode, 3u);
+  EXPECT_EQ(msg.wopen_shmode, 5u);
+  EXPECT_EQ(msg.wopen_cdisp, 5u) << "overwrite is TRUNCATE_EXISTING";
+  EXPECT_EQ(msg.wopen_flags, 0x40u);
+  EXPECT_EQ(msg.wopen_origpid, 99);
+  EXPECT_EQ(msg.wopen_clientid, GetCurrentProcessId());
+  EXPECT_EQ(memcmp(open.msg().hdr.hdr_procname, "a-name-that-fills-the-whole-field", 32), 0);
+  EXPECT_EQ(open.msg().hdr.hdr_drvid.id[0], 0x22);
+
+  char procname[32];
+  EXPECT_EQ(tnw_cleanup_file(file), 0);
+  EXPECT_EQ(tnw_close(file, procname), 0);
+  EXPECT_EQ(memcmp(procname, "a-name-that-fills-the-whole-field", 32), 0);
+  const tnv_wclose_msg& close = last(TNV_OP_WIN_CLOSE).msg().u.wclose;
+  EXPECT_EQ(memcmp(&close.wclose_omsgid, &open.msg().hdr.hdr_id, 16), 0)
+      << "the id that went out, not one made before";
+  EXPECT_EQ(close.wclose_id.id[0], 1);
+  EXPECT_EQ(last(TNV_OP_WIN_CLEANUP).msg().u.wcleanup.wcl_id.id[0], 0);
+}
+
+TEST_F(Open, RefusesBadArguments) {
+  int err = -1;
+  EXPECT_EQ(tnw_create(nullptr, nullptr, "f", 1, 7, 1, 0, 0, nullptr, &err), nullptr);
+  EXPECT_EQ(err, ERROR_BAD_ARGUMENTS);
+  EXPECT_EQ(tnw_create(drive.drive, nullptr, nullptr, 1, 7, 1, 0, 0, nullptr, &err), nullptr);
+  EXPECT_EQ(err, ERROR_BAD_ARGUMENTS);
+  EXPECT_EQ(tnw_create(&err, nullptr, "f", 1, 7, 1, 0, 0, nullptr, &err), nullptr);
+  EXPECT_EQ(err, UNKNOWN);
+  EXPECT_EQ(tnw_create(drive.drive, nullptr, "f", 1, 7, 6, 0, 0, nullptr, &err), nullptr);
+  EXPECT_EQ(err, ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(drive.peer->count(TNV_OP_WIN_OPEN), 0u);
+}
+
+TEST_F(Open, RefusesStaleAndForeignHandlesWithoutReadingThem) {
+  drive.answer_opens(open_answer());
+  void* file = drive.open("f");
+  void* wild = reinterpret_cast<void*>(0x10);
+  void* inside = static_cast<char*>(file) + 8;
+  char buffer[1];
+  for (void* handle : {wild, inside}) {
+    EXPECT_EQ(tnw_close(handle, nullptr), UNKNOWN);
+    EXPECT_EQ(tnw_cleanup_file(handle), UNKNOWN);
+    EXPECT_EQ(tnw_read(handle, buffer, 1, 0, nullptr, nullptr), UNKNOWN);
+    EXPECT_EQ(tnw_write(handle, buffer, 1, 0, nullptr, nullptr), UNKNOWN);
+    EXPECT_EQ(tnw_findclose(handle), UNKNOWN);
+  }
+  EXPECT_EQ(tnw_close(file, nullptr), 0);
+  EXPECT_EQ(tnw_close(file, nullptr), ERROR_BAD_ARGUMENTS) << "a closed entry has no drive";
+  EXPECT_EQ(tnw_cleanup_file(file), ERROR_BAD_ARGUMENTS);
+  EXPECT_EQ(tnw_read(file, buffer, 1, 0, nullptr, nullptr), ERROR_INVALID_HANDLE);
+  EXPECT_EQ(tnw_close(nullptr, nullptr), ERROR_BAD_ARGUMENTS);
+  EXPECT_EQ(tnw_write(nullptr, buffer, 1, 0, nullptr, nullptr), ERROR_INVALID_HANDLE);
+  EXPECT_EQ(drive.peer->count(TNV_OP_WIN_CLOSE), 1u);
+  tnw_deinit_force(drive.drive);
+  drive.drive = nullptr;
+  EXPECT_EQ(tnw_close(file, nullptr), UNKNOWN) << "its instance is gone";
+  EXPECT_EQ(tnw_findclose(file), UNKNOWN);
+}
+
+TEST_F(Open, HandsTheLastDescriptorOutAgainFirst) {
+  drive.answer_opens(open_answer());
+  void* files[3];
+  for (void*& file : files) file = drive.open("f");
+  EXPECT_EQ(last(TNV_OP_WIN_OPEN).msg().u.wopen.wopen_newfd, 2);
+  tnw_close(files[0], nullptr);
+  tnw_close(files[1], nullptr);
+  EXPECT_EQ(drive.open("f"), files[1]);
+  EXPECT_EQ(last(TNV_OP_WIN_OPEN).msg().u.wopen.wopen_newfd, 1);
+}
+
+TEST_F(Open, TellsOfAnExistingFileByTheLastError) {
+  drive.answer_opens(open_answer(), {}, TNV_OPEN_EXISTED);
+  int err = -1;
+  EXPECT_NE(drive.open("f", 3, &err), nullptr);
+  EXPECT_EQ(GetLastError(), 183u);
+  EXPECT_EQ(err, 0);
+  drive.answer_opens(open_answer());
+  EXPECT_NE(drive.open("f"), nullptr);
+  EXPECT_EQ(GetLastError(), 0u);
+}
+
+TEST_F(Open, TruncatesTheLocalFileOnSupersedeAndOverwriteIf) {
+  for (ox_u32 disposition : {0u, 5u}) {
+    tnv_wopen_resp answer = open_answer();
+    answer.wopen_resp_handle = local_file(drive.folder / "local", "content");
+    drive.answer_opens(answer, {}, TNV_OPEN_EXISTED);
+    void* slot = nullptr;
+    void* reader = tnw_create(drive.drive, &slot, "f", 1, 7, disposition, 0, 0, nullptr, nullptr);
+    EXPECT_EQ(read_file(drive.folder / "local"), "content") << "no write access";
+    tnw_close(reader, nullptr);
+    answer.wopen_resp_handle = local_file(drive.folder / "local", "content");
+    drive.answer_opens(answer, {}, TNV_OPEN_EXISTED);
+    slot = nullptr;
+    void* file = tnw_create(drive.drive, &slot, "f", 2, 7, disposition, 0, 0, nullptr, nullptr);
+    EXPECT_EQ(GetLastError(), 183u);
+    EXPECT_EQ(read_file(drive.folder / "local"), "");
+    EXPECT_EQ(tnw_close(file, nullptr), 0);
+    EXPECT_FALSE(is_open_handle(answer.wopen_resp_handle));
+  }
+}
+
+TEST_F(Open, FillsTheSlotAndEmptiesItAfterAFailedFirstOpen) {
+  drive.answer_opens({}, {}, 2);
+  void* slot = nullptr;
+  int err = -1;
+  EXPECT_EQ(tnw_create(drive.drive, &slot, "f", 1, 7, 1, 0, 0, nullptr, &err), nullptr);
+  EXPECT_EQ(err, ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(slot, nullptr);
+  drive.answer_opens(open_answer());
+  void* first = tnw_create(drive.drive, &slot, "f", 1, 7, 1, 0, 0, nullptr, &err);
+  ASSERT_NE(slot, nullptr);
+  void* const context = slot;
+  drive.answer_opens({}, {}, 13);
+  EXPECT_EQ(tnw_create(drive.drive, &slot, "f", 3, 7, 1, 0, 0, nullptr, &err), nullptr);
+  EXPECT_EQ(err, ERROR_SHARING_VIOLATION);
+  EXPECT_EQ(slot, context) << "the first open still uses it";
+  EXPECT_EQ(tnw_close(first, nullptr), 0);
+}
+
+TEST_F(Open, KeepsARefusedCloseWithoutItsLocalFile) {
+  void* file = open_local("x");
+  const ox_u64 local = [&] {
+    tnv_wopen_resp answer = open_answer();
+    answer.wopen_resp_handle = local_file(drive.folder / "other", "y");
+    drive.answer_opens(answer);
+    return answer.wopen_resp_handle;
+  }();
+  void* refused = drive.open("g");
+  drive.peer->on_request([](PeerConnection& conn) { conn.answer(28); });
+  EXPECT_EQ(tnw_close(refused, nullptr), ERROR_DISK_FULL);
+  EXPECT_FALSE(is_open_handle(local));
+  const ox_u64 stranger = local_file(drive.folder / "stranger", "z");
+  drive.peer->on_request(ScriptedPeer::answer_success);
+  char byte;
+  EXPECT_EQ(tnw_read(refused, &byte, 1, 0, nullptr, nullptr), ERROR_INVALID_HANDLE);
+  EXPECT_EQ(tnw_close(refused, nullptr), 0);
+  EXPECT_TRUE(is_open_handle(stranger)) << "the second close closes nothing of others";
+  CloseHandle(reinterpret_cast<HANDLE>(stranger));
+  EXPECT_EQ(tnw_close(file, nullptr), 0);
+}
+
+TEST_F(Open, ClosesAFolderWithoutCleanupOrLocalFile) {
+  tnv_wopen_resp folder = open_answer();
+  folder.wopen_resp_fso.fso_isdir = 1;
+  folder.wopen_resp_handle = local_file(drive.folder / "not-ours", "x");
+  drive.answer_opens(folder);
+  void* dir = drive.open("d");
+  EXPECT_EQ(tnw_cleanup_file(dir), 0);
+  EXPECT_EQ(drive.peer->count(TNV_OP_WIN_CLEANUP), 0u);
+  EXPECT_EQ(tnw_close(dir, nullptr), 0);
+  EXPECT_EQ(drive.peer->count(TNV_OP_WIN_CLOSE), 1u);
+  EXPECT_TRUE(is_open_handle(folder.wopen_resp_handle));
+  CloseHandle(reinterpret_cast<HANDLE>(folder.wopen_resp_handle));
+}
+
+TEST_F(Open, StopsAskingOnceTheServiceIsUnauthorized) {
+  LogCapture log;
+  void* file = open_local("x");
+  tnv_wopen_resp carried = open_answer();
+  carried.wopen_resp_rmap_size = 8;
+  carried.wopen_resp_handle = local_file(drive.folder / "carried", "y");
+  drive.peer->on_request([=](PeerConnection& conn) {
+    if (conn.opcode() != TNV_OP_WIN_OPEN) return conn.answer();
+    tnv_resphdr header = conn.header(0, sizeof carried);
+    header.rhdr_tn_unauthd = 1;
+    conn.send(bytes_of(header) + bytes_of(carried) + Bytes(16));
+  });
+  int err = -1;
+  EXPECT_EQ(drive.open("g", 3, &err), nullptr);
+  EXPECT_EQ(err, UNAUTHORIZED);
+  EXPECT_FALSE(is_open_handle(carried.wopen_resp_handle)) << "what the answer carried is released";
+  const size_t sent = drive.peer->requests().size();
+  tnw_fileinfo entry;
+  char byte;
+  EXPECT_EQ(drive.open("h", 3, &err), nullptr);
+  EXPECT_EQ(err, UNAUTHORIZED);
+  EXPECT_EQ(tnw_findfirst(drive.drive, "d", &entry, nullptr, &err), nullptr);
+  EXPECT_EQ(err, UNAUTHORIZED);
+  EXPECT_EQ(tnw_read(file, &byte, 1, 0, nullptr, nullptr), UNAUTHORIZED);
+  EXPECT_EQ(tnw_cleanup_file(file), UNAUTHORIZED);
+  EXPECT_EQ(tnw_close(file, nullptr), UNAUTHORIZED);
+  EXPECT_EQ(drive.peer->requests().size(), sent) << "refused without a request";
+  EXPECT_EQ(log.count("\"errno\":13, "), 5u);
+}
+
+TEST_F(Open, ReportsADeadConnection) {
+  void* file = open_local("x");
+  drive.peer->hang_up();
+  int err = -1;
+  EXPECT_EQ(drive.open("g", 3, &err), nullptr);
+  EXPECT_EQ(err, UNKNOWN);
+  EXPECT_EQ(tnw_cleanup_file(file), 0) << "reads as success, deliberately";
+  EXPECT_EQ(tnw_close(file, nullptr), 0);
+}
+
+TEST_F(Open, CarriesDataOfAReadOnlyOpenWithAWritableClose) {
+  tnv_wopen_resp answer = open_answer();
+  answer.wopen_resp_handle = local_file(drive.folder / "local", "0123456789");
+  drive.answer_opens(answer);
+  void* slot = nullptr;
+  void* reader = tnw_create(drive.drive, &slot, "f", 1, 7, 1, 0, 0, nullptr, nullptr);
+  answer.wopen_resp_handle = local_file(drive.folder / "same", "0123456789");
+  drive.answer_opens(answer);
+  void* writer = tnw_create(drive.drive, &slot, "f", 2, 7, 1, 0, 0, nullptr, nullptr);
+  char byte = 'x';
+  EXPECT_EQ(tnw_write(reader, &byte, 1, 0, nullptr, nullptr), 0);
+  EXPECT_EQ(tnw_close(reader, nullptr), 0);
+  EXPECT_EQ(last(TNV_OP_WIN_CLOSE).msg().u.wclose.wclose_tnflags & TNV_FL_MODIFIED, 0u);
+  EXPECT_EQ(tnw_close(writer, nullptr), 0);
+  EXPECT_EQ(last(TNV_OP_WIN_CLOSE).msg().u.wclose.wclose_tnflags & TNV_FL_MODIFIED, 8u);
+}
+
+TEST_F(Open, GivesTheLastFreeDescriptorToOneOfTwoThreads) {
+  drive.answer_opens(open_answer());
+  std::vector<void*> files;
+  for (;;) {
+    void* file = drive.open("f");
+    if (!file) break;
+    files.push_back(file);
+  }
+  ASSERT_GE(files.size(), 100u);
+  for (int round = 0; round < 50; round++) {
+    tnw_close(files.back(), nullptr);
+    files.pop_back();
+    void* got[2];
+    int errs[2];
+    std::thread other([&] { got[0] = drive.open("f", 3, &errs[0]); });
+    got[1] = drive.open("f", 3, &errs[1]);
+    other.join();
+    ASSERT_NE(got[0] == nullptr, got[1] == nullptr);
+    EXPECT_EQ(errs[0] + errs[1], 24);
+    files.push_back(got[0] ? got[0] : got[1]);
+  }
+}

@@ -1,0 +1,35 @@
+/*
+ * A drive whose service is a scripted peer in the test itself: the whole client against any bytes.
+ */
+#ifndef PEER_DRIVE_H
+#define PEER_DRIVE_H
+
+#include "drive_files.h"
+#include "scripted_peer.h"
+
+/* A proper answer to OPEN: no maps, no handle, a file. To be changed and sent. */
+tnv_wopen_resp open_answer();
+
+class PeerDrive {
+ public:
+  PeerDrive();
+  ~PeerDrive();
+
+  /* Starts the client on the record as it stands; the drive handle or null. */
+  void* start();
+  /* Answers OPEN with `opened` and then `maps`, everything else with success. */
+  void answer_opens(const tnv_wopen_resp& opened, const Bytes& maps = {}, ox_u32 err = 0);
+  /* Opens a path with its own slot: disposition "open", share everything. */
+  void* open(const char* path, ox_u32 accmode = 3, int* err = nullptr);
+
+  TestFolder folder;
+  tnw_tninit record;
+  std::unique_ptr<ScriptedPeer> peer;
+  void* drive = nullptr;
+  int error = -1; /* what tnw_init gave */
+};
+
+/* A new local file with this content, and its handle as an answer carries it. */
+ox_u64 local_file(const std::string& path, const std::string& content);
+
+#endif
