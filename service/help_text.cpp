@@ -60,8 +60,9 @@ Conventions (more in service/README.md):
   DIRTY_REGION   caches the regions first; 28: past the largest file
   CLOSE          8 in the flags writes the file back. So do a last close of a changed file, and the
                  end of the client. 9: no such open. A failed write-back refuses the close
-  RENAME         onto an existing name 17; DELETE of a folder with entries 41; either of what is open
-                 without sharing deletion 13; of a folder with open files below 16
+  RENAME         onto an existing name 17, of a folder with open files below 16
+  DELETE         of a folder with entries 41; both of what is open without sharing deletion 13, and
+                 of the share itself 1
   BRL            a conflict is 13, an unlock of what is not locked 22
   token          while it is "expired", every request about files is answered as unauthorised (1)
   errors         22 malformed, 40 unknown operation, 1 access denied or a path out of the share

@@ -155,19 +155,14 @@ void OpenFiles::Overlay(CloudEntry* entry) {
 
 // ------------------------------------------------------------------ names
 
-int OpenFiles::MayMove(const CloudEntry& entry, const std::string& path) {
-  const auto blocks = [&](const auto& item) {
+int OpenFiles::MayMove(const CloudEntry& entry) {
+  const Guard guard(table_);
+  const bool blocked = std::any_of(opens_.begin(), opens_.end(), [&](const auto& item) {
     const OpenFile& open = *item.second;
     return !open.cleaned && open.access != 0 && (open.share & kShareDelete) == 0 &&
            SameId(open.place, entry.id);
-  };
-  {
-    Guard guard(table_);
-    if (std::any_of(opens_.begin(), opens_.end(), blocks)) {
-      return OX_EACCES;
-    }
-  }
-  return entry.folder && AnyBusyBelow(path) ? OX_EBUSY : 0;
+  });
+  return blocked ? OX_EACCES : 0;
 }
 
 bool OpenFiles::AnyBusyBelow(const std::string& folder) {
@@ -186,6 +181,9 @@ bool OpenFiles::AnyBusyBelow(const std::string& folder) {
 }
 
 int OpenFiles::Rename(const CloudEntry& entry, const std::string& from, const std::string& to) {
+  if (entry.folder && AnyBusyBelow(from)) {
+    return OX_EBUSY;
+  }
   const std::shared_ptr<CachedFile> file = entry.folder ? nullptr : Known(entry.id);
   const int err = file != nullptr ? file->Rename(to) : env_.cloud.Rename(from, to, false);
   CloudEntry moved;

@@ -67,10 +67,11 @@ class OpenFiles {
   // Overlays what is known locally (an open file's size and time) on the cloud's entry.
   void Overlay(CloudEntry* entry);
 
-  // With names() held: 0, or why the item may not be renamed or deleted. OX_EACCES: an open does
-  // not share deletion. OX_EBUSY: files below a folder are open or wait for their write-back.
-  int MayMove(const CloudEntry& entry, const std::string& path);
+  // With names() held: 0, or OX_EACCES when an open that does not share deletion keeps the item
+  // from being renamed or deleted.
+  int MayMove(const CloudEntry& entry);
   // Rename and delete, with names() held and MayMove asked: in the cloud and in the cache.
+  // OX_EBUSY: files below a folder to be renamed are open or wait for their write-back.
   int Rename(const CloudEntry& entry, const std::string& from, const std::string& to);
   int Delete(const CloudEntry& entry, const std::string& path);
 

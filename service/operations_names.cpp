@@ -43,7 +43,7 @@ int FindMovable(Service& service, const std::string& path, const std::string& sh
     return OX_EPERM;
   }
   const int err = service.cloud->Status(path, entry);
-  return err != 0 ? err : service.files.MayMove(*entry, path);
+  return err != 0 ? err : service.files.MayMove(*entry);
 }
 
 // As the delete would find it, without doing it.

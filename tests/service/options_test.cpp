@@ -1,0 +1,129 @@
+// The command line as the library composes it, and the environment.
+#include "options.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tnv_proto.h"
+
+namespace {
+
+using tarnd::Options;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+bool Parse(const std::string& line, Options* options, std::string* error) {
+  return ParseCommandLine(tarnd::SplitCommandLine(line), options, error);
+}
+
+TEST(Options, TheLibrarysLine) {
+  Options options;
+  std::string error;
+  ASSERT_TRUE(Parse(R"(C:\Program Files\drive\tarnd.exe --cfs https://acme.example.com)"
+                    R"( --user John Doe --cache "C:\Work Dir\acme.example.com\John Doe")"
+                    R"( --addr file:///Z:/a%20folder --confaddr http://conf --tn-devid t-1)"
+                    R"( --da-devid d-2 --access-token  --logfile "C:\logs\tarnd.log" --vfs)"
+                    R"( --sockdir "C:\sock\" --wgid "w 3" --uid 18446744073709551615)"
+                    R"( --proxy-server proxy:80 --proxy-user  --proxy-password )",
+                    &options, &error))
+      << error;
+  EXPECT_EQ(options.cfs, "https://acme.example.com");
+  EXPECT_EQ(options.user, "John Doe");
+  EXPECT_EQ(options.cache, R"(C:\Work Dir\acme.example.com\John Doe)");
+  EXPECT_EQ(options.addr, "file:///Z:/a%20folder");
+  EXPECT_EQ(options.access_token, "");
+  EXPECT_EQ(options.logfile, R"(C:\logs\tarnd.log)");
+  EXPECT_TRUE(options.vfs);
+  EXPECT_EQ(options.uid, UINT64_MAX);
+  EXPECT_EQ(options.proxy_server, "proxy:80");
+  EXPECT_EQ(options.proxy_user, "");
+  EXPECT_EQ(options.proxy_password, "");
+  EXPECT_EQ(SocketPath(options), R"(C:\sock\\w 3\18446744073709551615.sock)");
+}
+
+TEST(Options, TheSocketWithoutOptionsOfItsOwn) {
+  Options options;
+  std::string error;
+  ASSERT_TRUE(
+      Parse("tarnd --cache \"\"C:\\c --addr x --access-token \"\" --vfs", &options, &error));
+  EXPECT_EQ(SocketPath(options), R"(C:\c\tnvfs.sock)");
+}
+
+TEST(Options, WhatIsWrongIsNamed) {
+  for (const auto& [line, complaint] : std::vector<std::pair<std::string, std::string>>{
+           {"tarnd --cache c --addr a --nonsense", "--nonsense"},
+           {"tarnd --cache c --addr a --uid 12x", "12x"},
+           {"tarnd --cache c --addr a --uid -1", "-1"},
+           {"tarnd --cache c --addr a --vfs yes", "--vfs"},
+           {"tarnd --cache c", "--addr"},
+           {"tarnd --addr a --cache", "--cache"},
+           {"", "--cache"}}) {
+    Options options;
+    std::string error;
+    EXPECT_FALSE(Parse(line, &options, &error)) << line;
+    EXPECT_THAT(error, HasSubstr(complaint)) << line;
+  }
+}
+
+TEST(Options, Environment) {
+  std::map<std::string, std::string> variables;
+  const auto environment = [&](const char* name) -> std::optional<std::string> {
+    const auto it = variables.find(name);
+    return it == variables.end() ? std::nullopt : std::optional(it->second);
+  };
+  Options options;
+  std::string error;
+  ASSERT_TRUE(ParseEnvironment(environment, &options, &error));
+  EXPECT_EQ(options.region_shift, 20);
+  variables = {{"TARND_REGION_SHIFT", "12"},
+               {"TARND_UTXID", "7"},
+               {"TARND_LATENCY_MS", "30"},
+               {"TARND_LATENCY_OPS", "open,cache_region"},
+               {"TARND_COUNTS", "c.txt"}};
+  ASSERT_TRUE(ParseEnvironment(environment, &options, &error)) << error;
+  EXPECT_EQ(options.region_shift, 12);
+  EXPECT_EQ(options.first_utxid, 7u);
+  EXPECT_EQ(options.latency_ms, 30u);
+  EXPECT_THAT(options.latency_ops, ElementsAre(TNV_OP_WIN_OPEN, TNV_OP_CACHE_REGION));
+  EXPECT_EQ(options.counts_file, "c.txt");
+  for (const auto& [name, value] :
+       std::vector<std::pair<std::string, std::string>>{{"TARND_REGION_SHIFT", "63"},
+                                                        {"TARND_REGION_SHIFT", "-1"},
+                                                        {"TARND_UTXID", "x"},
+                                                        {"TARND_LATENCY_MS", "60001"},
+                                                        {"TARND_LATENCY_OPS", "open,opne"}}) {
+    variables = {{name, value}};
+    EXPECT_FALSE(ParseEnvironment(environment, &options, &error)) << name << '=' << value;
+    EXPECT_THAT(error, HasSubstr(name));
+  }
+}
+
+TEST(Options, HelpNamesEveryOptionAndVariable) {
+  const std::string help = tarnd::HelpText();
+  for (const char* name : {"--cfs",
+                           "--user",
+                           "--cache",
+                           "--addr",
+                           "--confaddr",
+                           "--tn-devid",
+                           "--da-devid",
+                           "--access-token",
+                           "--logfile",
+                           "--vfs",
+                           "--sockdir",
+                           "--wgid",
+                           "--uid",
+                           "--proxy-server",
+                           "--proxy-user",
+                           "--proxy-password",
+                           "TARND_REGION_SHIFT",
+                           "TARND_UTXID",
+                           "TARND_LATENCY_MS",
+                           "TARND_LATENCY_OPS",
+                           "TARND_COUNTS",
+                           "TARND_DEBUG"}) {
+    EXPECT_THAT(help, HasSubstr(name));
+  }
+}
+
+}  // namespace

@@ -1,0 +1,60 @@
+// Byte-range locks: who conflicts with whom.
+#include "range_locks.h"
+
+#include <gtest/gtest.h>
+
+#include "ox_errno.h"
+
+namespace {
+
+using tarnd::RangeLocks;
+using Owner = RangeLocks::Owner;
+
+constexpr Owner kMine{1, 100};
+constexpr Owner kOtherProcess{1, 200};
+constexpr Owner kOtherOpen{2, 100};
+
+TEST(RangeLocks, SharedOnesOverlapAndExclusiveOnesDoNot) {
+  RangeLocks locks;
+  EXPECT_EQ(locks.Lock(kMine, 10, 10, false), 0);
+  EXPECT_EQ(locks.Lock(kOtherOpen, 15, 10, false), 0);
+  EXPECT_EQ(locks.Lock(kOtherProcess, 24, 1, true), OX_EACCES);
+  EXPECT_EQ(locks.Lock(kMine, 10, 1, true), OX_EACCES) << "over its own shared one";
+  EXPECT_EQ(locks.Lock(kOtherProcess, 25, 5, true), 0);
+  EXPECT_EQ(locks.Lock(kMine, 29, 1, false), OX_EACCES);
+  EXPECT_EQ(locks.Lock(kOtherOpen, 29, 1, false), OX_EACCES) << "another open of the same process";
+  EXPECT_EQ(locks.Lock(kOtherProcess, 29, 1, false), 0) << "under its own exclusive one";
+  EXPECT_EQ(locks.Lock(kOtherProcess, 29, 1, true), OX_EACCES);
+}
+
+TEST(RangeLocks, UnlocksExactlyWhatWasLocked) {
+  RangeLocks locks;
+  ASSERT_EQ(locks.Lock(kMine, 0, 100, true), 0);
+  ASSERT_EQ(locks.Lock(kMine, 0, 100, false), 0);
+  EXPECT_EQ(locks.Unlock(kMine, 0, 50), OX_EINVAL);
+  EXPECT_EQ(locks.Unlock(kOtherProcess, 0, 100), OX_EINVAL);
+  EXPECT_EQ(locks.Unlock(kMine, 0, 100), 0);
+  EXPECT_EQ(locks.Lock(kOtherOpen, 0, 1, false), 0) << "the exclusive one goes first";
+  EXPECT_EQ(locks.Unlock(kMine, 0, 100), 0);
+  EXPECT_EQ(locks.Unlock(kMine, 0, 100), OX_EINVAL);
+}
+
+TEST(RangeLocks, EndWithTheirOpen) {
+  RangeLocks locks;
+  ASSERT_EQ(locks.Lock(kMine, 0, 10, true), 0);
+  ASSERT_EQ(locks.Lock(kOtherProcess, 10, 10, true), 0);
+  ASSERT_EQ(locks.Lock(kOtherOpen, 20, 10, true), 0);
+  locks.Release(kMine.open);
+  EXPECT_EQ(locks.Lock(kOtherOpen, 0, 20, true), 0);
+  EXPECT_EQ(locks.Lock(kMine, 20, 1, true), OX_EACCES);
+}
+
+TEST(RangeLocks, HoldAtTheEndsOfTheNumbers) {
+  RangeLocks locks;
+  EXPECT_EQ(locks.Lock(kMine, UINT64_MAX, 1, true), OX_EINVAL);
+  EXPECT_EQ(locks.Lock(kMine, 0, UINT64_MAX, true), 0);
+  EXPECT_EQ(locks.Lock(kOtherOpen, UINT64_MAX - 1, 1, false), OX_EACCES);
+  EXPECT_EQ(locks.Lock(kOtherOpen, 5, 0, true), 0) << "no bytes, no conflict";
+}
+
+}  // namespace
