@@ -86,10 +86,13 @@ TEST(Start, RefusesASocketPathOf108AndTakesOneOf107) {
   set_field(drive.record.tnw_workgroup_id, "g");
   drive.record.tnw_user_id = 10000;  // 95 + "\g" + "\10000.sock" is 108
   ASSERT_EQ(socket_path(drive.record).size(), 108u);
+  const std::string program = drive.record.tnw_binpath;
+  set_field(drive.record.tnw_binpath, "missing.exe");  // the start goes on without a socket path
   EXPECT_EQ(failed_start(&drive.record), GAVE_UP);
   EXPECT_GE(log.count("Socket path does not fit in char[108]. Partial path " +
                       socket_path(drive.record).substr(0, 107) + "\""),
             1u);
+  set_field(drive.record.tnw_binpath, program);
   drive.record.tnw_user_id = 1000;
   EXPECT_NE(drive.start(), nullptr);
 }
@@ -196,7 +199,7 @@ TEST(Start, CutsOptionsThatDoNotFitAndFailsOnACommandThatDoesNot) {
   set_field(drive.record.tnw_proxy_server, "p");
   set_field(drive.record.tnw_proxy_password, std::string(511, 'x'));
   ASSERT_NE(drive.start(), nullptr);
-  EXPECT_EQ(log.count("Failed to construct cmd extra_args because 560 chars does not fit in 512"),
+  EXPECT_EQ(log.count("Failed to construct cmd extra_args because 559 chars does not fit in 512"),
             1u);
   tnw_tninit record = start_record(drive.folder, std::string(4000, 'b'));
   set_field(record.tnw_username, "bob");
