@@ -17,7 +17,7 @@ build = printf '==> %s\n' 'Building in build/$(1)'; \
         cmake --build --preset $(1) $(if $(2),--target $(2)) -- $$quiet
 
 # What the demonstration runs; the tests' libraries are not waited for.
-DEMO_TARGETS := tnw tarnd tnwsh wine/all
+DEMO_TARGETS := tnw tarnd tnwsh ws2_32_wine afunix_probe
 OWN_CODE = git ls-files -co --exclude-standard -- '*.cpp' '*.h' '*.c'
 
 .PHONY: help demo test test-slow build host-build host-test format tidy clean packages
