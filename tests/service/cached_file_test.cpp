@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <random>
+#include <thread>
 
 #include "memory_cloud.h"
 #include "recovery.h"
@@ -266,6 +267,87 @@ TEST_F(CachedFileTest, FetchesOnlyWhatIsAskedAndOnlyOnce) {
   EXPECT_EQ(counters_.regions_fetched, 1u) << "kept once for the file";
   first->Read(90, 50);
   EXPECT_EQ(counters_.bytes_fetched, 16u + 20u) << "two regions, the last one 4 bytes long";
+}
+
+// A mapped file's pages come through a read-only open, whose mark nobody may carry.
+TEST_F(CachedFileTest, WhatAReadOnlyOpenWritesWithoutAWordIsWrittenBack) {
+  cloud_.Set(kPath, std::string(32, 'x'));
+  Reopen(4);
+  auto writer = Open();
+  writer->Write(0, "1");
+  auto mapped = Open(false);  // while region 0 is dirty: it is not told so
+  mapped->Write(0, "2");
+  EXPECT_EQ(writer->Close(Closing::kModified), 0);
+  EXPECT_EQ(cloud_.Content(kPath).substr(0, 2), "2x");
+  mapped->Write(0, "3");  // sends nothing
+  EXPECT_EQ(mapped->Close(Closing::kUnmodified), 0);
+  EXPECT_EQ(cloud_.Content(kPath).substr(0, 2), "3x");
+
+  writer = Open();
+  writer->Write(0, "4");
+  mapped = Open(false);
+  EXPECT_EQ(writer->Close(Closing::kModified), 0);
+  mapped->Write(0, "5");
+  EXPECT_EQ(mapped->Close(Closing::kUnmodified), 0);
+  EXPECT_EQ(cloud_.Content(kPath).substr(0, 2), "5x");
+}
+
+TEST_F(CachedFileTest, ARegionReportedDirtyUnfetchedIsNotHalfLost) {
+  cloud_.Set(kPath, std::string(32, 'x'));
+  Reopen(4);
+  tarnd::FileOpen open{.writable = true};
+  tarnd::FileView view;
+  RegionAnswer answer;
+  ASSERT_EQ(file_->Attach(&open, false, GetCurrentProcessId(), &view), 0);
+  ASSERT_EQ(file_->DirtyRegions(&open, 5, 1, &answer), 0);
+  EXPECT_EQ(file_->Detach(&open, Closing::kModified), 0);
+  EXPECT_EQ(cloud_.Content(kPath), std::string(32, 'x'));
+  CloseHandle(reinterpret_cast<HANDLE>(view.handle));
+}
+
+TEST_F(CachedFileTest, OnlyAnOpenWhoseContentIsGoneIsToldToDropItsMaps) {
+  cloud_.Set(kPath, std::string(32, 'x'));
+  Reopen(4);
+  tarnd::FileOpen before{.writable = true};
+  tarnd::FileOpen after{.writable = true};
+  tarnd::FileView views[2];
+  ASSERT_EQ(file_->Attach(&before, false, GetCurrentProcessId(), &views[0]), 0);
+  ASSERT_EQ(file_->Attach(&after, true, GetCurrentProcessId(), &views[1]), 0);
+  RegionAnswer answer;
+  EXPECT_EQ(file_->DirtyRegions(&after, 0, 1, &answer), 0);
+  EXPECT_FALSE(answer.clear) << "its maps are those of the empty file";
+  EXPECT_EQ(file_->CacheRegions(&before, 0, 1, false, &answer), 0);
+  EXPECT_TRUE(answer.clear);
+  EXPECT_EQ(file_->CacheRegions(&before, 0, 1, false, &answer), OX_ENOTTY);
+  EXPECT_EQ(file_->DirtyRegions(&before, 0, 1, &answer), 0);
+  for (const tarnd::FileView& view : views) CloseHandle(reinterpret_cast<HANDLE>(view.handle));
+}
+
+// Each thread writes its own bytes, which share regions with those of the others, and closes with
+// write-backs in between.
+TEST_F(CachedFileTest, ParallelOpensLoseNoByte) {
+  constexpr int kThreads = 4;
+  constexpr int kRounds = 40;
+  constexpr int kLength = 400;
+  cloud_.Set(kPath, std::string(kLength, '-'));
+  Reopen(5);
+  const auto work = [&](int which) {
+    for (int round = 0; round < kRounds; round++) {
+      const auto handle = Open();
+      for (int offset = which + kThreads * (round % 7); offset < kLength; offset += 7 * kThreads) {
+        handle->Write(static_cast<uint64_t>(offset),
+                      std::string(1, static_cast<char>('a' + which)));
+      }
+      EXPECT_EQ(handle->Close(Closing::kModified), 0);
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; i++) threads.emplace_back(work, i);
+  for (std::thread& thread : threads) thread.join();
+  std::string expected;
+  while (expected.size() < kLength) expected += "abcd";
+  EXPECT_EQ(cloud_.Content(kPath), expected);
+  EXPECT_FALSE(file_->HasUnsaved());
 }
 
 TEST_F(CachedFileTest, ARefusedWriteBackKeepsTheOpenAndTheData) {
