@@ -143,8 +143,8 @@ class test_pool {
 
 /* Keeps what an aborted pool deliberately leaks reachable, for the leak checker. */
 inline void keep(ox_tpool_t* aborted) {
-  static std::vector<ox_tpool_t*> kept;
-  kept.push_back(aborted);
+  static auto* kept = new std::vector<ox_tpool_t*>;
+  kept->push_back(aborted);
 }
 
 /* The log of a test as "LEVEL text" lines; made while no other thread logs. */

@@ -292,6 +292,21 @@ TEST(Tpool, DrainWaitReturnsWhenRunningJobsHaveEnded) {
   EXPECT_TRUE(eventually([&] { return ran.load(); }));
 }
 
+TEST(Tpool, DrainWaitIsWokenByTheLastWorkerThatRests) {
+  test_pool pool(1, 1);
+  const auto start = std::chrono::steady_clock::now();
+  for (int round = 0; round < 8; ++round) {
+    ASSERT_EQ(0, pool.queue([&](blocks) {
+      EXPECT_TRUE(eventually([&] { return pool.read(&ox_tpool_t::tp_waiters) == 1; }));
+    }));
+    ASSERT_TRUE(eventually([&] { return pool.read(&ox_tpool_t::tp_qlen) == 0; })); /* it runs */
+    ox_tpool_drain_wait(pool.tp);
+    ox_tpool_resume(pool.tp);
+  }
+  /* Left to its own deadline, each wait would take two seconds or more. */
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+}
+
 /* A queueing call sends one signal. Were it to reach a drain_wait, the job would wait until an idle
  * worker looks by itself, a second or more later. */
 TEST(Tpool, DrainWaitDoesNotSwallowTheSignalOfAQueueingCall) {
@@ -347,6 +362,7 @@ TEST(Tpool, DrainedPoolTakesWorkAgainOnceItsFlagsAreCleared) {
     ox_drain_tpool(pool.tp, OX_TPOOL_FL_DRAIN); /* lifts the pause */
     EXPECT_EQ(round, ran);
     EXPECT_EQ(0u, pool.workers());
+    EXPECT_FALSE(ox_tpool_is_paused(pool.tp));
     EXPECT_EQ(OX_TPOOL_ACTIVE, static_cast<int>(pool.read(&ox_tpool_t::tp_state)));
     EXPECT_EQ(OX_EINVAL, pool.queue([](blocks) {}));
     pool.clear_flags(OX_TPOOL_FL_DRAIN);
@@ -408,11 +424,13 @@ TEST(Tpool, DestroyWaitsForTheEndOfADrainWait) {
 std::atomic<int> threads_gone = 0;
 
 /* The destructor of a thread's own data runs after the worker's last line of code: a destroy that
- * only counts workers down would return before it. */
+ * only counts workers down would return before it. The first to end takes longest, so that a
+ * destroy that waits for the last one alone is found out too. */
 TEST(Tpool, DestroyReturnsWhenItsThreadsHaveEnded) {
   pthread_key_t key;
   ASSERT_EQ(0, pthread_key_create(&key, [](void*) {
-              std::this_thread::sleep_for(std::chrono::milliseconds(30));
+              static std::atomic<int> ending = 0;
+              std::this_thread::sleep_for(std::chrono::milliseconds(100 - 30 * (ending++ % 4)));
               ++threads_gone;
             }));
   threads_gone = 0;
