@@ -131,20 +131,25 @@ Drive::~Drive() {
   WaitForServiceEnd(cache_folder_);
 }
 
-std::vector<Entry> Drive::List(const std::string& path) {
-  std::vector<Entry> entries;
+// Returns a Windows code.
+uint32_t Drive::ListInto(const std::string& path, std::vector<Entry>* entries) {
   tnw_fileinfo info;
   int err = 0;
   void* listing = tnw_findfirst(handle_, path.c_str(), &info, kProcessName, &err);
   if (listing == nullptr) {
-    throw Failure(path, "cannot list", static_cast<uint32_t>(err));
+    return static_cast<uint32_t>(err);
   }
   for (; err == 0; err = tnw_findnext(listing, &info)) {
-    entries.push_back(EntryOf(info));
+    entries->push_back(EntryOf(info));
   }
   const int closed = tnw_findclose(listing);
-  if (const int failed = err != static_cast<int>(kNoMoreFiles) ? err : closed) {
-    throw Failure(path, "cannot list", static_cast<uint32_t>(failed));
+  return static_cast<uint32_t>(err != static_cast<int>(kNoMoreFiles) ? err : closed);
+}
+
+std::vector<Entry> Drive::List(const std::string& path) {
+  std::vector<Entry> entries;
+  if (const uint32_t code = ListInto(path, &entries)) {
+    throw Failure(path, "cannot list", code);
   }
   std::sort(entries.begin(), entries.end(), NameLess);
   return entries;
@@ -156,8 +161,12 @@ std::optional<Entry> Drive::Find(const std::string& path) {
     List(path);
     return Entry{.name = "", .folder = true};
   }
+  std::vector<Entry> entries;
+  if (const uint32_t code = ListInto(ParentOf(path), &entries)) {
+    throw Failure(path, "cannot look into its folder", code);
+  }
   std::optional<Entry> found;
-  for (Entry& entry : List(ParentOf(path))) {
+  for (Entry& entry : entries) {
     if (entry.name == name) {
       return entry;
     }

@@ -46,6 +46,8 @@ class Drive {
   void* Handle() const { return handle_; }
 
  private:
+  uint32_t ListInto(const std::string& path, std::vector<Entry>* entries);
+
   const std::string cache_folder_;
   LocalFile lock_;  // the work folder is ours
   void* handle_ = nullptr;

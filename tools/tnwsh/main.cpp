@@ -54,6 +54,7 @@ int Main() {
   Action action;
   CLI::App app(kDescription, "tnwsh");
   app.footer(kFooter);
+  app.option_defaults()->take_last();
   app.get_formatter()->label("SUBCOMMAND", "COMMAND");
   DeclareOptions(&app, &options);
   DeclareCommands(&app, &action);

@@ -88,6 +88,7 @@ class Prompt {
     });
     CLI::App* exit = app->add_subcommand("exit", "Ends the prompt (also: quit)");
     exit->group("Commands")->alias("quit")->callback([this] { done_ = true; });
+    app->set_help_flag();  // which is "help" here
   }
 
   // With a parser of its own: one that has parsed shows the help of what it has parsed.
