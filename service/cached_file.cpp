@@ -55,6 +55,9 @@ int CachedFile::Attach(FileOpen* open, bool truncate, uint32_t client_pid, FileV
   }
   if (err == 0 && truncate) {
     err = Empty();
+    if (err != 0) {
+      LocalFile::TakeBack(client_pid, view->handle);
+    }
   }
   if (err != 0) {
     CloseUnused();

@@ -7,6 +7,8 @@
 // after windows.h
 #include <sddl.h>
 
+#include <system_error>
+
 #include "ox_logging.h"
 #include "private_folder.h"
 #include "tnv_connio_win.h"
@@ -89,7 +91,7 @@ bool Listener::Bind(std::string* error) {
   const SOCKET listener = static_cast<SOCKET>(socket_);
   if (listener == INVALID_SOCKET ||
       bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-      listen(listener, SOMAXCONN) != 0) {
+      listen(listener, SOMAXCONN) != 0 || tnv_setsockopt(static_cast<int>(listener)) != 0) {
     *error = WithError("Cannot listen on " + path_, WSAGetLastError());
     return false;
   }
@@ -115,19 +117,29 @@ void Listener::Run() {
 void Listener::Accept() {
   const SOCKET peer = accept(static_cast<SOCKET>(socket_), nullptr, nullptr);
   if (peer == INVALID_SOCKET) {
-    OX_LOG(OX_ERROR_LEVEL, WSAGetLastError(), "Cannot accept a connection");
+    if (WSAGetLastError() != WSAEWOULDBLOCK) {  // the peer did not wait
+      OX_LOG(OX_ERROR_LEVEL, WSAGetLastError(), "Cannot accept a connection");
+    }
     Sleep(1);
     return;
   }
   const int fd = static_cast<int>(peer);
-  if (peers_.size() >= kMaxPeers || tnv_setsockopt(fd) != 0) {
+  if (peers_.size() >= kMaxPeers || tnv_setsockopt(fd) != 0 || !StartThread(fd)) {
     OX_LOG(OX_ERROR_LEVEL, 0, "A connection is refused; there are %zu", peers_.size());
     closesocket(peer);
-    return;
   }
-  Peer added{std::make_unique<Connection>(service_, next_number_++, fd), {}};
-  added.thread = std::thread([connection = added.connection.get()] { connection->Run(); });
-  peers_.push_back(std::move(added));
+}
+
+bool Listener::StartThread(int fd) {
+  Peer& added = peers_.emplace_back();
+  added.connection = std::make_unique<Connection>(service_, next_number_++, fd);
+  try {
+    added.thread = std::thread([connection = added.connection.get()] { connection->Run(); });
+  } catch (const std::system_error&) {
+    peers_.pop_back();
+    return false;
+  }
+  return true;
 }
 
 // Joins the threads that have ended, or all.

@@ -32,6 +32,7 @@ class Listener {
 
   bool Bind(std::string* error);
   void Accept();
+  bool StartThread(int fd);
   void Reap(bool all);
 
   Service& service_;

@@ -121,4 +121,13 @@ int LocalFile::OpenFor(uint32_t process_id, uint64_t* handle) const {
   return err;
 }
 
+void LocalFile::TakeBack(uint32_t process_id, uint64_t handle) {
+  const HANDLE process = OpenProcess(PROCESS_DUP_HANDLE, FALSE, process_id);
+  if (process != nullptr) {
+    DuplicateHandle(process, reinterpret_cast<HANDLE>(handle), nullptr, nullptr, 0, FALSE,
+                    DUPLICATE_CLOSE_SOURCE);
+    CloseHandle(process);
+  }
+}
+
 }  // namespace tarnd

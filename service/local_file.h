@@ -38,6 +38,8 @@ class LocalFile {
 
   // A handle to the file for another process, with a file object of its own; valid there only.
   int OpenFor(uint32_t process_id, uint64_t* handle) const;
+  // Closes such a handle that the process was not told of.
+  static void TakeBack(uint32_t process_id, uint64_t handle);
 
  private:
   std::wstring path_;

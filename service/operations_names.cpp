@@ -27,11 +27,15 @@ void AppendInfos(Service& service, std::vector<CloudEntry> entries, Reply* reply
   reply->resp.u.wdenum.wde_fi_len = reply->bulk.size() / sizeof(tnw_fileinfo);
 }
 
-// A listing is an open that asks for nothing: the client closes it like a file.
-int AddListing(Service& service, const Request& request, const CloudEntry& folder,
+// A listing is an open that asks for nothing: the client closes it like a file, or it ends with the
+// client's process.
+int AddListing(Session& session, const Request& request, const CloudEntry& folder,
                const std::string& path) {
+  Service& service = session.service;
+  const std::set<uint32_t> processes = service.clients.Of(session.number);
   auto open = std::make_shared<OpenFile>();
   open->id = request->hdr.hdr_id;
+  open->client_pid = processes.empty() ? 0 : *processes.begin();
   const std::lock_guard names(service.files.names());
   return service.files.Add(open, folder, path, 0);
 }
@@ -48,7 +52,6 @@ int FindMovable(Service& service, const std::string& path, const std::string& sh
 
 // As the delete would find it, without doing it.
 int CheckDelete(Service& service, const std::string& path, const std::string& share) {
-  constexpr uint32_t kReadOnlyAttribute = 0x1;
   CloudEntry entry;
   std::vector<CloudEntry> children;
   int err = FindMovable(service, path, share, &entry);
@@ -76,7 +79,7 @@ int Enumerate(Session& session, const Request& request, Reply* reply) {
     err = folder.folder ? service.cloud->List(path, &entries) : OX_ENOTDIR;
   }
   if (err == 0) {
-    err = AddListing(service, request, folder, path);
+    err = AddListing(session, request, folder, path);
   }
   if (err != 0) {
     return err;

@@ -11,8 +11,6 @@ enum : uint32_t { kCreateNew = 1, kCreateAlways, kOpenExisting, kOpenAlways, kTr
 // Open flags: native create options.
 enum : uint32_t { kWantFolder = 0x1, kWantFile = 0x40 };
 
-constexpr uint32_t kReadOnlyAttribute = 0x1;
-
 bool Truncates(uint32_t disposition) {
   return disposition == kCreateAlways || disposition == kTruncateExisting;
 }

@@ -8,7 +8,6 @@ namespace {
 constexpr uint64_t kTicksPerSecond = 10'000'000;  // of a Windows file time
 constexpr int64_t kSecondsTo1970 = 11'644'473'600;
 constexpr uint32_t kFolderAttribute = 0x10;
-constexpr uint32_t kReadOnlyAttribute = 0x1;
 
 ox_timespec_t TimeOf(uint64_t filetime) {
   return {static_cast<ox_s64>(filetime / kTicksPerSecond) - kSecondsTo1970,

@@ -12,6 +12,9 @@
 
 namespace tarnd {
 
+// CloudEntry::attributes: may not be written or deleted.
+inline constexpr uint32_t kReadOnlyAttribute = 0x1;
+
 // Fills a fixed text field: cut to its size, the rest zero; a text that fills it has no NUL.
 template <size_t kSize>
 void CopyField(char (&field)[kSize], std::string_view text) {

@@ -243,7 +243,7 @@ class Model : public CachedFileTest, public testing::WithParamInterface<int> {
 TEST_P(Model, EveryReadAndEveryWriteBackIsAsInPlainMemory) {
   cloud_.Set(kPath, "");
   Reopen(GetParam());
-  for (int step = 0; step < 2500 && !HasFailure(); step++) {
+  for (int step = 0; step < 1500 && !HasFailure(); step++) {
     SCOPED_TRACE(step);
     Step();
   }
