@@ -3,7 +3,6 @@
 #include <windows.h>
 
 #include <atomic>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -28,16 +27,16 @@ TestFolder::~TestFolder() {
   }
 }
 
-void write_file(const std::string& path, const std::string& content) {
+void write_file(const fs::path& path, const std::string& content) {
   std::ofstream(path, std::ios::binary) << content;
 }
 
-std::string read_file(const std::string& path) {
+std::string read_file(const fs::path& path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-bool file_exists(const std::string& path) { return fs::exists(path); }
+bool file_exists(const fs::path& path) { return fs::exists(path); }
 
 std::string beside_test(const std::string& program) {
   char path[MAX_PATH];

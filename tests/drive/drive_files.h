@@ -4,6 +4,7 @@
 #ifndef DRIVE_FILES_H
 #define DRIVE_FILES_H
 
+#include <filesystem>
 #include <string>
 
 #include "tnw.h"
@@ -20,10 +21,10 @@ class TestFolder {
   std::string path_;
 };
 
-void write_file(const std::string& path, const std::string& content);
+void write_file(const std::filesystem::path& path, const std::string& content);
 /* The content, or an empty text when there is none. */
-std::string read_file(const std::string& path);
-bool file_exists(const std::string& path);
+std::string read_file(const std::filesystem::path& path);
+bool file_exists(const std::filesystem::path& path);
 
 /* The path of a program of this build, which stands beside the test's own. */
 std::string beside_test(const std::string& program);
