@@ -4,10 +4,14 @@
  * A drive application fills a tnw_tninit, calls tnw_init once per drive and answers each
  * file-system request with one call below. Results are Windows error codes, 0 for success.
  *
- * Threads: every file call may run on any thread at the same time, with these limits: no call may
- * run on a drive handle while tnw_deinit or tnw_deinit_force runs on it; one close at a time per
- * file handle; one thread at a time per enumeration handle. Calls block until the cache service has
- * answered; there is no time-out.
+ * Threads: every file call may run on any thread at the same time, with these limits:
+ *   - no call runs on a drive, or on a file of it, while tnw_deinit runs on it, nor on any drive of
+ *     its service while tnw_deinit_force runs;
+ *   - no other call runs on a file handle while it is closed: the handle may by then be another
+ *     file's;
+ *   - no open runs with a file's context slot while the last close of that file runs;
+ *   - one thread at a time uses an enumeration handle.
+ * Calls block until the cache service has answered; there is no time-out.
  *
  * Codes that every file call may return beside its own:
  *   1467  unknown drive handle, or an operation handle that is not open on any drive; also a broken
@@ -27,7 +31,8 @@
 
 OX_BEGIN_DECLS
 
-/* What tnw_init is told. The library copies what it keeps; it may set bit 0 of tnw_flags. */
+/* What tnw_init is told. The library copies what it keeps; it may set bit 0 of tnw_flags and fill
+ * an empty tnw_tn_device_id. */
 typedef struct tnw_tninit {
   int tnw_flags;       /* TNW_INIT_NO_RETRY */
   int tnw_min_threads; /* worker threads that stay when idle */
@@ -98,17 +103,19 @@ OX_STATIC_ASSERT(sizeof(tnw_fileinfo) == 1168, "wire layout");
  * caller for its classic way of working without the service. The same drive id gives the same
  * handle again. A null record gives null and 31 too.
  *
- * May take long: two starts of up to 60 s (readiness) with pauses of 5 s, and 75 s more where an
- * old service still runs. TNW_INIT_NO_RETRY gives up after the first failure. Start-ups and
- * shut-downs of one process run one at a time.
+ * May take long: two starts of up to 60 s (readiness) with pauses of 5 s, each of up to 75 s
+ * instead where an old service still runs. TNW_INIT_NO_RETRY gives up after the first failure.
+ * Start-ups and shut-downs of one process run one at a time.
  */
 void* tnw_init(tnw_tninit* tninit, int* err);
 
 /*
  * Gives a drive handle back; the last one of a service stops the service (after 1 s) and frees all
- * that belongs to it, open files included. `force` is accepted and deliberately has no effect. 87
- * for a null or unknown handle; otherwise 0, or the shut-down request's result as it is (-1 for a
- * broken connection). The service process is not waited for.
+ * that belongs to it, open files included. Contexts of files that were still open stay allocated;
+ * their slots are to be dropped. Files of a drive that is not the last stay open, out of reach,
+ * until the last one goes: close them before. `force` is accepted and deliberately has no effect.
+ * 87 for a null or unknown handle; otherwise 0, or the shut-down request's result as it is (-1 for
+ * a broken connection). The service process is not waited for.
  */
 int tnw_deinit(void* drvhdl, bool force);
 /* The same at once, for every drive handle of the service. 0, or 87. */

@@ -8,6 +8,7 @@
 #include "ox_errno.h"
 #include "ox_util.h"
 #include "tn_util.h"
+#include "tnw_fdtable.h"
 #include "tnw_log.h"
 
 const tnw_refusal TNW_REFUSE_NO_PATH = {"Invalid drive handle or no path specified.", OX_EINVAL,
@@ -50,7 +51,10 @@ int tnw_enter_entry_call(const tnvfd* fde, bool needs_file, const tnw_refusal& r
   if (!tnw_is_listed_entry(fde)) return refuse_unknown(fde);
   if (!fde->fdt_drv) return refuse(refusal);
   if (needs_file && fde->fdt_ofd == INVALID_HANDLE_VALUE) return refuse(refusal);
-  return tnw_enter_drive(fde->fdt_drv, call);
+  const int code = tnw_enter_drive(fde->fdt_drv, call);
+  if (code) return code;
+  // A drive of another instance may have got the address that the file's own drive had.
+  return tnw_is_table_entry(&call->tni->tni_files, fde) ? 0 : refuse_unknown(fde);
 }
 
 void tnw_copy_procname(char* out_procname, const tnvfd* fde) {

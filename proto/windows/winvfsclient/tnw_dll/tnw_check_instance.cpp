@@ -20,6 +20,12 @@ constexpr int OLD_SERVICE_PAUSE_SECS = 5;
 constexpr size_t PID_PATH_SIZE = OX_MAXPATH_LEN + 16;  // never cuts: see compose_pid_path
 constexpr ox_u32 MAX_EVENT_NAME = OX_MAXPATH_LEN;
 
+// The error of the system call before, which the logging of it may change.
+int refuse_file(const char* what, const char* file) {
+  const int err = errno;
+  return TNW_REFUSE(err, nullptr, err, "cannot %s %s", what, file);
+}
+
 // A cut path would name another file, and the same one for both pid files, so none is cut.
 void compose_pid_path(const tnw_tninstance* tni, const char* name, char (&path)[PID_PATH_SIZE]) {
   snprintf(path, sizeof path, "%.*s/%s", TNW_FIELD(tni->tni_cachedir), name);
@@ -29,8 +35,7 @@ void compose_pid_path(const tnw_tninstance* tni, const char* name, char (&path)[
 int read_old_pid(int fd, unsigned long* pid) {
   char text[129] = {};
   const ox_s64 n = ox_pread(fd, text, sizeof text - 1, 0);
-  if (n < 0 && errno != ERROR_HANDLE_EOF)
-    return TNW_REFUSE(errno, nullptr, errno, "cannot read %s", "da_pid");
+  if (n < 0 && errno != ERROR_HANDLE_EOF) return refuse_file("read", "da_pid");
   *pid = n > 0 ? strtoul(text, nullptr, 10) : 0;
   return 0;
 }
@@ -40,14 +45,14 @@ int write_own_pid(int fd) {
   char text[32];
   const int len = snprintf(text, sizeof text, "%lu", GetCurrentProcessId());
   if (ox_pwrite(fd, text, static_cast<size_t>(len), 0) == len) return 0;
-  return TNW_REFUSE(errno, nullptr, errno, "cannot write DA PID to %s", "da_pid");
+  return refuse_file("write DA PID to", "da_pid");
 }
 
 int update_da_pid_file(const tnw_tninstance* tni) {
   char path[PID_PATH_SIZE];
   compose_pid_path(tni, "da_pid", path);
   const int fd = ox_creat(path, OX_O_RDWR | OX_O_CREAT | OX_O_SYNC, 0644);
-  if (fd < 0) return TNW_REFUSE(errno, nullptr, errno, "cannot open %s", path);
+  if (fd < 0) return refuse_file("open", path);
   unsigned long old_pid = 0;
   int code = read_old_pid(fd, &old_pid);
   if (!code) {
@@ -77,7 +82,7 @@ int check_service_pid_file(const tnw_tninstance* tni, tnw_tninit* tninit) {
   compose_pid_path(tni, "tarnd_pid", path);
   const int fd = ox_creat(path, OX_O_RDONLY, 0644);  // ox_open would log that it is missing
   if (fd < 0 && errno == OX_ENOENT) return 0;
-  if (fd < 0) return TNW_REFUSE(errno, nullptr, errno, "cannot open %s", path);
+  if (fd < 0) return refuse_file("open", path);
   char cachedir[sizeof tni->tni_cachedir + 1] = {};
   memcpy(cachedir, tni->tni_cachedir, sizeof tni->tni_cachedir);
   int code = tnw_tfi_fallback(cachedir);
