@@ -30,7 +30,25 @@ std::string device_key(const tnw_tninit& record) {
          record.tnw_username;
 }
 
+// Ends the process, which stops its other threads where they stand, while one is inside tnw_init:
+// the service's process has begun and will never say that it is ready.
+[[noreturn]] void end_process_during_a_start(tnw_tninit record, const std::string& begun) {
+  SetEnvironmentVariableA("STAND_IN_READY", nullptr);
+  SetEnvironmentVariableA("STAND_IN_COMMAND", begun.c_str());
+  std::thread([record]() mutable { tnw_init(&record, nullptr); }).detach();
+  while (!file_exists(begun)) Sleep(10);
+  ExitProcess(3);
+}
+
 }  // namespace
+
+TEST(StartDeathTest, DoesNotHoldUpTheEndOfTheProcess) {
+  TestFolder folder;
+  SetEnvironmentVariableA("TMP", folder.path().c_str());  // for the ending process's own folder
+  const tnw_tninit record = start_record(folder, beside_test("stand_in_service.exe"));
+  EXPECT_EXIT(end_process_during_a_start(record, folder / "begun"), testing::ExitedWithCode(3), "");
+  SetEnvironmentVariableA("TMP", nullptr);
+}
 
 TEST(Start, GivesUpWithoutARecord) {
   int err = -1;

@@ -19,6 +19,9 @@ namespace {
 constexpr int POLL_MS = 1000;
 /* How long a socket rests that was reported ready and then moved nothing. */
 constexpr DWORD NOT_READY_REST_MS = 1;
+/* What is polled for where only a hang-up can still come: a poll must name something, and a local
+ * socket never has urgent data. */
+constexpr SHORT HANG_UP_ONLY = POLLRDBAND;
 /* The most bytes of one transfer on a client connection: the transfers count in int. */
 constexpr size_t MAX_CHUNK = size_t{1} << 30;
 
@@ -122,7 +125,7 @@ int nothing_moved(transfer& t, int ready, int moved) {
 
 /* Waits up to a second and moves what can be moved: 0 to go on, or the error. */
 int step(transfer& t) {
-  WSAPOLLFD pfd = {t.sock, t.at_end ? SHORT{0} : t.dir.events, 0};
+  WSAPOLLFD pfd = {t.sock, t.at_end ? HANG_UP_ONLY : t.dir.events, 0};
   const int count = WSAPoll(&pfd, 1, POLL_MS);
   if (count < 0) return poll_failed(t);
   if (count == 0) return timed_out(t);

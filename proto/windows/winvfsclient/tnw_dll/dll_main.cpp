@@ -9,16 +9,18 @@
 tnw_tnihd tnw_tninstances;
 ox_rwlock_t tnw_glock;
 
-// Each line of detach undoes one of attach. Instances that are still there are deliberately left:
-// their threads are gone by now, and the process's end takes the rest.
-extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID) {
+// Each line of detach undoes one of attach. At the process's end nothing is undone: its other
+// threads were stopped where they stood, and destroying a lock that one of them held (a start holds
+// tnw_glock for up to two minutes) would wait for ever. Instances that are still there are
+// deliberately left.
+extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID process_ends) {
   if (reason == DLL_PROCESS_ATTACH) {
     tnw_list_init(&tnw_tninstances);
     tnw_tninstances.tni_cnt = 0;
     ox_init_rwlock(&tnw_tninstances.tni_lock);
     ox_init_rwlock(&tnw_glock);
     ox_init_lock(&tnw_fc_lock);
-  } else if (reason == DLL_PROCESS_DETACH) {
+  } else if (reason == DLL_PROCESS_DETACH && !process_ends) {
     ox_deinit_lock(&tnw_fc_lock);
     ox_deinit_rwlock(&tnw_glock);
     ox_deinit_rwlock(&tnw_tninstances.tni_lock);
