@@ -28,7 +28,7 @@ bool read_device_id(const device_key& key, char* idstr) {
   const LSTATUS status =
       RegGetValueA(opened, nullptr, VALUE_NAME, RRF_RT_REG_SZ, nullptr, text, &size);
   RegCloseKey(opened);
-  if (status) return false;
+  if (status || !text[0]) return false;  // an empty value is no id
   memcpy(idstr, text, sizeof text);
   TNW_INFO(nullptr,
            "Tarn device id: %s already exist for domain: %s and user: %s at path: %s\\%s\\%s",

@@ -53,7 +53,10 @@ void deinit_entry(tnvfd* fde) {
 
 int tnw_alloc_fdtable(vfs_handle* vh, tnw_files* fdt) {
   const int n = ox_get_max_openfiles();
-  if (n <= 0) return TNW_REFUSE(errno, vh, errno, "Failed to get limit for max open files.");
+  if (n <= 0) {
+    const int err = errno ? errno : OX_EINVAL;
+    return TNW_REFUSE(err, vh, err, "Failed to get limit for max open files.");
+  }
   fdt->vfs_files = static_cast<tnvfd*>(ox_zalloc(static_cast<size_t>(n) * sizeof(tnvfd)));
   if (!fdt->vfs_files)
     return TNW_REFUSE(OX_ENOMEM, vh, OX_ENOMEM, "Not enough memory for fd table.");
