@@ -58,6 +58,28 @@ typedef struct tnw_tninit {
   char tnw_proxy_uname[64];
   char tnw_proxy_password[512];
 } tnw_tninit;
+OX_STATIC_ASSERT(sizeof(tnw_tninit) == 19032, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_min_threads) == 4, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_max_threads) == 8, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_user_id) == 16, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_username) == 24, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_workdir) == 88, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_uds_workdir) == 5088, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_logdir) == 5184, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_sharepath) == 10184, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_binpath) == 11208, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_regpath) == 16208, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_api_addr) == 17232, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_config_addr) == 17360, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_workgroup_id) == 17488, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_da_device_id) == 17525, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_da_drive_id) == 17562, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_tn_device_id) == 17599, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_authtoken) == 17636, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_domain) == 18148, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_proxy_server) == 18199, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_proxy_uname) == 18455, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_proxy_password) == 18519, "layout of the API");
 
 enum { TNW_INIT_NO_RETRY = 0x1 };
 
@@ -86,6 +108,9 @@ typedef struct tnw_fileinfo {
 
 OX_STATIC_ASSERT(sizeof(tnw_cfs_lock) == 72, "wire layout");
 OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_ctime) == 8, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnw_cfs_lock, lk_uname) == 8, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_atime) == 16, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_mtime) == 24, "wire layout");
 OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_size) == 32, "wire layout");
 OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_locked) == 40, "wire layout");
 OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_id) == 41, "wire layout");

@@ -69,10 +69,9 @@ OVERLAPPED at_offset(ox_off off) {
 }
 
 // The local file's path for an error line; an empty text after a warning.
-const char* local_path(const transfer& t, char (&path)[OX_MAXPATH_LEN]) {
+void find_local_path(const transfer& t, char (&path)[OX_MAXPATH_LEN]) {
   if (!ox_handle2path(t.fde->fdt_ofd, path, sizeof path, nullptr))
     TNW_WARN(t.call.vh, 0, "Failed to get path from handle.");
-  return path;
 }
 
 // The whole transfer in one call, no file position is used: 0 or the Windows error, unconverted but
@@ -85,7 +84,8 @@ int read_local(const transfer& t, void* buffer, ox_s64* nbread) {
   if (nbread && (ok || code == ERROR_HANDLE_EOF)) *nbread = count;
   if (code == 0 || code == ERROR_HANDLE_EOF) return code;
   char path[OX_MAXPATH_LEN];
-  return TNW_REFUSE(code, t.call.vh, code, "Failed to read from the file %s", local_path(t, path));
+  find_local_path(t, path);
+  return TNW_REFUSE(code, t.call.vh, code, "Failed to read from the file %s", path);
 }
 
 int write_local(const transfer& t, const void* buffer, DWORD* count) {
@@ -93,7 +93,8 @@ int write_local(const transfer& t, const void* buffer, DWORD* count) {
   if (WriteFile(t.fde->fdt_ofd, buffer, static_cast<DWORD>(t.len), count, &where)) return 0;
   const int code = ox_winerr2errno(GetLastError());
   char path[OX_MAXPATH_LEN];
-  return TNW_REFUSE(code, t.call.vh, code, "Failed to write to the file %s", local_path(t, path));
+  find_local_path(t, path);
+  return TNW_REFUSE(code, t.call.vh, code, "Failed to write to the file %s", path);
 }
 
 int local_size(const transfer& t, ox_u64* size) {
