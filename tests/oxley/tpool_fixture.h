@@ -12,6 +12,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -150,7 +152,7 @@ inline void keep(ox_tpool_t* aborted) {
 /* The log of a test as "LEVEL text" lines; made while no other thread logs. */
 class level_log {
  public:
-  explicit level_log(ox_s32 verbosity = 1) : begin_(whole().lines().size()) {
+  explicit level_log(ox_s32 verbosity = 1) : begin_(std::filesystem::file_size(whole().path())) {
     ox_logfunc = [](const char*, const char* level, ox_s32, ox_s32, const ox_alert_t*) {
       return level;
     };
@@ -161,11 +163,12 @@ class level_log {
     ox_debug = 1;
   }
   std::vector<std::string> lines() const {
-    std::vector<std::string> all = whole().lines();
-    all.erase(all.begin(), all.begin() + static_cast<ptrdiff_t>(begin_));
-    for (std::string& line : all) { /* {LEVEL"text"} */
-      line = line.substr(1, line.size() - 3);
-      line.replace(line.find('"'), 1, " ");
+    std::ifstream in(whole().path());
+    in.seekg(static_cast<std::streamoff>(begin_));
+    std::vector<std::string> all;
+    for (std::string line; std::getline(in, line);) { /* {LEVEL"text"} */
+      line = line.substr(1, line.rfind('"') - 1);
+      all.push_back(line.replace(line.find('"'), 1, " "));
     }
     return all;
   }
@@ -181,7 +184,7 @@ class level_log {
     return log;
   }
 
-  size_t begin_;
+  std::uintmax_t begin_;
 };
 
 #endif
