@@ -9,7 +9,6 @@
 namespace {
 
 using tarnd::Options;
-using testing::ElementsAre;
 using testing::HasSubstr;
 
 bool Parse(const std::string& line, Options* options, std::string* error) {
@@ -27,102 +26,56 @@ TEST(Options, TheLibrarysLine) {
                     R"( --proxy-server proxy:80 --proxy-user  --proxy-password )",
                     &options, &error))
       << error;
-  EXPECT_EQ(options.cfs, "https://acme.example.com");
   EXPECT_EQ(options.user, "John Doe");
   EXPECT_EQ(options.cache, R"(C:\Work Dir\acme.example.com\John Doe)");
-  EXPECT_EQ(options.addr, "file:///Z:/a%20folder");
   EXPECT_EQ(options.access_token, "");
   EXPECT_EQ(options.logfile, R"(C:\logs\tarnd.log)");
   EXPECT_TRUE(options.vfs);
-  EXPECT_EQ(options.uid, UINT64_MAX);
-  EXPECT_EQ(options.proxy_server, "proxy:80");
-  EXPECT_EQ(options.proxy_user, "");
   EXPECT_EQ(options.proxy_password, "");
   EXPECT_EQ(SocketPath(options), R"(C:\sock\\w 3\18446744073709551615.sock)");
-}
 
-TEST(Options, TheSocketWithoutOptionsOfItsOwn) {
-  Options options;
-  std::string error;
-  ASSERT_TRUE(
-      Parse("tarnd --cache \"\"C:\\c --addr x --access-token \"\" --vfs", &options, &error));
-  EXPECT_EQ(SocketPath(options), R"(C:\c\tnvfs.sock)");
-}
-
-TEST(Options, WhatIsWrongIsNamed) {
-  for (const auto& [line, complaint] : std::vector<std::pair<std::string, std::string>>{
-           {"tarnd --cache c --addr a --nonsense", "--nonsense"},
-           {"tarnd --cache c --addr a --uid 12x", "12x"},
-           {"tarnd --cache c --addr a --uid -1", "-1"},
-           {"tarnd --cache c --addr a --vfs yes", "--vfs"},
-           {"tarnd --cache c", "--addr"},
-           {"tarnd --addr a --cache", "--cache"},
-           {"", "--cache"}}) {
-    Options options;
-    std::string error;
-    EXPECT_FALSE(Parse(line, &options, &error)) << line;
-    EXPECT_THAT(error, HasSubstr(complaint)) << line;
-  }
+  options = {};
+  ASSERT_TRUE(Parse("tarnd --cache \"\"C:\\c --addr x", &options, &error)) << error;
+  EXPECT_EQ(SocketPath(options), R"(C:\c\tnvfs.sock)") << "without options of its own";
 }
 
 TEST(Options, Environment) {
-  std::map<std::string, std::string> variables;
+  Options options;
+  std::string error;
+  const std::map<std::string, std::string> variables = {{"TARND_UTXID", "7"},
+                                                        {"TARND_LATENCY_OPS", "open,denum"}};
   const auto environment = [&](const char* name) -> std::optional<std::string> {
     const auto it = variables.find(name);
     return it == variables.end() ? std::nullopt : std::optional(it->second);
   };
-  Options options;
-  std::string error;
-  ASSERT_TRUE(ParseEnvironment(environment, &options, &error));
-  EXPECT_EQ(options.region_shift, 20);
-  variables = {{"TARND_REGION_SHIFT", "12"},
-               {"TARND_UTXID", "7"},
-               {"TARND_LATENCY_MS", "30"},
-               {"TARND_LATENCY_OPS", "open,cache_region"},
-               {"TARND_COUNTS", "c.txt"}};
   ASSERT_TRUE(ParseEnvironment(environment, &options, &error)) << error;
-  EXPECT_EQ(options.region_shift, 12);
+  EXPECT_EQ(options.region_shift, 20) << "not set";
   EXPECT_EQ(options.first_utxid, 7u);
-  EXPECT_EQ(options.latency_ms, 30u);
-  EXPECT_THAT(options.latency_ops, ElementsAre(TNV_OP_WIN_OPEN, TNV_OP_CACHE_REGION));
-  EXPECT_EQ(options.counts_file, "c.txt");
-  for (const auto& [name, value] :
-       std::vector<std::pair<std::string, std::string>>{{"TARND_REGION_SHIFT", "63"},
-                                                        {"TARND_REGION_SHIFT", "-1"},
-                                                        {"TARND_UTXID", "x"},
-                                                        {"TARND_LATENCY_MS", "60001"},
-                                                        {"TARND_LATENCY_OPS", "open,opne"}}) {
-    variables = {{name, value}};
-    EXPECT_FALSE(ParseEnvironment(environment, &options, &error)) << name << '=' << value;
-    EXPECT_THAT(error, HasSubstr(name));
-  }
+  EXPECT_THAT(options.latency_ops, testing::ElementsAre(TNV_OP_WIN_OPEN, TNV_OP_WIN_DENUM));
 }
 
-TEST(Options, HelpNamesEveryOptionAndVariable) {
-  const std::string help = tarnd::HelpText();
-  for (const char* name : {"--cfs",
-                           "--user",
-                           "--cache",
-                           "--addr",
-                           "--confaddr",
-                           "--tn-devid",
-                           "--da-devid",
-                           "--access-token",
-                           "--logfile",
-                           "--vfs",
-                           "--sockdir",
-                           "--wgid",
-                           "--uid",
-                           "--proxy-server",
-                           "--proxy-user",
-                           "--proxy-password",
-                           "TARND_REGION_SHIFT",
-                           "TARND_UTXID",
-                           "TARND_LATENCY_MS",
-                           "TARND_LATENCY_OPS",
-                           "TARND_COUNTS",
-                           "TARND_DEBUG"}) {
-    EXPECT_THAT(help, HasSubstr(name));
+TEST(Options, WhatIsWrongIsNamed) {
+  Options options;
+  std::string error;
+  for (const auto& [line, complaint] :
+       std::map<std::string, std::string>{{"tarnd --cache c --addr a --nonsense", "--nonsense"},
+                                          {"tarnd --cache c --addr a --uid 12x", "12x"},
+                                          {"tarnd --cache c --addr a --vfs yes", "--vfs"},
+                                          {"tarnd --cache c", "--addr"},
+                                          {"", "--cache"}}) {
+    EXPECT_FALSE(Parse(line, &options, &error)) << line;
+    EXPECT_THAT(error, HasSubstr(complaint)) << line;
+  }
+  for (const auto& [name, value] :
+       std::multimap<std::string, std::string>{{"TARND_REGION_SHIFT", "63"},
+                                               {"TARND_REGION_SHIFT", "-1"},
+                                               {"TARND_LATENCY_MS", "60001"},
+                                               {"TARND_LATENCY_OPS", "open,opne"}}) {
+    const auto environment = [&](const char* asked) {
+      return asked == name ? std::optional(value) : std::nullopt;
+    };
+    EXPECT_FALSE(ParseEnvironment(environment, &options, &error)) << name << '=' << value;
+    EXPECT_THAT(error, HasSubstr(name));
   }
 }
 

@@ -1,4 +1,5 @@
-// Regions: the set of runs against a plain one, and the arithmetic of the store at its edges.
+// Regions: the set of runs against a plain one, and the arithmetic of the store at its edges. What
+// the store decides in between is seen in cached_file_test.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -6,14 +7,12 @@
 
 #include "region_set.h"
 #include "region_store.h"
-#include "vfstnw_bits.h"
 
 namespace {
 
 using tarnd::RegionSet;
 using tarnd::RegionStore;
 using Span = tarnd::Run;
-using tarnd::Source;
 
 TEST(RegionSet, AgreesWithAPlainSet) {
   constexpr uint64_t kSpace = 40;
@@ -41,53 +40,6 @@ TEST(RegionSet, AgreesWithAPlainSet) {
       ASSERT_TRUE(held.empty() || held.end == kSpace || !plain.contains(held.end));
     }
   }
-}
-
-TEST(RegionStore, FetchesOnlyWhatTheCloudHas) {
-  RegionStore store(4);
-  store.Fill(40);  // regions 0, 1 and half of 2
-  const Span all = store.Regions(0, 1000);
-  EXPECT_EQ(store.NextToFetch(all).end, 3u);
-  EXPECT_EQ(store.CloudBytes({2, 3}).end, 40u);
-  EXPECT_TRUE(store.NextToFetch({3, 60}).empty()) << "past the cloud's content";
-
-  store.MarkPresent({1, 2});
-  EXPECT_EQ(store.At(5, 40).source, Source::kCloud);
-  EXPECT_EQ(store.At(5, 40).end, 16u);
-  EXPECT_EQ(store.At(16, 40).source, Source::kLocal);
-  EXPECT_EQ(store.At(16, 40).end, 32u);
-  EXPECT_EQ(store.At(32, 100).end, 40u) << "what follows the cloud's end is local";
-  EXPECT_EQ(store.At(40, 100).source, Source::kLocal);
-  EXPECT_FALSE(store.IsLocal(40));
-}
-
-TEST(RegionStore, WhatWasCutNeverComesBackFromTheCloud) {
-  RegionStore store(4);
-  store.Fill(64);
-  store.MarkDirty({3, 4});
-  store.Truncate(20);
-  EXPECT_TRUE(store.dirty().empty());
-  EXPECT_EQ(store.CloudBytes({1, 2}).end, 20u);
-  EXPECT_TRUE(store.NextToFetch({2, 4}).empty());
-  store.Truncate(0);
-  EXPECT_TRUE(store.IsLocal(1000));
-}
-
-TEST(RegionStore, MapsHaveRoomAndShowWhatNeedsNoFetch) {
-  RegionStore store(4);
-  store.Fill(40);
-  store.MarkDirty({0, 1});
-  const size_t bytes = store.MapBytes(40);
-  EXPECT_GE(bytes * 8, 3u + 512u);
-  std::vector<uint8_t> maps = store.Maps(bytes, true);
-  ASSERT_EQ(maps.size(), 2 * bytes);
-  EXPECT_TRUE(vfstnw_is_region_set(maps.data(), 4, 0, 16));
-  EXPECT_FALSE(vfstnw_is_region_set(maps.data(), 4, 16, 1));
-  EXPECT_FALSE(vfstnw_is_region_set(maps.data(), 4, 47, 1)) << "half of it is the cloud's";
-  EXPECT_TRUE(vfstnw_is_region_set(maps.data(), 4, 48, (bytes * 8 - 3) * 16));
-  EXPECT_TRUE(vfstnw_is_region_set(maps.data() + bytes, 4, 0, 16));
-  EXPECT_FALSE(vfstnw_is_region_set(maps.data() + bytes, 4, 48, 1));
-  EXPECT_FALSE(vfstnw_is_region_set(store.Maps(bytes, false).data() + bytes, 4, 0, 16));
 }
 
 TEST(RegionStore, HoldsAtTheEndsOfTheNumbers) {
