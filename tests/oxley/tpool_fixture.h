@@ -15,7 +15,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -90,8 +89,13 @@ class test_pool {
 
   int queue(task job, ox_job_notify_t* notify = nullptr) {
     const std::lock_guard hold(mutex_);
-    tasks_.push_back(std::make_unique<task>(std::move(job)));
-    return ox_queue_work(tp, notify, run_task, tasks_.back().get());
+    return ox_queue_work(tp, notify, run_task, &tasks_.emplace_back(std::move(job)));
+  }
+
+  /* Starts one worker, which rests when this returns. */
+  void start_worker() {
+    ASSERT_EQ(0, queue([](blocks) {}));
+    ASSERT_TRUE(idle(1));
   }
 
   /* Queues `count` jobs that each hold a worker until `release` is posted; returns when they run.
@@ -130,6 +134,9 @@ class test_pool {
   bool idle(ox_u32 count) {
     return eventually([&] { return read(&ox_tpool_t::tp_idle_count) == count; });
   }
+  bool waited_for_by(ox_u32 callers) {
+    return eventually([&] { return read(&ox_tpool_t::tp_waiters) == callers; });
+  }
   void clear_flags(ox_u32 flags) {
     ox_lock(&tp->tp_lock);
     tp->tp_flags &= ~flags;
@@ -140,7 +147,7 @@ class test_pool {
 
  private:
   std::mutex mutex_;
-  std::deque<std::unique_ptr<task>> tasks_;
+  std::deque<task> tasks_; /* they stay where they are */
 };
 
 /* Keeps what an aborted pool deliberately leaks reachable, for the leak checker. */
