@@ -171,15 +171,15 @@ class Model : public CachedFileTest, public testing::WithParamInterface<int> {
 
   void Step() {
     const size_t choice = Pick(100);
-    if (handles_.empty() || (choice < 8 && handles_.size() < 4)) {
+    if (handles_.empty() || (choice < 12 && handles_.size() < 4)) {
       OpenOne();
-    } else if (choice < 45) {
+    } else if (choice < 40) {
       ReadOne();
-    } else if (choice < 75) {
+    } else if (choice < 80) {
       WriteOne();
-    } else if (choice < 83) {
+    } else if (choice < 84) {
       ResizeOne();
-    } else if (choice < 97) {
+    } else if (choice < 98) {
       CloseOne();
     } else {
       Kill();
@@ -249,7 +249,7 @@ class Model : public CachedFileTest, public testing::WithParamInterface<int> {
 
 TEST_P(Model, EveryReadAndEveryWriteBackIsAsInPlainMemory) {
   Reopen(GetParam(), "");
-  for (int step = 0; step < 1500 && !HasFailure(); step++) {
+  for (int step = 0; step < 2000 && !HasFailure(); step++) {
     SCOPED_TRACE(step);
     Step();
   }
