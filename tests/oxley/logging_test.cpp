@@ -35,75 +35,64 @@ std::string prefix(ox_msglvl level, ox_s32 line, const char* file, ox_s32 err) {
   return buf;
 }
 
-std::string level_field(ox_msglvl level, ox_s32 line, const char* file, ox_s32 err) {
-  return prefix(level, line, file, err).substr(timestamp_length);
-}
-
 /* Makes the console logger of a child process write where a death test looks. */
 void console_to_stderr() { dup2(2, 1); }
 
-const char* seen_level;
-std::string seen_file;
-ox_s32 seen_line;
-ox_s32 seen_err;
+std::string seen; /* what the callback was last told */
 
 const char* test_prefix(const char* file, const char* level, ox_s32 line, ox_s32 err,
                         const ox_alert_t* alert) {
   EXPECT_EQ(nullptr, alert);
-  seen_file = file;
-  seen_level = level;
-  seen_line = line;
-  seen_err = err;
+  seen = std::string(level) + " " + file + ":" + std::to_string(line) + " " + std::to_string(err);
   return "P: ";
 }
-
-struct with_callback {
-  with_callback() { ox_logfunc = test_prefix; }
-  ~with_callback() { ox_logfunc = nullptr; }
-};
 
 }  // namespace
 
 TEST(Prefix, EachLevelHasItsField) {
-  const char* file = "ox_platform_win.c"; /* cut to its first 12 characters */
+  const struct {
+    ox_msglvl level;
+    const char* file;
+    ox_s32 err;
+    const char* field;
+  } table[] = {
+      {OX_INFO_LEVEL, "ox_platform_win.c", 2, "INFO    ox_platform_:82 "}, /* cut to 12 */
+      {OX_WARN_LEVEL, "ox_tpool.c", 2, "WARNING   ox_tpool.c:82 "},
+      {OX_ERROR_LEVEL, "ox_tpool.c", 2, "ERR:002   ox_tpool.c:82 "},
+      {OX_ERROR_LEVEL, "ox_tpool.c", 12345, "ERR:12345   ox_tpool.c:82 "},
+      {OX_FATAL_LEVEL, "ox_tpool.c", 2, "FATAL   2:  ox_tpool.c:82 "},
+      {OX_DEBUG_LEVEL, "ox_tpool.c", 2, "DEBU-05   ox_tpool.c:82 "},
+      {OX_USER_LEVEL, "ox_tpool.c", 2, ""},
+      {OX_PROF_LEVEL, "ox_tpool.c", 2, "PROF      ox_tpool.c:82 "},
+      {OX_TODO_LEVEL, "ox_tpool.c", 2, "TODO    2:  ox_tpool.c:82 "},
+      {9, "ox_tpool.c", 2, "  ox_tpool.c:82 "},
+      {0xffffffffu, "ox_tpool.c", 2, "  ox_tpool.c:82 "},
+  };
   ox_debug = 5;
-  EXPECT_EQ("INFO    ox_platform_:82 ", level_field(OX_INFO_LEVEL, 82, file, 2));
-  EXPECT_EQ("WARNING ox_platform_:82 ", level_field(OX_WARN_LEVEL, 82, file, 2));
-  EXPECT_EQ("ERR:002 ox_platform_:82 ", level_field(OX_ERROR_LEVEL, 82, file, 2));
-  EXPECT_EQ("FATAL   2:ox_platform_:82 ", level_field(OX_FATAL_LEVEL, 82, file, 2));
-  EXPECT_EQ("DEBU-05 ox_platform_:82 ", level_field(OX_DEBUG_LEVEL, 82, file, 2));
-  EXPECT_EQ("", level_field(OX_USER_LEVEL, 82, file, 2));
-  EXPECT_EQ("", prefix(OX_PRINTF_LEVEL, 82, file, 2)) << "no timestamp either";
-  EXPECT_EQ("PROF    ox_platform_:82 ", level_field(OX_PROF_LEVEL, 82, file, 2));
-  EXPECT_EQ("TODO    2:ox_platform_:82 ", level_field(OX_TODO_LEVEL, 82, file, 2));
-  for (const ox_msglvl level : {9u, 10u, 0xffffffffu}) {
-    EXPECT_EQ("ox_platform_:82 ", level_field(level, 82, file, 2)) << level;
+  for (const auto& [level, file, err, field] : table) {
+    EXPECT_EQ(field, prefix(level, 82, file, err).substr(timestamp_length)) << level;
   }
   ox_debug = 1;
-  EXPECT_EQ("DEBU-01   ox_tpool.c:300 ", level_field(OX_DEBUG_LEVEL, 300, "ox_tpool.c", 0));
-  EXPECT_EQ("ERR:12345   ox_tpool.c:3 ", level_field(OX_ERROR_LEVEL, 3, "ox_tpool.c", 12345));
+  EXPECT_EQ("", prefix(OX_PRINTF_LEVEL, 82, "f", 2)) << "no timestamp either";
+}
+
+std::string local_seconds() {
+  const time_t now = time(nullptr);
+  char text[32];
+  return std::string(text, strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", localtime(&now)));
 }
 
 TEST(Prefix, TimestampIsLocalTimeWithTheYearAgain) {
-  const time_t before = time(nullptr);
+  const std::string before = local_seconds();
   const std::string text = prefix(OX_USER_LEVEL, 0, "f", 0);
-  const time_t after = time(nullptr);
-  struct tm read = {};
+  ASSERT_EQ(timestamp_length, text.size());
+  EXPECT_LE(before, text.substr(1, before.size()));
+  EXPECT_GE(local_seconds(), text.substr(1, before.size()));
   int msecs = -1;
-  int year = -1;
-  int end = 0;
-  ASSERT_EQ(
-      8, sscanf(text.c_str(), "[%4d-%2d-%2d %2d:%2d:%2d.%3d %4d] %n", &read.tm_year, &read.tm_mon,
-                &read.tm_mday, &read.tm_hour, &read.tm_min, &read.tm_sec, &msecs, &year, &end));
-  EXPECT_EQ(timestamp_length, text.size());
-  EXPECT_EQ(timestamp_length, static_cast<size_t>(end));
-  EXPECT_EQ(read.tm_year, year);
-  read.tm_year -= 1900;
-  read.tm_mon -= 1;
-  read.tm_isdst = -1;
-  const time_t stamped = mktime(&read);
-  EXPECT_LE(before, stamped);
-  EXPECT_GE(after, stamped);
+  EXPECT_EQ(1, sscanf(text.c_str() + 1 + before.size(), ".%3d", &msecs));
+  EXPECT_EQ(
+      '[' + text.substr(1, before.size()) + text.substr(20, 4) + ' ' + text.substr(1, 4) + "] ",
+      text);
 }
 
 TEST(Prefix, NeverPassesItsCapacity) {
@@ -162,25 +151,17 @@ TEST(CallSite, UsesTheBuiltInPrefixOrTheCallback) {
   OX_LOG_AT("tnw_connect", 145, OX_ERROR_LEVEL, 2, "Failed to send over %s", "socket");
   ox_set_profile_level(0);
   OX_LOG_DEBUG(2, "not at verbosity %d", ox_debug);
-  {
-    const with_callback installed;
-    OX_LOG_AT("tnw_connect", 145, OX_ERROR_LEVEL, 2, "Failed to send over %s", "socket");
-    EXPECT_STREQ("ERROR", seen_level);
-    EXPECT_EQ("tnw_connect", seen_file);
-    EXPECT_EQ(145, seen_line);
-    EXPECT_EQ(2, seen_err);
-    ox_set_profile_level(0);
-    EXPECT_EQ("ox_profile", seen_file);
-    EXPECT_EQ(10, seen_line);
-  }
-  const auto lines = log.lines();
-  ASSERT_EQ(4u, lines.size());
-  EXPECT_EQ("ERR:002  tnw_connect:145 Failed to send over socket",
-            lines[0].substr(timestamp_length));
-  EXPECT_EQ("INFO      ox_profile:10 oxley profile level set to 0",
-            lines[1].substr(timestamp_length));
-  EXPECT_EQ("{P: \"Failed to send over socket\"}", lines[2]);
-  EXPECT_EQ("{P: \"oxley profile level set to 0\"}", lines[3]);
+  ox_logfunc = test_prefix;
+  OX_LOG_AT("tnw_connect", 145, OX_ERROR_LEVEL, 2, "Failed to send over %s", "socket");
+  EXPECT_EQ("ERROR tnw_connect:145 2", seen);
+  ox_set_profile_level(0);
+  EXPECT_EQ("INFO ox_profile:10 0", seen);
+  ox_logfunc = nullptr;
+  EXPECT_THAT(
+      log.lines(),
+      ElementsAre(EndsWith("] ERR:002  tnw_connect:145 Failed to send over socket"),
+                  EndsWith("] INFO      ox_profile:10 oxley profile level set to 0"),
+                  "{P: \"Failed to send over socket\"}", "{P: \"oxley profile level set to 0\"}"));
 }
 
 /* In children, since initialisation is one-shot. */
@@ -234,11 +215,9 @@ TEST(State, ATakenLoggerNameKeepsTheOldFile) {
 }
 
 TEST(Rotation, LosesNoLineOfManyThreads) {
-  constexpr int threads = 4;
-  constexpr int per_thread = 300;
+  constexpr int threads = 4, per_thread = 300;
   constexpr size_t max_size = 8192;
-  constexpr size_t max_files = 20;
-  captured_log log(max_size, max_files);
+  captured_log log(max_size, 20);
   std::vector<std::thread> writers;
   for (int t = 0; t < threads; ++t) {
     writers.emplace_back([t] {
@@ -250,23 +229,23 @@ TEST(Rotation, LosesNoLineOfManyThreads) {
   for (auto& writer : writers) {
     writer.join();
   }
-  std::multiset<std::string> seen;
-  int files = 0;
+  std::set<std::string> seen;
+  size_t lines = 0, files = 0;
   for (const auto& entry :
        std::filesystem::directory_iterator(std::filesystem::path(log.path()).parent_path())) {
     ++files;
     EXPECT_LE(entry.file_size(), max_size);
     for (const auto& line : file_lines(entry.path().string())) {
+      ++lines;
+      int t = 0, i = 0, end = 0;
+      EXPECT_EQ(2, sscanf(line.c_str() + timestamp_length, "thread %d line %d.%n", &t, &i, &end));
+      EXPECT_EQ(line.size(), timestamp_length + static_cast<size_t>(end)) << line;
       seen.insert(line.substr(timestamp_length));
     }
   }
-  EXPECT_GT(files, 5);
-  EXPECT_EQ(static_cast<size_t>(threads * per_thread), seen.size());
-  for (int t = 0; t < threads; ++t) {
-    for (int i = 0; i < per_thread; ++i) {
-      EXPECT_EQ(1u, seen.count("thread " + std::to_string(t) + " line " + std::to_string(i) + "."));
-    }
-  }
+  EXPECT_GT(files, 5u);
+  EXPECT_EQ(size_t{threads * per_thread}, lines);
+  EXPECT_EQ(size_t{threads * per_thread}, seen.size());
 }
 
 TEST(Rotation, ThatCannotRenameGoesOnInTheFile) {
