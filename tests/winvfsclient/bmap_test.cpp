@@ -304,7 +304,7 @@ TEST_F(Requests, WhatIsDirtyIsCachedTooAndGoesWithATruncationToNothing) {
 
 /* Tests and changes run into two drops at once, many times; the sanitizers judge the memory. */
 TEST(RegionMaps, ADropIsSafeAgainstTestsOnOtherThreads) {
-  for (int round = 0; round < 100; round++) {
+  for (int round = 0; round < 30; round++) {
     OpenFile file(20, 8);
     tnvfd* fde = &file.fde;
     /* The only bit of a range inside the maps is never set: true means that they are gone. */
