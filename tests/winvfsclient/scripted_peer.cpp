@@ -45,14 +45,9 @@ Bytes operator+(Bytes left, const Bytes& right) {
   return left;
 }
 
-std::string PeerRequest::text(int n) const {
-  size_t at = TNV_MSG_FIXED;
-  const auto end_of_text = [&] {
-    return static_cast<size_t>(
-        std::find(bytes.begin() + static_cast<ptrdiff_t>(at), bytes.end(), 0) - bytes.begin());
-  };
-  while (n-- > 0) at = std::min(end_of_text() + 1, bytes.size());
-  return std::string(reinterpret_cast<const char*>(bytes.data()) + at, end_of_text() - at);
+std::string PeerRequest::text() const {
+  const auto* first = reinterpret_cast<const char*>(bytes.data()) + TNV_MSG_FIXED;
+  return std::string(first, strnlen(first, bytes.size() - TNV_MSG_FIXED));
 }
 
 /* ------------------------------------------------------------------- one connection */
@@ -211,11 +206,6 @@ size_t ScriptedPeer::count(ox_u32 opcode) const {
   return static_cast<size_t>(
       std::count_if(requests_.begin(), requests_.end(),
                     [opcode](const PeerRequest& req) { return req.opcode() == opcode; }));
-}
-
-size_t ScriptedPeer::connections() const {
-  const std::lock_guard lock(mutex_);
-  return connections_.size();
 }
 
 bool ScriptedPeer::wait_for_ended(size_t count) {

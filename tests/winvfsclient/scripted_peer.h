@@ -43,8 +43,8 @@ struct PeerRequest {
 
   const tnv_msg& msg() const { return *reinterpret_cast<const tnv_msg*>(bytes.data()); }
   ox_u32 opcode() const { return msg().hdr.hdr_opcode; }
-  /* The n-th of the trailing texts. */
-  std::string text(int n = 0) const;
+  /* The first of the trailing texts. */
+  std::string text() const;
 };
 
 class ScriptedPeer;
@@ -122,7 +122,6 @@ class ScriptedPeer {
   /* What came so far, in the order in which it came. */
   std::vector<PeerRequest> requests() const;
   size_t count(ox_u32 opcode) const;
-  size_t connections() const;
   /* Waits until that many connections have ended; false after ten seconds. */
   bool wait_for_ended(size_t count);
 
