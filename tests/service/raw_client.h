@@ -2,55 +2,114 @@
 #ifndef RAW_CLIENT_H
 #define RAW_CLIENT_H
 
-#include <cstring>
+#include <winsock2.h>
+// after winsock2.h
+#include <afunix.h>
+#include <windows.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
 #include "tnv_proto.h"
+#include "uuid_text.h"
+
+using Variables = std::map<std::string, std::string>;
 
 // A running service. Its folders lie in `folder`: cloud, cache, sock; its counts in counts.txt. The
 // destructor ends it.
 class ServiceProcess {
  public:
   explicit ServiceProcess(std::string folder) : folder_(std::move(folder)) {}
-  ~ServiceProcess() { Kill(); }
+  ~ServiceProcess() {
+    if (process_ != nullptr) {
+      TerminateProcess(process_, 99);
+      Wait();
+    }
+  }
   ServiceProcess(const ServiceProcess&) = delete;
   ServiceProcess& operator=(const ServiceProcess&) = delete;
 
   // Starts tarnd.exe, which stands beside the test program, and waits for its ready event. False
   // when it ended before.
-  bool Start(const std::string& more_options = "",
-             const std::map<std::string, std::string>& variables = {});
+  bool Start(Variables variables = {}) {
+    const HANDLE ready = CreateEventA(nullptr, FALSE, FALSE, EventName().c_str());
+    ResetEvent(ready);
+    variables["TARND_COUNTS"] = folder_ + "\\counts.txt";
+    for (const auto& [name, value] : variables) {
+      SetEnvironmentVariableA(name.c_str(), value.c_str());
+    }
+    STARTUPINFOA startup = {};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process = {};
+    const bool made = CreateProcessA(nullptr, Line().data(), nullptr, nullptr, FALSE,
+                                     CREATE_NO_WINDOW, nullptr, nullptr, &startup, &process);
+    for (const auto& [name, value] : variables) {
+      SetEnvironmentVariableA(name.c_str(), nullptr);
+    }
+    CloseHandle(process.hThread);
+    process_ = process.hProcess;
+    pid_ = process.dwProcessId;
+    const HANDLE either[] = {ready, process_};
+    const bool started = made && WaitForMultipleObjects(2, either, FALSE, 30000) == WAIT_OBJECT_0;
+    CloseHandle(ready);
+    return started;
+  }
   std::string socket_path() const { return folder_ + "\\sock\\tnvfs.sock"; }
   uint32_t pid() const { return pid_; }
-  // As if it crashed.
-  void Kill();
   // Waits for its end: the exit code.
-  int Wait();
+  int Wait() {
+    DWORD code = 0;
+    const bool ended = WaitForSingleObject(process_, 30000) == WAIT_OBJECT_0;
+    GetExitCodeProcess(process_, &code);
+    CloseHandle(process_);
+    process_ = nullptr;
+    return ended ? static_cast<int>(code) : -1;
+  }
   // "name value" lines of the counts file.
-  std::map<std::string, uint64_t> Counts() const;
+  std::map<std::string, uint64_t> Counts() const {
+    std::ifstream file(folder_ + "\\counts.txt");
+    std::map<std::string, uint64_t> counts;
+    std::string name;
+    for (uint64_t value; file >> name >> value;) {
+      counts[name] = value;
+    }
+    return counts;
+  }
 
  private:
+  static std::string Slashes(std::string path) {
+    std::replace(path.begin(), path.end(), '\\', '/');
+    return path;
+  }
+  std::string EventName() const {
+    std::string name = Slashes(socket_path());
+    CharLowerA(name.data());
+    return name;
+  }
+  std::string Line() const {
+    char program[MAX_PATH];
+    GetModuleFileNameA(nullptr, program, sizeof program);
+    return std::filesystem::path(program).parent_path().string() +
+           "\\tarnd.exe --cfs https://acme.example.com --user me --cache \"" + folder_ +
+           "\\cache\" --addr file:///" + Slashes(folder_) +
+           "/cloud --tn-devid t-dev --da-devid d-dev --logfile \"" + folder_ +
+           "\\tarnd.log\" --vfs --sockdir \"" + folder_ + "\\sock\"";
+  }
+
   std::string folder_;
-  void* process_ = nullptr;
+  HANDLE process_ = nullptr;
   uint32_t pid_ = 0;
-};
-
-// One request being made.
-struct RawRequest {
-  explicit RawRequest(uint32_t opcode);
-  // Appends a trailing text and its NUL.
-  RawRequest& Text(const std::string& text);
-
-  tnv_msg* operator->() { return reinterpret_cast<tnv_msg*>(bytes.data()); }
-
-  std::vector<uint8_t> bytes;
 };
 
 struct RawAnswer {
   bool came = false;  // else the connection was closed
   tnv_resp resp = {};
+  cfs_id_t id = {};  // of the request
   std::vector<uint8_t> bulk;
 
   int error() const { return came ? static_cast<int>(resp.rhdr.rhdr_errno) : -1; }
@@ -72,42 +131,170 @@ struct RawFile {
   int32_t fd = 0;
   std::vector<uint8_t> maps;
 
-  void* handle() const { return reinterpret_cast<void*>(answer.wopen_resp_handle); }
+  HANDLE handle() const { return reinterpret_cast<HANDLE>(answer.wopen_resp_handle); }
 };
 
 class RawConnection {
  public:
+  using Payload = decltype(tnv_msg::u);
+  using Fill = std::function<void(Payload&)>;
+
   // Connects the socket only.
-  explicit RawConnection(const ServiceProcess& service);
-  ~RawConnection() { Close(); }
+  explicit RawConnection(const ServiceProcess& service) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    service.socket_path().copy(address.sun_path, sizeof address.sun_path - 1);
+    connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    const DWORD patience_ms = 20000;
+    setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&patience_ms),
+               sizeof patience_ms);
+  }
+  ~RawConnection() { closesocket(socket_); }
   RawConnection(const RawConnection&) = delete;
   RawConnection& operator=(const RawConnection&) = delete;
 
-  void Close();
-  bool Send(const std::vector<uint8_t>& bytes);
+  bool Send(const void* data, size_t size) {
+    return send(socket_, static_cast<const char*>(data), static_cast<int>(size), 0) ==
+           static_cast<int>(size);
+  }
   // Reads an answer with all that follows it.
-  RawAnswer Receive();
-  // Fills in hdr_len and an id.
-  RawAnswer Ask(RawRequest request);
+  RawAnswer Receive() {
+    RawAnswer answer;
+    tnv_resp& resp = answer.resp;
+    if (!Read(&resp.rhdr, sizeof resp.rhdr) || resp.rhdr.rhdr_len > sizeof resp.u ||
+        !Read(&resp.u, resp.rhdr.rhdr_len)) {
+      return {};
+    }
+    const uint32_t error = resp.rhdr.rhdr_errno;
+    if (resp.rhdr.rhdr_opcode == TNV_OP_WIN_OPEN && (error == 0 || error == TNV_OPEN_EXISTED)) {
+      answer.bulk.resize(2 * resp.u.wopen.wopen_resp_rmap_size);
+    } else if (resp.rhdr.rhdr_opcode == TNV_OP_WIN_DENUM && error == 0) {
+      answer.bulk.resize(resp.u.wdenum.wde_fi_len * sizeof(tnw_fileinfo));
+    }
+    answer.came = Read(answer.bulk.data(), answer.bulk.size());
+    return answer;
+  }
+  // One request with what follows its fixed part.
+  RawAnswer Ask(uint32_t opcode, const Fill& fill = {}, const std::string& trailing = {}) {
+    tnv_msg message = {};
+    message.hdr.hdr_opcode = opcode;
+    message.hdr.hdr_id = tarnd::NewId();
+    message.hdr.hdr_len = static_cast<ox_u32>(sizeof message + trailing.size());
+    if (fill) {
+      fill(message.u);
+    }
+    const bool sent = Send(&message, sizeof message) &&
+                      (trailing.empty() || Send(trailing.data(), trailing.size()));
+    RawAnswer answer = sent ? Receive() : RawAnswer{};
+    answer.id = message.hdr.hdr_id;
+    return answer;
+  }
 
-  RawAnswer Connect(const std::string& share = "/");
-  RawFile Open(const std::string& path, const RawOpen& how = {});
-  int Close(const RawFile& file, uint32_t tnflags = 0);
-  int Cleanup(const RawFile& file);
-  RawAnswer CacheRegion(const RawFile& file, uint64_t offset, uint64_t length);
-  RawAnswer DirtyRegion(const RawFile& file, uint64_t offset, uint64_t length);
-  int Lock(const RawFile& file, int type, uint64_t offset, uint64_t length, int pid = 1);
-  int PathRequest(uint32_t opcode, const std::string& path);
-  int Rename(const std::string& from, const std::string& to);
-  int UpdateToken(const std::string& token);
-  std::vector<tnw_fileinfo> List(const std::string& path);
-  RawAnswer Stat(const std::string& path);
+  // The path operations count their texts with the NUL or without it.
+  RawAnswer Connect(const std::string& share = "/") {
+    const auto fill = [&](Payload& u) {
+      u.wconn.wconmsg_share_path_len = Length(share) + 1;
+      u.wconn.wconmsg_pid = GetCurrentThreadId();
+    };
+    return Ask(TNV_OP_WIN_CONNECT, fill, share + '\0');
+  }
+  RawFile Open(const std::string& path, const RawOpen& how = {}) {
+    const int32_t fd = next_fd_++;
+    const auto fill = [&](Payload& u) {
+      u.wopen.wopen_newfd = fd;
+      u.wopen.wopen_pathlen = Length(path) + 1;
+      u.wopen.wopen_accmode = how.access;
+      u.wopen.wopen_shmode = how.share;
+      u.wopen.wopen_cdisp = how.disposition;
+      u.wopen.wopen_flags = how.flags;
+      u.wopen.wopen_clientid = GetCurrentProcessId();
+    };
+    const RawAnswer answer = Ask(TNV_OP_WIN_OPEN, fill, path + '\0');
+    return {answer.error(), answer.resp.u.wopen, answer.id, fd, answer.bulk};
+  }
+  RawAnswer Stat(const std::string& path) {
+    return Ask(
+        TNV_OP_WIN_STAT, [&](Payload& u) { u.wstat.wstat_path_len = Length(path) + 1; },
+        path + '\0');
+  }
+  std::vector<tnw_fileinfo> List(const std::string& path) {
+    const auto fill = [&](Payload& u) { u.wdenum.wde_pathlen = Length(path) + 1; };
+    const RawAnswer answer = Ask(TNV_OP_WIN_DENUM, fill, path + '\0');
+    const auto* infos = reinterpret_cast<const tnw_fileinfo*>(answer.bulk.data());
+    return {infos, infos + (Close(answer.id) == 0 ? answer.bulk.size() / sizeof *infos : 0)};
+  }
+  RawAnswer PathRequest(uint32_t opcode, const std::string& path) {
+    return Ask(
+        opcode, [&](Payload& u) { u.wdelete.wdelete_msg_plen = Length(path); }, path + '\0');
+  }
+  int Delete(const std::string& path) { return PathRequest(TNV_OP_WIN_DELETE, path).error(); }
+  bool CanDelete(const std::string& path) {
+    const RawAnswer answer = PathRequest(TNV_OP_WIN_CANDELETE, path);
+    return answer.error() == 0 && answer.resp.u.wcandel.wcandel_check == 1;
+  }
+  int Rename(const std::string& from, const std::string& to) {
+    const auto fill = [&](Payload& u) {
+      u.wrename.wrename_msg_slen = Length(from);
+      u.wrename.wrename_msg_dlen = Length(to);
+    };
+    return Ask(TNV_OP_WIN_RENAME, fill, from + '\0' + to + '\0').error();
+  }
+  int UpdateToken(const std::string& token) {
+    const auto fill = [&](Payload& u) { u.updatetoken.ut_len = Length(token); };
+    return Ask(TNV_OP_UPDATETOKEN, fill, token + '\0').error();
+  }
+
+  int Close(const cfs_id_t& open, uint32_t tnflags = 0) {
+    const auto fill = [&](Payload& u) {
+      u.wclose.wclose_omsgid = open;
+      u.wclose.wclose_tnflags = tnflags;
+    };
+    return Ask(TNV_OP_WIN_CLOSE, fill).error();
+  }
+  int Cleanup(const RawFile& file) {
+    return Ask(TNV_OP_WIN_CLEANUP, [&](Payload& u) { u.wcleanup.wcl_omsgid = file.id; }).error();
+  }
+  RawAnswer CacheRegion(const RawFile& file, uint64_t offset, uint64_t length) {
+    const auto fill = [&](Payload& u) {
+      u.cache_region.cache_read_off = offset;
+      u.cache_region.cache_read_len = length;
+      u.cache_region.cache_read_omsgid = file.id;
+    };
+    return Ask(TNV_OP_CACHE_REGION, fill);
+  }
+  RawAnswer DirtyRegion(const RawFile& file, uint64_t offset, uint64_t length) {
+    const auto fill = [&](Payload& u) {
+      u.dirty_region.cache_write_off = offset;
+      u.dirty_region.cache_write_len = length;
+      u.dirty_region.cache_write_omsgid = file.id;
+    };
+    return Ask(TNV_OP_DIRTY_REGION, fill);
+  }
+  int Truncate(const RawFile& file, uint64_t size) {
+    const auto fill = [&](Payload& u) { u.ftruncate = {size, file.id, {}}; };
+    return Ask(TNV_OP_FTRUNCATE, fill).error();
+  }
+  int Lock(const RawFile& file, int type, uint64_t offset, uint64_t length) {
+    const auto fill = [&](Payload& u) {
+      u.wbrl.wbrl_type = type;
+      u.wbrl.wbrl_pid = 1;
+      u.wbrl.wbrl_fd = file.fd;
+      u.wbrl.wbrl_off = offset;
+      u.wbrl.wbrl_len = length;
+      u.wbrl.wbrl_gid = file.answer.wopen_resp_fso.fso_handle;
+    };
+    return Ask(TNV_OP_WIN_BRL, fill).error();
+  }
 
  private:
-  bool Read(void* data, size_t size);
+  static ox_s32 Length(const std::string& text) { return static_cast<ox_s32>(text.size()); }
+  bool Read(void* data, size_t size) {
+    return size == 0 || recv(socket_, static_cast<char*>(data), static_cast<int>(size),
+                             MSG_WAITALL) == static_cast<int>(size);
+  }
 
-  uint64_t socket_;
   int32_t next_fd_ = 1;
+  SOCKET socket_ = socket(AF_UNIX, SOCK_STREAM, 0);
 };
 
 #endif

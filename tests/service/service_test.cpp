@@ -1,12 +1,9 @@
 // tarnd.exe from outside: its process, and every operation as bytes on the socket.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <winsock2.h>
-// after winsock2.h
-#include <windows.h>
 
 #include <fstream>
 #include <memory>
+#include <random>
 #include <sstream>
 
 #include "ox_errno.h"
@@ -16,13 +13,10 @@
 namespace {
 
 namespace fs = std::filesystem;
-using testing::ElementsAre;
+using Payload = RawConnection::Payload;
 
 constexpr RawOpen kCreateNew{.disposition = 1};
-constexpr RawOpen kCreateAlways{.disposition = 2};
 constexpr RawOpen kOpenAlways{.disposition = 4};
-constexpr RawOpen kTruncate{.disposition = 5};
-constexpr RawOpen kFolder{.disposition = 4, .flags = 0x1};
 constexpr uint32_t kModified = TNV_FL_MODIFIED;
 
 class ServiceTest : public testing::Test {
@@ -33,14 +27,13 @@ class ServiceTest : public testing::Test {
   }
   void SetUp() override { fs::create_directory(Cloud("")); }
 
-  void StartAndConnect(const std::map<std::string, std::string>& variables = {
-                           {"TARND_REGION_SHIFT", "4"}}) {
-    ASSERT_TRUE(service_.Start("", variables)) << Log();
+  void StartAndConnect(const Variables& variables = {{"TARND_REGION_SHIFT", "4"}}) {
+    ASSERT_TRUE(service_.Start(variables)) << Text(folder_.path() / "tarnd.log");
     connection_ = std::make_unique<RawConnection>(service_);
     ASSERT_EQ(connection_->Connect().error(), 0);
   }
   int Shutdown() {
-    EXPECT_EQ(connection_->Ask(RawRequest(TNV_OP_SHUTDOWN)).error(), 0);
+    EXPECT_EQ(connection_->Ask(TNV_OP_SHUTDOWN).error(), 0);
     connection_.reset();
     return service_.Wait();
   }
@@ -50,29 +43,24 @@ class ServiceTest : public testing::Test {
     std::ofstream(Cloud(name), std::ios::binary) << content;
   }
   std::string Get(const std::string& name) const { return Text(Cloud(name)); }
-  std::string Log() const { return Text(folder_.path() / "tarnd.log"); }
   static std::string Text(const fs::path& path) {
     std::ostringstream text;
     text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
   }
 
-  static void WriteAt(const RawFile& file, uint32_t offset, const std::string& data) {
-    OVERLAPPED position = {};
-    position.Offset = offset;
-    DWORD written = 0;
-    ASSERT_TRUE(WriteFile(file.handle(), data.data(), static_cast<DWORD>(data.size()), &written,
-                          &position));
-  }
   // As the client does: cached, reported, written.
   void Change(const RawFile& file, uint32_t offset, const std::string& data) {
     ASSERT_EQ(connection_->CacheRegion(file, offset, data.size()).error(), 0);
     ASSERT_EQ(connection_->DirtyRegion(file, offset, data.size()).error(), 0);
-    WriteAt(file, offset, data);
+    OVERLAPPED position = {};
+    position.Offset = offset;
+    const DWORD size = static_cast<DWORD>(data.size());
+    ASSERT_TRUE(WriteFile(file.handle(), data.data(), size, nullptr, &position));
   }
   int CloseFile(const RawFile& file, uint32_t tnflags = 0) {
     CloseHandle(file.handle());
-    return connection_->Close(file, tnflags);
+    return connection_->Close(file.id, tnflags);
   }
 
   TestFolder folder_;
@@ -84,68 +72,49 @@ class ServiceTest : public testing::Test {
 
 TEST_F(ServiceTest, StartsOnceAndEndsWhenAsked) {
   StartAndConnect();
-  EXPECT_EQ(Text(folder_.path() / "cache" / "tarnd_pid"), std::to_string(service_.pid()));
-  const HANDLE pid_file = CreateFileW(
-      (folder_.path() / "cache" / "tarnd_pid").c_str(), GENERIC_READ,
-      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING, 0, nullptr);
-  OVERLAPPED start = {};
-  const DWORD at_once = LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY;
-  EXPECT_FALSE(LockFileEx(pid_file, at_once, 0, MAXDWORD, MAXDWORD, &start));
-
+  const fs::path pid_path = folder_.path() / "cache" / "tarnd_pid";
+  EXPECT_EQ(Text(pid_path), std::to_string(service_.pid()));
+  const HANDLE pid_file = CreateFileW(pid_path.c_str(), GENERIC_READ,
+                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                      nullptr, OPEN_EXISTING, 0, nullptr);
+  const auto lock = [pid_file] {
+    OVERLAPPED start = {};
+    const DWORD at_once = LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY;
+    return LockFileEx(pid_file, at_once, 0, MAXDWORD, MAXDWORD, &start);
+  };
+  EXPECT_FALSE(lock());
   ServiceProcess second(folder_.path().string());
   EXPECT_FALSE(second.Start());
   EXPECT_EQ(second.Wait(), 1);
 
   connection_->List("/");
   EXPECT_EQ(Shutdown(), 0);
-  EXPECT_TRUE(LockFileEx(pid_file, at_once, 0, MAXDWORD, MAXDWORD, &start));
+  EXPECT_TRUE(lock());
   CloseHandle(pid_file);
   EXPECT_FALSE(fs::exists(service_.socket_path()));
   const auto counts = service_.Counts();
-  EXPECT_EQ(counts.at("connect"), 1u);
   EXPECT_EQ(counts.at("denum"), 1u);
   EXPECT_EQ(counts.at("requests"), 4u) << "connect, denum, close, shutdown";
-}
 
-TEST_F(ServiceTest, RefusesToStartWithoutACloud) {
   fs::remove(Cloud(""));
   EXPECT_FALSE(service_.Start());
-  EXPECT_EQ(service_.Wait(), 1);
-  EXPECT_THAT(Log(), testing::HasSubstr("Cloud address"));
+  EXPECT_EQ(service_.Wait(), 1) << "without a cloud";
 }
 
-TEST_F(ServiceTest, WritesBackWhatAKilledServiceLeft) {
-  Put("a.txt", "0123456789abcdefGHIJ");
-  StartAndConnect();
-  const RawFile file = connection_->Open("a.txt");
-  Change(file, 2, "xx");
-  service_.Kill();
-  EXPECT_EQ(Get("a.txt"), "0123456789abcdefGHIJ");
-  CloseHandle(file.handle());
-  StartAndConnect();
-  EXPECT_EQ(Get("a.txt"), "01xx456789abcdefGHIJ");
-  EXPECT_EQ(Shutdown(), 0);
-}
-
-TEST_F(ServiceTest, SaysWhatItIs) {
-  StartAndConnect();
-  const RawAnswer answer = connection_->Ask(RawRequest(TNV_OP_GET_VERSION));
-  const ox_get_version_t& version = answer.resp.u.get_version.ver_fields;
+TEST_F(ServiceTest, SaysWhatItIsAndNumbersAndDelaysAnswersWhenTold) {
+  StartAndConnect(
+      {{"TARND_UTXID", "70"}, {"TARND_LATENCY_MS", "300"}, {"TARND_LATENCY_OPS", "stat"}});
+  ULONGLONG start = GetTickCount64();
+  const RawAnswer answer = connection_->Ask(TNV_OP_GET_VERSION);
+  EXPECT_LT(GetTickCount64() - start, 290u);
+  EXPECT_EQ(answer.resp.rhdr.rhdr_utxid, 71u);
   EXPECT_EQ(answer.resp.rhdr.rhdr_len, 536u);
+  const ox_get_version_t& version = answer.resp.u.get_version.ver_fields;
   EXPECT_EQ(version.gv_process_id, static_cast<int>(service_.pid()));
   EXPECT_STREQ(version.gv_device_id, "t-dev");
   EXPECT_STREQ(version.gv_da_device_id, "d-dev");
   EXPECT_STREQ(version.gv_tn_args.sa_cfs, "https://acme.example.com");
-  EXPECT_EQ(version.gv_vfs_enabled, 1);
   EXPECT_EQ(version.gv_authorized, 1);
-}
-
-TEST_F(ServiceTest, NumbersAndDelaysAnswersWhenTold) {
-  StartAndConnect(
-      {{"TARND_UTXID", "70"}, {"TARND_LATENCY_MS", "300"}, {"TARND_LATENCY_OPS", "stat"}});
-  ULONGLONG start = GetTickCount64();
-  EXPECT_EQ(connection_->Ask(RawRequest(TNV_OP_GET_VERSION)).resp.rhdr.rhdr_utxid, 71u);
-  EXPECT_LT(GetTickCount64() - start, 290u);
   start = GetTickCount64();
   EXPECT_EQ(connection_->Stat("/").resp.rhdr.rhdr_utxid, 72u);
   EXPECT_GE(GetTickCount64() - start, 290u);
@@ -157,139 +126,87 @@ TEST_F(ServiceTest, LengthsThatCannotBeEndTheConnection) {
   StartAndConnect();
   for (const ox_u32 length : {0u, 72u, 503u, 0x7fffffffu, 0xffffffffu}) {
     RawConnection connection(service_);
-    RawRequest request(TNV_OP_GET_VERSION);
-    request->hdr.hdr_len = length;
-    request.bytes.resize(sizeof(tnv_msghdr));
-    ASSERT_TRUE(connection.Send(request.bytes));
+    tnv_msghdr header = {};
+    header.hdr_opcode = TNV_OP_GET_VERSION;
+    header.hdr_len = length;
+    ASSERT_TRUE(connection.Send(&header, sizeof header));
     EXPECT_EQ(connection.Receive().error(), OX_EINVAL) << length;
     EXPECT_FALSE(connection.Receive().came) << length;
   }
-  EXPECT_EQ(connection_->Ask(RawRequest(TNV_OP_GET_VERSION)).error(), 0) << "others go on";
+  EXPECT_EQ(connection_->Ask(TNV_OP_GET_VERSION).error(), 0) << "others go on";
 }
 
-TEST_F(ServiceTest, TextsThatDisagreeWithTheLengthAreRefused) {
+TEST_F(ServiceTest, RequestsThatMakeNoSenseAreRefused) {
   StartAndConnect();
+  const auto stat = [this](ox_s32 length, const std::string& trailing) {
+    const auto fill = [=](Payload& u) { u.wstat.wstat_path_len = length; };
+    return connection_->Ask(TNV_OP_WIN_STAT, fill, trailing).error();
+  };
   for (const ox_s32 length : {-1, 0, 1, 2, 4, 5, INT32_MAX, INT32_MIN}) {
-    RawRequest request(TNV_OP_WIN_STAT);
-    request.Text("ab");  // 3 with the NUL
-    request->u.wstat.wstat_path_len = length;
-    EXPECT_EQ(connection_->Ask(request).error(), OX_EINVAL) << length;
+    EXPECT_EQ(stat(length, {"ab", 3}), OX_EINVAL) << length;
   }
-  RawRequest unterminated(TNV_OP_WIN_STAT);
-  unterminated.bytes.push_back('a');
-  unterminated->u.wstat.wstat_path_len = 1;
-  EXPECT_EQ(connection_->Ask(unterminated).error(), OX_EINVAL);
-  RawRequest rename(TNV_OP_WIN_RENAME);
-  rename.Text("a").Text("b");
-  rename->u.wrename.wrename_msg_slen = 3;
-  rename->u.wrename.wrename_msg_dlen = -1;
-  EXPECT_EQ(connection_->Ask(rename).error(), OX_EINVAL);
-  EXPECT_EQ(connection_->Ask(RawRequest(99)).error(), OX_ENOSYS);
-  EXPECT_EQ(connection_->Ask(RawRequest(TNV_OP_WIN_OPEN)).error(), OX_EINVAL);
+  EXPECT_EQ(stat(1, "a"), OX_EINVAL) << "without its NUL";
+  const auto fill_rename = [](Payload& u) {
+    u.wrename.wrename_msg_slen = 3;
+    u.wrename.wrename_msg_dlen = -1;
+  };
+  EXPECT_EQ(connection_->Ask(TNV_OP_WIN_RENAME, fill_rename, {"a\0b", 4}).error(), OX_EINVAL);
+  EXPECT_EQ(connection_->Open("x", {.disposition = 6}).error, OX_EINVAL);
+  EXPECT_EQ(connection_->Open("x", {.flags = 0x41}).error, OX_EINVAL);
+  EXPECT_EQ(connection_->Ask(99).error(), OX_ENOSYS);
   EXPECT_EQ(RawConnection(service_).Stat("/").error(), OX_EINVAL) << "before CONNECT";
-  EXPECT_EQ(connection_->Ask(RawRequest(TNV_OP_WIN_DISCONNECT)).error(), 0);
+  EXPECT_EQ(connection_->Ask(TNV_OP_WIN_DISCONNECT).error(), 0);
   EXPECT_FALSE(connection_->Receive().came);
 }
 
 TEST_F(ServiceTest, AnyBytesLeaveItAlive) {
   StartAndConnect();
-  unsigned state = 12345;
-  for (int round = 0; round < 100; round++) {
-    RawRequest request(static_cast<uint32_t>(round) % (TNV_OP_SHUTDOWN + 3));
-    if (request->hdr.hdr_opcode == TNV_OP_SHUTDOWN) continue;
-    for (size_t i = sizeof(tnv_msghdr); i < request.bytes.size(); i++) {
-      state = state * 1103515245 + 12345;
-      request.bytes[i] = static_cast<uint8_t>(state >> 24);
-    }
-    request.Text("some/path");
+  std::minstd_rand random;
+  for (uint32_t round = 0; round < 100; round++) {
+    const uint32_t opcode = round % (TNV_OP_SHUTDOWN + 3);
+    if (opcode == TNV_OP_SHUTDOWN) continue;
     RawConnection connection(service_);
     connection.Connect();
-    connection.Ask(request);
+    const auto fill = [&](Payload& u) {
+      for (ox_u8& byte : u.bytes) byte = static_cast<ox_u8>(random());
+    };
+    connection.Ask(opcode, fill, {"some/path", 10});
   }
-  EXPECT_EQ(connection_->Ask(RawRequest(TNV_OP_GET_VERSION)).error(), 0);
+  EXPECT_EQ(connection_->Ask(TNV_OP_GET_VERSION).error(), 0);
 }
 
 // ------------------------------------------------------------------ files
 
-TEST_F(ServiceTest, Dispositions) {
-  Put("there.txt", "content");
-  StartAndConnect();
-  EXPECT_EQ(connection_->Open("there.txt", kCreateNew).error, OX_EEXIST);
-  EXPECT_EQ(connection_->Open("missing.txt").error, OX_ENOENT);
-  EXPECT_EQ(connection_->Open("missing.txt", kTruncate).error, OX_ENOENT);
-  EXPECT_EQ(connection_->Open("no/folder.txt", kCreateNew).error, OX_ENOENT);
-  EXPECT_EQ(connection_->Open("there.txt", kFolder).error, OX_ENOTDIR);
-  EXPECT_EQ(connection_->Open("../there.txt").error, OX_EPERM);
-  EXPECT_EQ(connection_->Open("x", {.disposition = 6}).error, OX_EINVAL);
-  EXPECT_EQ(connection_->Open("/", {.flags = 0x40}).error, OX_EPERM);
-
-  RawFile file = connection_->Open("\\there.txt", kOpenAlways);
-  EXPECT_EQ(file.error, TNV_OPEN_EXISTED);
-  EXPECT_EQ(file.answer.wopen_resp_stat.st_size, 7u);
-  EXPECT_EQ(file.answer.wopen_resp_tnflags, uint32_t{TNV_FL_MAPPED});
-  EXPECT_EQ(file.maps.size(), 2 * file.answer.wopen_resp_rmap_size);
-  EXPECT_EQ(CloseFile(file), 0);
-  EXPECT_EQ(connection_->Close(file), OX_EBADF);
-
-  file = connection_->Open("there.txt", kCreateAlways);
-  EXPECT_EQ(file.error, TNV_OPEN_EXISTED);
-  EXPECT_EQ(file.answer.wopen_resp_stat.st_size, 0u);
-  EXPECT_EQ(file.answer.wopen_resp_tnflags, uint32_t{TNV_FL_MAPPED | TNV_FL_NEWER});
-  EXPECT_EQ(Get("there.txt"), "content") << "until the close";
-  EXPECT_EQ(CloseFile(file), 0);
-  EXPECT_EQ(Get("there.txt"), "");
-
-  file = connection_->Open("Grüße 🚀.txt", kCreateNew);
-  EXPECT_EQ(file.error, 0);
-  Change(file, 0, "new");
-  EXPECT_EQ(CloseFile(file, kModified), 0);
-  EXPECT_EQ(Text(Cloud("") / L"Gr\u00fc\u00dfe \U0001F680.txt"), "new");
-}
-
-TEST_F(ServiceTest, FetchesOnDemandAndWritesBackTheWhole) {
+TEST_F(ServiceTest, OpensCachesChangesCutsAndClosesAFile) {
   Put("a.txt", "0123456789abcdef0123456789ABCDEFxyz");
   StartAndConnect();
-  const RawFile file = connection_->Open("a.txt");
-  const RawAnswer answer = connection_->CacheRegion(file, 20, 1);
-  EXPECT_EQ(answer.resp.u.cache_region.cr_soff, 16u);
-  EXPECT_EQ(answer.resp.u.cache_region.cr_sz, 12u) << "to the region's end";
-  EXPECT_EQ(answer.resp.u.cache_region.cr_fsz, 35u);
+  const RawFile file = connection_->Open("\\a.txt", kOpenAlways);
+  EXPECT_EQ(file.error, TNV_OPEN_EXISTED);
+  EXPECT_EQ(file.answer.wopen_resp_stat.st_size, 35u);
+  EXPECT_EQ(file.answer.wopen_resp_tnflags, uint32_t{TNV_FL_MAPPED});
+  const tnv_cache_region_resp cached = connection_->CacheRegion(file, 20, 1).resp.u.cache_region;
+  EXPECT_EQ(cached.cr_soff, 16u);
+  EXPECT_EQ(cached.cr_sz, 12u) << "to the region's end";
+  EXPECT_EQ(cached.cr_fsz, 35u);
   Change(file, 34, "Z and more than fits the last region");
+  EXPECT_EQ(connection_->Truncate(file, 40), 0);
+  EXPECT_EQ(connection_->Stat("A.TXT").resp.u.wstat.wstat_fi.fi_size, 40u) << "as it is locally";
   EXPECT_EQ(CloseFile(file, kModified), 0);
-  EXPECT_EQ(Get("a.txt"), "0123456789abcdef0123456789ABCDEFxyZ and more than fits the last region");
+  EXPECT_EQ(connection_->Close(file.id), OX_EBADF);
+  EXPECT_EQ(Get("a.txt"), "0123456789abcdef0123456789ABCDEFxyZ and ");
   EXPECT_EQ(Shutdown(), 0);
   const auto counts = service_.Counts();
-  EXPECT_EQ(counts.at("regions_fetched"), 2u);
-  EXPECT_EQ(counts.at("bytes_fetched"), 19u);
+  EXPECT_EQ(counts.at("bytes_fetched"), 19u) << "two regions, the last one 3 bytes long";
   EXPECT_EQ(counts.at("files_written_back"), 1u);
-}
-
-TEST_F(ServiceTest, ShareModes) {
-  Put("a.txt", "x");
-  StartAndConnect();
-  const RawFile reader = connection_->Open("a.txt", {.access = 1, .share = 1});
-  ASSERT_EQ(reader.error, 0);
-  EXPECT_EQ(connection_->Open("A.TXT", {.access = 2}).error, OX_EACCES);
-  EXPECT_EQ(connection_->Open("a.txt", {.access = 1, .share = 2}).error, OX_EACCES);
-  EXPECT_EQ(connection_->Open("a.txt", {.access = 1, .disposition = 5}).error, OX_EACCES);
-  const RawFile attributes = connection_->Open("a.txt", {.access = 0, .share = 0});
-  EXPECT_EQ(attributes.error, 0);
-  EXPECT_EQ(connection_->PathRequest(TNV_OP_WIN_CANDELETE, "a.txt"), -2);
-  EXPECT_EQ(connection_->PathRequest(TNV_OP_WIN_DELETE, "a.txt"), OX_EACCES);
-  EXPECT_EQ(connection_->Rename("a.txt", "b.txt"), OX_EACCES);
-  EXPECT_EQ(connection_->Cleanup(reader), 0);
-  const RawFile writer = connection_->Open("a.txt", {.access = 2, .share = 0});
-  EXPECT_EQ(writer.error, 0) << "a cleaned-up open blocks nobody";
-  EXPECT_EQ(CloseFile(writer) | CloseFile(reader) | CloseFile(attributes), 0);
 }
 
 TEST_F(ServiceTest, RangeLocksBelongToOpens) {
   Put("a.txt", "x");
   StartAndConnect();
   const RawFile one = connection_->Open("a.txt");
+  const RawFile two = connection_->Open("a.txt");
   RawConnection other(service_);
   ASSERT_EQ(other.Connect().error(), 0);
-  RawFile two = connection_->Open("a.txt");
   EXPECT_EQ(connection_->Lock(one, TN_SMBLK_EX_BRL, 0, 10), 0);
   EXPECT_EQ(other.Lock(two, TN_SMBLK_SH_BRL, 9, 1), OX_EACCES);
   EXPECT_EQ(other.Lock(two, TN_SMBLK_UNLOCK_BRL, 0, 10), OX_EINVAL);
@@ -320,83 +237,62 @@ TEST_F(ServiceTest, AClientThatLeavesLosesNothing) {
   CloseHandle(file.handle());
 }
 
-TEST_F(ServiceTest, ShutdownWritesBackWhatIsStillOpen) {
-  Put("a.txt", "old");
-  StartAndConnect();
-  const RawFile file = connection_->Open("a.txt");
-  Change(file, 0, "new");
-  EXPECT_EQ(Shutdown(), 0);
-  EXPECT_EQ(Get("a.txt"), "new");
-  CloseHandle(file.handle());
-}
-
 // ------------------------------------------------------------------ names
-
-TEST_F(ServiceTest, ListsWhatIsThereAsItIsLocally) {
-  Put("b.txt", "1");
-  Put("a.txt", "22");
-  fs::create_directory(Cloud("folder"));
-  StartAndConnect();
-  const RawFile file = connection_->Open("a.txt");
-  Change(file, 2, "2222");
-  const auto list = connection_->List("\\");
-  ASSERT_EQ(list.size(), 3u);
-  EXPECT_STREQ(list[0].fi_name, "a.txt");
-  EXPECT_EQ(list[0].fi_size, 6u) << "grown, not yet written back";
-  EXPECT_STREQ(list[1].fi_name, "b.txt");
-  EXPECT_EQ(list[1].fi_size, 1u);
-  EXPECT_STREQ(list[2].fi_name, "folder");
-  EXPECT_EQ(list[2].fi_attr & 16, 16u);
-  EXPECT_EQ(connection_->Stat("a.txt").resp.u.wstat.wstat_fi.fi_size, 6u);
-  EXPECT_EQ(connection_->Stat("none").error(), OX_ENOENT);
-  EXPECT_EQ(connection_->List("folder").size(), 0u);
-  EXPECT_EQ(CloseFile(file, kModified), 0);
-}
 
 TEST_F(ServiceTest, RenamesAndDeletes) {
   Put("a.txt", "content");
   Put("b.txt", "");
+  fs::create_directory(Cloud("folder"));
   StartAndConnect();
-  ASSERT_EQ(connection_->Close(connection_->Open("folder", kFolder)), 0);
   EXPECT_EQ(connection_->Rename("a.txt", "b.txt"), OX_EEXIST);
-  EXPECT_EQ(connection_->Rename("none", "c"), OX_ENOENT);
   EXPECT_EQ(connection_->Rename("/", "c"), OX_EPERM);
   EXPECT_EQ(connection_->Rename("a.txt", "../c"), OX_EPERM);
   const RawFile file = connection_->Open("a.txt");
   Change(file, 0, "CON");
   EXPECT_EQ(connection_->Rename("a.txt", "folder\\c.txt"), 0) << "it shares deletion";
   EXPECT_EQ(connection_->Rename("folder", "moved"), OX_EBUSY);
-  EXPECT_EQ(connection_->PathRequest(TNV_OP_WIN_DELETE, "folder"), OX_ENOTEMPTY);
-  EXPECT_EQ(connection_->PathRequest(TNV_OP_WIN_CANDELETE, "folder"), -2);
+  EXPECT_EQ(connection_->Delete("folder"), OX_ENOTEMPTY);
+  EXPECT_FALSE(connection_->CanDelete("folder"));
   EXPECT_EQ(CloseFile(file, kModified), 0);
   EXPECT_EQ(Get("folder/c.txt"), "CONtent");
   EXPECT_EQ(connection_->Rename("folder", "moved"), 0);
 
-  const RawFile again = connection_->Open("moved/c.txt");
-  EXPECT_EQ(connection_->PathRequest(TNV_OP_WIN_CANDELETE, "moved/c.txt"), 0);
-  EXPECT_EQ(connection_->PathRequest(TNV_OP_WIN_DELETE, "moved/c.txt"), 0);
+  const RawFile kept = connection_->Open("moved/c.txt", {.access = 1, .share = 1});
+  EXPECT_FALSE(connection_->CanDelete("moved/c.txt")) << "it does not share deletion";
+  EXPECT_EQ(connection_->Delete("moved/c.txt"), OX_EACCES);
+  EXPECT_EQ(connection_->Rename("moved/c.txt", "d.txt"), OX_EACCES);
+  EXPECT_EQ(connection_->Cleanup(kept), 0);
+  EXPECT_TRUE(connection_->CanDelete("moved/c.txt"));
+  EXPECT_EQ(connection_->Delete("moved/c.txt"), 0);
   const RawFile fresh = connection_->Open("moved/c.txt", kCreateNew);
   EXPECT_EQ(fresh.error, 0) << "another file of that name";
-  EXPECT_EQ(CloseFile(again, kModified), 0);
+  EXPECT_EQ(CloseFile(kept, kModified), 0);
   EXPECT_EQ(Get("moved/c.txt"), "");
   EXPECT_EQ(CloseFile(fresh), 0);
-  EXPECT_EQ(connection_->PathRequest(TNV_OP_WIN_DELETE, "moved/c.txt"), 0);
-  EXPECT_EQ(connection_->PathRequest(TNV_OP_WIN_DELETE, "moved"), 0);
-  EXPECT_EQ(connection_->PathRequest(TNV_OP_WIN_DELETE, "moved"), OX_ENOENT);
+  EXPECT_EQ(connection_->Delete("moved/c.txt"), 0);
+  EXPECT_EQ(connection_->Delete("moved"), 0);
+  EXPECT_EQ(connection_->Delete("moved"), OX_ENOENT);
 }
 
-TEST_F(ServiceTest, TheShareIsARoot) {
-  fs::create_directories(Cloud("team/docs"));
-  Put("team/docs/a.txt", "x");
+TEST_F(ServiceTest, TheShareIsARootThatListsByName) {
+  fs::create_directories(Cloud("team/docs/folder"));
+  Put("team/docs/b.txt", "x");
+  Put("team/docs/a.txt", "xx");
   Put("secret.txt", "x");
   StartAndConnect();
   RawConnection share(service_);
   EXPECT_EQ(share.Connect("/none").error(), OX_ENOENT);
   EXPECT_EQ(share.Connect("/secret.txt").error(), OX_ENOTDIR);
   EXPECT_EQ(share.Connect("/team/docs").error(), 0);
+  const auto list = share.List("\\");
+  ASSERT_EQ(list.size(), 3u);
+  EXPECT_STREQ(list[0].fi_name, "a.txt");
+  EXPECT_EQ(list[0].fi_size, 2u);
+  EXPECT_STREQ(list[1].fi_name, "b.txt");
+  EXPECT_EQ(list[2].fi_attr & FILE_ATTRIBUTE_DIRECTORY, 16u);
   EXPECT_EQ(share.Stat("a.txt").error(), 0);
   EXPECT_EQ(share.Stat("../../secret.txt").error(), OX_EPERM);
-  EXPECT_EQ(share.PathRequest(TNV_OP_WIN_DELETE, "/"), OX_EPERM);
+  EXPECT_EQ(share.Delete("/"), OX_EPERM);
 }
 
 // ------------------------------------------------------------------ credentials
@@ -410,16 +306,13 @@ TEST_F(ServiceTest, AnExpiredTokenStopsFileRequestsUntilTheNextOne) {
   const RawAnswer refused = connection_->Stat("a.txt");
   EXPECT_EQ(refused.error(), OX_EPERM);
   EXPECT_EQ(refused.resp.rhdr.rhdr_tn_unauthd, 1);
-  EXPECT_EQ(connection_->Close(file, kModified), OX_EPERM);
-  EXPECT_EQ(connection_->Ask(RawRequest(TNV_OP_GET_VERSION)).error(), 0);
+  EXPECT_EQ(connection_->Close(file.id, kModified), OX_EPERM);
+  EXPECT_EQ(connection_->Ask(TNV_OP_GET_VERSION).error(), 0);
   EXPECT_EQ(connection_->UpdateToken(""), 0);
   EXPECT_EQ(CloseFile(file, kModified), 0) << "the refused close can be repeated";
   EXPECT_EQ(Get("a.txt"), "new");
-
-  RawRequest proxy(TNV_OP_WIN_SETPROXY);
-  proxy.Text("proxy:80").Text("").Text("");
-  proxy->u.wsetproxy.wproxy_server_len = 8;
-  EXPECT_EQ(connection_->Ask(proxy).error(), 0);
+  const auto fill_proxy = [](Payload& u) { u.wsetproxy.wproxy_server_len = 8; };
+  EXPECT_EQ(connection_->Ask(TNV_OP_WIN_SETPROXY, fill_proxy, {"proxy:80\0\0", 11}).error(), 0);
 }
 
 }  // namespace
