@@ -1,21 +1,11 @@
 #include "cached_file.h"
 
-#include <algorithm>
-#include <cstring>
-
 #include "ox_errno.h"
-#include "ox_logging.h"
 #include "uuid_text.h"
 #include "wide_text.h"
 
 namespace tarnd {
 namespace {
-
-constexpr size_t kTransfer = size_t{1} << 20;
-
-bool SameContent(const CloudEntry& a, const CloudEntry& b) {
-  return SameId(a.version, b.version) && a.size == b.size;
-}
 
 std::wstring NewLocalPath(const CacheEnvironment& env) {
   std::wstring name;
@@ -24,6 +14,10 @@ std::wstring NewLocalPath(const CacheEnvironment& env) {
 }
 
 }  // namespace
+
+bool CachedFile::SameContent(const CloudEntry& a, const CloudEntry& b) {
+  return SameId(a.version, b.version) && a.size == b.size;
+}
 
 CachedFile::CachedFile(const CacheEnvironment& environment, std::string path)
     : env_(environment),
@@ -207,276 +201,6 @@ void CachedFile::BecomeWriter(FileOpen* open) {
   }
 }
 
-// ------------------------------------------------------------------ regions
-
-// The start of every request of an open: it may be closed already, the file may have a new size.
-int CachedFile::Check(const FileOpen& open) { return open.attached ? LookUpSize() : OX_EBADF; }
-
-// The client may have changed the size: what is past its end is gone, also when it is the cloud's.
-int CachedFile::LookUpSize() {
-  if (const int err = local_.Size(&size_)) {
-    return err;
-  }
-  shown_size_ = size_;
-  if (size_ >= store_.limit()) {
-    return 0;
-  }
-  store_.Truncate(size_);
-  return NoteUnsaved({});
-}
-
-// An open whose maps speak of a content that is gone altogether drops them.
-bool CachedFile::TellEmptied(FileOpen* open) {
-  if (open->emptied == emptied_ || size_ != 0 || store_.limit() != 0) {
-    return false;
-  }
-  open->emptied = emptied_;
-  open->without_maps = true;
-  BecomeWriter(open);
-  return true;
-}
-
-int CachedFile::CacheRegions(FileOpen* open, uint64_t offset, uint64_t length, bool truncating,
-                             RegionAnswer* answer) {
-  Guard guard(lock_);
-  if (const int err = Check(*open)) {
-    return err;
-  }
-  answer->size = size_;
-  if (open->without_maps && !truncating) {
-    return OX_ENOTTY;
-  }
-  if (!truncating && TellEmptied(open)) {
-    answer->clear = true;
-    return 0;
-  }
-  const Run regions = store_.Regions(offset, length);
-  if (regions.empty()) {
-    return length == 0 ? 0 : OX_E2BIG;
-  }
-  const int err = FetchAll(regions);
-  answer->start = store_.Start(regions.first);
-  answer->cached = err == 0 ? store_.Start(regions.end) - offset : 0;
-  return err;
-}
-
-int CachedFile::DirtyRegions(FileOpen* open, uint64_t offset, uint64_t length,
-                             RegionAnswer* answer) {
-  Guard guard(lock_);
-  if (const int err = Check(*open)) {
-    return err;
-  }
-  const uint64_t max = store_.MaxFileSize();
-  if (offset > max || length > max - offset) {
-    return OX_ENOSPC;
-  }
-  if (open->without_maps || length == 0) {
-    return 0;
-  }
-  if (TellEmptied(open)) {
-    answer->clear = true;
-    return NoteUnsaved({});
-  }
-  const Run regions = store_.Regions(offset, length);
-  if (const int err = FetchAll(regions)) {
-    return err;
-  }
-  const Run fresh = store_.dirty().Contains(regions) ? Run{} : regions;
-  store_.MarkDirty(regions);
-  BecomeWriter(open);
-  return NoteUnsaved(fresh);
-}
-
-int CachedFile::Truncate(FileOpen* open, uint64_t size) {
-  Guard guard(lock_);
-  int err = Check(*open);
-  if (err != 0 || size > store_.MaxFileSize()) {
-    return err != 0 ? err : OX_ENOSPC;
-  }
-  const Run grown{store_.Regions(0, size_).end, store_.Regions(0, size).end};
-  if (size == 0) {
-    err = Empty();
-    open->emptied = emptied_;
-    open->without_maps = true;
-  } else {
-    err = local_.SetSize(size);
-  }
-  if (err != 0) {
-    return err;
-  }
-  store_.Truncate(size);
-  store_.MarkDirty(grown);
-  BecomeWriter(open);
-  err = LookUpSize();
-  const int noted = NoteUnsaved(grown);
-  return err != 0 ? err : noted;
-}
-
-int CachedFile::FetchAll(Run regions) {
-  Run missing = store_.NextToFetch(regions);
-  if (missing.empty()) {
-    return 0;
-  }
-  if (const int err = CheckBase()) {
-    return err;
-  }
-  // Pieces of about a transfer: what was fetched counts, also when a later piece fails.
-  const uint64_t piece = std::max<uint64_t>(1, kTransfer >> std::min(store_.shift(), 62));
-  for (; !missing.empty(); missing = store_.NextToFetch(regions)) {
-    missing.end = std::min(missing.end, missing.first + piece);
-    if (const int err = FetchRun(missing)) {
-      OX_LOG(OX_ERROR_LEVEL, err, "Cannot fetch %s", path_.c_str());
-      return err;
-    }
-  }
-  return 0;
-}
-
-int CachedFile::FetchRun(Run regions) {
-  const Extent bytes = store_.CloudBytes(regions);
-  if (const int err = FetchBytes(bytes)) {
-    return err;
-  }
-  store_.MarkPresent(regions);
-  env_.counters.regions_fetched += regions.end - regions.first;
-  env_.counters.bytes_fetched += bytes.end - bytes.offset;
-  return 0;
-}
-
-int CachedFile::FetchBytes(Extent bytes) {
-  std::vector<char> buffer(std::min<uint64_t>(kTransfer, bytes.end - bytes.offset));
-  while (bytes.offset < bytes.end) {
-    const size_t want = std::min<uint64_t>(buffer.size(), bytes.end - bytes.offset);
-    size_t got = 0;
-    int err = env_.cloud.Read(path_, bytes.offset, buffer.data(), want, &got);
-    if (err == 0) {
-      err = got == want ? local_.Write(bytes.offset, buffer.data(), want) : OX_EIO;
-    }
-    if (err != 0) {
-      return err;
-    }
-    bytes.offset += want;
-  }
-  return 0;
-}
-
-// A region of another content must not come between the fetched ones.
-int CachedFile::CheckBase() {
-  CloudEntry entry;
-  if (const int err = env_.cloud.Status(path_, &entry)) {
-    return err;
-  }
-  if (!SameContent(entry, base_)) {
-    OX_LOG(OX_ERROR_LEVEL, OX_EIO, "%s was changed in the cloud while it is open", path_.c_str());
-    return OX_EIO;
-  }
-  return 0;
-}
-
-// ------------------------------------------------------------------ the way back
-
-// Something is to be written back: on record before the client is answered.
-int CachedFile::NoteUnsaved(Run dirty) {
-  unsaved_ = true;
-  shown_ = true;
-  if (deleted_) {
-    return 0;
-  }
-  if (!journal_.Exists()) {
-    return journal_.Start(StateForJournal());
-  }
-  return journal_.Add(store_.limit(), dirty);
-}
-
-JournalState CachedFile::StateForJournal() const {
-  return {path_, base_.version, base_.size, store_};
-}
-
-int CachedFile::WriteBack() {
-  int err = 0;
-  if (!deleted_) {
-    err = CheckConflict();
-    err = err != 0 ? err : WriteToCloud();
-  }
-  if (err != 0) {
-    OX_LOG(OX_ERROR_LEVEL, err, "Cannot write %s back to the cloud", path_.c_str());
-    return err;
-  }
-  unsaved_ = false;
-  ForgetDirty();
-  RenewJournal();
-  return 0;
-}
-
-// The journal of a file that stays open to silent writes follows its new base. Without it, a kill
-// of the service could only cost what is written from now on.
-void CachedFile::RenewJournal() {
-  if (!journal_.Exists()) {
-    return;
-  }
-  if (const int err = journal_.Start(StateForJournal())) {
-    OX_LOG(OX_ERROR_LEVEL, err, "Cannot write the journal of %s", path_.c_str());
-  }
-}
-
-// The cloud's file is not the one that the cache was filled from: the last writer wins, if it has
-// a whole content to win with.
-int CachedFile::CheckConflict() {
-  CloudEntry entry;
-  const int err = env_.cloud.Status(path_, &entry);
-  if (err == 0 && SameContent(entry, base_)) {
-    return 0;
-  }
-  if (err != 0 && err != OX_ENOENT) {
-    return err;
-  }
-  if (!store_.IsLocal(size_)) {
-    OX_LOG(OX_ERROR_LEVEL, OX_EIO, "%s was %s in the cloud, and is not wholly cached",
-           path_.c_str(), err == 0 ? "changed" : "deleted");
-    return OX_EIO;
-  }
-  OX_LOG(OX_WARN_LEVEL, 0, "%s was %s in the cloud; the local content replaces it", path_.c_str(),
-         err == 0 ? "changed" : "deleted");
-  return 0;
-}
-
-int CachedFile::WriteToCloud() {
-  const uint64_t size = size_;
-  int err =
-      env_.cloud.Write(path_, size, [&](uint64_t offset, void* buffer, size_t want, size_t* got) {
-        return ReadContent(size, offset, buffer, want, got);
-      });
-  CloudEntry entry;
-  if (err == 0) {
-    err = env_.cloud.Status(path_, &entry);
-  }
-  if (err != 0) {
-    return err;
-  }
-  base_ = entry;
-  fillings_++;
-  env_.counters.files_written_back++;
-  env_.counters.bytes_written_back += size;
-  return 0;
-}
-
-// One piece of the whole content. Another open may cut the file meanwhile: what is gone reads as
-// zeros, and its own close writes back again.
-int CachedFile::ReadContent(uint64_t size, uint64_t offset, void* buffer, size_t want,
-                            size_t* got) {
-  const Extent extent = store_.At(offset, size);
-  const size_t count = std::min<uint64_t>(want, extent.end - offset);
-  const bool local = extent.source == Source::kLocal;
-  const int err = local ? local_.Read(offset, buffer, count, got)
-                        : env_.cloud.Read(path_, offset, buffer, count, got);
-  if (err != 0 || (!local && *got != count)) {
-    return err != 0 ? err : OX_EIO;
-  }
-  std::memset(static_cast<char*>(buffer) + *got, 0, count - *got);
-  *got = count;
-  return 0;
-}
-
 // ------------------------------------------------------------------ names
 
 bool CachedFile::LocalStatus(uint64_t* size, uint64_t* modified) {
@@ -541,20 +265,6 @@ bool CachedFile::HasUnsaved() {
   return unsaved_ || writers_ > 0;
 }
 
-int CachedFile::Save() {
-  Guard guard(lock_);
-  if (!unsaved_) {
-    return 0;
-  }
-  int err = local_.IsOpen() ? LookUpSize() : OpenLocal();
-  if (err == 0) {
-    err = WriteBack();
-  }
-  CloseUnused();
-  shown_ = attached_ > 0 || unsaved_;
-  return err;
-}
-
 void CachedFile::Discard() {
   Guard guard(lock_);
   DiscardLocked();
@@ -567,36 +277,6 @@ void CachedFile::DiscardLocked() {
   local_ = LocalFile(NewLocalPath(env_));
   journal_ = Journal(local_.path() + L".journal");
   filled_ = false;
-}
-
-bool CachedFile::SameAsCloud() {
-  Guard guard(lock_);
-  bool same = false;
-  const int err = OpenLocal();
-  const bool compared = err == 0 && CompareWithCloud(&same) == 0;
-  CloseUnused();
-  return compared && same;
-}
-
-int CachedFile::CompareWithCloud(bool* same) {
-  CloudEntry entry;
-  int err = env_.cloud.Status(path_, &entry);
-  *same = err == 0 && entry.size == size_;
-  std::vector<char> here(kTransfer);
-  std::vector<char> there(kTransfer);
-  for (uint64_t offset = 0; err == 0 && *same && offset < size_;) {
-    const Extent extent = store_.At(offset, size_);
-    const size_t want = std::min<uint64_t>(kTransfer, extent.end - offset);
-    size_t got_here = 0;
-    size_t got_there = 0;
-    if (extent.source == Source::kLocal) {
-      err = local_.Read(offset, here.data(), want, &got_here);
-      err = err != 0 ? err : env_.cloud.Read(path_, offset, there.data(), want, &got_there);
-      *same = got_here == got_there && std::memcmp(here.data(), there.data(), got_here) == 0;
-    }
-    offset += want;
-  }
-  return err;
 }
 
 }  // namespace tarnd

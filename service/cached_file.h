@@ -126,7 +126,9 @@ class CachedFile {
 
  private:
   using Guard = std::lock_guard<std::mutex>;
+  static constexpr size_t kTransfer = size_t{1} << 20;  // bytes that are moved at once
 
+  static bool SameContent(const CloudEntry& a, const CloudEntry& b);
   // All of these want lock_ held.
   int BringUpToDate();
   int OpenLocal();

@@ -6,12 +6,11 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
-#include <cctype>
 #include <cstring>
 #include <mutex>
 #include <utility>
 
+#include "cloud_part.h"
 #include "ox_errno.h"
 #include "share_path.h"
 #include "wide_text.h"
@@ -85,100 +84,6 @@ std::wstring FinalPath(HANDLE file) {
       return path;
     }
   }
-}
-
-// ------------------------------------------------------------------ contents on their way in
-
-constexpr std::wstring_view kPartLead = L".~tarnd-";
-constexpr std::wstring_view kPartTail = L".part";
-
-bool IsPart(std::wstring_view name) {
-  return name.starts_with(kPartLead) && name.ends_with(kPartTail);
-}
-
-std::wstring NewPart(const std::wstring& target) {
-  static std::atomic<unsigned> count = 0;
-  LARGE_INTEGER now;
-  QueryPerformanceCounter(&now);
-  return target.substr(0, target.rfind(L'\\') + 1)
-      .append(kPartLead)
-      .append(std::to_wstring(GetCurrentProcessId()) + L'-' + std::to_wstring(now.QuadPart) + L'-' +
-              std::to_wstring(++count))
-      .append(kPartTail);
-}
-
-// Removes what killed writes left in a folder. A write that lives keeps its file from being deleted
-// by holding it open; the age guards those of other machines, whose locks may not be seen here.
-void RemoveParts(const std::wstring& folder, uint64_t min_age) {
-  FILETIME now;
-  GetSystemTimeAsFileTime(&now);
-  const uint64_t limit = Join(now.dwHighDateTime, now.dwLowDateTime) - min_age;
-  WIN32_FIND_DATAW found;
-  const std::wstring pattern = folder + L'\\' + std::wstring(kPartLead) + L'*';
-  const HANDLE search = FindFirstFileW(pattern.c_str(), &found);
-  if (search == INVALID_HANDLE_VALUE) {
-    return;
-  }
-  do {
-    const FILETIME& written = found.ftLastWriteTime;
-    if (IsPart(found.cFileName) && Join(written.dwHighDateTime, written.dwLowDateTime) <= limit) {
-      DeleteFileW((folder + L'\\' + found.cFileName).c_str());
-    }
-  } while (FindNextFileW(search, &found));
-  FindClose(search);
-}
-
-constexpr uint64_t kPartMinAge = 600ull * 10'000'000;  // ten minutes
-
-// Copies the announced content into the file, all of it or an error.
-int CopyContent(HANDLE file, uint64_t size, const ContentReader& content) {
-  std::vector<char> buffer(static_cast<size_t>(std::min<uint64_t>(size, 1 << 20)));
-  for (uint64_t offset = 0; offset < size;) {
-    const size_t want = static_cast<size_t>(std::min<uint64_t>(buffer.size(), size - offset));
-    size_t got = 0;
-    if (const int err = content(offset, buffer.data(), want, &got)) {
-      return err;
-    }
-    DWORD written = 0;
-    if (got == 0 || got > want) {
-      return OX_EIO;
-    }
-    if (!WriteFile(file, buffer.data(), static_cast<DWORD>(got), &written, nullptr)) {
-      return LastError();
-    }
-    if (written != got) {
-      return OX_ENOSPC;
-    }
-    offset += got;
-  }
-  return 0;
-}
-
-// The new content of a file keeps its attributes and its time of creation.
-void KeepAttributes(const std::wstring& target, HANDLE part) {
-  WIN32_FILE_ATTRIBUTE_DATA old;
-  if (!GetFileAttributesExW(target.c_str(), GetFileExInfoStandard, &old)) {
-    return;
-  }
-  FILE_BASIC_INFO info = {};
-  info.CreationTime.QuadPart = static_cast<LONGLONG>(
-      Join(old.ftCreationTime.dwHighDateTime, old.ftCreationTime.dwLowDateTime));
-  info.FileAttributes = old.dwFileAttributes;
-  SetFileInformationByHandle(part, FileBasicInfo, &info, sizeof info);
-}
-
-int WritePart(const std::wstring& part, const std::wstring& target, uint64_t size,
-              const ContentReader& content) {
-  const FileHandle file(CreateFileW(part.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
-                                    CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
-  if (!file.Valid()) {
-    return LastError();
-  }
-  if (const int err = CopyContent(file.Get(), size, content)) {
-    return err;
-  }
-  KeepAttributes(target, file.Get());
-  return FlushFileBuffers(file.Get()) ? 0 : LastError();
 }
 
 // A path that names nothing a caller may reach: none of ours, and nothing hidden among ours.
@@ -460,68 +365,6 @@ int CloudDirectory::MakeFolder(const std::string& path) {
     return path.empty() ? OX_EEXIST : err;
   }
   return CreateDirectoryW(place.c_str(), nullptr) ? 0 : LastError();
-}
-
-// ------------------------------------------------------------------ addresses
-
-namespace {
-
-int HexDigit(char c) {
-  const std::string_view digits = "0123456789abcdef";
-  const size_t at = digits.find(c >= 'A' && c <= 'F' ? static_cast<char>(c - 'A' + 'a') : c);
-  return at == std::string_view::npos ? -1 : static_cast<int>(at);
-}
-
-bool DecodePercent(std::string_view text, std::string* out) {
-  out->clear();
-  for (size_t i = 0; i < text.size(); i++) {
-    if (text[i] != '%') {
-      out->push_back(text[i]);
-      continue;
-    }
-    const int high = i + 2 < text.size() ? HexDigit(text[i + 1]) : -1;
-    const int low = i + 2 < text.size() ? HexDigit(text[i + 2]) : -1;
-    if (high < 0 || low < 0 || (high == 0 && low == 0)) {
-      return false;
-    }
-    out->push_back(static_cast<char>(high * 16 + low));
-    i += 2;
-  }
-  return true;
-}
-
-// "Z:/folder" of "file:///Z:/folder".
-bool FolderOfAddress(std::string_view address, std::string* folder, std::string* error) {
-  constexpr std::string_view kScheme = "file:///";
-  if (!address.starts_with(kScheme)) {
-    *error = "no file:/// address";
-    return false;
-  }
-  if (!DecodePercent(address.substr(kScheme.size()), folder)) {
-    *error = "'%' is not followed by two hexadecimal digits of a character";
-    return false;
-  }
-  const bool has_drive = folder->size() >= 3 && isalpha(static_cast<unsigned char>((*folder)[0])) &&
-                         (*folder)[1] == ':' && ((*folder)[2] == '/' || (*folder)[2] == '\\');
-  if (!has_drive) {
-    *error = "the folder does not begin with a drive letter, as in file:///Z:/folder";
-    return false;
-  }
-  return true;
-}
-
-}  // namespace
-
-std::unique_ptr<Cloud> OpenCloud(const std::string& address, std::string* error) {
-  std::string folder;
-  std::unique_ptr<Cloud> cloud;
-  if (FolderOfAddress(address, &folder, error)) {
-    cloud = CloudDirectory::Open(folder, error);
-  }
-  if (cloud == nullptr) {
-    *error = "Cloud address \"" + address + "\": " + *error;
-  }
-  return cloud;
 }
 
 }  // namespace tarnd
