@@ -52,7 +52,7 @@ bool RealDrive::start() {
   drive = tnw_init(&record, &error);
   if (!drive) return false;
   const DWORD pid = std::stoul("0" + read_file(cache_dir(record) + "\\tarnd_pid"));
-  service_ = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, pid);
+  service_ = OpenProcess(PROCESS_ALL_ACCESS, FALSE, pid);
   return service_ != nullptr;
 }
 

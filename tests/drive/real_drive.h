@@ -38,6 +38,8 @@ class RealDrive {
    * has ended. Returns what the library did, or -2 when the service goes on. */
   int stop();
   int stop_gently();
+  /* The service's process; null before the first start. */
+  void* service() const { return service_; }
   /* Ends the service's process as the task manager would. */
   void kill_service();
   /* What the last service that was stopped has counted: requests of an operation and the like. */
