@@ -88,11 +88,10 @@ TEST(Prefix, TimestampIsLocalTimeWithTheYearAgain) {
   ASSERT_EQ(timestamp_length, text.size());
   EXPECT_LE(before, text.substr(1, before.size()));
   EXPECT_GE(local_seconds(), text.substr(1, before.size()));
-  int msecs = -1;
-  EXPECT_EQ(1, sscanf(text.c_str() + 1 + before.size(), ".%3d", &msecs));
-  EXPECT_EQ(
-      '[' + text.substr(1, before.size()) + text.substr(20, 4) + ' ' + text.substr(1, 4) + "] ",
-      text);
+  int msecs = -1, year = -1, end = 0;
+  EXPECT_EQ(2, sscanf(text.c_str() + 1 + before.size(), ".%3d %4d] %n", &msecs, &year, &end));
+  EXPECT_EQ(text.size(), 1 + before.size() + static_cast<size_t>(end));
+  EXPECT_EQ(text.substr(1, 4), std::to_string(year));
 }
 
 TEST(Prefix, NeverPassesItsCapacity) {
@@ -218,8 +217,12 @@ TEST(Rotation, LosesNoLineOfManyThreads) {
   constexpr int threads = 4, per_thread = 300;
   constexpr size_t max_size = 8192;
   captured_log log(max_size, 20);
+  std::multiset<std::string> written, found;
   std::vector<std::thread> writers;
   for (int t = 0; t < threads; ++t) {
+    for (int i = 0; i < per_thread; ++i) {
+      written.insert("thread " + std::to_string(t) + " line " + std::to_string(i) + ".");
+    }
     writers.emplace_back([t] {
       for (int i = 0; i < per_thread; ++i) {
         ox_log_msg(t, "rotation.c", OX_USER_LEVEL, 0, "thread %d line %d.\n", t, i);
@@ -229,23 +232,17 @@ TEST(Rotation, LosesNoLineOfManyThreads) {
   for (auto& writer : writers) {
     writer.join();
   }
-  std::set<std::string> seen;
-  size_t lines = 0, files = 0;
+  size_t files = 0;
   for (const auto& entry :
        std::filesystem::directory_iterator(std::filesystem::path(log.path()).parent_path())) {
     ++files;
     EXPECT_LE(entry.file_size(), max_size);
     for (const auto& line : file_lines(entry.path().string())) {
-      ++lines;
-      int t = 0, i = 0, end = 0;
-      EXPECT_EQ(2, sscanf(line.c_str() + timestamp_length, "thread %d line %d.%n", &t, &i, &end));
-      EXPECT_EQ(line.size(), timestamp_length + static_cast<size_t>(end)) << line;
-      seen.insert(line.substr(timestamp_length));
+      found.insert(line.substr(timestamp_length));
     }
   }
   EXPECT_GT(files, 5u);
-  EXPECT_EQ(size_t{threads * per_thread}, lines);
-  EXPECT_EQ(size_t{threads * per_thread}, seen.size());
+  EXPECT_TRUE(written == found);
 }
 
 TEST(Rotation, ThatCannotRenameGoesOnInTheFile) {

@@ -201,19 +201,6 @@ TEST(Tpool, DrainWaitReturnsWhenRunningJobsHaveEnded) {
   EXPECT_TRUE(eventually([&] { return ran.load(); }));
 }
 
-TEST(Tpool, DrainWaitIsWokenByTheLastWorkerThatRests) {
-  test_pool pool(1, 1);
-  const auto start = std::chrono::steady_clock::now();
-  for (int round = 0; round < 8; ++round) {
-    ASSERT_EQ(0, pool.queue([&](blocks) { EXPECT_TRUE(pool.waited_for_by(1)); }));
-    ASSERT_TRUE(eventually([&] { return pool.read(&ox_tpool_t::tp_qlen) == 0; })); /* it runs */
-    ox_tpool_drain_wait(pool.tp);
-    ox_tpool_resume(pool.tp);
-  }
-  /* Left to its own deadline, each wait would take two seconds or more. */
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
-}
-
 /* A queueing call sends one signal. Were it to reach a drain_wait, the job would wait until an idle
  * worker looks by itself, a second or more later. */
 TEST(Tpool, DrainWaitDoesNotSwallowTheSignalOfAQueueingCall) {
@@ -401,23 +388,17 @@ TEST(Tpool, DeinitDestroysListedPoolsAndSurvivesAnAbortedOne) {
   ox_deinit_tpool(0);
 }
 
-/* One run through all that logs, with the verbosity that each line needs. */
+/* A line of each verbosity, from one run through all that logs. */
 TEST(Tpool, LogLinesNeedTheirVerbosity) {
   const struct {
     const char* line;
     ox_s32 verbosity;
   } table[] = {
-      {"INFO Thread pool [log] created.", 0},
-      {"INFO Thread pool [log] pausing.", 0},
-      {"INFO Thread pool [log] resuming.", 0},
       {"INFO Draining thread pool log", 0},
       {"DEBUG [log]:Thread exiting... All jobs drained.", 1},
       {"DEBUG Threadpool [log] is paused...", 2},
-      {"DEBUG [log] Creating new Thread: cur_count=1", 3},
       {"DEBUG [log] Job queue is empty, waiting for jobs...", 3},
-      {"DEBUG [log] Exiting thread cur_count=0, idle_count=0", 3},
       {"DEBUG Thread exiting...", 3},
-      {"DEBUG Thread pool [log] STAT SLOT 0 alloted.", 5},
       {"DEBUG Thread pool [log] PRIV SLOT 0 freed.", 5},
   };
   for (const ox_s32 verbosity : {0, 1, 2, 3, 4, 5}) {
@@ -440,6 +421,7 @@ TEST(Tpool, LogLinesNeedTheirVerbosity) {
  * jobs queued and workers in any state: every job runs exactly once. */
 TEST(Tpool, EveryJobRunsOnceWhateverHappensMeanwhile) {
   level_log log(0);
+  const auto start = std::chrono::steady_clock::now();
   for (int round = 0; round < 25; ++round) {
     constexpr int queuers = 4, jobs = 25;
     std::vector<int> ran(queuers * jobs);
@@ -470,6 +452,8 @@ TEST(Tpool, EveryJobRunsOnceWhateverHappensMeanwhile) {
     pool.destroy(0);
     EXPECT_THAT(ran, Each(1));
   }
+  /* A drain_wait that nobody wakes would come back by itself, two seconds or more later. */
+  EXPECT_LT(std::chrono::steady_clock::now() - start, patience);
 }
 
 }  // namespace
