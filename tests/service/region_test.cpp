@@ -42,6 +42,15 @@ TEST(RegionSet, AgreesWithAPlainSet) {
   }
 }
 
+TEST(RegionStore, WhatWasCutIsNotDirtyAndMapsHaveRoom) {
+  RegionStore store(4);
+  store.Fill(64);
+  store.MarkDirty({3, 4});
+  store.Truncate(20);
+  EXPECT_TRUE(store.dirty().empty());
+  EXPECT_GE(store.MapBytes(20) * 8, 2u + 512u);
+}
+
 TEST(RegionStore, HoldsAtTheEndsOfTheNumbers) {
   for (const int shift : {0, 1, 12, 31, 32, 33, 62}) {
     RegionStore store(shift);
