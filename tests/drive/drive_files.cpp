@@ -14,6 +14,7 @@ TestFolder::TestFolder() {
   GetTempPathA(sizeof temp, temp);
   path_ = std::string(temp) + "t" + std::to_string(GetCurrentProcessId()) + "-" +
           std::to_string(next++);
+  fs::remove_all(path_);  // of a killed test with the same process id
   fs::create_directories(path_);
 }
 
