@@ -129,7 +129,9 @@ TEST_F(Exchange, AnswersComeInOrderUnderFreshIds) {
     conn.send(bytes_of(hdr) + Bytes(3, 0xff));
   });
   for (const vfs_op op : {TNV_OP_WIN_STAT, TNV_OP_WIN_CLOSE}) {
-    ASSERT_EQ(exchange(op), 0);
+    prepare(op);
+    ASSERT_EQ(tnw_send_msg(&vh, &msg), 0);
+    ASSERT_EQ(tnw_recv_response(&vh, &msg, &resp), 0);
     EXPECT_EQ(resp.rhdr.rhdr_errno, static_cast<ox_u32>(op));
     EXPECT_EQ(resp.rhdr.rhdr_fd2xfer, -1);
     EXPECT_EQ(vh.vfs_utxid, 1000u + op);
@@ -288,7 +290,8 @@ TEST_F(Exchange, AnOpenThatFailsHereClosesTheCarriedFileAndBreaksTheConnection) 
 }
 
 TEST_F(Exchange, ListingsThatFailAreFreedAndBreakTheConnection) {
-  for (const auto& [count, err] : {std::pair{(ox_u64{1} << 32) + 3, 8u}, {3, 133u}}) {
+  /* The size of so many records is, in 64 bits, that of three. */
+  for (const auto& [count, err] : {std::pair{(ox_u64{1} << 61) + 3, 8u}, {3, 133u}}) {
     connect_again();
     peer.on_request([&](PeerConnection& conn) {
       conn.answer(0, listing_of(count));

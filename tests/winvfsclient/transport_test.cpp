@@ -225,7 +225,9 @@ TEST_F(Transport, EndedStreamWithoutAHangUpEndsTheWaitToo) {
   ASSERT_EQ(client.recv(5), 0);
   client.wait_for_end();
   made_up_polls = {timeout, readable, timeout};
+  const int polls_before = polls;
   EXPECT_EQ(client.recv(1), WSAECONNRESET);
+  EXPECT_EQ(polls, polls_before + 3);
   EXPECT_EQ(last_events, POLLRDBAND) << "zero is no valid request everywhere";
   EXPECT_FALSE(client.is_open());
 
