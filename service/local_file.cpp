@@ -123,11 +123,14 @@ int LocalFile::OpenFor(uint32_t process_id, uint64_t* handle) const {
 
 void LocalFile::TakeBack(uint32_t process_id, uint64_t handle) {
   const HANDLE process = OpenProcess(PROCESS_DUP_HANDLE, FALSE, process_id);
-  if (process != nullptr) {
-    DuplicateHandle(process, reinterpret_cast<HANDLE>(handle), nullptr, nullptr, 0, FALSE,
-                    DUPLICATE_CLOSE_SOURCE);
-    CloseHandle(process);
+  if (process == nullptr) return;
+  // Taken into this process and closed here: Wine closes nothing when there is no target process.
+  HANDLE taken = nullptr;
+  if (DuplicateHandle(process, reinterpret_cast<HANDLE>(handle), GetCurrentProcess(), &taken, 0,
+                      FALSE, DUPLICATE_CLOSE_SOURCE | DUPLICATE_SAME_ACCESS)) {
+    CloseHandle(taken);
   }
+  CloseHandle(process);
 }
 
 }  // namespace tarnd
