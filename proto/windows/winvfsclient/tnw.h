@@ -209,6 +209,102 @@ int tnw_findclose(void* dehdl);
 /* Whether the enumerated folder has no entries. 0 or 160. */
 int tnw_checkfolderempty(void* dehdl, bool* is_empty);
 
+/* ------------------------------------------------------------------- paths */
+
+/*
+ * What `path` names. `out` is written on success only. 0, 160 (a null argument), 8, or the
+ * service's answer (2 when there is nothing). `in_procname` as for tnw_create.
+ */
+int tnw_getfileinfo(void* drvhdl, const char* path, tnw_fileinfo* out, const char* in_procname);
+
+/*
+ * Renames or moves a file or folder; both paths are of the same drive. An existing target is not
+ * replaced. 0, 13 (a null argument: deliberately not 160), 8, or the service's answer: 2 (no such
+ * file or target folder), 32 (in use), 80 (target exists).
+ */
+int tnw_rename(void* drvhdl, const char* srcpath, const char* dstpath, const char* in_procname);
+
+/*
+ * Deletes a file or an empty folder. 0, 13 (a null argument), 8, or the service's answer: 2, 5
+ * (read-only), 32 (in use), 145 (folder not empty).
+ */
+int tnw_delete(void* drvhdl, const char* path, const char* in_procname);
+
+/*
+ * Asks whether a delete would succeed now; nothing is deleted or kept from changing. `can_delete`
+ * is written on success only. 0, 13 (a null argument), 8, or the service's answer.
+ */
+int tnw_canfilebedeleted(void* drvhdl, const char* path, bool* can_delete);
+
+/* ------------------------------------------------------------------- size and locks */
+
+/*
+ * Sets the end of an open file to size_high * 2^32 + size_low bytes: grows with zeros, or cuts.
+ * `out_procname` (32 bytes, may be null) receives the opener's name. 0, 6 (null, closed or folder
+ * handle), the service's answer, or the Windows error of the local file, unchanged.
+ *
+ * Surprise: the local file has the new size even when the service refused and its code is returned;
+ * only a Windows error of the local file itself leaves the size. One call at a time per file: of
+ * two that run at once, which size stays is open.
+ */
+int tnw_setfilesize(void* ophdl, ox_u32 size_low, ox_u32 size_high, char* out_procname);
+
+/*
+ * Locks or unlocks a range of an open file for process `pid`; the service keeps the locks and
+ * decides at once, a conflict is never waited for. `flags`: 0x2 exclusive, else shared; other bits
+ * have no effect. Offset and length in bytes, in halves of which the HIGH ONES ARE IGNORED,
+ * deliberately: offset 2^32 + 10 locks at 10. An unlock names exactly what was locked; a close
+ * lifts all locks of its handle. 0, 13 (null or closed handle, or the service's answer: no such
+ * lock), 32 (conflict), or another answer of the service.
+ */
+int tnw_lockfile(void* ophdl, ox_u32 flags, ox_u32 off_low, ox_u32 off_high, ox_u32 len_low,
+                 ox_u32 len_high, int pid);
+int tnw_unlockfile(void* ophdl, ox_u32 off_low, ox_u32 off_high, ox_u32 len_low, ox_u32 len_high,
+                   int pid);
+
+/* ------------------------------------------------------------------- service and cache */
+
+/*
+ * Hands a renewed access token (text, sent as it is, not kept) to the drive's service. Works while
+ * other calls give 1326, which end with the service's first answer that no longer says
+ * unauthorised. 0, 160 (a null argument), 8, or the service's answer: 5 when it refuses the token.
+ * Reads as SUCCESS on a broken connection.
+ */
+int tnw_updatetoken(void* drvhdl, char* enctoken);
+
+/*
+ * Tells the drive's service the HTTP proxy to use for the cloud. User name and password may be
+ * empty. 0, 160 (a null argument or an empty proxy), 8, or the service's answer. Neither looks at
+ * the authorisation nor changes it. Reads as SUCCESS on a broken connection.
+ */
+int tnw_set_http_proxy(void* drvhdl, const char* http_proxy, const char* username,
+                       const char* password);
+
+/* Whose cache is purged: the directory workdir\domain\username. */
+typedef struct tnw_purge_opt_t {
+  ox_s32 po_flags; /* not examined */
+  char po_workdir[5000];
+  char po_domain[51];
+  char po_username[64];
+} tnw_purge_opt_t;
+OX_STATIC_ASSERT(sizeof(tnw_purge_opt_t) == 5120, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_purge_opt_t, po_workdir) == 4, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_purge_opt_t, po_domain) == 5004, "layout of the API");
+OX_STATIC_ASSERT(offsetof(tnw_purge_opt_t, po_username) == 5055, "layout of the API");
+
+/*
+ * Deletes a user's cache directory, changes that were not yet written back included. No drive is
+ * needed; no start-up or shut-down of this process runs meanwhile. The directory is moved into the
+ * temporary folder first, or deleted in place when it cannot be.
+ *
+ * 0: it is gone. 13: a null record, or a field that is empty or no plain name. 170: this process
+ * runs a service for the domain and user, and nothing was touched. 38: the path is too long.
+ * Otherwise the failure of the move or of the removal, as a code; that of the move is returned even
+ * when the directory was then deleted in place, so look again before trying again. A service that
+ * ANOTHER PROCESS runs for the user is not seen: make sure that there is none.
+ */
+int tnw_purge_cache(tnw_purge_opt_t* po);
+
 OX_END_DECLS
 
 #endif

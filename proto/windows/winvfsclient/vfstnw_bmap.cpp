@@ -267,6 +267,13 @@ void vfstnw_mark_regions(tnvfd* fde, ox_off off, ox_u64 sz, bool clear) {
   mark_dirty(fde, off, sz, clear);
 }
 
+ox_u64 vfstnw_region_size(tnvfd* fde) {
+  ox_rwlock_shared(&fde->fdt_dmap_lock);
+  const int shift = fde->fdt_rshift;
+  ox_rwunlock(&fde->fdt_dmap_lock);
+  return static_cast<ox_u64>(1) << shift;
+}
+
 void tn_cfs_id_copy(cfs_id_t* dst, const cfs_id_t* src) {
   if (dst != nullptr && src != nullptr) {
     memcpy(dst, src, sizeof *dst);

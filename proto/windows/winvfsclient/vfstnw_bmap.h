@@ -66,6 +66,8 @@ void tn_cfs_id_copy(cfs_id_t* dst, const cfs_id_t* src);
  * lock; does nothing to a file without maps, nor for an empty range or one that begins outside.
  */
 void vfstnw_mark_regions(tnvfd* fde, ox_off off, ox_u64 sz, bool clear);
+/* Bytes of a region of the entry's maps; 1 once they were dropped. */
+ox_u64 vfstnw_region_size(tnvfd* fde);
 
 OX_END_DECLS
 

@@ -3,6 +3,7 @@
 
 #include "tnw_call.h"
 
+#include <limits.h>
 #include <string.h>
 
 #include "ox_errno.h"
@@ -39,8 +40,9 @@ int tnw_check_authorized(const tnw_call* call) {
   return TNW_REFUSE(ERROR_LOGON_FAILURE, call->vh, OX_EACCES, "tarn is unauthorized");
 }
 
-int tnw_enter_path_call(const void* drvhdl, const void* path, tnw_call* call) {
-  if (!drvhdl || !path) return refuse(TNW_REFUSE_NO_PATH);
+int tnw_enter_path_call(const void* drvhdl, const void* path, const tnw_refusal& refusal,
+                        tnw_call* call) {
+  if (!drvhdl || !path) return refuse(refusal);
   const int code = tnw_enter_drive(drvhdl, call);
   return code ? code : tnw_check_authorized(call);
 }
@@ -102,13 +104,35 @@ bool tnw_answered_unauthorized(const tnw_call* call, const tnv_resp* resp) {
 
 void tnw_fill_header(tnv_msg* msg, vfs_op op, size_t len, const void* drvhdl,
                      const char* procname) {
+  msg->hdr.hdr_opcode = op;
+  msg->hdr.hdr_len = static_cast<ox_u32>(len);
+  ox_copy_field(msg->hdr.hdr_procname, sizeof msg->hdr.hdr_procname, procname);
+  if (!drvhdl) return;
   const tnw_drive_handle* dh = static_cast<const tnw_drive_handle*>(drvhdl);
   char drive_id[sizeof dh->tnw_drive_uuid + 1] = {};
   memcpy(drive_id, dh->tnw_drive_uuid, sizeof dh->tnw_drive_uuid);
-  msg->hdr.hdr_opcode = op;
-  msg->hdr.hdr_len = static_cast<ox_u32>(len);
   ox_uuid_parse(drive_id, msg->hdr.hdr_drvid.id);
-  ox_copy_field(msg->hdr.hdr_procname, sizeof msg->hdr.hdr_procname, procname);
+}
+
+tnv_msg* tnw_build_msg(vfs_op op, const void* drvhdl, const char* procname,
+                       std::initializer_list<const char*> texts) {
+  size_t len = TNV_MSG_FIXED;
+  for (const char* text : texts) len += strlen(text) + 1;
+  tnv_msg* msg = len <= INT_MAX ? tnw_alloc_msg(static_cast<int>(len)) : nullptr;
+  if (!msg) return nullptr;
+  tnw_fill_header(msg, op, len, drvhdl, procname);
+  char* at = tnv_msg_payload(msg);
+  for (const char* text : texts) {
+    const size_t size = strlen(text) + 1;
+    memcpy(at, text, size);
+    at += size;
+  }
+  return msg;
+}
+
+int tnw_refuse_no_memory(const tnw_call& call) {
+  return TNW_REFUSE(ERROR_NOT_ENOUGH_MEMORY, call.vh, OX_ENOMEM,
+                    "Failed to allocate memory to message structure.");
 }
 
 void tnw_fill_close(tnv_msg* msg, vfs_op op, const tnvfd* fde) {

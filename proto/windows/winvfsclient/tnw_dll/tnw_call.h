@@ -5,8 +5,14 @@
 #ifndef TNW_CALL_H
 #define TNW_CALL_H
 
+#include <string.h>
+
+#include <initializer_list>
+
+#include "tn_util.h"
 #include "tnw_connect.h"
 #include "tnw_instance.h"
+#include "tnw_log.h"
 
 /* What a call works on once its handle was found. */
 struct tnw_call {
@@ -28,8 +34,9 @@ extern const tnw_refusal TNW_REFUSE_NO_PATH;
 int tnw_enter_drive(const void* drvhdl, tnw_call* call);
 /* 0, or 1326 while the service has no valid authorisation. */
 int tnw_check_authorized(const tnw_call* call);
-/* A call with a drive handle and a path (or other needed pointer): 160, 1467, 1326. */
-int tnw_enter_path_call(const void* drvhdl, const void* path, tnw_call* call);
+/* A call with a drive handle and a path (or other needed pointer): `refusal`'s code, 1467, 1326. */
+int tnw_enter_path_call(const void* drvhdl, const void* path, const tnw_refusal& refusal,
+                        tnw_call* call);
 /*
  * A call with an operation handle. A null handle, a closed entry, and with `needs_file` an entry
  * without a local file are refused with `refusal`; an address that is no entry of a listed
@@ -62,8 +69,22 @@ void tnw_exchange(tnw_tninstance* tni, ox_job_func_t job, tnv_msg* msg, tnv_resp
 /* Whether the answer says that the service has no authorisation; marks the instance. */
 bool tnw_answered_unauthorized(const tnw_call* call, const tnv_resp* resp);
 
-/* A request of `len` bytes for a drive and process, or null after an ERROR line. */
+/* Fills the header of a request of `len` bytes for a drive and a process, each null for none. */
 void tnw_fill_header(tnv_msg* msg, vfs_op op, size_t len, const void* drvhdl, const char* procname);
+/*
+ * A request with its header filled and `texts` behind the fixed part, each with its NUL, or null;
+ * ox_free_safe.
+ */
+tnv_msg* tnw_build_msg(vfs_op op, const void* drvhdl, const char* procname,
+                       std::initializer_list<const char*> texts);
+/* The line for a request that could not be built, and the call's code. */
+int tnw_refuse_no_memory(const tnw_call& call);
+/* The length of a trailing text as requests carry it, without the NUL. */
+inline ox_s32 tnw_text_len(const char* text) { return static_cast<ox_s32>(strlen(text)); }
+/* The line of a request that the service refused with `err`, and the call's code. */
+#define TNW_REFUSE_ANSWER(vh, err, fmt, ...)                                   \
+  TNW_REFUSE(static_cast<int>(unixerr2winerr(static_cast<ox_u32>(err))), (vh), \
+             static_cast<int>(err), fmt, ##__VA_ARGS__)
 /* Fills a CLOSE or CLEANUP request (their payloads have one layout) for an open entry. */
 void tnw_fill_close(tnv_msg* msg, vfs_op op, const tnvfd* fde);
 

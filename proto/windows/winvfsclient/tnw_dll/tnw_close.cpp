@@ -3,10 +3,8 @@
 #include <atomic>
 
 #include "ox_util.h"
-#include "tn_util.h"
 #include "tnw_call.h"
 #include "tnw_fdtable.h"
-#include "tnw_log.h"
 #include "tnw_open.h"
 
 namespace {
@@ -20,8 +18,7 @@ int exchange_close(const tnw_call& call, vfs_op op, const tnvfd* fde) {
   if (tnw_answered_unauthorized(&call, &resp)) return ERROR_LOGON_FAILURE;
   const ox_u32 err = resp.rhdr.rhdr_errno;
   if (!err) return 0;
-  return TNW_REFUSE(static_cast<int>(unixerr2winerr(err)), call.vh, static_cast<int>(err),
-                    "Failed to close file.");
+  return TNW_REFUSE_ANSWER(call.vh, err, "Failed to close file.");
 }
 
 // Data that went through a read-only open of the file is told by the close of a writable one.

@@ -6,21 +6,15 @@
 #include "ox_errno.h"
 #include "ox_util.h"
 #include "tn_cffl.h"
-#include "tn_util.h"
 #include "tnw_call.h"
 #include "tnw_fdtable.h"
-#include "tnw_log.h"
 #include "tnw_open.h"
 
 namespace {
 
 tnv_msg* build_denum_msg(const void* drvhdl, const char* path, const char* procname) {
-  const size_t pathlen = strlen(path) + 1;
-  tnv_msg* msg = tnw_alloc_msg(static_cast<int>(TNV_MSG_FIXED + pathlen));
-  if (!msg) return nullptr;
-  tnw_fill_header(msg, TNV_OP_WIN_DENUM, TNV_MSG_FIXED + pathlen, drvhdl, procname);
-  msg->u.wdenum.wde_pathlen = static_cast<ox_s32>(pathlen);
-  memcpy(tnv_msg_payload(msg), path, pathlen);
+  tnv_msg* msg = tnw_build_msg(TNV_OP_WIN_DENUM, drvhdl, procname, {path});
+  if (msg) msg->u.wdenum.wde_pathlen = static_cast<ox_s32>(strlen(path) + 1);
   return msg;
 }
 
@@ -79,7 +73,7 @@ int open_enumeration(tnvfd* fde, void* drvhdl, const char* procname, tnw_fileinf
 tnvfd* find_first(void* drvhdl, const char* path, tnw_fileinfo* out, const char* procname,
                   int* code) {
   tnw_call call;
-  *code = tnw_enter_path_call(drvhdl, out ? path : nullptr, &call);
+  *code = tnw_enter_path_call(drvhdl, out ? path : nullptr, TNW_REFUSE_NO_PATH, &call);
   if (*code) return nullptr;
   int err = 0;
   tnvfd* fde = tnw_getfd(call.vh, &call.tni->tni_files, &err);

@@ -87,11 +87,17 @@ int compose_socket_path(tnw_tninstance* tni) {
 int tnw_fill_tninstance(const tnw_tninit* tninit, tnw_tninstance* tni) {
   const int code = fill_subdomain(tninit, tni);
   if (code) return code;
-  snprintf(tni->tni_cachedir, sizeof tni->tni_cachedir, "%.*s\\%.*s\\%.*s",
-           TNW_FIELD(tninit->tnw_workdir), TNW_FIELD(tninit->tnw_domain),
-           TNW_FIELD(tninit->tnw_username));
+  tnw_compose_cachedir(tninit->tnw_workdir, tninit->tnw_domain, tninit->tnw_username,
+                       tni->tni_cachedir);
   copy_fields(tninit, tni);
   return compose_socket_path(tni);
+}
+
+bool tnw_compose_cachedir(const char (&workdir)[5000], const char (&domain)[51],
+                          const char (&username)[64], char (&cachedir)[5000]) {
+  const int n = snprintf(cachedir, sizeof cachedir, "%.*s\\%.*s\\%.*s", TNW_FIELD(workdir),
+                         TNW_FIELD(domain), TNW_FIELD(username));
+  return n >= 0 && static_cast<size_t>(n) < sizeof cachedir;
 }
 
 void tnw_ready_event_name(const tnw_tninstance* tni, char (&name)[109]) {

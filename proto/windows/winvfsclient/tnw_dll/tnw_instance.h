@@ -3,7 +3,7 @@
  * the drive application holds on them.
  *
  * Lock order, outermost first:
- *   1. tnw_glock                 start-up and shut-down only, exclusive
+ *   1. tnw_glock                 start-up, shut-down and purge only, exclusive
  *   2. tnw_tninstances.tni_lock  the list of instances
  *   3. tnwh_lock                 one instance's list of drive handles
  * The lookups take 2 and 3 and release them before they return: a file call holds no list lock

@@ -12,10 +12,8 @@
 #include "ox_errno.h"
 #include "ox_platform.h"
 #include "ox_util.h"
-#include "tn_util.h"
 #include "tnw_call.h"
 #include "tnw_fdtable.h"
-#include "tnw_log.h"
 #include "vfstnw_bmap.h"
 
 ox_lock_t tnw_fc_lock;
@@ -83,20 +81,17 @@ ox_u32* counter(tnw_file_context* fc, ox_u32 accmode) {
 }
 
 tnv_msg* build_open_msg(const open_args& args, const tnvfd* fde) {
-  const size_t pathlen = strlen(args.path) + 1;
-  tnv_msg* msg = tnw_alloc_msg(static_cast<int>(TNV_MSG_FIXED + pathlen));
+  tnv_msg* msg = tnw_build_msg(TNV_OP_WIN_OPEN, args.drvhdl, args.procname, {args.path});
   if (!msg) return nullptr;
-  tnw_fill_header(msg, TNV_OP_WIN_OPEN, TNV_MSG_FIXED + pathlen, args.drvhdl, args.procname);
   tnv_wopen_msg* open = &msg->u.wopen;
   open->wopen_newfd = fde->fdt_fd;
-  open->wopen_pathlen = static_cast<ox_s32>(pathlen);
+  open->wopen_pathlen = static_cast<ox_s32>(strlen(args.path) + 1);
   open->wopen_origpid = args.origpid;
   open->wopen_shmode = args.shmode;
   open->wopen_accmode = args.accmode;
   open->wopen_cdisp = args.win_disp;
   open->wopen_flags = args.flags;
   open->wopen_clientid = GetCurrentProcessId();
-  memcpy(tnv_msg_payload(msg), args.path, pathlen);
   return msg;
 }
 
@@ -181,10 +176,7 @@ open_outcome exchange_open(const tnw_call& call, tnvfd* fde, const open_args& ar
 // One open on a reserved entry whose context is held.
 open_outcome open_entry(const tnw_call& call, tnvfd* fde, const open_args& args) {
   tnv_msg* msg = fde->fdt_fc ? build_open_msg(args, fde) : nullptr;
-  if (!msg) {
-    TNW_ERROR(call.vh, OX_ENOMEM, "Failed to allocate memory to message structure.");
-    return {static_cast<int>(unixerr2winerr(OX_ENOMEM)), 0, false};
-  }
+  if (!msg) return {tnw_refuse_no_memory(call), 0, false};
   const open_outcome outcome = exchange_open(call, fde, args, msg);
   ox_free_safe(msg);
   return outcome;
@@ -232,7 +224,7 @@ void* tnw_create(void* drvhdl, void** fc, const char* path, ox_u32 accmode, ox_u
   void* own_slot = nullptr;  // a caller without a slot gets a context of its own
   tnw_call call;
   tnvfd* fde = nullptr;
-  open_outcome outcome = {tnw_enter_path_call(drvhdl, path, &call), 0, false};
+  open_outcome outcome = {tnw_enter_path_call(drvhdl, path, TNW_REFUSE_NO_PATH, &call), 0, false};
   if (!outcome.code && cdisp >= std::size(tnw_ntdisp_map))
     outcome.code = TNW_REFUSE(ERROR_INVALID_PARAMETER, call.vh, OX_EINVAL,
                               "Invalid create disposition %u", cdisp);

@@ -6,9 +6,7 @@
 #include "ox_errno.h"
 #include "ox_platform.h"
 #include "ox_util.h"
-#include "tn_util.h"
 #include "tnw_call.h"
-#include "tnw_log.h"
 #include "tnw_open.h"
 #include "vfstnw_bmap.h"
 

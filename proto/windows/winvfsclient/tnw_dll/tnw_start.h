@@ -11,6 +11,9 @@
 /* Fills an allocated instance: 0, 22 or 38. After a failed step the later fields stay empty, and
  * both callers deliberately go on with them. */
 int tnw_fill_tninstance(const tnw_tninit* tninit, tnw_tninstance* tni);
+/* A user's cache directory; false when it was cut. */
+bool tnw_compose_cachedir(const char (&workdir)[5000], const char (&domain)[51],
+                          const char (&username)[64], char (&cachedir)[5000]);
 /* The name of the ready event of a socket path. */
 void tnw_ready_event_name(const tnw_tninstance* tni, char (&name)[109]);
 

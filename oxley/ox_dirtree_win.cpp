@@ -1,0 +1,119 @@
+/*
+ * Whole directory trees: removal, and moving out of the way. Wide names throughout the walk, so
+ * that a name outside the process's code page is removed like any other.
+ */
+#include "ox_dirtree.h"
+
+#include <windows.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+
+#include "ox_errno.h"
+#include "ox_logging.h"
+#include "ox_platform.h"
+#include "ox_util.h"
+
+namespace {
+
+/* The absolute form, which may be longer than 260 characters; empty when it cannot be made. */
+std::wstring long_path(const char* path) {
+  const int size = MultiByteToWideChar(CP_ACP, 0, path, -1, nullptr, 0);
+  if (size <= 1) return {};
+  std::wstring wide(static_cast<size_t>(size), L'\0');
+  MultiByteToWideChar(CP_ACP, 0, path, -1, wide.data(), size);
+  std::wstring full(32768, L'\0');
+  const DWORD len =
+      GetFullPathNameW(wide.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
+  if (len == 0 || len >= full.size()) return {};
+  full.resize(len);
+  if (full.starts_with(L"\\\\?\\") || full.starts_with(L"\\\\.\\")) return full;
+  return full.starts_with(L"\\\\") ? L"\\\\?\\UNC\\" + full.substr(2) : L"\\\\?\\" + full;
+}
+
+/* The first failure of a removal stays; the rest is tried all the same. */
+void note(int* first, bool removed) {
+  if (!removed && *first == 0) *first = ox_winerr2errno(GetLastError());
+}
+
+int remove_entry(const std::wstring& path, DWORD attributes);
+
+int remove_children(const std::wstring& folder) {
+  WIN32_FIND_DATAW found;
+  const HANDLE search = FindFirstFileW((folder + L"\\*").c_str(), &found);
+  if (search == INVALID_HANDLE_VALUE) return ox_winerr2errno(GetLastError());
+  const std::unique_ptr<void, decltype(&FindClose)> closer(search, FindClose);
+  int first = 0;
+  do {
+    const std::wstring name = found.cFileName;
+    if (name == L"." || name == L"..") continue;
+    const int err = remove_entry(folder + L"\\" + name, found.dwFileAttributes);
+    if (first == 0) first = err;
+  } while (FindNextFileW(search, &found));
+  return first;
+}
+
+/* 0, or the first error at or below the entry. */
+int remove_entry(const std::wstring& path, DWORD attributes) {
+  if (attributes & FILE_ATTRIBUTE_READONLY)
+    SetFileAttributesW(path.c_str(), attributes & ~static_cast<DWORD>(FILE_ATTRIBUTE_READONLY));
+  int first = 0;
+  if (!(attributes & FILE_ATTRIBUTE_DIRECTORY)) {
+    note(&first, DeleteFileW(path.c_str()));
+    return first;
+  }
+  if (!(attributes & FILE_ATTRIBUTE_REPARSE_POINT)) first = remove_children(path);
+  note(&first, RemoveDirectoryW(path.c_str()));
+  return first;
+}
+
+/* "<temporary folder><\\name of the directory>_<seconds>.<nanoseconds>": 0 or an error number. */
+int compose_moved(const char* path, char* moved, size_t size) {
+  const char* name = strrchr(path, '\\');
+  char temporary[OX_MAXPATH_LEN];
+  const DWORD len = GetTempPathA(sizeof(temporary), temporary);
+  if (name == nullptr || len == 0) return OX_EINVAL;
+  struct timespec now = {};
+  ox_clock_gettime(0, &now);
+  const int n = len >= sizeof(temporary)
+                    ? -1
+                    : snprintf(moved, size, "%s%s_%lld.%ld", temporary, name,
+                               static_cast<long long>(now.tv_sec), static_cast<long>(now.tv_nsec));
+  return n >= 0 && static_cast<size_t>(n) < size ? 0 : OX_ENAMETOOLONG;
+}
+
+}  // namespace
+
+int ox_rmrf(const char* path) {
+  int err = OX_ENOMEM;
+  try {
+    const std::wstring wide = long_path(path);
+    const DWORD attributes = GetFileAttributesW(wide.c_str());
+    err = attributes == INVALID_FILE_ATTRIBUTES ? ox_winerr2errno(GetLastError())
+                                                : remove_entry(wide, attributes);
+  } catch (const std::bad_alloc&) {
+  }
+  if (err != 0) errno = err;
+  return err;
+}
+
+int ox_movedir2tmp(const char* path, char* moved, size_t size) {
+  moved[0] = '\0';
+  int err = compose_moved(path, moved, size);
+  if (err == 0 &&
+      !MoveFileExA(path, moved,
+                   MOVEFILE_REPLACE_EXISTING | MOVEFILE_COPY_ALLOWED | MOVEFILE_WRITE_THROUGH)) {
+    err = ox_winerr2errno(GetLastError());
+  }
+  if (err != 0) {
+    OX_LOG(OX_ERROR_LEVEL, err, "Unable to move folder from %s to %s", path, moved);
+    errno = err;
+    return -1;
+  }
+  OX_LOG_DEBUG(2, "Folder moved successfully from %s to %s", path, moved);
+  return 0;
+}
