@@ -10,6 +10,7 @@
  */
 #define SPDLOG_PREVENT_CHILD_FD /* a child that held the log file would block its rotation */
 #include <pthread.h>
+#include <spdlog/details/file_helper.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/spdlog.h>
 
@@ -62,11 +63,16 @@ void report_file(ox_s32 lineno, const char* what) {
 }
 
 /*
- * spdlog's rotating file, kept from harming the host when it fails. Left alone it closes its file
- * before it renames it, and when it cannot open it again its next write goes to a null stream.
- * Here a file that failed is dropped and opened anew, at once and then every ten seconds (an
- * attempt can take 150 ms); the first failure is reported, and lines that have no file meanwhile
- * go to the console logger.
+ * A rotating file that neither harms the host when it fails nor takes memory for a line.
+ *
+ * spdlog's rotating sink does the rotating and nothing else: one is made for a moment whenever the
+ * file is to be rotated. Left alone it takes memory for each line above 250 bytes, and a rotation
+ * that fails leaves it with a null stream for its next write. Lines are written here, out of one
+ * buffer that holds the longest.
+ *
+ * A file that failed is dropped and opened anew, at once and then every ten seconds (an attempt can
+ * take 150 ms); the first failure is reported, and lines that have no file meanwhile go to the
+ * console logger.
  *
  * The base class's mutex guards everything.
  */
@@ -75,52 +81,65 @@ class resilient_file final : public spdlog::sinks::base_sink<std::mutex> {
   /* Throws when the file cannot be opened. */
   resilient_file(std::string path, size_t max_size, size_t max_files)
       : path_(std::move(path)), max_size_(max_size), max_files_(max_files) {
+    line_.reserve(OX_LOG_LINE_SIZE + eol_size);
+    rotating_file(path_, max_size_, max_files_, false); /* refuses sizes that cannot be */
     open();
   }
 
  protected:
   void sink_it_(const spdlog::details::log_msg& msg) override {
-    if (!write(msg) && !(reopen() && write(msg))) {
+    line_.clear();
+    formatter_->format(msg, line_);
+    if (!(is_open_ && attempt([this] { write(); })) &&
+        !(reopen() && attempt([this] { write(); }))) {
       write_console(msg.payload);
     }
   }
 
+  /* A full disk, say: the stream stays usable for when there is room. */
   void flush_() override {
-    if (file_ == nullptr) {
-      return;
-    }
-    try {
-      file_->flush();
-    } catch (const std::exception& e) {
-      report_once(e.what()); /* a full disk: the stream stays usable for when there is room */
-    }
-  }
-
-  void set_formatter_(std::unique_ptr<spdlog::formatter> formatter) override {
-    formatter_ = std::move(formatter);
-    if (file_ != nullptr) {
-      file_->set_formatter(formatter_->clone());
+    if (is_open_) {
+      attempt([this] { file_.flush(); }, true);
     }
   }
 
  private:
   using clock = std::chrono::steady_clock;
+  static constexpr size_t eol_size = 2;
 
   void open() {
-    file_ = std::make_unique<rotating_file>(path_, max_size_, max_files_, false);
-    file_->set_formatter(formatter_->clone());
+    file_.open(path_);
+    size_ = file_.size();
+    is_open_ = true;
   }
 
-  bool write(const spdlog::details::log_msg& msg) {
-    if (file_ == nullptr) {
-      return false;
+  void rotate() {
+    file_.close();
+    is_open_ = false;
+    rotating_file(path_, max_size_, max_files_, true);
+    open();
+  }
+
+  void write() {
+    if (size_ > 0 && size_ + line_.size() > max_size_) {
+      rotate();
     }
+    file_.write(line_);
+    size_ += line_.size();
+  }
+
+  /* Whether it went well; the file is dropped when not, unless it `stays`. */
+  template <typename Step>
+  bool attempt(Step step, bool stays = false) {
     try {
-      file_->log(msg);
+      step();
       return true;
     } catch (const std::exception& e) {
       report_once(e.what());
-      file_.reset();
+      if (!stays) {
+        file_.close();
+        is_open_ = false;
+      }
       return false;
     }
   }
@@ -130,14 +149,7 @@ class resilient_file final : public spdlog::sinks::base_sink<std::mutex> {
       return false;
     }
     next_attempt_ = clock::now() + std::chrono::seconds(10);
-    try {
-      open();
-      return true;
-    } catch (const std::exception& e) {
-      report_once(e.what());
-      file_.reset();
-      return false;
-    }
+    return attempt([this] { open(); });
   }
 
   void report_once(const char* what) {
@@ -150,7 +162,10 @@ class resilient_file final : public spdlog::sinks::base_sink<std::mutex> {
   const std::string path_;
   const size_t max_size_;
   const size_t max_files_;
-  std::unique_ptr<rotating_file> file_; /* null after a failure, until it could be opened again */
+  spdlog::details::file_helper file_;
+  bool is_open_ = false; /* not after a failure, until it could be opened again */
+  size_t size_ = 0;      /* bytes of the open file */
+  spdlog::memory_buf_t line_;
   clock::time_point next_attempt_ = clock::time_point::min();
   bool reported_ = false;
 };

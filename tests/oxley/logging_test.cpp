@@ -6,17 +6,32 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <new>
 #include <set>
 #include <thread>
 
 #include "captured_log.h"
 #include "ox_assert.h"
 #include "ox_logging.h"
+
+/* What this program takes from the heap, all but the runtime's own. */
+static std::atomic<size_t> allocations;
+
+void* operator new(size_t size) {
+  ++allocations;
+  if (void* p = malloc(size)) {
+    return p;
+  }
+  throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept { free(p); }
+void operator delete(void* p, size_t) noexcept { free(p); }
 
 using testing::ElementsAre;
 using testing::EndsWith;
@@ -213,36 +228,86 @@ TEST(State, ATakenLoggerNameKeepsTheOldFile) {
   EXPECT_THAT(file_lines(folder.file("first")), ElementsAre("first", "again"));
 }
 
-TEST(Rotation, LosesNoLineOfManyThreads) {
-  constexpr int threads = 4, per_thread = 300;
-  constexpr size_t max_size = 8192;
-  captured_log log(max_size, 20);
-  std::multiset<std::string> written, found;
+/* Every line that eight threads write, each numbered and filled up to `length` characters. */
+std::multiset<std::string> log_from_eight_threads(int per_thread, size_t length) {
+  const auto line = [length](int thread, int i) {
+    std::string text = "thread " + std::to_string(thread) + " line " + std::to_string(i) + " ";
+    return text + std::string(length - text.size(), static_cast<char>('a' + thread));
+  };
+  std::multiset<std::string> written;
   std::vector<std::thread> writers;
-  for (int t = 0; t < threads; ++t) {
+  for (int t = 0; t < 8; ++t) {
     for (int i = 0; i < per_thread; ++i) {
-      written.insert("thread " + std::to_string(t) + " line " + std::to_string(i) + ".");
+      written.insert(line(t, i));
     }
-    writers.emplace_back([t] {
+    writers.emplace_back([t, per_thread, line] {
       for (int i = 0; i < per_thread; ++i) {
-        ox_log_msg(t, "rotation.c", OX_USER_LEVEL, 0, "thread %d line %d.\n", t, i);
+        ox_log_msg(t, "rotation.c", OX_USER_LEVEL, 0, "%s\n", line(t, i).c_str());
       }
     });
   }
   for (auto& writer : writers) {
     writer.join();
   }
+  return written;
+}
+
+/* The same lines out of a file, without their times. */
+void add_lines(const std::string& path, std::multiset<std::string>* found) {
+  for (const auto& line : file_lines(path)) {
+    found->insert(line.size() < timestamp_length ? line : line.substr(timestamp_length));
+  }
+}
+
+TEST(Rotation, LosesAndMixesNoLineOfEightThreads) {
+  constexpr size_t max_size = 8192;
+  captured_log log(max_size, 30);
+  const auto written = log_from_eight_threads(150, 100);
+  std::multiset<std::string> found;
   size_t files = 0;
   for (const auto& entry :
        std::filesystem::directory_iterator(std::filesystem::path(log.path()).parent_path())) {
     ++files;
     EXPECT_LE(entry.file_size(), max_size);
-    for (const auto& line : file_lines(entry.path().string())) {
-      found.insert(line.substr(timestamp_length));
-    }
+    add_lines(entry.path().string(), &found);
   }
   EXPECT_GT(files, 5u);
   EXPECT_TRUE(written == found);
+}
+
+/* The product's own limits: 52428800 bytes, and ten files beside the current one. */
+bool rotates_at_its_limits() {
+  const temp_folder folder;
+  std::ofstream(folder.file("tnvfs.9.log")) << "nine";
+  std::ofstream(folder.file("tnvfs.10.log")) << "ten";
+  std::ofstream(folder.file("tnvfs.11.log")) << "eleven";
+  ox_init_logging("VFS_LOGGER", folder.file("tnvfs.log").c_str(), nullptr, nullptr);
+  const auto written = log_from_eight_threads(1700, 4000);
+  const auto full = std::filesystem::file_size(folder.file("tnvfs.1.log"));
+  std::multiset<std::string> found;
+  add_lines(folder.file("tnvfs.1.log"), &found);
+  add_lines(folder.file("tnvfs.log"), &found);
+  return full <= 52428800 && full > 52428800 - 4100 && found == written &&
+         file_content(folder.file("tnvfs.10.log")) == "nine" &&
+         file_content(folder.file("tnvfs.11.log")) == "eleven";
+}
+
+TEST(RotationDeathTest, HappensAtTheLimitsOfTheLog) {
+  EXPECT_EXIT(exit(rotates_at_its_limits() ? 0 : 1), testing::ExitedWithCode(0), "");
+}
+
+/* Both ways of writing a line, the longest lines, and no memory taken from the second line on. */
+TEST(Line, TakesNoMemory) {
+  captured_log log;
+  const std::string text(4095, 'x');
+  const auto both = [&text] {
+    ox_log("%s\n", text.c_str());
+    ox_log_msg(1, "file.c", OX_INFO_LEVEL, 0, "%s %d\n", text.c_str(), 7);
+  };
+  both();
+  const size_t before = allocations;
+  both();
+  EXPECT_EQ(before, allocations.load());
 }
 
 TEST(Rotation, ThatCannotRenameGoesOnInTheFile) {
