@@ -8,6 +8,7 @@
 
 #include "commands.h"
 #include "console.h"
+#include "ox_logging.h"
 #include "prompt.h"
 #include "shell.h"
 
@@ -43,6 +44,10 @@ void DeclareOptions(CLI::App* app, Options* options) {
   app->add_option("--threads", options->threads, "Connections to the service")
       ->check(CLI::Range(1, 256))
       ->option_text("N=4");
+  app->add_option("--debug-level", ox_debug,
+                  "How much tnvfs.log says: 2 adds requests, 3 answers, 5 the thread pool")
+      ->check(CLI::Range(0, 5))
+      ->option_text("N=1");
   app->add_option("--progress", options->progress,
                   "The progress of long transfers: auto (on a terminal), always, never")
       ->transform(CLI::CheckedTransformer(modes))
