@@ -1,5 +1,6 @@
 #include "tnw_log.h"
 
+#include <atomic>
 #include <cerrno>
 
 #include "tn_text.h"
@@ -8,6 +9,10 @@ namespace {
 
 constexpr int PREFIX_SIZE = 2048;
 thread_local char prefix[PREFIX_SIZE]; /* of log lines, and of the events below */
+
+bool is_wanted(const vfs_handle* vh, const struct timespec* s_ts) {
+  return tnw_logs_client_resp(vh) && s_ts->tv_sec != 0;
+}
 
 /* The ids that the argument object of every event shows. */
 struct OpenIds {
@@ -19,7 +24,7 @@ struct OpenIds {
 /* READ and WRITE. */
 void log_transfer(vfs_handle* vh, const char* vfs_event, const tnvfd* fde, ox_off off, size_t size,
                   ox_s64 retval, const struct timespec* s_ts) {
-  if (vh->vfs_utxid == 0) return;
+  if (!is_wanted(vh, s_ts)) return;
   const OpenIds ids(fde);
   const char* args = tnv_event_args(
       "\"vfs_args\":{\"fd\":%d, \"id\":\"%s\", \"eid\":\"%s\", \"offset\":%lli, \"size\":%zu}",
@@ -39,10 +44,15 @@ const char* tnw_log_prefix(vfs_handle* vh, const char* file, const char* level, 
   return prefix;
 }
 
+/* Another thread's exchange on the connection may be at work. */
+bool tnw_logs_client_resp(const vfs_handle* vh) {
+  return std::atomic_ref(const_cast<ox_u64&>(vh->vfs_utxid)).load(std::memory_order_relaxed) != 0;
+}
+
 void tnw_log_response(vfs_handle* vh, const char* vfs_event, const char* args, ox_s64 retval,
                       const tnvfso* fso, const struct timespec* s_ts, const char* file, int line) {
   const int err = retval < 0 ? errno : 0;
-  if (vh->vfs_utxid == 0) return;
+  if (!is_wanted(vh, s_ts)) return;
   int left = PREFIX_SIZE;
   char* end = prefix;
   end += tn_common_log_prefix(end, &left, file, ox_msg_type[OX_DEBUG_LEVEL], line, 0, nullptr);
@@ -71,7 +81,7 @@ void tnw_log_write_client_resp(vfs_handle* vh, const tnvfd* fde, ox_off off, siz
 
 void tnw_log_folderempty_client_resp(vfs_handle* vh, const tnvfd* fde, bool isempty, ox_s64 retval,
                                      const struct timespec* s_ts) {
-  if (vh->vfs_utxid == 0) return;
+  if (!is_wanted(vh, s_ts)) return;
   const OpenIds ids(fde);
   const char* args =
       tnv_event_args("\"vfs_args\":{\"fd\":%d, \"id\":\"%s\", \"eid\":\"%s\",\"isempty\":%d}",
@@ -81,7 +91,7 @@ void tnw_log_folderempty_client_resp(vfs_handle* vh, const tnvfd* fde, bool isem
 
 void tnw_log_findnext_client_resp(vfs_handle* vh, const tnvfd* fde, ox_s64 retval,
                                   const struct timespec* s_ts) {
-  if (vh->vfs_utxid == 0) return;
+  if (!is_wanted(vh, s_ts)) return;
   const OpenIds ids(fde);
   const char* args = tnv_event_args("\"vfs_args\":{\"fd\":%d, \"id\":\"%s\", \"eid\":\"%s\"}",
                                     fde->fdt_fd, ids.id.text, ids.eid.text);
@@ -90,7 +100,7 @@ void tnw_log_findnext_client_resp(vfs_handle* vh, const tnvfd* fde, ox_s64 retva
 
 void tnw_log_setfsize_client_resp(vfs_handle* vh, const tnvfd* fde, ox_u64 size, ox_s64 retval,
                                   const struct timespec* s_ts) {
-  if (vh->vfs_utxid == 0) return;
+  if (!is_wanted(vh, s_ts)) return;
   const OpenIds ids(fde);
   const char* args =
       tnv_event_args("\"vfs_args\":{\"fd\":%d, \"id\":\"%s\", \"eid\":\"%s\",\"size\":%llu}",

@@ -23,9 +23,15 @@ const char* tnw_log_prefix(vfs_handle* vh, const char* file, const char* level, 
                            const ox_alert_t* alert);
 
 /*
- * The event line of a call that the client answered by itself; nothing when the connection's
- * vfs_utxid is 0. `args` (an argument object) and `fso` may be null; errno is shown when `retval`
- * is negative; `s_ts` is when the call began; `file` and `line` the position that the event shows.
+ * Whether the calls that the client answers by itself leave event lines: a response on the
+ * connection has carried a transaction id. Tells a call whether it needs to know when it began.
+ */
+bool tnw_logs_client_resp(const vfs_handle* vh);
+/*
+ * The event line of a call that the client answered by itself; nothing while tnw_logs_client_resp
+ * is false, nor when `s_ts`, when the call began, was not noted (0 seconds). `args` (an argument
+ * object) and `fso` may be null; errno is shown when `retval` is negative; `file` and `line` are
+ * the position that the event shows.
  */
 void tnw_log_response(vfs_handle* vh, const char* vfs_event, const char* args, ox_s64 retval,
                       const tnvfso* fso, const struct timespec* s_ts, const char* file, int line);

@@ -59,6 +59,12 @@ int tnw_enter_entry_call(const tnvfd* fde, bool needs_file, const tnw_refusal& r
   return tnw_is_table_entry(&call->tni->tni_files, fde) ? 0 : refuse_unknown(fde);
 }
 
+struct timespec tnw_call_start(const tnw_call& call) {
+  struct timespec start = {};
+  if (tnw_logs_client_resp(call.vh)) ox_clock_gettime(0, &start);
+  return start;
+}
+
 void tnw_copy_procname(char* out_procname, const tnvfd* fde) {
   if (out_procname) memcpy(out_procname, fde->fdt_procname, sizeof fde->fdt_procname);
 }

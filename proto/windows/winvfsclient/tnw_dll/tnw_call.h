@@ -45,6 +45,9 @@ int tnw_enter_path_call(const void* drvhdl, const void* path, const tnw_refusal&
 int tnw_enter_entry_call(const tnvfd* fde, bool needs_file, const tnw_refusal& refusal,
                          tnw_call* call);
 
+/* When a call begins, for its event line; zero when none would be written, for a clock costs. */
+struct timespec tnw_call_start(const tnw_call& call);
+
 /* Copies the opener's name (32 bytes) to the caller, who may have given no place for it. */
 void tnw_copy_procname(char* out_procname, const tnvfd* fde);
 

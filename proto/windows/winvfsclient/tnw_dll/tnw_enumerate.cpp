@@ -116,7 +116,9 @@ int tnw_findnext(void* dehdl, tnw_fileinfo* out) {
   code = tnw_check_authorized(&call);
   if (code) return code;
   if (fde->fdt_dir.dir_fi_idx == fde->fdt_dir.dir_fi_len) return ERROR_NO_MORE_FILES;
+  const struct timespec start = tnw_call_start(call);
   hand_out(&fde->fdt_dir, out);
+  tnw_log_findnext_client_resp(call.vh, fde, 0, &start);
   return 0;
 }
 
@@ -145,6 +147,9 @@ int tnw_checkfolderempty(void* dehdl, bool* is_empty) {
   if (is_empty && code == ERROR_BAD_ARGUMENTS) *is_empty = false;
   if (!code) code = tnw_check_authorized(&call);
   if (code) return code;
-  if (is_empty) *is_empty = list_is_empty(fde->fdt_dir);
+  const struct timespec start = tnw_call_start(call);
+  const bool empty = list_is_empty(fde->fdt_dir);
+  if (is_empty) *is_empty = empty;
+  if (!empty) tnw_log_folderempty_client_resp(call.vh, fde, empty, 0, &start);
   return 0;
 }

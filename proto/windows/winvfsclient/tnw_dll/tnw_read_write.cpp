@@ -1,6 +1,8 @@
 // tnw_read and tnw_write: data goes straight to and from the local cache file; the service is asked
 // only about regions that the maps do not have.
 
+#include <errno.h>
+
 #include <atomic>
 
 #include "ox_errno.h"
@@ -27,35 +29,45 @@ struct transfer {
   tnvfd* fde;
   ox_off off;
   ox_u64 len;
+  struct timespec start;
 };
 
 int enter(transfer* t, const tnw_refusal& refusal, char* out_procname) {
   const int code = tnw_enter_entry_call(t->fde, true, refusal, &t->call);
   if (code) return code;
   tnw_copy_procname(out_procname, t->fde);
+  t->start = tnw_call_start(t->call);
   return tnw_check_authorized(&t->call);
 }
 
-// Runs a region job for the transfer's range: 0 or the service's error number.
-int ask_for_region(const transfer& t, ox_job_func_t job) {
+// What a failed transfer's event line shows as its count, with `err` as errno.
+ox_s64 failed(int err) {
+  errno = err;
+  return -1;
+}
+
+// Runs a region job for the transfer's range: 0 or the service's error number. The answer may be
+// the first that carries a transaction id.
+int ask_for_region(transfer* t, ox_job_func_t job) {
+  if (!t->start.tv_sec) ox_clock_gettime(0, &t->start);
   tnw_ioreq request = {};
-  request.io_fde = t.fde;
-  request.io_off = static_cast<ox_u64>(t.off);
-  request.io_len = t.len;
+  request.io_fde = t->fde;
+  request.io_off = static_cast<ox_u64>(t->off);
+  request.io_len = t->len;
   tnw_evwi wi = {};
   tnw_create_evtwi(&wi, nullptr, nullptr, 0);
   wi.ev_data = &request;
-  const int err = tnw_run_job(t.call.tni, job, &wi);
+  const int err = tnw_run_job(t->call.tni, job, &wi);
   return err ? err : request.io_err;
 }
 
-int cache_range(const transfer& t) {
-  if (vfstnw_is_cached(t.fde, t.off, t.len)) return 0;
+int cache_range(transfer* t) {
+  if (vfstnw_is_cached(t->fde, t->off, t->len)) return 0;
   return ask_for_region(t, tnw_sync_send_cache_region_msg);
 }
 
-int dirty_range(const transfer& t) {
-  if (vfstnw_is_dirty(t.fde, t.off, t.len)) return 0;
+int dirty_range(transfer* t) {
+  if (vfstnw_is_dirty(t->fde, t->off, t->len)) return 0;
   return ask_for_region(t, tnw_sync_send_dirty_region_msg);
 }
 
@@ -73,14 +85,12 @@ void find_local_path(const transfer& t, char (&path)[OX_MAXPATH_LEN]) {
 }
 
 // The whole transfer in one call, no file position is used: 0 or the Windows error, unconverted but
-// for the layer's own rule.
-int read_local(const transfer& t, void* buffer, ox_s64* nbread) {
+// for the layer's own rule. An end of file, 38, comes with the count.
+int read_local(const transfer& t, void* buffer, DWORD* count) {
   OVERLAPPED where = at_offset(t.off);
-  DWORD count = 0;
-  const BOOL ok = ReadFile(t.fde->fdt_ofd, buffer, static_cast<DWORD>(t.len), &count, &where);
-  const int code = ok ? 0 : ox_winerr2errno(GetLastError());
-  if (nbread && (ok || code == ERROR_HANDLE_EOF)) *nbread = count;
-  if (code == 0 || code == ERROR_HANDLE_EOF) return code;
+  if (ReadFile(t.fde->fdt_ofd, buffer, static_cast<DWORD>(t.len), count, &where)) return 0;
+  const int code = ox_winerr2errno(GetLastError());
+  if (code == ERROR_HANDLE_EOF) return code;
   char path[OX_MAXPATH_LEN];
   find_local_path(t, path);
   return TNW_REFUSE(code, t.call.vh, code, "Failed to read from the file %s", path);
@@ -126,34 +136,61 @@ void note_size(const transfer& t, ox_u64 old_size, DWORD count) {
     std::atomic_ref(t.fde->fdt_stat.st_size).store(old_size + count);
 }
 
+int refused_by_service(int err, ox_s64* shown) {
+  *shown = failed(err);
+  return static_cast<int>(unixerr2winerr(static_cast<ox_u32>(err)));
+}
+
+// Both without their event line; `shown` is the count that it shows.
+int read_range(transfer* t, void* buffer, ox_s64* nbread, ox_s64* shown) {
+  const int err = cache_range(t);
+  if (err == NOTHING_TO_FETCH) return 0;  // deliberately: nothing is read, nbread stays
+  if (err) return refused_by_service(err, shown);
+  DWORD count = 0;
+  const int code = read_local(*t, buffer, &count);
+  const bool done = code == 0 || code == ERROR_HANDLE_EOF;
+  *shown = done ? count : failed(code);
+  if (done && nbread) *nbread = count;
+  return code;
+}
+
+int write_range(transfer* t, const void* buffer, ox_u64 old_size, ox_s64* nbwritten,
+                ox_s64* shown) {
+  int err = cache_range(t);
+  if (!err || err == NOTHING_TO_FETCH) err = dirty_range(t);  // told before the data is written
+  if (err) return refused_by_service(err, shown);
+  DWORD count = 0;
+  const int code = write_local(*t, buffer, &count);
+  *shown = code ? failed(code) : count;
+  if (code) return code;
+  note_modified(t->fde);
+  note_size(*t, old_size, count);
+  if (nbwritten) *nbwritten = count;
+  return 0;
+}
+
 }  // namespace
 
 int tnw_read(void* ophdl, void* buffer, ox_u64 len, ox_off off, ox_s64* nbread,
              char* out_procname) {
-  transfer t = {{}, static_cast<tnvfd*>(ophdl), off, len};
-  const int code = enter(&t, REFUSE_READ, out_procname);
+  transfer t = {{}, static_cast<tnvfd*>(ophdl), off, len, {}};
+  int code = enter(&t, REFUSE_READ, out_procname);
   if (code) return code;
-  const int err = cache_range(t);
-  if (err == NOTHING_TO_FETCH) return 0;  // deliberately: nothing is read, nbread stays
-  if (err) return static_cast<int>(unixerr2winerr(static_cast<ox_u32>(err)));
-  return read_local(t, buffer, nbread);
+  ox_s64 shown = 0;
+  code = read_range(&t, buffer, nbread, &shown);
+  tnw_log_read_client_resp(t.call.vh, t.fde, off, len, shown, &t.start);
+  return code;
 }
 
 int tnw_write(void* ophdl, void* buffer, ox_u64 len, ox_off off, ox_s64* nbwritten,
               char* out_procname) {
-  transfer t = {{}, static_cast<tnvfd*>(ophdl), off, len};
+  transfer t = {{}, static_cast<tnvfd*>(ophdl), off, len, {}};
   ox_u64 old_size = 0;
   int code = enter(&t, REFUSE_WRITE, out_procname);
   if (!code) code = local_size(t, &old_size);
   if (code) return code;
-  int err = cache_range(t);
-  if (!err || err == NOTHING_TO_FETCH) err = dirty_range(t);  // told before the data is written
-  if (err) return static_cast<int>(unixerr2winerr(static_cast<ox_u32>(err)));
-  DWORD count = 0;
-  code = write_local(t, buffer, &count);
-  if (code) return code;
-  note_modified(t.fde);
-  note_size(t, old_size, count);
-  if (nbwritten) *nbwritten = count;
-  return 0;
+  ox_s64 shown = 0;
+  code = write_range(&t, buffer, old_size, nbwritten, &shown);
+  tnw_log_write_client_resp(t.call.vh, t.fde, off, len, shown, &t.start);
+  return code;
 }

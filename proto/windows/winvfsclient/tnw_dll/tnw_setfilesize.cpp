@@ -121,11 +121,13 @@ int tnw_setfilesize(void* ophdl, ox_u32 size_low, ox_u32 size_high, char* out_pr
   tnw_copy_procname(out_procname, r.fde);
   code = tnw_check_authorized(&r.call);
   if (code) return code;
+  struct timespec start = tnw_call_start(r.call);
   r.regsz = vfstnw_region_size(r.fde);
   const int remembered = has_maps(r.fde) ? reconcile_maps(r) : 0;
   code = set_local_size(r);  // deliberately also after a failure that is remembered
   if (code) return code;
   std::atomic_ref(r.fde->fdt_stat.st_size).store(r.nfsz);
   set_modified(r.fde);
+  tnw_log_setfsize_client_resp(r.call.vh, r.fde, r.nfsz, remembered, &start);
   return remembered;
 }
