@@ -12,6 +12,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "ox_errno.h"
 #include "ox_logging.h"
@@ -40,9 +41,27 @@ void note(int* first, bool removed) {
   if (!removed && *first == 0) *first = ox_winerr2errno(GetLastError());
 }
 
-int remove_entry(const std::wstring& path, DWORD attributes);
+/* A read-only entry cannot be removed as it is. */
+void make_writable(const std::wstring& path, DWORD attributes) {
+  if (attributes & FILE_ATTRIBUTE_READONLY)
+    SetFileAttributesW(path.c_str(), attributes & ~static_cast<DWORD>(FILE_ATTRIBUTE_READONLY));
+}
 
-int remove_children(const std::wstring& folder) {
+/* A junction is an entry like a file: what it leads to is another's. */
+bool is_folder(DWORD attributes) {
+  return (attributes & FILE_ATTRIBUTE_DIRECTORY) && !(attributes & FILE_ATTRIBUTE_REPARSE_POINT);
+}
+
+int remove_entry(const std::wstring& path, DWORD attributes) {
+  int err = 0;
+  make_writable(path, attributes);
+  note(&err, attributes & FILE_ATTRIBUTE_DIRECTORY ? RemoveDirectoryW(path.c_str())
+                                                   : DeleteFileW(path.c_str()));
+  return err;
+}
+
+/* Removes what a folder holds, but for its folders, which are added to `folders`. */
+int empty_folder(const std::wstring& folder, std::vector<std::wstring>* folders) {
   WIN32_FIND_DATAW found;
   const HANDLE search = FindFirstFileW((folder + L"\\*").c_str(), &found);
   if (search == INVALID_HANDLE_VALUE) return ox_winerr2errno(GetLastError());
@@ -51,23 +70,30 @@ int remove_children(const std::wstring& folder) {
   do {
     const std::wstring name = found.cFileName;
     if (name == L"." || name == L"..") continue;
-    const int err = remove_entry(folder + L"\\" + name, found.dwFileAttributes);
+    const std::wstring path = folder + L"\\" + name;
+    if (is_folder(found.dwFileAttributes)) {
+      make_writable(path, found.dwFileAttributes);
+      folders->push_back(path);
+      continue;
+    }
+    const int err = remove_entry(path, found.dwFileAttributes);
     if (first == 0) first = err;
   } while (FindNextFileW(search, &found));
   return first;
 }
 
-/* 0, or the first error at or below the entry. */
-int remove_entry(const std::wstring& path, DWORD attributes) {
-  if (attributes & FILE_ATTRIBUTE_READONLY)
-    SetFileAttributesW(path.c_str(), attributes & ~static_cast<DWORD>(FILE_ATTRIBUTE_READONLY));
+/* Not by recursion: a tree may be deeper than the caller's stack. 0, or the first error. */
+int remove_tree(const std::wstring& path, DWORD attributes) {
+  if (!is_folder(attributes)) return remove_entry(path, attributes);
+  make_writable(path, attributes);
+  std::vector<std::wstring> folders = {path};
   int first = 0;
-  if (!(attributes & FILE_ATTRIBUTE_DIRECTORY)) {
-    note(&first, DeleteFileW(path.c_str()));
-    return first;
+  for (size_t i = 0; i < folders.size(); i++) {
+    const int err = empty_folder(std::wstring(folders[i]), &folders);
+    if (first == 0) first = err;
   }
-  if (!(attributes & FILE_ATTRIBUTE_REPARSE_POINT)) first = remove_children(path);
-  note(&first, RemoveDirectoryW(path.c_str()));
+  for (; !folders.empty(); folders.pop_back())  // each folder stands behind the one that holds it
+    note(&first, RemoveDirectoryW(folders.back().c_str()));
   return first;
 }
 
@@ -94,7 +120,7 @@ int ox_rmrf(const char* path) {
     const std::wstring wide = long_path(path);
     const DWORD attributes = GetFileAttributesW(wide.c_str());
     err = attributes == INVALID_FILE_ATTRIBUTES ? ox_winerr2errno(GetLastError())
-                                                : remove_entry(wide, attributes);
+                                                : remove_tree(wide, attributes);
   } catch (const std::bad_alloc&) {
   }
   if (err != 0) errno = err;

@@ -47,16 +47,25 @@ int tnw_enter_path_call(const void* drvhdl, const void* path, const tnw_refusal&
   return code ? code : tnw_check_authorized(call);
 }
 
-int tnw_enter_entry_call(const tnvfd* fde, bool needs_file, const tnw_refusal& refusal,
-                         tnw_call* call) {
+int tnw_enter_entry(const tnvfd* fde, bool needs_file, const tnw_refusal& refusal, tnw_call* call) {
   if (!fde) return refuse(refusal);
-  if (!tnw_is_listed_entry(fde)) return refuse_unknown(fde);
+  call->tni = tnw_get_entry_instance(fde);
+  if (!call->tni) return refuse_unknown(fde);
+  call->vh = tnw_connection(call->tni, 0);
   if (!fde->fdt_drv) return refuse(refusal);
   if (needs_file && fde->fdt_ofd == INVALID_HANDLE_VALUE) return refuse(refusal);
-  const int code = tnw_enter_drive(fde->fdt_drv, call);
-  if (code) return code;
-  // A drive of another instance may have got the address that the file's own drive had.
-  return tnw_is_table_entry(&call->tni->tni_files, fde) ? 0 : refuse_unknown(fde);
+  return 0;
+}
+
+// A drive of another instance may have got the address that the entry's own drive had.
+int tnw_check_drive(const tnvfd* fde, const tnw_call* call) {
+  return tnw_get_tninstance(fde->fdt_drv) == call->tni ? 0 : refuse_unknown(fde->fdt_drv);
+}
+
+int tnw_enter_entry_call(const tnvfd* fde, bool needs_file, const tnw_refusal& refusal,
+                         tnw_call* call) {
+  const int code = tnw_enter_entry(fde, needs_file, refusal, call);
+  return code ? code : tnw_check_drive(fde, call);
 }
 
 struct timespec tnw_call_start(const tnw_call& call) {

@@ -39,9 +39,13 @@ int tnw_enter_path_call(const void* drvhdl, const void* path, const tnw_refusal&
                         tnw_call* call);
 /*
  * A call with an operation handle. A null handle, a closed entry, and with `needs_file` an entry
- * without a local file are refused with `refusal`; an address that is no entry of a listed
- * instance, or an entry whose drive handle is gone, with 1467. Does not look at the authorisation.
+ * without a local file are refused with `refusal`; an address that is no entry of a listed instance
+ * with 1467. Looks neither at the entry's drive nor at the authorisation.
  */
+int tnw_enter_entry(const tnvfd* fde, bool needs_file, const tnw_refusal& refusal, tnw_call* call);
+/* 0, or 1467 for an entry whose drive handle is gone. */
+int tnw_check_drive(const tnvfd* fde, const tnw_call* call);
+/* Both. */
 int tnw_enter_entry_call(const tnvfd* fde, bool needs_file, const tnw_refusal& refusal,
                          tnw_call* call);
 

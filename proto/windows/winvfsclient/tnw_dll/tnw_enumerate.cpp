@@ -122,11 +122,13 @@ int tnw_findnext(void* dehdl, tnw_fileinfo* out) {
   return 0;
 }
 
+// Deliberately in another order than the other calls: the authorisation before the drive.
 int tnw_findclose(void* dehdl) {
   tnvfd* fde = static_cast<tnvfd*>(dehdl);
   tnw_call call;
-  int code = tnw_enter_entry_call(fde, false, TNW_REFUSE_NO_PATH, &call);
+  int code = tnw_enter_entry(fde, false, TNW_REFUSE_NO_PATH, &call);
   if (!code) code = tnw_check_authorized(&call);
+  if (!code) code = tnw_check_drive(fde, &call);
   if (code) return code;
   tnv_msg msg;
   tnv_resp resp;

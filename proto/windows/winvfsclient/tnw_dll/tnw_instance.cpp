@@ -45,10 +45,9 @@ tnw_tninstance* tnw_get_tninstance(const void* drvhdl) {
   return find_instance([&](tnw_tninstance* tni) { return has_handle(tni, drvhdl); });
 }
 
-bool tnw_is_listed_entry(const void* ophdl) {
-  return find_instance([&](tnw_tninstance* tni) {
-           return tnw_is_table_entry(&tni->tni_files, ophdl);
-         }) != nullptr;
+tnw_tninstance* tnw_get_entry_instance(const void* ophdl) {
+  return find_instance(
+      [&](tnw_tninstance* tni) { return tnw_is_table_entry(&tni->tni_files, ophdl); });
 }
 
 const char* tnw_get_tninstance_id(void* drvhdl) {
@@ -60,6 +59,13 @@ tnw_tninstance* tnw_find_tn_instance(const char* domain, const char* username) {
   return find_instance([&](tnw_tninstance* tni) {
     return field_equals(tni->tni_domain, domain) && field_equals(tni->tni_username, username);
   });
+}
+
+bool tnw_is_cache_in_use(const char* domain, const char* username) {
+  return find_instance([&](tnw_tninstance* tni) {
+           return _strnicmp(tni->tni_domain, domain, sizeof tni->tni_domain) == 0 &&
+                  _strnicmp(tni->tni_username, username, sizeof tni->tni_username) == 0;
+         }) != nullptr;
 }
 
 tnw_drive_handle* tnw_find_handle(tnw_tninstance* tni, const char* drive_id) {

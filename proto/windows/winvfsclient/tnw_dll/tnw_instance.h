@@ -93,9 +93,12 @@ extern ox_rwlock_t tnw_glock;
 
 /* The instance of a caller's drive handle, which is compared but never dereferenced, or null. */
 tnw_tninstance* tnw_get_tninstance(const void* drvhdl);
-/* Whether `ophdl`, which is not dereferenced, is an entry of a listed instance's table. */
-bool tnw_is_listed_entry(const void* ophdl);
+/* The listed instance whose table has `ophdl`, which is not dereferenced, as an entry, or null. */
+tnw_tninstance* tnw_get_entry_instance(const void* ophdl);
 tnw_tninstance* tnw_find_tn_instance(const char* domain, const char* username);
+/* Whether a listed instance uses the cache directory of these names, which a file system that
+ * ignores case would give to other spellings, too. */
+bool tnw_is_cache_in_use(const char* domain, const char* username);
 tnw_drive_handle* tnw_find_handle(tnw_tninstance* tni, const char* drive_id);
 
 void tnw_add_tninstance(tnw_tnihd* head, tnw_tninstance* tni);

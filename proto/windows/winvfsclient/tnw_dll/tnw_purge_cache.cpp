@@ -21,10 +21,11 @@ struct purge {
   char username[64 + 1];
 };
 
-// A name that leads one folder down and nowhere else: "..", say, would delete the whole work
-// folder.
+// A name that leads one folder down and nowhere else: ".." would delete the whole work folder, and
+// so might ".. ", for the system drops dots and spaces at a name's end.
 bool is_plain_name(const char* name) {
-  return name[0] && !strpbrk(name, "\\/:") && strspn(name, ".") != strlen(name);
+  const size_t len = strlen(name);
+  return len && !strpbrk(name, "\\/:") && !strchr(". ", name[len - 1]);
 }
 
 // 0, or an error number.
@@ -66,7 +67,7 @@ int remove_cache(const purge& p) {
 
 // With tnw_glock held.
 int purge_unless_running(const purge& p) {
-  if (!tnw_find_tn_instance(p.domain, p.username)) return remove_cache(p);
+  if (!tnw_is_cache_in_use(p.domain, p.username)) return remove_cache(p);
   return TNW_REFUSE(OX_EBUSY, nullptr, OX_EBUSY,
                     "Cannot purge cachedir %s because tarnd is still running for %s@%s", p.cachedir,
                     p.username, p.domain);
