@@ -33,11 +33,16 @@ struct transfer {
 };
 
 int enter(transfer* t, const tnw_refusal& refusal, char* out_procname) {
-  const int code = tnw_enter_entry_call(t->fde, true, refusal, &t->call);
+  int code = tnw_enter_entry_call(t->fde, true, refusal, &t->call);
   if (code) return code;
   tnw_copy_procname(out_procname, t->fde);
   t->start = tnw_call_start(t->call);
-  return tnw_check_authorized(&t->call);
+  code = tnw_check_authorized(&t->call);
+  if (code || t->off >= 0) return code;
+  // To the system -1 and -2 mean "at the end" and "at the handle's position": the data would go
+  // where the service was not told of.
+  return TNW_REFUSE(ERROR_INVALID_PARAMETER, t->call.vh, OX_EINVAL, "Negative offset %lld",
+                    static_cast<long long>(t->off));
 }
 
 // What a failed transfer's event line shows as its count, with `err` as errno.
