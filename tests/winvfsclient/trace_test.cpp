@@ -191,21 +191,6 @@ TEST_F(Trace, StatShowsTheEntry) {
                    std::string(64, 'o') + R"(", "fi_name":"a"}})");
 }
 
-TEST_F(Trace, TrailingTextsAreToldApartAndPasswordsLeftOut) {
-  Request rename(TNV_OP_WIN_RENAME, nul("a") + nul("bc"));
-  rename.msg()->u.wrename = {1, 2};
-  expect_trace(rename, response(TNV_OP_WIN_RENAME),
-               "Message: rename(srcpath a, dstpath bc slen 2 dlen 3, " FROM,
-               R"("TNV_OP_WIN_RENAME", "vfs_errno":0, )"
-               R"("vfs_args":{"src_path":"a", "dst_path":"bc"}})");
-  Request proxy(TNV_OP_WIN_SETPROXY, nul("proxy:1") + nul("joe") + nul("pass"));
-  proxy.msg()->u.wsetproxy = {7, 3, 4};
-  expect_trace(proxy, response(TNV_OP_WIN_SETPROXY),
-               "Message: setproxy(proxy_server proxy:1, username joe)",
-               R"("TNV_OP_WIN_SETPROXY", "vfs_errno":0, )"
-               R"("vfs_args":{"proxy_server":"proxy:1", "proxy_username":"joe"}})");
-}
-
 TEST_F(Trace, EveryOperationHasItsOwnLines) {
   const std::pair<const char*, const char*> expected[] = {
       {" Message: connect(", "WIN_CONNECT"},
