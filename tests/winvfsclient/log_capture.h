@@ -25,13 +25,20 @@ class LogCapture {
   }
 
   /* How many of them contain `text`. */
-  size_t count(const std::string& text) const {
-    size_t found = 0;
-    for (const std::string& line : lines()) found += line.find(text) != std::string::npos;
-    return found;
+  size_t count(const std::string& text) const { return count_both(text, ""); }
+  /* How many tell exactly this, with this error in their prefix. */
+  size_t count(int err, const std::string& message) const {
+    return count_both("\"errno\":" + std::to_string(err) + ", ",
+                      "\"message\":\"" + message + "\"}");
   }
 
  private:
+  size_t count_both(const std::string& one, const std::string& other) const {
+    size_t found = 0;
+    for (const std::string& line : lines())
+      found += line.find(one) != std::string::npos && line.find(other) != std::string::npos;
+    return found;
+  }
   static const std::string& path();
   static std::streamoff size() {
     std::ifstream file(path(), std::ios::ate);
