@@ -15,10 +15,17 @@
  *
  * Codes that every file call may return beside its own:
  *   1467  unknown drive handle, or an operation handle that is not open on any drive; also a broken
- *         connection to the cache service (open, enumeration, reads and writes that need it)
+ *         connection to the cache service (tnw_create, tnw_findfirst, and tnw_read, tnw_write and
+ *         tnw_setfilesize when they need it)
  *   1326  the service has no valid authorisation for the user: call tnw_updatetoken
- * A broken connection reads as SUCCESS from close and cleanup: notice it by 1467 from the next
- * open, then deinitialise and initialise the drive again.
+ * A broken connection reads as SUCCESS from all others: tnw_delete deletes nothing and returns 0,
+ * tnw_getfileinfo gives a record of zeros, tnw_canfilebedeleted false, a lock is not taken. Notice
+ * it by 1467 from the next open (or by a record without a name), then deinitialise and initialise
+ * the drive again.
+ *
+ * An answer of the service comes as the Windows code of its Unix error number; a number that has
+ * none comes as it is. Handles stay the library's; all buffers and texts are the caller's and are
+ * not used after the call.
  *
  * Text is NUL-terminated UTF-8 where it names something in the cloud, and a narrow string in the
  * process's code page where it names a local file. Fixed-length fields hold text that is terminated
@@ -170,24 +177,29 @@ const char* tnw_get_tninstance_id(void* drvhdl);
 void* tnw_create(void* drvhdl, void** fc, const char* path, ox_u32 accmode, ox_u32 shmode,
                  ox_u32 cdisp, ox_u32 flags, int origpid, const char* in_procname, int* err);
 
-/* The last user handle of the file went. 0, 160 (null or closed handle), or the service's answer.
+/*
+ * The last user handle of the file went; tnw_close is still to come. Nothing is sent for a folder.
+ * 0, 160 (null or closed handle), or the service's answer.
  */
 int tnw_cleanup_file(void* ophdl);
 
 /*
  * Closes the file; the handle is not to be used again. `out_procname` (32 bytes, may be null)
  * receives the opener's name. 0, 160 (null or closed handle), or the service's answer: a refused
- * close keeps the handle, whose local file is closed already, and may be repeated.
+ * close keeps the handle, whose local file is closed already, and may be repeated; so does 1326.
  */
 int tnw_close(void* ophdl, char* out_procname);
 
 /*
- * Read or write `len` bytes (cut to 32 bits) at offset `off`. `nbread` and `nbwritten` receive the
- * count; `out_procname` (32 bytes) the opener's name; both may be null. Two surprises:
+ * Read or write `len` bytes (cut to 32 bits) at byte offset `off`. `nbread` and `nbwritten` receive
+ * the count; `out_procname` (32 bytes) the opener's name; both may be null. Any number of both may
+ * run on one file. Surprises:
  *   - a read at or past the end returns 38 with the count 0; one that straddles it returns 0 and a
  *     short count;
- *   - a region that the service answers with 7 makes a read return 0 with the count untouched.
- * 6: null, closed or folder handle. Failures of the local file come as Windows codes unchanged.
+ *   - a region that the service answers with 7 makes a read return 0 with the count untouched;
+ *   - a write through a read-only open is told to the service by the next close of a writable one.
+ * 0, 6 (null, closed, folder or enumeration handle), 87 (negative offset), the service's answer for
+ * a region, or the Windows error of the local file, unchanged.
  */
 int tnw_read(void* ophdl, void* buffer, ox_u64 len, ox_off off, ox_s64* nbread, char* out_procname);
 int tnw_write(void* ophdl, void* buffer, ox_u64 len, ox_off off, ox_s64* nbwritten,
@@ -202,11 +214,21 @@ int tnw_write(void* ophdl, void* buffer, ox_u64 len, ox_off off, ox_s64* nbwritt
  */
 void* tnw_findfirst(void* drvhdl, const char* path, tnw_fileinfo* out, const char* in_procname,
                     int* err);
-/* 0 and the next entry; 18 at the end; 160. `out` is cleared first once the instance is found. */
+/*
+ * 0 and the next entry, or 18 at the end; 160 (null argument, closed handle). Asks the service
+ * nothing. `out` is cleared first once the drive is found. A handle of tnw_create has no entries.
+ */
 int tnw_findnext(void* dehdl, tnw_fileinfo* out);
-/* 0, 160, or the service's answer; the handle is gone unless 1326, 1467 or 160. */
+/*
+ * Ends an enumeration and frees its listing. 0, 160 (null or closed handle), or the service's
+ * answer; the handle is gone unless 1326, 1467 or 160. Here 1326 goes before a drive's 1467.
+ */
 int tnw_findclose(void* dehdl);
-/* Whether the enumerated folder has no entries. 0 or 160. */
+/*
+ * Whether the folder had no entries when tnw_findfirst listed it. 0, or 160 (null or closed handle)
+ * with `is_empty` (may be null) false; left alone by other codes. Surprise: a handle of tnw_create
+ * carries no listing and counts as empty.
+ */
 int tnw_checkfolderempty(void* dehdl, bool* is_empty);
 
 /* ------------------------------------------------------------------- paths */
@@ -240,8 +262,8 @@ int tnw_canfilebedeleted(void* drvhdl, const char* path, bool* can_delete);
 
 /*
  * Sets the end of an open file to size_high * 2^32 + size_low bytes: grows with zeros, or cuts.
- * `out_procname` (32 bytes, may be null) receives the opener's name. 0, 6 (null, closed or folder
- * handle), the service's answer, or the Windows error of the local file, unchanged.
+ * `out_procname` (32 bytes, may be null) receives the opener's name. 0, 6 (null, closed, folder or
+ * enumeration handle), the service's answer, or the Windows error of the local file, unchanged.
  *
  * Surprise: the local file has the new size even when the service refused and its code is returned;
  * only a Windows error of the local file itself leaves the size. One call at a time per file: of
@@ -266,16 +288,15 @@ int tnw_unlockfile(void* ophdl, ox_u32 off_low, ox_u32 off_high, ox_u32 len_low,
 
 /*
  * Hands a renewed access token (text, sent as it is, not kept) to the drive's service. Works while
- * other calls give 1326, which end with the service's first answer that no longer says
- * unauthorised. 0, 160 (a null argument), 8, or the service's answer: 5 when it refuses the token.
- * Reads as SUCCESS on a broken connection.
+ * other calls give 1326, and ends that when the answer to it no longer says unauthorised, even with
+ * an error. 0, 160 (a null argument), 8, or the service's answer: 5 when it refuses the token.
  */
 int tnw_updatetoken(void* drvhdl, char* enctoken);
 
 /*
  * Tells the drive's service the HTTP proxy to use for the cloud. User name and password may be
  * empty. 0, 160 (a null argument or an empty proxy), 8, or the service's answer. Neither looks at
- * the authorisation nor changes it. Reads as SUCCESS on a broken connection.
+ * the authorisation nor changes it.
  */
 int tnw_set_http_proxy(void* drvhdl, const char* http_proxy, const char* username,
                        const char* password);
@@ -297,8 +318,10 @@ OX_STATIC_ASSERT(offsetof(tnw_purge_opt_t, po_username) == 5055, "layout of the 
  * needed; no start-up or shut-down of this process runs meanwhile. The directory is moved into the
  * temporary folder first, or deleted in place when it cannot be.
  *
- * 0: it is gone. 13: a null record, or a field that is empty or no plain name. 170: this process
- * runs a service for the domain and user, and nothing was touched. 38: the path is too long.
+ * 0: it is gone. 13: a null record, an empty field, or a domain or user name that is no plain name
+ * of a folder (with \, / or :, or a dot or space at its end). 170: this process runs a service for
+ * the domain and user, in whatever case they are written, and nothing was touched. 38: the path is
+ * too long.
  * Otherwise the failure of the move or of the removal, as a code; that of the move is returned even
  * when the directory was then deleted in place, so look again before trying again. A service that
  * ANOTHER PROCESS runs for the user is not seen: make sure that there is none.
