@@ -21,6 +21,14 @@ std::string raw(const char (&text)[N]) {
   return std::string(text, N - 1);
 }
 
+struct AnsweredCall {
+  const char* name;
+  std::function<int(void* file)> call;
+  const char* failure; /* the line of a refused request; null: told elsewhere */
+  bool heeds_mark;     /* that the answer says unauthorised */
+  int when_dead;       /* what it gives on a dead connection */
+};
+
 class Calls : public testing::Test {
  protected:
   void SetUp() override { ASSERT_NE(drive.start(), nullptr); }
@@ -46,15 +54,45 @@ class Calls : public testing::Test {
     });
   }
   int get_info() { return tnw_getfileinfo(drive.drive, "p", &info, nullptr); }
-  int send_token() {
-    char token[] = "t";
-    return tnw_updatetoken(drive.drive, token);
-  }
+  int send_token() { return tnw_updatetoken(drive.drive, token); }
   std::string local() { return drive.folder / "local"; }
 
   PeerDrive drive;
   tnw_fileinfo info = {};
   bool can_delete = false;
+  char token[2] = "t";
+  char byte = 0;
+  int err = 0;
+
+  const std::vector<AnsweredCall> calls = {
+      {"stat", [&](void*) { return get_info(); }, "Failed to get file info for p.", true, 0},
+      {"rename", [&](void*) { return tnw_rename(drive.drive, "p", "q", nullptr); },
+       "Failed to rename p->q.", true, 0},
+      {"delete", [&](void*) { return tnw_delete(drive.drive, "p", nullptr); },
+       "Failed to delete file p.", true, 0},
+      {"can delete", [&](void*) { return tnw_canfilebedeleted(drive.drive, "p", &can_delete); },
+       "Failed to check if file p can be deleted.", true, 0},
+      {"lock", [](void* f) { return tnw_lockfile(f, 0, 0, 0, 1, 0, 1); },
+       "Failed to lock file 00000001-0000-0000-0000-000000000000.", true, 0},
+      {"unlock", [](void* f) { return tnw_unlockfile(f, 0, 0, 1, 0, 1); },
+       "Failed to unlock file 00000001-0000-0000-0000-000000000000.", true, 0},
+      {"open",
+       [&](void*) { return tnw_create(drive.drive, nullptr, "p", 1, 7, 1, 0, 0, "", &err), err; },
+       nullptr, true, 1467},
+      {"list", [&](void*) { return tnw_findfirst(drive.drive, "p", &info, nullptr, &err), err; },
+       nullptr, true, 1467},
+      {"end list", [](void* f) { return tnw_findclose(f); }, nullptr, true, 0},
+      {"fetch", [&](void* f) { return tnw_read(f, &byte, 1, 0, nullptr, nullptr); }, nullptr, false,
+       1467},
+      {"report", [&](void* f) { return tnw_write(f, &byte, 1, 0, nullptr, nullptr); }, nullptr,
+       false, 1467},
+      {"resize", [](void* f) { return tnw_setfilesize(f, 20, 0, nullptr); }, nullptr, false, 1467},
+      {"cleanup", [](void* f) { return tnw_cleanup_file(f); }, "Failed to close file.", true, 0},
+      {"close", [](void* f) { return tnw_close(f, nullptr); }, "Failed to close file.", true, 0},
+      {"proxy", [&](void*) { return tnw_set_http_proxy(drive.drive, "p", "", ""); },
+       "Failed to update proxy", false, 0},
+      {"token", [&](void*) { return send_token(); }, "Failed to update token", false, 0},
+  };
 };
 
 struct Request {
@@ -76,7 +114,6 @@ TEST_F(Calls, SendTheirRequests) {
     brl.wbrl_fso.fso_handle.id[0] = brl.wbrl_gid.id[0] = 1;
     return bytes_of(brl);
   };
-  char token[] = "tok";
   const Request requests[] = {
       {"stat", [&] { return tnw_getfileinfo(d, "\\p", &info, "me.exe"); }, TNV_OP_WIN_STAT,
        bytes_of(tnv_wstat_msg{3}), raw("\\p\0"), "me.exe"},
@@ -93,8 +130,8 @@ TEST_F(Calls, SendTheirRequests) {
        lock_fields(3), "", "writer.exe"},
       {"unlock", [&] { return tnw_unlockfile(file, 10, 1, 5, 1, 77); }, TNV_OP_WIN_BRL,
        lock_fields(4), "", "writer.exe"},
-      {"token", [&] { return tnw_updatetoken(d, token); }, TNV_OP_UPDATETOKEN,
-       bytes_of(tnv_updatetoken_msg{3}), raw("tok\0"), nullptr},
+      {"token", [&] { return send_token(); }, TNV_OP_UPDATETOKEN, bytes_of(tnv_updatetoken_msg{1}),
+       raw("t\0"), nullptr},
       {"proxy", [&] { return tnw_set_http_proxy(d, "p:1", "", "pw"); }, TNV_OP_WIN_SETPROXY,
        bytes_of(tnv_wsetproxy_msg{3, 0, 2}), raw("p:1\0\0pw\0"), nullptr},
   };
@@ -115,52 +152,7 @@ TEST_F(Calls, SendTheirRequests) {
   }
 }
 
-namespace {
-
-struct AnsweredCall {
-  const char* name;
-  std::function<int(void* file)> call;
-  const char* failure; /* the line of a refused request; null: told elsewhere */
-  bool heeds_mark;
-};
-
-}  // namespace
-
 TEST_F(Calls, DoWithTheirAnswersWhatEachShould) {
-  void* d = drive.drive;
-  tnw_fileinfo entry;
-  char token[] = "t";
-  char byte = 0;
-  void* slot = nullptr;
-  int err = 0;
-  const AnsweredCall calls[] = {
-      {"stat", [&](void*) { return get_info(); }, "Failed to get file info for p.", true},
-      {"rename", [&](void*) { return tnw_rename(d, "p", "q", nullptr); }, "Failed to rename p->q.",
-       true},
-      {"delete", [&](void*) { return tnw_delete(d, "p", nullptr); }, "Failed to delete file p.",
-       true},
-      {"can delete", [&](void*) { return tnw_canfilebedeleted(d, "p", &can_delete); },
-       "Failed to check if file p can be deleted.", true},
-      {"lock", [](void* f) { return tnw_lockfile(f, 0, 0, 0, 1, 0, 1); },
-       "Failed to lock file 00000001-0000-0000-0000-000000000000.", true},
-      {"unlock", [](void* f) { return tnw_unlockfile(f, 0, 0, 1, 0, 1); },
-       "Failed to unlock file 00000001-0000-0000-0000-000000000000.", true},
-      {"token", [&](void*) { return tnw_updatetoken(d, token); }, "Failed to update token", false},
-      {"proxy", [&](void*) { return tnw_set_http_proxy(d, "p", "", ""); }, "Failed to update proxy",
-       false},
-      {"open", [&](void*) { return tnw_create(d, &slot, "p", 1, 7, 1, 0, 0, "", &err), err; },
-       nullptr, true},
-      {"list", [&](void*) { return tnw_findfirst(d, "p", &entry, nullptr, &err), err; }, nullptr,
-       true},
-      {"end list", [](void* f) { return tnw_findclose(f); }, nullptr, true},
-      {"fetch", [&](void* f) { return tnw_read(f, &byte, 1, 0, nullptr, nullptr); }, nullptr,
-       false},
-      {"report", [&](void* f) { return tnw_write(f, &byte, 1, 0, nullptr, nullptr); }, nullptr,
-       false},
-      {"resize", [](void* f) { return tnw_setfilesize(f, 20, 0, nullptr); }, nullptr, false},
-      {"cleanup", [](void* f) { return tnw_cleanup_file(f); }, "Failed to close file.", true},
-      {"close", [](void* f) { return tnw_close(f, nullptr); }, "Failed to close file.", true},
-  };
   for (const AnsweredCall& c : calls) {
     SCOPED_TRACE(c.name);
     void* file = open();
@@ -193,17 +185,35 @@ TEST_F(Calls, DoWithTheirAnswersWhatEachShould) {
     answer(0, false, Bytes(1168, 0xff));
     EXPECT_EQ(get_info(), 0) << "an answer without the mark lifts it, a refusal too";
     EXPECT_EQ(info.fi_name[244], '\xff') << "a name that fills its field";
-    EXPECT_EQ(tnw_canfilebedeleted(d, "p", &can_delete), 0);
+    EXPECT_EQ(tnw_canfilebedeleted(drive.drive, "p", &can_delete), 0);
     EXPECT_TRUE(can_delete);
   }
+}
 
-  void* file = open();
+TEST_F(Calls, AreRefusedWithoutARequestOnceTheServiceIsUnauthorized) {
+  void* const file = open();
+  answer(0, true);
+  EXPECT_EQ(get_info(), UNAUTHORIZED);
+  const size_t sent = drive.peer->requests().size();
+  EXPECT_EQ(tnw_findnext(file, &info), UNAUTHORIZED);
+  EXPECT_EQ(tnw_checkfolderempty(file, &can_delete), UNAUTHORIZED);
+  for (const AnsweredCall& c : calls) {
+    SCOPED_TRACE(c.name);
+    const bool sends = strcmp(c.name, "proxy") == 0 || strcmp(c.name, "token") == 0;
+    LogCapture log;
+    EXPECT_EQ(c.call(file), sends ? 0 : UNAUTHORIZED);
+    EXPECT_EQ(log.count(13, "tarn is unauthorized"), !sends);
+  }
+  EXPECT_EQ(drive.peer->requests().size(), sent + 2);
+}
+
+TEST_F(Calls, OnADeadConnectionMostlyReadAsSuccess) {
+  std::vector<void*> files;
+  for (size_t i = 0; i < calls.size(); i++) files.push_back(open());
   drive.peer->hang_up();
   EXPECT_TRUE(drive.peer->wait_for_ended(2));
-  for (const AnsweredCall& c : calls) {
-    if (!c.failure) continue;
-    EXPECT_EQ(c.call(file), 0) << "a dead connection reads as success: " << c.name;
-  }
+  for (size_t i = 0; i < calls.size(); i++)
+    EXPECT_EQ(calls[i].call(files[i]), calls[i].when_dead) << calls[i].name;
 }
 
 /* ------------------------------------------------------------------- size */

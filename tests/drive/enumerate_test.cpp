@@ -11,8 +11,6 @@
 
 namespace {
 
-constexpr int UNKNOWN = 1467;
-
 class Enumerate : public testing::Test {
  protected:
   void SetUp() override { ASSERT_NE(drive.start(), nullptr); }
@@ -71,7 +69,6 @@ TEST_F(Enumerate, HandsOutEveryEntryOnceInOneExchange) {
   EXPECT_EQ(close.msg().u.wclose.wclose_oamode, 1u);
   EXPECT_EQ(close.msg().u.wclose.wclose_id.id[15], 9);
   EXPECT_EQ(memcmp(&close.msg().u.wclose.wclose_omsgid, &denum.msg().hdr.hdr_id, 16), 0);
-  EXPECT_EQ(tnw_findclose(handle), ERROR_BAD_ARGUMENTS);
 }
 
 TEST_F(Enumerate, GivesAHandleForAnEmptyFolder) {
@@ -84,23 +81,7 @@ TEST_F(Enumerate, GivesAHandleForAnEmptyFolder) {
   bool empty = false;
   EXPECT_EQ(tnw_checkfolderempty(handle, &empty), 0);
   EXPECT_TRUE(empty);
-  EXPECT_EQ(tnw_checkfolderempty(nullptr, &empty), ERROR_BAD_ARGUMENTS);
-  EXPECT_FALSE(empty);
   EXPECT_EQ(tnw_findclose(handle), 0);
-}
-
-TEST_F(Enumerate, RefusesBadArgumentsAndLeavesTheOutput) {
-  int err = -1;
-  EXPECT_EQ(tnw_findfirst(drive.drive, "\\d", nullptr, nullptr, &err), nullptr);
-  EXPECT_EQ(err, ERROR_BAD_ARGUMENTS);
-  EXPECT_EQ(tnw_findfirst(drive.drive, nullptr, &entry, nullptr, &err), nullptr);
-  EXPECT_EQ(err, ERROR_BAD_ARGUMENTS);
-  EXPECT_EQ(tnw_findfirst(&err, "\\d", &entry, nullptr, &err), nullptr);
-  EXPECT_EQ(err, UNKNOWN);
-  entry.fi_size = 5;
-  EXPECT_EQ(tnw_findnext(nullptr, &entry), ERROR_BAD_ARGUMENTS);
-  EXPECT_EQ(tnw_findnext(&err, &entry), UNKNOWN);
-  EXPECT_EQ(entry.fi_size, 5u);
 }
 
 TEST_F(Enumerate, ReportsTheServicesRefusal) {

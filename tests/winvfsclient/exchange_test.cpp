@@ -187,7 +187,6 @@ TEST_F(Exchange, WhatIsNoWholeAnswerGives133NowAndForEver) {
   }
   EXPECT_EQ(open(), 133u);
   EXPECT_EQ(list(), 133u);
-  EXPECT_EQ(run(tnw_async_send_msg, TNV_OP_WIN_CLOSE), 0u) << "reads as success, deliberately";
 }
 
 /* ------------------------------------------------------------------- OPEN and DENUM */
@@ -332,25 +331,11 @@ class Regions : public Exchange {
  private:
   int run_with(void* (*job)(void*, void*, void*), void* data, int* err) {
     *err = -5;
-    ioreq.io_curfsz = 1;
     ev.ev_data = data;
     run(job, TNV_OP_MAX);
     return *err;
   }
 };
-
-TEST_F(Regions, TheFilesSizeIsTheAnswersOrTheCallers) {
-  peer.on_request([](PeerConnection& conn) { conn.answer(OX_ENOTTY); });
-  EXPECT_EQ(cache(), 0) << "the service will not cache the range";
-  EXPECT_FALSE(ioreq.io_has_curfsz);
-  EXPECT_EQ(ioreq.io_curfsz, 1u);
-  peer.on_request([](PeerConnection& conn) {
-    conn.answer(0, tnv_cache_region_resp{0, 5, 70005, 0, {}});
-  });
-  EXPECT_EQ(cache(), 0);
-  EXPECT_TRUE(ioreq.io_has_curfsz);
-  EXPECT_EQ(ioreq.io_curfsz, 70005u);
-}
 
 TEST_F(Regions, JobsReportTheAnswerAndTheDeadConnection) {
   EXPECT_EQ(truncate(), 0);
