@@ -52,6 +52,8 @@ int ox_close_fhdl(ox_handle handle);
 ox_off ox_lseek(int fd, ox_off offset, int whence);
 /* Sets the size and leaves the file position at `length` (unlike POSIX). 0 or -1 with errno. */
 int ox_ftruncate(int fd, ox_off length);
+/* One read at the file's position, of up to 4 GiB - 1 bytes: the count, 0 at the end; or -1. */
+ox_s64 ox_read(int fd, void* buf, size_t count);
 /*
  * One positional transfer of up to 4 GiB - 1 bytes: the count, or -1. Reading at or past the end
  * of the file is -1 with errno 38 (unlike POSIX's 0). An invalid descriptor leaves errno alone.

@@ -208,6 +208,15 @@ int ox_ftruncate(int fd, ox_off length) {
   return 0;
 }
 
+ox_s64 ox_read(int fd, void* buf, size_t count) {
+  DWORD transferred = 0;
+  if (!ReadFile(ox_fd_handle(fd), buf, at_most_dword(count), &transferred, nullptr)) {
+    ox_set_errno();
+    return -1;
+  }
+  return transferred;
+}
+
 ox_s64 ox_pread(int fd, void* buf, size_t count, ox_off offset) {
   return transfer(ReadFile, fd, buf, count, offset);
 }

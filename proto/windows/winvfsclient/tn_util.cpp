@@ -10,7 +10,7 @@ namespace {
 constexpr ox_u32 attribute_directory = 16;
 
 /* 100 ns since 1601-01-01 UTC; wraps like the unsigned arithmetic that it is. */
-ox_u64 filetime_of(const ox_timespec_t& ts) {
+ox_u64 filetime_of(ox_timespec_t ts) {
   constexpr ox_u64 seconds_1601_to_1970 = 11644473600;
   return (static_cast<ox_u64>(ts.tv_sec) + seconds_1601_to_1970) * 10000000 +
          static_cast<ox_u64>(ts.tv_nsec / 100);
@@ -29,6 +29,14 @@ void checksum_text(char* text, size_t size, const cfs_cksum& ck) {
   }
 }
 
+/* The name, which ends with its record even without a NUL. */
+void copy_name(char* field, size_t size, const cfs_path* cfp) {
+  if (cfp->mp_reclen >= CFS_PATH_MIN_RECLEN && cfp->mp_reclen - sizeof(cfs_path) < size) {
+    size = cfp->mp_reclen - sizeof(cfs_path);
+  }
+  ox_copy_field(field, size, cfs_path_name(cfp));
+}
+
 }  // namespace
 
 void tn_cfp2fi(tnw_fileinfo* fi, const cfs_path* cfp) {
@@ -39,7 +47,7 @@ void tn_cfp2fi(tnw_fileinfo* fi, const cfs_path* cfp) {
   fi->fi_ctime = fi->fi_atime = fi->fi_mtime = filetime_of(cfp->mp_cmtime);
   fi->fi_size = cfp->mp_size;
   ox_uuid_unparse(cfp->mp_id.id, fi->fi_id);
-  ox_copy_field(fi->fi_name, sizeof fi->fi_name, cfs_path_name(cfp));
+  copy_name(fi->fi_name, sizeof fi->fi_name, cfp);
   if (!folder) {
     checksum_text(fi->fi_cksum, sizeof fi->fi_cksum, cfp->mp_checksum);
   }
