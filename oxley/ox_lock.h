@@ -53,11 +53,12 @@ int ox_rwlock_tryexcl(ox_rwlock_t* l); /* keeps no statistics */
 int ox_rwunlock(ox_rwlock_t* l);       /* either mode */
 
 /*
- * Byte-range locks on a descriptor (LockFileEx, UnlockFileEx). `flags` are Windows lock flags:
- * 0x2 exclusive, 0x1 fail at once. `overlapped` is the caller's OVERLAPPED; its offset is the
- * range's start. True on success; on failure false, errno set and an ERROR line. ox_flock locks
- * the whole file and returns 0 or -1; there is no unlock form: close the descriptor.
- * Unlike POSIX flock these locks are mandatory and belong to the handle.
+ * Byte-range locks by LockFileEx and UnlockFileEx, on a descriptor of this library's own runtime:
+ * one from ox_open or ox_creat (ox_platform.h). `flags` are Windows lock flags: 0x2 exclusive, 0x1
+ * fail at once. `overlapped` is the caller's OVERLAPPED; its offset is the range's start. True on
+ * success; on failure false, errno set and an ERROR line. ox_flock locks the whole file and returns
+ * 0 or -1; there is no unlock form: close the descriptor. Unlike POSIX flock these locks are
+ * mandatory and belong to the handle.
  */
 bool ox_lock_file(int fd, ox_u32 flags, ox_u32 bytes_low, ox_u32 bytes_high, void* overlapped);
 bool ox_unlock_file(int fd, ox_u32 bytes_low, ox_u32 bytes_high, void* overlapped);

@@ -1,9 +1,13 @@
 /*
  * POSIX-like descriptor calls over Windows file handles.
  *
- * A descriptor is one of the DLL's own C runtime, wrapped around a Windows handle; closing it
- * closes the handle. Descriptors of another runtime are not valid here: get them from ox_open or
- * ox_creat. Paths are narrow strings in the process's code page.
+ * A descriptor is a number of the DLL's own C runtime, wrapped around a Windows handle; closing it
+ * closes the handle. Each runtime of a process counts its own descriptors and streams and has its
+ * own errno: what a program's own open, _open_osfhandle or fopen gave is refused here or, worse,
+ * names another file, and what is had here must not go to the program's own read or close. So every
+ * descriptor comes from ox_open, ox_creat or ox_open_directory and goes to ox_close; a program that
+ * has a Windows handle uses the calls that take one. Paths are narrow strings in the process's code
+ * page.
  *
  * Failures: -1 with errno set from the Windows error by one rule (2 and 3 become 2, 183 becomes
  * 17, 50 becomes 130, every other code stays as it is), unless said otherwise. Any thread may
@@ -44,6 +48,9 @@ ox_u32 ox_create_disposition(ox_u32 flags);
 int ox_creat(const char* path, ox_u32 flags, ox_u32 mode);
 /* Opens an existing file; logs a failure. */
 int ox_open(const char* path, ox_u32 flags);
+/* Opens a folder, or a stream of one, which the create flag makes; logs nothing. A folder's
+ * descriptor serves for its path and its attributes (ox_xattr.h), not for reading or locks. */
+int ox_open_directory(const char* path, ox_u32 flags);
 int ox_close(int fd);
 /* Closes a Windows handle that no descriptor wraps: 0 or -1 with errno. */
 int ox_close_fhdl(ox_handle handle);
@@ -70,7 +77,7 @@ ox_s64 ox_pwrite(int fd, const void* buf, size_t count, ox_off offset);
 int ox_fd2path(int fd, char* buf, size_t size, const char* name);
 int ox_handle2path(ox_handle handle, char* buf, size_t size, const char* name);
 
-/* How many streams the runtime can have open at once (_getmaxstdio). */
+/* How many streams the DLL's own runtime can have open at once (_getmaxstdio). */
 int ox_get_max_openfiles(void);
 
 OX_END_DECLS

@@ -52,6 +52,11 @@ DWORD desired_access(ox_u32 flags) {
   return (flags & OX_O_WRONLY) != 0 ? GENERIC_WRITE : GENERIC_READ;
 }
 
+/* The flags of a descriptor that says of itself what it can do and nothing else. */
+int descriptor_access(ox_u32 flags) {
+  return (flags & OX_O_RDWR) != 0 ? OX_O_RDWR : static_cast<int>(flags & OX_O_WRONLY);
+}
+
 DWORD buffering(ox_u32 flags) {
   if ((flags & OX_O_DIRECT) != 0) {
     return FILE_FLAG_NO_BUFFERING;
@@ -144,9 +149,9 @@ void ox_set_errno(void) { errno = ox_winerr2errno(GetLastError()); }
 
 int ox_creat(const char* path, ox_u32 flags, ox_u32 mode) {
   const bool writable = (mode & 0222) != 0;
-  const int access = (flags & OX_O_RDWR) != 0 ? OX_O_RDWR : static_cast<int>(flags & OX_O_WRONLY);
   return open_descriptor(path, flags, ox_create_disposition(flags),
-                         writable ? FILE_ATTRIBUTE_NORMAL : FILE_ATTRIBUTE_READONLY, access);
+                         writable ? FILE_ATTRIBUTE_NORMAL : FILE_ATTRIBUTE_READONLY,
+                         descriptor_access(flags));
 }
 
 int ox_open(const char* path, ox_u32 flags) {
@@ -156,6 +161,11 @@ int ox_open(const char* path, ox_u32 flags) {
     OX_LOG(OX_ERROR_LEVEL, errno, "ox_open: Cannot open file %s", path);
   }
   return fd;
+}
+
+int ox_open_directory(const char* path, ox_u32 flags) {
+  return open_descriptor(path, flags, ox_create_disposition(flags), FILE_FLAG_BACKUP_SEMANTICS,
+                         descriptor_access(flags));
 }
 
 int ox_close(int fd) {

@@ -66,10 +66,14 @@ TEST(Disposition, OfOpenFlags) {
       {OX_O_RDONLY, 3},
       {OX_O_RDONLY | OX_O_CREAT, 1},
       {OX_O_RDONLY | OX_O_TRUNC, 3},
-      {OX_O_RDWR, 3},
-      {OX_O_RDWR | OX_O_CREAT, 4},
+      {OX_O_RDONLY | OX_O_CREAT | OX_O_TRUNC, 2},
+      {OX_O_WRONLY, 3},
       {OX_O_WRONLY | OX_O_CREAT | OX_O_EXCL, 4},
       {OX_O_WRONLY | OX_O_TRUNC | OX_O_SYNC, 5},
+      {OX_O_WRONLY | OX_O_CREAT | OX_O_TRUNC | OX_O_DIRECT, 2},
+      {OX_O_RDWR, 3},
+      {OX_O_RDWR | OX_O_CREAT, 4},
+      {OX_O_RDWR | OX_O_TRUNC, 5},
       {OX_O_RDWR | OX_O_CREAT | OX_O_TRUNC, 2},
   };
   for (const auto& [flags, disposition] : table) {
