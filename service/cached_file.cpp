@@ -80,12 +80,17 @@ int CachedFile::BringUpToDate() {
   if (!in_use && !(filled_ && SameContent(entry, base_))) {
     return Refill(entry);
   }
-  if (local_.IsOpen()) {
-    return LookUpSize();
+  const int err = local_.IsOpen() ? 0 : local_.Open();
+  if (err == 0 && !in_use && ResizedWhileClosed()) {
+    return Refill(entry);
   }
-  const uint64_t left_with = size_;
-  const int err = OpenLocal();
-  return err == 0 && !in_use && size_ != left_with ? Refill(entry) : err;
+  return err != 0 ? err : LookUpSize();
+}
+
+// A handle that outlived its open changed the size: nobody's content, and so not to be used.
+bool CachedFile::ResizedWhileClosed() const {
+  uint64_t size = 0;
+  return local_.Size(&size) != 0 || size != size_;
 }
 
 int CachedFile::OpenLocal() {
@@ -219,24 +224,25 @@ bool CachedFile::LocalStatus(uint64_t* size, uint64_t* modified) {
   return true;
 }
 
-int CachedFile::Rename(const std::string& to) {
-  Guard guard(lock_);
+CachedFile::Hold CachedFile::HoldForMove() {
+  Hold hold{std::unique_lock(lock_), false};
   CloudEntry before;
-  const bool current =
-      env_.cloud.Status(path_, &before) == 0 && filled_ && SameContent(before, base_);
-  if (const int err = env_.cloud.Rename(path_, to, false)) {
-    return err;
-  }
-  path_ = to;
-  CloudEntry after;
-  if (current && env_.cloud.Status(path_, &after) == 0) {
-    base_ = after;
-  }
-  RenewJournal();
-  return 0;
+  hold.current = filled_ && env_.cloud.Status(path_, &before) == 0 && SameContent(before, base_);
+  return hold;
 }
 
-int CachedFile::Delete(bool in_use) {
+cfs_id_t CachedFile::Moved(const Hold& hold, const std::string& path) {
+  path_ = path;
+  CloudEntry now;
+  if (env_.cloud.Status(path_, &now) == 0) {
+    path_ = now.path;
+    base_ = hold.current ? now : base_;
+  }
+  RenewJournal();
+  return now.id;
+}
+
+int CachedFile::Delete(const std::string& path, bool in_use) {
   Guard guard(lock_);
   if (in_use) {
     int err = LookUpSize();
@@ -245,8 +251,12 @@ int CachedFile::Delete(bool in_use) {
       return err;
     }
   }
-  if (const int err = env_.cloud.Delete(path_)) {
+  if (const int err = env_.cloud.Delete(path)) {
     return err;
+  }
+  CloudEntry behind_link;
+  if (env_.cloud.Status(path_, &behind_link) == 0) {
+    return 0;
   }
   deleted_ = true;
   unsaved_ = false;

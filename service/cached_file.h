@@ -109,11 +109,20 @@ class CachedFile {
   // Size and time as they are locally; false when the cloud's are the truth. Never waits.
   bool LocalStatus(uint64_t* size, uint64_t* modified);
 
-  // Renames the cloud's file and takes the new path on.
-  int Rename(const std::string& to);
+  // A rename of the file, or of a folder above it, in the cloud: as long as the hold lives, every
+  // request of the file waits.
+  struct Hold {
+    std::unique_lock<std::mutex> lock;
+    bool current = false;  // the cloud's file is still the one that the cache was filled from
+  };
+  Hold HoldForMove();
+  // Under the hold: takes the new path on, for all that is still to be written back, and returns
+  // the file's id there; a zero one when it is gone.
+  cfs_id_t Moved(const Hold& hold, const std::string& path);
   // Deletes the cloud's file; what the opens hold lives on until they close, and goes nowhere. With
-  // `in_use` (somebody may still read) it is fetched whole before.
-  int Delete(bool in_use);
+  // `in_use` (somebody may still read) it is fetched whole before. `path` as it was asked: a link
+  // to the file may go without it.
+  int Delete(const std::string& path, bool in_use);
 
   // Whether data waits here to be written back, or may come without a word.
   bool HasUnsaved();
@@ -131,6 +140,7 @@ class CachedFile {
   static bool SameContent(const CloudEntry& a, const CloudEntry& b);
   // All of these want lock_ held.
   int BringUpToDate();
+  bool ResizedWhileClosed() const;
   int OpenLocal();
   void CloseUnused();
   int Refill(const CloudEntry& entry);

@@ -10,17 +10,18 @@ namespace tarnd {
 // The start of every request of an open: it may be closed already, the file may have a new size.
 int CachedFile::Check(const FileOpen& open) { return open.attached ? LookUpSize() : OX_EBADF; }
 
-// The client may have changed the size: what is past its end is gone, also when it is the cloud's.
+// The client may have changed the size, without a word when its truncate request failed: what is
+// past its end is gone, also when it is the cloud's, and the cloud is to get the new size.
 int CachedFile::LookUpSize() {
   if (const int err = local_.Size(&size_)) {
     return err;
   }
   shown_size_ = size_;
-  if (size_ >= store_.limit()) {
-    return 0;
+  const bool cut = size_ < store_.limit();
+  if (cut) {
+    store_.Truncate(size_);
   }
-  store_.Truncate(size_);
-  return NoteUnsaved({});
+  return cut || (size_ != base_.size && !unsaved_) ? NoteUnsaved({}) : 0;
 }
 
 // An open whose maps speak of a content that is gone altogether drops them.

@@ -1,9 +1,9 @@
 // The cloud behind the cache service: one small interface, so that others can follow the plain
 // directory of cloud_directory.h.
 //
-// Paths are UTF-8, relative to the share, with '/' between names and no leading or trailing one; the
-// empty path is the share itself. They arrive normalised (see share_path.h): no empty, "." or ".."
-// name, no backslash. Results are 0 or an error number of ox_errno.h.
+// Paths are UTF-8, relative to the share, with '/' between names and no leading or trailing one;
+// the empty path is the share itself. They arrive normalised (see share_path.h): no empty, "." or
+// ".." name, no backslash. Results are 0 or an error number of ox_errno.h.
 //
 // Threads: any call may run on any thread at the same time.
 #ifndef SERVICE_CLOUD_H
@@ -22,6 +22,7 @@ namespace tarnd {
 
 struct CloudEntry {
   std::string name;  // the last name of the path; empty for the share
+  std::string path;  // the item's own: with the cloud's case, and behind links
   bool folder = false;
   uint64_t size = 0;        // bytes
   uint32_t attributes = 0;  // Windows file attributes

@@ -41,6 +41,7 @@ cfs_id_t IdOf(const std::string& text) {
 template <typename Info>
 void FillEntry(const Info& info, const std::string& path, CloudEntry* entry) {
   const auto time = [](const FILETIME& t) { return Join(t.dwHighDateTime, t.dwLowDateTime); };
+  entry->path = path;
   entry->folder = (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
   entry->size = entry->folder ? 0 : Join(info.nFileSizeHigh, info.nFileSizeLow);
   entry->attributes = info.dwFileAttributes;
@@ -84,6 +85,13 @@ std::wstring FinalPath(HANDLE file) {
       return path;
     }
   }
+}
+
+// Whatever case the folder was asked in.
+bool IsBelow(const std::wstring& path, const std::wstring& folder) {
+  const int length = static_cast<int>(folder.size());
+  return path.size() > folder.size() && path[folder.size()] == L'\\' &&
+         CompareStringOrdinal(path.c_str(), length, folder.c_str(), length, TRUE) == CSTR_EQUAL;
 }
 
 // A path that names nothing a caller may reach: none of ours, and nothing hidden among ours.
@@ -326,7 +334,7 @@ int CloudDirectory::Rename(const std::string& from, const std::string& to, bool 
   if (int err = PlaceFor(from, &source); err != 0 || (err = PlaceFor(to, &target)) != 0) {
     return err;
   }
-  if (target.starts_with(source + L'\\')) {
+  if (IsBelow(target, source)) {
     return OX_EINVAL;
   }
   const int err = Move(source, target, 0);

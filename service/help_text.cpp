@@ -46,7 +46,8 @@ Conventions (more in service/README.md):
   share mode     1 read, 2 write, 4 delete; a conflict is 13. Opens for attributes only, and opens
                  after their CLEANUP, take no part in it
   flags          0x1 asks for a folder (20 when it is a file), 0x40 for a file (1 when it is a
-                 folder); a create with 0x1 makes a folder
+                 folder); a create with 0x1 makes a folder. What is to be written must not be
+                 read-only (1), and a folder is not emptied (1)
   disposition    1 create new (17), 2 create always, 3 open (2), 4 open always, 5 truncate (2); 2
                  and 4 answer 183 for what was there
   answer flags   4 whenever maps are sent: for every file; 2 when the cached file is newer than the
@@ -58,14 +59,20 @@ Conventions (more in service/README.md):
                  with 0 and as cached, so that the next read there sends no message
   clear marks    for an open whose maps speak of a content that was cut to nothing by another open
   DIRTY_REGION   caches the regions first; 28: past the largest file
+  FTRUNCATE      28: past the largest file. A size that the local file got without it is written back
   CLOSE          8 in the flags writes the file back. So do a last close of a changed file, and the
                  end of the client. 9: no such open. A failed write-back refuses the close
-  RENAME         onto an existing name 17, of a folder with open files below 16
-  DELETE         of a folder with entries 41; both of what is open without sharing deletion 13, and
-                 of the share itself 1
-  BRL            a conflict is 13, an unlock of what is not locked 22
+  CLEANUP        the open takes no part in sharing any more and loses its range locks
+  RENAME         onto an existing name 17 (its own in another case: 0), into itself 22, of a folder
+                 with files in use below 16
+  DELETE         of a folder with entries 41, of what is read-only 1
+  both           of what is not there 2, open without sharing deletion 13, of the share itself 1
+  CANDELETE      0 and whether DELETE would do it; 2 for what is not there
+  BRL            a conflict is 13, at once; 22: an unlock of what is not locked so, or a range past
+                 2^64; 9: no such open, or it had its CLEANUP
   token          while it is "expired", every request about files is answered as unauthorised (1)
-  errors         22 malformed, 40 unknown operation, 1 access denied or a path out of the share
+  errors         22 malformed, or a name that Windows does not take or is over 244 bytes;
+                 40 unknown operation, 1 access denied or a path out of the share
 )";
 }
 

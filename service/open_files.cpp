@@ -1,6 +1,7 @@
 #include "open_files.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "ox_errno.h"
 
@@ -22,18 +23,22 @@ uint32_t NeededShare(uint32_t access) {
 
 bool Covers(uint32_t share, uint32_t needed) { return (needed & ~share) == 0; }
 
+void ReleaseLocks(const OpenFile& open) {
+  if (open.file != nullptr) {
+    open.file->locks().Release(open.part.number);
+  }
+}
+
 }  // namespace
 
 // ------------------------------------------------------------------ the tables
 
-int OpenFiles::Add(const std::shared_ptr<OpenFile>& open, const CloudEntry& entry,
-                   const std::string& path, uint32_t wants) {
+int OpenFiles::Add(const std::shared_ptr<OpenFile>& open, const CloudEntry& entry, uint32_t wants) {
   Guard guard(table_);
   if (opens_.contains(open->id)) {
     return OX_EINVAL;
   }
   open->item = entry.id;
-  open->name = path;
   open->place = entry.id;
   if (!SharingAllows(*open, wants)) {
     return OX_EACCES;
@@ -41,10 +46,17 @@ int OpenFiles::Add(const std::shared_ptr<OpenFile>& open, const CloudEntry& entr
   open->part.number = next_number_++;
   open->part.writable = (open->access & kAccessWrite) != 0;
   if (!entry.folder) {
-    open->file = FileOf(entry, path);
+    open->file = FileOf(entry);
   }
   opens_.emplace(open->id, open);
   return 0;
+}
+
+int OpenFiles::AddListing(const std::shared_ptr<OpenFile>& open, const CloudEntry& folder) {
+  Guard guard(table_);
+  open->item = folder.id;
+  open->place = folder.id;
+  return opens_.emplace(open->id, open).second ? 0 : OX_EINVAL;
 }
 
 // Opens for attributes alone take no part in sharing, on either side.
@@ -57,10 +69,10 @@ bool OpenFiles::SharingAllows(const OpenFile& open, uint32_t wants) const {
   });
 }
 
-std::shared_ptr<CachedFile> OpenFiles::FileOf(const CloudEntry& entry, const std::string& path) {
+std::shared_ptr<CachedFile> OpenFiles::FileOf(const CloudEntry& entry) {
   Cached& cached = files_[entry.id];
   if (cached.file == nullptr) {
-    cached.file = std::make_shared<CachedFile>(env_, path);
+    cached.file = std::make_shared<CachedFile>(env_, entry.path);
   }
   cached.used = next_number_++;
   const std::shared_ptr<CachedFile> file = cached.file;
@@ -85,12 +97,14 @@ void OpenFiles::ForgetIdle() {
   }
 }
 
+// A lock request may be under way: it looks for its open again when it has the lock, so the open
+// goes first.
 void OpenFiles::Remove(const OpenFile& open) {
-  if (open.file != nullptr) {
-    open.file->locks().Release(open.part.number);
+  {
+    Guard guard(table_);
+    opens_.erase(open.id);
   }
-  Guard guard(table_);
-  opens_.erase(open.id);
+  ReleaseLocks(open);
 }
 
 std::shared_ptr<OpenFile> OpenFiles::Find(const cfs_id_t& id) {
@@ -103,8 +117,8 @@ std::shared_ptr<OpenFile> OpenFiles::FindDescriptor(const std::set<uint32_t>& cl
                                                     const cfs_id_t& item) {
   Guard guard(table_);
   for (const auto& [id, open] : opens_) {
-    if (open->file != nullptr && open->client_fd == fd && clients.contains(open->client_pid) &&
-        SameId(open->item, item)) {
+    if (open->file != nullptr && !open->cleaned && open->client_fd == fd &&
+        clients.contains(open->client_pid) && SameId(open->item, item)) {
       return open;
     }
   }
@@ -126,9 +140,12 @@ std::vector<std::shared_ptr<OpenFile>> OpenFiles::All() {
   return all;
 }
 
-void OpenFiles::MarkCleaned(OpenFile& open) {
-  Guard guard(table_);
-  open.cleaned = true;
+void OpenFiles::CleanUp(OpenFile& open) {
+  {
+    Guard guard(table_);
+    open.cleaned = true;
+  }
+  ReleaseLocks(open);
 }
 
 std::shared_ptr<CachedFile> OpenFiles::Known(const cfs_id_t& item) {
@@ -165,35 +182,53 @@ int OpenFiles::MayMove(const CloudEntry& entry) {
   return blocked ? OX_EACCES : 0;
 }
 
-bool OpenFiles::AnyBusyBelow(const std::string& folder) {
-  {
-    Guard guard(table_);
-    for (const auto& [id, open] : opens_) {
-      if (open->file != nullptr && !open->cleaned && IsBelow(open->file->path(), folder)) {
-        return true;
-      }
-    }
-  }
-  const std::vector<std::shared_ptr<CachedFile>> files = AllFiles();
-  return std::any_of(files.begin(), files.end(), [&](const auto& file) {
-    return IsBelow(file->path(), folder) && file->HasUnsaved();
+bool OpenFiles::AnyInUseBelow(const std::string& folder) {
+  Guard guard(table_);
+  return std::any_of(opens_.begin(), opens_.end(), [&](const auto& item) {
+    const OpenFile& open = *item.second;
+    return open.file != nullptr && !open.cleaned && IsBelow(open.file->path(), folder);
   });
 }
 
+// What a rename of the item moves in the cache. No request of these files goes on before the holds
+// are gone.
+std::vector<OpenFiles::Moving> OpenFiles::HoldForMove(const CloudEntry& entry) {
+  std::vector<Moving> moving;
+  {
+    Guard guard(table_);
+    for (const auto& [id, cached] : files_) {
+      if (SameId(id, entry.id) || IsBelow(cached.file->path(), entry.path)) {
+        moving.push_back({id, cached.file, {}});
+      }
+    }
+  }
+  for (Moving& item : moving) {
+    item.hold = item.file->HoldForMove();
+  }
+  return moving;
+}
+
 int OpenFiles::Rename(const CloudEntry& entry, const std::string& from, const std::string& to) {
-  if (entry.folder && AnyBusyBelow(from)) {
+  if (entry.folder && AnyInUseBelow(entry.path)) {
     return OX_EBUSY;
   }
-  const std::shared_ptr<CachedFile> file = entry.folder ? nullptr : Known(entry.id);
-  const int err = file != nullptr ? file->Rename(to) : env_.cloud.Rename(from, to, false);
-  CloudEntry moved;
-  if (err != 0 || env_.cloud.Status(to, &moved) != 0) {
+  std::vector<Moving> moving = HoldForMove(entry);
+  if (const int err = env_.cloud.Rename(from, to, false)) {
     return err;
   }
-  if (entry.folder) {
-    ForgetBelow(from);
+  CloudEntry now;
+  if (env_.cloud.Status(to, &now) != 0) {
+    now.path = to;  // gone again already
   }
-  Moved(entry.id, moved.id);
+  std::vector<std::pair<cfs_id_t, cfs_id_t>> moves = {{entry.id, now.id}};
+  for (Moving& item : moving) {
+    const std::string tail = item.file->path().substr(entry.path.size());
+    moves.emplace_back(item.id, item.file->Moved(item.hold, now.path + tail));
+  }
+  moving.clear();
+  for (const auto& [before, after] : moves) {
+    Moved(before, after);
+  }
   return 0;
 }
 
@@ -203,9 +238,10 @@ int OpenFiles::Delete(const CloudEntry& entry, const std::string& path) {
   if (file == nullptr) {
     err = env_.cloud.Delete(path);
   } else {
-    err = file->Delete(IsInUse(file));
+    err = file->Delete(path, IsInUse(file));
   }
-  if (err == 0) {
+  CloudEntry behind_link;
+  if (err == 0 && env_.cloud.Status(entry.path, &behind_link) != 0) {
     Moved(entry.id, {});
   }
   return err;
@@ -234,18 +270,6 @@ void OpenFiles::Moved(const cfs_id_t& from, const cfs_id_t& to) {
   files_.erase(it);
   if (!SameId(to, cfs_id_t{})) {
     files_[to] = cached;
-  }
-}
-
-// The files below a moved folder are cached under ids that are no longer theirs.
-void OpenFiles::ForgetBelow(const std::string& folder) {
-  Guard guard(table_);
-  for (auto it = files_.begin(); it != files_.end();) {
-    const bool below = IsBelow(it->second.file->path(), folder);
-    if (below && it->second.file.use_count() == 1) {
-      it->second.file->Discard();
-    }
-    it = below ? files_.erase(it) : std::next(it);
   }
 }
 

@@ -5,7 +5,7 @@
 //      has them open (open, rename, delete), the cloud's part of it included;
 //   2. table_: guards both tables and the sharing state; held for moments only;
 //   3. a CachedFile's lock, which may be held for long: taken under table_ only for a file that
-//      nobody else has a pointer to.
+//      nobody else has a pointer to. Only a rename, under names_, takes those of several files.
 #ifndef SERVICE_OPEN_FILES_H
 #define SERVICE_OPEN_FILES_H
 
@@ -53,16 +53,21 @@ class OpenFiles {
   // Adds an open, with names() held: 0; OX_EACCES when share modes conflict; OX_EINVAL when its id
   // is in use. `wants` are the access bits that count for sharing. A file's CachedFile is found or
   // made here.
-  int Add(const std::shared_ptr<OpenFile>& open, const CloudEntry& entry, const std::string& path,
-          uint32_t wants);
+  int Add(const std::shared_ptr<OpenFile>& open, const CloudEntry& entry, uint32_t wants);
+  // Adds a folder's listing, which takes no part in sharing and so needs no names(): a listing
+  // never waits for a rename that waits for a file. OX_EINVAL when its id is in use.
+  int AddListing(const std::shared_ptr<OpenFile>& open, const CloudEntry& folder);
+  // The open is no more, its range locks neither.
   void Remove(const OpenFile& open);
   std::shared_ptr<OpenFile> Find(const cfs_id_t& id);
-  // The open of a file by its client's descriptor; null when none of the processes has it.
+  // The open of a file by its client's descriptor; null when none of the processes has it, or it
+  // had its CLEANUP.
   std::shared_ptr<OpenFile> FindDescriptor(const std::set<uint32_t>& clients, int32_t fd,
                                            const cfs_id_t& item);
   std::vector<std::shared_ptr<OpenFile>> OfClient(uint32_t client_pid);
   std::vector<std::shared_ptr<OpenFile>> All();
-  void MarkCleaned(OpenFile& open);
+  // The open's user is gone: it blocks nobody any more, and its range locks go.
+  void CleanUp(OpenFile& open);
 
   // Overlays what is known locally (an open file's size and time) on the cloud's entry.
   void Overlay(CloudEntry* entry);
@@ -70,8 +75,9 @@ class OpenFiles {
   // With names() held: 0, or OX_EACCES when an open that does not share deletion keeps the item
   // from being renamed or deleted.
   int MayMove(const CloudEntry& entry);
-  // Rename and delete, with names() held and MayMove asked: in the cloud and in the cache.
-  // OX_EBUSY: files below a folder to be renamed are open or wait for their write-back.
+  // Rename and delete, with names() held and MayMove asked: in the cloud and in the cache. What the
+  // cache holds of the item, and of all below a folder, goes with it, unsaved or not. OX_EBUSY:
+  // files below a folder to be renamed are in use.
   int Rename(const CloudEntry& entry, const std::string& from, const std::string& to);
   int Delete(const CloudEntry& entry, const std::string& path);
 
@@ -87,15 +93,22 @@ class OpenFiles {
     uint64_t used = 0;  // a tick of next_number_
   };
 
+  // A cached file that a rename moves: by name or with a folder above it.
+  struct Moving {
+    cfs_id_t id;
+    std::shared_ptr<CachedFile> file;
+    CachedFile::Hold hold;
+  };
+
   // These want table_ held.
-  std::shared_ptr<CachedFile> FileOf(const CloudEntry& entry, const std::string& path);
+  std::shared_ptr<CachedFile> FileOf(const CloudEntry& entry);
   bool SharingAllows(const OpenFile& open, uint32_t wants) const;
   void ForgetIdle();
 
   std::shared_ptr<CachedFile> Known(const cfs_id_t& item);
   bool IsInUse(const std::shared_ptr<CachedFile>& file);
-  bool AnyBusyBelow(const std::string& folder);
-  void ForgetBelow(const std::string& folder);
+  bool AnyInUseBelow(const std::string& folder);
+  std::vector<Moving> HoldForMove(const CloudEntry& entry);
   void Moved(const cfs_id_t& from, const cfs_id_t& to);
   std::vector<std::shared_ptr<CachedFile>> AllFiles();
 

@@ -31,10 +31,7 @@ int Cleanup(Session& session, const Request& request, Reply* reply) {
     return OX_EBADF;
   }
   reply->target = open->name;
-  session.service.files.MarkCleaned(*open);
-  if (open->file != nullptr) {
-    open->file->locks().Release(open->part.number);
-  }
+  session.service.files.CleanUp(*open);
   return 0;
 }
 

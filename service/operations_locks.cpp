@@ -8,23 +8,35 @@ namespace tarnd {
 int RangeLock(Session& session, const Request& request, Reply* reply) {
   const tnv_wbrl_msg& brl = request->u.wbrl;
   Service& service = session.service;
-  const std::shared_ptr<OpenFile> open =
-      service.files.FindDescriptor(service.clients.Of(session.number), brl.wbrl_fd, brl.wbrl_gid);
+  const auto find = [&] {
+    return service.files.FindDescriptor(service.clients.Of(session.number), brl.wbrl_fd,
+                                        brl.wbrl_gid);
+  };
+  const std::shared_ptr<OpenFile> open = find();
   if (open == nullptr) {
     return OX_EBADF;
   }
   reply->target = open->name;
   const RangeLocks::Owner owner{open->part.number, brl.wbrl_pid};
   RangeLocks& locks = open->file->locks();
+  int err = 0;
   switch (brl.wbrl_type) {
     case TN_SMBLK_SH_BRL:
     case TN_SMBLK_EX_BRL:
-      return locks.Lock(owner, brl.wbrl_off, brl.wbrl_len, brl.wbrl_type == TN_SMBLK_EX_BRL);
+      err = locks.Lock(owner, brl.wbrl_off, brl.wbrl_len, brl.wbrl_type == TN_SMBLK_EX_BRL);
+      break;
     case TN_SMBLK_UNLOCK_BRL:
-      return locks.Unlock(owner, brl.wbrl_off, brl.wbrl_len);
+      err = locks.Unlock(owner, brl.wbrl_off, brl.wbrl_len);
+      break;
     default:
-      return OX_EINVAL;
+      err = OX_EINVAL;
   }
+  // An open that was closed meanwhile has released its locks already.
+  if (err == 0 && find() != open) {
+    locks.Release(open->part.number);
+    return OX_EBADF;
+  }
+  return err;
 }
 
 }  // namespace tarnd

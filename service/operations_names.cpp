@@ -36,8 +36,8 @@ int AddListing(Session& session, const Request& request, const CloudEntry& folde
   auto open = std::make_shared<OpenFile>();
   open->id = request->hdr.hdr_id;
   open->client_pid = processes.empty() ? 0 : *processes.begin();
-  const std::lock_guard names(service.files.names());
-  return service.files.Add(open, folder, path, 0);
+  open->name = path;
+  return service.files.AddListing(open, folder);
 }
 
 // The item of a rename, delete or can-delete, and whether it may go. With names() held.
@@ -61,7 +61,7 @@ int CheckDelete(Service& service, const std::string& path, const std::string& sh
   if (err != 0 || !children.empty()) {
     return err != 0 ? err : OX_ENOTEMPTY;
   }
-  return !entry.folder && (entry.attributes & kReadOnlyAttribute) != 0 ? OX_EPERM : 0;
+  return (entry.attributes & kReadOnlyAttribute) != 0 ? OX_EPERM : 0;
 }
 
 }  // namespace
@@ -100,7 +100,7 @@ int Stat(Session& session, const Request& request, Reply* reply) {
   }
   if (err == 0) {
     service.files.Overlay(&entry);
-    err = InfoOf(entry, &reply->resp.u.wstat.wstat_fi) ? 0 : OX_ENAMETOOLONG;
+    err = InfoOf(entry, &reply->resp.u.wstat.wstat_fi) ? 0 : OX_EINVAL;
   }
   return err;
 }
@@ -122,8 +122,8 @@ int Rename(Session& session, const Request& request, Reply*) {
   const std::lock_guard names(service.files.names());
   CloudEntry entry;
   err = FindMovable(service, from, session.share, &entry);
-  if (err != 0 || from == to) {
-    return err;
+  if (err != 0 || to == session.share) {
+    return err != 0 ? err : OX_EEXIST;
   }
   return service.files.Rename(entry, from, to);
 }

@@ -119,8 +119,8 @@ int Open(Session& session, const Request& request, Reply* reply) {
     found = FindOrCreate(*service.cloud, message, path, &entry);
     err = found == TNV_OPEN_EXISTED ? 0 : found;
     if (err == 0) {
-      err = service.files.Add(open, entry, path,
-                              open->access | (truncates ? uint32_t{kAccessWrite} : 0));
+      open->name = path;
+      err = service.files.Add(open, entry, open->access | (truncates ? uint32_t{kAccessWrite} : 0));
     }
   }
   if (err == 0 && open->file != nullptr) {

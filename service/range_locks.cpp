@@ -7,16 +7,16 @@
 namespace tarnd {
 namespace {
 
-// Both ranges end at or below 2^64 - 1.
+// Ranges that end at or below 2^64: their last bytes are counted, since their ends may not be.
 bool Overlap(uint64_t offset, uint64_t length, uint64_t other_offset, uint64_t other_length) {
-  return length != 0 && other_length != 0 && offset < other_offset + other_length &&
-         other_offset < offset + length;
+  return length != 0 && other_length != 0 && offset <= other_offset + (other_length - 1) &&
+         other_offset <= offset + (length - 1);
 }
 
 }  // namespace
 
 int RangeLocks::Lock(Owner owner, uint64_t offset, uint64_t length, bool exclusive) {
-  if (length > UINT64_MAX - offset) {
+  if (length != 0 && length - 1 > UINT64_MAX - offset) {
     return OX_EINVAL;
   }
   std::lock_guard guard(lock_);

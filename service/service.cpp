@@ -37,7 +37,12 @@ void Service::Recover() { recovered = RecoverCache(environment); }
 
 void Service::ConnectionEnded(uint64_t connection) {
   for (const uint32_t pid : clients.Leave(connection)) {
-    for (const std::shared_ptr<OpenFile>& open : files.OfClient(pid)) {
+    const std::vector<std::shared_ptr<OpenFile>> left = files.OfClient(pid);
+    // First what others may be refused for, since writing back may take its time.
+    for (const std::shared_ptr<OpenFile>& open : left) {
+      files.CleanUp(*open);
+    }
+    for (const std::shared_ptr<OpenFile>& open : left) {
       OX_LOG(OX_WARN_LEVEL, 0, "Process %u left %s open", pid, open->name.c_str());
       if (open->file != nullptr) {
         open->file->Detach(&open->part, Closing::kClientDied);

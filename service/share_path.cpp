@@ -61,10 +61,8 @@ int AppendNames(std::string_view path, size_t floor, std::vector<std::string_vie
 }  // namespace
 
 int CheckName(std::string_view name) {
-  if (name.size() > kMaxNameBytes) {
-    return OX_ENAMETOOLONG;
-  }
-  if (name.empty() || std::any_of(name.begin(), name.end(), IsForbidden) || name.back() == '.' ||
+  if (name.empty() || name.size() > kMaxNameBytes ||
+      std::any_of(name.begin(), name.end(), IsForbidden) || name.back() == '.' ||
       name.back() == ' ' || IsDevice(name)) {
     return OX_EINVAL;
   }

@@ -15,6 +15,7 @@ int ErrnoOfWindows(DWORD code) {
     case ERROR_ACCESS_DENIED:
     case ERROR_WRITE_PROTECT:
     case ERROR_PRIVILEGE_NOT_HELD:
+    case ERROR_NOT_SAME_DEVICE:
       return OX_EPERM;
     case ERROR_SHARING_VIOLATION:
     case ERROR_LOCK_VIOLATION:
@@ -36,12 +37,9 @@ int ErrnoOfWindows(DWORD code) {
     case ERROR_INVALID_NAME:
     case ERROR_INVALID_PARAMETER:
     case ERROR_BAD_PATHNAME:
-      return OX_EINVAL;
     case ERROR_FILENAME_EXCED_RANGE:
     case ERROR_BUFFER_OVERFLOW:
-      return OX_ENAMETOOLONG;
-    case ERROR_NOT_SAME_DEVICE:
-      return OX_EXDEV;
+      return OX_EINVAL;
     case ERROR_FILE_TOO_LARGE:
       return OX_EFBIG;
     case ERROR_TOO_MANY_OPEN_FILES:

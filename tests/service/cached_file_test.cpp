@@ -80,10 +80,15 @@ class Handle {
     const uint64_t from = Up(std::min(old, size));
     const uint64_t to = Up(std::max(old, size));
     MarkBoth(from, to - from, old > size);
+    Resize(size);
+    modified = true;
+  }
+
+  // Without a word to the service.
+  void Resize(uint64_t size) {
     FILE_END_OF_FILE_INFO info = {};
     info.EndOfFile.QuadPart = static_cast<LONGLONG>(size);
     ASSERT_TRUE(SetFileInformationByHandle(handle_, FileEndOfFileInfo, &info, sizeof info));
-    modified = true;
   }
 
   int Close(Closing how) { return file_->Detach(&part, how); }
@@ -353,6 +358,40 @@ TEST_F(CachedFileTest, ContentsAreNeverMixed) {
   EXPECT_EQ(cloud_.Content(kPath), "minebbbbbbbbbbbb");
 }
 
+// As when the client's truncate request failed or never came.
+TEST_F(CachedFileTest, ASizeThatTheServiceWasNotToldOfIsWrittenBack) {
+  const std::string old = "0123456789abcdef0123456789ABCDEF";
+  for (const size_t size : {0, 5, 16, 20, 33, 100}) {
+    for (const Closing how : {Closing::kUnmodified, Closing::kClientDied}) {
+      SCOPED_TRACE(testing::Message() << size << ' ' << static_cast<int>(how));
+      Reopen(4, old);
+      const auto reader = Open(false);
+      const auto handle = Open();
+      handle->Resize(size);
+      EXPECT_EQ(handle->Close(how), 0);
+      std::string expected = old;
+      expected.resize(size, '\0');
+      EXPECT_EQ(reader->Read(0, 200), expected);
+      EXPECT_EQ(reader->Close(Closing::kUnmodified), 0);
+      EXPECT_EQ(cloud_.Content(kPath), expected);
+    }
+  }
+}
+
+TEST_F(CachedFileTest, WhatAHandleDoesToTheSizeAfterItsCloseDoesNotCount) {
+  const std::string old(32, 'x');
+  Reopen(4, old);
+  auto handle = Open();
+  EXPECT_EQ(handle->Close(Closing::kUnmodified), 0);
+  handle->Resize(5);
+  handle = Open();
+  EXPECT_EQ(handle->Read(0, 8), old.substr(0, 8));
+  handle.reset();
+  Reopen(4);
+  EXPECT_EQ(tarnd::RecoverCache(*env_), 0u) << "killed";
+  EXPECT_EQ(cloud_.Content(kPath), old);
+}
+
 TEST_F(CachedFileTest, RecoveryNeverOverwritesAChangedFile) {
   Reopen(4, "old content");
   Open()->Write(0, "new");
@@ -383,19 +422,25 @@ TEST_F(CachedFileTest, RenamedAndDeletedWhileOpen) {
   Reopen(2, "old content");
   auto handle = Open();
   handle->Write(0, "new");
-  ASSERT_EQ(file_->Rename("elsewhere"), 0);
+  {
+    const CachedFile::Hold hold = file_->HoldForMove();
+    cloud_.Rename(kPath, "elsewhere", false);
+    file_->Moved(hold, "elsewhere");
+  }
   handle->Write(4, "CONTENT");
-  EXPECT_EQ(handle->Close(Closing::kModified), 0);
+  handle.reset();
+  Reopen(2);
+  EXPECT_EQ(tarnd::RecoverCache(*env_), 1u) << "killed";
   EXPECT_EQ(cloud_.Content("elsewhere"), "new CONTENT");
 
-  cloud_.Set("elsewhere", "not fetched yet");
+  cloud_.Set(kPath, "not fetched yet");
   handle = Open();
-  ASSERT_EQ(file_->Delete(true), 0);
+  ASSERT_EQ(file_->Delete(kPath, true), 0);
   EXPECT_EQ(handle->Read(0, 50), "not fetched yet");
   handle->Write(0, "x");
   EXPECT_EQ(handle->Close(Closing::kModified), 0);
   tarnd::CloudEntry entry;
-  EXPECT_EQ(cloud_.Status("elsewhere", &entry), OX_ENOENT) << "not brought back";
+  EXPECT_EQ(cloud_.Status(kPath, &entry), OX_ENOENT) << "not brought back";
   handle.reset();
   EXPECT_EQ(FilesLeft(), 0u);
 }

@@ -34,7 +34,7 @@ class MemoryCloud : public tarnd::Cloud {
     if (it == files_.end()) {
       return OX_ENOENT;
     }
-    *entry = {.name = path, .size = it->second.content.size()};
+    *entry = {.name = path, .path = path, .size = it->second.content.size()};
     std::memcpy(&entry->version, &it->second.version, sizeof it->second.version);
     path.copy(reinterpret_cast<char*>(entry->id.id), sizeof entry->id.id);
     return 0;

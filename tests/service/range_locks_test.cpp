@@ -43,7 +43,10 @@ TEST(RangeLocks, EndOneByOneOrWithTheirOpen) {
 
 TEST(RangeLocks, HoldAtTheEndsOfTheNumbers) {
   RangeLocks locks;
-  EXPECT_EQ(locks.Lock(kMine, UINT64_MAX, 1, true), OX_EINVAL);
+  EXPECT_EQ(locks.Lock(kMine, UINT64_MAX, 2, true), OX_EINVAL);
+  EXPECT_EQ(locks.Lock(kMine, 2, UINT64_MAX, true), OX_EINVAL);
+  EXPECT_EQ(locks.Lock(kOtherOpen, UINT64_MAX, 1, true), 0) << "the last byte";
+  EXPECT_EQ(locks.Lock(kMine, UINT64_MAX - 1, 2, false), OX_EACCES);
   EXPECT_EQ(locks.Lock(kMine, 0, UINT64_MAX, true), 0);
   EXPECT_EQ(locks.Lock(kOtherOpen, UINT64_MAX - 1, 1, false), OX_EACCES);
   EXPECT_EQ(locks.Lock(kOtherOpen, 5, 0, true), 0) << "no bytes, no conflict";

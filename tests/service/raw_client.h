@@ -228,9 +228,10 @@ class RawConnection {
         opcode, [&](Payload& u) { u.wdelete.wdelete_msg_plen = Length(path); }, path + '\0');
   }
   int Delete(const std::string& path) { return PathRequest(TNV_OP_WIN_DELETE, path).error(); }
-  bool CanDelete(const std::string& path) {
+  // The answered check, or an error as a negative number.
+  int CanDelete(const std::string& path) {
     const RawAnswer answer = PathRequest(TNV_OP_WIN_CANDELETE, path);
-    return answer.error() == 0 && answer.resp.u.wcandel.wcandel_check == 1;
+    return answer.error() == 0 ? answer.resp.u.wcandel.wcandel_check : -answer.error();
   }
   int Rename(const std::string& from, const std::string& to) {
     const auto fill = [&](Payload& u) {

@@ -1,6 +1,7 @@
 // tarnd.exe from outside: its process, and every operation as bytes on the socket.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <random>
@@ -18,6 +19,17 @@ using Payload = RawConnection::Payload;
 constexpr RawOpen kCreateNew{.disposition = 1};
 constexpr RawOpen kOpenAlways{.disposition = 4};
 constexpr uint32_t kModified = TNV_FL_MODIFIED;
+
+// As the client does: cached, reported, written.
+void Change(RawConnection& connection, const RawFile& file, uint32_t offset,
+            const std::string& data) {
+  ASSERT_EQ(connection.CacheRegion(file, offset, data.size()).error(), 0);
+  ASSERT_EQ(connection.DirtyRegion(file, offset, data.size()).error(), 0);
+  OVERLAPPED position = {};
+  position.Offset = offset;
+  const DWORD size = static_cast<DWORD>(data.size());
+  ASSERT_TRUE(WriteFile(file.handle(), data.data(), size, nullptr, &position));
+}
 
 class ServiceTest : public testing::Test {
  protected:
@@ -49,14 +61,8 @@ class ServiceTest : public testing::Test {
     return text.str();
   }
 
-  // As the client does: cached, reported, written.
   void Change(const RawFile& file, uint32_t offset, const std::string& data) {
-    ASSERT_EQ(connection_->CacheRegion(file, offset, data.size()).error(), 0);
-    ASSERT_EQ(connection_->DirtyRegion(file, offset, data.size()).error(), 0);
-    OVERLAPPED position = {};
-    position.Offset = offset;
-    const DWORD size = static_cast<DWORD>(data.size());
-    ASSERT_TRUE(WriteFile(file.handle(), data.data(), size, nullptr, &position));
+    ::Change(*connection_, file, offset, data);
   }
   int CloseFile(const RawFile& file, uint32_t tnflags = 0) {
     CloseHandle(file.handle());
@@ -207,71 +213,219 @@ TEST_F(ServiceTest, RangeLocksBelongToOpens) {
   const RawFile two = connection_->Open("a.txt");
   RawConnection other(service_);
   ASSERT_EQ(other.Connect().error(), 0);
+  Put("b.txt", "x");
+  const RawFile elsewhere = connection_->Open("b.txt");
   EXPECT_EQ(connection_->Lock(one, TN_SMBLK_EX_BRL, 0, 10), 0);
+  EXPECT_EQ(connection_->Lock(elsewhere, TN_SMBLK_EX_BRL, 0, 10), 0) << "another file";
   EXPECT_EQ(other.Lock(two, TN_SMBLK_SH_BRL, 9, 1), OX_EACCES);
   EXPECT_EQ(other.Lock(two, TN_SMBLK_UNLOCK_BRL, 0, 10), OX_EINVAL);
   EXPECT_EQ(connection_->Cleanup(one), 0);
+  EXPECT_EQ(connection_->Lock(one, TN_SMBLK_SH_BRL, 20, 1), OX_EBADF);
   EXPECT_EQ(other.Lock(two, TN_SMBLK_EX_BRL, 0, 10), 0) << "released by the cleanup";
   EXPECT_EQ(connection_->Lock(two, TN_SMBLK_LEASE, 0, 10), OX_EINVAL);
-  EXPECT_EQ(CloseFile(two) | CloseFile(one), 0);
+  const RawFile three = connection_->Open("a.txt");
+  EXPECT_EQ(connection_->Lock(three, TN_SMBLK_SH_BRL, 0, 1), OX_EACCES);
+  EXPECT_EQ(CloseFile(two) | CloseFile(one) | CloseFile(elsewhere), 0);
+  EXPECT_EQ(connection_->Lock(three, TN_SMBLK_EX_BRL, 0, 1), 0) << "released by the close";
+  EXPECT_EQ(CloseFile(three), 0);
   EXPECT_EQ(other.Lock(two, TN_SMBLK_SH_BRL, 0, 1), OX_EBADF);
 }
 
-TEST_F(ServiceTest, AClientThatLeavesLosesNothing) {
-  Put("a.txt", "old");
-  StartAndConnect();
-  RawFile file = connection_->Open("a.txt", {.share = 0});
-  Change(file, 0, "new");
-  CloseHandle(file.handle());
-  connection_.reset();
-  // The opens end with the last connection; nothing tells a client when.
-  for (int tries = 0; tries < 100; tries++) {
-    RawConnection next(service_);
-    ASSERT_EQ(next.Connect().error(), 0);
-    file = next.Open("a.txt", {.share = 0});
-    if (file.error == 0) break;
+// Waits for what the service does on its own.
+bool Soon(const std::function<bool()>& happened) {
+  for (int tries = 0; tries < 500; tries++) {
+    if (happened()) return true;
     Sleep(20);
   }
-  EXPECT_EQ(file.error, 0);
-  EXPECT_EQ(Get("a.txt"), "new");
-  CloseHandle(file.handle());
+  return false;
+}
+
+// The part of another process, which the next test starts and kills.
+TEST(KilledClient, DISABLED_HoldsAFile) {
+  WSADATA data;
+  WSAStartup(MAKEWORD(2, 2), &data);
+  const std::string folder = std::getenv("TARND_TEST_FOLDER");
+  const ServiceProcess service(folder);
+  RawConnection connection(service);
+  ASSERT_EQ(connection.Connect().error(), 0);
+  const RawFile file = connection.Open("a.txt");
+  Change(connection, file, 0, "new");
+  ASSERT_EQ(connection.Lock(file, TN_SMBLK_EX_BRL, 0, 10), 0);
+  ASSERT_EQ(connection.Open("b.txt", {.share = 0}).error, 0);
+  std::ofstream(folder + "/held") << "x";
+  Sleep(INFINITE);
+}
+
+TEST_F(ServiceTest, AKilledClientHoldsNothingAndLosesNothing) {
+  Put("a.txt", "old content");
+  Put("b.txt", "");
+  StartAndConnect();
+  char program[MAX_PATH];
+  GetModuleFileNameA(nullptr, program, sizeof program);
+  const std::string line = '"' + std::string(program) +
+                           "\" --gtest_also_run_disabled_tests --gtest_filter=KilledClient.*";
+  SetEnvironmentVariableA("TARND_TEST_FOLDER", folder_.path().string().c_str());
+  STARTUPINFOA startup = {};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION client = {};
+  ASSERT_TRUE(CreateProcessA(nullptr, std::string(line).data(), nullptr, nullptr, FALSE,
+                             CREATE_NO_WINDOW, nullptr, nullptr, &startup, &client));
+  EXPECT_TRUE(Soon([&] { return fs::exists(folder_.path() / "held"); }));
+
+  const RawFile file = connection_->Open("a.txt");
+  EXPECT_EQ(connection_->Lock(file, TN_SMBLK_SH_BRL, 9, 1), OX_EACCES);
+  EXPECT_EQ(connection_->Open("b.txt").error, OX_EACCES);
+  TerminateProcess(client.hProcess, 1);
+  WaitForSingleObject(client.hProcess, INFINITE);
+  CloseHandle(client.hThread);
+  CloseHandle(client.hProcess);
+  EXPECT_TRUE(Soon([&] { return connection_->Lock(file, TN_SMBLK_EX_BRL, 9, 1) == 0; }));
+  EXPECT_TRUE(Soon([&] { return Get("a.txt") == "new content"; }));
+  const RawFile exclusive = connection_->Open("b.txt", {.share = 0});
+  EXPECT_EQ(exclusive.error, 0);
+  EXPECT_EQ(CloseFile(exclusive) | CloseFile(file), 0);
 }
 
 // ------------------------------------------------------------------ names
 
-TEST_F(ServiceTest, RenamesAndDeletes) {
-  Put("a.txt", "content");
-  Put("b.txt", "");
-  fs::create_directory(Cloud("folder"));
+TEST_F(ServiceTest, MakesFoldersAndKeepsThemApartFromFiles) {
+  Put("file", "x");
   StartAndConnect();
-  EXPECT_EQ(connection_->Rename("a.txt", "b.txt"), OX_EEXIST);
-  EXPECT_EQ(connection_->Rename("/", "c"), OX_EPERM);
-  EXPECT_EQ(connection_->Rename("a.txt", "../c"), OX_EPERM);
-  const RawFile file = connection_->Open("a.txt");
-  Change(file, 0, "CON");
-  EXPECT_EQ(connection_->Rename("a.txt", "folder\\c.txt"), 0) << "it shares deletion";
-  EXPECT_EQ(connection_->Rename("folder", "moved"), OX_EBUSY);
-  EXPECT_EQ(connection_->Delete("folder"), OX_ENOTEMPTY);
-  EXPECT_FALSE(connection_->CanDelete("folder"));
-  EXPECT_EQ(CloseFile(file, kModified), 0);
-  EXPECT_EQ(Get("folder/c.txt"), "CONtent");
-  EXPECT_EQ(connection_->Rename("folder", "moved"), 0);
+  const struct {
+    const char* path;
+    uint32_t disposition, flags;
+    int error;
+  } cases[] = {
+      {"new", 3, 0x1, OX_ENOENT},
+      {"new", 1, 0x1, 0},
+      {"NEW", 1, 0x1, OX_EEXIST},
+      {"new", 4, 0x1, TNV_OPEN_EXISTED},
+      {"new", 3, 0x1, 0},
+      {"new", 3, 0, 0},
+      {"new", 3, 0x40, OX_EPERM},
+      {"new", 4, 0x40, OX_EPERM},
+      {"new", 2, 0x1, OX_EPERM},
+      {"new/below", 4, 0x1, 0},
+      {"file", 3, 0x1, OX_ENOTDIR},
+      {"file", 4, 0x1, OX_ENOTDIR},
+      {"file", 1, 0x1, OX_EEXIST},
+      {"none/folder", 1, 0x1, OX_ENOENT},
+      {"none/file", 1, 0, OX_ENOENT},
+      {"file/folder", 1, 0x1, OX_ENOTDIR},
+      {"a?", 1, 0x1, OX_EINVAL},
+      {"/", 4, 0x1, TNV_OPEN_EXISTED},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.path << ' ' << c.disposition << ' ' << c.flags);
+    const RawFile open =
+        connection_->Open(c.path, {.disposition = c.disposition, .flags = c.flags});
+    EXPECT_EQ(open.error, c.error);
+    if (open.error == 0 || open.error == TNV_OPEN_EXISTED) {
+      EXPECT_EQ(open.answer.wopen_resp_fso.fso_isdir, 1u);
+      EXPECT_TRUE(open.maps.empty());
+      EXPECT_EQ(connection_->Close(open.id), 0);
+    }
+  }
+  EXPECT_TRUE(fs::is_directory(Cloud("new/below")));
+  EXPECT_EQ(connection_->Open(std::string(245, 'n'), kCreateNew).error, OX_EINVAL);
+  EXPECT_EQ(CloseFile(connection_->Open(std::string(244, 'n'), kCreateNew)), 0);
+}
 
-  const RawFile kept = connection_->Open("moved/c.txt", {.access = 1, .share = 1});
-  EXPECT_FALSE(connection_->CanDelete("moved/c.txt")) << "it does not share deletion";
-  EXPECT_EQ(connection_->Delete("moved/c.txt"), OX_EACCES);
-  EXPECT_EQ(connection_->Rename("moved/c.txt", "d.txt"), OX_EACCES);
+TEST_F(ServiceTest, RenamesWhatItMay) {
+  Put("A.txt", "content");
+  Put("b.txt", "");
+  fs::create_directories(Cloud("Folder/sub"));
+  StartAndConnect();
+  const struct {
+    std::string from, to;
+    int error;
+  } cases[] = {
+      {"a.txt", "B.TXT", OX_EEXIST},
+      {"a.txt", "folder", OX_EEXIST},
+      {"folder", "b.txt", OX_EEXIST},
+      {"none", "c", OX_ENOENT},
+      {"a.txt", "none/c", OX_ENOENT},
+      {"a.txt", "b.txt/c", OX_ENOTDIR},
+      {"folder", "FOLDER/sub/c", OX_EINVAL},
+      {"a.txt", "a*", OX_EINVAL},
+      {"a.txt", std::string(245, 'n'), OX_EINVAL},
+      {"/", "c", OX_EPERM},
+      {"a.txt", "/", OX_EEXIST},
+      {"a.txt", "../c", OX_EPERM},
+      {"a.txt", std::string(244, 'n'), 0},
+      {std::string(244, 'n'), "a.txt", 0},
+      {"a.txt", "a.txt", 0},
+      {"a.txt", "A.TXT", 0},
+      {"folder", "FOLDER", 0},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(connection_->Rename(c.from, c.to), c.error) << c.from << " to " << c.to;
+  }
+  EXPECT_EQ(connection_->List("/").size(), 3u);  // not looked at closer: Wine keeps the old case
+  EXPECT_EQ(Get("A.TXT"), "content");
+}
+
+TEST_F(ServiceTest, WhatIsOpenFollowsItsName) {
+  Put("a.txt", "content");
+  fs::create_directory(Cloud("Folder"));
+  StartAndConnect();
+  const RawFile file = connection_->Open("A.TXT");
+  Change(file, 0, "CON");
+  EXPECT_EQ(connection_->Rename("a.txt", "A.txt"), 0) << "it shares deletion";
+  EXPECT_EQ(connection_->Rename("a.txt", "folder\\c.txt"), 0);
+  EXPECT_EQ(connection_->Open("a.txt").error, OX_ENOENT);
+  EXPECT_EQ(connection_->Rename("FOLDER", "moved"), OX_EBUSY);
+  EXPECT_EQ(connection_->Cleanup(file), 0);
+  EXPECT_EQ(connection_->Rename("FOLDER", "moved"), 0);
+  EXPECT_EQ(connection_->Stat("moved/c.txt").resp.u.wstat.wstat_fi.fi_size, 7u);
+  Change(file, 7, " of a mapped file");
+  const RawFile again = connection_->Open("moved/c.txt");
+  EXPECT_EQ(again.answer.wopen_resp_stat.st_size, 24u) << "one file, not two";
+  EXPECT_EQ(CloseFile(file, kModified), 0);
+  EXPECT_EQ(CloseFile(again), 0);
+  EXPECT_EQ(Get("moved/c.txt"), "CONtent of a mapped file");
+}
+
+TEST_F(ServiceTest, DeletesWhatItMay) {
+  Put("a.txt", "content");
+  Put("read-only", "x");
+  fs::create_directory(Cloud("folder"));
+  Put("folder/b.txt", "x");
+  SetFileAttributesW(Cloud("read-only").c_str(), FILE_ATTRIBUTE_READONLY);
+  StartAndConnect();
+  const RawFile kept = connection_->Open("a.txt", {.access = 1, .share = 1});
+  const struct {
+    const char* path;
+    int check, error;
+  } cases[] = {
+      {"folder", 0, OX_ENOTEMPTY},
+      {"read-only", 0, OX_EPERM},
+      {"/", 0, OX_EPERM},
+      {"none", -OX_ENOENT, OX_ENOENT},
+      {"a.txt", 0, OX_EACCES},
+      {"folder/b.txt", 1, 0},
+      {"folder", 1, 0},
+      {"folder", -OX_ENOENT, OX_ENOENT},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(connection_->CanDelete(c.path), c.check) << c.path;
+    EXPECT_EQ(connection_->Delete(c.path), c.error) << c.path;
+  }
+  EXPECT_EQ(connection_->Rename("a.txt", "d.txt"), OX_EACCES);
   EXPECT_EQ(connection_->Cleanup(kept), 0);
-  EXPECT_TRUE(connection_->CanDelete("moved/c.txt"));
-  EXPECT_EQ(connection_->Delete("moved/c.txt"), 0);
-  const RawFile fresh = connection_->Open("moved/c.txt", kCreateNew);
+  EXPECT_EQ(connection_->CanDelete("a.txt"), 1);
+  EXPECT_EQ(connection_->CacheRegion(kept, 0, 7).error(), 0);
+  EXPECT_EQ(connection_->Delete("a.txt"), 0);
+  const RawFile fresh = connection_->Open("a.txt", kCreateNew);
   EXPECT_EQ(fresh.error, 0) << "another file of that name";
+  Change(fresh, 0, "fresh");
+  char old[8] = {};
+  ReadFile(kept.handle(), old, 7, nullptr, nullptr);
+  EXPECT_STREQ(old, "content");
+  EXPECT_EQ(CloseFile(fresh, kModified), 0);
   EXPECT_EQ(CloseFile(kept, kModified), 0);
-  EXPECT_EQ(Get("moved/c.txt"), "");
-  EXPECT_EQ(CloseFile(fresh), 0);
-  EXPECT_EQ(connection_->Delete("moved/c.txt"), 0);
-  EXPECT_EQ(connection_->Delete("moved"), 0);
-  EXPECT_EQ(connection_->Delete("moved"), OX_ENOENT);
+  EXPECT_EQ(Get("a.txt"), "fresh");
+  SetFileAttributesW(Cloud("read-only").c_str(), FILE_ATTRIBUTE_NORMAL);
 }
 
 TEST_F(ServiceTest, TheShareIsARootThatListsByName) {
