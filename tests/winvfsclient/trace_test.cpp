@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <random>
 #include <regex>
 #include <string>
@@ -347,18 +348,38 @@ TEST_F(Trace, ALongSharePathCutsThePrefixAndTheEvent) {
   EXPECT_EQ(log_.lines()[0].size(), 1 + 1023 + strlen(", \"vfs_args\":{}}"));
 }
 
-TEST_F(Trace, EveryThreadHasItsOwnTexts) {
-  const tnvfso mine = some_fso();
-  const tnvfso other = {};
-  const char* prefix = tnw_log_prefix(nullptr, "mine.cpp", "INFO", 1, 0, nullptr);
-  const char* json = tnv_fso2json(&mine);
-  const std::string prefix_before = prefix, json_before = json;
-  std::thread([&] {
-    tnw_log_prefix(nullptr, "other.cpp", "INFO", 1, 0, nullptr);
-    tnv_fso2json(&other);
-  }).join();
-  EXPECT_EQ(prefix, prefix_before);
-  EXPECT_EQ(json, json_before);
+/* One connection's requests, the longest that a path can be; every line shows one thread's letter.
+ */
+void trace_as(char letter, vfs_handle vh) {
+  vh.vfs_user[0] = letter;
+  vh.vfs_user[1] = '\0';
+  Request request(TNV_OP_WIN_STAT, nul(std::string(3000, letter).c_str()));
+  request.msg()->u.wstat.wstat_path_len = 3001;
+  tnv_resp resp = response(TNV_OP_WIN_STAT);
+  memset(resp.u.wstat.wstat_fi.fi_name, letter, sizeof(resp.u.wstat.wstat_fi.fi_name));
+  for (int i = 0; i < 100; i++) {
+    tnv_log_msg(&vh, request.msg());
+    tnv_log_resp(&vh, request.msg(), &resp);
+  }
+}
+
+TEST_F(Trace, NoLineOfEightThreadsIsTornOrMixed) {
+  ox_debug = 2;
+  std::vector<std::thread> threads;
+  for (char letter = 'A'; letter <= 'H'; letter++) threads.emplace_back(trace_as, letter, vh_);
+  for (std::thread& thread : threads) thread.join();
+  std::map<std::string, int> found;
+  for (const std::string& line : log_.lines()) {
+    const size_t at = line.find(R"("vfs_user":")");
+    const bool event = at != std::string::npos;
+    const char letter = event ? line[at + 12] : line[line.find("path ") + 5];
+    const std::string path = (event ? "\"path\":\"" : "path ") + std::string(3000, letter);
+    const bool whole = line.find(path) != std::string::npos &&
+                       line.ends_with(event ? std::string(245, letter) + "\"}}" : "notepad.exe)");
+    found[whole ? std::string(1, letter) + (event ? " event" : " request") : line]++;
+  }
+  EXPECT_EQ(found.size(), 16u) << testing::PrintToString(found);
+  for (const auto& [line, count] : found) EXPECT_EQ(count, 100) << line;
 }
 
 /* ------------------------------------------------------------------- events */
