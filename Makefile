@@ -20,13 +20,13 @@ build = printf '==> %s\n' 'Building in build/$(1)'; \
 DEMO_TARGETS := tnw tarnd tnwsh ws2_32_wine afunix_probe
 OWN_CODE = git ls-files -co --exclude-standard -- '*.cpp' '*.h' '*.c'
 
-.PHONY: help demo test test-slow build host-build host-test format tidy clean packages
+.PHONY: help demo test test-slow build host-build host-test format tidy clean packages cross-prefix
 
 help: ## Lists these commands
 	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1@\2/p' $(firstword $(MAKEFILE_LIST)) | \
 	  while IFS=@ read -r name text; do printf '%-18s %s\n' "$$name" "$$text"; done
 
-demo: packages build/windows/build.ninja ## Builds a cloud drive and watches it work on real files
+demo: cross-prefix build/windows/build.ninja ## Builds a cloud drive and watches it work on real files
 	@$(call build,windows,$(DEMO_TARGETS))
 	@tools/demo
 
@@ -41,8 +41,7 @@ test: build host-build ## Builds everything and runs the tests, but for the slow
 test-slow: build ## Runs the tests that take minutes
 	@ctest --preset windows-slow
 
-build: packages ## Builds the DLL, the service, the shell and the tests for Windows
-	@tools/build-cross-prefix
+build: cross-prefix ## Builds the DLL, the service, the shell and the tests for Windows
 	@$(call configure,windows)
 	@$(call build,windows)
 
@@ -61,7 +60,7 @@ format: ## Formats the code
 	@tools/install-packages clang-format
 	@$(OWN_CODE) | xargs -d '\n' clang-format -i
 
-tidy: ## Looks for likely faults with clang-tidy
+tidy: cross-prefix ## Looks for likely faults with clang-tidy
 	@tools/install-packages clang-tidy
 	@$(call configure,host)
 	@$(call configure,windows)
@@ -73,5 +72,8 @@ clean: ## Removes everything that was built here
 packages:
 	@tools/install-packages
 
-build/windows/build.ninja: | packages
+cross-prefix: packages
+	@tools/build-cross-prefix
+
+build/windows/build.ninja: | cross-prefix
 	@$(call configure,windows)
