@@ -1,4 +1,4 @@
-# The libraries that we call: spdlog with fmt, CLI11 (header-only) and GoogleTest.
+# The libraries that we call: spdlog with fmt, CLI11, nlohmann-json (header-only) and GoogleTest.
 #
 # Debian's headers of the first three do not depend on the architecture, but all of /usr/include
 # must not be on the cross compiler's path: each is linked alone into a folder of the build tree.
@@ -18,6 +18,7 @@ header_only_library(spdlog_headers spdlog spdlog.h)
 target_compile_definitions(spdlog_headers INTERFACE SPDLOG_FMT_EXTERNAL)
 target_link_libraries(spdlog_headers INTERFACE fmt_headers)
 header_only_library(cli11_headers CLI CLI.hpp)
+header_only_library(json_headers nlohmann json.hpp)
 
 # GoogleTest comes as sources on Debian, to be compiled like the tests; as a package on MSYS2. It is
 # not what is tested: neither optimised nor described to a debugger, it is ready in seconds.

@@ -1,0 +1,170 @@
+// cfflprint: prints, checks and makes cloud file lists.
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+
+#include "list_file.h"
+#include "list_json.h"
+#include "make_list.h"
+#include "tn_util.h"
+#include "tools/tnwsh/console.h"
+#include "tools/tnwsh/failure.h"
+#include "tools/tnwsh/text.h"
+
+namespace cfflprint {
+namespace {
+
+constexpr char kDescription[] =
+    "Prints a cloud file list, as the library's listings show it; or checks or makes one.";
+
+const std::string kFooter = fmt::format(
+    "--make lists the files and folders of DIR, not what is in those. A file's digest is SHA-512\n"
+    "over the whole file; its checksum has version 1 and counts chunks of {} bytes, none in\n"
+    "an empty file. Identifiers follow from paths and revisions from contents, so they stay the\n"
+    "same as long as those do. Names are UTF-8; one of more than 244 bytes is refused, and then\n"
+    "no list is written. There is no hash table.\n\n"
+    "Exit status: 0, 1 when the list is damaged or an operation failed, 2 when the command line\n"
+    "makes no sense.",
+    kChunkSize);
+
+struct Options {
+  std::string file;
+  bool entries = false;
+  bool brief = false;
+  bool hash = false;
+  bool check = false;
+  bool json = false;
+  std::string make;
+  std::string user = "me";
+};
+
+void DeclareOptions(CLI::App* app, Options* options) {
+  app->add_option("FILE", options->file, "The list")->required()->option_text(" ");
+  const auto flag = [app](const char* name, bool& value, const char* help) {
+    return app->add_flag(name, value, help)->option_text(" ");
+  };
+  std::vector<CLI::Option*> forms = {
+      flag("--entries", options->entries, "Shows the entries as a drive would: file information"),
+      flag("--brief", options->brief, "Shows the entries with their checksums alone"),
+      flag("--hash", options->hash, "Shows the hash table, too"),
+      flag("--check", options->check,
+           "Checks every offset, length, count and text; says what is wrong and at which byte"),
+      app->add_option("--make", options->make, "Writes FILE: the list of a real folder")
+          ->option_text("DIR")};
+  for (size_t i = 1; i < forms.size(); i++) {
+    for (size_t j = 0; j < i; j++) {
+      forms[i]->excludes(forms[j]);
+    }
+  }
+  auto* json = flag("--json", options->json, "Writes JSON; with --check, what is wrong");
+  for (CLI::Option* form : forms) {
+    if (form->get_name() != "--check") {
+      json->excludes(form);
+    }
+  }
+  app->add_option("--user", options->user, "With --make: who owns everything, at most 63 bytes")
+      ->check([](const std::string& user) {
+        return user.size() < 64 ? std::string() : "a user's name takes at most 63 bytes";
+      })
+      ->needs(forms.back())
+      ->option_text("TEXT=me");
+}
+
+void PrintFaults(FILE* stream, const std::string& path, const std::vector<Fault>& faults) {
+  for (const Fault& fault : faults) {
+    fmt::print(stream, "{}: byte {}, {}: {}\n", path, fault.offset, fault.where, fault.what);
+  }
+}
+
+int Check(const ListFile& file, const Options& options) {
+  const std::vector<Fault> faults = CheckList(file.Bytes());
+  if (options.json) {
+    fmt::print("{}", FaultsJson(options.file, faults));
+  } else {
+    PrintFaults(stdout, options.file, faults);
+    fmt::print("{}: {}\n", options.file,
+               faults.empty() ? "a valid list" : tnwsh::Counted(faults.size(), "fault"));
+  }
+  return faults.empty() ? tnwsh::kSuccess : tnwsh::kFailed;
+}
+
+void PrintFileInformation(const cfs_path* cfp) {
+  tnw_fileinfo info;
+  tn_cfp2fi(&info, cfp);
+  const std::string name(info.fi_name, strnlen(info.fi_name, sizeof(info.fi_name)));
+  fmt::print("{:>12} {:<6} {} {} {}\n", info.fi_size, info.fi_attr == 16 ? "folder" : "file",
+             tnwsh::LocalTimeText(info.fi_mtime), info.fi_id, name);
+  if (info.fi_cksum[0] != '\0') {
+    fmt::print("{:>12} {}\n", "", info.fi_cksum);
+  }
+}
+
+void Print(const cfs_cffl* list, const Options& options) {
+  if (options.json) {
+    fmt::print("{}", ListJson(list));
+  } else if (options.brief) {
+    tn_print_cffl_finfo(list);
+  } else if (options.entries) {
+    for (auto* cfp = tn_get_first_cfp(list); cfp != nullptr; cfp = tn_get_next_cfp(list, cfp)) {
+      PrintFileInformation(cfp);
+    }
+  } else {
+    tn_print_cffl(list, options.hash ? 1 : 0);
+  }
+}
+
+// The library ends the process over a damaged list: such a one does not get that far.
+int CheckAndPrint(const ListFile& file, const Options& options) {
+  const List list = file.Read();
+  const auto* bytes = reinterpret_cast<const uint8_t*>(list.get());
+  const std::vector<Fault> faults = CheckList({bytes, list->cfh_head.cf_size});
+  if (!CanBeWalked(faults)) {
+    PrintFaults(stderr, options.file, faults);
+    return tnwsh::kFailed;
+  }
+  Print(list.get(), options);
+  return tnwsh::kSuccess;
+}
+
+int Run(const Options& options) {
+  if (!options.make.empty()) {
+    MakeList(options.make, options.file, options.user);
+    return tnwsh::kSuccess;
+  }
+  const ListFile file(options.file);
+  return options.check ? Check(file, options) : CheckAndPrint(file, options);
+}
+
+int Main() {
+  Options options;
+  CLI::App app(kDescription, "cfflprint");
+  app.footer(kFooter);
+  DeclareOptions(&app, &options);
+  std::vector<std::string> arguments = tnwsh::ProgramArguments();
+  std::reverse(arguments.begin(), arguments.end());  // as the parser takes them
+  try {
+    app.parse(arguments);
+  } catch (const CLI::CallForHelp&) {
+    fmt::print("{}", app.help());
+    return tnwsh::kSuccess;
+  } catch (const CLI::ParseError& error) {
+    fmt::print(stderr, "cfflprint: {}\nRun with --help for more.\n", error.what());
+    return tnwsh::kUsage;
+  }
+  return Run(options);
+}
+
+}  // namespace
+}  // namespace cfflprint
+
+int main() {
+  tnwsh::SetUpConsole();
+  try {
+    return cfflprint::Main();
+  } catch (const std::exception& error) {
+    fmt::print(stderr, "cfflprint: {}\n", error.what());
+    return tnwsh::kFailed;
+  }
+}

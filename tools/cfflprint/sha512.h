@@ -1,0 +1,31 @@
+// SHA-512 digests, made by Windows.
+#ifndef CFFLPRINT_SHA512_H
+#define CFFLPRINT_SHA512_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+namespace cfflprint {
+
+class Sha512 {
+ public:
+  static constexpr size_t kSize = 64;
+
+  // All throw a std::runtime_error when Windows refuses.
+  Sha512();
+  Sha512(const Sha512&) = delete;
+  Sha512& operator=(const Sha512&) = delete;
+  ~Sha512();
+  void Add(std::string_view data);
+  // Once, at the end.
+  void Finish(uint8_t (&digest)[kSize]);
+
+ private:
+  void* algorithm_ = nullptr;
+  void* hash_ = nullptr;
+};
+
+}  // namespace cfflprint
+
+#endif
