@@ -163,6 +163,7 @@ TEST(Walk, ContradictionsAreFatal) {
                      {size_at, 1024, ""},
                      {size_at, 0, "(0) tn_util:91"},
                      {size_at, 1024 + 368, "(0) tn_util:91"},
+                     {size_at, 1024 + 369, "a|(0) tn_util:91"},
                      {size_at, good.size() - 1, "a.txt|sub|caf\xC3\xA9.md|(0) tn_util:91"},
                      {first_at, good.size(), ""},
                      {first_at, good.size() + 1, "(0) tn_util:91"},
