@@ -1,6 +1,6 @@
 # The libraries that we call: spdlog with fmt, CLI11, nlohmann-json (header-only) and GoogleTest.
 #
-# Debian's headers of the first three do not depend on the architecture, but all of /usr/include
+# Debian's headers of all but the last do not depend on the architecture, but all of /usr/include
 # must not be on the cross compiler's path: each is linked alone into a folder of the build tree.
 set(HEADERS_DIR ${CMAKE_BINARY_DIR}/headers)
 file(MAKE_DIRECTORY ${HEADERS_DIR})

@@ -1,0 +1,232 @@
+#include "log_files.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <filesystem>
+#include <stdexcept>
+#include <system_error>
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#endif
+
+namespace tnwlog {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr size_t kBlock = 1 << 18;
+
+fs::path PathOf(const std::string& name) {
+  return fs::path(std::u8string(name.begin(), name.end()));
+}
+
+std::string NameOf(const fs::path& path) {
+  const std::u8string name = path.u8string();
+  return std::string(name.begin(), name.end());
+}
+
+#ifdef _WIN32
+
+// The runtime's own calls keep others from renaming the file, and read no further once they have
+// met its end.
+HANDLE OpenShared(const std::string& file, DWORD access) {
+  return CreateFileW(PathOf(file).c_str(), access,
+                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                     FILE_ATTRIBUTE_NORMAL, nullptr);
+}
+
+HANDLE HandleOf(intptr_t file) { return reinterpret_cast<HANDLE>(file); }
+
+[[noreturn]] void Fail(const std::string& name) {
+  throw std::system_error(static_cast<int>(GetLastError()), std::system_category(), name);
+}
+
+intptr_t OpenFile(const std::string& name) {
+  const HANDLE handle = OpenShared(name, GENERIC_READ);
+  if (handle == INVALID_HANDLE_VALUE) {
+    Fail(name);
+  }
+  return reinterpret_cast<intptr_t>(handle);
+}
+
+size_t ReadFile(intptr_t file, char* buffer, size_t size, const std::string& name) {
+  DWORD count = 0;
+  if (!::ReadFile(HandleOf(file), buffer, static_cast<DWORD>(size), &count, nullptr)) {
+    Fail(name);
+  }
+  return count;
+}
+
+void CloseFile(intptr_t file) { CloseHandle(HandleOf(file)); }
+
+bool LeadsTo(const std::string& name, intptr_t file) {
+  const HANDLE handle = OpenShared(name, 0);
+  BY_HANDLE_FILE_INFORMATION there;
+  BY_HANDLE_FILE_INFORMATION here;
+  const bool known = handle != INVALID_HANDLE_VALUE && GetFileInformationByHandle(handle, &there) &&
+                     GetFileInformationByHandle(HandleOf(file), &here);
+  if (handle != INVALID_HANDLE_VALUE) {
+    CloseHandle(handle);
+  }
+  return known && there.nFileIndexHigh == here.nFileIndexHigh &&
+         there.nFileIndexLow == here.nFileIndexLow;
+}
+
+#else
+
+[[noreturn]] void Fail(const std::string& name) {
+  throw std::system_error(errno, std::generic_category(), name);
+}
+
+intptr_t OpenFile(const std::string& name) {
+  const int file = open(name.c_str(), O_RDONLY | O_CLOEXEC);
+  if (file < 0) {
+    Fail(name);
+  }
+  return file;
+}
+
+size_t ReadFile(intptr_t file, char* buffer, size_t size, const std::string& name) {
+  const ssize_t count = read(static_cast<int>(file), buffer, size);
+  if (count < 0) {
+    Fail(name);
+  }
+  return static_cast<size_t>(count);
+}
+
+void CloseFile(intptr_t file) { close(static_cast<int>(file)); }
+
+bool LeadsTo(const std::string& name, intptr_t file) {
+  struct stat there;
+  struct stat here;
+  return stat(name.c_str(), &there) == 0 && fstat(static_cast<int>(file), &here) == 0 &&
+         there.st_dev == here.st_dev && there.st_ino == here.st_ino;
+}
+
+#endif
+
+// "tnvfs.3.log" is number 3 of the log "tnvfs.log", which itself is number 0.
+struct Rotated {
+  std::string log;
+  unsigned number;
+};
+
+Rotated RotatedOf(const fs::path& path) {
+  const fs::path stem = path.stem();
+  const std::string number = NameOf(stem.extension());
+  unsigned value = 0;
+  const auto [end, error] = std::from_chars(number.data() + std::min<size_t>(number.size(), 1),
+                                            number.data() + number.size(), value);
+  if (number.size() < 2 || error != std::errc() || end != number.data() + number.size()) {
+    return {NameOf(path), 0};
+  }
+  return {NameOf(path.parent_path() / stem.stem()) + NameOf(path.extension()), value};
+}
+
+std::vector<std::string> FilesOf(const std::string& name) {
+  if (!fs::is_directory(PathOf(name))) {
+    return {name};
+  }
+  std::vector<std::string> files;
+  for (const fs::directory_entry& entry : fs::directory_iterator(PathOf(name))) {
+    if (fs::path(RotatedOf(entry.path()).log).filename() == "tnvfs.log") {
+      files.push_back(NameOf(entry.path()));
+    }
+  }
+  if (files.empty()) {
+    throw std::runtime_error(name + ": has no tnvfs.log");
+  }
+  return files;
+}
+
+}  // namespace
+
+std::vector<std::string> FindLogFiles(const std::vector<std::string>& names) {
+  struct Found {
+    std::string file;
+    size_t log;
+    unsigned number;
+  };
+  std::vector<Found> found;
+  std::vector<std::string> logs;
+  for (const std::string& name : names) {
+    for (const std::string& file : FilesOf(name)) {
+      const Rotated rotated = RotatedOf(PathOf(file));
+      const auto log = std::find(logs.begin(), logs.end(), rotated.log);
+      found.push_back({file, static_cast<size_t>(log - logs.begin()), rotated.number});
+      if (log == logs.end()) {
+        logs.push_back(rotated.log);
+      }
+    }
+  }
+  std::stable_sort(found.begin(), found.end(), [](const Found& a, const Found& b) {
+    return a.log != b.log ? a.log < b.log : a.number > b.number;
+  });
+  std::vector<std::string> files;
+  for (const Found& file : found) {
+    files.push_back(file.file);
+  }
+  return files;
+}
+
+LineReader::LineReader(const std::string& name) : name_(name), file_(OpenFile(name)) {}
+
+LineReader::~LineReader() { CloseFile(file_); }
+
+void LineReader::Read(const LineSink& sink) {
+  for (;;) {
+    const size_t kept = rest_.size();
+    rest_.resize(kept + kBlock);
+    const size_t count = ReadFile(file_, rest_.data() + kept, kBlock, name_);
+    rest_.resize(kept + count);
+    if (count == 0) {
+      return;
+    }
+    size_t start = 0;
+    for (size_t end; (end = rest_.find('\n', std::max(start, kept))) != std::string::npos;) {
+      const std::string_view line(rest_.data() + start, end - start);
+      sink(line.substr(0, line.size() - (line.ends_with('\r') ? 1 : 0)));
+      start = end + 1;
+    }
+    rest_.erase(0, start);
+  }
+}
+
+void LineReader::Finish(const LineSink& sink) {
+  if (!rest_.empty()) {
+    sink(rest_);
+    rest_.clear();
+  }
+}
+
+bool LineReader::IsRenamed() const { return !LeadsTo(name_, file_); }
+
+void ReadLines(const std::string& file, const LineSink& sink) {
+  LineReader reader(file);
+  reader.Read(sink);
+  reader.Finish(sink);
+}
+
+void Follower::Poll(const LineSink& sink) {
+  if (reader_ == nullptr) {
+    try {
+      reader_ = std::make_unique<LineReader>(file_);
+    } catch (const std::system_error&) {
+      return;  // between a rotation's two steps
+    }
+  }
+  const bool is_renamed = reader_->IsRenamed();
+  reader_->Read(sink);
+  if (is_renamed) {  // and so nothing more will be written to it
+    reader_->Finish(sink);
+    reader_.reset();
+    Poll(sink);
+  }
+}
+
+}  // namespace tnwlog

@@ -1,0 +1,80 @@
+#include "request_lines.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <set>
+
+#include "log_files.h"
+#include "trace.h"
+
+namespace tnwlog {
+namespace {
+
+// By what a line is known to belong to the request.
+struct Marks {
+  std::set<std::string> texts;
+  std::set<uint64_t> lines;  // their numbers, from 1
+};
+
+void AddRequest(const RequestId& id, uint64_t line, uint64_t utxid, Marks* marks) {
+  marks->texts.emplace(TextOf(id));
+  marks->lines.insert(line);
+  if (utxid != 0) {
+    marks->texts.insert("\"utxid\":" + std::to_string(utxid) + ',');
+  }
+}
+
+Marks MarksOf(const Trace& trace, const std::string& id) {
+  uint64_t utxid = 0;
+  const auto [end, error] = std::from_chars(id.data(), id.data() + id.size(), utxid);
+  const bool is_utxid = error == std::errc() && end == id.data() + id.size() && utxid != 0;
+  Marks marks;
+  if (!is_utxid) {
+    marks.texts.insert(id);
+  }
+  for (const Request& request : trace.Requests()) {
+    if (request.has_id() && (is_utxid ? request.utxid == utxid : TextOf(request.id) == id)) {
+      AddRequest(request.id, request.line, request.utxid, &marks);
+    }
+  }
+  for (const auto& [sent, request] : trace.UnansweredRequests()) {
+    if (TextOf(sent) == id) {
+      AddRequest(sent, request.line, 0, &marks);
+    }
+  }
+  return marks;
+}
+
+}  // namespace
+
+std::vector<std::string> LinesOfRequest(const std::vector<std::string>& files,
+                                        const std::string& id) {
+  Trace trace;
+  for (const std::string& file : files) {
+    ReadLines(file, [&trace](std::string_view line) { trace.Add(line); });
+  }
+  std::string lower = id;
+  std::transform(lower.begin(), lower.end(), lower.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  const Marks marks = MarksOf(trace, lower);
+
+  std::vector<std::string> lines;
+  uint64_t number = 0;
+  const auto add = [&](std::string_view line) {
+    const bool belongs =
+        marks.lines.contains(++number) ||
+        std::any_of(marks.texts.begin(), marks.texts.end(), [line](const std::string& text) {
+          return line.find(text) != std::string_view::npos;
+        });
+    if (belongs) {
+      lines.emplace_back(line);
+    }
+  };
+  for (const std::string& file : files) {
+    ReadLines(file, add);
+  }
+  return lines;
+}
+
+}  // namespace tnwlog
