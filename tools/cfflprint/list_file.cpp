@@ -15,7 +15,8 @@ namespace {
 
 using tnwsh::Failure;
 
-// The library takes paths in the process's code page.
+// The library takes paths in the process's code page, which our manifest makes UTF-8 where Windows
+// knows of that (from version 1903).
 std::string CodePagePath(const std::string& path) {
   std::wstring wide;
   tarnd::WideFromUtf8(tnwsh::AbsolutePath(path), &wide);
