@@ -1,23 +1,122 @@
 #include "commands.h"
 
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
+
+#include <initializer_list>
+#include <map>
+
+#include "answers.h"
 
 namespace tnwsh {
 namespace {
+
+constexpr char kTreeDetails[] =
+    "With -r it goes on past what fails, tells it at once and lists it at the end. Links to "
+    "folders\n"
+    "of this machine are not followed.";
 
 struct Command {
   const char* name;
   const char* help;
   void (*declare)(CLI::App* command, Action* action);
+  // What it may answer; of several tables that know a code the first one counts.
+  std::initializer_list<Answers> answers;
+  const char* details = "";
 };
 
-constexpr Command kCommands[] = {
-    {"ls", "Lists a folder, or shows one file", DeclareLs},
-    {"tree", "Lists a folder and all below it", DeclareTree},
-    {"cat", "Writes a file to standard output", DeclareCat},
-    {"get", "Copies a file of the drive to this machine", DeclareGet},
-    {"put", "Copies a file of this machine to the drive", DeclarePut},
+const Command kCommands[] = {
+    {"ls",
+     "Lists a folder, or shows one file",
+     DeclareLs,
+     {kListAnswers, kPathAnswers, kDriveAnswers}},
+    {"tree",
+     "Lists a folder and all below it",
+     DeclareTree,
+     {kListAnswers, kPathAnswers, kDriveAnswers}},
+    {"stat",
+     "Shows all that the cloud tells of a file or folder",
+     DeclareStat,
+     {kPathAnswers, kDriveAnswers}},
+    {"cat",
+     "Writes a file to standard output",
+     DeclareCat,
+     {kReadAnswers, kPathAnswers, kDriveAnswers}},
+    {"get",
+     "Copies a file or folder of the drive to this machine",
+     DeclareGet,
+     {kReadAnswers, kPathAnswers, kDriveAnswers},
+     kTreeDetails},
+    {"put",
+     "Copies a file or folder of this machine to the drive",
+     DeclarePut,
+     {kWriteAnswers, kPathAnswers, kDriveAnswers},
+     kTreeDetails},
+    {"mv",
+     "Renames or moves a file or folder; replaces nothing",
+     DeclareMv,
+     {kRenameAnswers, kPathAnswers, kDriveAnswers}},
+    {"rm",
+     "Deletes a file or an empty folder",
+     DeclareRm,
+     {kDeleteAnswers, kPathAnswers, kDriveAnswers}},
+    {"mkdir", "Makes a folder", DeclareMkdir, {kMakeFolderAnswers, kPathAnswers, kDriveAnswers}},
+    {"truncate",
+     "Sets a file's size: cuts it, or adds zeros",
+     DeclareTruncate,
+     {kWriteAnswers, kPathAnswers, kDriveAnswers}},
+    {"lock",
+     "Locks a range of a file, or lists the locks that are held",
+     DeclareLock,
+     {kLockAnswers, kPathAnswers, kDriveAnswers},
+     "A lock lives as long as the open that took it: at the prompt until unlock or exit, as a\n"
+     "command of its own until Ctrl-C. A conflict is answered at once. Locks are judged among\n"
+     "themselves; reads and writes do not look at them."},
+    {"unlock",
+     "Lifts a lock of this shell",
+     DeclareUnlock,
+     {kUnlockAnswers, kDriveAnswers},
+     "The range is exactly one that was locked; \"lock\" alone lists them."},
+    {"regions",
+     "Draws which regions of a file are cached here, and which are dirty",
+     DeclareRegions,
+     {kReadAnswers, kPathAnswers, kDriveAnswers},
+     "These are the maps of an open: of the one that a lock of the prompt holds, or of a new one.\n"
+     "Dirty regions are those that the service expects to be written; only an open that writes\n"
+     "knows them. One character is one region, or several: # all of them, + some, . none.\n"
+     "In JSON a map is a list of [first region, count]."},
+    {"token",
+     "Hands a new access token to the cache service",
+     DeclareToken,
+     {kTokenAnswers, kDriveAnswers}},
+    {"proxy",
+     "Tells the cache service the HTTP proxy to use",
+     DeclareProxy,
+     {kProxyAnswers, kDriveAnswers},
+     "It counts for as long as this shell runs."},
+    {"purge",
+     "Deletes the user's cache on this machine",
+     DeclarePurge,
+     {kPurgeAnswers},
+     "Changes that are not in the cloud yet are lost. A drive of this shell is stopped first."},
 };
+
+std::string Footer(const Command& command) {
+  std::map<uint32_t, std::string> meanings;
+  for (const Answers& table : command.answers) {
+    for (const Answer& answer : table) {
+      meanings.emplace(answer.code, MeaningOf(answer.code, table));
+    }
+  }
+  std::string text = command.details;
+  text += text.empty() ? "" : "\n\n";
+  text += "May answer, beside other codes of Windows:";
+  for (const auto& [code, meaning] : meanings) {
+    text += fmt::format("\n  {:>4}  {}", code, meaning);
+  }
+  return text + '\n';
+}
 
 }  // namespace
 
@@ -27,6 +126,7 @@ void DeclareCommands(CLI::App* app, Action* action) {
     CLI::App* parser = app->add_subcommand(command.name, command.help);
     parser->group("Commands");
     command.declare(parser, action);
+    parser->footer([&command] { return Footer(command); });
   }
 }
 

@@ -22,9 +22,20 @@ void DeclareCommands(CLI::App* app, Action* action);
 // Each adds one command's arguments to its own parser.
 void DeclareLs(CLI::App* command, Action* action);
 void DeclareTree(CLI::App* command, Action* action);
+void DeclareStat(CLI::App* command, Action* action);
 void DeclareCat(CLI::App* command, Action* action);
 void DeclareGet(CLI::App* command, Action* action);
 void DeclarePut(CLI::App* command, Action* action);
+void DeclareMv(CLI::App* command, Action* action);
+void DeclareRm(CLI::App* command, Action* action);
+void DeclareMkdir(CLI::App* command, Action* action);
+void DeclareTruncate(CLI::App* command, Action* action);
+void DeclareLock(CLI::App* command, Action* action);
+void DeclareUnlock(CLI::App* command, Action* action);
+void DeclareRegions(CLI::App* command, Action* action);
+void DeclareToken(CLI::App* command, Action* action);
+void DeclareProxy(CLI::App* command, Action* action);
+void DeclarePurge(CLI::App* command, Action* action);
 
 }  // namespace tnwsh
 

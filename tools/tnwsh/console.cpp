@@ -102,6 +102,31 @@ bool ReadLine(std::string* line) {
   return true;
 }
 
+bool ReadSecret(std::string* line) {
+  const HANDLE input = HandleOf(stdin);
+  DWORD mode = 0;
+  const bool terminal = GetConsoleMode(input, &mode) != 0;
+  if (terminal) {
+    fputs("(not shown) ", stderr);
+    SetConsoleMode(input, mode & ~static_cast<DWORD>(ENABLE_ECHO_INPUT));
+  }
+  const bool read = ReadLine(line);
+  if (terminal) {
+    SetConsoleMode(input, mode);
+    fputc('\n', stderr);
+  }
+  return read;
+}
+
+bool Confirm(const std::string& question) {
+  if (!IsTerminal(stdin)) {
+    return false;
+  }
+  fprintf(stderr, "%s [y/N] ", question.c_str());
+  std::string answer;
+  return ReadLine(&answer) && (answer == "y" || answer == "Y" || answer == "yes");
+}
+
 bool Interrupted() { return interrupted; }
 void ForgetInterrupt() { interrupted = false; }
 

@@ -22,6 +22,11 @@ int TerminalWidth();
 // The next line of standard input without its end; false at the end of the input.
 bool ReadLine(std::string* line);
 
+// The same, not shown on a terminal.
+bool ReadSecret(std::string* line);
+// Asks on a terminal; elsewhere the answer is no.
+bool Confirm(const std::string& question);
+
 // Whether Ctrl-C was pressed since the last call of ForgetInterrupt. A second Ctrl-C ends the
 // program.
 bool Interrupted();

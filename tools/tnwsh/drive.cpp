@@ -4,30 +4,24 @@
 
 #include <algorithm>
 #include <cstring>
-#include <utility>
 
-#include "failure.h"
+#include "answers.h"
 #include "service/wide_text.h"
-#include "tnw.h"
 
 namespace tnwsh {
 namespace {
 
-constexpr char kProcessName[] = "tnwsh";
-
 // Native dispositions and create options of tnw_create.
-constexpr ox_u32 kOpen = 1;
-constexpr ox_u32 kOverwriteIf = 5;
-constexpr ox_u32 kFileOnly = 0x40;
-constexpr ox_u32 kAccessRead = 1;
-constexpr ox_u32 kAccessWrite = 2;
-constexpr ox_u32 kShareRead = 1;
+constexpr ox_u32 kCreate = 2;
+constexpr ox_u32 kFolderOnly = 0x1;
+constexpr ox_u32 kAttributesOnly = 0;
 
 Entry EntryOf(const tnw_fileinfo& info) {
   return {.name = std::string(info.fi_name, strnlen(info.fi_name, sizeof info.fi_name)),
           .folder = (info.fi_attr & FILE_ATTRIBUTE_DIRECTORY) != 0,
           .size = info.fi_size,
-          .modified = info.fi_mtime};
+          .modified = info.fi_mtime,
+          .id = std::string(info.fi_id, strnlen(info.fi_id, sizeof info.fi_id))};
 }
 
 // As Windows compares names: without regard to case.
@@ -47,8 +41,8 @@ bool NameLess(const Entry& a, const Entry& b) {
 }
 
 // A service that was told to stop ends in its own time, and a start that meets it fails. It holds
-// its pid file locked until then.
-void WaitForServiceEnd(const std::string& cache_folder) {
+// its pid file locked until then. False when it still runs after 15 seconds.
+bool WaitForServiceEnd(const std::string& cache_folder) {
   constexpr int kTries = 750;  // of 20 ms
   constexpr DWORD kPause = 20;
   std::wstring path;
@@ -58,17 +52,18 @@ void WaitForServiceEnd(const std::string& cache_folder) {
                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                     OPEN_EXISTING, 0, nullptr);
     if (file == INVALID_HANDLE_VALUE) {
-      return;
+      return true;
     }
     OVERLAPPED start = {};
     const bool free = LockFileEx(file, LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0,
                                  MAXDWORD, MAXDWORD, &start);
     CloseHandle(file);
     if (free) {
-      return;
+      return true;
     }
     Sleep(kPause);
   }
+  return false;
 }
 
 LocalFile LockWorkFolder(const Options& options) {
@@ -110,6 +105,22 @@ std::string JoinPath(const std::string& folder, const std::string& name) {
   return folder + (has_slash ? "" : "/") + name;
 }
 
+std::string PathKey(const std::string& path) {
+  std::wstring wide;
+  tarnd::WideFromUtf8(path, &wide);
+  std::wstring key;
+  for (const wchar_t c : wide) {
+    const wchar_t unit = c == L'\\' ? L'/' : c;
+    if (unit != L'/' || (!key.empty() && key.back() != L'/')) {
+      key += unit;
+    }
+  }
+  CharUpperBuffW(key.data(), static_cast<DWORD>(key.size()));
+  std::string text;
+  tarnd::Utf8FromWide(key, &text);
+  return text;
+}
+
 Drive::Drive(const Options& options) : cache_folder_(CacheFolder(options)) {
   tnw_tninit init = StartRecord(options);
   CheckStart(options);
@@ -149,91 +160,124 @@ uint32_t Drive::ListInto(const std::string& path, std::vector<Entry>* entries) {
 std::vector<Entry> Drive::List(const std::string& path) {
   std::vector<Entry> entries;
   if (const uint32_t code = ListInto(path, &entries)) {
-    throw Failure(path, "cannot list", code);
+    throw Failure(path, "cannot list", code, kPathAnswers);
   }
   std::sort(entries.begin(), entries.end(), NameLess);
   return entries;
 }
 
+// An answer that never came reads as success, and leaves the record empty.
+uint32_t Drive::TryInfo(const std::string& path, tnw_fileinfo* info) {
+  const int err = tnw_getfileinfo(handle_, path.c_str(), info, kProcessName);
+  return err == 0 && info->fi_id[0] == '\0' ? kConnectionBroken : static_cast<uint32_t>(err);
+}
+
+tnw_fileinfo Drive::Info(const std::string& path) {
+  tnw_fileinfo info;
+  if (const uint32_t code = TryInfo(path, &info)) {
+    throw Failure(path, "cannot look it up", code, kPathAnswers);
+  }
+  return info;
+}
+
 std::optional<Entry> Drive::Find(const std::string& path) {
-  const std::string name = NameOf(path);
-  if (name.empty() || name == "." || name == "..") {
-    List(path);
-    return Entry{.name = "", .folder = true};
+  tnw_fileinfo info;
+  const uint32_t code = TryInfo(path, &info);
+  if (code == ERROR_FILE_NOT_FOUND) {
+    return std::nullopt;
   }
-  std::vector<Entry> entries;
-  if (const uint32_t code = ListInto(ParentOf(path), &entries)) {
-    throw Failure(path, "cannot look into its folder", code);
+  if (code != 0) {
+    throw Failure(path, "cannot look it up", code, kPathAnswers);
   }
-  std::optional<Entry> found;
-  for (Entry& entry : entries) {
-    if (entry.name == name) {
-      return entry;
-    }
-    if (CompareNames(entry.name, name) == 0) {
-      found = std::move(entry);
-    }
-  }
-  return found;
+  return EntryOf(info);
 }
 
 Entry Drive::Get(const std::string& path) {
   std::optional<Entry> entry = Find(path);
   if (!entry) {
-    throw Failure(path, "cannot open", ERROR_FILE_NOT_FOUND);
+    throw Failure(path, "cannot open", ERROR_FILE_NOT_FOUND, kPathAnswers);
   }
   return *std::move(entry);
 }
 
-RemoteFile::RemoteFile(const Drive& drive, const std::string& path, Mode mode) : path_(path) {
-  const bool read = mode == Mode::kRead;
+void Drive::CheckAnswer(const std::string& path, const char* what, int err, Answers answers) {
+  tnw_fileinfo top;
+  if (err == 0 && TryInfo("/", &top) == kConnectionBroken) {
+    err = static_cast<int>(kConnectionBroken);
+  }
+  if (err != 0) {
+    throw Failure(path, what, static_cast<uint32_t>(err), answers);
+  }
+}
+
+void Drive::Rename(const std::string& from, const std::string& to) {
+  CheckAnswer(from, "cannot be renamed",
+              tnw_rename(handle_, from.c_str(), to.c_str(), kProcessName), kRenameAnswers);
+}
+
+void Drive::Delete(const std::string& path) {
+  CheckAnswer(path, "cannot be deleted", tnw_delete(handle_, path.c_str(), kProcessName),
+              kDeleteAnswers);
+}
+
+bool Drive::CanDelete(const std::string& path) {
+  bool can = false;
+  CheckAnswer(path, "cannot look it up", tnw_canfilebedeleted(handle_, path.c_str(), &can),
+              kPathAnswers);
+  return can;
+}
+
+void Drive::MakeFolder(const std::string& path) {
   int err = 0;
-  handle_ = tnw_create(drive.Handle(), &context_, path.c_str(), read ? kAccessRead : kAccessWrite,
-                       kShareRead, read ? kOpen : kOverwriteIf, kFileOnly,
-                       static_cast<int>(GetCurrentProcessId()), kProcessName, &err);
-  if (handle_ == nullptr) {
-    throw Failure(path, read ? "cannot open" : "cannot create", static_cast<uint32_t>(err));
+  void* context = nullptr;
+  void* folder =
+      tnw_create(handle_, &context, path.c_str(), kAttributesOnly, 0, kCreate, kFolderOnly,
+                 static_cast<int>(GetCurrentProcessId()), kProcessName, &err);
+  if (folder != nullptr) {
+    tnw_cleanup_file(folder);
+    err = tnw_close(folder, nullptr);
+  }
+  CheckAnswer(path, "cannot make the folder", err, kMakeFolderAnswers);
+}
+
+void Drive::EnsureFolder(const std::string& path) {
+  const std::optional<Entry> entry = Find(path);
+  if (!entry || !entry->folder) {
+    MakeFolder(path);
   }
 }
 
-RemoteFile::~RemoteFile() {
-  if (handle_ != nullptr) {
-    tnw_cleanup_file(handle_);
-    tnw_close(handle_, nullptr);
-  }
+void Drive::UpdateToken(std::string token) {
+  CheckAnswer("The token", "is not taken", tnw_updatetoken(handle_, token.data()), kTokenAnswers);
 }
 
-size_t RemoteFile::Read(uint64_t offset, void* buffer, size_t size) {
-  ox_s64 count = 0;
-  const int err = tnw_read(handle_, buffer, size, static_cast<ox_off>(offset), &count, nullptr);
-  if (err == static_cast<int>(kEndOfFile)) {
-    return 0;
-  }
-  if (err == 0 && count == 0) {  // the service could not fetch the region, and says no more
-    throw Failure(path_, "cannot read", ERROR_READ_FAULT);
-  }
-  if (err != 0) {
-    throw Failure(path_, "cannot read", static_cast<uint32_t>(err));
-  }
-  return static_cast<size_t>(count);
+void Drive::SetProxy(const std::string& server, const std::string& user,
+                     const std::string& password) {
+  CheckAnswer(server, "is not taken as a proxy",
+              tnw_set_http_proxy(handle_, server.c_str(), user.c_str(), password.c_str()),
+              kProxyAnswers);
 }
 
-void RemoteFile::Write(uint64_t offset, const void* data, size_t size) {
-  ox_s64 count = 0;
-  const int err = tnw_write(handle_, const_cast<void*>(data), size, static_cast<ox_off>(offset),
-                            &count, nullptr);
-  if (err != 0 || count != static_cast<ox_s64>(size)) {
-    throw Failure(path_, "cannot write", err != 0 ? static_cast<uint32_t>(err) : ERROR_DISK_FULL);
+// The library sees no service of another process: another shell's is kept away by the lock on the
+// work folder, any other by its pid file.
+std::string PurgeCache(const Options& options) {
+  const std::string folder = CacheFolder(options);
+  tnw_purge_opt_t purge = PurgeRecord(options);
+  if (!IsLocalFolder(folder)) {
+    return folder + ": there is no cache";
   }
-}
-
-void RemoteFile::Close() {
-  int err = tnw_cleanup_file(handle_);
-  const int closed = tnw_close(std::exchange(handle_, nullptr), nullptr);
-  err = closed != 0 ? closed : err;
-  if (err != 0) {
-    throw Failure(path_, "cannot be brought to the cloud", static_cast<uint32_t>(err));
+  const LocalFile lock = LockWorkFolder(options);
+  if (!WaitForServiceEnd(folder)) {
+    throw Failure(folder, "cannot be deleted", ERROR_BUSY, kPurgeAnswers);
   }
+  const int err = tnw_purge_cache(&purge);
+  if (err == 0) {
+    return folder + ": deleted";
+  }
+  if (IsLocalFolder(folder)) {
+    throw Failure(folder, "cannot be deleted", static_cast<uint32_t>(err), kPurgeAnswers);
+  }
+  return folder + ": deleted in its place";
 }
 
 }  // namespace tnwsh

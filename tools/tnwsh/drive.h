@@ -1,25 +1,29 @@
-// The drive, by the library's public calls. Failures come as exceptions (failure.h).
-//
-// One thread; one file or listing at a time is all that the shell needs.
+// The drive, by the library's public calls. Failures come as exceptions (failure.h). One thread.
 #ifndef TNWSH_DRIVE_H
 #define TNWSH_DRIVE_H
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "failure.h"
 #include "local_file.h"
 #include "options.h"
+#include "tnw.h"
 
 namespace tnwsh {
+
+inline constexpr char kProcessName[] = "tnwsh";  // as the service knows us
 
 struct Entry {
   std::string name;
   bool folder = false;
   uint64_t size = 0;
   uint64_t modified = 0;  // a Windows file time
+  std::string id;         // of the item itself, however a path leads to it
 };
 
 // A path of the drive without its last name, and that name. Either slash; slashes at the end do not
@@ -27,6 +31,8 @@ struct Entry {
 std::string ParentOf(const std::string& path);
 std::string NameOf(const std::string& path);
 std::string JoinPath(const std::string& folder, const std::string& name);
+// The same text for all spellings of a path: slashes, case.
+std::string PathKey(const std::string& path);
 
 class Drive {
  public:
@@ -38,41 +44,46 @@ class Drive {
 
   // Sorted by name.
   std::vector<Entry> List(const std::string& path);
-  // What a path names, from the listing of its folder; a name in another case is found, too.
+  tnw_fileinfo Info(const std::string& path);
+  // What a path names, if anything; a name in another case is found, too.
   std::optional<Entry> Find(const std::string& path);
   // The same, or a Failure with Windows' "file not found".
   Entry Get(const std::string& path);
 
-  void* Handle() const { return handle_; }
+  void Rename(const std::string& from, const std::string& to);
+  void Delete(const std::string& path);
+  bool CanDelete(const std::string& path);
+  void MakeFolder(const std::string& path);
+  // Makes it unless it is there.
+  void EnsureFolder(const std::string& path);
+
+  void UpdateToken(std::string token);
+  void SetProxy(const std::string& server, const std::string& user, const std::string& password);
 
  private:
+  friend class RemoteFile;
+
+  // The library's context of a file, shared by all its opens.
+  struct Slot {
+    void* context = nullptr;
+    int opens = 0;
+  };
+
+  uint32_t TryInfo(const std::string& path, tnw_fileinfo* info);
   uint32_t ListInto(const std::string& path, std::vector<Entry>* entries);
+  // Throws for a code; without one it makes sure that there was an answer at all: what is not
+  // known to need one reads as success on a broken connection.
+  void CheckAnswer(const std::string& path, const char* what, int err, Answers answers = {});
 
   const std::string cache_folder_;
   LocalFile lock_;  // the work folder is ours
   void* handle_ = nullptr;
+  std::map<std::string, Slot> slots_;  // by PathKey
 };
 
-// An open file of the drive.
-class RemoteFile {
- public:
-  enum class Mode { kRead, kReplace };  // kReplace: created, or emptied
-
-  RemoteFile(const Drive& drive, const std::string& path, Mode mode);
-  ~RemoteFile();  // closes without a word; written data wants Close
-  RemoteFile(const RemoteFile&) = delete;
-  RemoteFile& operator=(const RemoteFile&) = delete;
-
-  size_t Read(uint64_t offset, void* buffer, size_t size);  // 0 at the end
-  void Write(uint64_t offset, const void* data, size_t size);
-  // Written data reaches the cloud here.
-  void Close();
-
- private:
-  const std::string path_;
-  void* context_ = nullptr;  // the library's, shared by all opens of a file: here one
-  void* handle_ = nullptr;
-};
+// Deletes the cache of the options' user, for which no drive of ours may run, and tells what it
+// did.
+std::string PurgeCache(const Options& options);
 
 }  // namespace tnwsh
 

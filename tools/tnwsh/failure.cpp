@@ -2,14 +2,14 @@
 
 #include <windows.h>
 
+#include <algorithm>
+
 #include "service/wide_text.h"
 
 namespace tnwsh {
 namespace {
 
-// Codes of the library whose Windows text would mislead. The last one is a number of the cache
-// service that has no Windows code and comes as it is; the end of a file, which has the same, is
-// never an error here.
+// Codes of the library whose Windows text would mislead, or says less.
 const char* OwnMeaning(uint32_t code) {
   switch (code) {
     case kConnectionBroken:
@@ -17,9 +17,18 @@ const char* OwnMeaning(uint32_t code) {
     case kUnauthorised:
       return "the cache service has no valid authorisation for this user: its token was refused";
     case ERROR_INVALID_DATA:
-      return "the cache service refuses the path or the request as invalid";
-    case kEndOfFile:
-      return "a name in the path is too long";
+      return "the cache service refuses the path (a name is too long, or none for Windows) or the "
+             "request";
+    case ERROR_SHARING_VIOLATION:
+      return "it is open elsewhere, in a way that does not allow this";
+    case ERROR_FILE_EXISTS:
+      return "the name is taken";
+    case ERROR_DIR_NOT_EMPTY:
+      return "the folder is not empty";
+    case ERROR_DIRECTORY:
+      return "it is a file, not a folder";
+    case ERROR_IO_DEVICE:
+      return "the cache service could not reach or change the file in the cloud";
     default:
       return nullptr;
   }
@@ -39,14 +48,19 @@ std::string WindowsMeaning(uint32_t code) {
 
 }  // namespace
 
-std::string MeaningOf(uint32_t code) {
+std::string MeaningOf(uint32_t code, Answers answers) {
+  const auto found = std::find_if(answers.begin(), answers.end(),
+                                  [=](const Answer& answer) { return answer.code == code; });
+  if (found != answers.end() && found->meaning != nullptr) {
+    return found->meaning;
+  }
   const char* own = OwnMeaning(code);
   return own != nullptr ? own : WindowsMeaning(code);
 }
 
-Failure::Failure(const std::string& path, const std::string& what, uint32_t code)
+Failure::Failure(const std::string& path, const std::string& what, uint32_t code, Answers answers)
     : std::runtime_error(path + ": " + what + ": error " + std::to_string(code) + ": " +
-                         MeaningOf(code)),
+                         MeaningOf(code, answers)),
       code_(code) {}
 
 }  // namespace tnwsh

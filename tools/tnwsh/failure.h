@@ -3,6 +3,7 @@
 #define TNWSH_FAILURE_H
 
 #include <cstdint>
+#include <span>
 #include <stdexcept>
 #include <string>
 
@@ -11,11 +12,21 @@ namespace tnwsh {
 // Exit statuses of the program.
 enum ExitStatus { kSuccess = 0, kFailed = 1, kUsage = 2 };
 
+// What a code means as the answer of one operation; without a text, what it always means.
+struct Answer {
+  uint32_t code;
+  const char* meaning;
+};
+using Answers = std::span<const Answer>;
+
+// What a Windows code means to the user of a drive; UTF-8, one line.
+std::string MeaningOf(uint32_t code, Answers answers = {});
+
 class Failure : public std::runtime_error {
  public:
   // "PATH: cannot open: error 2: The system cannot find the file specified." `what` is "cannot
   // open".
-  Failure(const std::string& path, const std::string& what, uint32_t code);
+  Failure(const std::string& path, const std::string& what, uint32_t code, Answers answers = {});
   // A failure of our own finding, without a code.
   Failure(const std::string& path, const std::string& what)
       : std::runtime_error(path + ": " + what), code_(0) {}
@@ -31,9 +42,6 @@ class UsageError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
-
-// What a Windows code means to the user of a drive; UTF-8, one line.
-std::string MeaningOf(uint32_t code);
 
 // Codes that the library gives a meaning of its own.
 inline constexpr uint32_t kConnectionBroken = 1467;

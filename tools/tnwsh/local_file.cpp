@@ -73,6 +73,42 @@ void MakeLocalFolders(const std::string& path) {
   }
 }
 
+void MakeLocalFolder(const std::string& path) {
+  if (!IsLocalFolder(path) && !CreateDirectoryW(VerbatimPath(path).c_str(), nullptr)) {
+    throw Failure(path, "cannot make the folder", GetLastError());
+  }
+}
+
+std::vector<LocalEntry> ListLocal(const std::string& path) {
+  std::vector<LocalEntry> entries;
+  WIN32_FIND_DATAW found;
+  std::wstring pattern = VerbatimPath(path);
+  pattern += pattern.ends_with(L'\\') ? L"*" : L"\\*";
+  const HANDLE search = FindFirstFileW(pattern.c_str(), &found);
+  if (search == INVALID_HANDLE_VALUE) {
+    throw Failure(path, "cannot list", GetLastError());
+  }
+  bool unicode = true;
+  do {
+    LocalEntry entry;
+    unicode = tarnd::Utf8FromWide(found.cFileName, &entry.name);
+    entry.folder = (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    entry.link = entry.folder && (found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+    if (entry.name != "." && entry.name != "..") {
+      entries.push_back(std::move(entry));
+    }
+  } while (unicode && FindNextFileW(search, &found));
+  const DWORD end = GetLastError();
+  FindClose(search);
+  if (!unicode) {
+    throw Failure(path, "holds a name that is no Unicode text");
+  }
+  if (end != ERROR_NO_MORE_FILES) {
+    throw Failure(path, "cannot list", end);
+  }
+  return entries;
+}
+
 LocalFile& LocalFile::operator=(LocalFile&& other) noexcept {
   path_.swap(other.path_);
   target_.swap(other.target_);

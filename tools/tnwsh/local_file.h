@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace tnwsh {
 
@@ -15,6 +16,17 @@ bool IsLocalFolder(const std::string& path);
 bool IsLocalFile(const std::string& path);
 // Makes a folder with its parents. Throws a Failure.
 void MakeLocalFolders(const std::string& path);
+
+// Makes the folder alone, unless it is there. Throws a Failure.
+void MakeLocalFolder(const std::string& path);
+
+struct LocalEntry {
+  std::string name;
+  bool folder = false;
+  bool link = false;  // a folder that is elsewhere
+};
+// In the order of the disk. Throws a Failure, also for a name that is no Unicode text.
+std::vector<LocalEntry> ListLocal(const std::string& path);
 
 class LocalFile {
  public:

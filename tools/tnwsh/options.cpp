@@ -38,6 +38,13 @@ void FillWord(char (&field)[N], const std::string& text, const char* name) {
   Fill(field, text, name);
 }
 
+template <size_t N>
+void FillOptionalWord(char (&field)[N], const std::string& text, const char* name) {
+  if (!text.empty()) {
+    FillWord(field, text, name);
+  }
+}
+
 // The library takes local paths in the process's code page.
 std::string NarrowPath(const std::string& path, const char* name) {
   const std::string absolute = AbsolutePath(path);
@@ -116,6 +123,9 @@ tnw_tninit StartRecord(const Options& options) {
   FillWord(init.tnw_username, options.user, "The user");
   FillWord(init.tnw_domain, options.domain, "The domain");
   FillWord(init.tnw_authtoken, options.token, "The token");
+  FillOptionalWord(init.tnw_proxy_server, options.proxy, "The proxy");
+  FillOptionalWord(init.tnw_proxy_uname, options.proxy_user, "The proxy's user");
+  FillOptionalWord(init.tnw_proxy_password, options.proxy_password, "The proxy's password");
   FillWord(init.tnw_api_addr, FileAddress(options.cloud), "The cloud folder's address");
   FillWord(init.tnw_config_addr, "none", "The configuration address");
   Fill(init.tnw_sharepath, options.share, "The share");
@@ -126,6 +136,14 @@ tnw_tninit StartRecord(const Options& options) {
   Fill(init.tnw_da_drive_id, kDriveId, "The drive id");
   CheckSocketPath(options);
   return init;
+}
+
+tnw_purge_opt_t PurgeRecord(const Options& options) {
+  tnw_purge_opt_t purge = {};
+  Fill(purge.po_workdir, NarrowPath(options.work, "The --work folder"), "The --work folder");
+  Fill(purge.po_domain, options.domain, "The domain");
+  Fill(purge.po_username, options.user, "The user");
+  return purge;
 }
 
 }  // namespace tnwsh

@@ -18,6 +18,9 @@ struct Options {
   std::string user = "me";
   std::string domain = "drive.local";
   std::string token = "development";
+  std::string proxy;  // none when empty
+  std::string proxy_user;
+  std::string proxy_password;
   int threads = 4;
   ProgressMode progress = ProgressMode::kAuto;
 };
@@ -25,6 +28,9 @@ struct Options {
 // The start-up record of a drive. Throws a UsageError for a value that it cannot hold or that the
 // library would not pass on whole.
 tnw_tninit StartRecord(const Options& options);
+
+// Whose cache to purge. Throws in the same way.
+tnw_purge_opt_t PurgeRecord(const Options& options);
 
 // The percent-encoded address of a folder: "file:///Z:/a%20folder".
 std::string FileAddress(const std::string& folder);

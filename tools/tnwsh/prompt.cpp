@@ -146,6 +146,9 @@ std::vector<std::string> SplitWords(const std::string& line) {
   return words;
 }
 
-ExitStatus RunPrompt(Shell* shell) { return Prompt(shell).Run(); }
+ExitStatus RunPrompt(Shell* shell) {
+  shell->EnterPrompt();
+  return Prompt(shell).Run();
+}
 
 }  // namespace tnwsh

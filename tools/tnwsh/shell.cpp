@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "console.h"
+#include "text.h"
 
 namespace tnwsh {
 
@@ -11,6 +12,14 @@ Drive& Shell::TheDrive() {
     drive_ = std::make_unique<Drive>(options_);
   }
   return *drive_;
+}
+
+void Shell::StopDrive() {
+  if (!locks_.empty()) {
+    fmt::print(stderr, "tnwsh: {} gone with the drive\n", Counted(locks_.size(), "lock"));
+  }
+  locks_.clear();
+  drive_.reset();
 }
 
 ExitStatus Shell::Run(const std::function<void(Shell&)>& action) {
@@ -29,7 +38,7 @@ ExitStatus Shell::Run(const std::function<void(Shell&)>& action) {
     fflush(stdout);
     fmt::print(stderr, "tnwsh: {}\n", failure.what());
     if (failure.Code() == kConnectionBroken) {
-      drive_.reset();
+      StopDrive();
     }
   }
   return status;

@@ -4,12 +4,23 @@
 
 #include <functional>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "drive.h"
 #include "failure.h"
 #include "options.h"
+#include "remote_file.h"
 
 namespace tnwsh {
+
+// A lock that outlives its command: it lives as long as its open.
+struct HeldLock {
+  std::string path;  // as typed
+  FileRange range;
+  bool exclusive = false;
+  std::unique_ptr<RemoteFile> file = nullptr;
+};
 
 class Shell {
  public:
@@ -17,15 +28,28 @@ class Shell {
 
   // Throws a Failure when the drive cannot be started.
   Drive& TheDrive();
-  ProgressMode ProgressOfTransfers() const { return options_.progress; }
+  // Releases what is held, and ends the service; the next command that needs the drive starts it.
+  void StopDrive();
+
+  const Options& Given() const { return options_; }
+  // For the next start of the drive.
+  void Change(Options options) { options_ = std::move(options); }
+
+  // At the prompt a lock may stay; on the command line it would end with the command.
+  bool AtPrompt() const { return at_prompt_; }
+  void EnterPrompt() { at_prompt_ = true; }
+  std::vector<HeldLock>& Locks() { return locks_; }
+  const std::vector<HeldLock>& Locks() const { return locks_; }
 
   // The exit status of an action; what it throws is told on standard error. After a broken
   // connection the next action starts the drive anew.
   ExitStatus Run(const std::function<void(Shell&)>& action);
 
  private:
-  const Options options_;
+  Options options_;
+  bool at_prompt_ = false;
   std::unique_ptr<Drive> drive_;
+  std::vector<HeldLock> locks_;  // go before the drive
 };
 
 }  // namespace tnwsh

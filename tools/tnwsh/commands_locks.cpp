@@ -1,0 +1,156 @@
+// truncate, lock and unlock: what is done to an open file beside its content.
+#include <fmt/format.h>
+#include <windows.h>
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+
+#include "commands.h"
+#include "console.h"
+#include "text.h"
+#include "transfer.h"
+
+namespace tnwsh {
+namespace {
+
+void Truncate(Shell& shell, const std::string& path, uint64_t size) {
+  Drive& drive = shell.TheDrive();
+  RemoteFile file(drive, path, RemoteFile::Mode::kChange);
+  file.SetSize(size);
+  file.Close();
+  CheckArrival(drive, path, size);
+}
+
+struct RangeArguments {
+  std::string path;
+  uint64_t offset = 0;
+  uint64_t length = 0;
+};
+
+// The library would cut them and lock another range.
+FileRange Checked(const RangeArguments& arguments) {
+  if (arguments.offset > UINT32_MAX || arguments.length > UINT32_MAX) {
+    throw UsageError(fmt::format("Offset and length of a lock must be below 4 GiB: {} {}",
+                                 arguments.offset, arguments.length));
+  }
+  return {static_cast<uint32_t>(arguments.offset), static_cast<uint32_t>(arguments.length)};
+}
+
+struct LockArguments {
+  RangeArguments range;
+  bool shared = false;
+  double seconds = 0;  // 0: at the prompt until it is lifted, else until Ctrl-C
+};
+
+void WaitOrInterrupt(double seconds) {
+  constexpr DWORD kPause = 20;
+  const ULONGLONG start = GetTickCount64();
+  while (!Interrupted() &&
+         (seconds == 0 || static_cast<double>(GetTickCount64() - start) < seconds * 1000)) {
+    Sleep(kPause);
+  }
+}
+
+const char* KindText(bool exclusive) { return exclusive ? "exclusive" : "shared"; }
+
+void PrintLock(const HeldLock& lock, const std::string& until) {
+  fmt::print("{}: {}, {}{}\n", lock.path, RangeText(lock.range), KindText(lock.exclusive), until);
+}
+
+void ListLocks(const Shell& shell) {
+  for (const HeldLock& lock : shell.Locks()) {
+    PrintLock(lock, "");
+  }
+}
+
+// Waits while the lock is held, since it goes with the program; or at the prompt with --for.
+void HoldLock(HeldLock& lock, double seconds) {
+  PrintLock(lock, seconds > 0 ? fmt::format(": for {:g} s or until Ctrl-C", seconds)
+                              : ": until Ctrl-C; the lock goes with this program");
+  fflush(stdout);
+  WaitOrInterrupt(seconds);
+  lock.file->Unlock(lock.range);
+  lock.file->Close();
+}
+
+void Lock(Shell& shell, const LockArguments& arguments) {
+  HeldLock lock{.path = arguments.range.path,
+                .range = Checked(arguments.range),
+                .exclusive = !arguments.shared};
+  lock.file = std::make_unique<RemoteFile>(shell.TheDrive(), lock.path, RemoteFile::Mode::kHold);
+  lock.file->Lock(lock.range, lock.exclusive);
+  if (arguments.seconds > 0 || !shell.AtPrompt()) {
+    HoldLock(lock, arguments.seconds);
+  } else {
+    PrintLock(lock, ": until unlock or exit");
+    shell.Locks().push_back(std::move(lock));
+  }
+}
+
+void Unlock(Shell& shell, const RangeArguments& arguments) {
+  const FileRange range = Checked(arguments);
+  std::vector<HeldLock>& locks = shell.Locks();
+  const auto found = std::find_if(locks.begin(), locks.end(), [&](const HeldLock& lock) {
+    return lock.range == range && PathKey(lock.path) == PathKey(arguments.path);
+  });
+  if (found == locks.end()) {
+    throw Failure(arguments.path, shell.AtPrompt()
+                                      ? "this shell holds no such lock; \"lock\" alone lists them"
+                                      : "a lock went with the program that took it");
+  }
+  found->file->Unlock(range);
+  const HeldLock lifted = std::move(*found);
+  locks.erase(found);
+  lifted.file->Close();
+}
+
+void DeclareRange(CLI::App* command, RangeArguments* range, bool required) {
+  command->add_option("FILE", range->path, "A file of the drive")->required(required);
+  command->add_option("OFFSET", range->offset, "The range's first byte: 4096, 4k")
+      ->transform(CLI::AsSizeValue(false).description(""))
+      ->required(required);
+  command->add_option("LENGTH", range->length, "Its length in bytes")
+      ->transform(CLI::AsSizeValue(false).description(""))
+      ->required(required);
+}
+
+}  // namespace
+
+void DeclareTruncate(CLI::App* command, Action* action) {
+  auto path = std::make_shared<std::string>();
+  auto size = std::make_shared<uint64_t>();
+  command->add_option("FILE", *path, "A file of the drive")->required();
+  command->add_option("SIZE", *size, "Its new size in bytes: 4096, 10k, 4M")
+      ->transform(CLI::AsSizeValue(false).description(""))
+      ->required();
+  command->callback([=] { *action = [=](Shell& shell) { Truncate(shell, *path, *size); }; });
+}
+
+void DeclareLock(CLI::App* command, Action* action) {
+  auto arguments = std::make_shared<LockArguments>();
+  DeclareRange(command, &arguments->range, false);
+  command->add_flag("--shared", arguments->shared, "Lets others lock the range as shared, too");
+  command->add_option("--for", arguments->seconds, "Seconds to hold the lock and wait")
+      ->check(CLI::PositiveNumber)
+      ->option_text("SECONDS");
+  command->callback([=] {
+    const size_t given =
+        command->count("FILE") + command->count("OFFSET") + command->count("LENGTH");
+    if (given == 0) {
+      *action = ListLocks;
+    } else if (given == 3) {
+      *action = [=](Shell& shell) { Lock(shell, *arguments); };
+    } else {
+      throw CLI::RequiredError("FILE OFFSET LENGTH");
+    }
+  });
+}
+
+void DeclareUnlock(CLI::App* command, Action* action) {
+  auto range = std::make_shared<RangeArguments>();
+  DeclareRange(command, range.get(), true);
+  command->callback([=] { *action = [=](Shell& shell) { Unlock(shell, *range); }; });
+}
+
+}  // namespace tnwsh
