@@ -71,8 +71,8 @@ class Drive {
 
   uint32_t TryInfo(const std::string& path, tnw_fileinfo* info);
   uint32_t ListInto(const std::string& path, std::vector<Entry>* entries);
-  // Throws for a code; without one it makes sure that there was an answer at all: what is not
-  // known to need one reads as success on a broken connection.
+  // Throws for a code. Without one it makes sure that there was an answer at all, since most calls
+  // read as success on a broken connection.
   void CheckAnswer(const std::string& path, const char* what, int err, Answers answers = {});
 
   const std::string cache_folder_;
