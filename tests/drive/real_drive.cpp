@@ -105,8 +105,8 @@ DriveFile::DriveFile(RealDrive& drive, const std::string& path, OpenHow how)
   open(how);
 }
 
-DriveFile::DriveFile(const DriveFile& other, OpenHow how)
-    : drive_(other.drive_), path_(other.path_), slot_(other.slot_) {
+DriveFile::DriveFile(const DriveFile& other, OpenHow how, const std::string& path)
+    : drive_(other.drive_), path_(path.empty() ? other.path_ : path), slot_(other.slot_) {
   open(how);
 }
 

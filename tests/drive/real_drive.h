@@ -76,8 +76,8 @@ struct OpenHow {
 class DriveFile {
  public:
   DriveFile(RealDrive& drive, const std::string& path, OpenHow how = {});
-  /* One more open of the same file. */
-  DriveFile(const DriveFile& other, OpenHow how);
+  /* One more open of the same file, by `path` where it was renamed. */
+  DriveFile(const DriveFile& other, OpenHow how, const std::string& path = "");
   ~DriveFile() { close(); }
   DriveFile& operator=(const DriveFile&) = delete;
 

@@ -1,0 +1,61 @@
+/*
+ * Random calls to a drive as plain records: made from a seed, told as text, cut to the few that
+ * matter. Every sequence of steps is valid, so that any of them may be left out.
+ */
+#ifndef MODEL_STEPS_H
+#define MODEL_STEPS_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "real_drive.h"
+
+constexpr int MODEL_REGION_SHIFT = 6;
+constexpr size_t MODEL_REGION = size_t{1} << MODEL_REGION_SHIFT;
+constexpr size_t MODEL_NAMES = 4; /* names that the steps use */
+constexpr size_t MODEL_SLOTS = 6; /* opens at a time */
+
+enum class Act {
+  PUT, /* a new content comes into the cloud past the drive, if the file is not open */
+  OPEN,
+  CLOSE,
+  CLEANUP,
+  READ,
+  READ_ALL,
+  WRITE,
+  RESIZE,
+  RENAME,
+  REMOVE,
+  ASK_REMOVE,
+  KILL, /* ends the service's process and starts another one */
+};
+
+/* What an act does not need is not looked at. An act on a slot that holds no open does nothing, nor
+ * does an open into a slot that holds one. */
+struct Step {
+  Act act = Act::PUT;
+  size_t slot = 0;
+  size_t name = 0;
+  size_t target = 0; /* the other name of a rename */
+  OpenHow how;
+  size_t off = 0;
+  size_t len = 0;    /* of a resize and a put: the new size */
+  unsigned data = 0; /* what is written; which bytes are looked at afterwards, and through whom */
+};
+using Steps = std::vector<Step>;
+
+/* The same for the same arguments: first files in the cloud, then `count` steps; with `kill` the
+ * service is killed at the end, with what is open then. */
+Steps random_steps(unsigned seed, size_t count, bool kill);
+
+/* One a line. */
+std::string steps_text(const Steps& steps);
+
+/* Runs steps: how many of them a failure took, 0 without one. */
+using StepsRun = std::function<size_t(const Steps&)>;
+/* Leaves out ever smaller pieces of failing steps while what is left fails, with at most `tries`
+ * runs. */
+Steps shrink_steps(Steps failing, const StepsRun& run, int tries);
+
+#endif

@@ -1,0 +1,109 @@
+// Random calls to the whole client, each compared with a drive in plain memory. A failure is told
+// with its seed and the few steps that are enough for it.
+//
+// TNW_MODEL_SEED: the first seed, for a failure that was told or for others than the usual ones.
+// TNW_MODEL_STEPS: steps of each test; 1 plays the first seed alone.
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <atomic>
+#include <thread>
+
+#include "model_player.h"
+
+namespace {
+
+constexpr size_t STEPS = 10'000;   /* of each test, when none are asked for */
+constexpr unsigned KILL_EVERY = 5; /* seeds */
+constexpr size_t SEQUENCE = 200;   /* steps for one seed */
+constexpr size_t SEQUENCE_BEFORE_A_KILL = 50;
+constexpr int SHRINK_TRIES = 400;
+
+unsigned from_environment(const char* name, unsigned otherwise) {
+  char text[16] = {};
+  const DWORD size = GetEnvironmentVariableA(name, text, sizeof text);
+  return size > 0 && size < sizeof text ? static_cast<unsigned>(std::stoul(text)) : otherwise;
+}
+
+class Model : public testing::Test {
+ protected:
+  void SetUp() override {
+    SetEnvironmentVariableA("TARND_REGION_SHIFT", std::to_string(MODEL_REGION_SHIFT).c_str());
+    ASSERT_TRUE(drive.start()) << drive.error;
+  }
+
+  static Steps steps_of(unsigned seed, bool may_kill) {
+    const bool kill = may_kill && seed % KILL_EVERY == 0;
+    return random_steps(seed, kill ? SEQUENCE_BEFORE_A_KILL : SEQUENCE, kill);
+  }
+
+  // Each time in a folder of its own, whose files nothing has cached.
+  ModelPlayer new_player(bool alone) {
+    return ModelPlayer(drive, "run " + std::to_string(runs_++), alone);
+  }
+
+  void report(unsigned seed, const Steps& steps, const std::string& failure) {
+    std::string last;
+    const auto run = [&](const Steps& fewer) {
+      ModelPlayer player = new_player(true);
+      const size_t taken = player.play(fewer);
+      if (taken) last = player.failure();
+      return taken;
+    };
+    const Steps shortest = run(steps) ? shrink_steps(steps, run, SHRINK_TRIES) : steps;
+    ADD_FAILURE() << "seed " << seed << ": " << failure << "\n"
+                  << shortest.size()
+                  << " steps, which alone give: " << (last.empty() ? "no failure" : last) << "\n"
+                  << steps_text(shortest);
+  }
+
+  RealDrive drive;
+
+ private:
+  std::atomic<int> runs_{0};
+};
+
+}  // namespace
+
+TEST_F(Model, RandomCallsAgreeWithPlainMemory) {
+  unsigned seed = from_environment("TNW_MODEL_SEED", 1);
+  const size_t wanted = from_environment("TNW_MODEL_STEPS", STEPS);
+  for (size_t played = 0; played < wanted; seed++) {
+    Steps steps = steps_of(seed, true);
+    played += steps.size();
+    ModelPlayer player = new_player(true);
+    const size_t taken = player.play(steps);
+    if (taken == 0) continue;
+    steps.resize(std::min(taken, steps.size()));
+    return report(seed, steps, player.failure());
+  }
+}
+
+TEST_F(Model, ThreadsOnFilesOfTheirOwnAgreeWithPlainMemory) {
+  constexpr unsigned THREADS = 4;
+  const unsigned first = from_environment("TNW_MODEL_SEED", 1000);
+  const size_t wanted = from_environment("TNW_MODEL_STEPS", STEPS) / THREADS;
+  struct {
+    unsigned seed;
+    Steps steps;
+    std::string failure;
+  } last[THREADS];
+  std::vector<std::thread> threads;
+  for (unsigned t = 0; t < THREADS; t++)
+    threads.emplace_back([&, t] {
+      auto& mine = last[t];
+      mine.seed = first + t;
+      for (size_t played = 0; played < wanted; mine.seed += THREADS) {
+        mine.steps = steps_of(mine.seed, false);
+        played += mine.steps.size();
+        ModelPlayer player = new_player(false);
+        player.play(mine.steps);
+        mine.failure = player.failure();
+        if (!mine.failure.empty()) return;
+      }
+    });
+  for (std::thread& thread : threads) thread.join();
+  for (const auto& mine : last)
+    if (!mine.failure.empty()) report(mine.seed, mine.steps, mine.failure);
+}

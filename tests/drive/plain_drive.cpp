@@ -1,0 +1,106 @@
+#include "plain_drive.h"
+
+#include <windows.h>
+
+#include <algorithm>
+
+namespace {
+
+constexpr ox_u32 SHARES_DELETE = 4;
+
+/* The share bits that an access needs from the others. */
+ox_u32 needed(ox_u32 access) {
+  return (access & ACC_READ ? ox_u32{SHARE_READ} : 0) |
+         (access & ~ox_u32{ACC_READ} ? ox_u32{SHARE_WRITE} : 0);
+}
+
+bool empties(ox_u32 disposition) {
+  return disposition == SUPERSEDE || disposition == OVERWRITE || disposition == OVERWRITE_IF;
+}
+bool may_make(ox_u32 disposition) { return disposition != OPEN && disposition != OVERWRITE; }
+
+}  // namespace
+
+void PlainDrive::put(const std::string& name, const std::string& bytes) {
+  files_[name] = std::make_shared<PlainFile>(PlainFile{bytes});
+}
+
+std::shared_ptr<PlainFile> PlainDrive::named(const std::string& name) const {
+  const auto found = files_.find(name);
+  return found == files_.end() ? nullptr : found->second;
+}
+
+std::shared_ptr<PlainFile> PlainDrive::opened(size_t slot) const {
+  const auto found = opens_.find(slot);
+  return found == opens_.end() ? nullptr : found->second.file;
+}
+
+bool PlainDrive::is_open(const std::string& name) const {
+  const auto file = named(name);
+  return std::any_of(opens_.begin(), opens_.end(),
+                     [&](const auto& open) { return open.second.file == file; });
+}
+
+bool PlainDrive::shares(const std::shared_ptr<PlainFile>& file, ox_u32 wants, ox_u32 share) const {
+  return std::all_of(opens_.begin(), opens_.end(), [&](const auto& item) {
+    const Open& other = item.second;
+    const bool fits = !(needed(wants) & ~other.share) && !(needed(other.access) & ~share);
+    return other.file != file || !other.counts() || wants == 0 || fits;
+  });
+}
+
+int PlainDrive::open(size_t slot, const std::string& name, const OpenHow& how, ox_u32* last_error) {
+  auto file = named(name);
+  const bool existed = file != nullptr;
+  const ox_u32 writes = empties(how.disposition) ? ox_u32{ACC_WRITE} : 0;
+  if (existed && how.disposition == CREATE) return ERROR_FILE_EXISTS;
+  if (!existed && !may_make(how.disposition)) return ERROR_FILE_NOT_FOUND;
+  if (existed && !shares(file, how.access | writes, how.share)) return ERROR_SHARING_VIOLATION;
+  if (!existed) file = files_[name] = std::make_shared<PlainFile>();
+  if (empties(how.disposition)) file->bytes.clear();
+  opens_[slot] = {file, how.access, how.share, false};
+  *last_error = existed && may_make(how.disposition) ? ERROR_ALREADY_EXISTS : 0;
+  return 0;
+}
+
+int PlainDrive::read(size_t slot, size_t off, size_t len, std::string* got) const {
+  const std::string& bytes = opens_.at(slot).file->bytes;
+  *got = off < bytes.size() ? bytes.substr(off, len) : "";
+  return off < bytes.size() ? 0 : ERROR_HANDLE_EOF;
+}
+
+void PlainDrive::write(size_t slot, size_t off, const std::string& data) {
+  std::string& bytes = opens_.at(slot).file->bytes;
+  bytes.resize(std::max(bytes.size(), off + data.size()));
+  bytes.replace(off, data.size(), data);
+}
+
+int PlainDrive::may_remove(const std::string& name) const {
+  const auto file = named(name);
+  if (!file) return ERROR_FILE_NOT_FOUND;
+  const bool kept = std::any_of(opens_.begin(), opens_.end(), [&](const auto& item) {
+    const Open& open = item.second;
+    return open.file == file && open.counts() && !(open.share & SHARES_DELETE);
+  });
+  return kept ? ERROR_SHARING_VIOLATION : 0;
+}
+
+int PlainDrive::rename(const std::string& from, const std::string& to) {
+  const int code = may_remove(from);
+  if (code || from == to) return code;
+  if (named(to)) return ERROR_FILE_EXISTS;
+  files_[to] = files_[from];
+  files_.erase(from);
+  return 0;
+}
+
+int PlainDrive::remove(const std::string& name) {
+  const int code = may_remove(name);
+  if (code) return code;
+  const auto file = named(name);
+  file->lost = std::none_of(opens_.begin(), opens_.end(), [&](const auto& item) {
+    return item.second.file == file && !item.second.cleaned;
+  });
+  files_.erase(name);
+  return 0;
+}
