@@ -3,6 +3,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
+
 #include "commands.h"
 #include "console.h"
 #include "text.h"
@@ -53,8 +55,10 @@ class TreePrinter {
  public:
   TreePrinter(Drive& drive, int depth) : drive_(drive), depth_(depth) {}
 
-  void Print(const std::string& path, const std::string& lead = "", int level = 1) {
+  void Print(const std::string& path, const std::string& id, const std::string& lead = "",
+             int level = 1) {
     const std::vector<Entry> entries = drive_.List(path);
+    above_.push_back(id);
     for (const Entry& entry : entries) {
       if (Interrupted()) {
         throw Failure(path, "interrupted");
@@ -62,23 +66,31 @@ class TreePrinter {
       const bool last = &entry == &entries.back();
       fmt::print("{}{}{}{}\n", lead, last ? "└── " : "├── ", entry.name, entry.folder ? "/" : "");
       totals_.Count(entry);
-      if (entry.folder && level != depth_) {
-        Print(JoinPath(path, entry.name), lead + (last ? "    " : "│   "), level + 1);
+      if (entry.folder && level != depth_ && !LeadsBack(entry)) {
+        Print(JoinPath(path, entry.name), entry.id, lead + (last ? "    " : "│   "), level + 1);
       }
     }
+    above_.pop_back();
   }
   const Totals& Sum() const { return totals_; }
 
  private:
+  // A link to a folder that leads to it.
+  bool LeadsBack(const Entry& entry) const {
+    return std::find(above_.begin(), above_.end(), entry.id) != above_.end();
+  }
+
   Drive& drive_;
-  const int depth_;  // 0: all
+  const int depth_;                 // 0: all
+  std::vector<std::string> above_;  // the ids of the folders that are being printed
   Totals totals_;
 };
 
 void Tree(Shell& shell, const std::string& path, int depth) {
   TreePrinter printer(shell.TheDrive(), depth);
+  const Entry top = shell.TheDrive().Get(path);
   fmt::print("{}\n", path);
-  printer.Print(path);
+  printer.Print(path, top.id);
   printer.Sum().Print();
 }
 
