@@ -62,7 +62,7 @@ struct Weight {
   size_t weight;
 };
 constexpr Weight ORDINARY[] = {
-    {Act::PUT, 5},      {Act::OPEN, 10},  {Act::CLOSE, 8},      {Act::CLEANUP, 1},
+    {Act::PUT, 5},      {Act::OPEN, 7},   {Act::CLOSE, 5},      {Act::CLEANUP, 1},
     {Act::READ, 26},    {Act::WRITE, 25}, {Act::RESIZE, 6},     {Act::RENAME, 2},
     {Act::READ_ALL, 1}, {Act::REMOVE, 1}, {Act::ASK_REMOVE, 1},
 };
