@@ -14,7 +14,8 @@
 
 namespace {
 
-constexpr size_t STEPS = 10'000;   /* of each test, when none are asked for */
+constexpr size_t STEPS_ALONE = 6'000; /* by one thread, when none are asked for */
+constexpr size_t STEPS_OF_THREADS = 14'000;
 constexpr unsigned KILL_EVERY = 5; /* seeds */
 constexpr size_t SEQUENCE = 200;   /* steps for one seed */
 constexpr size_t SEQUENCE_BEFORE_A_KILL = 50;
@@ -68,7 +69,7 @@ class Model : public testing::Test {
 
 TEST_F(Model, RandomCallsAgreeWithPlainMemory) {
   unsigned seed = from_environment("TNW_MODEL_SEED", 1);
-  const size_t wanted = from_environment("TNW_MODEL_STEPS", STEPS);
+  const size_t wanted = from_environment("TNW_MODEL_STEPS", STEPS_ALONE);
   for (size_t played = 0; played < wanted; seed++) {
     Steps steps = steps_of(seed, true);
     played += steps.size();
@@ -83,7 +84,7 @@ TEST_F(Model, RandomCallsAgreeWithPlainMemory) {
 TEST_F(Model, ThreadsOnFilesOfTheirOwnAgreeWithPlainMemory) {
   constexpr unsigned THREADS = 4;
   const unsigned first = from_environment("TNW_MODEL_SEED", 1000);
-  const size_t wanted = from_environment("TNW_MODEL_STEPS", STEPS) / THREADS;
+  const size_t wanted = from_environment("TNW_MODEL_STEPS", STEPS_OF_THREADS) / THREADS;
   struct {
     unsigned seed;
     Steps steps;
