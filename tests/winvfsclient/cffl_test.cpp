@@ -356,6 +356,9 @@ TEST(Listing, HeaderEntriesAndHashTable) {
                 "00000005-0000-0000-0000-000000000000 00000000-0000-0000-0000-000000000000 ");
   EXPECT_THAT(text, EndsWith("count  hashval   next prev cfp_offset\t sha256\n"
                              "0\t-5\t1\t2\t1072\tabc01234ff\n"));
+  put(bytes, table_at, ox_u64{1072});
+  EXPECT_THAT(printed([&] { tn_print_cffl(list_in(bytes), 1); }), EndsWith("\t sha256\n"))
+      << "no entry is shown as a slot";
   EXPECT_THAT(printed([&] { tn_print_cffl(list_in(bytes), 0); }),
               EndsWith("Checksum:0-0-0-" + zeros + "0000\n"));
   EXPECT_THAT(printed([&] { tn_print_cffl_finfo(list_in(bytes)); }),

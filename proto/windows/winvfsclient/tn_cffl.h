@@ -57,7 +57,7 @@ typedef struct cfs_cffl_header_v3 {
   ox_u8 cf_perms;   /* tn_cfp_perms */
   ox_u8 cf_isfixed; /* the service's own */
   ox_u8 cf_pad[6];  /* zero */
-  ox_u64 cf_ihtoff; /* offset of the hash table, from the list's start; 0: none */
+  ox_u64 cf_ihtoff; /* offset of the hash table, which ends at the first entry; 0: none */
   ox_u64 cf_cfpoff; /* offset of the first entry, from the list's start; 0 means 1024 */
   char cf_etag[64]; /* zero-padded; a text that fills it has no NUL */
 } cfs_cffl_header_v3;
@@ -162,12 +162,13 @@ OX_STATIC_ASSERT(sizeof(tn_sbpflist_ent) == 32, "file layout");
 
 /*
  * Reads a list, or with `read_data` false its 1024 header bytes alone, into memory on a boundary of
- * `sectsz` bytes (a power of two) that the caller gives back with tn_free_cffl. The header comes
- * from the descriptor's position, a whole list from the file's start; the position is left behind
- * what was read, so two threads must not read from one descriptor.
+ * `sectsz` bytes (a power of two; 0: malloc's) that the caller gives back with tn_free_cffl. The
+ * header comes from the descriptor's position, a whole list from the file's start; the position is
+ * left behind what was read, so two threads must not read from one descriptor.
  *
- * Null with errno: the header is not whole, no memory (also for a list of 2 GiB and more: 12), a
- * read that fails, a file that was given a longer list in the middle of it (11).
+ * Null: the file ends within the header (errno stays as it was), or with errno: a read that fails,
+ * no memory (also for a list of 2 GiB and more: 12), a file that was given a longer list in the
+ * middle of it (11).
  *
  * Deliberately without a test for the end of the file: a file shorter than its cf_size keeps the
  * reader, which yields the processor between its attempts, until the rest has been written. Compare

@@ -89,12 +89,11 @@ void print_entry(const cfs_cffl* cffl, const cfs_path* cfp) {
   print_checksum(cfp, stdout);
 }
 
-/* The table reaches to the first entry, or to the list's end when it lies behind that. */
+/* The table reaches to the first entry; behind that there is no room for one. */
 ox_u64 hash_slots(const cfs_cffl* cffl) {
   const ox_u64 table = cffl->cfh_head.cf_ihtoff;
   const ox_u64 first = tn_first_cfp_offset(cffl);
-  const ox_u64 end = table < first ? first : cffl->cfh_head.cf_size;
-  return table == 0 || table > end ? 0 : (end - table) / sizeof(cfs_cffl_hash);
+  return table == 0 || table > first ? 0 : (first - table) / sizeof(cfs_cffl_hash);
 }
 
 void print_hash_table(const cfs_cffl* cffl) {
