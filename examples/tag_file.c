@@ -33,8 +33,10 @@ static int show(int fd, const char* file, const char* name) {
 
 /* Removed first: a shorter value would keep the tail of a longer one. */
 static int set(const char* file, const char* name, const char* value) {
-  if (ox_removexattr(file, name) != 0) return 1;
-  return *value ? ox_setxattr(file, name, value, strlen(value), 0) != 0 : 0;
+  if (ox_removexattr(file, name) == 0 &&
+      (!*value || ox_setxattr(file, name, value, strlen(value), 0) == 0))
+    return 0;
+  return printf("%s: cannot be set\n", name), 1;
 }
 
 int main(int argc, char** argv) {

@@ -129,7 +129,11 @@ std::vector<Item> ItemsOf(const std::string& folder, const cfs_id_t& folder_id) 
 Item FolderItem(const std::string& folder) {
   WIN32_FILE_ATTRIBUTE_DATA data;
   if (!GetFileAttributesExW((VerbatimPath(folder) + L'\\').c_str(), GetFileExInfoStandard, &data)) {
-    throw Failure(folder, "cannot be looked at", GetLastError());
+    const DWORD error = GetLastError();
+    if (GetFileAttributesW(VerbatimPath(folder).c_str()) != INVALID_FILE_ATTRIBUTES) {
+      throw Failure(folder, "is a file, not a folder");
+    }
+    throw Failure(folder, "cannot be looked at", error);
   }
   Item item;
   item.name = folder.substr(folder.find_last_of('\\') + 1);
