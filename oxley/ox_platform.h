@@ -27,8 +27,10 @@ enum {
   OX_O_RDWR = 0x2,
   OX_O_CREAT = 0x100,
   OX_O_TRUNC = 0x200,
-  OX_O_EXCL = 0x400,       /* ignored */
-  OX_O_DIRECT = 0x20000000 /* unbuffered; wins over write-through */
+  OX_O_EXCL = 0x400, /* ignored */
+  /* Unbuffered: offsets, counts and buffers are then multiples of the sector, else errno 87. Wins
+   * over write-through. */
+  OX_O_DIRECT = 0x20000000
 };
 #define OX_O_SYNC 0x80000000u /* write-through */
 
@@ -46,7 +48,7 @@ ox_u32 ox_create_disposition(ox_u32 flags);
  * (octal 0222) creates a read-only file. Logs nothing.
  */
 int ox_creat(const char* path, ox_u32 flags, ox_u32 mode);
-/* Opens an existing file; logs a failure. */
+/* Opens an existing file, never creating or truncating one; logs a failure. */
 int ox_open(const char* path, ox_u32 flags);
 /* Opens a folder, or a stream of one, which the create flag makes; logs nothing. A folder's
  * descriptor serves for its path and its attributes (ox_xattr.h), not for reading or locks. */

@@ -25,6 +25,7 @@ using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::MatchesRegex;
 using testing::StartsWith;
 
 namespace {
@@ -259,10 +260,13 @@ TEST_F(Platform, LocksRangesBetweenHandles) {
   EXPECT_EQ(-1, ox_flock(-1, fail_at_once_exclusive));
   EXPECT_EQ(OX_EBADF, errno);
   EXPECT_THAT(log.lines(),
-              ElementsAre(EndsWith(" flags 3 bytes_low 1 bytes_high 0"),
-                          EndsWith(" flags 0x3 low_bytes_locked 4294967295 high_bytes_locked "
-                                   "4294967295"),
-                          EndsWith(" bytes_low 2 bytes_high 0"),
+              ElementsAre(MatchesRegex(".* ox_lock_file: Failed to LockFileEx on fd \\d+ fh \\w+ "
+                                       "flags 3 bytes_low 1 bytes_high 0"),
+                          MatchesRegex(".* ox_flock: Failed to LockFile on fd \\d+ fh \\w+ flags "
+                                       "0x3 low_bytes_locked 4294967295 high_bytes_locked "
+                                       "4294967295"),
+                          MatchesRegex(".* ox_unlock_file: Failed to UnlockFileEx on fd \\d+ fh "
+                                       "\\w+ bytes_low 2 bytes_high 0"),
                           EndsWith("ox_flock: Failed to _get_osfhandle on fd -1")));
 
   /* A lock that is waited for comes when its holder closes. */
