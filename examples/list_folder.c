@@ -1,4 +1,5 @@
-/* Shows a folder of the cloud as its list has it: sizes, names and checksums, without the service.
+/*
+ * Shows a folder of the cloud as its list has it: sizes, names and checksums, without the service.
  */
 #include <stdio.h>
 

@@ -19,8 +19,8 @@ int ox_rmrf(const char* path);
 
 /*
  * Moves a directory into the system's temporary folder under a new name, which is written to
- * `moved` (`size` bytes). 0, or -1 with errno after an ERROR line: 22 for
- * a path without a backslash, 38 when the name does not fit. A directory does not cross volumes.
+ * `moved` (`size` bytes). 0, or -1 with errno after an ERROR line: 22 for a path without a
+ * backslash, 38 when the name does not fit. A directory does not cross volumes.
  */
 int ox_movedir2tmp(const char* path, char* moved, size_t size);
 

@@ -140,8 +140,7 @@ ox_tpool_t* ox_tpool_create_external(const char* name, ox_tpool_init_func_t init
  */
 int ox_queue_work(ox_tpool_t* tp, ox_job_notify_t* notify, ox_job_func_t func, void* args);
 
-/* Replaces both limits; starts and stops no thread. Slots above the first maximum have no blocks.
- */
+/* Replaces both limits; starts and stops no thread. Slots above the first maximum get no block. */
 void ox_update_tpool_threads(ox_tpool_t* tp, ox_u32 min_threads, ox_u32 max_threads);
 
 int ox_tpool_pause(ox_tpool_t* tp);

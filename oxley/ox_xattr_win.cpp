@@ -45,8 +45,7 @@ bool find_stream(const char* caller, const char* path, const char* name, ox_stat
   return true;
 }
 
-/* An open stream under its lock, and the end of both, which leaves errno to the caller's failure.
- */
+/* An open stream under its lock, and the end of both, which leaves errno to the caller. */
 class locked_stream {
  public:
   explicit locked_stream(int fd)

@@ -29,8 +29,7 @@ bool file_exists(const std::filesystem::path& path);
 /* The path of a program of this build, which stands beside the test's own. */
 std::string beside_test(const std::string& program);
 
-/* A start-up record on `folder`: no retry, two threads, a user and drive id, `program` as service.
- */
+/* A start-up record on `folder`: no retry, two threads, user and drive id, `program` to serve. */
 tnw_tninit start_record(const TestFolder& folder, const std::string& program);
 template <size_t N>
 void set_field(char (&field)[N], const std::string& text) {

@@ -10,8 +10,7 @@
 #include <string>
 #include <vector>
 
-/* A folder of its own under the system's temporary folder, removed at the end as far as possible.
- */
+/* A folder of its own in the system's temporary folder, removed at the end as far as possible. */
 class temp_folder {
  public:
   temp_folder();

@@ -114,8 +114,8 @@ typedef struct tnw_fileinfo {
 } tnw_fileinfo;
 
 OX_STATIC_ASSERT(sizeof(tnw_cfs_lock) == 72, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_ctime) == 8, "wire layout");
 OX_STATIC_ASSERT(offsetof(tnw_cfs_lock, lk_uname) == 8, "wire layout");
+OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_ctime) == 8, "wire layout");
 OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_atime) == 16, "wire layout");
 OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_mtime) == 24, "wire layout");
 OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_size) == 32, "wire layout");

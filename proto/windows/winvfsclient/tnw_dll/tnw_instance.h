@@ -108,8 +108,7 @@ void tnw_remove_handle(tnw_tninstance* tni, tnw_drive_handle* dh); /* does not f
 
 /* A zero-filled instance with its locks and lists ready, or null; freed by tnw_free_tninstance. */
 tnw_tninstance* tnw_alloc_tninstance(void);
-/* Frees an unlisted instance: remaining drive handles, descriptor table, events, sockets start-up.
- */
+/* Frees an unlisted instance: its drive handles, descriptor table, event, start-up of sockets. */
 void tnw_free_tninstance(tnw_tninstance* tni);
 
 /* The connection of a worker slot; slot 0 is the primary one. Null while there is no pool. */
