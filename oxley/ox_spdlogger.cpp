@@ -96,12 +96,8 @@ class resilient_file final : public spdlog::sinks::base_sink<std::mutex> {
     }
   }
 
-  /* A full disk, say: the stream stays usable for when there is room. */
-  void flush_() override {
-    if (is_open_) {
-      attempt([this] { file_.flush(); }, true);
-    }
-  }
+  /* Every line was written out as it came. */
+  void flush_() override {}
 
  private:
   using clock = std::chrono::steady_clock;
@@ -125,21 +121,20 @@ class resilient_file final : public spdlog::sinks::base_sink<std::mutex> {
       rotate();
     }
     file_.write(line_);
+    file_.flush(); /* a full disk shows here, where the line can still go elsewhere */
     size_ += line_.size();
   }
 
-  /* Whether it went well; the file is dropped when not, unless it `stays`. */
+  /* Whether it went well; the file is dropped when not. */
   template <typename Step>
-  bool attempt(Step step, bool stays = false) {
+  bool attempt(Step step) {
     try {
       step();
       return true;
     } catch (const std::exception& e) {
       report_once(e.what());
-      if (!stays) {
-        file_.close();
-        is_open_ = false;
-      }
+      file_.close();
+      is_open_ = false;
       return false;
     }
   }

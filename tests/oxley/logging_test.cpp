@@ -339,6 +339,20 @@ TEST(RotationDeathTest, WithoutAFolderGoesOnOnTheConsole) {
 }
 #endif
 
+#ifdef __linux__ /* has a file on a disk that is always full */
+TEST(StateDeathTest, SendsWhatAFullDiskDoesNotTakeToTheConsole) {
+  const auto fill = [] {
+    console_to_stderr();
+    ox_init_spdlogger("full", "/dev/full", 1000, 1);
+    ox_log("1\n");
+    ox_log("2\n");
+    ox_log_flush();
+  };
+  EXPECT_EXIT((fill(), exit(0)), testing::ExitedWithCode(0),
+              testing::AllOf(HasSubstr("Cannot write the log file"), EndsWith("1\n2\n")));
+}
+#endif
+
 TEST(EndDeathTest, FatalAndAssertionsFlushAndEndTheProcess) {
   const auto die = [] {
     console_to_stderr();
