@@ -361,3 +361,93 @@ TEST_F(LogLines, OfAnswersThatDoNotCome) {
                       "Could not send messages " + id +
                           R"(opcode \d+, len \d+. Requesting client to reinitialize\.)"}});
 }
+
+/* ------------------------------------------------------------------- what the client answers */
+
+namespace {
+
+/* One call on a file of five bytes with maps in which nothing is set, and its event line. */
+struct Answered {
+  const char* name;
+  DWORD access; /* of the local file's handle */
+  ox_u32 err;   /* what the service answers */
+  std::function<void(tnvfd* file)> call;
+  const char* shown; /* result and errno; null: there is no event */
+};
+
+constexpr DWORD BOTH = GENERIC_READ | GENERIC_WRITE;
+constexpr DWORD WRITE_ONLY = GENERIC_WRITE | FILE_READ_ATTRIBUTES;
+#define FAILED_WITH(err) R"(18446744073709551615, "vfs_errno":)" err
+
+void read_at(tnvfd* file, ox_off off) {
+  char bytes[5];
+  tnw_read(file, bytes, sizeof bytes, off, nullptr, nullptr);
+}
+void write_byte(tnvfd* file) {
+  char byte = 'x';
+  tnw_write(file, &byte, 1, 0, nullptr, nullptr);
+}
+void resize(tnvfd* file) { tnw_setfilesize(file, 3, 0, nullptr); }
+void list_empty_folder(tnvfd* file) {
+  bool empty;
+  tnw_fileinfo entry;
+  void* listing = tnw_findfirst(file->fdt_drv, "/", &entry, nullptr, nullptr);
+  EXPECT_EQ(tnw_checkfolderempty(listing, &empty), 0);
+  EXPECT_EQ(tnw_findnext(listing, &entry), ERROR_NO_MORE_FILES);
+}
+
+const Answered answered[] = {
+    {"READ", BOTH, 0, [](tnvfd* f) { read_at(f, 0); }, R"(5, "vfs_errno":0)"},
+    {"READ", BOTH, 0, [](tnvfd* f) { read_at(f, 5); }, R"(0, "vfs_errno":0)"},
+    {"READ", BOTH, 7, [](tnvfd* f) { read_at(f, 0); }, R"(0, "vfs_errno":0)"},
+    {"READ", BOTH, 28, [](tnvfd* f) { read_at(f, 0); }, FAILED_WITH("28")},
+    {"READ", WRITE_ONLY, 0, [](tnvfd* f) { read_at(f, 0); }, FAILED_WITH("5")},
+    {"WRITE", BOTH, 0, write_byte, R"(1, "vfs_errno":0)"},
+    {"WRITE", BOTH, 28, write_byte, FAILED_WITH("28")},
+    {"WRITE", GENERIC_READ, 0, write_byte, FAILED_WITH("5")},
+    {"SETFSIZE", BOTH, 0, resize, R"(0, "vfs_errno":0)"},
+    {"SETFSIZE", BOTH, 5, resize, R"(1117, "vfs_errno":0)"},
+    {"SETFSIZE", GENERIC_READ, 0, resize, nullptr},
+    {"FOLDEREMPTY", BOTH, 0, list_empty_folder, nullptr},
+};
+
+void answer_with(PeerDrive& drive, ox_u32 err, ox_u64 utxid) {
+  drive.peer->on_request([=](PeerConnection& conn) {
+    tnv_cache_region_resp fetched = {};
+    fetched.cr_sz = conn.request().msg().u.cache_region.cache_read_len;
+    const bool fetch = conn.opcode() == TNV_OP_CACHE_REGION;
+    const Bytes payload = fetch ? bytes_of(fetched) : bytes_of(tnv_wdenum_resp{});
+    tnv_resphdr header = conn.header(err, static_cast<ox_u32>(payload.size()));
+    header.rhdr_utxid = utxid;
+    conn.send(bytes_of(header) + payload);
+  });
+}
+
+}  // namespace
+
+/* The first answer with a transaction id is the call's own: it has an event already. */
+TEST_F(LogLines, OfCallsThatTheClientAnswers) {
+  drive.record.tnw_min_threads = drive.record.tnw_max_threads = 1;
+  ASSERT_NE(drive.start(), nullptr);
+  for (const Answered& row : answered) {
+    SCOPED_TRACE(std::string(row.name) + (row.shown ? row.shown : ""));
+    write_file(drive.folder / "local", "local");
+    tnv_wopen_resp opened = open_answer();
+    opened.wopen_resp_rmap_size = 2;
+    opened.wopen_resp_tnflags = TNV_FL_MAPPED;
+    opened.wopen_resp_handle = reinterpret_cast<ox_u64>(CreateFileA(
+        (drive.folder / "local").c_str(), row.access, 7, nullptr, OPEN_EXISTING, 0, nullptr));
+    drive.answer_opens(opened, Bytes(4)); /* without a transaction id */
+    auto* file = static_cast<tnvfd*>(drive.open("/a"));
+    const LogCapture said;
+    answer_with(drive, row.err, 5);
+    row.call(file);
+    EXPECT_EQ(said.count("TNV_OP_WIN_" + std::string(row.name)), row.shown ? 1u : 0u);
+    if (row.shown) {
+      EXPECT_EQ(said.count(std::string("\"retval\":") + row.shown + ", "), 1u)
+          << testing::PrintToString(said.lines());
+    }
+    answer_with(drive, 0, 0);
+    tnw_close(file, nullptr);
+  }
+}

@@ -74,6 +74,10 @@ struct timespec tnw_call_start(const tnw_call& call) {
   return start;
 }
 
+void tnw_note_start(struct timespec* start) {
+  if (!start->tv_sec) ox_clock_gettime(0, start);
+}
+
 void tnw_copy_procname(char* out_procname, const tnvfd* fde) {
   if (out_procname) memcpy(out_procname, fde->fdt_procname, sizeof fde->fdt_procname);
 }

@@ -51,6 +51,9 @@ int tnw_enter_entry_call(const tnvfd* fde, bool needs_file, const tnw_refusal& r
 
 /* When a call begins, for its event line; zero when none would be written, for a clock costs. */
 struct timespec tnw_call_start(const tnw_call& call);
+/* Makes up for a start that was not noted, before an exchange whose answer may be the first that
+ * carries a transaction id. */
+void tnw_note_start(struct timespec* start);
 
 /* Copies the opener's name (32 bytes) to the caller, who may have given no place for it. */
 void tnw_copy_procname(char* out_procname, const tnvfd* fde);

@@ -51,10 +51,9 @@ ox_s64 failed(int err) {
   return -1;
 }
 
-// Runs a region job for the transfer's range: 0 or the service's error number. The answer may be
-// the first that carries a transaction id.
+// Runs a region job for the transfer's range: 0 or the service's error number.
 int ask_for_region(transfer* t, ox_job_func_t job) {
-  if (!t->start.tv_sec) ox_clock_gettime(0, &t->start);
+  tnw_note_start(&t->start);
   tnw_ioreq request = {};
   request.io_fde = t->fde;
   request.io_off = static_cast<ox_u64>(t->off);

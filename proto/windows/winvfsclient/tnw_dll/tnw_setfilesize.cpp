@@ -24,6 +24,7 @@ struct resize {
   tnvfd* fde;
   ox_u64 nfsz;
   ox_u64 regsz; /* bytes of a region: a power of two */
+  struct timespec start;
 };
 
 bool has_maps(tnvfd* fde) {
@@ -42,7 +43,8 @@ ox_u64 round_up(const resize& r, ox_u64 size) {
 }
 
 // Runs a region job over `request`: a failure to run stands in *err, where the service's would.
-void run_region_job(const resize& r, ox_job_func_t job, void* request, ox_s32* err) {
+void run_region_job(resize& r, ox_job_func_t job, void* request, ox_s32* err) {
+  tnw_note_start(&r.start);
   tnw_evwi wi = {};
   tnw_create_evtwi(&wi, nullptr, nullptr, 0);
   wi.ev_data = request;
@@ -52,7 +54,7 @@ void run_region_job(const resize& r, ox_job_func_t job, void* request, ox_s32* e
 
 // Has the region of the new last byte fetched, before it is cut or grown: 0 or a Windows code.
 // `answer` tells the file's size before the change, if the service did.
-int fetch_last_region(const resize& r, tnw_ioreq* answer) {
+int fetch_last_region(resize& r, tnw_ioreq* answer) {
   answer->io_fde = r.fde;
   answer->io_off = region_start(r, r.nfsz - 1);
   answer->io_len = r.regsz;
@@ -65,7 +67,7 @@ int fetch_last_region(const resize& r, tnw_ioreq* answer) {
                            tn_llu(r.nfsz));
 }
 
-int send_truncate(const resize& r) {
+int send_truncate(resize& r) {
   tnw_truncreq request = {};
   request.t_fde = r.fde;
   request.t_nfsz = r.nfsz;
@@ -90,7 +92,7 @@ void move_map_end(const resize& r, const tnw_ioreq& answer) {
 
 // Tells the service and moves the maps: 0, or the code that the call returns in the end. A failed
 // truncate request speaks louder than a failed fetch.
-int reconcile_maps(const resize& r) {
+int reconcile_maps(resize& r) {
   tnw_ioreq answer = {};
   int result = r.nfsz ? fetch_last_region(r, &answer) : 0;
   if (r.nfsz && !has_maps(r.fde)) return result;  // the fetch found the file empty
@@ -115,19 +117,20 @@ int set_local_size(const resize& r) {
 }  // namespace
 
 int tnw_setfilesize(void* ophdl, ox_u32 size_low, ox_u32 size_high, char* out_procname) {
-  resize r = {{}, static_cast<tnvfd*>(ophdl), static_cast<ox_u64>(size_high) << 32 | size_low, 0};
+  resize r = {
+      {}, static_cast<tnvfd*>(ophdl), static_cast<ox_u64>(size_high) << 32 | size_low, 0, {}};
   int code = tnw_enter_entry_call(r.fde, true, REFUSE_SIZE, &r.call);
   if (code) return code;
   tnw_copy_procname(out_procname, r.fde);
   code = tnw_check_authorized(&r.call);
   if (code) return code;
-  struct timespec start = tnw_call_start(r.call);
+  r.start = tnw_call_start(r.call);
   r.regsz = vfstnw_region_size(r.fde);
   const int remembered = has_maps(r.fde) ? reconcile_maps(r) : 0;
   code = set_local_size(r);  // deliberately also after a failure that is remembered
   if (code) return code;
   std::atomic_ref(r.fde->fdt_stat.st_size).store(r.nfsz);
   set_modified(r.fde);
-  tnw_log_setfsize_client_resp(r.call.vh, r.fde, r.nfsz, remembered, &start);
+  tnw_log_setfsize_client_resp(r.call.vh, r.fde, r.nfsz, remembered, &r.start);
   return remembered;
 }
