@@ -71,19 +71,6 @@ TEST_F(Enumerate, HandsOutEveryEntryOnceInOneExchange) {
   EXPECT_EQ(memcmp(&close.msg().u.wclose.wclose_omsgid, &denum.msg().hdr.hdr_id, 16), 0);
 }
 
-TEST_F(Enumerate, GivesAHandleForAnEmptyFolder) {
-  list(0, 0);
-  int err = -1;
-  void* handle = first(&err);
-  ASSERT_NE(handle, nullptr);
-  EXPECT_EQ(err, ERROR_NO_MORE_FILES);
-  EXPECT_EQ(tnw_findnext(handle, &entry), ERROR_NO_MORE_FILES);
-  bool empty = false;
-  EXPECT_EQ(tnw_checkfolderempty(handle, &empty), 0);
-  EXPECT_TRUE(empty);
-  EXPECT_EQ(tnw_findclose(handle), 0);
-}
-
 TEST_F(Enumerate, ReportsTheServicesRefusal) {
   LogCapture log;
   drive.peer->on_request([](PeerConnection& conn) { conn.answer(20); });
@@ -116,17 +103,4 @@ TEST_F(Enumerate, TakesNoCountThatCannotBe) {
     EXPECT_EQ(first(&err), nullptr);
     EXPECT_EQ(err, 8) << count;
   }
-}
-
-TEST_F(Enumerate, ReportsAListingThatBreaksOff) {
-  tnv_wdenum_resp answer = {};
-  answer.wde_fi_len = 3;
-  drive.peer->on_request([=](PeerConnection& conn) {
-    conn.answer(0, answer);
-    conn.send(Bytes(1168 + 7));
-    conn.close();
-  });
-  int err = 0;
-  EXPECT_EQ(first(&err), nullptr);
-  EXPECT_NE(err, 0);
 }

@@ -86,17 +86,6 @@ TEST_F(Open, HandsTheLastDescriptorOutAgainFirst) {
   EXPECT_EQ(last(TNV_OP_WIN_OPEN).msg().u.wopen.wopen_newfd, 1);
 }
 
-TEST_F(Open, TellsOfAnExistingFileByTheLastError) {
-  drive.answer_opens(open_answer(), {}, TNV_OPEN_EXISTED);
-  int err = -1;
-  EXPECT_NE(drive.open("f", 3, &err), nullptr);
-  EXPECT_EQ(GetLastError(), 183u);
-  EXPECT_EQ(err, 0);
-  drive.answer_opens(open_answer());
-  EXPECT_NE(drive.open("f"), nullptr);
-  EXPECT_EQ(GetLastError(), 0u);
-}
-
 TEST_F(Open, TruncatesTheLocalFileOnSupersedeAndOverwriteIf) {
   for (ox_u32 disposition : {0u, 5u}) {
     tnv_wopen_resp answer = open_answer();
@@ -163,6 +152,8 @@ TEST_F(Open, ClosesAFolderWithoutCleanupOrLocalFile) {
   folder.wopen_resp_handle = local_file(drive.folder / "not-ours", "x");
   drive.answer_opens(folder);
   void* dir = drive.open("d");
+  char byte;
+  EXPECT_EQ(tnw_read(dir, &byte, 1, 0, nullptr, nullptr), ERROR_INVALID_HANDLE);
   EXPECT_EQ(tnw_cleanup_file(dir), 0);
   EXPECT_EQ(drive.peer->count(TNV_OP_WIN_CLEANUP), 0u);
   EXPECT_EQ(tnw_close(dir, nullptr), 0);
@@ -185,23 +176,6 @@ TEST_F(Open, ReleasesWhatAnUnauthorizedAnswerCarries) {
   EXPECT_EQ(drive.open("g", 3, &err), nullptr);
   EXPECT_EQ(err, UNAUTHORIZED);
   EXPECT_FALSE(is_open_handle(carried.wopen_resp_handle));
-}
-
-TEST_F(Open, CarriesDataOfAReadOnlyOpenWithAWritableClose) {
-  tnv_wopen_resp answer = open_answer();
-  answer.wopen_resp_handle = local_file(drive.folder / "local", "0123456789");
-  drive.answer_opens(answer);
-  void* slot = nullptr;
-  void* reader = tnw_create(drive.drive, &slot, "f", 1, 7, 1, 0, 0, nullptr, nullptr);
-  answer.wopen_resp_handle = local_file(drive.folder / "same", "0123456789");
-  drive.answer_opens(answer);
-  void* writer = tnw_create(drive.drive, &slot, "f", 2, 7, 1, 0, 0, nullptr, nullptr);
-  char byte = 'x';
-  EXPECT_EQ(tnw_write(reader, &byte, 1, 0, nullptr, nullptr), 0);
-  EXPECT_EQ(tnw_close(reader, nullptr), 0);
-  EXPECT_EQ(last(TNV_OP_WIN_CLOSE).msg().u.wclose.wclose_tnflags & TNV_FL_MODIFIED, 0u);
-  EXPECT_EQ(tnw_close(writer, nullptr), 0);
-  EXPECT_EQ(last(TNV_OP_WIN_CLOSE).msg().u.wclose.wclose_tnflags & TNV_FL_MODIFIED, 8u);
 }
 
 TEST_F(Open, GivesTheLastFreeDescriptorToOneOfTwoThreads) {

@@ -50,13 +50,6 @@ TEST(StartDeathTest, DoesNotHoldUpTheEndOfTheProcess) {
   SetEnvironmentVariableA("TMP", nullptr);
 }
 
-TEST(Start, GivesUpWithoutARecord) {
-  int err = -1;
-  EXPECT_EQ(tnw_init(nullptr, &err), nullptr);
-  EXPECT_EQ(err, GAVE_UP);
-  EXPECT_EQ(tnw_init(nullptr, nullptr), nullptr);
-}
-
 TEST(Start, GivesUpOnAWrongBinaryAfterOneTryWithTheNoRetryBit) {
   LogCapture log;
   TestFolder folder;
@@ -317,17 +310,5 @@ TEST(Drives, AreFoundUnknownByTheSecondOfTwoDeinitsAtOnce) {
   codes[1] = tnw_deinit(drive.drive, false);
   other.join();
   EXPECT_EQ(codes[0] + codes[1], ERROR_INVALID_PARAMETER);
-  drive.drive = nullptr;
-}
-
-TEST(Drives, GiveTheShutDownResultAsItIs) {
-  PeerDrive drive;
-  ASSERT_NE(drive.start(), nullptr);
-  drive.peer->on_request([](PeerConnection& conn) { conn.answer(5); });
-  EXPECT_EQ(tnw_deinit(drive.drive, false), 5);
-  drive.peer.reset();
-  ASSERT_NE(drive.start(), nullptr);
-  drive.peer->hang_up();
-  EXPECT_EQ(tnw_deinit(drive.drive, false), -1);
   drive.drive = nullptr;
 }
