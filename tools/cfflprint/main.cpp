@@ -3,12 +3,11 @@
 
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
-
 #include "list_file.h"
 #include "list_json.h"
 #include "make_list.h"
 #include "tn_util.h"
+#include "tools/program.h"
 #include "tools/tnwsh/console.h"
 #include "tools/tnwsh/failure.h"
 #include "tools/tnwsh/text.h"
@@ -78,7 +77,7 @@ void PrintFaults(FILE* stream, const std::string& path, const std::vector<Fault>
   }
 }
 
-int Check(const ListFile& file, const Options& options) {
+tools::ExitStatus Check(const ListFile& file, const Options& options) {
   const std::vector<Fault> faults = CheckList(file.Bytes());
   if (options.json) {
     fmt::print("{}", FaultsJson(options.file, faults));
@@ -87,7 +86,7 @@ int Check(const ListFile& file, const Options& options) {
     fmt::print("{}: {}\n", options.file,
                faults.empty() ? "a valid list" : tnwsh::Counted(faults.size(), "fault"));
   }
-  return faults.empty() ? tnwsh::kSuccess : tnwsh::kFailed;
+  return faults.empty() ? tools::kSuccess : tools::kFailed;
 }
 
 void PrintFileInformation(const cfs_path* cfp) {
@@ -116,42 +115,34 @@ void Print(const cfs_cffl* list, const Options& options) {
 }
 
 // The library ends the process over a damaged list: such a one does not get that far.
-int CheckAndPrint(const ListFile& file, const Options& options) {
+tools::ExitStatus CheckAndPrint(const ListFile& file, const Options& options) {
   const List list = file.Read();
   const auto* bytes = reinterpret_cast<const uint8_t*>(list.get());
   const std::vector<Fault> faults = CheckList({bytes, list->cfh_head.cf_size});
   if (!CanBeWalked(faults)) {
     PrintFaults(stderr, options.file, faults);
-    return tnwsh::kFailed;
+    return tools::kFailed;
   }
   Print(list.get(), options);
-  return tnwsh::kSuccess;
+  return tools::kSuccess;
 }
 
-int Run(const Options& options) {
+tools::ExitStatus Run(const Options& options) {
   if (!options.make.empty()) {
     MakeList(options.make, options.file, options.user);
-    return tnwsh::kSuccess;
+    return tools::kSuccess;
   }
   const ListFile file(options.file);
   return options.check ? Check(file, options) : CheckAndPrint(file, options);
 }
 
-int Main() {
+tools::ExitStatus Main() {
   Options options;
   CLI::App app(kDescription, "cfflprint");
   app.footer(kFooter);
   DeclareOptions(&app, &options);
-  std::vector<std::string> arguments = tnwsh::ProgramArguments();
-  std::reverse(arguments.begin(), arguments.end());  // as the parser takes them
-  try {
-    app.parse(arguments);
-  } catch (const CLI::CallForHelp&) {
-    fmt::print("{}", app.help());
-    return tnwsh::kSuccess;
-  } catch (const CLI::ParseError& error) {
-    fmt::print(stderr, "cfflprint: {}\nRun with --help for more.\n", error.what());
-    return tnwsh::kUsage;
+  if (const auto status = tools::ParseCommandLine(&app, tnwsh::ProgramArguments())) {
+    return *status;
   }
   return Run(options);
 }
@@ -161,10 +152,5 @@ int Main() {
 
 int main() {
   tnwsh::SetUpConsole();
-  try {
-    return cfflprint::Main();
-  } catch (const std::exception& error) {
-    fmt::print(stderr, "cfflprint: {}\n", error.what());
-    return tnwsh::kFailed;
-  }
+  return tools::RunProgram("cfflprint", cfflprint::Main);
 }

@@ -3,7 +3,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -15,6 +14,7 @@
 #include "report.h"
 #include "request_lines.h"
 #include "text_pattern.h"
+#include "tools/program.h"
 
 namespace tnwlog {
 namespace {
@@ -29,7 +29,8 @@ constexpr char kFooter[] =
     "Exit status: 0, 1 when a file cannot be read or written or nothing is found, 2 when the\n"
     "command line makes no sense.";
 
-enum ExitStatus { kSuccess = 0, kFailed = 1, kUsage = 2 };
+using tools::ExitStatus;
+using enum tools::ExitStatus;
 
 struct Options {
   std::vector<std::string> logs;
@@ -166,36 +167,21 @@ ExitStatus Run(const Options& options) {
   return options.redacted.empty() ? Report(files, options) : Redact(files, options);
 }
 
-int Main(std::vector<std::string> arguments) {
+ExitStatus Main(const std::vector<std::string>& arguments) {
   Options options;
   CLI::App app(kDescription, "tnwlog");
   app.footer(kFooter);
   DeclareOptions(&app, &options);
-  std::reverse(arguments.begin(), arguments.end());  // as the parser takes them
-  try {
-    app.parse(arguments);
-  } catch (const CLI::CallForHelp&) {
-    fmt::print("{}", app.help());
-    return kSuccess;
-  } catch (const CLI::ParseError& error) {
-    fmt::print(stderr, "tnwlog: {}\nRun with --help for more.\n", error.what());
-    return kUsage;
+  if (const auto status = tools::ParseCommandLine(&app, arguments)) {
+    return *status;
   }
-  const ExitStatus status = Run(options);
-  if (fflush(stdout) != 0) {
-    throw std::runtime_error("standard output cannot be written");
-  }
-  return status;
+  return Run(options);
 }
 
 }  // namespace
 }  // namespace tnwlog
 
 int main(int argc, char** argv) {
-  try {
-    return tnwlog::Main(tnwlog::SetUpConsole(argc, argv));
-  } catch (const std::exception& error) {
-    fmt::print(stderr, "tnwlog: {}\n", error.what());
-    return tnwlog::kFailed;
-  }
+  return tools::RunProgram("tnwlog",
+                           [&] { return tnwlog::Main(tnwlog::SetUpConsole(argc, argv)); });
 }

@@ -7,10 +7,12 @@
 #include <stdexcept>
 #include <string>
 
+#include "tools/program.h"
+
 namespace tnwsh {
 
-// Exit statuses of the program.
-enum ExitStatus { kSuccess = 0, kFailed = 1, kUsage = 2 };
+using tools::ExitStatus;
+using enum tools::ExitStatus;
 
 // What a code means as the answer of one operation; without a text, what it always means.
 struct Answer {

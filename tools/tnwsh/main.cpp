@@ -1,9 +1,6 @@
 // tnwsh: a drive application for the terminal.
-#include <fmt/format.h>
-
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
 #include <map>
 
 #include "commands.h"
@@ -54,7 +51,7 @@ void DeclareOptions(CLI::App* app, Options* options) {
       ->option_text("WHEN=auto");
 }
 
-int Main() {
+ExitStatus Main() {
   Options options;
   Action action;
   CLI::App app(kDescription, "tnwsh");
@@ -65,16 +62,8 @@ int Main() {
   DeclareCommands(&app, &action);
   app.require_subcommand(0, 1);
 
-  std::vector<std::string> arguments = ProgramArguments();
-  std::reverse(arguments.begin(), arguments.end());  // as the parser takes them
-  try {
-    app.parse(arguments);
-  } catch (const CLI::CallForHelp&) {
-    fmt::print("{}", app.help());
-    return kSuccess;
-  } catch (const CLI::ParseError& error) {
-    fmt::print(stderr, "tnwsh: {}\nRun with --help for more.\n", error.what());
-    return kUsage;
+  if (const auto status = tools::ParseCommandLine(&app, ProgramArguments())) {
+    return *status;
   }
   Shell shell(std::move(options));
   return action ? shell.Run(action) : RunPrompt(&shell);
@@ -85,10 +74,5 @@ int Main() {
 
 int main() {
   tnwsh::SetUpConsole();
-  try {
-    return tnwsh::Main();
-  } catch (const std::exception& error) {
-    fmt::print(stderr, "tnwsh: {}\n", error.what());
-    return tnwsh::kFailed;
-  }
+  return tools::RunProgram("tnwsh", tnwsh::Main);
 }

@@ -1,0 +1,39 @@
+#include "tools/program.h"
+
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+
+namespace tools {
+
+std::optional<ExitStatus> ParseCommandLine(CLI::App* app, std::vector<std::string> words) {
+  app->allow_windows_style_options(false);   // "/docs" is a path
+  std::reverse(words.begin(), words.end());  // as the parser takes them
+  try {
+    app->parse(words);
+  } catch (const CLI::CallForHelp&) {
+    fmt::print("{}", app->help());
+    return kSuccess;
+  } catch (const CLI::ParseError& error) {
+    fmt::print(stderr, "{}: {}\nRun with --help for more.\n", app->get_name(), error.what());
+    return kUsage;
+  }
+  return std::nullopt;
+}
+
+int RunProgram(const char* name, const std::function<ExitStatus()>& run) {
+  try {
+    const ExitStatus status = run();
+    if (fflush(stdout) != 0) {
+      throw std::runtime_error("standard output cannot be written");
+    }
+    return status;
+  } catch (const std::exception& error) {
+    fmt::print(stderr, "{}: {}\n", name, error.what());
+    return kFailed;
+  }
+}
+
+}  // namespace tools
