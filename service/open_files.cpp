@@ -75,7 +75,7 @@ std::shared_ptr<CachedFile> OpenFiles::FileOf(const CloudEntry& entry) {
     cached.file = std::make_shared<CachedFile>(env_, entry.path);
   }
   cached.used = next_number_++;
-  const std::shared_ptr<CachedFile> file = cached.file;
+  std::shared_ptr<CachedFile> file = cached.file;  // stays, also if it is forgotten
   if (files_.size() > kMaxCached) {
     ForgetIdle();
   }

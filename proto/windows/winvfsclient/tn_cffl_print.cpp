@@ -120,7 +120,7 @@ void print_sha256(const ox_u8* sha256) {
 }
 
 char* tn_sha512_tostr(const ox_u8* sha512, char* text) {
-  for (int i = 0; i < 64; i++) {
+  for (size_t i = 0; i < 64; i++) {
     snprintf(text + 2 * i, 3, "%02x", sha512[i]);
   }
   return text;
