@@ -174,8 +174,7 @@ TEST(Text, Comparisons) {
   }
 }
 
-/* Each lead byte, alone and with what it may be continued by, before memory that may not be read.
- */
+/* Each lead byte, alone and with what may continue it, before memory that may not be read. */
 TEST(Text, NothingBeyondTheNulIsRead) {
   for (int lead = 0x80; lead <= 0xFF; ++lead) {
     for (size_t tail = 0; tail < 6; ++tail) {

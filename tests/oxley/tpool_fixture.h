@@ -98,8 +98,7 @@ class test_pool {
     ASSERT_TRUE(idle(1));
   }
 
-  /* Queues `count` jobs that each hold a worker until `release` is posted; returns when they run.
-   */
+  /* Queues `count` jobs that hold a worker each until `release` is posted; they run by then. */
   void block_workers(int count, gate& release) {
     gate running;
     for (int i = 0; i < count; ++i) {

@@ -326,8 +326,7 @@ TEST_F(Trace, ALongSharePathCutsThePrefixAndTheEvent) {
   EXPECT_EQ(log_.lines()[0].size(), 1 + 1023 + strlen(", \"vfs_args\":{}}"));
 }
 
-/* One connection's requests, the longest that a path can be; every line shows one thread's letter.
- */
+/* One connection's requests with a long path; every line shows one thread's letter. */
 void trace_as(char letter, vfs_handle vh) {
   vh.vfs_user[0] = letter;
   vh.vfs_user[1] = '\0';

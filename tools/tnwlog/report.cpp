@@ -19,7 +19,7 @@ std::string TimeText(int64_t time) {
 }
 
 std::string_view IdText(const Request& request) {
-  return request.has_id() ? TextOf(request.id) : "answered by the client";
+  return request.has_id() ? TextOf(request.id) : "a call as a whole";
 }
 
 std::string UnansweredText(const Trace& trace) {

@@ -176,8 +176,7 @@ OX_STATIC_ASSERT(sizeof(tn_sbpflist_ent) == 32, "file layout");
  */
 cfs_cffl* tn_fread_cffl(int fd, size_t sectsz, bool read_data);
 
-/* Memory for a list of `size` bytes on a boundary of `sectsz`, the second zeroed; null: errno 12.
- */
+/* `size` bytes for a list on a boundary of `sectsz`, the second zeroed; null with errno 12. */
 cfs_cffl* tn_alloc_cffl_internal(size_t size, size_t sectsz);
 cfs_cffl* tn_zalloc_cffl_internal(size_t size, size_t sectsz);
 /* Frees the list and makes the pointer null; a null pointer in either place does nothing. */
