@@ -78,6 +78,12 @@ std::string literal_of(const std::string& text) {
   return std::regex_replace(text, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)");
 }
 
+std::string layer_level(const Line& line) {
+  char text[16];
+  snprintf(text, sizeof text, "ERR:%03d", line.err);
+  return std::string(line.level) == "ERROR" ? text : std::string(line.level, 4) + "\\S*";
+}
+
 /* Either form: the client's own, or the portability layer's with the first letters of the level. */
 std::regex pattern_of(const Line& line) {
   const std::string level = line.level;
@@ -85,8 +91,7 @@ std::regex pattern_of(const Line& line) {
   const std::string client = R"(\{"asctime":"[^"]+", "level":")" + level +
                              R"(", "filename":"[a-z_]+\.cpp", "line":\d+, )" + err +
                              R"re(("vfs_server_handle".*)?"message":")re" + line.text + R"("\})";
-  const std::string layer =
-      R"(\[.{24,28}\] )" + level.substr(0, 3) + R"(\S* +\S+:\d+ )" + line.text;
+  const std::string layer = R"(\[.{24,28}\] )" + layer_level(line) + R"( +\S+:\d+ )" + line.text;
   return std::regex("(" + client + ")|(" + layer + ")");
 }
 
@@ -248,6 +253,15 @@ TEST_P(LogLinesOfAFailedStart, NameTheCause) {
 
 INSTANTIATE_TEST_SUITE_P(Each, LogLinesOfAFailedStart, testing::ValuesIn(failed_starts));
 
+TEST_F(LogLines, OfAPathThatNoSocketCanHave) {
+  const std::string dir = drive.folder / std::string(4500, 'w');
+  set_field(drive.record.tnw_workdir, dir);
+  EXPECT_EQ(tnw_init(&drive.record, nullptr), nullptr);
+  EXPECT_GE(log.count("Socket dir does not fit in char[4096]. Partial path " + dir.substr(0, 3000)),
+            1u)
+      << "in a line that is cut itself";
+}
+
 TEST_F(LogLines, OfAServiceWithoutAVersion) {
   std::filesystem::create_directories(cache_dir(drive.record));
   drive.peer = std::make_unique<ScriptedPeer>(
@@ -317,6 +331,78 @@ TEST_F(LogLines, OfOpensThatFail) {
             {"ERROR", 12, "Cannot allocate memory for tnw_drive_handle"}});
 }
 
+TEST_F(LogLines, OfNullHandlesAndNotices) {
+  char text[8] = "text";
+  bool flag;
+  EXPECT_EQ(tnw_getfileinfo(nullptr, "/a", nullptr, nullptr), 160);
+  EXPECT_EQ(tnw_read(nullptr, text, 1, 0, nullptr, nullptr), 6);
+  EXPECT_EQ(tnw_write(nullptr, text, 1, 0, nullptr, nullptr), 6);
+  EXPECT_EQ(tnw_setfilesize(nullptr, 0, 0, nullptr), 6);
+  EXPECT_EQ(tnw_lockfile(nullptr, 0, 0, 0, 1, 0, 1), 13);
+  EXPECT_EQ(tnw_unlockfile(nullptr, 0, 0, 1, 0, 1), 13);
+  EXPECT_EQ(tnw_updatetoken(nullptr, text), 160);
+  EXPECT_EQ(tnw_set_http_proxy(nullptr, text, text, text), 160);
+  EXPECT_EQ(tnw_canfilebedeleted(text, "/a", &flag), 1467);
+  expect_lines(log, {{"ERROR", 22, "Invalid drive handle or no path specified."},
+                     {"ERROR", 6, "Read from invalid handle."},
+                     {"ERROR", 6, "Write to invalid handle."},
+                     {"ERROR", 22, "Invalid handle specified"},
+                     {"ERROR", 22, "Invalid open handle or lock request."},
+                     {"ERROR", 22, "Invalid open handle passed."},
+                     {"ERROR", 22, "Invalid drive handle or no token specified."},
+                     {"ERROR", 22, "Invalid drive handle or no proxy specified."},
+                     {"ERROR", -1, "Could not find handle with address 0x(0x)?[0-9A-Fa-f]+"}});
+  ASSERT_NE(drive.start(), nullptr);
+  const LogCapture notices;
+  ox_debug = 2;
+  tnw_fileinfo entry;
+  EXPECT_EQ(tnw_getfileinfo(drive.drive, "/a", &entry, nullptr), 0);
+  EXPECT_EQ(tnw_updatetoken(drive.drive, text), 0);
+  EXPECT_EQ(tnw_set_http_proxy(drive.drive, text, text, text), 0);
+  tnw_purge_opt_t gone = {};
+  set_field(gone.po_workdir, drive.folder.path());
+  set_field(gone.po_domain, "drive.test");
+  set_field(gone.po_username, "bob");
+  std::filesystem::create_directories(drive.folder / "drive.test\\bob");
+  EXPECT_EQ(tnw_purge_cache(&gone), 0);
+  ox_debug = 1;
+  expect_lines(notices,
+               {{"DEBUG", 0, "Get file info for /a"},
+                {"INFO", 0, "Updating auth token"},
+                {"INFO", 0, "Setting http proxy"},
+                {"DEBUG", 0, R"(Folder moved successfully from .*bob to .*bob_\d+\.\d+)"}});
+}
+
+/* Whole regions of a map, and one listing whose memory is not to be had. */
+TEST_F(LogLines, OfRegionsAndListings) {
+  ASSERT_NE(drive.start(), nullptr);
+  tnv_wopen_resp opened = open_answer();
+  opened.wopen_resp_rmap_size = 1;
+  opened.wopen_resp_handle = local_file(drive.folder / "local", "local");
+  drive.answer_opens(opened, {1, 0});
+  void* file = drive.open("/a");
+  char byte;
+  ox_debug = 2;
+  EXPECT_EQ(tnw_read(file, &byte, 1, 0, nullptr, nullptr), 0);
+  tnw_read(file, &byte, 1, 16, nullptr, nullptr); /* the answer has no payload: nothing is set */
+  ox_debug = 1;
+  drive.peer->on_request([](PeerConnection& conn) {
+    tnv_wdenum_resp one = {};
+    one.wde_fi_len = 1;
+    conn.answer(0, one);
+  });
+  failing_size = sizeof(tnw_fileinfo);
+  tnw_fileinfo entry;
+  int err = -1;
+  EXPECT_EQ(tnw_findfirst(drive.drive, "/a", &entry, nullptr, &err), nullptr);
+  EXPECT_EQ(err, 8);
+  const std::string at = " in (0x)?[0-9A-Fa-f]+";
+  expect_lines(log, {{"DEBUG", 0, "Checking bits for off:0, len:1" + at},
+                     {"DEBUG", 0, "bits are set for off:0, len:1" + at},
+                     {"DEBUG", 0, "bits not set for off:16, len:1" + at},
+                     {"ERROR", 12, "Failed to allocate memory to cffl."}});
+}
+
 TEST_F(LogLines, OfLocalFilesThatFail) {
   ASSERT_NE(drive.start(), nullptr);
   write_file(drive.folder / "local", "local");
@@ -354,7 +440,9 @@ TEST_F(LogLines, OfAnswersThatDoNotCome) {
   EXPECT_EQ(tnw_findfirst(drive.drive, "/a", &entry, nullptr, &err), nullptr);
   EXPECT_EQ(err, 1467);
   const std::string id = "id [0-9a-f-]{36}, ";
-  expect_lines(log, {{"ERROR", 133, "Failed to send open message."},
+  expect_lines(log, {{"ERROR", 10054, "Socket send connection hungup"},
+                     {"ERROR", 10054, R"(Send failed on sockfd -?\d+)"},
+                     {"ERROR", 133, "Failed to send open message."},
                      {"ERROR", 133, "Failed to send directory enumeration message."},
                      {"ERROR", 133, "Failed to send directory enumeration message for path /a."},
                      {"ERROR", 10054,
