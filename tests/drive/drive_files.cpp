@@ -6,6 +6,8 @@
 #include <fstream>
 #include <iterator>
 
+#include "log_capture.h"
+
 namespace fs = std::filesystem;
 
 TestFolder::TestFolder() {
@@ -74,4 +76,11 @@ std::string socket_path(const tnw_tninit& record) {
   if (record.tnw_workgroup_id[0]) path += std::string("\\") + record.tnw_workgroup_id;
   const auto id = static_cast<unsigned long long>(record.tnw_user_id);
   return path + "\\" + (id ? std::to_string(id) : "tnvfs") + ".sock";
+}
+
+void* init_drive(tnw_tninit* record, int* error) {
+  const LogCapture log;
+  void* drive = tnw_init(record, error);
+  const bool wine_failed = !drive && log.count(ERROR_INTERNAL_ERROR, "Failed to start Tarn") != 0;
+  return wine_failed ? tnw_init(record, error) : drive;
 }

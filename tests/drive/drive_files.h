@@ -36,6 +36,10 @@ void set_field(char (&field)[N], const std::string& text) {
   for (size_t i = 0; i < N; i++) field[i] = i < text.size() ? text[i] : '\0';
 }
 
+/* tnw_init, and once more where Wine failed to create the service's process for a reason of its
+ * own: under load it does so once in some thousand times, with "internal error" (1359). */
+void* init_drive(tnw_tninit* record, int* error);
+
 /* Where the service of such a record keeps its things. */
 std::string cache_dir(const tnw_tninit& record);
 std::string socket_path(const tnw_tninit& record);

@@ -32,7 +32,7 @@ void* PeerDrive::start() {
     return c == '\\' ? '/' : c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
   });
   SetEnvironmentVariableA("STAND_IN_READY", event.c_str());
-  drive = tnw_init(&record, &error);
+  drive = init_drive(&record, &error);
   return drive;
 }
 

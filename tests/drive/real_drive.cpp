@@ -49,7 +49,7 @@ RealDrive::~RealDrive() { stop(); }
 
 bool RealDrive::start() {
   fs::remove(counts_file(folder));
-  drive = tnw_init(&record, &error);
+  drive = init_drive(&record, &error);
   if (!drive) return false;
   const DWORD pid = std::stoul("0" + read_file(cache_dir(record) + "\\tarnd_pid"));
   service_ = OpenProcess(PROCESS_ALL_ACCESS, FALSE, pid);
