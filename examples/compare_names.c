@@ -18,19 +18,24 @@ int main(void) {
   int count;
   wchar_t** args = CommandLineToArgvW(GetCommandLineW(), &count);
   char name[1024], other[1024];
-  if (!args || count < 3) return puts("compare_names NAME OTHER..."), 2;
-  if (!to_utf8(args[1], name, sizeof name)) return puts("NAME is no file name"), 2;
+  if (!args || count < 3) {
+    return puts("compare_names NAME OTHER..."), 2;
+  }
+  if (!to_utf8(args[1], name, sizeof name)) {
+    return puts("NAME is no file name"), 2;
+  }
 
   SetConsoleOutputCP(CP_UTF8);
   for (int i = 2; i < count; i++) {
-    if (!to_utf8(args[i], other, sizeof other))
+    if (!to_utf8(args[i], other, sizeof other)) {
       puts("no file name");
-    else if (ox_utf8_strcmp(name, other) == 0)
+    } else if (ox_utf8_strcmp(name, other) == 0) {
       printf("%s: the same name\n", other);
-    else if (ox_utf8_strcasecmp(name, other) == 0)
+    } else if (ox_utf8_strcasecmp(name, other) == 0) {
       printf("%s: the same file, in other letters\n", other);
-    else
+    } else {
       printf("%s: another file\n", other);
+    }
   }
   LocalFree(args);
   return 0;

@@ -4,7 +4,9 @@
 
 int main(int argc, char** argv) {
   static tnw_tninit init = {.tnw_min_threads = 1, .tnw_max_threads = 4};
-  if (argc != 4) return puts("first_drive SERVICE CLOUD_URL WORK_DIR"), 2;
+  if (argc != 4) {
+    return puts("first_drive SERVICE CLOUD_URL WORK_DIR"), 2;
+  }
   snprintf(init.tnw_binpath, sizeof init.tnw_binpath, "%s", argv[1]);
   snprintf(init.tnw_api_addr, sizeof init.tnw_api_addr, "%s", argv[2]);
   snprintf(init.tnw_workdir, sizeof init.tnw_workdir, "%s", argv[3]);
@@ -18,14 +20,19 @@ int main(int argc, char** argv) {
 
   int err;
   void* drive = tnw_init(&init, &err);
-  if (!drive) return printf("no drive: Windows error %d\n", err), 1;
+  if (!drive) {
+    return printf("no drive: Windows error %d\n", err), 1;
+  }
 
   tnw_fileinfo entry;
   void* list = tnw_findfirst(drive, "\\", &entry, "first_drive", &err);
-  for (; list && err == 0; err = tnw_findnext(list, &entry))
+  for (; list && err == 0; err = tnw_findnext(list, &entry)) {
     printf("%10llu %s %.245s\n", (unsigned long long)entry.fi_size,
            entry.fi_attr & 16 ? "folder" : "file  ", entry.fi_name);
-  if (list) tnw_findclose(list);
+  }
+  if (list) {
+    tnw_findclose(list);
+  }
   printf(err == 18 ? "the end of the list\n" : "Windows error %d\n", err);
   return tnw_deinit(drive, false);
 }

@@ -9,7 +9,9 @@
 /* The list behind a descriptor; null when it is none, or not all there. */
 static cfs_cffl* read_list(int fd) {
   cfs_cffl* header = tn_fread_cffl(fd, 4096, false);
-  if (!header) return NULL;
+  if (!header) {
+    return NULL;
+  }
   /* Compared first: the reader would wait for what is missing. */
   const bool whole = ox_lseek(fd, 0, 2) == (ox_off)header->cfh_head.cf_size;
   tn_free_cffl(&header);
@@ -17,12 +19,18 @@ static cfs_cffl* read_list(int fd) {
 }
 
 int main(int argc, char** argv) {
-  if (argc != 2) return puts("list_folder LIST"), 2;
+  if (argc != 2) {
+    return puts("list_folder LIST"), 2;
+  }
   int fd = ox_open(argv[1], OX_O_RDONLY);
-  if (fd < 0) return 1;
+  if (fd < 0) {
+    return 1;
+  }
   cfs_cffl* list = read_list(fd);
   ox_close(fd);
-  if (!list) return puts("no list, or not all of one"), 1;
+  if (!list) {
+    return puts("no list, or not all of one"), 1;
+  }
 
   printf("%.256s: %s\n", list->cfh_name, tn_print_permissions(list->cfh_head.cf_perms));
   for (cfs_path* cfp = tn_get_first_cfp(list); cfp; cfp = tn_get_next_cfp(list, cfp)) {

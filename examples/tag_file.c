@@ -13,9 +13,13 @@
 /* The length of the value; -1 when there is none. */
 static ox_off value_length(const char* file, const char* name) {
   char stream[OX_MAXPATH_LEN];
-  if (ox_get_stream_name(file, name, stream) != 0) return -1;
+  if (ox_get_stream_name(file, name, stream) != 0) {
+    return -1;
+  }
   int fd = ox_creat(stream, OX_O_RDONLY, 0222); /* creates nothing, and is silent */
-  if (fd < 0) return -1;
+  if (fd < 0) {
+    return -1;
+  }
   ox_off length = ox_lseek(fd, 0, 2);
   ox_close(fd);
   return length;
@@ -23,10 +27,14 @@ static ox_off value_length(const char* file, const char* name) {
 
 static int show(int fd, const char* file, const char* name) {
   ox_off length = value_length(file, name);
-  if (length < 0) return printf("%s: none\n", name), 1;
+  if (length < 0) {
+    return printf("%s: none\n", name), 1;
+  }
   char* value = malloc((size_t)length + 1); /* room for all of it: the call does not look */
   ox_s64 got = value ? ox_fgetxattr(fd, name, value, (size_t)length) : -1;
-  if (got >= 0) printf("%s: %.*s\n", name, (int)got, value);
+  if (got >= 0) {
+    printf("%s: %.*s\n", name, (int)got, value);
+  }
   free(value);
   return got < 0;
 }
@@ -34,17 +42,24 @@ static int show(int fd, const char* file, const char* name) {
 /* Removed first: a shorter value would keep the tail of a longer one. */
 static int set(const char* file, const char* name, const char* value) {
   if (ox_removexattr(file, name) == 0 &&
-      (!*value || ox_setxattr(file, name, value, strlen(value), 0) == 0))
+      (!*value || ox_setxattr(file, name, value, strlen(value), 0) == 0)) {
     return 0;
+  }
   return printf("%s: cannot be set\n", name), 1;
 }
 
 int main(int argc, char** argv) {
-  if (argc < 3 || argc > 4) return puts("tag_file FILE NAME [VALUE]"), 2;
+  if (argc < 3 || argc > 4) {
+    return puts("tag_file FILE NAME [VALUE]"), 2;
+  }
   int fd = ox_open(argv[1], OX_O_RDWR);
-  if (fd < 0) return 1;
+  if (fd < 0) {
+    return 1;
+  }
   OVERLAPPED far_behind_the_content = {.OffsetHigh = 0x7fffffff}; /* reading is not kept out */
-  if (!ox_lock_file(fd, LOCKFILE_EXCLUSIVE_LOCK, 1, 0, &far_behind_the_content)) return 1;
+  if (!ox_lock_file(fd, LOCKFILE_EXCLUSIVE_LOCK, 1, 0, &far_behind_the_content)) {
+    return 1;
+  }
   int status = argc == 3 ? show(fd, argv[1], argv[2]) : set(argv[1], argv[2], argv[3]);
   ox_unlock_file(fd, 1, 0, &far_behind_the_content);
   ox_close(fd);

@@ -24,39 +24,50 @@ namespace {
 /* The absolute form, which may be longer than 260 characters; empty when it cannot be made. */
 std::wstring long_path(const char* path) {
   const int size = MultiByteToWideChar(CP_ACP, 0, path, -1, nullptr, 0);
-  if (size <= 1) return {};
+  if (size <= 1) {
+    return {};
+  }
   std::wstring wide(static_cast<size_t>(size), L'\0');
   MultiByteToWideChar(CP_ACP, 0, path, -1, wide.data(), size);
   std::wstring full(32768, L'\0');
   const DWORD len =
       GetFullPathNameW(wide.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
-  if (len == 0 || len >= full.size()) return {};
+  if (len == 0 || len >= full.size()) {
+    return {};
+  }
   full.resize(len);
-  if (full.starts_with(L"\\\\?\\") || full.starts_with(L"\\\\.\\")) return full;
+  if (full.starts_with(L"\\\\?\\") || full.starts_with(L"\\\\.\\")) {
+    return full;
+  }
   return full.starts_with(L"\\\\") ? L"\\\\?\\UNC\\" + full.substr(2) : L"\\\\?\\" + full;
 }
 
 /* The first failure of a removal stays; the rest is tried all the same. */
 void note(int* first, bool removed) {
-  if (!removed && *first == 0) *first = ox_winerr2errno(GetLastError());
+  if (!removed && *first == 0) {
+    *first = ox_winerr2errno(GetLastError());
+  }
 }
 
 /* A read-only entry cannot be removed as it is. */
 void make_writable(const std::wstring& path, DWORD attributes) {
-  if (attributes & FILE_ATTRIBUTE_READONLY)
+  if ((attributes & FILE_ATTRIBUTE_READONLY) != 0) {
     SetFileAttributesW(path.c_str(), attributes & ~static_cast<DWORD>(FILE_ATTRIBUTE_READONLY));
+  }
 }
 
 /* A junction is an entry like a file: what it leads to is another's. */
 bool is_folder(DWORD attributes) {
-  return (attributes & FILE_ATTRIBUTE_DIRECTORY) && !(attributes & FILE_ATTRIBUTE_REPARSE_POINT);
+  return ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) &&
+         ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0);
 }
 
 int remove_entry(const std::wstring& path, DWORD attributes) {
   int err = 0;
   make_writable(path, attributes);
-  note(&err, attributes & FILE_ATTRIBUTE_DIRECTORY ? RemoveDirectoryW(path.c_str())
-                                                   : DeleteFileW(path.c_str()));
+  note(&err, (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0
+                 ? RemoveDirectoryW(path.c_str())
+                 : static_cast<int>(DeleteFileW(path.c_str()) != 0));
   return err;
 }
 
@@ -64,12 +75,16 @@ int remove_entry(const std::wstring& path, DWORD attributes) {
 int empty_folder(const std::wstring& folder, std::vector<std::wstring>* folders) {
   WIN32_FIND_DATAW found;
   const HANDLE search = FindFirstFileW((folder + L"\\*").c_str(), &found);
-  if (search == INVALID_HANDLE_VALUE) return ox_winerr2errno(GetLastError());
+  if (search == INVALID_HANDLE_VALUE) {
+    return ox_winerr2errno(GetLastError());
+  }
   const std::unique_ptr<void, decltype(&FindClose)> closer(search, FindClose);
   int first = 0;
   do {
     const std::wstring name = found.cFileName;
-    if (name == L"." || name == L"..") continue;
+    if (name == L"." || name == L"..") {
+      continue;
+    }
     const std::wstring path = folder + L"\\" + name;
     if (is_folder(found.dwFileAttributes)) {
       make_writable(path, found.dwFileAttributes);
@@ -77,23 +92,31 @@ int empty_folder(const std::wstring& folder, std::vector<std::wstring>* folders)
       continue;
     }
     const int err = remove_entry(path, found.dwFileAttributes);
-    if (first == 0) first = err;
-  } while (FindNextFileW(search, &found));
+    if (first == 0) {
+      first = err;
+    }
+  } while (FindNextFileW(search, &found) != 0);
   return first;
 }
 
 /* Not by recursion: a tree may be deeper than the caller's stack. 0, or the first error. */
 int remove_tree(const std::wstring& path, DWORD attributes) {
-  if (!is_folder(attributes)) return remove_entry(path, attributes);
+  if (!is_folder(attributes)) {
+    return remove_entry(path, attributes);
+  }
   make_writable(path, attributes);
   std::vector<std::wstring> folders = {path};
   int first = 0;
   for (size_t i = 0; i < folders.size(); i++) {
     const int err = empty_folder(std::wstring(folders[i]), &folders);
-    if (first == 0) first = err;
+    if (first == 0) {
+      first = err;
+    }
   }
-  for (; !folders.empty(); folders.pop_back())  // each folder stands behind the one that holds it
-    note(&first, RemoveDirectoryW(folders.back().c_str()));
+  for (; !folders.empty();
+       folders.pop_back()) { /* each folder stands behind the one that holds it */
+    note(&first, RemoveDirectoryW(folders.back().c_str()) != 0);
+  }
   return first;
 }
 
@@ -102,7 +125,9 @@ int compose_moved(const char* path, char* moved, size_t size) {
   const char* name = strrchr(path, '\\');
   char temporary[OX_MAXPATH_LEN];
   const DWORD len = GetTempPathA(sizeof(temporary), temporary);
-  if (name == nullptr || len == 0) return OX_EINVAL;
+  if (name == nullptr || len == 0) {
+    return OX_EINVAL;
+  }
   struct timespec now = {};
   ox_clock_gettime(0, &now);
   const int n = len >= sizeof(temporary)
@@ -123,16 +148,18 @@ int ox_rmrf(const char* path) {
                                                 : remove_tree(wide, attributes);
   } catch (const std::bad_alloc&) {
   }
-  if (err != 0) errno = err;
+  if (err != 0) {
+    errno = err;
+  }
   return err;
 }
 
 int ox_movedir2tmp(const char* path, char* moved, size_t size) {
   moved[0] = '\0';
   int err = compose_moved(path, moved, size);
-  if (err == 0 &&
-      !MoveFileExA(path, moved,
-                   MOVEFILE_REPLACE_EXISTING | MOVEFILE_COPY_ALLOWED | MOVEFILE_WRITE_THROUGH)) {
+  if (err == 0 && MoveFileExA(path, moved,
+                              MOVEFILE_REPLACE_EXISTING | MOVEFILE_COPY_ALLOWED |
+                                  MOVEFILE_WRITE_THROUGH) == 0) {
     err = ox_winerr2errno(GetLastError());
   }
   if (err != 0) {

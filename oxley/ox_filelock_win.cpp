@@ -27,7 +27,8 @@ bool ox_lock_file(int fd, ox_u32 flags, ox_u32 bytes_low, ox_u32 bytes_high, voi
   if (handle == INVALID_HANDLE_VALUE) {
     return false;
   }
-  if (!LockFileEx(handle, flags, 0, bytes_low, bytes_high, static_cast<OVERLAPPED*>(overlapped))) {
+  if (LockFileEx(handle, flags, 0, bytes_low, bytes_high, static_cast<OVERLAPPED*>(overlapped)) ==
+      0) {
     ox_set_errno();
     OX_LOG(OX_ERROR_LEVEL, errno,
            "ox_lock_file: Failed to LockFileEx on fd %d fh %p flags %lx bytes_low %lu "
@@ -44,7 +45,7 @@ bool ox_unlock_file(int fd, ox_u32 bytes_low, ox_u32 bytes_high, void* overlappe
   if (handle == INVALID_HANDLE_VALUE) {
     return false;
   }
-  if (!UnlockFileEx(handle, 0, bytes_low, bytes_high, static_cast<OVERLAPPED*>(overlapped))) {
+  if (UnlockFileEx(handle, 0, bytes_low, bytes_high, static_cast<OVERLAPPED*>(overlapped)) == 0) {
     ox_set_errno();
     OX_LOG(OX_ERROR_LEVEL, errno,
            "ox_unlock_file: Failed to UnlockFileEx on fd %d fh %p bytes_low %lu bytes_high %lu", fd,
@@ -61,7 +62,7 @@ int ox_flock(int fd, ox_u32 flags) {
   }
   constexpr DWORD whole_file = 0xffffffff;
   OVERLAPPED start = {};
-  if (!LockFileEx(handle, flags, 0, whole_file, whole_file, &start)) {
+  if (LockFileEx(handle, flags, 0, whole_file, whole_file, &start) == 0) {
     ox_set_errno();
     OX_LOG(OX_ERROR_LEVEL, errno,
            "ox_flock: Failed to LockFile on fd %d fh %p flags 0x%x low_bytes_locked %u "

@@ -183,7 +183,7 @@ int ox_close_fhdl(ox_handle handle) {
     return ox_close(fd);
   }
   /* Every descriptor is taken: the handle is good and must not leak for that. */
-  if (!CloseHandle(handle)) {
+  if (CloseHandle(handle) == 0) {
     ox_set_errno();
     return -1;
   }
@@ -198,7 +198,7 @@ ox_off ox_lseek(int fd, ox_off offset, int whence) {
   LARGE_INTEGER distance;
   distance.QuadPart = offset;
   LARGE_INTEGER position;
-  if (!SetFilePointerEx(ox_fd_handle(fd), distance, &position, methods[whence])) {
+  if (SetFilePointerEx(ox_fd_handle(fd), distance, &position, methods[whence]) == 0) {
     ox_set_errno();
     return -1;
   }
@@ -209,7 +209,7 @@ int ox_ftruncate(int fd, ox_off length) {
   (void)ox_lseek(fd, length, 0); /* the position stays there; a failure shows in the next call */
   FILE_END_OF_FILE_INFO end;
   end.EndOfFile.QuadPart = length;
-  if (!SetFileInformationByHandle(ox_fd_handle(fd), FileEndOfFileInfo, &end, sizeof(end))) {
+  if (SetFileInformationByHandle(ox_fd_handle(fd), FileEndOfFileInfo, &end, sizeof(end)) == 0) {
     ox_set_errno();
     OX_LOG(OX_ERROR_LEVEL, errno, "ox_ftruncate: Cannot truncate fd %d to %lld", fd,
            static_cast<long long>(length));
@@ -220,7 +220,7 @@ int ox_ftruncate(int fd, ox_off length) {
 
 ox_s64 ox_read(int fd, void* buf, size_t count) {
   DWORD transferred = 0;
-  if (!ReadFile(ox_fd_handle(fd), buf, at_most_dword(count), &transferred, nullptr)) {
+  if (ReadFile(ox_fd_handle(fd), buf, at_most_dword(count), &transferred, nullptr) == 0) {
     ox_set_errno();
     return -1;
   }
@@ -247,7 +247,7 @@ int ox_fd2path(int fd, char* buf, size_t size, const char* name) {
 int ox_handle2path(ox_handle handle, char* buf, size_t size, const char* name) {
   if (!is_open_handle(handle)) {
     errno = OX_EBADF;
-  } else if (handle_path(handle, -1, buf, size, name)) {
+  } else if (handle_path(handle, -1, buf, size, name) != 0) {
     return 1;
   }
   if (size > 0) {
@@ -266,7 +266,7 @@ void ox_uuid_generate(ox_u8* id) {
 }
 
 int ox_unlink(const char* path) {
-  if (!DeleteFileA(path)) {
+  if (DeleteFileA(path) == 0) {
     ox_set_errno();
     return -1;
   }
@@ -275,7 +275,7 @@ int ox_unlink(const char* path) {
 
 int ox_stat(const char* path, ox_stat_t* st) {
   WIN32_FILE_ATTRIBUTE_DATA data;
-  if (!GetFileAttributesExA(path, GetFileExInfoStandard, &data)) {
+  if (GetFileAttributesExA(path, GetFileExInfoStandard, &data) == 0) {
     ox_set_errno();
     return -1;
   }

@@ -58,7 +58,7 @@ element decode(const char* text) {
 
 /* By bytes: a code point has one well-formed encoding, and stray bytes equal themselves alone. */
 int ox_utf8_strcmp(const char* a, const char* b) {
-  return a == nullptr || b == nullptr || strcmp(a, b) != 0;
+  return static_cast<int>(a == nullptr || b == nullptr || strcmp(a, b) != 0);
 }
 
 int ox_utf8_strcasecmp(const char* a, const char* b) {
@@ -69,8 +69,8 @@ int ox_utf8_strcasecmp(const char* a, const char* b) {
     const ox_s32 ca = decode(a).code;
     const ox_s32 cb = decode(b).code;
     if (ox_java_tolower(ca) != ox_java_tolower(cb)) {
-      const bool is_pair = (ca == capital_dotted_i && ox_is_lower_turkish_i(&b)) ||
-                           (cb == capital_dotted_i && ox_is_lower_turkish_i(&a));
+      const bool is_pair = (ca == capital_dotted_i && ox_is_lower_turkish_i(&b) != 0) ||
+                           (cb == capital_dotted_i && ox_is_lower_turkish_i(&a) != 0);
       if (!is_pair) {
         return 1;
       }
@@ -78,11 +78,11 @@ int ox_utf8_strcasecmp(const char* a, const char* b) {
     a += decode(a).length;
     b += decode(b).length;
   }
-  return *a != *b;
+  return static_cast<int>(*a != *b);
 }
 
 ox_s32 ox_java_tolower(ox_s32 c) {
-  if (!g_unichar_validate(static_cast<gunichar>(c))) {
+  if (g_unichar_validate(static_cast<gunichar>(c)) == 0) {
     return c;
   }
   if (c == capital_dotted_i) {

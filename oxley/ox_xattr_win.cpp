@@ -197,13 +197,15 @@ int ox_removexattr(const char* path, const char* name) {
 
 int ox_fsetxattr(int fd, const char* name, const void* value, size_t size, int flags) {
   char path[OX_MAXPATH_LEN];
-  return ox_fd2path(fd, path, sizeof(path), nullptr) ? ox_setxattr(path, name, value, size, flags)
-                                                     : -1;
+  return ox_fd2path(fd, path, sizeof(path), nullptr) != 0
+             ? ox_setxattr(path, name, value, size, flags)
+             : -1;
 }
 
 ox_s64 ox_fgetxattr(int fd, const char* name, void* value, size_t size) {
   char path[OX_MAXPATH_LEN];
-  return ox_fd2path(fd, path, sizeof(path), nullptr) ? ox_getxattr(path, name, value, size) : -1;
+  return ox_fd2path(fd, path, sizeof(path), nullptr) != 0 ? ox_getxattr(path, name, value, size)
+                                                          : -1;
 }
 
 int ox_fremovexattr(int /*fd*/, const char* /*name*/) {

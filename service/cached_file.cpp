@@ -39,7 +39,7 @@ CachedFile::CachedFile(const CacheEnvironment& environment, const std::wstring& 
   base_.size = state.base_size;
 }
 
-// ------------------------------------------------------------------ opens
+/* ------------------------------------------------------------------ opens */
 
 int CachedFile::Attach(FileOpen* open, bool truncate, uint32_t client_pid, FileView* view) {
   Guard guard(lock_);
@@ -87,7 +87,7 @@ int CachedFile::BringUpToDate() {
   return err != 0 ? err : LookUpSize();
 }
 
-// A handle that outlived its open changed the size: nobody's content, and so not to be used.
+/* A handle that outlived its open changed the size: nobody's content, and so not to be used. */
 bool CachedFile::ResizedWhileClosed() const {
   uint64_t size = 0;
   return local_.Size(&size) != 0 || size != size_;
@@ -98,7 +98,7 @@ int CachedFile::OpenLocal() {
   return err != 0 ? err : LookUpSize();
 }
 
-// Forgets the local content: the file is as long as the cloud's, and nothing of it is fetched.
+/* Forgets the local content: the file is as long as the cloud's, and nothing of it is fetched. */
 int CachedFile::Refill(const CloudEntry& entry) {
   filled_ = false;
   int err = local_.IsOpen() ? 0 : local_.Open();
@@ -143,8 +143,10 @@ void CachedFile::FillView(const FileOpen& open, FileView* view) const {
   view->modified = unsaved_ ? local_.Modified() : base_.modified;
   view->newer = unsaved_ || writers_ > 0;
   view->map_bytes = store_.MapBytes(size_);
-  // A read-only open is deliberately shown no dirty region: whatever it writes (for a mapped file)
-  // it reports, so that its close is known to need a write-back.
+  /*
+   * A read-only open is deliberately shown no dirty region: whatever it writes (for a mapped file)
+   * it reports, so that its close is known to need a write-back.
+   */
   view->maps = store_.Maps(view->map_bytes, open.writable);
   view->entry = base_;
   view->fillings = fillings_;
@@ -174,8 +176,10 @@ int CachedFile::Detach(FileOpen* open, Closing how) {
   return 0;
 }
 
-// The last open is gone. The handle of a client that "died" by closing its connections could still
-// write: its local file is not used again.
+/*
+ * The last open is gone. The handle of a client that "died" by closing its connections could still
+ * write: its local file is not used again.
+ */
 void CachedFile::LeaveLocal(Closing how) {
   local_.Close();
   shown_ = unsaved_;
@@ -189,7 +193,7 @@ bool CachedFile::MustWriteBack(const FileOpen& open, Closing how) const {
   return how == Closing::kModified || silent || (unsaved_ && attached_ == 1);
 }
 
-// Dirty regions stay so, and the journal with them, while an open may write to them silently.
+/* Dirty regions stay so, and the journal with them, while an open may write to them silently. */
 void CachedFile::ForgetDirty() {
   if (!unsaved_ && writers_ == 0) {
     store_.ClearDirty();
@@ -206,7 +210,7 @@ void CachedFile::BecomeWriter(FileOpen* open) {
   }
 }
 
-// ------------------------------------------------------------------ names
+/* ------------------------------------------------------------------ names */
 
 bool CachedFile::LocalStatus(uint64_t* size, uint64_t* modified) {
   if (!shown_) {
@@ -268,7 +272,7 @@ int CachedFile::Delete(const std::string& path, bool in_use) {
   return 0;
 }
 
-// ------------------------------------------------------------------ without an open
+/* ------------------------------------------------------------------ without an open */
 
 bool CachedFile::HasUnsaved() {
   Guard guard(lock_);
@@ -283,7 +287,7 @@ void CachedFile::Discard() {
 void CachedFile::DiscardLocked() {
   local_.Remove();
   journal_.Remove();
-  // A deleted file's name is not free before its last handle is closed.
+  /* A deleted file's name is not free before its last handle is closed. */
   local_ = LocalFile(NewLocalPath(env_));
   journal_ = Journal(local_.path() + L".journal");
   filled_ = false;

@@ -1,4 +1,4 @@
-// A cached file: its regions, and how they are fetched.
+/* A cached file: its regions, and how they are fetched. */
 #include <algorithm>
 
 #include "cached_file.h"
@@ -7,11 +7,13 @@
 
 namespace tarnd {
 
-// The start of every request of an open: it may be closed already, the file may have a new size.
+/* The start of every request of an open: it may be closed already, the file may have a new size. */
 int CachedFile::Check(const FileOpen& open) { return open.attached ? LookUpSize() : OX_EBADF; }
 
-// The client may have changed the size, without a word when its truncate request failed: what is
-// past its end is gone, also when it is the cloud's, and the cloud is to get the new size.
+/*
+ * The client may have changed the size, without a word when its truncate request failed: what is
+ * past its end is gone, also when it is the cloud's, and the cloud is to get the new size.
+ */
 int CachedFile::LookUpSize() {
   if (const int err = local_.Size(&size_)) {
     return err;
@@ -24,7 +26,7 @@ int CachedFile::LookUpSize() {
   return cut || (size_ != base_.size && !unsaved_) ? NoteUnsaved({}) : 0;
 }
 
-// An open whose maps speak of a content that is gone altogether drops them.
+/* An open whose maps speak of a content that is gone altogether drops them. */
 bool CachedFile::TellEmptied(FileOpen* open) {
   if (open->emptied == emptied_ || size_ != 0 || store_.limit() != 0) {
     return false;
@@ -119,7 +121,7 @@ int CachedFile::FetchAll(Run regions) {
   if (const int err = CheckBase()) {
     return err;
   }
-  // Pieces of about a transfer: what was fetched counts, also when a later piece fails.
+  /* Pieces of about a transfer: what was fetched counts, also when a later piece fails. */
   const uint64_t piece = std::max<uint64_t>(1, kTransfer >> std::min(store_.shift(), 62));
   for (; !missing.empty(); missing = store_.NextToFetch(regions)) {
     missing.end = std::min(missing.end, missing.first + piece);
@@ -159,7 +161,7 @@ int CachedFile::FetchBytes(Extent bytes) {
   return 0;
 }
 
-// A region of another content must not come between the fetched ones.
+/* A region of another content must not come between the fetched ones. */
 int CachedFile::CheckBase() {
   CloudEntry entry;
   if (const int err = env_.cloud.Status(path_, &entry)) {

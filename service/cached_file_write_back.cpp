@@ -1,4 +1,4 @@
-// A cached file: what is to go back to the cloud, and how it goes.
+/* A cached file: what is to go back to the cloud, and how it goes. */
 #include <algorithm>
 #include <cstring>
 
@@ -8,7 +8,7 @@
 
 namespace tarnd {
 
-// Something is to be written back: on record before the client is answered.
+/* Something is to be written back: on record before the client is answered. */
 int CachedFile::NoteUnsaved(Run dirty) {
   unsaved_ = true;
   shown_ = true;
@@ -41,8 +41,10 @@ int CachedFile::WriteBack() {
   return 0;
 }
 
-// The journal of a file that stays open to silent writes follows its new base. Without it, a kill
-// of the service could only cost what is written from now on.
+/*
+ * The journal of a file that stays open to silent writes follows its new base. Without it, a kill
+ * of the service could only cost what is written from now on.
+ */
 void CachedFile::RenewJournal() {
   if (!journal_.Exists()) {
     return;
@@ -52,8 +54,10 @@ void CachedFile::RenewJournal() {
   }
 }
 
-// The cloud's file is not the one that the cache was filled from: the last writer wins, if it has
-// a whole content to win with.
+/*
+ * The cloud's file is not the one that the cache was filled from: the last writer wins, if it has
+ * a whole content to win with.
+ */
 int CachedFile::CheckConflict() {
   CloudEntry entry;
   const int err = env_.cloud.Status(path_, &entry);
@@ -93,8 +97,10 @@ int CachedFile::WriteToCloud() {
   return 0;
 }
 
-// One piece of the whole content. Another open may cut the file meanwhile: what is gone reads as
-// zeros, and its own close writes back again.
+/*
+ * One piece of the whole content. Another open may cut the file meanwhile: what is gone reads as
+ * zeros, and its own close writes back again.
+ */
 int CachedFile::ReadContent(uint64_t size, uint64_t offset, void* buffer, size_t want,
                             size_t* got) {
   const Extent extent = store_.At(offset, size);

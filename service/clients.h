@@ -1,5 +1,7 @@
-// Which client processes stand behind which connections: when the last connection of a process
-// ends, so do its opens. Any thread.
+/*
+ * Which client processes stand behind which connections: when the last connection of a process
+ * ends, so do its opens. Any thread.
+ */
 #ifndef SERVICE_CLIENTS_H
 #define SERVICE_CLIENTS_H
 
@@ -13,17 +15,17 @@ namespace tarnd {
 class Clients {
  public:
   void Join(uint64_t connection, uint32_t pid);
-  // The processes behind a connection.
+  /* The processes behind a connection. */
   std::set<uint32_t> Of(uint64_t connection);
-  // The connection ends: returns the processes that have no other one.
+  /* The connection ends: returns the processes that have no other one. */
   std::set<uint32_t> Leave(uint64_t connection);
 
  private:
   std::mutex lock_;
-  std::map<uint64_t, std::set<uint32_t>> processes_;  // by connection; guarded by lock_
+  std::map<uint64_t, std::set<uint32_t>> processes_; /* by connection; guarded by lock_ */
 };
 
-// The process of a living thread; 0 when there is none.
+/* The process of a living thread; 0 when there is none. */
 uint32_t ProcessOfThread(uint32_t thread_id);
 
 }  // namespace tarnd

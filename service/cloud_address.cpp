@@ -1,4 +1,4 @@
-// Which cloud an address means.
+/* Which cloud an address means. */
 #include <cctype>
 #include <string_view>
 
@@ -31,7 +31,7 @@ bool DecodePercent(std::string_view text, std::string* out) {
   return true;
 }
 
-// "Z:/folder" of "file:///Z:/folder".
+/* "Z:/folder" of "file:///Z:/folder". */
 bool FolderOfAddress(std::string_view address, std::string* folder, std::string* error) {
   constexpr std::string_view kScheme = "file:///";
   if (!address.starts_with(kScheme)) {
@@ -42,7 +42,8 @@ bool FolderOfAddress(std::string_view address, std::string* folder, std::string*
     *error = "'%' is not followed by two hexadecimal digits of a character";
     return false;
   }
-  const bool has_drive = folder->size() >= 3 && isalpha(static_cast<unsigned char>((*folder)[0])) &&
+  const bool has_drive = folder->size() >= 3 &&
+                         (isalpha(static_cast<unsigned char>((*folder)[0])) != 0) &&
                          (*folder)[1] == ':' && ((*folder)[2] == '/' || (*folder)[2] == '\\');
   if (!has_drive) {
     *error = "the folder does not begin with a drive letter, as in file:///Z:/folder";

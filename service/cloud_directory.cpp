@@ -19,11 +19,13 @@
 namespace tarnd {
 namespace {
 
-// The algorithm provider that needs no opening (BCRYPT_SHA256_ALG_HANDLE, which MinGW's header has
-// not).
+/*
+ * The algorithm provider that needs no opening (BCRYPT_SHA256_ALG_HANDLE, which MinGW's header has
+ * not).
+ */
 const BCRYPT_ALG_HANDLE kSha256 = reinterpret_cast<BCRYPT_ALG_HANDLE>(0x41);
 
-// A UUID named by a text (version 8: an own scheme): the head of the text's SHA-256.
+/* A UUID named by a text (version 8: an own scheme): the head of the text's SHA-256. */
 cfs_id_t IdOf(const std::string& text) {
   std::array<UCHAR, 32> digest = {};
   std::string input = text;
@@ -36,8 +38,10 @@ cfs_id_t IdOf(const std::string& text) {
   return id;
 }
 
-// Fills all but the name from the fields that BY_HANDLE_FILE_INFORMATION and WIN32_FIND_DATAW
-// share.
+/*
+ * Fills all but the name from the fields that BY_HANDLE_FILE_INFORMATION and WIN32_FIND_DATAW
+ * share.
+ */
 template <typename Info>
 void FillEntry(const Info& info, const std::string& path, CloudEntry* entry) {
   const auto time = [](const FILETIME& t) { return Join(t.dwHighDateTime, t.dwLowDateTime); };
@@ -58,23 +62,23 @@ std::string JoinPath(const std::string& folder, const std::string& name) {
   return folder.empty() ? name : folder + '/' + name;
 }
 
-// The longest path of Windows, which is also the longest that a FILE_NAME_INFO holds.
+/* The longest path of Windows, which is also the longest that a FILE_NAME_INFO holds. */
 constexpr DWORD kMaxPathUnits = 32767;
 
-// The path of an open file below its volume's root, or an empty text.
+/* The path of an open file below its volume's root, or an empty text. */
 std::wstring PathOnVolume(HANDLE file) {
   std::vector<char> buffer(sizeof(FILE_NAME_INFO) + kMaxPathUnits * sizeof(wchar_t));
-  if (!GetFileInformationByHandleEx(file, FileNameInfo, buffer.data(),
-                                    static_cast<DWORD>(buffer.size()))) {
+  if (GetFileInformationByHandleEx(file, FileNameInfo, buffer.data(),
+                                   static_cast<DWORD>(buffer.size())) == 0) {
     return {};
   }
   const auto* info = reinterpret_cast<const FILE_NAME_INFO*>(buffer.data());
   return {info->FileName, info->FileNameLength / sizeof(wchar_t)};
 }
 
-constexpr size_t kDriveUnits = 6;  // the lead of a verbatim path on a drive: \\?\Z:
+constexpr size_t kDriveUnits = 6; /* the lead of a verbatim path on a drive: \\?\Z: */
 
-// The real path of an open file, verbatim, or an empty text.
+/* The real path of an open file, verbatim, or an empty text. */
 std::wstring FinalPath(HANDLE file) {
   std::wstring path(MAX_PATH, L'\0');
   for (;;) {
@@ -87,14 +91,14 @@ std::wstring FinalPath(HANDLE file) {
   }
 }
 
-// Whatever case the folder was asked in.
+/* Whatever case the folder was asked in. */
 bool IsBelow(const std::wstring& path, const std::wstring& folder) {
   const int length = static_cast<int>(folder.size());
   return path.size() > folder.size() && path[folder.size()] == L'\\' &&
          CompareStringOrdinal(path.c_str(), length, folder.c_str(), length, TRUE) == CSTR_EQUAL;
 }
 
-// A path that names nothing a caller may reach: none of ours, and nothing hidden among ours.
+/* A path that names nothing a caller may reach: none of ours, and nothing hidden among ours. */
 bool NamesPart(const std::string& path) {
   std::wstring name;
   return !WideFromUtf8(LastName(path), &name) || IsPart(name);
@@ -102,11 +106,11 @@ bool NamesPart(const std::string& path) {
 
 }  // namespace
 
-// An open file or folder of the cloud and where it really is.
+/* An open file or folder of the cloud and where it really is. */
 struct CloudDirectory::Item {
   FileHandle file;
-  std::wstring place;  // verbatim
-  std::string path;    // relative to the root, with the disk's own case
+  std::wstring place; /* verbatim */
+  std::string path;   /* relative to the root, with the disk's own case */
   BY_HANDLE_FILE_INFORMATION info;
 
   bool IsFolder() const { return (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0; }
@@ -128,7 +132,7 @@ std::unique_ptr<Cloud> CloudDirectory::Open(const std::string& folder, std::stri
     return nullptr;
   }
   BY_HANDLE_FILE_INFORMATION info;
-  if (!GetFileInformationByHandle(root.Get(), &info) ||
+  if ((GetFileInformationByHandle(root.Get(), &info) == 0) ||
       (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
     *error = folder + ": is not a folder";
     return nullptr;
@@ -144,9 +148,11 @@ std::unique_ptr<Cloud> CloudDirectory::Open(const std::string& folder, std::stri
   return std::unique_ptr<Cloud>(new CloudDirectory(std::move(place), info.dwVolumeSerialNumber));
 }
 
-// Opens what a path names and finds out where it is. Links are followed as long as they stay in the
-// directory: what lies behind others is reported as access denied. Some systems tell the whole path
-// of a file only when it is short, and always the one on its volume.
+/*
+ * Opens what a path names and finds out where it is. Links are followed as long as they stay in the
+ * directory: what lies behind others is reported as access denied. Some systems tell the whole path
+ * of a file only when it is short, and always the one on its volume.
+ */
 int CloudDirectory::OpenItem(const std::string& path, uint32_t access, Item* item) const {
   std::wstring relative;
   if (!WideFromUtf8(path, &relative)) {
@@ -159,7 +165,7 @@ int CloudDirectory::OpenItem(const std::string& path, uint32_t access, Item* ite
   const std::wstring asked = root_ + L'\\' + relative;
   item->file = FileHandle(CreateFileW(asked.c_str(), access, kShareAll, nullptr, OPEN_EXISTING,
                                       FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-  if (!item->file.Valid() || !GetFileInformationByHandle(item->file.Get(), &item->info)) {
+  if (!item->file.Valid() || (GetFileInformationByHandle(item->file.Get(), &item->info) == 0)) {
     return LastError();
   }
   item->place = FinalPath(item->file.Get());
@@ -181,7 +187,9 @@ int CloudDirectory::OpenItem(const std::string& path, uint32_t access, Item* ite
   return 0;
 }
 
-// Where a new item of this path belongs, verbatim: its folder is there and lies in the directory.
+/*
+ * Where a new item of this path belongs, verbatim: its folder is there and lies in the directory.
+ */
 int CloudDirectory::PlaceFor(const std::string& path, std::wstring* place) const {
   const size_t slash = path.rfind('/');
   Item folder;
@@ -207,7 +215,7 @@ int CloudDirectory::Status(const std::string& path, CloudEntry* entry) {
   return 0;
 }
 
-// The entry of one find result, or an error when it is not to be shown.
+/* The entry of one find result, or an error when it is not to be shown. */
 int CloudDirectory::ListedEntry(const Item& folder, const WIN32_FIND_DATAW& found,
                                 CloudEntry* entry) {
   std::string name;
@@ -216,7 +224,7 @@ int CloudDirectory::ListedEntry(const Item& folder, const WIN32_FIND_DATAW& foun
   }
   const std::string path = JoinPath(folder.path, name);
   int err = 0;
-  if (found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) {
+  if ((found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
     err = Status(path, entry);
   } else {
     FillEntry(found, path, entry);
@@ -238,7 +246,7 @@ int CloudDirectory::List(const std::string& path, std::vector<CloudEntry>* entri
   WIN32_FIND_DATAW found;
   const HANDLE search = FindFirstFileExW((folder.place + L"\\*").c_str(), FindExInfoBasic, &found,
                                          FindExSearchNameMatch, nullptr, FIND_FIRST_EX_LARGE_FETCH);
-  if (search == INVALID_HANDLE_VALUE) {  // a drive's root has not even "."
+  if (search == INVALID_HANDLE_VALUE) { /* a drive's root has not even "." */
     return GetLastError() == ERROR_FILE_NOT_FOUND ? 0 : LastError();
   }
   do {
@@ -246,7 +254,7 @@ int CloudDirectory::List(const std::string& path, std::vector<CloudEntry>* entri
     if (ListedEntry(folder, found, &entry) == 0) {
       entries->push_back(std::move(entry));
     }
-  } while (FindNextFileW(search, &found));
+  } while (FindNextFileW(search, &found) != 0);
   const DWORD end = GetLastError();
   FindClose(search);
   return end == ERROR_NO_MORE_FILES ? 0 : ErrnoOfWindows(end);
@@ -270,7 +278,8 @@ int CloudDirectory::Read(const std::string& path, uint64_t offset, void* buffer,
     position.OffsetHigh = static_cast<DWORD>(at >> 32);
     const DWORD want = static_cast<DWORD>(std::min<size_t>(size - *got, 1 << 30));
     DWORD count = 0;
-    if (!ReadFile(item.file.Get(), static_cast<char*>(buffer) + *got, want, &count, &position) &&
+    if ((ReadFile(item.file.Get(), static_cast<char*>(buffer) + *got, want, &count, &position) ==
+         0) &&
         GetLastError() != ERROR_HANDLE_EOF) {
       return LastError();
     }
@@ -282,15 +291,17 @@ int CloudDirectory::Read(const std::string& path, uint64_t offset, void* buffer,
   return 0;
 }
 
-// Another program's short look at a file (a virus scanner's, another service's read) makes a move
-// fail, so it is tried for half a second.
+/*
+ * Another program's short look at a file (a virus scanner's, another service's read) makes a move
+ * fail, so it is tried for half a second.
+ */
 int CloudDirectory::Move(const std::wstring& from, const std::wstring& to, uint32_t flags) {
   constexpr int kTries = 25;
   for (int tried = 1;; tried++) {
     DWORD code = ERROR_SUCCESS;
     {
       const std::unique_lock replacing(replacing_);
-      if (!MoveFileExW(from.c_str(), to.c_str(), flags | MOVEFILE_WRITE_THROUGH)) {
+      if (MoveFileExW(from.c_str(), to.c_str(), flags | MOVEFILE_WRITE_THROUGH) == 0) {
         code = GetLastError();
       }
     }
@@ -340,7 +351,7 @@ int CloudDirectory::Rename(const std::string& from, const std::string& to, bool 
   const int err = Move(source, target, 0);
   const auto is_file = [](const std::wstring& place) {
     const DWORD attributes = GetFileAttributesW(place.c_str());
-    return (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;  // set in the value for "not there"
+    return (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0; /* set in the value for "not there" */
   };
   if (err != OX_EEXIST || !replace || !is_file(source) || !is_file(target)) {
     return err;
@@ -359,12 +370,12 @@ int CloudDirectory::Delete(const std::string& path) {
   }
   const std::unique_lock replacing(replacing_);
   if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
-    return DeleteFileW(place.c_str()) ? 0 : LastError();
+    return DeleteFileW(place.c_str()) != 0 ? 0 : LastError();
   }
   if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) {
     RemoveParts(place, 0);
   }
-  return RemoveDirectoryW(place.c_str()) ? 0 : LastError();
+  return RemoveDirectoryW(place.c_str()) != 0 ? 0 : LastError();
 }
 
 int CloudDirectory::MakeFolder(const std::string& path) {
@@ -372,7 +383,7 @@ int CloudDirectory::MakeFolder(const std::string& path) {
   if (const int err = PlaceFor(path, &place)) {
     return path.empty() ? OX_EEXIST : err;
   }
-  return CreateDirectoryW(place.c_str(), nullptr) ? 0 : LastError();
+  return CreateDirectoryW(place.c_str(), nullptr) != 0 ? 0 : LastError();
 }
 
 }  // namespace tarnd

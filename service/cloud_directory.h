@@ -1,15 +1,17 @@
-// The cloud that is a plain directory of this machine: each file and folder of it is one of the
-// cloud. It may be shared with other programs and other services; what they change is seen at the
-// next call.
-//
-//   - Names are those of the disk, whatever case a path was asked in. Items whose names no path
-//     can reach (CheckName), and links that leave the directory, are not there.
-//   - An id is the digest of the item's own path, a version that of path, size and time.
-//   - A new content is written to a file beside its target and moved over it once it is on the
-//     disk. What a killed write left behind is never shown, and removed when its folder is listed.
-//
-// Threads: any number. `replacing_` is held shared while a file is open for reading and exclusively
-// for the moment in which a file is replaced, since Windows does not replace an open file.
+/*
+ * The cloud that is a plain directory of this machine: each file and folder of it is one of the
+ * cloud. It may be shared with other programs and other services; what they change is seen at the
+ * next call.
+ *
+ *   - Names are those of the disk, whatever case a path was asked in. Items whose names no path
+ *     can reach (CheckName), and links that leave the directory, are not there.
+ *   - An id is the digest of the item's own path, a version that of path, size and time.
+ *   - A new content is written to a file beside its target and moved over it once it is on the
+ *     disk. What a killed write left behind is never shown, and removed when its folder is listed.
+ *
+ * Threads: any number. `replacing_` is held shared while a file is open for reading and exclusively
+ * for the moment in which a file is replaced, since Windows does not replace an open file.
+ */
 #ifndef SERVICE_CLOUD_DIRECTORY_H
 #define SERVICE_CLOUD_DIRECTORY_H
 
@@ -25,8 +27,10 @@ namespace tarnd {
 
 class CloudDirectory : public Cloud {
  public:
-  // `folder` is an absolute path with its drive letter, UTF-8. Null with a text in `*error` when it
-  // is no folder that can be opened.
+  /*
+   * `folder` is an absolute path with its drive letter, UTF-8. Null with a text in `*error` when it
+   * is no folder that can be opened.
+   */
   static std::unique_ptr<Cloud> Open(const std::string& folder, std::string* error);
 
   int List(const std::string& path, std::vector<CloudEntry>* entries) override;
@@ -48,8 +52,8 @@ class CloudDirectory : public Cloud {
   int ListedEntry(const Item& folder, const _WIN32_FIND_DATAW& found, CloudEntry* entry);
   int Move(const std::wstring& from, const std::wstring& to, uint32_t flags);
 
-  const std::wstring root_;  // verbatim ("\\?\Z:\folder"), with the disk's own case
-  const uint32_t volume_;    // its serial number
+  const std::wstring root_; /* verbatim ("\\?\Z:\folder"), with the disk's own case */
+  const uint32_t volume_;   /* its serial number */
   std::shared_mutex replacing_;
 };
 

@@ -15,7 +15,7 @@ namespace {
 constexpr std::wstring_view kPartLead = L".~tarnd-";
 constexpr std::wstring_view kPartTail = L".part";
 
-// Copies the announced content into the file, all of it or an error.
+/* Copies the announced content into the file, all of it or an error. */
 int CopyContent(HANDLE file, uint64_t size, const ContentReader& content) {
   std::vector<char> buffer(static_cast<size_t>(std::min<uint64_t>(size, 1 << 20)));
   for (uint64_t offset = 0; offset < size;) {
@@ -28,7 +28,7 @@ int CopyContent(HANDLE file, uint64_t size, const ContentReader& content) {
     if (got == 0 || got > want) {
       return OX_EIO;
     }
-    if (!WriteFile(file, buffer.data(), static_cast<DWORD>(got), &written, nullptr)) {
+    if (WriteFile(file, buffer.data(), static_cast<DWORD>(got), &written, nullptr) == 0) {
       return LastError();
     }
     if (written != got) {
@@ -39,10 +39,10 @@ int CopyContent(HANDLE file, uint64_t size, const ContentReader& content) {
   return 0;
 }
 
-// The new content of a file keeps its attributes and its time of creation.
+/* The new content of a file keeps its attributes and its time of creation. */
 void KeepAttributes(const std::wstring& target, HANDLE part) {
   WIN32_FILE_ATTRIBUTE_DATA old;
-  if (!GetFileAttributesExW(target.c_str(), GetFileExInfoStandard, &old)) {
+  if (GetFileAttributesExW(target.c_str(), GetFileExInfoStandard, &old) == 0) {
     return;
   }
   FILE_BASIC_INFO info = {};
@@ -84,7 +84,7 @@ void RemoveParts(const std::wstring& folder, uint64_t min_age) {
     if (IsPart(found.cFileName) && Join(written.dwHighDateTime, written.dwLowDateTime) <= limit) {
       DeleteFileW((folder + L'\\' + found.cFileName).c_str());
     }
-  } while (FindNextFileW(search, &found));
+  } while (FindNextFileW(search, &found) != 0);
   FindClose(search);
 }
 
@@ -99,7 +99,7 @@ int WritePart(const std::wstring& part, const std::wstring& target, uint64_t siz
     return err;
   }
   KeepAttributes(target, file.Get());
-  return FlushFileBuffers(file.Get()) ? 0 : LastError();
+  return FlushFileBuffers(file.Get()) != 0 ? 0 : LastError();
 }
 
 }  // namespace tarnd

@@ -1,7 +1,7 @@
 #include "connection.h"
 
 #include <winsock2.h>
-// after winsock2.h
+/* after winsock2.h */
 #include <windows.h>
 
 #include <algorithm>
@@ -32,7 +32,7 @@ Connection::Connection(Service& service, uint64_t number, int socket)
 }
 
 void Connection::Run() {
-  // Memory is the one thing that may run out in here; it ends the connection, not the service.
+  /* Memory is the one thing that may run out in here; it ends the connection, not the service. */
   try {
     while (!session_.ends && ReadRequest() && Answer()) {
     }
@@ -46,7 +46,7 @@ void Connection::Run() {
   done_ = true;
 }
 
-// The transport closes the socket of a peer that hung up, and says so with this error.
+/* The transport closes the socket of a peer that hung up, and says so with this error. */
 bool Connection::Broken(int err) {
   open_ = open_ && err != WSAECONNRESET;
   return err != 0;
@@ -58,7 +58,7 @@ bool Connection::ReadBytes(size_t from, size_t count) {
       tnv_recvbytes(&vh_, static_cast<int>(vh_.vfs_fd), nullptr, bytes, static_cast<int>(count)));
 }
 
-// The header first: its length decides how much there is to read.
+/* The header first: its length decides how much there is to read. */
 bool Connection::ReadRequest() {
   storage_.resize(WordsFor(TNV_MSG_FIXED));
   std::fill(storage_.begin(), storage_.end(), 0);
@@ -75,12 +75,12 @@ bool Connection::ReadRequest() {
   return ReadBytes(sizeof(tnv_msghdr), length - sizeof(tnv_msghdr));
 }
 
-// Where the next request would begin is unknown: the connection ends with this answer.
+/* Where the next request would begin is unknown: the connection ends with this answer. */
 void Connection::RefuseLength() {
   const Request request(&storage_);
   OX_LOG(OX_ERROR_LEVEL, OX_EINVAL, "A request of %u bytes", request->hdr.hdr_len);
   session_.service.counters.malformed++;
-  request.msg()->hdr.hdr_len = TNV_MSG_FIXED;  // what the trace may look at
+  request.msg()->hdr.hdr_len = TNV_MSG_FIXED; /* what the trace may look at */
   Reply reply;
   reply.resp.rhdr.rhdr_errno = OX_EINVAL;
   Send(request, &reply);
@@ -120,7 +120,7 @@ void Connection::Serve(const Request& request, Reply* reply) {
   }
 }
 
-// What the traces of this connection say of it.
+/* What the traces of this connection say of it. */
 void Connection::NoteConnect(const Request& request) {
   const tnv_wconn_msg& connect = request->u.wconn;
   CopyField(vh_.vfs_rhost, FieldText(connect.wconmsg_rhost));

@@ -1,4 +1,4 @@
-// One connection: reads requests, answers each, in order, on a thread of its own.
+/* One connection: reads requests, answers each, in order, on a thread of its own. */
 #ifndef SERVICE_CONNECTION_H
 #define SERVICE_CONNECTION_H
 
@@ -11,14 +11,16 @@
 
 namespace tarnd {
 
-// Used by its thread alone, but for done().
+/* Used by its thread alone, but for done(). */
 class Connection {
  public:
-  // Takes the socket, which is in non-blocking mode.
+  /* Takes the socket, which is in non-blocking mode. */
   Connection(Service& service, uint64_t number, int socket);
 
-  // Serves until the peer leaves, sends what is no request, or the service stops; then closes the
-  // socket and ends what the client left open.
+  /*
+   * Serves until the peer leaves, sends what is no request, or the service stops; then closes the
+   * socket and ends what the client left open.
+   */
   void Run();
   bool done() const { return done_; }
 
@@ -36,8 +38,8 @@ class Connection {
 
   Session session_;
   vfs_handle vh_ = {};
-  std::vector<uint64_t> storage_;  // the request
-  bool open_ = true;               // the socket is still ours to close
+  std::vector<uint64_t> storage_; /* the request */
+  bool open_ = true;              /* the socket is still ours to close */
   std::atomic<bool> done_ = false;
 };
 

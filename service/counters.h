@@ -1,5 +1,7 @@
-// What the service counts: requests of each operation, and the traffic with the cloud. Any thread
-// may count at any time.
+/*
+ * What the service counts: requests of each operation, and the traffic with the cloud. Any thread
+ * may count at any time.
+ */
 #ifndef SERVICE_COUNTERS_H
 #define SERVICE_COUNTERS_H
 
@@ -15,9 +17,9 @@ namespace tarnd {
 
 class Counters {
  public:
-  // Names by operation code; a code past the last one is "unknown".
+  /* Names by operation code; a code past the last one is "unknown". */
   static const char* OperationName(uint32_t opcode);
-  // TNV_OP_MAX when no operation has the name.
+  /* TNV_OP_MAX when no operation has the name. */
   static uint32_t OperationOfName(const std::string& name);
 
   void CountRequest(uint32_t opcode);
@@ -28,12 +30,14 @@ class Counters {
   std::atomic<uint64_t> files_written_back = 0;
   std::atomic<uint64_t> bytes_written_back = 0;
 
-  // "name value", one a line: every operation, then "requests" (their sum, the malformed ones
-  // included), then the fields above.
+  /*
+   * "name value", one a line: every operation, then "requests" (their sum, the malformed ones
+   * included), then the fields above.
+   */
   std::string Text() const;
 
  private:
-  std::array<std::atomic<uint64_t>, TNV_OP_MAX + 1> requests_ = {};  // last: unknown codes
+  std::array<std::atomic<uint64_t>, TNV_OP_MAX + 1> requests_ = {}; /* last: unknown codes */
 };
 
 }  // namespace tarnd

@@ -47,7 +47,7 @@ std::string DirtyLine(Run run) {
   return "dirty " + std::to_string(run.first) + ' ' + std::to_string(run.end) + '\n';
 }
 
-// A number that may stand in a journal, or the end of the line's reading.
+/* A number that may stand in a journal, or the end of the line's reading. */
 bool ReadNumber(std::istringstream& words, uint64_t* number) {
   return static_cast<bool>(words >> *number);
 }
@@ -115,8 +115,8 @@ bool ReadAll(const std::wstring& path, std::string* text) {
   std::vector<char> buffer(1 << 16);
   DWORD got = 0;
   do {
-    if (!file.Valid() ||
-        !ReadFile(file.Get(), buffer.data(), static_cast<DWORD>(buffer.size()), &got, nullptr)) {
+    if (!file.Valid() || (ReadFile(file.Get(), buffer.data(), static_cast<DWORD>(buffer.size()),
+                                   &got, nullptr) == 0)) {
       return false;
     }
     text->append(buffer.data(), got);
@@ -128,14 +128,15 @@ bool ReadAll(const std::wstring& path, std::string* text) {
 
 int Journal::Append(const std::string& lines) {
   DWORD written = 0;
-  if (!WriteFile(file_.Get(), lines.data(), static_cast<DWORD>(lines.size()), &written, nullptr)) {
+  if (WriteFile(file_.Get(), lines.data(), static_cast<DWORD>(lines.size()), &written, nullptr) ==
+      0) {
     return LastError();
   }
   return written == lines.size() ? 0 : OX_ENOSPC;
 }
 
 int Journal::Start(const JournalState& state) {
-  // A new file moved over the old one: a process that ends in between leaves one of them.
+  /* A new file moved over the old one: a process that ends in between leaves one of them. */
   const std::wstring fresh = path_ + L".new";
   file_ = FileHandle(CreateFileW(fresh.c_str(), GENERIC_WRITE | DELETE, kShareAll, nullptr,
                                  CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
@@ -152,7 +153,7 @@ int Journal::Start(const JournalState& state) {
   limit_ = state.store.limit();
   int err = Append(lines);
   file_.Close();
-  if (err == 0 && !MoveFileExW(fresh.c_str(), path_.c_str(), MOVEFILE_REPLACE_EXISTING)) {
+  if (err == 0 && (MoveFileExW(fresh.c_str(), path_.c_str(), MOVEFILE_REPLACE_EXISTING) == 0)) {
     err = LastError();
   }
   if (err == 0) {

@@ -1,18 +1,20 @@
-// The journal of one cache file: what a killed service leaves behind of data that was not yet
-// written back. It stands beside the cache file, exists exactly while the file may hold such data,
-// and is written before the client is told that it may write.
-//
-// A text file, one record a line, each whole or ignored:
-//   tarnd-journal 1 <region shift>
-//   base <version of the cloud's content, UUID> <its size>
-//   path <the file's path in the cloud; bytes below 0x20 and '%' as %xx>
-//   limit <offset>            from here on the cloud's content does not count (see region_store.h)
-//   dirty <first> <end>       regions
-// limit and dirty lines come in the order in which it happened: a limit drops the dirty regions
-// past it, whose content is local either way. A new base or path starts a new journal.
-//
-// It is safe against the end of the process, not against the end of the machine: lines are not
-// flushed to the disk. Not thread-safe: guarded by its CachedFile.
+/*
+ * The journal of one cache file: what a killed service leaves behind of data that was not yet
+ * written back. It stands beside the cache file, exists exactly while the file may hold such data,
+ * and is written before the client is told that it may write.
+ *
+ * A text file, one record a line, each whole or ignored:
+ *   tarnd-journal 1 <region shift>
+ *   base <version of the cloud's content, UUID> <its size>
+ *   path <the file's path in the cloud; bytes below 0x20 and '%' as %xx>
+ *   limit <offset>            from here on the cloud's content does not count (see region_store.h)
+ *   dirty <first> <end>       regions
+ * limit and dirty lines come in the order in which it happened: a limit drops the dirty regions
+ * past it, whose content is local either way. A new base or path starts a new journal.
+ *
+ * It is safe against the end of the process, not against the end of the machine: lines are not
+ * flushed to the disk. Not thread-safe: guarded by its CachedFile.
+ */
 #ifndef SERVICE_JOURNAL_H
 #define SERVICE_JOURNAL_H
 
@@ -32,7 +34,7 @@ struct JournalState {
   RegionStore store{0};
 };
 
-// Results are 0 or an error number of ox_errno.h.
+/* Results are 0 or an error number of ox_errno.h. */
 class Journal {
  public:
   explicit Journal(std::wstring path) : path_(std::move(path)) {}
@@ -40,13 +42,13 @@ class Journal {
   const std::wstring& path() const { return path_; }
   bool Exists() const { return file_.Valid(); }
 
-  // Writes a new journal, in the place of an old one.
+  /* Writes a new journal, in the place of an old one. */
   int Start(const JournalState& state);
-  // Adds what is new: a limit other than the last one, and regions (none when empty).
+  /* Adds what is new: a limit other than the last one, and regions (none when empty). */
   int Add(uint64_t limit, Run dirty);
   void Remove();
 
-  // Reads a journal file: false when it is no journal, or one without a base or path.
+  /* Reads a journal file: false when it is no journal, or one without a base or path. */
   static bool Load(const std::wstring& path, JournalState* state);
 
  private:
@@ -54,7 +56,7 @@ class Journal {
 
   std::wstring path_;
   FileHandle file_;
-  uint64_t limit_ = 0;  // the last one written
+  uint64_t limit_ = 0; /* the last one written */
 };
 
 }  // namespace tarnd

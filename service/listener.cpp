@@ -1,10 +1,10 @@
 #include "listener.h"
 
 #include <winsock2.h>
-// after winsock2.h
+/* after winsock2.h */
 #include <afunix.h>
 #include <windows.h>
-// after windows.h
+/* after windows.h */
 #include <sddl.h>
 
 #include <system_error>
@@ -20,7 +20,7 @@ namespace {
 constexpr int kPollMs = 250;
 constexpr size_t kMaxPeers = 1024;
 
-// The text in the process's code page, in which the client composes the socket's path.
+/* The text in the process's code page, in which the client composes the socket's path. */
 std::string NarrowFromWide(const std::wstring& text) {
   std::string out(text.size() * 4 + 1, '\0');
   const int bytes = WideCharToMultiByte(CP_ACP, 0, text.data(), static_cast<int>(text.size()),
@@ -43,7 +43,7 @@ bool AddressOf(const std::string& path, sockaddr_un* address) {
   return true;
 }
 
-// Whether somebody listens on the socket file.
+/* Whether somebody listens on the socket file. */
 bool IsAlive(const sockaddr_un& address) {
   const SOCKET probe = socket(AF_UNIX, SOCK_STREAM, 0);
   const bool alive =
@@ -117,7 +117,7 @@ void Listener::Run() {
 void Listener::Accept() {
   const SOCKET peer = accept(static_cast<SOCKET>(socket_), nullptr, nullptr);
   if (peer == INVALID_SOCKET) {
-    if (WSAGetLastError() != WSAEWOULDBLOCK) {  // the peer did not wait
+    if (WSAGetLastError() != WSAEWOULDBLOCK) { /* the peer did not wait */
       OX_LOG(OX_ERROR_LEVEL, WSAGetLastError(), "Cannot accept a connection");
     }
     Sleep(1);
@@ -142,7 +142,7 @@ bool Listener::StartThread(int fd) {
   return true;
 }
 
-// Joins the threads that have ended, or all.
+/* Joins the threads that have ended, or all. */
 void Listener::Reap(bool all) {
   for (auto it = peers_.begin(); it != peers_.end();) {
     if (all || it->connection->done()) {

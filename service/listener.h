@@ -1,4 +1,4 @@
-// The service's socket and the threads of its connections.
+/* The service's socket and the threads of its connections. */
 #ifndef SERVICE_LISTENER_H
 #define SERVICE_LISTENER_H
 
@@ -12,16 +12,18 @@
 
 namespace tarnd {
 
-// Used by one thread.
+/* Used by one thread. */
 class Listener {
  public:
   explicit Listener(Service& service) : service_(service) {}
   ~Listener();
 
-  // Makes the socket's folder (for this user only, when it is not there yet), removes the socket
-  // file of a service that is gone, and listens. False with a text in `*error`.
+  /*
+   * Makes the socket's folder (for this user only, when it is not there yet), removes the socket
+   * file of a service that is gone, and listens. False with a text in `*error`.
+   */
   bool Start(std::string* error);
-  // Accepts connections until the service stops, then waits until they have ended.
+  /* Accepts connections until the service stops, then waits until they have ended. */
   void Run();
 
  private:
@@ -36,7 +38,7 @@ class Listener {
   void Reap(bool all);
 
   Service& service_;
-  std::string path_;  // as the client composes it: in the process's code page
+  std::string path_; /* as the client composes it: in the process's code page */
   std::wstring wide_path_;
   uint64_t socket_ = UINT64_MAX;
   uint64_t next_number_ = 1;

@@ -23,7 +23,7 @@ HANDLE OpenShared(const std::wstring& path, DWORD disposition) {
                      FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
-// A disk without sparse files stores the zeros.
+/* A disk without sparse files stores the zeros. */
 void MakeSparse(HANDLE file) {
   DWORD bytes = 0;
   DeviceIoControl(file, FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &bytes, nullptr);
@@ -47,7 +47,7 @@ void LocalFile::Remove() {
 
 int LocalFile::Size(uint64_t* size) const {
   LARGE_INTEGER found;
-  if (!GetFileSizeEx(file_.Get(), &found)) {
+  if (GetFileSizeEx(file_.Get(), &found) == 0) {
     return LastError();
   }
   *size = static_cast<uint64_t>(found.QuadPart);
@@ -57,7 +57,7 @@ int LocalFile::Size(uint64_t* size) const {
 int LocalFile::SetSize(uint64_t size) const {
   FILE_END_OF_FILE_INFO info = {};
   info.EndOfFile.QuadPart = static_cast<LONGLONG>(size);
-  return SetFileInformationByHandle(file_.Get(), FileEndOfFileInfo, &info, sizeof info)
+  return SetFileInformationByHandle(file_.Get(), FileEndOfFileInfo, &info, sizeof info) != 0
              ? 0
              : LastError();
 }
@@ -68,7 +68,7 @@ int LocalFile::Read(uint64_t offset, void* buffer, size_t size, size_t* got) con
     OVERLAPPED position = At(offset + *got);
     const DWORD want = static_cast<DWORD>(std::min(size - *got, kMaxTransfer));
     DWORD count = 0;
-    if (!ReadFile(file_.Get(), static_cast<char*>(buffer) + *got, want, &count, &position) &&
+    if ((ReadFile(file_.Get(), static_cast<char*>(buffer) + *got, want, &count, &position) == 0) &&
         GetLastError() != ERROR_HANDLE_EOF) {
       return LastError();
     }
@@ -85,7 +85,8 @@ int LocalFile::Write(uint64_t offset, const void* data, size_t size) const {
     OVERLAPPED position = At(offset + done);
     const DWORD want = static_cast<DWORD>(std::min(size - done, kMaxTransfer));
     DWORD count = 0;
-    if (!WriteFile(file_.Get(), static_cast<const char*>(data) + done, want, &count, &position)) {
+    if (WriteFile(file_.Get(), static_cast<const char*>(data) + done, want, &count, &position) ==
+        0) {
       return LastError();
     }
     if (count == 0) {
@@ -98,7 +99,7 @@ int LocalFile::Write(uint64_t offset, const void* data, size_t size) const {
 
 uint64_t LocalFile::Modified() const {
   FILETIME time;
-  return GetFileTime(file_.Get(), nullptr, nullptr, &time)
+  return GetFileTime(file_.Get(), nullptr, nullptr, &time) != 0
              ? Join(time.dwHighDateTime, time.dwLowDateTime)
              : 0;
 }
@@ -112,8 +113,8 @@ int LocalFile::OpenFor(uint32_t process_id, uint64_t* handle) const {
   HANDLE theirs = nullptr;
   const HANDLE ours = OpenShared(path_, OPEN_EXISTING);
   if (ours == INVALID_HANDLE_VALUE ||
-      !DuplicateHandle(GetCurrentProcess(), ours, process, &theirs, 0, FALSE,
-                       DUPLICATE_SAME_ACCESS | DUPLICATE_CLOSE_SOURCE)) {
+      (DuplicateHandle(GetCurrentProcess(), ours, process, &theirs, 0, FALSE,
+                       DUPLICATE_SAME_ACCESS | DUPLICATE_CLOSE_SOURCE) == 0)) {
     err = LastError();
   }
   CloseHandle(process);
@@ -123,11 +124,15 @@ int LocalFile::OpenFor(uint32_t process_id, uint64_t* handle) const {
 
 void LocalFile::TakeBack(uint32_t process_id, uint64_t handle) {
   const HANDLE process = OpenProcess(PROCESS_DUP_HANDLE, FALSE, process_id);
-  if (process == nullptr) return;
-  // Taken into this process and closed here: Wine closes nothing when there is no target process.
+  if (process == nullptr) {
+    return;
+  }
+  /*
+   * Taken into this process and closed here: Wine closes nothing when there is no target process.
+   */
   HANDLE taken = nullptr;
   if (DuplicateHandle(process, reinterpret_cast<HANDLE>(handle), GetCurrentProcess(), &taken, 0,
-                      FALSE, DUPLICATE_CLOSE_SOURCE | DUPLICATE_SAME_ACCESS)) {
+                      FALSE, DUPLICATE_CLOSE_SOURCE | DUPLICATE_SAME_ACCESS) != 0) {
     CloseHandle(taken);
   }
   CloseHandle(process);

@@ -1,4 +1,4 @@
-// tarnd: the reference cache service. See README.md.
+/* tarnd: the reference cache service. See README.md. */
 #include <windows.h>
 
 #include <cstdio>
@@ -26,10 +26,10 @@ BOOL WINAPI OnConsoleEvent(DWORD) {
   if (service != nullptr) {
     service->stopping = true;
   }
-  return service != nullptr;
+  return static_cast<BOOL>(service != nullptr);
 }
 
-// An error before or after the log is there: on both.
+/* An error before or after the log is there: on both. */
 int Fail(ExitCode code, const std::string& text) {
   fprintf(stderr, "tarnd: %s\n", text.c_str());
   OX_LOG(OX_ERROR_LEVEL, 0, "%s", text.c_str());
@@ -58,7 +58,7 @@ bool ReadOptions(Options* options, std::string* error) {
          ParseEnvironment(Variable, options, error);
 }
 
-// The log facility takes narrow paths.
+/* The log facility takes narrow paths. */
 std::string LogPath(const std::string& utf8) {
   std::wstring wide;
   WideFromUtf8(utf8, &wide);
@@ -83,14 +83,14 @@ void ReportCounts(const Service& service) {
   const FileHandle file(CreateFileW(path.c_str(), GENERIC_WRITE, kShareAll, nullptr, CREATE_ALWAYS,
                                     FILE_ATTRIBUTE_NORMAL, nullptr));
   DWORD written = 0;
-  if (!file.Valid() ||
-      !WriteFile(file.Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr)) {
+  if (!file.Valid() || (WriteFile(file.Get(), text.data(), static_cast<DWORD>(text.size()),
+                                  &written, nullptr) == 0)) {
     OX_LOG(OX_ERROR_LEVEL, static_cast<ox_s32>(GetLastError()), "Cannot write the counts to %s",
            service.options.counts_file.c_str());
   }
 }
 
-// Serves from here on to the end: recovery, clients, the way back.
+/* Serves from here on to the end: recovery, clients, the way back. */
 int Serve(Service& service) {
   service.Recover();
   std::string error;

@@ -8,14 +8,14 @@
 namespace tarnd {
 namespace {
 
-// Files that stay cached; beyond it those that were opened longest ago go.
+/* Files that stay cached; beyond it those that were opened longest ago go. */
 constexpr size_t kMaxCached = 4096;
 
 bool IsBelow(const std::string& path, const std::string& folder) {
   return path.size() > folder.size() && path.starts_with(folder) && path[folder.size()] == '/';
 }
 
-// What an open with these access bits needs its neighbours to share.
+/* What an open with these access bits needs its neighbours to share. */
 uint32_t NeededShare(uint32_t access) {
   return ((access & kAccessRead) != 0 ? uint32_t{kShareRead} : 0) |
          ((access & kAccessWrite) != 0 ? uint32_t{kShareWrite} : 0);
@@ -31,7 +31,7 @@ void ReleaseLocks(const OpenFile& open) {
 
 }  // namespace
 
-// ------------------------------------------------------------------ the tables
+/* ------------------------------------------------------------------ the tables */
 
 int OpenFiles::Add(const std::shared_ptr<OpenFile>& open, const CloudEntry& entry, uint32_t wants) {
   Guard guard(table_);
@@ -59,7 +59,7 @@ int OpenFiles::AddListing(const std::shared_ptr<OpenFile>& open, const CloudEntr
   return opens_.emplace(open->id, open).second ? 0 : OX_EINVAL;
 }
 
-// Opens for attributes alone take no part in sharing, on either side.
+/* Opens for attributes alone take no part in sharing, on either side. */
 bool OpenFiles::SharingAllows(const OpenFile& open, uint32_t wants) const {
   const uint32_t needs = NeededShare(wants);
   return std::all_of(opens_.begin(), opens_.end(), [&](const auto& item) {
@@ -75,14 +75,14 @@ std::shared_ptr<CachedFile> OpenFiles::FileOf(const CloudEntry& entry) {
     cached.file = std::make_shared<CachedFile>(env_, entry.path);
   }
   cached.used = next_number_++;
-  std::shared_ptr<CachedFile> file = cached.file;  // stays, also if it is forgotten
+  std::shared_ptr<CachedFile> file = cached.file; /* stays, also if it is forgotten */
   if (files_.size() > kMaxCached) {
     ForgetIdle();
   }
   return file;
 }
 
-// A file to which only the table points is open nowhere, and its lock is free.
+/* A file to which only the table points is open nowhere, and its lock is free. */
 void OpenFiles::ForgetIdle() {
   auto oldest = files_.end();
   for (auto it = files_.begin(); it != files_.end(); ++it) {
@@ -97,8 +97,10 @@ void OpenFiles::ForgetIdle() {
   }
 }
 
-// A lock request may be under way: it looks for its open again when it has the lock, so the open
-// goes first.
+/*
+ * A lock request may be under way: it looks for its open again when it has the lock, so the open
+ * goes first.
+ */
 void OpenFiles::Remove(const OpenFile& open) {
   {
     Guard guard(table_);
@@ -170,7 +172,7 @@ void OpenFiles::Overlay(CloudEntry* entry) {
   }
 }
 
-// ------------------------------------------------------------------ names
+/* ------------------------------------------------------------------ names */
 
 int OpenFiles::MayMove(const CloudEntry& entry) {
   const Guard guard(table_);
@@ -190,8 +192,10 @@ bool OpenFiles::AnyInUseBelow(const std::string& folder) {
   });
 }
 
-// What a rename of the item moves in the cache. No request of these files goes on before the holds
-// are gone.
+/*
+ * What a rename of the item moves in the cache. No request of these files goes on before the holds
+ * are gone.
+ */
 std::vector<OpenFiles::Moving> OpenFiles::HoldForMove(const CloudEntry& entry) {
   std::vector<Moving> moving;
   {
@@ -218,7 +222,7 @@ int OpenFiles::Rename(const CloudEntry& entry, const std::string& from, const st
   }
   CloudEntry now;
   if (env_.cloud.Status(to, &now) != 0) {
-    now.path = to;  // gone again already
+    now.path = to; /* gone again already */
   }
   std::vector<std::pair<cfs_id_t, cfs_id_t>> moves = {{entry.id, now.id}};
   for (Moving& item : moving) {
@@ -254,7 +258,7 @@ bool OpenFiles::IsInUse(const std::shared_ptr<CachedFile>& file) {
   });
 }
 
-// The opens and the cached file of an item follow it; a deleted one is not found any more.
+/* The opens and the cached file of an item follow it; a deleted one is not found any more. */
 void OpenFiles::Moved(const cfs_id_t& from, const cfs_id_t& to) {
   Guard guard(table_);
   for (const auto& [id, open] : opens_) {
@@ -273,7 +277,7 @@ void OpenFiles::Moved(const cfs_id_t& from, const cfs_id_t& to) {
   }
 }
 
-// ------------------------------------------------------------------ the end
+/* ------------------------------------------------------------------ the end */
 
 size_t OpenFiles::SaveAll() {
   const std::vector<std::shared_ptr<CachedFile>> files = AllFiles();

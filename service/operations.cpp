@@ -8,7 +8,7 @@
 namespace tarnd {
 namespace {
 
-// By operation code.
+/* By operation code. */
 constexpr std::array<Operation, TNV_OP_MAX> kOperations = {{
     {Connect, sizeof(tnv_conn_resp), false, false},
     {Disconnect, 0, false, false},

@@ -3,7 +3,7 @@
 
 namespace tarnd {
 
-// Also ends a listing and a folder's open, which have nothing to write back.
+/* Also ends a listing and a folder's open, which have nothing to write back. */
 int Close(Session& session, const Request& request, Reply* reply) {
   const tnv_wclose_msg& close = request->u.wclose;
   const std::shared_ptr<OpenFile> open = session.service.files.Find(close.wclose_omsgid);
@@ -23,8 +23,10 @@ int Close(Session& session, const Request& request, Reply* reply) {
   return 0;
 }
 
-// The user's last handle is closed: the open blocks nobody any more, and its range locks go. It may
-// still read and write, for a mapped file.
+/*
+ * The user's last handle is closed: the open blocks nobody any more, and its range locks go. It may
+ * still read and write, for a mapped file.
+ */
 int Cleanup(Session& session, const Request& request, Reply* reply) {
   const std::shared_ptr<OpenFile> open = session.service.files.Find(request->u.wcleanup.wcl_omsgid);
   if (open == nullptr) {

@@ -3,8 +3,10 @@
 
 namespace tarnd {
 
-// The request names its open by the client's descriptor and the file's id; the client is the one
-// behind the connection.
+/*
+ * The request names its open by the client's descriptor and the file's id; the client is the one
+ * behind the connection.
+ */
 int RangeLock(Session& session, const Request& request, Reply* reply) {
   const tnv_wbrl_msg& brl = request->u.wbrl;
   Service& service = session.service;
@@ -31,7 +33,7 @@ int RangeLock(Session& session, const Request& request, Reply* reply) {
     default:
       err = OX_EINVAL;
   }
-  // An open that was closed meanwhile has released its locks already.
+  /* An open that was closed meanwhile has released its locks already. */
   if (err == 0 && find() != open) {
     locks.Release(open->part.number);
     return OX_EBADF;

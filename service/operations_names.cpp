@@ -9,7 +9,7 @@
 namespace tarnd {
 namespace {
 
-// The listing's records, in the order of their names.
+/* The listing's records, in the order of their names. */
 void AppendInfos(Service& service, std::vector<CloudEntry> entries, Reply* reply) {
   std::sort(entries.begin(), entries.end(),
             [](const CloudEntry& a, const CloudEntry& b) { return a.name < b.name; });
@@ -27,8 +27,10 @@ void AppendInfos(Service& service, std::vector<CloudEntry> entries, Reply* reply
   reply->resp.u.wdenum.wde_fi_len = reply->bulk.size() / sizeof(tnw_fileinfo);
 }
 
-// A listing is an open that asks for nothing: the client closes it like a file, or it ends with the
-// client's process.
+/*
+ * A listing is an open that asks for nothing: the client closes it like a file, or it ends with the
+ * client's process.
+ */
 int AddListing(Session& session, const Request& request, const CloudEntry& folder,
                const std::string& path) {
   Service& service = session.service;
@@ -40,7 +42,7 @@ int AddListing(Session& session, const Request& request, const CloudEntry& folde
   return service.files.AddListing(open, folder);
 }
 
-// The item of a rename, delete or can-delete, and whether it may go. With names() held.
+/* The item of a rename, delete or can-delete, and whether it may go. With names() held. */
 int FindMovable(Service& service, const std::string& path, const std::string& share,
                 CloudEntry* entry) {
   if (path == share) {
@@ -50,7 +52,7 @@ int FindMovable(Service& service, const std::string& path, const std::string& sh
   return err != 0 ? err : service.files.MayMove(*entry);
 }
 
-// As the delete would find it, without doing it.
+/* As the delete would find it, without doing it. */
 int CheckDelete(Service& service, const std::string& path, const std::string& share) {
   CloudEntry entry;
   std::vector<CloudEntry> children;
@@ -138,7 +140,7 @@ int CanDelete(Session& session, const Request& request, Reply* reply) {
   const std::lock_guard names(service.files.names());
   const int err = CheckDelete(service, path, session.share);
   reply->resp.u.wcandel.wcandel_check = err == 0 ? 1 : 0;
-  // That it may not is an answer; that there is nothing to ask about is an error.
+  /* That it may not is an answer; that there is nothing to ask about is an error. */
   const bool answered =
       err == OX_EACCES || err == OX_EBUSY || err == OX_EPERM || err == OX_ENOTEMPTY;
   return answered ? 0 : err;

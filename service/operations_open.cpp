@@ -6,16 +6,16 @@
 namespace tarnd {
 namespace {
 
-// Create dispositions on the wire.
+/* Create dispositions on the wire. */
 enum : uint32_t { kCreateNew = 1, kCreateAlways, kOpenExisting, kOpenAlways, kTruncateExisting };
-// Open flags: native create options.
+/* Open flags: native create options. */
 enum : uint32_t { kWantFolder = 0x1, kWantFile = 0x40 };
 
 bool Truncates(uint32_t disposition) {
   return disposition == kCreateAlways || disposition == kTruncateExisting;
 }
 
-// Whether an item that is there may be opened so.
+/* Whether an item that is there may be opened so. */
 int CheckExisting(const tnv_wopen_msg& open, const CloudEntry& entry) {
   if (open.wopen_cdisp == kCreateNew) {
     return OX_EEXIST;
@@ -30,8 +30,10 @@ int CheckExisting(const tnv_wopen_msg& open, const CloudEntry& entry) {
   return writes && (entry.attributes & kReadOnlyAttribute) != 0 ? OX_EPERM : 0;
 }
 
-// Makes an item that is not there: an empty file, at once, so that it is seen and nobody else makes
-// it.
+/*
+ * Makes an item that is not there: an empty file, at once, so that it is seen and nobody else makes
+ * it.
+ */
 int Create(Cloud& cloud, const tnv_wopen_msg& open, const std::string& path) {
   if (open.wopen_cdisp == kOpenExisting || open.wopen_cdisp == kTruncateExisting) {
     return OX_ENOENT;
@@ -42,7 +44,7 @@ int Create(Cloud& cloud, const tnv_wopen_msg& open, const std::string& path) {
   return cloud.Write(path, 0, [](uint64_t, void*, size_t, size_t*) { return OX_EIO; });
 }
 
-// Finds or makes the item: 0 or TNV_OPEN_EXISTED, or an error. With names() held.
+/* Finds or makes the item: 0 or TNV_OPEN_EXISTED, or an error. With names() held. */
 int FindOrCreate(Cloud& cloud, const tnv_wopen_msg& open, const std::string& path,
                  CloudEntry* entry) {
   const int found = cloud.Status(path, entry);
@@ -83,8 +85,10 @@ void AnswerFile(const FileView& view, int shift, tnv_wopen_resp* answer) {
   answer->wopen_resp_handle = view.handle;
 }
 
-// The part that concerns one file only: without the namespace lock, since it may wait for a fetch
-// or a write-back of that file.
+/*
+ * The part that concerns one file only: without the namespace lock, since it may wait for a fetch
+ * or a write-back of that file.
+ */
 int AttachFile(Session& session, OpenFile& open, bool truncate, CloudEntry* entry, Reply* reply) {
   FileView view;
   if (const int err = open.file->Attach(&open.part, truncate, open.client_pid, &view)) {

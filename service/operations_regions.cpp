@@ -4,7 +4,9 @@
 namespace tarnd {
 namespace {
 
-// The open file that a region request is about: null, and the error in `*err`, when there is none.
+/*
+ * The open file that a region request is about: null, and the error in `*err`, when there is none.
+ */
 std::shared_ptr<OpenFile> FindFile(Session& session, const cfs_id_t& id, Reply* reply, int* err) {
   std::shared_ptr<OpenFile> open = session.service.files.Find(id);
   if (open == nullptr || open->file == nullptr) {

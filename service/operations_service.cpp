@@ -13,7 +13,7 @@ namespace {
 std::string ComputerName() {
   char name[MAX_COMPUTERNAME_LENGTH + 1];
   DWORD size = sizeof name;
-  return GetComputerNameA(name, &size) ? std::string(name, size) : std::string();
+  return GetComputerNameA(name, &size) != 0 ? std::string(name, size) : std::string();
 }
 
 ox_tn_args_t StartArguments(const Service& service) {
@@ -29,7 +29,7 @@ ox_tn_args_t StartArguments(const Service& service) {
 
 }  // namespace
 
-// The share must be there; the client's process is that of the connecting thread.
+/* The share must be there; the client's process is that of the connecting thread. */
 int Connect(Session& session, const Request& request, Reply* reply) {
   const tnv_wconn_msg& connect = request->u.wconn;
   std::string text;

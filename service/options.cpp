@@ -58,7 +58,7 @@ auto FindOption(const Table& table, const std::string& name) {
                       [&](const auto& option) { return name == option.name; });
 }
 
-// One option with the words that follow it.
+/* One option with the words that follow it. */
 bool TakeOption(const std::string& name, const std::string& value, Options* options,
                 std::string* error) {
   if (const auto text = FindOption(kTextOptions, name); text != kTextOptions.end()) {

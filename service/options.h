@@ -1,10 +1,12 @@
-// The service's command line and environment.
-//
-// The command line is the library's: option names of two dashes, each value the next word unless
-// that begins with two dashes, so that an empty value may be left out. Words that follow a value
-// belong to it, joined by one blank, since the library quotes paths only; words before the first
-// option belong to the program's path, which it does not quote either. A quote only groups: a
-// backslash is never an escape, so that a folder may end in one ("C:\work\").
+/*
+ * The service's command line and environment.
+ *
+ * The command line is the library's: option names of two dashes, each value the next word unless
+ * that begins with two dashes, so that an empty value may be left out. Words that follow a value
+ * belong to it, joined by one blank, since the library quotes paths only; words before the first
+ * option belong to the program's path, which it does not quote either. A quote only groups: a
+ * backslash is never an escape, so that a folder may end in one ("C:\work\").
+ */
 #ifndef SERVICE_OPTIONS_H
 #define SERVICE_OPTIONS_H
 
@@ -17,15 +19,15 @@
 
 namespace tarnd {
 
-// All texts are UTF-8.
+/* All texts are UTF-8. */
 struct Options {
   bool help = false;
   bool version = false;
 
-  std::string cfs;  // the cloud's https address, with the domain
+  std::string cfs; /* the cloud's https address, with the domain */
   std::string user;
-  std::string cache;  // the cache directory: required
-  std::string addr;   // the cloud's address: required
+  std::string cache; /* the cache directory: required */
+  std::string addr;  /* the cloud's address: required */
   std::string confaddr;
   std::string tn_devid;
   std::string da_devid;
@@ -39,29 +41,31 @@ struct Options {
   std::string proxy_user;
   std::string proxy_password;
 
-  // From TARND_* environment variables.
+  /* From TARND_* environment variables. */
   int region_shift = 20;
-  uint64_t first_utxid = 0;  // 0: answers carry no transaction id
+  uint64_t first_utxid = 0; /* 0: answers carry no transaction id */
   uint32_t latency_ms = 0;
-  std::set<uint32_t> latency_ops;  // operation codes; empty: all
+  std::set<uint32_t> latency_ops; /* operation codes; empty: all */
   std::string counts_file;
-  int debug_level = -1;  // -1: the library's own
+  int debug_level = -1; /* -1: the library's own */
 };
 
-// The value of an environment variable, if it is set.
+/* The value of an environment variable, if it is set. */
 using Environment = std::function<std::optional<std::string>(const char* name)>;
 
 std::vector<std::string> SplitCommandLine(const std::string& line);
-// Both return false with a text in `*error` that names what is wrong.
+/* Both return false with a text in `*error` that names what is wrong. */
 bool ParseCommandLine(const std::vector<std::string>& words, Options* options, std::string* error);
 bool ParseEnvironment(const Environment& environment, Options* options, std::string* error);
 
-// The socket's path as the library composes it: the directory (and below it the workgroup's) and
-// "<uid>.sock" or "tnvfs.sock".
+/*
+ * The socket's path as the library composes it: the directory (and below it the workgroup's) and
+ * "<uid>.sock" or "tnvfs.sock".
+ */
 std::string SocketFolder(const Options& options);
 std::string SocketPath(const Options& options);
 
-// What --help prints.
+/* What --help prints. */
 std::string HelpText();
 
 }  // namespace tarnd

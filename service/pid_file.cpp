@@ -12,14 +12,15 @@ int PidFile::Take(const std::wstring& cache_folder) {
   }
   OVERLAPPED far_byte = {};
   far_byte.OffsetHigh = 0x40000000;
-  if (!LockFileEx(file.Get(), LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0,
-                  &far_byte)) {
+  if (LockFileEx(file.Get(), LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0,
+                 &far_byte) == 0) {
     return GetLastError() == ERROR_LOCK_VIOLATION ? OX_EBUSY : LastError();
   }
   const std::string text = std::to_string(GetCurrentProcessId());
   DWORD written = 0;
-  if (!SetEndOfFile(file.Get()) ||
-      !WriteFile(file.Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr)) {
+  if ((SetEndOfFile(file.Get()) == 0) ||
+      (WriteFile(file.Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) ==
+       0)) {
     return LastError();
   }
   file_ = std::move(file);

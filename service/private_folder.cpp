@@ -14,27 +14,27 @@ struct LocalFreer {
 template <typename T>
 using LocalPtr = std::unique_ptr<T, LocalFreer>;
 
-// This user's SID as text; empty when it cannot be told.
+/* This user's SID as text; empty when it cannot be told. */
 std::wstring UserSid() {
   HANDLE token = nullptr;
-  if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token)) {
+  if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token) == 0) {
     return {};
   }
   DWORD size = 0;
   GetTokenInformation(token, TokenUser, nullptr, 0, &size);
   std::vector<uint64_t> buffer(size / sizeof(uint64_t) + 1);
-  const bool found = GetTokenInformation(token, TokenUser, buffer.data(), size, &size);
+  const bool found = GetTokenInformation(token, TokenUser, buffer.data(), size, &size) != 0;
   CloseHandle(token);
   wchar_t* text = nullptr;
-  if (!found ||
-      !ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(buffer.data())->User.Sid, &text)) {
+  if (!found || (ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(buffer.data())->User.Sid,
+                                        &text) == 0)) {
     return {};
   }
   const LocalPtr<wchar_t> owner(text);
   return text;
 }
 
-// Full access for this user, inherited by what is made inside, and nothing for anybody else.
+/* Full access for this user, inherited by what is made inside, and nothing for anybody else. */
 LocalPtr<void> UserOnly() {
   const std::wstring sddl = L"D:P(A;OICI;FA;;;" + UserSid() + L")";
   void* descriptor = nullptr;
@@ -65,7 +65,7 @@ DWORD MakePrivateFolder(const std::wstring& path) {
     return GetLastError();
   }
   SECURITY_ATTRIBUTES attributes = {sizeof attributes, descriptor.get(), FALSE};
-  if (CreateDirectoryW(path.c_str(), &attributes) || IsFolder(path)) {
+  if ((CreateDirectoryW(path.c_str(), &attributes) != 0) || IsFolder(path)) {
     return ERROR_SUCCESS;
   }
   return GetLastError();

@@ -1,4 +1,4 @@
-// Folders that only this user may enter.
+/* Folders that only this user may enter. */
 #ifndef SERVICE_PRIVATE_FOLDER_H
 #define SERVICE_PRIVATE_FOLDER_H
 
@@ -8,8 +8,10 @@
 
 namespace tarnd {
 
-// Makes the folder and those above it that are missing, each for this user only. One that is there
-// stays as it is: its owner decided who may enter. 0 or a Windows error.
+/*
+ * Makes the folder and those above it that are missing, each for this user only. One that is there
+ * stays as it is: its owner decided who may enter. 0 or a Windows error.
+ */
 DWORD MakePrivateFolder(const std::wstring& path);
 
 }  // namespace tarnd

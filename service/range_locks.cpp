@@ -7,7 +7,7 @@
 namespace tarnd {
 namespace {
 
-// Ranges that end at or below 2^64: their last bytes are counted, since their ends may not be.
+/* Ranges that end at or below 2^64: their last bytes are counted, since their ends may not be. */
 bool Overlap(uint64_t offset, uint64_t length, uint64_t other_offset, uint64_t other_length) {
   return length != 0 && other_length != 0 && offset <= other_offset + (other_length - 1) &&
          other_offset <= offset + (length - 1);

@@ -5,7 +5,7 @@
 namespace tarnd {
 namespace {
 
-constexpr uint64_t kTicksPerSecond = 10'000'000;  // of a Windows file time
+constexpr uint64_t kTicksPerSecond = 10'000'000; /* of a Windows file time */
 constexpr int64_t kSecondsTo1970 = 11'644'473'600;
 constexpr uint32_t kFolderAttribute = 0x10;
 
@@ -14,7 +14,7 @@ ox_timespec_t TimeOf(uint64_t filetime) {
           static_cast<ox_s32>(filetime % kTicksPerSecond * 100), 0};
 }
 
-// POSIX file types and permissions, as st_mode carries them.
+/* POSIX file types and permissions, as st_mode carries them. */
 uint16_t ModeOf(const CloudEntry& entry) {
   const bool read_only = (entry.attributes & kReadOnlyAttribute) != 0;
   return entry.folder ? 0040755 : read_only ? 0100444 : 0100644;

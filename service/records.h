@@ -1,4 +1,4 @@
-// The cloud's entries as the records of the protocol.
+/* The cloud's entries as the records of the protocol. */
 #ifndef SERVICE_RECORDS_H
 #define SERVICE_RECORDS_H
 
@@ -12,26 +12,26 @@
 
 namespace tarnd {
 
-// CloudEntry::attributes: may not be written or deleted.
+/* CloudEntry::attributes: may not be written or deleted. */
 inline constexpr uint32_t kReadOnlyAttribute = 0x1;
 
-// Fills a fixed text field: cut to its size, the rest zero; a text that fills it has no NUL.
+/* Fills a fixed text field: cut to its size, the rest zero; a text that fills it has no NUL. */
 template <size_t kSize>
 void CopyField(char (&field)[kSize], std::string_view text) {
   std::memset(field, 0, kSize);
   std::memcpy(field, text.data(), std::min(kSize, text.size()));
 }
 
-// The text of a fixed field.
+/* The text of a fixed field. */
 template <size_t kSize>
 std::string_view FieldText(const char (&field)[kSize]) {
   return {field, strnlen(field, kSize)};
 }
 
-// `parent` is null for the cloud's root. `seqno`: how often the cached file was filled.
+/* `parent` is null for the cloud's root. `seqno`: how often the cached file was filled. */
 tnvfso FsoOf(const CloudEntry& entry, const CloudEntry* parent, uint64_t seqno);
 ox_statx_t StatOf(const CloudEntry& entry);
-// False when the name does not fit its field: a cut name would be another file's.
+/* False when the name does not fit its field: a cut name would be another file's. */
 bool InfoOf(const CloudEntry& entry, tnw_fileinfo* info);
 
 }  // namespace tarnd

@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::wstring_view kJournalTail = L".journal";
 
-// The names of the files in a folder.
+/* The names of the files in a folder. */
 std::vector<std::wstring> FilesIn(const std::wstring& folder) {
   std::vector<std::wstring> names;
   WIN32_FIND_DATAW found;
@@ -26,15 +26,15 @@ std::vector<std::wstring> FilesIn(const std::wstring& folder) {
     if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
       names.emplace_back(found.cFileName);
     }
-  } while (FindNextFileW(search, &found));
+  } while (FindNextFileW(search, &found) != 0);
   FindClose(search);
   return names;
 }
 
-// One cache file with its journal. Both may move, so the paths are composed anew.
+/* One cache file with its journal. Both may move, so the paths are composed anew. */
 struct Leftover {
   const CacheEnvironment& env;
-  std::wstring name;  // of the cache file
+  std::wstring name; /* of the cache file */
 
   std::wstring Local() const { return env.folder + L'\\' + name; }
   std::wstring JournalFile() const { return Local() + std::wstring(kJournalTail); }
@@ -60,7 +60,7 @@ struct Leftover {
 
 enum class Outcome { kWrittenBack, kNothingToDo, kKept, kLater };
 
-// Whether the cloud still has what the leftover is based on: 0, OX_EEXIST when it has not.
+/* Whether the cloud still has what the leftover is based on: 0, OX_EEXIST when it has not. */
 int CheckBase(const CacheEnvironment& env, const JournalState& state) {
   CloudEntry entry;
   const int err = env.cloud.Status(state.path, &entry);
@@ -78,11 +78,11 @@ Outcome Recover(const Leftover& leftover) {
     return Outcome::kKept;
   }
   if (GetFileAttributesW(leftover.Local().c_str()) == INVALID_FILE_ATTRIBUTES) {
-    return Outcome::kNothingToDo;  // killed before the cache file was made
+    return Outcome::kNothingToDo; /* killed before the cache file was made */
   }
   CachedFile file(leftover.env, leftover.Local(), leftover.JournalFile(), state);
   if (file.SameAsCloud()) {
-    return Outcome::kNothingToDo;  // killed after the write-back
+    return Outcome::kNothingToDo; /* killed after the write-back */
   }
   int err = CheckBase(leftover.env, state);
   if (err == OX_EEXIST) {

@@ -1,5 +1,7 @@
-// A set of numbers kept as runs: the regions of a file. Memory goes with the number of runs, not
-// with the size of the numbers. Not thread-safe: guarded by its owner.
+/*
+ * A set of numbers kept as runs: the regions of a file. Memory goes with the number of runs, not
+ * with the size of the numbers. Not thread-safe: guarded by its owner.
+ */
 #ifndef SERVICE_REGION_SET_H
 #define SERVICE_REGION_SET_H
 
@@ -8,7 +10,7 @@
 
 namespace tarnd {
 
-// Numbers from `first` up to and without `end`; empty when they are equal.
+/* Numbers from `first` up to and without `end`; empty when they are equal. */
 struct Run {
   uint64_t first = 0;
   uint64_t end = 0;
@@ -24,13 +26,13 @@ class RegionSet {
 
   bool empty() const { return runs_.empty(); }
   bool Contains(Run run) const { return NextMissing(run).empty(); }
-  // The lowest run within `within` of which no number is in the set; an empty one when all are.
+  /* The lowest run within `within` of which no number is in the set; an empty one when all are. */
   Run NextMissing(Run within) const;
-  // The lowest run within `within` of which every number is in the set.
+  /* The lowest run within `within` of which every number is in the set. */
   Run NextPresent(Run within) const;
 
  private:
-  std::map<uint64_t, uint64_t> runs_;  // first to end; never empty, touching or overlapping
+  std::map<uint64_t, uint64_t> runs_; /* first to end; never empty, touching or overlapping */
 };
 
 }  // namespace tarnd

@@ -1,16 +1,18 @@
-// What the local cache file of one file holds, by regions of 2^shift bytes. Arithmetic only: no
-// I/O.
-//
-// The truth about a byte at `offset` is in
-//   - the local file, when its region is present or begins at or past the limit;
-//   - the cloud's content, when its region is not present and offset < limit;
-//   - the local file again (a zero, or written), when its region is not present and offset >=
-//   limit.
-// The limit begins as the size of the cloud's file and only falls, with truncations: what was cut
-// off never comes back from the cloud, and whatever the file grows by later is local from birth.
-// So an append, the gap before it, and a file that was emptied need nothing from the cloud.
-//
-// A dirty region is always present. Not thread-safe: guarded by its CachedFile.
+/*
+ * What the local cache file of one file holds, by regions of 2^shift bytes. Arithmetic only: no
+ * I/O.
+ *
+ * The truth about a byte at `offset` is in
+ *   - the local file, when its region is present or begins at or past the limit;
+ *   - the cloud's content, when its region is not present and offset < limit;
+ *   - the local file again (a zero, or written), when its region is not present and offset >=
+ *   limit.
+ * The limit begins as the size of the cloud's file and only falls, with truncations: what was cut
+ * off never comes back from the cloud, and whatever the file grows by later is local from birth.
+ * So an append, the gap before it, and a file that was emptied need nothing from the cloud.
+ *
+ * A dirty region is always present. Not thread-safe: guarded by its CachedFile.
+ */
 #ifndef SERVICE_REGION_STORE_H
 #define SERVICE_REGION_STORE_H
 
@@ -24,7 +26,7 @@ namespace tarnd {
 
 enum class Source { kLocal, kCloud };
 
-// Bytes from `offset` up to and without `end` that come from one place.
+/* Bytes from `offset` up to and without `end` that come from one place. */
 struct Extent {
   uint64_t offset = 0;
   uint64_t end = 0;
@@ -39,42 +41,44 @@ class RegionStore {
   uint64_t limit() const { return limit_; }
   const RegionSet& dirty() const { return dirty_; }
 
-  // The largest size that a file may have: its regions count in 31 bits, its offsets in 63.
+  /* The largest size that a file may have: its regions count in 31 bits, its offsets in 63. */
   uint64_t MaxFileSize() const;
-  // The regions that a byte range overlaps, cut at the largest file size.
+  /* The regions that a byte range overlaps, cut at the largest file size. */
   Run Regions(uint64_t offset, uint64_t length) const;
-  // Where region `region` begins; the largest file size for those that lie past it.
+  /* Where region `region` begins; the largest file size for those that lie past it. */
   uint64_t Start(uint64_t region) const;
 
-  // Nothing is held; the cloud has `size` bytes.
+  /* Nothing is held; the cloud has `size` bytes. */
   void Fill(uint64_t size);
-  // The file was cut to `size`.
+  /* The file was cut to `size`. */
   void Truncate(uint64_t size);
   void MarkPresent(Run regions) { present_.Add(regions); }
   void MarkDirty(Run regions);
   void ClearDirty() { dirty_.Clear(); }
 
-  // The next regions of `regions` that must be fetched; empty when all are in the local file.
+  /* The next regions of `regions` that must be fetched; empty when all are in the local file. */
   Run NextToFetch(Run regions) const;
-  // The bytes of a region run that the cloud has.
+  /* The bytes of a region run that the cloud has. */
   Extent CloudBytes(Run regions) const;
-  // Where the content comes from at `offset`, for at most up to `size`.
+  /* Where the content comes from at `offset`, for at most up to `size`. */
   Extent At(uint64_t offset, uint64_t size) const;
-  // Whether a content of `size` bytes is all in the local file.
+  /* Whether a content of `size` bytes is all in the local file. */
   bool IsLocal(uint64_t size) const;
 
-  // The length of each map for a file of `size` bytes: with room for the file to double and 512
-  // regions more, so that an ordinary append stays within the map.
+  /*
+   * The length of each map for a file of `size` bytes: with room for the file to double and 512
+   * regions more, so that an ordinary append stays within the map.
+   */
   size_t MapBytes(uint64_t size) const;
-  // Both maps, the cached one first, of `bytes` bytes each.
+  /* Both maps, the cached one first, of `bytes` bytes each. */
   std::vector<uint8_t> Maps(size_t bytes, bool with_dirty) const;
 
  private:
-  uint64_t RegionsUpTo(uint64_t size) const;  // regions of a file of `size` bytes
+  uint64_t RegionsUpTo(uint64_t size) const; /* regions of a file of `size` bytes */
 
   int shift_;
   uint64_t limit_ = 0;
-  RegionSet present_;  // regions below the limit only count; the others are local anyway
+  RegionSet present_; /* regions below the limit only count; the others are local anyway */
   RegionSet dirty_;
 };
 

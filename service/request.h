@@ -1,4 +1,4 @@
-// A request as it arrived, and the answer that grows for it.
+/* A request as it arrived, and the answer that grows for it. */
 #ifndef SERVICE_REQUEST_H
 #define SERVICE_REQUEST_H
 
@@ -12,10 +12,10 @@
 
 namespace tarnd {
 
-// The longest request: two paths of 32767 UTF-16 units in UTF-8, and some room.
+/* The longest request: two paths of 32767 UTF-16 units in UTF-8, and some room. */
 inline constexpr size_t kMaxRequest = TNV_MSG_FIXED + 256 * 1024;
 
-// Whole: hdr_len bytes, between TNV_MSG_FIXED and kMaxRequest.
+/* Whole: hdr_len bytes, between TNV_MSG_FIXED and kMaxRequest. */
 class Request {
  public:
   explicit Request(std::vector<uint64_t>* storage) : storage_(storage) {}
@@ -24,20 +24,22 @@ class Request {
   const tnv_msg& operator*() const { return *msg(); }
   const tnv_msg* operator->() const { return msg(); }
 
-  // The trailing texts, whose lengths without their NULs are given: each must end where it says,
-  // hold no NUL, and all must fill the request. Otherwise false.
+  /*
+   * The trailing texts, whose lengths without their NULs are given: each must end where it says,
+   * hold no NUL, and all must fill the request. Otherwise false.
+   */
   bool Texts(std::initializer_list<int64_t> lengths, std::vector<std::string>* texts) const;
-  // The same for one text.
+  /* The same for one text. */
   bool Text(int64_t length, std::string* text) const;
 
  private:
-  std::vector<uint64_t>* storage_;  // aligned as the records are
+  std::vector<uint64_t>* storage_; /* aligned as the records are */
 };
 
 struct Reply {
   tnv_resp resp = {};
-  std::vector<uint8_t> bulk;  // follows the response
-  std::string target;         // the file that it is about, for the trace
+  std::vector<uint8_t> bulk; /* follows the response */
+  std::string target;        /* the file that it is about, for the trace */
 };
 
 }  // namespace tarnd

@@ -38,7 +38,7 @@ void Service::Recover() { recovered = RecoverCache(environment); }
 void Service::ConnectionEnded(uint64_t connection) {
   for (const uint32_t pid : clients.Leave(connection)) {
     const std::vector<std::shared_ptr<OpenFile>> left = files.OfClient(pid);
-    // First what others may be refused for, since writing back may take its time.
+    /* First what others may be refused for, since writing back may take its time. */
     for (const std::shared_ptr<OpenFile>& open : left) {
       files.CleanUp(*open);
     }

@@ -1,4 +1,4 @@
-// What all connections of the service share.
+/* What all connections of the service share. */
 #ifndef SERVICE_SERVICE_H
 #define SERVICE_SERVICE_H
 
@@ -15,15 +15,15 @@
 
 namespace tarnd {
 
-// The user's token and the proxy. Any thread.
+/* The user's token and the proxy. Any thread. */
 class Credentials {
  public:
   explicit Credentials(const Options& options);
 
-  // The reference cloud takes every token but this one.
+  /* The reference cloud takes every token but this one. */
   static constexpr const char* kExpiredToken = "expired";
 
-  // Both answer whether the token is one that the cloud accepts.
+  /* Both answer whether the token is one that the cloud accepts. */
   bool SetToken(const std::string& token);
   bool Authorised();
 
@@ -35,21 +35,23 @@ class Credentials {
   void SetProxy(Proxy proxy);
 
  private:
-  std::mutex lock_;  // guards the fields
+  std::mutex lock_; /* guards the fields */
   std::string token_;
   Proxy proxy_;
 };
 
-// Fixed after creation, but for what is guarded by its own lock or atomic.
+/* Fixed after creation, but for what is guarded by its own lock or atomic. */
 class Service {
  public:
   Service(const Options& options, std::unique_ptr<Cloud> cloud, std::wstring cache_files);
 
-  // Writes back what a killed service left in the cache directory; call before any client is there.
+  /*
+   * Writes back what a killed service left in the cache directory; call before any client is there.
+   */
   void Recover();
-  // The connection ended; so do the opens of processes that have no other.
+  /* The connection ended; so do the opens of processes that have no other. */
   void ConnectionEnded(uint64_t connection);
-  // Writes back what waits and empties the cache: the number of files that could not be saved.
+  /* Writes back what waits and empties the cache: the number of files that could not be saved. */
   size_t Finish();
 
   const Options options;
@@ -60,8 +62,8 @@ class Service {
   Clients clients;
   Credentials credentials;
   std::atomic<uint64_t> next_utxid;
-  std::atomic<uint32_t> recovered = 0;  // files written back at the start
-  std::atomic<bool> stopping = false;   // no new connections; the others end when idle
+  std::atomic<uint32_t> recovered = 0; /* files written back at the start */
+  std::atomic<bool> stopping = false;  /* no new connections; the others end when idle */
 };
 
 }  // namespace tarnd

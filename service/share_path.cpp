@@ -15,7 +15,7 @@ bool IsForbidden(char c) {
          std::string_view("/\\:*?\"<>|").find(c) != std::string_view::npos;
 }
 
-// The digit of COM1 and LPT1; Windows takes the superscripts of Latin-1 for digits, too.
+/* The digit of COM1 and LPT1; Windows takes the superscripts of Latin-1 for digits, too. */
 bool IsDeviceDigit(std::string_view text) {
   return (text.size() == 1 && text[0] >= '0' && text[0] <= '9') || text == "\u00b9" ||
          text == "\u00b2" || text == "\u00b3";
@@ -34,7 +34,7 @@ bool IsDevice(std::string_view name) {
   return (upper.starts_with("COM") || upper.starts_with("LPT")) && IsDeviceDigit(name.substr(3));
 }
 
-// Appends the names of `path` to `names`, which never gets shorter than `floor`.
+/* Appends the names of `path` to `names`, which never gets shorter than `floor`. */
 int AppendNames(std::string_view path, size_t floor, std::vector<std::string_view>* names) {
   while (!path.empty()) {
     const size_t length = std::min(path.find_first_of("/\\"), path.size());

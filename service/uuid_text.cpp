@@ -1,7 +1,7 @@
 #include "uuid_text.h"
 
 #include <windows.h>
-// after windows.h
+/* after windows.h */
 #include <rpc.h>
 
 #include <cstring>

@@ -1,4 +1,4 @@
-// Identifiers as text.
+/* Identifiers as text. */
 #ifndef SERVICE_UUID_TEXT_H
 #define SERVICE_UUID_TEXT_H
 
@@ -8,9 +8,9 @@
 
 namespace tarnd {
 
-// 36 lower-case characters.
+/* 36 lower-case characters. */
 std::string TextOfId(const cfs_id_t& id);
-// False when the text is no UUID.
+/* False when the text is no UUID. */
 bool IdOfText(const std::string& text, cfs_id_t* id);
 cfs_id_t NewId();
 

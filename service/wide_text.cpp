@@ -10,7 +10,7 @@ bool WideFromUtf8(std::string_view text, std::wstring* out) {
     return true;
   }
   const int bytes = static_cast<int>(text.size());
-  out->resize(text.size());  // never more units than bytes
+  out->resize(text.size()); /* never more units than bytes */
   const int units =
       MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(), bytes, out->data(), bytes);
   out->resize(static_cast<size_t>(units));
@@ -23,7 +23,7 @@ bool Utf8FromWide(std::wstring_view text, std::string* out) {
     return true;
   }
   const int units = static_cast<int>(text.size());
-  out->resize(text.size() * 3);  // a unit takes up to three bytes, a pair of them four
+  out->resize(text.size() * 3); /* a unit takes up to three bytes, a pair of them four */
   const int bytes = WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, text.data(), units,
                                         out->data(), units * 3, nullptr, nullptr);
   out->resize(static_cast<size_t>(bytes));

@@ -1,4 +1,4 @@
-// Between UTF-8, which our own code and the protocol speak, and the UTF-16 of Windows calls.
+/* Between UTF-8, which our own code and the protocol speak, and the UTF-16 of Windows calls. */
 #ifndef SERVICE_WIDE_TEXT_H
 #define SERVICE_WIDE_TEXT_H
 
@@ -7,8 +7,10 @@
 
 namespace tarnd {
 
-// False when the text is not well-formed (overlong, cut or surrogate bytes; a lone surrogate):
-// such a name has no counterpart on the other side, and a replaced character would be another name.
+/*
+ * False when the text is not well-formed (overlong, cut or surrogate bytes; a lone surrogate):
+ * such a name has no counterpart on the other side, and a replaced character would be another name.
+ */
 bool WideFromUtf8(std::string_view text, std::wstring* out);
 bool Utf8FromWide(std::wstring_view text, std::string* out);
 

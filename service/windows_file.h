@@ -1,5 +1,7 @@
-// Windows file handles with an owner, and the Windows errors of file calls as the error numbers
-// that travel.
+/*
+ * Windows file handles with an owner, and the Windows errors of file calls as the error numbers
+ * that travel.
+ */
 #ifndef SERVICE_WINDOWS_FILE_H
 #define SERVICE_WINDOWS_FILE_H
 
@@ -10,7 +12,7 @@
 
 namespace tarnd {
 
-// Owns a handle of CreateFileW.
+/* Owns a handle of CreateFileW. */
 class FileHandle {
  public:
   FileHandle() = default;
@@ -39,9 +41,9 @@ inline constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHA
 
 inline uint64_t Join(DWORD high, DWORD low) { return (static_cast<uint64_t>(high) << 32) | low; }
 
-// Access denied travels as EPERM, since EACCES reaches the desktop as a sharing violation.
+/* Access denied travels as EPERM, since EACCES reaches the desktop as a sharing violation. */
 int ErrnoOfWindows(DWORD code);
-// The same of the thread's last error.
+/* The same of the thread's last error. */
 int LastError();
 
 }  // namespace tarnd

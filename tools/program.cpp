@@ -9,8 +9,8 @@
 namespace tools {
 
 std::optional<ExitStatus> ParseCommandLine(CLI::App* app, std::vector<std::string> words) {
-  app->allow_windows_style_options(false);   // "/docs" is a path
-  std::reverse(words.begin(), words.end());  // as the parser takes them
+  app->allow_windows_style_options(false);  /* "/docs" is a path */
+  std::reverse(words.begin(), words.end()); /* as the parser takes them */
   try {
     app->parse(words);
   } catch (const CLI::CallForHelp&) {

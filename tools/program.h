@@ -1,4 +1,4 @@
-// What the programs of this folder do alike: the command line, the exit status, the last word.
+/* What the programs of this folder do alike: the command line, the exit status, the last word. */
 #ifndef TOOLS_PROGRAM_H
 #define TOOLS_PROGRAM_H
 
@@ -15,12 +15,16 @@ namespace tools {
 
 enum ExitStatus { kSuccess = 0, kFailed = 1, kUsage = 2 };
 
-// Reads the command line's words into the options that `app` declares. A status is what the program
-// is to end with at once: it was asked for help, or the words make no sense, which is told.
+/*
+ * Reads the command line's words into the options that `app` declares. A status is what the program
+ * is to end with at once: it was asked for help, or the words make no sense, which is told.
+ */
 std::optional<ExitStatus> ParseCommandLine(CLI::App* app, std::vector<std::string> words);
 
-// What main returns: the status of `run`, or kFailed after telling what it threw, or that not all
-// of the standard output could be written.
+/*
+ * What main returns: the status of `run`, or kFailed after telling what it threw, or that not all
+ * of the standard output could be written.
+ */
 int RunProgram(const char* name, const std::function<ExitStatus()>& run);
 
 }  // namespace tools

@@ -3,7 +3,9 @@
 
 int main() {
   WSADATA data;
-  if (const int error = WSAStartup(MAKEWORD(2, 2), &data)) return error;
+  if (const int error = WSAStartup(MAKEWORD(2, 2), &data)) {
+    return error;
+  }
   const SOCKET s = socket(AF_UNIX, SOCK_STREAM, 0);
   const int error = s == INVALID_SOCKET ? WSAGetLastError() : 0;
   WSACleanup();

@@ -34,7 +34,9 @@ class Socket {
   operator SOCKET() const { return s_; }
   SOCKET release() { return std::exchange(s_, INVALID_SOCKET); }
   void close() {
-    if (s_ != INVALID_SOCKET) closesocket(release());
+    if (s_ != INVALID_SOCKET) {
+      closesocket(release());
+    }
   }
 
  private:
@@ -46,8 +48,9 @@ int call_with(decltype(&connect) call, SOCKET s, const std::string& path) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   memcpy(address.sun_path, path.data(), path.size());
-  return call(s, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) ? WSAGetLastError()
-                                                                               : 0;
+  return call(s, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0
+             ? WSAGetLastError()
+             : 0;
 }
 int bind_to(SOCKET s, const std::string& path) { return call_with(bind, s, path); }
 int connect_to(SOCKET s, const std::string& path) { return call_with(connect, s, path); }
@@ -79,7 +82,7 @@ int poll_one(SOCKET s, SHORT events, int timeout = 5000) {
 int poll_until(SOCKET s, SHORT events, int event) {
   const ULONGLONG deadline = GetTickCount64() + 5000;
   int got = poll_one(s, events);
-  while (!(got & event) && GetTickCount64() < deadline) {
+  while (((got & event) == 0) && GetTickCount64() < deadline) {
     Sleep(1);
     got = poll_one(s, events);
   }
@@ -96,7 +99,9 @@ std::string receive(SOCKET s, size_t size) {
   size_t done = 0;
   while (done < size) {
     const int n = recv(s, text.data() + done, static_cast<int>(size - done), 0);
-    if (n <= 0) break;
+    if (n <= 0) {
+      break;
+    }
     done += static_cast<size_t>(n);
   }
   text.resize(done);
@@ -189,7 +194,9 @@ sockaddr_in port_behind(const std::string& path) {
 TEST_F(AfUnix, AStrangerOnThePortIsNotAccepted) {
   const Socket service = listener(path_);
   const sockaddr_in port = port_behind(path_);
-  if (!port.sin_port) GTEST_SKIP() << "this Wine has AF_UNIX sockets of its own";
+  if (port.sin_port == 0) {
+    GTEST_SKIP() << "this Wine has AF_UNIX sockets of its own";
+  }
   for (const std::string& text : {std::string(), std::string(32, 'a')}) {
     const Socket stranger(socket(AF_INET, SOCK_STREAM, 0));
     ASSERT_EQ(connect(stranger, reinterpret_cast<const sockaddr*>(&port), sizeof(port)), 0);
@@ -205,7 +212,9 @@ TEST_F(AfUnix, AStrangerOnThePortIsNotAccepted) {
 TEST_F(AfUnix, ADeadFileIsRefusedThoughItsPortHasANewOwner) {
   listener(path_).close();
   const sockaddr_in port = port_behind(path_);
-  if (!port.sin_port) GTEST_SKIP() << "this Wine has AF_UNIX sockets of its own";
+  if (port.sin_port == 0) {
+    GTEST_SKIP() << "this Wine has AF_UNIX sockets of its own";
+  }
   const Socket owner(socket(AF_INET, SOCK_STREAM, 0));
   ASSERT_EQ(bind(owner, reinterpret_cast<const sockaddr*>(&port), sizeof(port)), 0);
   ASSERT_EQ(listen(owner, 5), 0);
@@ -272,9 +281,13 @@ TEST_F(AfUnix, ClosingTheListenerEndsABlockedAccept) {
   std::atomic<int> error = -1;
   std::thread blocked([&error, s = static_cast<SOCKET>(service)] {
     error = 0;
-    if (accept(s, nullptr, nullptr) == INVALID_SOCKET) error = WSAGetLastError();
+    if (accept(s, nullptr, nullptr) == INVALID_SOCKET) {
+      error = WSAGetLastError();
+    }
   });
-  while (error < 0) Sleep(1);
+  while (error < 0) {
+    Sleep(1);
+  }
   Sleep(50); /* most likely within accept; an error is right before it, too */
   service.close();
   blocked.join();
@@ -285,8 +298,9 @@ TEST_F(AfUnix, AHandleUsedAgainIsASocketOfItsNewFamily) {
   const SOCKET old = listener(path_).release();
   CloseHandle(reinterpret_cast<HANDLE>(old)); /* unseen by ws2_32.dll */
   std::vector<Socket> sockets;
-  while (sockets.empty() || (sockets.back() != old && sockets.size() < 100))
+  while (sockets.empty() || (sockets.back() != old && sockets.size() < 100)) {
     sockets.emplace_back(socket(AF_INET, SOCK_STREAM, 0));
+  }
   ASSERT_EQ(static_cast<SOCKET>(sockets.back()), old);
   sockaddr_in any = {};
   any.sin_family = AF_INET;
@@ -303,8 +317,9 @@ TEST_F(AfUnix, OtherSocketsAndCallsAreTheSystems) {
 
 /* Sends back what it receives, `size` bytes at a time. */
 void echo(Socket s, size_t size) {
-  for (std::string text = receive(s, size); text.size() == size; text = receive(s, size))
+  for (std::string text = receive(s, size); text.size() == size; text = receive(s, size)) {
     send_text(s, text);
+  }
 }
 
 TEST_F(AfUnix, ManyThreadsHaveManyConnectionsAtOnce) {
@@ -312,19 +327,31 @@ TEST_F(AfUnix, ManyThreadsHaveManyConnectionsAtOnce) {
   const Socket service = listener(path_);
   std::vector<std::thread> threads;
   std::atomic<size_t> right = 0;
-  for (size_t t = 0; t < kThreads; t++)
+  for (size_t t = 0; t < kThreads; t++) {
     threads.emplace_back([&, t] {
       std::vector<Socket> clients(kConnections);
       const auto text = [&](size_t i) { return std::string(kSize, static_cast<char>(16 * t + i)); };
-      for (const Socket& client : clients) EXPECT_EQ(connect_to(client, path_), 0);
-      for (size_t i = 0; i < kConnections; i++) send_text(clients[i], text(i));
-      for (size_t i = 0; i < kConnections; i++) right += receive(clients[i], kSize) == text(i);
+      for (const Socket& client : clients) {
+        EXPECT_EQ(connect_to(client, path_), 0);
+      }
+      for (size_t i = 0; i < kConnections; i++) {
+        send_text(clients[i], text(i));
+      }
+      for (size_t i = 0; i < kConnections; i++) {
+        right += static_cast<__int_type>(receive(clients[i], kSize) == text(i));
+      }
     });
+  }
   std::vector<std::thread> echoes;
-  for (size_t i = 0; i < kThreads * kConnections; i++)
+  for (size_t i = 0; i < kThreads * kConnections; i++) {
     echoes.emplace_back(echo, Socket(accept(service, nullptr, nullptr)), kSize);
-  for (std::thread& thread : threads) thread.join();
-  for (std::thread& thread : echoes) thread.join();
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  for (std::thread& thread : echoes) {
+    thread.join();
+  }
   EXPECT_EQ(right, kThreads * kConnections);
 }
 
@@ -398,8 +425,12 @@ TEST_F(AfUnix, AKilledServiceHangsUpAndRefuses) {
 
 int main(int argc, char** argv) {
   WSADATA data;
-  if (WSAStartup(MAKEWORD(2, 2), &data)) return 1;
-  if (argc == 4 && !strcmp(argv[1], "--serve")) return serve(argv[2], argv[3]);
+  if (WSAStartup(MAKEWORD(2, 2), &data) != 0) {
+    return 1;
+  }
+  if (argc == 4 && strcmp(argv[1], "--serve") == 0) {
+    return serve(argv[2], argv[3]);
+  }
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

@@ -1,9 +1,9 @@
 #define _CRT_RAND_S
 #include "socket_file.h"
 
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 namespace {
 
@@ -30,7 +30,9 @@ std::string new_secret() {
   while (secret.size() < kSecretLength) {
     unsigned value = 0;
     char text[9];
-    if (rand_s(&value)) return {};
+    if (rand_s(&value) != 0) {
+      return {};
+    }
     snprintf(text, sizeof(text), "%08x", value);
     secret += text;
   }
@@ -40,14 +42,18 @@ std::string new_secret() {
 int write_socket_file(const char* path, const SocketFile& file) {
   HANDLE h = CreateFileA(path, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
                          CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (h == INVALID_HANDLE_VALUE) return bind_error(GetLastError());
+  if (h == INVALID_HANDLE_VALUE) {
+    return bind_error(GetLastError());
+  }
   char text[100];
   const int length = snprintf(text, sizeof(text), "af_unix 1 port %hu secret %s\n", file.port,
                               file.secret.c_str());
   DWORD written = 0;
   const BOOL done = WriteFile(h, text, static_cast<DWORD>(length), &written, nullptr);
   CloseHandle(h);
-  if (done) return 0;
+  if (done != 0) {
+    return 0;
+  }
   DeleteFileA(path);
   return WSAENOBUFS;
 }
@@ -55,15 +61,18 @@ int write_socket_file(const char* path, const SocketFile& file) {
 std::optional<SocketFile> read_socket_file(const char* path) {
   HANDLE h = CreateFileA(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                          nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (h == INVALID_HANDLE_VALUE) return {};
+  if (h == INVALID_HANDLE_VALUE) {
+    return {};
+  }
   char text[100] = {};
   DWORD length = 0;
   const BOOL done = ReadFile(h, text, sizeof(text) - 1, &length, nullptr);
   CloseHandle(h);
   USHORT port = 0;
   char secret[kSecretLength + 1] = {};
-  if (!done || sscanf(text, kFormat, &port, secret) != 2 || strlen(secret) != kSecretLength)
+  if (done == 0 || sscanf(text, kFormat, &port, secret) != 2 || strlen(secret) != kSecretLength) {
     return {};
+  }
   return SocketFile{port, secret};
 }
 
@@ -73,6 +82,8 @@ HANDLE raise_sign(const std::string& secret) {
 
 bool sign_stands(const std::string& secret) {
   HANDLE sign = OpenEventA(SYNCHRONIZE, FALSE, sign_name(secret).c_str());
-  if (sign) CloseHandle(sign);
+  if (sign != nullptr) {
+    CloseHandle(sign);
+  }
   return sign != nullptr;
 }

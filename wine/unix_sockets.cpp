@@ -1,7 +1,7 @@
 #include "unix_sockets.h"
 
-#include <stddef.h>
-#include <string.h>
+#include <cstddef>
+#include <cstring>
 
 #include <string>
 #include <unordered_map>
@@ -35,7 +35,9 @@ template <typename Change>
 void change(SOCKET s, Change&& apply) {
   AcquireSRWLockExclusive(&table_lock);
   const auto found = table.find(s);
-  if (found != table.end()) apply(found->second);
+  if (found != table.end()) {
+    apply(found->second);
+  }
   ReleaseSRWLockExclusive(&table_lock);
 }
 
@@ -55,9 +57,12 @@ sockaddr_in loopback(USHORT port) {
 int bind_loopback(SOCKET s, USHORT* port) {
   sockaddr_in address = loopback(0);
   int length = sizeof(address);
-  if (system_ws2.bind(s, reinterpret_cast<sockaddr*>(&address), length)) return SOCKET_ERROR;
-  if (system_ws2.getsockname(s, reinterpret_cast<sockaddr*>(&address), &length))
+  if (system_ws2.bind(s, reinterpret_cast<sockaddr*>(&address), length) != 0) {
     return SOCKET_ERROR;
+  }
+  if (system_ws2.getsockname(s, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    return SOCKET_ERROR;
+  }
   *port = address.sin_port;
   return 0;
 }
@@ -65,12 +70,18 @@ int bind_loopback(SOCKET s, USHORT* port) {
 /* The path of an AF_UNIX address: 0 or an error. Abstract (unnamed) addresses are refused. */
 int path_of(const sockaddr* address, int length, std::string* path) {
   constexpr int offset = offsetof(sockaddr_un, sun_path);
-  if (!address || length < static_cast<int>(sizeof(address->sa_family))) return WSAEFAULT;
-  if (address->sa_family != AF_UNIX) return WSAEAFNOSUPPORT;
+  if (address == nullptr || length < static_cast<int>(sizeof(address->sa_family))) {
+    return WSAEFAULT;
+  }
+  if (address->sa_family != AF_UNIX) {
+    return WSAEAFNOSUPPORT;
+  }
   const char* text = reinterpret_cast<const sockaddr_un*>(address)->sun_path;
   const size_t room = length > offset ? static_cast<size_t>(length - offset) : 0;
   const size_t used = strnlen(text, room < UNIX_PATH_MAX ? room : UNIX_PATH_MAX);
-  if (used == 0 || used == UNIX_PATH_MAX) return WSAEINVAL;
+  if (used == 0 || used == UNIX_PATH_MAX) {
+    return WSAEINVAL;
+  }
   path->assign(text, used);
   return 0;
 }
@@ -78,7 +89,9 @@ int path_of(const sockaddr* address, int length, std::string* path) {
 int give_name(const std::string& path, sockaddr* address, int* length) {
   sockaddr_un name = {};
   name.sun_family = AF_UNIX;
-  if (!address || !length || *length < static_cast<int>(sizeof(name))) return fail(WSAEFAULT);
+  if (address == nullptr || length == nullptr || *length < static_cast<int>(sizeof(name))) {
+    return fail(WSAEFAULT);
+  }
   memcpy(name.sun_path, path.c_str(), path.size() + 1);
   memcpy(address, &name, sizeof(name));
   *length = sizeof(name);
@@ -94,14 +107,19 @@ bool wait_ready(SOCKET s, SHORT events, ULONGLONG deadline) {
 /* A TCP connect that is over when it returns, for a non-blocking socket as well. */
 int connect_loopback(SOCKET s, USHORT port) {
   const sockaddr_in address = loopback(port);
-  if (!system_ws2.connect(s, reinterpret_cast<const sockaddr*>(&address), sizeof(address)))
+  if (system_ws2.connect(s, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
     return 0;
-  if (GetLastError() != WSAEWOULDBLOCK) return SOCKET_ERROR;
-  if (!wait_ready(s, POLLWRNORM, GetTickCount64() + kHandshakeTimeout)) return fail(WSAETIMEDOUT);
+  }
+  if (GetLastError() != WSAEWOULDBLOCK) {
+    return SOCKET_ERROR;
+  }
+  if (!wait_ready(s, POLLWRNORM, GetTickCount64() + kHandshakeTimeout)) {
+    return fail(WSAETIMEDOUT);
+  }
   int error = 0;
   int length = sizeof(error);
   system_ws2.getsockopt(s, SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&error), &length);
-  return error ? fail(error) : 0;
+  return error != 0 ? fail(error) : 0;
 }
 
 /* Takes the first bytes of a connection and compares them. */
@@ -110,9 +128,13 @@ bool presents(SOCKET s, const std::string& secret) {
   std::string got;
   while (got.size() < kSecretLength) {
     char bytes[kSecretLength];
-    if (!wait_ready(s, POLLRDNORM, deadline)) return false;
+    if (!wait_ready(s, POLLRDNORM, deadline)) {
+      return false;
+    }
     const int n = system_ws2.recv(s, bytes, static_cast<int>(kSecretLength - got.size()), 0);
-    if (n <= 0) return false;
+    if (n <= 0) {
+      return false;
+    }
     got.append(bytes, static_cast<size_t>(n));
   }
   return got == secret;
@@ -128,7 +150,9 @@ bool is_unix(SOCKET s) {
 }
 
 SOCKET adopt_unix(SOCKET s) {
-  if (s == INVALID_SOCKET) return s;
+  if (s == INVALID_SOCKET) {
+    return s;
+  }
   const BOOL on = TRUE;
   system_ws2.setsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on),
                         sizeof(on));
@@ -148,16 +172,26 @@ void forget_unix(SOCKET s) {
     table.erase(found);
   }
   ReleaseSRWLockExclusive(&table_lock);
-  if (sign) CloseHandle(sign);
+  if (sign != nullptr) {
+    CloseHandle(sign);
+  }
 }
 
 int bind_unix(SOCKET s, const sockaddr* address, int length) {
   std::string path;
   SocketFile file = {0, new_secret()};
-  if (const int error = path_of(address, length, &path)) return fail(error);
-  if (file.secret.empty()) return fail(WSAENOBUFS);
-  if (bind_loopback(s, &file.port)) return SOCKET_ERROR;
-  if (const int error = write_socket_file(path.c_str(), file)) return fail(error);
+  if (const int error = path_of(address, length, &path)) {
+    return fail(error);
+  }
+  if (file.secret.empty()) {
+    return fail(WSAENOBUFS);
+  }
+  if (bind_loopback(s, &file.port) != 0) {
+    return SOCKET_ERROR;
+  }
+  if (const int error = write_socket_file(path.c_str(), file)) {
+    return fail(error);
+  }
   change(s, [&](UnixSocket& bound) {
     bound.own_path = path;
     bound.secret = file.secret;
@@ -171,23 +205,38 @@ int bind_unix(SOCKET s, const sockaddr* address, int length) {
  */
 int listen_unix(SOCKET s) {
   const UnixSocket bound = lookup(s);
-  if (bound.secret.empty()) return fail(WSAEINVAL);
-  if (system_ws2.listen(s, SOMAXCONN)) return SOCKET_ERROR;
-  if (bound.sign) return 0;
+  if (bound.secret.empty()) {
+    return fail(WSAEINVAL);
+  }
+  if (system_ws2.listen(s, SOMAXCONN) != 0) {
+    return SOCKET_ERROR;
+  }
+  if (bound.sign != nullptr) {
+    return 0;
+  }
   HANDLE sign = raise_sign(bound.secret);
-  if (!sign) return fail(WSAENOBUFS);
+  if (sign == nullptr) {
+    return fail(WSAENOBUFS);
+  }
   change(s, [&](UnixSocket& listening) { listening.sign = sign; });
   return 0;
 }
 
 int connect_unix(SOCKET s, const sockaddr* address, int length) {
   std::string path;
-  if (const int error = path_of(address, length, &path)) return fail(error);
+  if (const int error = path_of(address, length, &path)) {
+    return fail(error);
+  }
   const std::optional<SocketFile> file = read_socket_file(path.c_str());
-  if (!file || !sign_stands(file->secret)) return fail(WSAECONNREFUSED);
-  if (connect_loopback(s, file->port)) return SOCKET_ERROR;
-  if (system_ws2.send(s, file->secret.data(), kSecretLength, 0) != kSecretLength)
+  if (!file || !sign_stands(file->secret)) {
     return fail(WSAECONNREFUSED);
+  }
+  if (connect_loopback(s, file->port) != 0) {
+    return SOCKET_ERROR;
+  }
+  if (system_ws2.send(s, file->secret.data(), kSecretLength, 0) != kSecretLength) {
+    return fail(WSAECONNREFUSED);
+  }
   change(s, [&](UnixSocket& connected) { connected.peer_path = path; });
   return 0;
 }
@@ -198,11 +247,15 @@ SOCKET accept_unix(SOCKET s, sockaddr* address, int* length) {
     const SOCKET accepted = system_ws2.accept(s, nullptr, nullptr);
     if (accepted == INVALID_SOCKET) {
       /* Wine's code for an accept that the closing of its socket ended. */
-      if (GetLastError() == WSA_OPERATION_ABORTED) SetLastError(WSAEINTR);
+      if (GetLastError() == WSA_OPERATION_ABORTED) {
+        SetLastError(WSAEINTR);
+      }
       return accepted;
     }
     if (presents(accepted, listening.secret)) {
-      if (address) give_name({}, address, length);
+      if (address != nullptr) {
+        give_name({}, address, length);
+      }
       return adopt_unix(accepted);
     }
     system_ws2.closesocket(accepted);
@@ -219,7 +272,10 @@ int peer_name_unix(SOCKET s, sockaddr* address, int* length) {
 
 void mend_poll_unix(WSAPOLLFD& polled) {
   char byte;
-  if (!(polled.revents & POLLHUP) || !(polled.events & ~polled.revents & POLLRDNORM)) return;
-  if (is_unix(polled.fd) && system_ws2.recv(polled.fd, &byte, 1, MSG_PEEK) == 1)
+  if (((polled.revents & POLLHUP) == 0) || ((polled.events & ~polled.revents & POLLRDNORM) == 0)) {
+    return;
+  }
+  if (is_unix(polled.fd) && system_ws2.recv(polled.fd, &byte, 1, MSG_PEEK) == 1) {
     polled.revents = static_cast<SHORT>(polled.revents | POLLRDNORM);
+  }
 }

@@ -22,7 +22,9 @@ INT_PTR missing() {
 
 HMODULE load_system_ws2() {
   WCHAR path[MAX_PATH] = {};
-  if (!GetSystemDirectoryW(path, MAX_PATH - 12)) return nullptr;
+  if (GetSystemDirectoryW(path, MAX_PATH - 12) == 0) {
+    return nullptr;
+  }
   return LoadLibraryW(lstrcatW(path, L"\\ws2_32.dll"));
 }
 
@@ -47,12 +49,13 @@ bool fill_system(HMODULE m) {
 
 /* A stream socket without a protocol of its own: what AF_UNIX has. */
 bool refused(int type, int protocol) {
-  if (type != SOCK_STREAM)
+  if (type != SOCK_STREAM) {
     SetLastError(WSAESOCKTNOSUPPORT);
-  else if (protocol)
+  } else if (protocol != 0) {
     SetLastError(WSAEPROTONOSUPPORT);
-  else
+  } else {
     return false;
+  }
   return true;
 }
 
@@ -71,38 +74,54 @@ extern Slot slots_end[];
 static void fill_slots(HMODULE module) {
   for (Slot* slot = slots_begin; slot != slots_end; slot++) {
     slot->address = GetProcAddress(module, slot->name);
-    if (!slot->address) slot->address = missing;
+    if (slot->address == nullptr) {
+      slot->address = missing;
+    }
   }
 }
 
 BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, void*) {
-  if (reason != DLL_PROCESS_ATTACH) return TRUE;
+  if (reason != DLL_PROCESS_ATTACH) {
+    return TRUE;
+  }
   DisableThreadLibraryCalls(instance);
   HMODULE module = load_system_ws2();
-  if (!module || module == instance || !fill_system(module)) return FALSE;
+  if (module == nullptr || module == instance || !fill_system(module)) {
+    return FALSE;
+  }
   fill_slots(module);
   return TRUE;
 }
 
 SOCKET WSAAPI shim_socket(int family, int type, int protocol) {
-  if (family != AF_UNIX) return not_unix(system_ws2.socket(family, type, protocol));
-  if (refused(type, protocol)) return INVALID_SOCKET;
+  if (family != AF_UNIX) {
+    return not_unix(system_ws2.socket(family, type, protocol));
+  }
+  if (refused(type, protocol)) {
+    return INVALID_SOCKET;
+  }
   return adopt_unix(system_ws2.socket(AF_INET, type, IPPROTO_TCP));
 }
 
 SOCKET WSAAPI shim_WSASocketA(int family, int type, int protocol, LPWSAPROTOCOL_INFOA info,
                               GROUP group, DWORD flags) {
-  if (family != AF_UNIX)
+  if (family != AF_UNIX) {
     return not_unix(system_ws2.WSASocketA(family, type, protocol, info, group, flags));
-  if (refused(type, protocol)) return INVALID_SOCKET;
+  }
+  if (refused(type, protocol)) {
+    return INVALID_SOCKET;
+  }
   return adopt_unix(system_ws2.WSASocketA(AF_INET, type, IPPROTO_TCP, nullptr, group, flags));
 }
 
 SOCKET WSAAPI shim_WSASocketW(int family, int type, int protocol, LPWSAPROTOCOL_INFOW info,
                               GROUP group, DWORD flags) {
-  if (family != AF_UNIX)
+  if (family != AF_UNIX) {
     return not_unix(system_ws2.WSASocketW(family, type, protocol, info, group, flags));
-  if (refused(type, protocol)) return INVALID_SOCKET;
+  }
+  if (refused(type, protocol)) {
+    return INVALID_SOCKET;
+  }
   return adopt_unix(system_ws2.WSASocketW(AF_INET, type, IPPROTO_TCP, nullptr, group, flags));
 }
 
@@ -120,19 +139,25 @@ int WSAAPI shim_connect(SOCKET s, const sockaddr* address, int length) {
 
 int WSAAPI shim_WSAConnect(SOCKET s, const sockaddr* address, int length, LPWSABUF caller,
                            LPWSABUF callee, LPQOS sqos, LPQOS gqos) {
-  if (is_unix(s)) return connect_unix(s, address, length);
+  if (is_unix(s)) {
+    return connect_unix(s, address, length);
+  }
   return system_ws2.WSAConnect(s, address, length, caller, callee, sqos, gqos);
 }
 
 SOCKET WSAAPI shim_accept(SOCKET s, sockaddr* address, int* length) {
-  if (is_unix(s)) return accept_unix(s, address, length);
+  if (is_unix(s)) {
+    return accept_unix(s, address, length);
+  }
   return not_unix(system_ws2.accept(s, address, length));
 }
 
 /* A condition function is not asked: a local socket has no caller data that it could judge. */
 SOCKET WSAAPI shim_WSAAccept(SOCKET s, sockaddr* address, LPINT length, LPCONDITIONPROC condition,
                              DWORD_PTR data) {
-  if (is_unix(s)) return accept_unix(s, address, length);
+  if (is_unix(s)) {
+    return accept_unix(s, address, length);
+  }
   return not_unix(system_ws2.WSAAccept(s, address, length, condition, data));
 }
 
@@ -153,8 +178,10 @@ int WSAAPI shim_getpeername(SOCKET s, sockaddr* address, int* length) {
 
 int WSAAPI shim_WSAPoll(LPWSAPOLLFD polled, ULONG count, INT timeout) {
   const int ready = system_ws2.WSAPoll(polled, count, timeout);
-  for (ULONG i = 0; ready > 0 && i < count; i++) mend_poll_unix(polled[i]);
+  for (ULONG i = 0; ready > 0 && i < count; i++) {
+    mend_poll_unix(polled[i]);
+  }
   return ready;
 }
 
-}  // extern "C"
+} /* extern "C" */

@@ -1,5 +1,7 @@
-// Every call of the client with handles that are none, texts that fill their fields, and numbers at
-// the edge. Buffers end where their page does: a byte read or written past one ends the test.
+/*
+ * Every call of the client with handles that are none, texts that fill their fields, and numbers at
+ * the edge. Buffers end where their page does: a byte read or written past one ends the test.
+ */
 
 #include <gtest/gtest.h>
 #include <windows.h>
@@ -20,7 +22,7 @@ constexpr int INVALID = 13; /* what EINVAL becomes */
 constexpr int BAD_HANDLE = 6;
 constexpr int BAD_PARAMETER = 87;
 
-// Bytes with an unmapped page right behind them.
+/* Bytes with an unmapped page right behind them. */
 class AtPageEnd {
  public:
   explicit AtPageEnd(const void* bytes, size_t size) {
@@ -42,12 +44,12 @@ class AtPageEnd {
   char* pages_;
 };
 
-// A text of that many characters, with its NUL at the end of the page.
+/* A text of that many characters, with its NUL at the end of the page. */
 AtPageEnd text_of(size_t length) { return AtPageEnd(std::string(length, 'n') + '\0'); }
-// The same without the NUL: it fills a field of that size.
+/* The same without the NUL: it fills a field of that size. */
 AtPageEnd full_field(size_t size) { return AtPageEnd(std::string(size, 'f')); }
 
-// A call on a handle of its kind, with arguments that are good otherwise.
+/* A call on a handle of its kind, with arguments that are good otherwise. */
 struct HandleCall {
   const char* name;
   std::function<int(void* handle)> call;
@@ -59,7 +61,7 @@ class BadInput : public testing::Test {
  protected:
   void SetUp() override { ASSERT_NE(drive.start(), nullptr); }
 
-  // A file whose local one has ten bytes, without maps.
+  /* A file whose local one has ten bytes, without maps. */
   void* open() {
     tnv_wopen_resp answer = open_answer();
     answer.wopen_resp_handle = local_file(drive.folder / "local", "0123456789");
@@ -151,8 +153,9 @@ TEST_F(BadInput, HandlesThatAreNoneAreRefusedWithoutARequest) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(c.call(nullptr), c.for_null);
     for (void* handle :
-         {wild, unmapped, static_cast<void*>(&on_stack), second, file, listing, moved(first, 8)})
+         {wild, unmapped, static_cast<void*>(&on_stack), second, file, listing, moved(first, 8)}) {
       EXPECT_EQ(c.call(handle), c.for_unknown) << handle;
+    }
   }
   info.fi_size = 5;
   for (const HandleCall& c : file_calls) {
@@ -160,8 +163,9 @@ TEST_F(BadInput, HandlesThatAreNoneAreRefusedWithoutARequest) {
     EXPECT_EQ(c.call(nullptr), c.for_null);
     EXPECT_EQ(c.call(closed), c.for_null);
     for (void* handle : {wild, unmapped, static_cast<void*>(&on_stack), first, second, orphan,
-                         moved(file, 8), before_table})
+                         moved(file, 8), before_table}) {
       EXPECT_EQ(c.call(handle), c.for_unknown) << handle;
+    }
     if (c.for_null == BAD_HANDLE) {
       EXPECT_EQ(c.call(listing), BAD_HANDLE) << "it has no local file";
     }
@@ -179,8 +183,12 @@ TEST_F(BadInput, HandlesThatAreNoneAreRefusedWithoutARequest) {
   void* const left_open = open();
   tnw_deinit_force(first);
   drive.drive = nullptr;
-  for (const HandleCall& c : drive_calls) EXPECT_EQ(c.call(first), c.for_unknown) << c.name;
-  for (const HandleCall& c : file_calls) EXPECT_EQ(c.call(left_open), UNKNOWN) << c.name;
+  for (const HandleCall& c : drive_calls) {
+    EXPECT_EQ(c.call(first), c.for_unknown) << c.name;
+  }
+  for (const HandleCall& c : file_calls) {
+    EXPECT_EQ(c.call(left_open), UNKNOWN) << c.name;
+  }
 }
 
 TEST_F(BadInput, ADriveThatIsGoneIsNotToldWhileTheServiceIsUnauthorized) {
@@ -225,7 +233,9 @@ TEST_F(BadInput, NullArgumentsAreRefusedOrDoneWithout) {
       {"proxy user", tnw_set_http_proxy(d, "p", nullptr, ""), 160},
       {"proxy password", tnw_set_http_proxy(d, "p", "", nullptr), 160},
   };
-  for (const auto& r : refused) EXPECT_EQ(r.code, r.expected) << r.name;
+  for (const auto& r : refused) {
+    EXPECT_EQ(r.code, r.expected) << r.name;
+  }
   EXPECT_EQ(drive.peer->requests().size(), sent);
 
   void* const file = open();
@@ -245,9 +255,9 @@ TEST_F(BadInput, TextsOfAnyLengthGoOutWhole) {
   const auto no_room = tnw_fileinfo{};
   const AtPageEnd out(&no_room, sizeof no_room);
   auto* const entry = reinterpret_cast<tnw_fileinfo*>(out.at);
-  for (const ox_u32 answered : {0u, 28u}) {  // the lines of refusals show the texts, too
+  for (const ox_u32 answered : {0u, 28u}) { /* the lines of refusals show the texts, too */
     drive.peer->on_request([=](PeerConnection& conn) { conn.answer(answered, Bytes(1168)); });
-    const int expected = answered ? ERROR_DISK_FULL : 0;
+    const int expected = answered != 0 ? ERROR_DISK_FULL : 0;
     for (const size_t length : {0u, 1u, 5000u}) {
       SCOPED_TRACE(length);
       const auto path = text_of(length);
@@ -279,8 +289,12 @@ TEST_F(BadInput, NothingIsWrittenPastAField) {
   tnv_wdenum_resp listed = {};
   listed.wde_fi_len = 2;
   drive.peer->on_request([=](PeerConnection& conn) {
-    if (conn.opcode() == TNV_OP_WIN_STAT) return conn.answer(0, full);
-    if (conn.opcode() != TNV_OP_WIN_DENUM) return conn.answer(0, Bytes(1, 0xff));
+    if (conn.opcode() == TNV_OP_WIN_STAT) {
+      return conn.answer(0, full);
+    }
+    if (conn.opcode() != TNV_OP_WIN_DENUM) {
+      return conn.answer(0, Bytes(1, 0xff));
+    }
     conn.answer(0, listed);
     conn.send(bytes_of(full) + bytes_of(full));
   });
@@ -385,13 +399,27 @@ TEST(BadRecords, AStartWithFullNamesWorks) {
   const std::string domain = "d." + std::string(49, 'd');
   set_field(drive.record.tnw_uds_workdir, drive.folder / "s");
   set_field(drive.record.tnw_domain, domain);
-  for (auto& c : drive.record.tnw_username) c = 'u';
-  for (auto& c : drive.record.tnw_authtoken) c = 't';
-  for (auto& c : drive.record.tnw_api_addr) c = 'a';
-  for (auto& c : drive.record.tnw_config_addr) c = 'c';
-  for (auto& c : drive.record.tnw_da_device_id) c = 'i';
-  for (auto& c : drive.record.tnw_tn_device_id) c = 'j';
-  for (auto& c : drive.record.tnw_da_drive_id) c = 'k';
+  for (auto& c : drive.record.tnw_username) {
+    c = 'u';
+  }
+  for (auto& c : drive.record.tnw_authtoken) {
+    c = 't';
+  }
+  for (auto& c : drive.record.tnw_api_addr) {
+    c = 'a';
+  }
+  for (auto& c : drive.record.tnw_config_addr) {
+    c = 'c';
+  }
+  for (auto& c : drive.record.tnw_da_device_id) {
+    c = 'i';
+  }
+  for (auto& c : drive.record.tnw_tn_device_id) {
+    c = 'j';
+  }
+  for (auto& c : drive.record.tnw_da_drive_id) {
+    c = 'k';
+  }
   ASSERT_NE(drive.start(), nullptr);
   const tnv_wconn_msg connect = drive.peer->requests().front().msg().u.wconn;
   EXPECT_EQ(std::string(connect.wconmsg_user), std::string(64, 'u'));

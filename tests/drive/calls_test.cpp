@@ -1,4 +1,4 @@
-// The calls of one exchange each, and tnw_setfilesize: what goes out, and what each answer does.
+/* The calls of one exchange each, and tnw_setfilesize: what goes out, and what each answer does. */
 
 #include <gtest/gtest.h>
 #include <windows.h>
@@ -15,7 +15,7 @@ namespace {
 
 constexpr int UNAUTHORIZED = 1326;
 
-// A text with NULs inside.
+/* A text with NULs inside. */
 template <size_t N>
 std::string raw(const char (&text)[N]) {
   return std::string(text, N - 1);
@@ -33,7 +33,7 @@ class Calls : public testing::Test {
  protected:
   void SetUp() override { ASSERT_NE(drive.start(), nullptr); }
 
-  // A file of 100 bytes with maps of 16 regions of 16 bytes, which have these bits.
+  /* A file of 100 bytes with maps of 16 regions of 16 bytes, which have these bits. */
   void* open(Bytes maps = Bytes(4), DWORD access = GENERIC_READ | GENERIC_WRITE,
              size_t size = 100) {
     tnv_wopen_resp opened = open_answer();
@@ -49,7 +49,7 @@ class Calls : public testing::Test {
   void answer(ox_u32 err, bool unauthorized = false, const Bytes& payload = {}) {
     drive.peer->on_request([=](PeerConnection& conn) {
       tnv_resphdr header = conn.header(err, static_cast<ox_u32>(payload.size()));
-      header.rhdr_tn_unauthd = unauthorized;
+      header.rhdr_tn_unauthd = static_cast<ox_u8>(unauthorized);
       conn.send(bytes_of(header) + payload);
     });
   }
@@ -156,7 +156,7 @@ TEST_F(Calls, DoWithTheirAnswersWhatEachShould) {
   for (const AnsweredCall& c : calls) {
     SCOPED_TRACE(c.name);
     void* file = open();
-    if (c.failure) {
+    if (c.failure != nullptr) {
       LogCapture log;
       answer(13, false, Bytes(1168, 0xff));
       memset(&info, 0x5a, sizeof info);
@@ -165,7 +165,9 @@ TEST_F(Calls, DoWithTheirAnswersWhatEachShould) {
       EXPECT_EQ(log.count(13, c.failure), 1u) << c.failure;
       EXPECT_EQ(info.fi_id[0], 0x5a);
       EXPECT_FALSE(can_delete);
-      if (strcmp(c.name, "close") == 0) file = open();
+      if (strcmp(c.name, "close") == 0) {
+        file = open();
+      }
     }
     answer(0, true);
     EXPECT_EQ(c.call(file), c.heeds_mark ? UNAUTHORIZED : 0);
@@ -209,11 +211,14 @@ TEST_F(Calls, AreRefusedWithoutARequestOnceTheServiceIsUnauthorized) {
 
 TEST_F(Calls, OnADeadConnectionMostlyReadAsSuccess) {
   std::vector<void*> files;
-  for (size_t i = 0; i < calls.size(); i++) files.push_back(open());
+  for (size_t i = 0; i < calls.size(); i++) {
+    files.push_back(open());
+  }
   drive.peer->hang_up();
   EXPECT_TRUE(drive.peer->wait_for_ended(2));
-  for (size_t i = 0; i < calls.size(); i++)
+  for (size_t i = 0; i < calls.size(); i++) {
     EXPECT_EQ(calls[i].call(files[i]), calls[i].when_dead) << calls[i].name;
+  }
 }
 
 /* ------------------------------------------------------------------- size */
@@ -253,7 +258,7 @@ const Resize resizes[] = {
     {"both failed", 100, 33, 5, Resize::SIZE, 28, 112, 32, true, 0x07, 0x07},
 };
 
-int bits(const ox_u8* map) { return map ? map[0] | map[1] << 8 : -1; }
+int bits(const ox_u8* map) { return map != nullptr ? map[0] | map[1] << 8 : -1; }
 
 }  // namespace
 
@@ -262,10 +267,17 @@ TEST_F(Calls, ResizeTheLocalFileAndItsMaps) {
     SCOPED_TRACE(r.name);
     void* file = open({0x7f, 0, 0x0f, 0});
     drive.peer->on_request([&](PeerConnection& conn) {
-      const tnv_cache_region_resp fetched = {0, 16, r.from, r.answer == Resize::CLEAR, {}};
-      if (conn.opcode() == TNV_OP_FTRUNCATE) return conn.answer(r.truncate_err);
-      if (conn.opcode() != TNV_OP_CACHE_REGION) return conn.answer();
-      if (r.answer == Resize::NO_SIZE) return conn.answer(r.fetch_err);
+      const tnv_cache_region_resp fetched = {
+          0, 16, r.from, static_cast<ox_u8>(r.answer == Resize::CLEAR), {}};
+      if (conn.opcode() == TNV_OP_FTRUNCATE) {
+        return conn.answer(r.truncate_err);
+      }
+      if (conn.opcode() != TNV_OP_CACHE_REGION) {
+        return conn.answer();
+      }
+      if (r.answer == Resize::NO_SIZE) {
+        return conn.answer(r.fetch_err);
+      }
       conn.answer(r.fetch_err, fetched);
     });
     const size_t before = drive.peer->requests().size();
@@ -320,7 +332,7 @@ TEST_F(Calls, KeepTheSizeThatTheLocalFileKeeps) {
   FILE_END_OF_FILE_INFO end = {};
   ASSERT_FALSE(SetFileInformationByHandle(static_cast<tnvfd*>(file)->fdt_ofd, FileEndOfFileInfo,
                                           &end, sizeof end));
-  const DWORD code = GetLastError();  // 5, but Wine has another opinion
+  const DWORD code = GetLastError(); /* 5, but Wine has another opinion */
   EXPECT_EQ(tnw_setfilesize(file, 20, 0, nullptr), static_cast<int>(code))
       << "not what the service answered";
   EXPECT_EQ(static_cast<tnvfd*>(file)->fdt_stat.st_size, 100u);
@@ -334,7 +346,7 @@ TEST_F(Calls, KeepTheSizeThatTheLocalFileKeeps) {
 
 namespace {
 
-// Runs a program of the host that Wine runs on, in a folder.
+/* Runs a program of the host that Wine runs on, in a folder. */
 void run_under_wine(const std::string& program, std::string command, const std::string& in) {
   STARTUPINFOA start = {};
   PROCESS_INFORMATION run = {};
@@ -342,14 +354,18 @@ void run_under_wine(const std::string& program, std::string command, const std::
                              false, 0, nullptr, in.c_str(), &start, &run));
 }
 
-// Waits up to five seconds until the path is there, or gone.
+/* Waits up to five seconds until the path is there, or gone. */
 void wait_for(const std::string& path, bool there) {
   const auto is_there = [&] { return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES; };
-  for (int i = 0; i < 500 && is_there() != there; i++) Sleep(10);
+  for (int i = 0; i < 500 && is_there() != there; i++) {
+    Sleep(10);
+  }
 }
 
-// A junction `link` to `target`, which is `relative` to it. False where only Wine's own kind of
-// link could be made, which it lists as one but cannot remove.
+/*
+ * A junction `link` to `target`, which is `relative` to it. False where only Wine's own kind of
+ * link could be made, which it lists as one but cannot remove.
+ */
 bool link_folder(const std::string& link, const std::string& target, const std::string& relative) {
   std::filesystem::create_directories(link);
   HANDLE folder = CreateFileA(link.c_str(), GENERIC_WRITE, 7, nullptr, OPEN_EXISTING,
@@ -366,9 +382,11 @@ bool link_folder(const std::string& link, const std::string& target, const std::
   memcpy(junction + 8, to.data(), size);
   DWORD done;
   const bool made = DeviceIoControl(folder, 0x900a4 /* FSCTL_SET_REPARSE_POINT */, junction,
-                                    size + 20u, nullptr, 0, &done, nullptr);
+                                    size + 20u, nullptr, 0, &done, nullptr) != 0;
   CloseHandle(folder);
-  if (made) return true;
+  if (made) {
+    return true;
+  }
   std::filesystem::remove(link);
   const std::filesystem::path path(link);
   run_under_wine("ln", "ln -s " + relative + " " + path.filename().string(),
@@ -403,7 +421,9 @@ class Purge : public testing::Test {
 
 TEST_F(Purge, RemovesWhateverIsThereAndNothingElse) {
   std::string deep = "\\\\?\\" + dir;
-  for (int i = 0; i < 200; i++) CreateDirectoryA((deep += "\\deeper").c_str(), nullptr);
+  for (int i = 0; i < 200; i++) {
+    CreateDirectoryA((deep += "\\deeper").c_str(), nullptr);
+  }
   write_file(deep + "\\file", "x");
   write_file(std::filesystem::path(dir) / L"\u65e5\u0416\U0001f600", "x");
   write_file(dir + "\\read-only", "x");
@@ -421,7 +441,7 @@ TEST_F(Purge, RemovesWhateverIsThereAndNothingElse) {
 TEST_F(Purge, DoesNotFollowALink) {
   const std::string target = drive.folder / "target";
   write_file((std::filesystem::create_directories(target), target + "\\precious"), "x");
-  SetEnvironmentVariableA("TMP", (drive.folder / "drive.test").c_str());  // a relative link holds
+  SetEnvironmentVariableA("TMP", (drive.folder / "drive.test").c_str()); /* a relative link holds */
   const bool removable = link_folder(dir + "\\link", target, "../../target");
   LogCapture log;
   const int code = purge();
@@ -429,7 +449,9 @@ TEST_F(Purge, DoesNotFollowALink) {
   EXPECT_FALSE(file_exists(dir));
   EXPECT_EQ(code == 0, removable);
   EXPECT_EQ(log.count("Failed to purge tmp/cachedir "), !removable);
-  if (removable) return;
+  if (removable) {
+    return;
+  }
   run_under_wine("rm", "rm -r drive.test", drive.folder.path());
   wait_for(drive.folder / "drive.test", false);
 }

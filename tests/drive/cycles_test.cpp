@@ -1,8 +1,10 @@
-// Thousands of open files (CYCLES) after one another: what the process holds stands where it stood.
+/*
+ * Thousands of open files (CYCLES) after one another: what the process holds stands where it stood.
+ */
 
 #include <gtest/gtest.h>
 #include <windows.h>
-// after windows.h
+/* after windows.h */
 #include <psapi.h>
 
 #include "ox_platform.h"
@@ -31,13 +33,15 @@ SIZE_T private_bytes() {
 
 class Cycles : public testing::Test {
  protected:
-  // One worker, so that threads that come and go with the load do not count.
+  /* One worker, so that threads that come and go with the load do not count. */
   void SetUp() override {
     drive.record.tnw_max_threads = 1;
     CloseHandle(reinterpret_cast<HANDLE>(local_file(local, "")));
     ASSERT_NE(drive.start(), nullptr);
     drive.peer->on_request([this](PeerConnection& conn) {
-      if (conn.opcode() == TNV_OP_WIN_OPEN) return answer_open(conn);
+      if (conn.opcode() == TNV_OP_WIN_OPEN) {
+        return answer_open(conn);
+      }
       tnv_cache_region_resp fetched = {};
       fetched.cr_sz = 64;
       conn.answer(0, fetched);
@@ -54,7 +58,9 @@ class Cycles : public testing::Test {
     conn.send(Bytes(2 << 14));
   }
 
-  // Supersedes the file, which needs a runtime descriptor, writes, reads past its end and closes.
+  /*
+   * Supersedes the file, which needs a runtime descriptor, writes, reads past its end and closes.
+   */
   void cycle() {
     void* slot = nullptr;
     int err = -1;
@@ -67,7 +73,9 @@ class Cycles : public testing::Test {
     ASSERT_EQ(tnw_close(file, nullptr), 0);
   }
   void cycles(int n) {
-    for (int i = 0; i < n && !HasFatalFailure(); i++) cycle();
+    for (int i = 0; i < n && !HasFatalFailure(); i++) {
+      cycle();
+    }
   }
 
   PeerDrive drive;
@@ -84,6 +92,6 @@ TEST_F(Cycles, LeaveNoHandleDescriptorOrMemory) {
   cycles(CYCLES - 100);
   EXPECT_EQ(fresh_handle(), handle);
   EXPECT_EQ(fresh_descriptor(local), descriptor);
-  // Ten thousand files have maps of 330 MB, and requests of 30 MB, which the peer keeps.
+  /* Ten thousand files have maps of 330 MB, and requests of 30 MB, which the peer keeps. */
   EXPECT_LT(private_bytes(), memory + 100'000'000);
 }

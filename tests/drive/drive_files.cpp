@@ -16,16 +16,18 @@ TestFolder::TestFolder() {
   GetTempPathA(sizeof temp, temp);
   path_ = std::string(temp) + "t" + std::to_string(GetCurrentProcessId()) + "-" +
           std::to_string(next++);
-  fs::remove_all(path_);  // of a killed test with the same process id
+  fs::remove_all(path_); /* of a killed test with the same process id */
   fs::create_directories(path_);
 }
 
-// A service that still writes back may hold a file for a moment.
+/* A service that still writes back may hold a file for a moment. */
 TestFolder::~TestFolder() {
   std::error_code failed;
   for (int i = 0; i < 20; i++) {
     fs::remove_all(path_, failed);
-    if (!failed) return;
+    if (!failed) {
+      return;
+    }
     Sleep(100);
   }
 }
@@ -72,15 +74,18 @@ std::string cache_dir(const tnw_tninit& record) {
 }
 
 std::string socket_path(const tnw_tninit& record) {
-  std::string path = record.tnw_uds_workdir[0] ? record.tnw_uds_workdir : cache_dir(record);
-  if (record.tnw_workgroup_id[0]) path += std::string("\\") + record.tnw_workgroup_id;
+  std::string path = record.tnw_uds_workdir[0] != 0 ? record.tnw_uds_workdir : cache_dir(record);
+  if (record.tnw_workgroup_id[0] != 0) {
+    path += std::string("\\") + record.tnw_workgroup_id;
+  }
   const auto id = static_cast<unsigned long long>(record.tnw_user_id);
-  return path + "\\" + (id ? std::to_string(id) : "tnvfs") + ".sock";
+  return path + "\\" + (id != 0 ? std::to_string(id) : "tnvfs") + ".sock";
 }
 
 void* init_drive(tnw_tninit* record, int* error) {
   const LogCapture log;
   void* drive = tnw_init(record, error);
-  const bool wine_failed = !drive && log.count(ERROR_INTERNAL_ERROR, "Failed to start Tarn") != 0;
+  const bool wine_failed =
+      drive == nullptr && log.count(ERROR_INTERNAL_ERROR, "Failed to start Tarn") != 0;
   return wine_failed ? tnw_init(record, error) : drive;
 }

@@ -33,7 +33,9 @@ std::string beside_test(const std::string& program);
 tnw_tninit start_record(const TestFolder& folder, const std::string& program);
 template <size_t N>
 void set_field(char (&field)[N], const std::string& text) {
-  for (size_t i = 0; i < N; i++) field[i] = i < text.size() ? text[i] : '\0';
+  for (size_t i = 0; i < N; i++) {
+    field[i] = i < text.size() ? text[i] : '\0';
+  }
 }
 
 /* tnw_init, and once more where Wine failed to create the service's process for a reason of its

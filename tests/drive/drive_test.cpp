@@ -1,5 +1,7 @@
-// The library with the real service on a folder of real files: what a drive application sees, and
-// what is in the cloud afterwards. Sequences of calls on files are model_test's.
+/*
+ * The library with the real service on a folder of real files: what a drive application sees, and
+ * what is in the cloud afterwards. Sequences of calls on files are model_test's.
+ */
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -27,9 +29,11 @@ class Drive : public testing::Test {
   RealDrive drive;
 };
 
-// Contents may be large and binary: they are compared without being printed.
+/* Contents may be large and binary: they are compared without being printed. */
 testing::AssertionResult same(const std::string& got, const std::string& want) {
-  if (got == want) return testing::AssertionSuccess();
+  if (got == want) {
+    return testing::AssertionSuccess();
+  }
   const auto differ = std::mismatch(got.begin(), got.end(), want.begin(), want.end());
   return testing::AssertionFailure() << got.size() << " bytes instead of " << want.size()
                                      << ", different from " << differ.first - got.begin();
@@ -37,7 +41,7 @@ testing::AssertionResult same(const std::string& got, const std::string& want) {
 
 }  // namespace
 
-// ------------------------------------------------------------------ names and folders
+/* ------------------------------------------------------------------ names and folders */
 
 TEST_F(Drive, ListsNamesOfAnyScript) {
   const std::string long_name(240, 'n');
@@ -56,8 +60,10 @@ TEST_F(Drive, ListsNamesOfAnyScript) {
   EXPECT_EQ(root["plain.txt"].fi_size, 5u);
   EXPECT_EQ(root["plain.txt"].fi_attr & FILE_ATTRIBUTE_DIRECTORY, 0u);
   EXPECT_NE(root["sub"].fi_attr & FILE_ATTRIBUTE_DIRECTORY, 0u);
-  for (const char* path : {"sub\\deeper", "/sub/deeper", "\\sub/deeper\\", "sub\\..\\sub\\deeper"})
+  for (const char* path :
+       {"sub\\deeper", "/sub/deeper", "\\sub/deeper\\", "sub\\..\\sub\\deeper"}) {
     EXPECT_THAT(drive.list(path), ElementsAre(Key(long_name))) << path;
+  }
   DriveFile file(drive, "\\gr\u00f6\u00dfe \u65e5\u672c\u8a9e.txt");
   EXPECT_EQ(file.read_all(), "1");
 }
@@ -98,9 +104,9 @@ TEST_F(Drive, StaysInItsShare) {
   EXPECT_EQ(read_file(drive.folder / "secret"), "secret");
 }
 
-// ------------------------------------------------------------------ contents
+/* ------------------------------------------------------------------ contents */
 
-// As the pages of a mapped file are written: through whatever open is left.
+/* As the pages of a mapped file are written: through whatever open is left. */
 TEST_F(Drive, WritesThroughAReadOnlyOpenReachTheCloud) {
   drive.put("mapped", "old content");
   drive.put("carried", "old content");
@@ -140,27 +146,32 @@ TEST_F(Drive, ThreadsReadOneOpenFileAtOnce) {
   DriveFile file(drive, "file", READING);
   std::vector<std::thread> threads;
   std::atomic<int> wrong{0};
-  for (unsigned t = 0; t < 6; t++)
+  for (unsigned t = 0; t < 6; t++) {
     threads.emplace_back([&, t] {
       std::minstd_rand random(t + 1);
       for (int i = 0; i < 60; i++) {
         const size_t off = random() % original.size();
         const size_t len = 1 + random() % (2 * REGION);
-        if (file.read(off, len) != original.substr(off, len)) wrong++;
+        if (file.read(off, len) != original.substr(off, len)) {
+          wrong++;
+        }
       }
     });
-  for (std::thread& thread : threads) thread.join();
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
   EXPECT_EQ(wrong, 0);
 }
 
-// ------------------------------------------------------------------ messages
+/* ------------------------------------------------------------------ messages */
 
 TEST_F(Drive, WarmReadsAndWritesSendNoMessage) {
   drive.put("file", noise(20 * REGION, 9));
   DriveFile file(drive, "file");
-  ASSERT_EQ(file.read(0, 4 * REGION).size(), 4 * REGION);  // fetches four regions at once
-  ASSERT_EQ(file.write(2 * REGION + 1, "x"), 0);           // reports one of them
-  ASSERT_EQ(file.write(30 * REGION, "x"), 0);              // reports one that needs no fetch
+  ASSERT_EQ(file.read(0, 4 * REGION).size(), 4 * REGION); /* fetches four regions at once */
+  ASSERT_EQ(file.write(2 * REGION + 1, "x"), 0);          /* reports one of them */
+  ASSERT_EQ(file.write(30 * REGION, "x"), 0);             /* reports one that needs no fetch */
   for (ox_u64 i = 0; i < 500; i++) {
     ASSERT_EQ(file.read(i * 7, REGION + 1).size(), REGION + 1);
     ASSERT_EQ(file.write(2 * REGION + i * 8, "warm"), 0);
@@ -178,7 +189,7 @@ TEST_F(Drive, WarmReadsAndWritesSendNoMessage) {
   EXPECT_EQ(drive.count("malformed"), 0u);
 }
 
-// ------------------------------------------------------------------ the service's life
+/* ------------------------------------------------------------------ the service's life */
 
 TEST_F(Drive, AServiceThatIsKilledLosesNoByte) {
   const std::string original = noise(6 * REGION, 10);

@@ -1,4 +1,4 @@
-// tnw_findfirst, tnw_findnext, tnw_findclose, tnw_checkfolderempty.
+/* tnw_findfirst, tnw_findnext, tnw_findclose, tnw_checkfolderempty. */
 
 #include <gtest/gtest.h>
 #include <windows.h>
@@ -15,7 +15,7 @@ class Enumerate : public testing::Test {
  protected:
   void SetUp() override { ASSERT_NE(drive.start(), nullptr); }
 
-  // Enumerations are answered with `count` entries, of which `sent` follow.
+  /* Enumerations are answered with `count` entries, of which `sent` follow. */
   void list(ox_u64 count, size_t sent) {
     tnv_wdenum_resp answer = {};
     answer.wde_fi_len = count;
@@ -29,7 +29,9 @@ class Enumerate : public testing::Test {
       entries = entries + bytes_of(entry);
     }
     drive.peer->on_request([=](PeerConnection& conn) {
-      if (conn.opcode() != TNV_OP_WIN_DENUM) return conn.answer();
+      if (conn.opcode() != TNV_OP_WIN_DENUM) {
+        return conn.answer();
+      }
       conn.answer(0, answer);
       conn.send(entries);
     });
@@ -96,7 +98,9 @@ TEST_F(Enumerate, GivesTheEntryBackAlsoAfterARefusedClose) {
 TEST_F(Enumerate, TakesNoCountThatCannotBe) {
   for (ox_u64 count : {(1ull << 32) + 3, 1ull << 31, ~0ull}) {
     drive.peer.reset();
-    if (drive.drive) tnw_deinit_force(drive.drive);
+    if (drive.drive != nullptr) {
+      tnw_deinit_force(drive.drive);
+    }
     ASSERT_NE(drive.start(), nullptr);
     list(count, 3);
     int err = -1;

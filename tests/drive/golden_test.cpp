@@ -37,7 +37,9 @@ std::string without_variables(std::string line) {
       {std::regex(R"-([A-Za-z]:[^ ",]*\\(work|logs|my cloud))-"), "FOLDER\\$1"},
       {std::regex(R"-(("addr":"|"logfile":")[^"]*)-"), "$1PATH"},
   };
-  for (const auto& [what, mask] : masks) line = std::regex_replace(line, what, mask);
+  for (const auto& [what, mask] : masks) {
+    line = std::regex_replace(line, what, mask);
+  }
   return line;
 }
 
@@ -127,8 +129,11 @@ Lines trace_lines(int level) {
   session(drive);
   ox_debug = 1;
   Lines found;
-  for (const std::string& line : log.lines())
-    if (is_trace(line)) found.push_back(without_variables(line));
+  for (const std::string& line : log.lines()) {
+    if (is_trace(line)) {
+      found.push_back(without_variables(line));
+    }
+  }
   return found;
 }
 
@@ -138,7 +143,9 @@ Lines at_level(int level, const Lines& of_level_3) {
   for (std::string line : of_level_3) {
     const bool header = line.find(" tnv_log.cpp:") != std::string::npos;
     const bool request = line.find(" tnv_log_win.:") != std::string::npos;
-    if ((header && level < 3) || (request && level < 2)) continue;
+    if ((header && level < 3) || (request && level < 2)) {
+      continue;
+    }
     line = std::regex_replace(line, std::regex("DEBU-03"), "DEBU-0" + std::to_string(level));
     left.push_back(std::regex_replace(line, std::regex(ID), "ID"));
   }
@@ -148,7 +155,9 @@ Lines at_level(int level, const Lines& of_level_3) {
 Lines golden() {
   Lines lines;
   std::istringstream text(read_file(beside_test("golden_lines.txt")));
-  for (std::string line; std::getline(text, line);) lines.push_back(line);
+  for (std::string line; std::getline(text, line);) {
+    lines.push_back(line);
+  }
   return lines;
 }
 
@@ -164,8 +173,11 @@ TEST(GoldenLines, EveryOperationAtEachLevel) {
     text += numbered.back() + "\n";
   }
   EXPECT_EQ(text.find("secret"), std::string::npos) << "the proxy's password";
-  if (numbered != golden()) write_file(beside_test("golden_lines.new"), text);
+  if (numbered != golden()) {
+    write_file(beside_test("golden_lines.new"), text);
+  }
   EXPECT_EQ(numbered, golden());
-  for (const int level : {1, 2})
+  for (const int level : {1, 2}) {
     EXPECT_EQ(at_level(level, trace_lines(level)), at_level(level, found));
+  }
 }

@@ -41,22 +41,30 @@ ox_s64 __real_ox_pread(int fd, void* buf, size_t count, ox_off offset);
 ox_s64 __real_ox_pwrite(int fd, const void* buf, size_t count, ox_off offset);
 
 void* __wrap_ox_zalloc(size_t size) {
-  if (size != failing_size) return __real_ox_zalloc(size);
+  if (size != failing_size) {
+    return __real_ox_zalloc(size);
+  }
   errno = 12;
   return nullptr;
 }
 int __wrap_ox_get_max_openfiles(void) {
-  if (most_open_files < 0) return __real_ox_get_max_openfiles();
+  if (most_open_files < 0) {
+    return __real_ox_get_max_openfiles();
+  }
   errno = 24;
   return most_open_files;
 }
 ox_s64 __wrap_ox_pread(int fd, void* buf, size_t count, ox_off offset) {
-  if (!reads_fail) return __real_ox_pread(fd, buf, count, offset);
+  if (!reads_fail) {
+    return __real_ox_pread(fd, buf, count, offset);
+  }
   errno = ERROR_CRC;
   return -1;
 }
 ox_s64 __wrap_ox_pwrite(int fd, const void* buf, size_t count, ox_off offset) {
-  if (!writes_fail) return __real_ox_pwrite(fd, buf, count, offset);
+  if (!writes_fail) {
+    return __real_ox_pwrite(fd, buf, count, offset);
+  }
   errno = ERROR_CRC;
   return -1;
 }
@@ -87,7 +95,7 @@ std::string layer_level(const Line& line) {
 /* Either form: the client's own, or the portability layer's with the first letters of the level. */
 std::regex pattern_of(const Line& line) {
   const std::string level = line.level;
-  const std::string err = line.err ? "\"errno\":" + std::to_string(line.err) + ", " : "";
+  const std::string err = line.err != 0 ? "\"errno\":" + std::to_string(line.err) + ", " : "";
   const std::string client = R"(\{"asctime":"[^"]+", "level":")" + level +
                              R"(", "filename":"[a-z_]+\.cpp", "line":\d+, )" + err +
                              R"re(("vfs_server_handle".*)?"message":")re" + line.text + R"("\})";
@@ -119,7 +127,9 @@ class LogLines : public testing::Test {
  protected:
   /* The objects have no loader that would tell them. */
   static void SetUpTestSuite() {
-    if (!tnw_tninstances.tni_next) DllMain(nullptr, DLL_PROCESS_ATTACH, nullptr);
+    if (tnw_tninstances.tni_next == nullptr) {
+      DllMain(nullptr, DLL_PROCESS_ATTACH, nullptr);
+    }
   }
   ~LogLines() override {
     ox_debug = 1;
@@ -531,7 +541,7 @@ TEST_F(LogLines, OfCallsThatTheClientAnswers) {
     answer_with(drive, row.err, 5);
     row.call(file);
     EXPECT_EQ(said.count("TNV_OP_WIN_" + std::string(row.name)), row.shown ? 1u : 0u);
-    if (row.shown) {
+    if (row.shown != nullptr) {
       EXPECT_EQ(said.count(std::string("\"retval\":") + row.shown + ", "), 1u)
           << testing::PrintToString(said.lines());
     }

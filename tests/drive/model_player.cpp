@@ -22,13 +22,19 @@ ModelPlayer::ModelPlayer(RealDrive& drive, const std::string& folder, bool alone
 
 size_t ModelPlayer::play(const Steps& steps) {
   size_t taken = 0;
-  for (; taken < steps.size() && failure_.empty(); taken++) apply(steps[taken]);
-  if (failure_.empty()) close_all();
+  for (; taken < steps.size() && failure_.empty(); taken++) {
+    apply(steps[taken]);
+  }
+  if (failure_.empty()) {
+    close_all();
+  }
   return failure_.empty() ? 0 : std::max<size_t>(taken, 1);
 }
 
 void ModelPlayer::apply(const Step& step) {
-  if (!is_playable(step)) return;
+  if (!is_playable(step)) {
+    return;
+  }
   switch (step.act) {
     case Act::PUT:
       return put(step);
@@ -59,19 +65,25 @@ void ModelPlayer::apply(const Step& step) {
 
 bool ModelPlayer::is_playable(const Step& step) const {
   const auto file = plain_.opened(step.slot);
-  if (step.act == Act::OPEN) return !file;
-  if (!needs_open(step.act)) return true;
+  if (step.act == Act::OPEN) {
+    return !file;
+  }
+  if (!needs_open(step.act)) {
+    return true;
+  }
   return file && (!file->lost || step.act == Act::CLOSE);
 }
 
 std::string ModelPlayer::path(size_t name) const { return folder_ + "/" + std::to_string(name); }
 
-// ------------------------------------------------------------------ the steps
+/* ------------------------------------------------------------------ the steps */
 
-// A size other than before: only so does the service see for sure that the file is another one.
+/* A size other than before: only so does the service see for sure that the file is another one. */
 void ModelPlayer::put(const Step& step) {
   const std::string name = path(step.name);
-  if (plain_.is_open(name)) return;
+  if (plain_.is_open(name)) {
+    return;
+  }
   const auto before = plain_.named(name);
   const size_t size = step.len + (before && before->bytes.size() == step.len ? 1 : 0);
   const std::string bytes = noise(size, step.data);
@@ -82,9 +94,11 @@ void ModelPlayer::put(const Step& step) {
 std::unique_ptr<DriveFile> ModelPlayer::open_drive_file(const Step& step,
                                                         const std::string& name) const {
   const auto file = plain_.named(name);
-  for (size_t slot = 0; file && slot < MODEL_SLOTS; slot++)
-    if (plain_.opened(slot) == file)
+  for (size_t slot = 0; file && slot < MODEL_SLOTS; slot++) {
+    if (plain_.opened(slot) == file) {
       return std::make_unique<DriveFile>(*files_[slot], step.how, name);
+    }
+  }
   return std::make_unique<DriveFile>(drive_, name, step.how);
 }
 
@@ -94,10 +108,13 @@ void ModelPlayer::open(const Step& step) {
   ox_u32 last_error = 0;
   const int code = plain_.open(step.slot, name, step.how, &last_error);
   expect_code("open", file->error(), code);
-  if (code == 0)
+  if (code == 0) {
     expect_code("last error of an open", static_cast<int>(file->last_error()),
                 static_cast<int>(last_error));
-  if (code == 0) files_[step.slot] = std::move(file);
+  }
+  if (code == 0) {
+    files_[step.slot] = std::move(file);
+  }
   compare_size(name);
 }
 
@@ -113,8 +130,11 @@ void ModelPlayer::close(size_t slot) {
     expect_code("second close", tnw_close(handle, nullptr), ERROR_BAD_ARGUMENTS);
   }
   files_[slot].reset();
-  for (const auto& [name, named] : plain_.files())
-    if (named == file && !plain_.is_open(name)) compare_cloud(name);
+  for (const auto& [name, named] : plain_.files()) {
+    if (named == file && !plain_.is_open(name)) {
+      compare_cloud(name);
+    }
+  }
 }
 
 void ModelPlayer::cleanup(size_t slot) {
@@ -154,32 +174,40 @@ void ModelPlayer::remove(const Step& step) {
   compare_size(name);
 }
 
-// That it may not go is no failure.
+/* That it may not go is no failure. */
 void ModelPlayer::ask_remove(const std::string& name) {
   const int want = plain_.may_remove(name);
   bool may = want != 0;
   expect_code("can-delete", tnw_canfilebedeleted(drive_.drive, name.c_str(), &may),
               want == ERROR_SHARING_VIOLATION ? 0 : want);
-  expect_code("can-delete's answer", may, want != ERROR_SHARING_VIOLATION);
+  expect_code("can-delete's answer", static_cast<int>(may),
+              static_cast<int>(want != ERROR_SHARING_VIOLATION));
 }
 
-// Everything that was written comes back, whether it was closed or not.
+/* Everything that was written comes back, whether it was closed or not. */
 void ModelPlayer::kill() {
   drive_.kill_service();
-  for (auto& file : files_) file.reset();
+  for (auto& file : files_) {
+    file.reset();
+  }
   plain_.close_all();
   drive_.stop();
-  if (!drive_.start()) return fail("the start after a kill gives " + std::to_string(drive_.error));
+  if (!drive_.start()) {
+    return fail("the start after a kill gives " + std::to_string(drive_.error));
+  }
   compare_folder();
 }
 
 void ModelPlayer::close_all() {
-  for (size_t slot = 0; slot < MODEL_SLOTS; slot++)
-    if (plain_.opened(slot)) close(slot);
+  for (size_t slot = 0; slot < MODEL_SLOTS; slot++) {
+    if (plain_.opened(slot)) {
+      close(slot);
+    }
+  }
   compare_folder();
 }
 
-// ------------------------------------------------------------------ comparing
+/* ------------------------------------------------------------------ comparing */
 
 void ModelPlayer::read(size_t slot, size_t off, size_t len) {
   std::string want;
@@ -190,18 +218,27 @@ void ModelPlayer::read(size_t slot, size_t off, size_t len) {
   expect_bytes("read", got, want);
 }
 
-// Only a little around it: what was read is cached, and tells nothing any more about the maps.
+/* Only a little around it: what was read is cached, and tells nothing any more about the maps. */
 void ModelPlayer::look_around(const Step& step, size_t off, size_t len) {
   const auto file = plain_.opened(step.slot);
   size_t through = step.slot;
-  if (step.data % 3 == 0)
-    for (size_t slot = 0; slot < MODEL_SLOTS; slot++)
-      if (plain_.opened(slot) == file) through = slot;
+  if (step.data % 3 == 0) {
+    for (size_t slot = 0; slot < MODEL_SLOTS; slot++) {
+      if (plain_.opened(slot) == file) {
+        through = slot;
+      }
+    }
+  }
   const size_t before = std::min(off, step.data / 3 % 3 * MODEL_REGION);
   const size_t behind = step.data / 9 % 3 * MODEL_REGION;
-  if (before + len + behind) read(through, off - before, before + len + behind);
-  for (const auto& [name, named] : plain_.files())
-    if (named == file) compare_size(name);
+  if ((before + len + behind) != 0) {
+    read(through, off - before, before + len + behind);
+  }
+  for (const auto& [name, named] : plain_.files()) {
+    if (named == file) {
+      compare_size(name);
+    }
+  }
 }
 
 void ModelPlayer::compare_size(const std::string& name) {
@@ -209,9 +246,10 @@ void ModelPlayer::compare_size(const std::string& name) {
   tnw_fileinfo info = {};
   expect_code("status", tnw_getfileinfo(drive_.drive, name.c_str(), &info, "test"),
               file ? 0 : ERROR_FILE_NOT_FOUND);
-  if (file && info.fi_size != file->bytes.size())
+  if (file && info.fi_size != file->bytes.size()) {
     fail(name + " has the size " + std::to_string(info.fi_size) + " instead of " +
          std::to_string(file->bytes.size()));
+  }
 }
 
 void ModelPlayer::compare_cloud(const std::string& name) {
@@ -225,23 +263,32 @@ void ModelPlayer::compare_folder() {
     const std::string name = folder_ + "/" + entry.path().filename().string();
     plain_.named(name) ? compare_cloud(name) : fail(name + " is in the cloud");
   }
-  if (names != plain_.files().size()) fail("files are missing in the cloud");
-  if (drive_.list(folder_).size() != names) fail("the listing differs from the cloud");
+  if (names != plain_.files().size()) {
+    fail("files are missing in the cloud");
+  }
+  if (drive_.list(folder_).size() != names) {
+    fail("the listing differs from the cloud");
+  }
 }
 
 void ModelPlayer::expect_code(const char* call, int got, int want) {
-  if (got != want)
+  if (got != want) {
     fail(std::string(call) + " gives " + std::to_string(got) + " instead of " +
          std::to_string(want));
+  }
 }
 
 void ModelPlayer::expect_bytes(const char* where, const std::string& got, const std::string& want) {
-  if (got == want) return;
+  if (got == want) {
+    return;
+  }
   const auto differ = std::mismatch(got.begin(), got.end(), want.begin(), want.end()).first;
   fail(std::string(where) + ": " + std::to_string(got.size()) + " bytes instead of " +
        std::to_string(want.size()) + ", different from " + std::to_string(differ - got.begin()));
 }
 
 void ModelPlayer::fail(const std::string& text) {
-  if (failure_.empty()) failure_ = text;
+  if (failure_.empty()) {
+    failure_ = text;
+  }
 }

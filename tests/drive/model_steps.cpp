@@ -21,9 +21,15 @@ class Dice {
   size_t slot(Act act) {
     const bool wants_open = act != Act::OPEN;
     size_t tries = 4 * MODEL_SLOTS;
-    if (one_in(2)) slot_ = below(MODEL_SLOTS);
-    while (open_[slot_] != wants_open && tries-- > 0) slot_ = below(MODEL_SLOTS);
-    if (act == Act::OPEN || act == Act::CLOSE) open_[slot_] = act == Act::OPEN;
+    if (one_in(2)) {
+      slot_ = below(MODEL_SLOTS);
+    }
+    while (open_[slot_] != wants_open && tries-- > 0) {
+      slot_ = below(MODEL_SLOTS);
+    }
+    if (act == Act::OPEN || act == Act::CLOSE) {
+      open_[slot_] = act == Act::OPEN;
+    }
     return slot_;
   }
   bool one_in(size_t n) { return below(n) == 0; }
@@ -34,9 +40,13 @@ class Dice {
 
   /* Often where the last range ended, or at a region's edge or beside it. */
   size_t offset() {
-    if (one_in(2)) return end_;
+    if (one_in(2)) {
+      return end_;
+    }
     const size_t off = below(one_in(40) ? FAR : NEAR);
-    if (one_in(2)) return off;
+    if (one_in(2)) {
+      return off;
+    }
     const size_t edge = (off / MODEL_REGION + 1) * MODEL_REGION;
     return edge + below(3) - 1;
   }
@@ -74,10 +84,14 @@ constexpr Weight BEFORE_A_KILL[] = {
 template <size_t N>
 Act any_act(Dice& dice, const Weight (&weights)[N]) {
   size_t total = 0;
-  for (const Weight& w : weights) total += w.weight;
+  for (const Weight& w : weights) {
+    total += w.weight;
+  }
   size_t left = dice.below(total);
   const Weight* w = weights;
-  for (; left >= w->weight; w++) left -= w->weight;
+  for (; left >= w->weight; w++) {
+    left -= w->weight;
+  }
   return w->act;
 }
 
@@ -100,7 +114,9 @@ Step any_step(Dice& dice, Act act) {
   step.off = dice.offset();
   step.len = act == Act::RESIZE || act == Act::PUT ? dice.size() : dice.length();
   step.data = static_cast<unsigned>(dice.below(1'000'000));
-  if (act == Act::READ || act == Act::WRITE) dice.ended_at(step.off + step.len);
+  if (act == Act::READ || act == Act::WRITE) {
+    dice.ended_at(step.off + step.len);
+  }
   return step;
 }
 
@@ -157,27 +173,35 @@ Steps random_steps(unsigned seed, size_t count, bool kill) {
     steps.push_back(any_step(dice, Act::PUT));
     steps.back().name = name;
   }
-  while (steps.size() + (kill ? 1 : 0) < count)
+  while (steps.size() + (kill ? 1 : 0) < count) {
     steps.push_back(any_step(dice, kill ? any_act(dice, BEFORE_A_KILL) : any_act(dice, ORDINARY)));
-  if (kill) steps.push_back(any_step(dice, Act::KILL));
+  }
+  if (kill) {
+    steps.push_back(any_step(dice, Act::KILL));
+  }
   return steps;
 }
 
 std::string steps_text(const Steps& steps) {
   std::string text;
-  for (const Step& step : steps) text += step_text(step);
+  for (const Step& step : steps) {
+    text += step_text(step);
+  }
   return text;
 }
 
 Steps shrink_steps(Steps failing, const StepsRun& run, int tries) {
   bool smaller = false;
-  for (size_t piece = failing.size() / 2; piece > 0; piece = piece > 1 ? piece / 2 : smaller) {
+  for (size_t piece = failing.size() / 2; piece > 0;
+       piece = piece > 1 ? piece / 2 : static_cast<size_t>(smaller)) {
     smaller = false;
     for (size_t first = 0; first < failing.size();) {
-      if (tries-- <= 0) return failing;
+      if (tries-- <= 0) {
+        return failing;
+      }
       Steps rest = without(failing, first, piece);
       const size_t taken = run(rest);
-      if (taken) {
+      if (taken != 0) {
         rest.resize(std::min(taken, rest.size()));
         failing = rest;
         smaller = true;

@@ -1,8 +1,10 @@
-// Random calls to the whole client, each compared with a drive in plain memory. A failure is told
-// with its seed and the few steps that are enough for it.
-//
-// TNW_MODEL_SEED: the first seed, for a failure that was told or for others than the usual ones.
-// TNW_MODEL_STEPS: steps of each test; 1 plays the first seed alone.
+/*
+ * Random calls to the whole client, each compared with a drive in plain memory. A failure is told
+ * with its seed and the few steps that are enough for it.
+ *
+ * TNW_MODEL_SEED: the first seed, for a failure that was told or for others than the usual ones.
+ * TNW_MODEL_STEPS: steps of each test; 1 plays the first seed alone.
+ */
 
 #include <gtest/gtest.h>
 #include <windows.h>
@@ -39,7 +41,7 @@ class Model : public testing::Test {
     return random_steps(seed, kill ? SEQUENCE_BEFORE_A_KILL : SEQUENCE, kill);
   }
 
-  // Each time in a folder of its own, whose files nothing has cached.
+  /* Each time in a folder of its own, whose files nothing has cached. */
   ModelPlayer new_player(bool alone) {
     return ModelPlayer(drive, "run " + std::to_string(runs_++), alone);
   }
@@ -49,10 +51,12 @@ class Model : public testing::Test {
     const auto run = [&](const Steps& fewer) {
       ModelPlayer player = new_player(true);
       const size_t taken = player.play(fewer);
-      if (taken) last = player.failure();
+      if (taken != 0) {
+        last = player.failure();
+      }
       return taken;
     };
-    const Steps shortest = run(steps) ? shrink_steps(steps, run, SHRINK_TRIES) : steps;
+    const Steps shortest = run(steps) != 0 ? shrink_steps(steps, run, SHRINK_TRIES) : steps;
     ADD_FAILURE() << "seed " << seed << ": " << failure << "\n"
                   << shortest.size()
                   << " steps, which alone give: " << (last.empty() ? "no failure" : last) << "\n"
@@ -75,7 +79,9 @@ TEST_F(Model, RandomCallsAgreeWithPlainMemory) {
     played += steps.size();
     ModelPlayer player = new_player(true);
     const size_t taken = player.play(steps);
-    if (taken == 0) continue;
+    if (taken == 0) {
+      continue;
+    }
     steps.resize(std::min(taken, steps.size()));
     return report(seed, steps, player.failure());
   }
@@ -91,7 +97,7 @@ TEST_F(Model, ThreadsOnFilesOfTheirOwnAgreeWithPlainMemory) {
     std::string failure;
   } last[THREADS];
   std::vector<std::thread> threads;
-  for (unsigned t = 0; t < THREADS; t++)
+  for (unsigned t = 0; t < THREADS; t++) {
     threads.emplace_back([&, t] {
       auto& mine = last[t];
       mine.seed = first + t;
@@ -101,10 +107,18 @@ TEST_F(Model, ThreadsOnFilesOfTheirOwnAgreeWithPlainMemory) {
         ModelPlayer player = new_player(false);
         player.play(mine.steps);
         mine.failure = player.failure();
-        if (!mine.failure.empty()) return;
+        if (!mine.failure.empty()) {
+          return;
+        }
       }
     });
-  for (std::thread& thread : threads) thread.join();
-  for (const auto& mine : last)
-    if (!mine.failure.empty()) report(mine.seed, mine.steps, mine.failure);
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  for (const auto& mine : last) {
+    if (!mine.failure.empty()) {
+      report(mine.seed, mine.steps, mine.failure);
+    }
+  }
 }

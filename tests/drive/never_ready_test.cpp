@@ -1,4 +1,4 @@
-// A service that never says that it is ready: how long a start takes to give up.
+/* A service that never says that it is ready: how long a start takes to give up. */
 
 #include <gtest/gtest.h>
 #include <windows.h>

@@ -1,4 +1,6 @@
-// tnw_create, tnw_cleanup_file, tnw_close: handles, contexts, descriptors, what an answer carries.
+/*
+ * tnw_create, tnw_cleanup_file, tnw_close: handles, contexts, descriptors, what an answer carries.
+ */
 
 #include <gtest/gtest.h>
 #include <windows.h>
@@ -16,15 +18,18 @@ class Open : public testing::Test {
  protected:
   void SetUp() override { ASSERT_NE(drive.start(), nullptr); }
 
-  // The last request of an operation that came to the peer.
+  /* The last request of an operation that came to the peer. */
   PeerRequest last(ox_u32 opcode) {
     PeerRequest found;
-    for (const PeerRequest& r : drive.peer->requests())
-      if (r.opcode() == opcode) found = r;
+    for (const PeerRequest& r : drive.peer->requests()) {
+      if (r.opcode() == opcode) {
+        found = r;
+      }
+    }
     return found;
   }
 
-  // An open whose answer carries the handle of a new local file.
+  /* An open whose answer carries the handle of a new local file. */
   void* open_local(const std::string& content, ox_u32 accmode = 3) {
     tnv_wopen_resp answer = open_answer();
     answer.wopen_resp_handle = local_file(drive.folder / "local", content);
@@ -34,7 +39,7 @@ class Open : public testing::Test {
 
   bool is_open_handle(ox_u64 handle) {
     DWORD flags;
-    return GetHandleInformation(reinterpret_cast<HANDLE>(handle), &flags);
+    return GetHandleInformation(reinterpret_cast<HANDLE>(handle), &flags) != 0;
   }
 
   PeerDrive drive;
@@ -78,7 +83,9 @@ TEST_F(Open, SendsWhatTheCallerGave) {
 TEST_F(Open, HandsTheLastDescriptorOutAgainFirst) {
   drive.answer_opens(open_answer());
   void* files[3];
-  for (void*& file : files) file = drive.open("f");
+  for (void*& file : files) {
+    file = drive.open("f");
+  }
   EXPECT_EQ(last(TNV_OP_WIN_OPEN).msg().u.wopen.wopen_newfd, 2);
   tnw_close(files[0], nullptr);
   tnw_close(files[1], nullptr);
@@ -167,7 +174,9 @@ TEST_F(Open, ReleasesWhatAnUnauthorizedAnswerCarries) {
   carried.wopen_resp_rmap_size = 8;
   carried.wopen_resp_handle = local_file(drive.folder / "carried", "y");
   drive.peer->on_request([=](PeerConnection& conn) {
-    if (conn.opcode() != TNV_OP_WIN_OPEN) return conn.answer();
+    if (conn.opcode() != TNV_OP_WIN_OPEN) {
+      return conn.answer();
+    }
     tnv_resphdr header = conn.header(0, sizeof carried);
     header.rhdr_tn_unauthd = 1;
     conn.send(bytes_of(header) + bytes_of(carried) + Bytes(16));
@@ -183,7 +192,9 @@ TEST_F(Open, GivesTheLastFreeDescriptorToOneOfTwoThreads) {
   std::vector<void*> files;
   for (;;) {
     void* file = drive.open("f");
-    if (!file) break;
+    if (file == nullptr) {
+      break;
+    }
     files.push_back(file);
   }
   ASSERT_GE(files.size(), 100u);
@@ -197,6 +208,6 @@ TEST_F(Open, GivesTheLastFreeDescriptorToOneOfTwoThreads) {
     other.join();
     ASSERT_NE(got[0] == nullptr, got[1] == nullptr);
     EXPECT_EQ(errs[0] + errs[1], 24);
-    files.push_back(got[0] ? got[0] : got[1]);
+    files.push_back(got[0] != nullptr ? got[0] : got[1]);
   }
 }

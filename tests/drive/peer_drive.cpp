@@ -14,19 +14,23 @@ tnv_wopen_resp open_answer() {
   return opened;
 }
 
-// The log goes where LogCapture reads it only if that is opened before the first start.
+/* The log goes where LogCapture reads it only if that is opened before the first start. */
 PeerDrive::PeerDrive() : record(start_record(folder, beside_test("stand_in_service.exe"))) {
   LogCapture opens_the_log;
 }
 
 PeerDrive::~PeerDrive() {
-  if (drive) tnw_deinit_force(drive);
+  if (drive != nullptr) {
+    tnw_deinit_force(drive);
+  }
 }
 
 void* PeerDrive::start() {
   const std::string path = socket_path(record);
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  if (!peer) peer = std::make_unique<ScriptedPeer>(ScriptedPeer::answer_success, path);
+  if (!peer) {
+    peer = std::make_unique<ScriptedPeer>(ScriptedPeer::answer_success, path);
+  }
   std::string event = path;
   std::transform(event.begin(), event.end(), event.begin(), [](char c) {
     return c == '\\' ? '/' : c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
@@ -38,7 +42,9 @@ void* PeerDrive::start() {
 
 void PeerDrive::answer_opens(const tnv_wopen_resp& opened, const Bytes& maps, ox_u32 err) {
   peer->on_request([=](PeerConnection& conn) {
-    if (conn.opcode() != TNV_OP_WIN_OPEN) return conn.answer();
+    if (conn.opcode() != TNV_OP_WIN_OPEN) {
+      return conn.answer();
+    }
     conn.answer(err, opened);
     conn.send(maps);
   });

@@ -10,8 +10,8 @@ constexpr ox_u32 SHARES_DELETE = 4;
 
 /* The share bits that an access needs from the others. */
 ox_u32 needed(ox_u32 access) {
-  return (access & ACC_READ ? ox_u32{SHARE_READ} : 0) |
-         (access & ~ox_u32{ACC_READ} ? ox_u32{SHARE_WRITE} : 0);
+  return ((access & ACC_READ) != 0 ? ox_u32{SHARE_READ} : 0) |
+         ((access & ~ox_u32{ACC_READ}) != 0 ? ox_u32{SHARE_WRITE} : 0);
 }
 
 bool empties(ox_u32 disposition) {
@@ -53,11 +53,21 @@ int PlainDrive::open(size_t slot, const std::string& name, const OpenHow& how, o
   auto file = named(name);
   const bool existed = file != nullptr;
   const ox_u32 writes = empties(how.disposition) ? ox_u32{ACC_WRITE} : 0;
-  if (existed && how.disposition == CREATE) return ERROR_FILE_EXISTS;
-  if (!existed && !may_make(how.disposition)) return ERROR_FILE_NOT_FOUND;
-  if (existed && !shares(file, how.access | writes, how.share)) return ERROR_SHARING_VIOLATION;
-  if (!existed) file = files_[name] = std::make_shared<PlainFile>();
-  if (empties(how.disposition)) file->bytes.clear();
+  if (existed && how.disposition == CREATE) {
+    return ERROR_FILE_EXISTS;
+  }
+  if (!existed && !may_make(how.disposition)) {
+    return ERROR_FILE_NOT_FOUND;
+  }
+  if (existed && !shares(file, how.access | writes, how.share)) {
+    return ERROR_SHARING_VIOLATION;
+  }
+  if (!existed) {
+    file = files_[name] = std::make_shared<PlainFile>();
+  }
+  if (empties(how.disposition)) {
+    file->bytes.clear();
+  }
   opens_[slot] = {file, how.access, how.share, false};
   *last_error = existed && may_make(how.disposition) ? ERROR_ALREADY_EXISTS : 0;
   return 0;
@@ -77,7 +87,9 @@ void PlainDrive::write(size_t slot, size_t off, const std::string& data) {
 
 int PlainDrive::may_remove(const std::string& name) const {
   const auto file = named(name);
-  if (!file) return ERROR_FILE_NOT_FOUND;
+  if (!file) {
+    return ERROR_FILE_NOT_FOUND;
+  }
   const bool kept = std::any_of(opens_.begin(), opens_.end(), [&](const auto& item) {
     const Open& open = item.second;
     return open.file == file && open.counts() && !(open.share & SHARES_DELETE);
@@ -87,8 +99,12 @@ int PlainDrive::may_remove(const std::string& name) const {
 
 int PlainDrive::rename(const std::string& from, const std::string& to) {
   const int code = may_remove(from);
-  if (code || from == to) return code;
-  if (named(to)) return ERROR_FILE_EXISTS;
+  if (code != 0 || from == to) {
+    return code;
+  }
+  if (named(to)) {
+    return ERROR_FILE_EXISTS;
+  }
   files_[to] = files_[from];
   files_.erase(from);
   return 0;
@@ -96,7 +112,9 @@ int PlainDrive::rename(const std::string& from, const std::string& to) {
 
 int PlainDrive::remove(const std::string& name) {
   const int code = may_remove(name);
-  if (code) return code;
+  if (code != 0) {
+    return code;
+  }
   const auto file = named(name);
   file->lost = std::none_of(opens_.begin(), opens_.end(), [&](const auto& item) {
     return item.second.file == file && !item.second.cleaned;

@@ -17,24 +17,27 @@ constexpr DWORD STOP_LIMIT_MS = 20000;
 
 std::string counts_file(const TestFolder& folder) { return folder / "counts"; }
 
-// The address of a folder, percent-encoded, as the service's command line takes it.
+/* The address of a folder, percent-encoded, as the service's command line takes it. */
 std::string file_url(const std::string& path) {
   std::string url = "file:///";
   for (const char c : path) {
-    if (c == '\\')
+    if (c == '\\') {
       url += '/';
-    else if (isalnum(static_cast<unsigned char>(c)) || strchr("/:.-_", c))
+    } else if ((isalnum(static_cast<unsigned char>(c)) != 0) || strchr("/:.-_", c) != nullptr) {
       url += c;
-    else
+    } else {
       url += "%" + std::string{"0123456789ABCDEF"[(c >> 4) & 15], "0123456789ABCDEF"[c & 15]};
+    }
   }
   return url;
 }
 
 }  // namespace
 
-// A folder with a blank in its name. The log goes beside the test only if it is opened before the
-// first start.
+/*
+ * A folder with a blank in its name. The log goes beside the test only if it is opened before the
+ * first start.
+ */
 RealDrive::RealDrive() : record(start_record(folder, beside_test("tarnd.exe"))) {
   LogCapture opens_the_log;
   fs::create_directory(folder / "my cloud");
@@ -50,14 +53,18 @@ RealDrive::~RealDrive() { stop(); }
 bool RealDrive::start() {
   fs::remove(counts_file(folder));
   drive = init_drive(&record, &error);
-  if (!drive) return false;
+  if (drive == nullptr) {
+    return false;
+  }
   const DWORD pid = std::stoul("0" + read_file(cache_dir(record) + "\\tarnd_pid"));
   service_ = OpenProcess(PROCESS_ALL_ACCESS, FALSE, pid);
   return service_ != nullptr;
 }
 
-int RealDrive::stop() { return drive ? wait_for_service(tnw_deinit_force(drive)) : 0; }
-int RealDrive::stop_gently() { return drive ? wait_for_service(tnw_deinit(drive, false)) : 0; }
+int RealDrive::stop() { return drive != nullptr ? wait_for_service(tnw_deinit_force(drive)) : 0; }
+int RealDrive::stop_gently() {
+  return drive != nullptr ? wait_for_service(tnw_deinit(drive, false)) : 0;
+}
 
 int RealDrive::wait_for_service(int result) {
   drive = nullptr;
@@ -74,9 +81,12 @@ void RealDrive::kill_service() {
 ox_u64 RealDrive::count(const std::string& name) const {
   std::istringstream lines(read_file(counts_file(folder)));
   std::string found;
-  for (ox_u64 value; lines >> found >> value;)
-    if (found == name) return value;
-  return UINT64_MAX;  // not counted: none that a test expects
+  for (ox_u64 value; lines >> found >> value;) {
+    if (found == name) {
+      return value;
+    }
+  }
+  return UINT64_MAX; /* not counted: none that a test expects */
 }
 
 fs::path RealDrive::in_cloud(const std::string& name) const {
@@ -93,10 +103,15 @@ std::map<std::string, tnw_fileinfo> RealDrive::list(const std::string& path, int
   tnw_fileinfo entry = {};
   int err = -1;
   void* listing = tnw_findfirst(drive, path.c_str(), &entry, "test", &err);
-  for (; listing && !err; err = tnw_findnext(listing, &entry))
+  for (; listing != nullptr && err == 0; err = tnw_findnext(listing, &entry)) {
     found[{entry.fi_name, strnlen(entry.fi_name, sizeof entry.fi_name)}] = entry;
-  if (code) *code = err;
-  if (listing && tnw_findclose(listing) && code) *code = -1;
+  }
+  if (code != nullptr) {
+    *code = err;
+  }
+  if (listing != nullptr && tnw_findclose(listing) != 0 && code != nullptr) {
+    *code = -1;
+  }
   return found;
 }
 
@@ -117,16 +132,24 @@ void DriveFile::open(OpenHow how) {
                        how.disposition, how.flags, static_cast<int>(GetCurrentProcessId()), "test",
                        &error_);
   last_error_ = GetLastError();
-  if (handle_) slot_->opens++;
+  if (handle_ != nullptr) {
+    slot_->opens++;
+  }
 }
 
 int DriveFile::close() {
-  if (!handle_) return 0;
+  if (handle_ == nullptr) {
+    return 0;
+  }
   const std::lock_guard guard(slot_->lock);
   const int code = tnw_close(handle_, nullptr);
-  if (code) return code;
+  if (code != 0) {
+    return code;
+  }
   handle_ = nullptr;
-  if (--slot_->opens == 0) slot_->context = nullptr;
+  if (--slot_->opens == 0) {
+    slot_->context = nullptr;
+  }
   return 0;
 }
 
@@ -134,7 +157,9 @@ std::string DriveFile::read(ox_u64 off, ox_u64 len, int* code) const {
   std::string got(len, '\0');
   ox_s64 count = 0;
   const int err = tnw_read(handle_, got.data(), len, static_cast<ox_off>(off), &count, nullptr);
-  if (code) *code = err;
+  if (code != nullptr) {
+    *code = err;
+  }
   got.resize(static_cast<size_t>(count));
   return got;
 }
@@ -143,7 +168,9 @@ std::string DriveFile::read_all() const {
   std::string whole;
   for (;;) {
     const std::string piece = read(whole.size(), 10'000);
-    if (piece.empty()) return whole;
+    if (piece.empty()) {
+      return whole;
+    }
     whole += piece;
   }
 }
@@ -152,7 +179,9 @@ int DriveFile::write(ox_u64 off, const std::string& data) const {
   ox_s64 count = -1;
   const int code = tnw_write(handle_, const_cast<char*>(data.data()), data.size(),
                              static_cast<ox_off>(off), &count, nullptr);
-  if (code) return code;
+  if (code != 0) {
+    return code;
+  }
   return static_cast<size_t>(count) == data.size() ? 0 : -1;
 }
 

@@ -1,21 +1,23 @@
-// Many (CYCLES) opens, writes, reads past the end, closes, refused opens and listings leave nothing
-// behind: no handle, no runtime descriptor, no memory, in the client and in the service.
-//
-// What is counted. Handles: GetProcessHandleCount answers 0 under Wine, so the number of a fresh
-// handle stands for them: the lowest free one, which climbs with every handle that stays. So does
-// the number of a fresh runtime descriptor. Memory: the bytes in use on all heaps, which is exact
-// to a block (PrivateUsage is 0 under Wine), and with a wide margin PagefileUsage, which also sees
-// threads' stacks and whatever else is not on a heap. The service's handles: the number that a
-// handle gets when it is duplicated into the service.
-//
-// Each cycle is three requests and a write-back that the disk has confirmed. Under Wine that is
-// some 250 calls into its server: 3 ms on an idle machine and many times that on a busy one. So
-// the ordinary run makes some hundred cycles, which finds whatever each of them leaves, and the run
-// labelled slow the ten thousand.
+/*
+ * Many (CYCLES) opens, writes, reads past the end, closes, refused opens and listings leave nothing
+ * behind: no handle, no runtime descriptor, no memory, in the client and in the service.
+ *
+ * What is counted. Handles: GetProcessHandleCount answers 0 under Wine, so the number of a fresh
+ * handle stands for them: the lowest free one, which climbs with every handle that stays. So does
+ * the number of a fresh runtime descriptor. Memory: the bytes in use on all heaps, which is exact
+ * to a block (PrivateUsage is 0 under Wine), and with a wide margin PagefileUsage, which also sees
+ * threads' stacks and whatever else is not on a heap. The service's handles: the number that a
+ * handle gets when it is duplicated into the service.
+ *
+ * Each cycle is three requests and a write-back that the disk has confirmed. Under Wine that is
+ * some 250 calls into its server: 3 ms on an idle machine and many times that on a busy one. So
+ * the ordinary run makes some hundred cycles, which finds whatever each of them leaves, and the run
+ * labelled slow the ten thousand.
+ */
 
 #include <gtest/gtest.h>
 #include <windows.h>
-// after windows.h
+/* after windows.h */
 #include <fcntl.h>
 #include <io.h>
 #include <psapi.h>
@@ -48,7 +50,7 @@ size_t fresh_handle() {
   return reinterpret_cast<size_t>(fresh);
 }
 
-// There and back: a handle of another process is closed by taking it.
+/* There and back: a handle of another process is closed by taking it. */
 size_t fresh_handle_in(HANDLE process) {
   const HANDLE self = GetCurrentProcess();
   const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
@@ -68,8 +70,11 @@ size_t heap_bytes(HANDLE heap) {
   size_t bytes = 0;
   PROCESS_HEAP_ENTRY entry = {};
   HeapLock(heap);
-  while (HeapWalk(heap, &entry))
-    if (entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) bytes += entry.cbData;
+  while (HeapWalk(heap, &entry) != 0) {
+    if ((entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0) {
+      bytes += entry.cbData;
+    }
+  }
   HeapUnlock(heap);
   return bytes;
 }
@@ -78,7 +83,9 @@ size_t heap_bytes() {
   HANDLE heaps[64];
   const DWORD count = GetProcessHeaps(64, heaps);
   size_t bytes = 0;
-  for (DWORD i = 0; i < count && i < 64; i++) bytes += heap_bytes(heaps[i]);
+  for (DWORD i = 0; i < count && i < 64; i++) {
+    bytes += heap_bytes(heaps[i]);
+  }
   return bytes;
 }
 
@@ -93,7 +100,7 @@ Standing standing(const RealDrive& drive) {
           fresh_handle_in(drive.service())};
 }
 
-// Truncates through the descriptor that stays with the handle until the close.
+/* Truncates through the descriptor that stays with the handle until the close. */
 void cycle(RealDrive& drive, int number) {
   const std::string content = "content " + std::to_string(number);
   DriveFile file(drive, "folder\\file" + std::to_string(number % FILES),
@@ -111,7 +118,9 @@ void cycle(RealDrive& drive, int number) {
 }
 
 void cycles(RealDrive& drive, int from, int to) {
-  for (int i = from; i < to && !testing::Test::HasFatalFailure(); i++) cycle(drive, i);
+  for (int i = from; i < to && !testing::Test::HasFatalFailure(); i++) {
+    cycle(drive, i);
+  }
 }
 
 }  // namespace
@@ -119,7 +128,9 @@ void cycles(RealDrive& drive, int from, int to) {
 TEST(ServiceCycles, LeaveNothingBehind) {
   RealDrive drive;
   ASSERT_TRUE(drive.start()) << drive.error;
-  for (int i = 0; i < FILES; i++) drive.put("folder/file" + std::to_string(i), "before");
+  for (int i = 0; i < FILES; i++) {
+    drive.put("folder/file" + std::to_string(i), "before");
+  }
   cycles(drive, 0, WARM_UP);
   const Standing before = standing(drive);
   cycles(drive, WARM_UP, CYCLES);
@@ -127,7 +138,7 @@ TEST(ServiceCycles, LeaveNothingBehind) {
   ASSERT_NE(before.service_handles, 0u);
   ASSERT_GT(before.heap_bytes, 0u);
 
-  // Room for a worker thread that came or went meanwhile, and its connection.
+  /* Room for a worker thread that came or went meanwhile, and its connection. */
   EXPECT_LE(after.handles, before.handles + 16 * 4);
   EXPECT_LE(after.service_handles, before.service_handles + 16 * 4);
   EXPECT_EQ(after.descriptor, before.descriptor);

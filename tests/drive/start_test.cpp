@@ -1,4 +1,4 @@
-// Starting and stopping: names, files, events, retries, several drives on one service.
+/* Starting and stopping: names, files, events, retries, several drives on one service. */
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -18,7 +18,7 @@ namespace {
 constexpr int GAVE_UP = 31;
 const char EXHAUSTED[] = "3 tarnd init attempts exhausted. Requesting for classic DA fallback";
 
-// What tnw_init gives for a record that cannot start.
+/* What tnw_init gives for a record that cannot start. */
 int failed_start(tnw_tninit* record) {
   int err = -1;
   EXPECT_EQ(tnw_init(record, &err), nullptr);
@@ -30,13 +30,17 @@ std::string device_key(const tnw_tninit& record) {
          record.tnw_username;
 }
 
-// Ends the process, which stops its other threads where they stand, while one is inside tnw_init:
-// the service's process has begun and will never say that it is ready.
+/*
+ * Ends the process, which stops its other threads where they stand, while one is inside tnw_init:
+ * the service's process has begun and will never say that it is ready.
+ */
 [[noreturn]] void end_process_during_a_start(tnw_tninit record, const std::string& begun) {
   SetEnvironmentVariableA("STAND_IN_READY", nullptr);
   SetEnvironmentVariableA("STAND_IN_COMMAND", begun.c_str());
   std::thread([record]() mutable { tnw_init(&record, nullptr); }).detach();
-  while (!file_exists(begun)) Sleep(10);
+  while (!file_exists(begun)) {
+    Sleep(10);
+  }
   ExitProcess(3);
 }
 
@@ -44,7 +48,7 @@ std::string device_key(const tnw_tninit& record) {
 
 TEST(StartDeathTest, DoesNotHoldUpTheEndOfTheProcess) {
   TestFolder folder;
-  SetEnvironmentVariableA("TMP", folder.path().c_str());  // for the ending process's own folder
+  SetEnvironmentVariableA("TMP", folder.path().c_str()); /* for the ending process's own folder */
   const tnw_tninit record = start_record(folder, beside_test("stand_in_service.exe"));
   EXPECT_EXIT(end_process_during_a_start(record, folder / "begun"), testing::ExitedWithCode(3), "");
   SetEnvironmentVariableA("TMP", nullptr);
@@ -95,10 +99,10 @@ TEST(Start, RefusesASocketPathOf108AndTakesOneOf107) {
   dir.append(95 - dir.size(), 'd');
   set_field(drive.record.tnw_uds_workdir, dir);
   set_field(drive.record.tnw_workgroup_id, "g");
-  drive.record.tnw_user_id = 10000;  // 95 + "\g" + "\10000.sock" is 108
+  drive.record.tnw_user_id = 10000; /* 95 + "\g" + "\10000.sock" is 108 */
   ASSERT_EQ(socket_path(drive.record).size(), 108u);
   const std::string program = drive.record.tnw_binpath;
-  set_field(drive.record.tnw_binpath, "missing.exe");  // the start goes on without a socket path
+  set_field(drive.record.tnw_binpath, "missing.exe"); /* the start goes on without a socket path */
   EXPECT_EQ(failed_start(&drive.record), GAVE_UP);
   EXPECT_GE(log.count("Socket path does not fit in char[108]. Partial path " +
                       socket_path(drive.record).substr(0, 107) + "\""),
@@ -116,7 +120,9 @@ TEST(Start, AsksForTheFallbackThatAnotherPartyWants) {
   std::filesystem::create_directories(cache_dir(record));
   write_file(cache_dir(record) + "/tarnd_pid", "1");
   std::string name = cache_dir(record) + "/tfi.force_fallback";
-  for (char& c : name) c = c == '\\' ? '/' : static_cast<char>(tolower(c));
+  for (char& c : name) {
+    c = c == '\\' ? '/' : static_cast<char>(tolower(c));
+  }
   HANDLE wish = CreateEventA(nullptr, FALSE, FALSE, ("Global\\" + name).c_str());
   EXPECT_EQ(failed_start(&record), GAVE_UP);
   EXPECT_EQ(WaitForSingleObject(wish, 0), WAIT_OBJECT_0);
@@ -135,7 +141,9 @@ TEST(Start, FailsAnAttemptThatHadToWaitForAnOldService) {
                             OPEN_EXISTING, 0, nullptr);
   ASSERT_TRUE(LockFile(held, 0, 0, MAXDWORD, MAXDWORD));
   std::thread old_service([&] {
-    while (!log.count("tarnd is still running at")) Sleep(50);
+    while (log.count("tarnd is still running at") == 0) {
+      Sleep(50);
+    }
     CloseHandle(held);
   });
   drive.start();

@@ -1,6 +1,8 @@
-// tnw_read and tnw_write: what each answer of the service lets them do, and what they leave. Which
-// regions they ask for: bmap_test; that warm ones cost no message: drive_test; contents:
-// model_test.
+/*
+ * tnw_read and tnw_write: what each answer of the service lets them do, and what they leave. Which
+ * regions they ask for: bmap_test; that warm ones cost no message: drive_test; contents:
+ * model_test.
+ */
 
 #include <gtest/gtest.h>
 #include <windows.h>
@@ -17,8 +19,10 @@ class Transfer : public testing::Test {
  protected:
   void SetUp() override { ASSERT_NE(drive.start(), nullptr); }
 
-  // A file with this content and maps of 16 regions of 16 bytes, none of which is cached; then
-  // region requests are answered with these errors.
+  /*
+   * A file with this content and maps of 16 regions of 16 bytes, none of which is cached; then
+   * region requests are answered with these errors.
+   */
   void* open(ox_u32 fetch_err, ox_u32 report_err) {
     tnv_wopen_resp answer = open_answer();
     answer.wopen_resp_handle = local_file(local, CONTENT);
@@ -29,7 +33,9 @@ class Transfer : public testing::Test {
     void* file = drive.open("f");
     drive.peer->on_request([=](PeerConnection& conn) {
       const tnv_cache_region_resp fetched = {0, 1, CONTENT.size(), 0, {}};
-      if (conn.opcode() == TNV_OP_CACHE_REGION) return conn.answer(fetch_err, fetched);
+      if (conn.opcode() == TNV_OP_CACHE_REGION) {
+        return conn.answer(fetch_err, fetched);
+      }
       const bool report = conn.opcode() == TNV_OP_DIRTY_REGION;
       conn.answer(report ? report_err : 0, tnv_dirty_region_resp{});
     });

@@ -149,7 +149,9 @@ TEST(Text, Comparisons) {
       {"\u0130\u0307", "i\u0307", 1, 1},
       {"\u0130", "i\u0307\u0307", 1, 1},
       {"\u0130i", "i\u0307", 1, 1},
-      // Malformed: a stray or truncated sequence, an overlong one, a surrogate, too large a value.
+      /*
+       * Malformed: a stray or truncated sequence, an overlong one, a surrogate, too large a value.
+       */
       {"\x80", "\x80", 0, 0},
       {"\xff", "\xfe", 1, 1},
       {"a\xfc", "A\xfc", 1, 0},

@@ -124,7 +124,7 @@ bool can_lock(ox_tpool_t* tp) {
 void note_unlocked(void* args, const char* who) {
   auto* order = static_cast<call_order*>(args);
   EXPECT_TRUE(eventually([order] { return can_lock(order->tp); })) << who;
-  order->calls.push_back(std::string(who) + (order->notify->jn_done ? " done" : ""));
+  order->calls.push_back(std::string(who) + (order->notify->jn_done != 0 ? " done" : ""));
 }
 
 TEST(Tpool, InitRunsUnderTheLockAndDeinitAfterTheNotifierWithoutIt) {

@@ -1,5 +1,7 @@
-// A cached file as the library uses it: maps that go stale, a local file that is written behind the
-// service's back, several opens, kills and changes in the cloud, compared with plain memory.
+/*
+ * A cached file as the library uses it: maps that go stale, a local file that is written behind the
+ * service's back, several opens, kills and changes in the cloud, compared with plain memory.
+ */
 #include "cached_file.h"
 
 #include <gtest/gtest.h>
@@ -22,7 +24,7 @@ using tarnd::RegionAnswer;
 
 constexpr const char* kPath = "file";
 
-// The library's side of one open: its copies of the maps and its handle of the local file.
+/* The library's side of one open: its copies of the maps and its handle of the local file. */
 class Handle {
  public:
   Handle(std::shared_ptr<CachedFile> file, int shift, bool writable, bool truncate)
@@ -84,7 +86,7 @@ class Handle {
     modified = true;
   }
 
-  // Without a word to the service.
+  /* Without a word to the service. */
   void Resize(uint64_t size) {
     FILE_END_OF_FILE_INFO info = {};
     info.EndOfFile.QuadPart = static_cast<LONGLONG>(size);
@@ -137,7 +139,7 @@ class Handle {
 
 class CachedFileTest : public testing::Test {
  protected:
-  // A new start of the service; `content` is what the cloud has, when it was changed meanwhile.
+  /* A new start of the service; `content` is what the cloud has, when it was changed meanwhile. */
   void Reopen(int shift, std::optional<std::string> content = {}) {
     if (content) {
       cloud_.Set(kPath, *content);
@@ -162,14 +164,16 @@ class CachedFileTest : public testing::Test {
   RegionAnswer answer_;
 };
 
-// ------------------------------------------------------------------ the model
+/* ------------------------------------------------------------------ the model */
 
 class Model : public CachedFileTest, public testing::WithParamInterface<int> {
  protected:
   size_t Pick(size_t bound) { return random_() % bound; }
   std::string Data(size_t length) {
     std::string data(length, '\0');
-    for (char& c : data) c = static_cast<char>('a' + Pick(26));
+    for (char& c : data) {
+      c = static_cast<char>('a' + Pick(26));
+    }
     return data;
   }
   Handle& Any() { return *handles_[Pick(handles_.size())]; }
@@ -222,7 +226,7 @@ class Model : public CachedFileTest, public testing::WithParamInterface<int> {
     content_.resize(size, '\0');
     Any().SetSize(size);
   }
-  // A mark of read-only writes travels with the next close of a writable open.
+  /* A mark of read-only writes travels with the next close of a writable open. */
   void CloseOne() {
     const size_t index = Pick(handles_.size());
     Handle& handle = *handles_[index];
@@ -263,7 +267,9 @@ TEST_P(Model, EveryReadAndEveryWriteBackIsAsInPlainMemory) {
 }
 INSTANTIATE_TEST_SUITE_P(Shifts, Model, testing::Values(0, 3, 5, 20));
 
-// ------------------------------------------------------------------ what the model does not show
+/*
+ * ------------------------------------------------------------------ what the model does not show
+ */
 
 TEST_F(CachedFileTest, FetchesOnlyWhatIsAskedAndOnlyOnce) {
   Reopen(4, std::string(100, 'x'));
@@ -297,8 +303,10 @@ TEST_F(CachedFileTest, OnlyAnOpenWhoseContentIsGoneIsToldToDropItsMaps) {
   EXPECT_EQ(file_->CacheRegions(&before->part, 0, 1, false, &answer_), OX_ENOTTY);
 }
 
-// Each thread writes its own bytes, which share regions with those of the others, and closes with
-// write-backs in between.
+/*
+ * Each thread writes its own bytes, which share regions with those of the others, and closes with
+ * write-backs in between.
+ */
 TEST_F(CachedFileTest, ParallelOpensLoseNoByte) {
   constexpr size_t kThreads = 4;
   constexpr size_t kLength = 400;
@@ -313,10 +321,16 @@ TEST_F(CachedFileTest, ParallelOpensLoseNoByte) {
     }
   };
   std::vector<std::thread> threads;
-  for (size_t i = 0; i < kThreads; i++) threads.emplace_back(work, i);
-  for (std::thread& thread : threads) thread.join();
+  for (size_t i = 0; i < kThreads; i++) {
+    threads.emplace_back(work, i);
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
   std::string expected;
-  while (expected.size() < kLength) expected += "abcd";
+  while (expected.size() < kLength) {
+    expected += "abcd";
+  }
   EXPECT_EQ(cloud_.Content(kPath), expected);
 }
 
@@ -358,7 +372,7 @@ TEST_F(CachedFileTest, ContentsAreNeverMixed) {
   EXPECT_EQ(cloud_.Content(kPath), "minebbbbbbbbbbbb");
 }
 
-// As when the client's truncate request failed or never came.
+/* As when the client's truncate request failed or never came. */
 TEST_F(CachedFileTest, ASizeThatTheServiceWasNotToldOfIsWrittenBack) {
   const std::string old = "0123456789abcdef0123456789ABCDEF";
   for (const size_t size : {0, 5, 16, 20, 33, 100}) {

@@ -1,4 +1,4 @@
-// The cloud that is a directory, and the paths that lead into it.
+/* The cloud that is a directory, and the paths that lead into it. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -70,7 +70,7 @@ class CloudTest : public testing::Test {
   int Put(const std::string& path, const std::string& content) {
     return cloud_->Write(path, content.size(),
                          [&](uint64_t offset, void* buffer, size_t size, size_t* got) {
-                           *got = std::min(size, size_t{3});  // in many small pieces
+                           *got = std::min(size, size_t{3}); /* in many small pieces */
                            std::memcpy(buffer, content.data() + offset, *got);
                            return 0;
                          });
@@ -145,7 +145,7 @@ TEST_F(CloudTest, IdsFollowThePathAndVersionsTheContent) {
   EXPECT_TRUE(SameId(first.id, listed[0].id));
   EXPECT_TRUE(SameId(first.version, listed[0].version));
 
-  ASSERT_EQ(Put("file.TXT", "four"), 0);  // the same file, still with its own name
+  ASSERT_EQ(Put("file.TXT", "four"), 0); /* the same file, still with its own name */
   EXPECT_THAT(Names(""), UnorderedElementsAre("File.txt"));
   EXPECT_TRUE(SameId(first.id, Status("File.txt").id));
   EXPECT_FALSE(SameId(first.version, Status("File.txt").version));
@@ -224,7 +224,9 @@ TEST_F(CloudTest, RenamesAndDeletesAndSaysWhatIsWrong) {
 
 TEST_F(CloudTest, PathsMayBeLong) {
   std::vector<std::string> paths = {std::string(100, 'n')};
-  while (paths.size() < 6) paths.push_back(paths.back() + '/' + paths[0]);
+  while (paths.size() < 6) {
+    paths.push_back(paths.back() + '/' + paths[0]);
+  }
   for (const std::string& path : paths) {
     ASSERT_EQ(cloud_->MakeFolder(path), 0) << path;
   }
@@ -232,13 +234,15 @@ TEST_F(CloudTest, PathsMayBeLong) {
   EXPECT_EQ(Put(paths.back(), "deep"), 0);
   EXPECT_EQ(Get(paths.back()), "deep");
   EXPECT_THAT(Names(paths[5]), UnorderedElementsAre("file"));
-  for (; !paths.empty(); paths.pop_back()) {  // the standard library's removal knows none
+  for (; !paths.empty(); paths.pop_back()) { /* the standard library's removal knows none */
     EXPECT_EQ(cloud_->Delete(paths.back()), 0) << paths.back();
   }
 }
 
-// Windows refuses to replace a file that is open: our own readers must not make a write fail, and
-// must never see a mixture.
+/*
+ * Windows refuses to replace a file that is open: our own readers must not make a write fail, and
+ * must never see a mixture.
+ */
 TEST_F(CloudTest, ReadersAndWritersOfOneFile) {
   const std::string contents[] = {std::string(5000, 'a'), std::string(5000, 'b')};
   ASSERT_EQ(Put("file", contents[0]), 0);
@@ -247,7 +251,7 @@ TEST_F(CloudTest, ReadersAndWritersOfOneFile) {
   std::thread reader([&] {
     while (!done) {
       const std::string seen = Get("file", 0, 5000);
-      mixtures += seen != contents[0] && seen != contents[1];
+      mixtures += static_cast<__int_type>(seen != contents[0] && seen != contents[1]);
     }
   });
   for (int i = 1; i <= 20; i++) {

@@ -1,4 +1,4 @@
-// A cloud in memory, for tests: files only, each content with a version of its own.
+/* A cloud in memory, for tests: files only, each content with a version of its own. */
 #ifndef MEMORY_CLOUD_H
 #define MEMORY_CLOUD_H
 
@@ -12,7 +12,7 @@
 
 class MemoryCloud : public tarnd::Cloud {
  public:
-  // The content of a file; setting it is a change behind the cache.
+  /* The content of a file; setting it is a change behind the cache. */
   std::string Content(const std::string& path) {
     const std::lock_guard guard(lock_);
     return files_[path].content;
@@ -22,7 +22,7 @@ class MemoryCloud : public tarnd::Cloud {
     files_[path] = {content, ++versions_};
   }
 
-  // While set, every write fails with it.
+  /* While set, every write fails with it. */
   int write_error = 0;
   int writes = 0;
   int reads = 0;

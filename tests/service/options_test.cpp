@@ -1,4 +1,4 @@
-// The command line as the library composes it, and the environment.
+/* The command line as the library composes it, and the environment. */
 #include "options.h"
 
 #include <gmock/gmock.h>

@@ -1,4 +1,4 @@
-// Byte-range locks: who conflicts with whom.
+/* Byte-range locks: who conflicts with whom. */
 #include "range_locks.h"
 
 #include <gtest/gtest.h>

@@ -1,9 +1,9 @@
-// tarnd.exe as a process, and its protocol spoken by hand.
+/* tarnd.exe as a process, and its protocol spoken by hand. */
 #ifndef RAW_CLIENT_H
 #define RAW_CLIENT_H
 
 #include <winsock2.h>
-// after winsock2.h
+/* after winsock2.h */
 #include <afunix.h>
 #include <windows.h>
 
@@ -20,8 +20,10 @@
 
 using Variables = std::map<std::string, std::string>;
 
-// A running service. Its folders lie in `folder`: cloud, cache, sock; its counts in counts.txt. The
-// destructor ends it.
+/*
+ * A running service. Its folders lie in `folder`: cloud, cache, sock; its counts in counts.txt. The
+ * destructor ends it.
+ */
 class ServiceProcess {
  public:
   explicit ServiceProcess(std::string folder) : folder_(std::move(folder)) {}
@@ -34,8 +36,10 @@ class ServiceProcess {
   ServiceProcess(const ServiceProcess&) = delete;
   ServiceProcess& operator=(const ServiceProcess&) = delete;
 
-  // Starts tarnd.exe, which stands beside the test program, and waits for its ready event. False
-  // when it ended before.
+  /*
+   * Starts tarnd.exe, which stands beside the test program, and waits for its ready event. False
+   * when it ended before.
+   */
   bool Start(Variables variables = {}) {
     const HANDLE ready = CreateEventA(nullptr, FALSE, FALSE, EventName().c_str());
     ResetEvent(ready);
@@ -47,7 +51,7 @@ class ServiceProcess {
     startup.cb = sizeof startup;
     PROCESS_INFORMATION process = {};
     const bool made = CreateProcessA(nullptr, Line().data(), nullptr, nullptr, FALSE,
-                                     CREATE_NO_WINDOW, nullptr, nullptr, &startup, &process);
+                                     CREATE_NO_WINDOW, nullptr, nullptr, &startup, &process) != 0;
     for (const auto& [name, value] : variables) {
       SetEnvironmentVariableA(name.c_str(), nullptr);
     }
@@ -61,7 +65,7 @@ class ServiceProcess {
   }
   std::string socket_path() const { return folder_ + "\\sock\\tnvfs.sock"; }
   uint32_t pid() const { return pid_; }
-  // Waits for its end: the exit code.
+  /* Waits for its end: the exit code. */
   int Wait() {
     DWORD code = 0;
     const bool ended = WaitForSingleObject(process_, 30000) == WAIT_OBJECT_0;
@@ -70,7 +74,7 @@ class ServiceProcess {
     process_ = nullptr;
     return ended ? static_cast<int>(code) : -1;
   }
-  // "name value" lines of the counts file.
+  /* "name value" lines of the counts file. */
   std::map<std::string, uint64_t> Counts() const {
     std::ifstream file(folder_ + "\\counts.txt");
     std::map<std::string, uint64_t> counts;
@@ -107,15 +111,15 @@ class ServiceProcess {
 };
 
 struct RawAnswer {
-  bool came = false;  // else the connection was closed
+  bool came = false; /* else the connection was closed */
   tnv_resp resp = {};
-  cfs_id_t id = {};  // of the request
+  cfs_id_t id = {}; /* of the request */
   std::vector<uint8_t> bulk;
 
   int error() const { return came ? static_cast<int>(resp.rhdr.rhdr_errno) : -1; }
 };
 
-// How a file is opened.
+/* How a file is opened. */
 struct RawOpen {
   uint32_t access = 7;
   uint32_t share = 7;
@@ -123,11 +127,11 @@ struct RawOpen {
   uint32_t flags = 0;
 };
 
-// What an open gave.
+/* What an open gave. */
 struct RawFile {
   int error = -1;
   tnv_wopen_resp answer = {};
-  cfs_id_t id = {};  // of the open
+  cfs_id_t id = {}; /* of the open */
   int32_t fd = 0;
   std::vector<uint8_t> maps;
 
@@ -139,7 +143,7 @@ class RawConnection {
   using Payload = decltype(tnv_msg::u);
   using Fill = std::function<void(Payload&)>;
 
-  // Connects the socket only.
+  /* Connects the socket only. */
   explicit RawConnection(const ServiceProcess& service) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
@@ -157,7 +161,7 @@ class RawConnection {
     return send(socket_, static_cast<const char*>(data), static_cast<int>(size), 0) ==
            static_cast<int>(size);
   }
-  // Reads an answer with all that follows it.
+  /* Reads an answer with all that follows it. */
   RawAnswer Receive() {
     RawAnswer answer;
     tnv_resp& resp = answer.resp;
@@ -174,7 +178,7 @@ class RawConnection {
     answer.came = Read(answer.bulk.data(), answer.bulk.size());
     return answer;
   }
-  // One request with what follows its fixed part.
+  /* One request with what follows its fixed part. */
   RawAnswer Ask(uint32_t opcode, const Fill& fill = {}, const std::string& trailing = {}) {
     tnv_msg message = {};
     message.hdr.hdr_opcode = opcode;
@@ -190,7 +194,7 @@ class RawConnection {
     return answer;
   }
 
-  // The path operations count their texts with the NUL or without it.
+  /* The path operations count their texts with the NUL or without it. */
   RawAnswer Connect(const std::string& share = "/") {
     const auto fill = [&](Payload& u) {
       u.wconn.wconmsg_share_path_len = Length(share) + 1;
@@ -228,7 +232,7 @@ class RawConnection {
         opcode, [&](Payload& u) { u.wdelete.wdelete_msg_plen = Length(path); }, path + '\0');
   }
   int Delete(const std::string& path) { return PathRequest(TNV_OP_WIN_DELETE, path).error(); }
-  // The answered check, or an error as a negative number.
+  /* The answered check, or an error as a negative number. */
   int CanDelete(const std::string& path) {
     const RawAnswer answer = PathRequest(TNV_OP_WIN_CANDELETE, path);
     return answer.error() == 0 ? answer.resp.u.wcandel.wcandel_check : -answer.error();

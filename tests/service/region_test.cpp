@@ -1,5 +1,7 @@
-// Regions: the set of runs against a plain one, and the arithmetic of the store at its edges. What
-// the store decides in between is seen in cached_file_test.
+/*
+ * Regions: the set of runs against a plain one, and the arithmetic of the store at its edges. What
+ * the store decides in between is seen in cached_file_test.
+ */
 #include <gtest/gtest.h>
 
 #include <random>
@@ -29,9 +31,13 @@ TEST(RegionSet, AgreesWithAPlainSet) {
     }
     for (uint64_t from = 0; from < kSpace; from++) {
       uint64_t missing = from;
-      while (missing < kSpace && plain.contains(missing)) missing++;
+      while (missing < kSpace && plain.contains(missing)) {
+        missing++;
+      }
       uint64_t present = from;
-      while (present < kSpace && !plain.contains(present)) present++;
+      while (present < kSpace && !plain.contains(present)) {
+        present++;
+      }
       const Span gap = set.NextMissing({from, kSpace});
       const Span held = set.NextPresent({from, kSpace});
       ASSERT_EQ(gap.empty() ? kSpace : gap.first, missing) << "step " << step;

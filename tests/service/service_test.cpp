@@ -1,4 +1,4 @@
-// tarnd.exe from outside: its process, and every operation as bytes on the socket.
+/* tarnd.exe from outside: its process, and every operation as bytes on the socket. */
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -20,7 +20,7 @@ constexpr RawOpen kCreateNew{.disposition = 1};
 constexpr RawOpen kOpenAlways{.disposition = 4};
 constexpr uint32_t kModified = TNV_FL_MODIFIED;
 
-// As the client does: cached, reported, written.
+/* As the client does: cached, reported, written. */
 void Change(RawConnection& connection, const RawFile& file, uint32_t offset,
             const std::string& data) {
   ASSERT_EQ(connection.CacheRegion(file, offset, data.size()).error(), 0);
@@ -74,7 +74,7 @@ class ServiceTest : public testing::Test {
   std::unique_ptr<RawConnection> connection_;
 };
 
-// ------------------------------------------------------------------ the process
+/* ------------------------------------------------------------------ the process */
 
 TEST_F(ServiceTest, StartsOnceAndEndsWhenAsked) {
   StartAndConnect();
@@ -126,7 +126,7 @@ TEST_F(ServiceTest, SaysWhatItIsAndNumbersAndDelaysAnswersWhenTold) {
   EXPECT_GE(GetTickCount64() - start, 290u);
 }
 
-// ------------------------------------------------------------------ malformed requests
+/* ------------------------------------------------------------------ malformed requests */
 
 TEST_F(ServiceTest, LengthsThatCannotBeEndTheConnection) {
   StartAndConnect();
@@ -170,18 +170,22 @@ TEST_F(ServiceTest, AnyBytesLeaveItAlive) {
   std::minstd_rand random;
   for (uint32_t round = 0; round < 100; round++) {
     const uint32_t opcode = round % (TNV_OP_SHUTDOWN + 3);
-    if (opcode == TNV_OP_SHUTDOWN) continue;
+    if (opcode == TNV_OP_SHUTDOWN) {
+      continue;
+    }
     RawConnection connection(service_);
     connection.Connect();
     const auto fill = [&](Payload& u) {
-      for (ox_u8& byte : u.bytes) byte = static_cast<ox_u8>(random());
+      for (ox_u8& byte : u.bytes) {
+        byte = static_cast<ox_u8>(random());
+      }
     };
     connection.Ask(opcode, fill, {"some/path", 10});
   }
   EXPECT_EQ(connection_->Ask(TNV_OP_GET_VERSION).error(), 0);
 }
 
-// ------------------------------------------------------------------ files
+/* ------------------------------------------------------------------ files */
 
 TEST_F(ServiceTest, OpensCachesChangesCutsAndClosesAFile) {
   Put("a.txt", "0123456789abcdef0123456789ABCDEFxyz");
@@ -231,16 +235,18 @@ TEST_F(ServiceTest, RangeLocksBelongToOpens) {
   EXPECT_EQ(other.Lock(two, TN_SMBLK_SH_BRL, 0, 1), OX_EBADF);
 }
 
-// Waits for what the service does on its own.
+/* Waits for what the service does on its own. */
 bool Soon(const std::function<bool()>& happened) {
   for (int tries = 0; tries < 500; tries++) {
-    if (happened()) return true;
+    if (happened()) {
+      return true;
+    }
     Sleep(20);
   }
   return false;
 }
 
-// The part of another process, which the next test starts and kills.
+/* The part of another process, which the next test starts and kills. */
 TEST(KilledClient, DISABLED_HoldsAFile) {
   WSADATA data;
   WSAStartup(MAKEWORD(2, 2), &data);
@@ -286,7 +292,7 @@ TEST_F(ServiceTest, AKilledClientHoldsNothingAndLosesNothing) {
   EXPECT_EQ(CloseFile(exclusive) | CloseFile(file), 0);
 }
 
-// ------------------------------------------------------------------ names
+/* ------------------------------------------------------------------ names */
 
 TEST_F(ServiceTest, MakesFoldersAndKeepsThemApartFromFiles) {
   Put("file", "x");
@@ -361,7 +367,7 @@ TEST_F(ServiceTest, RenamesWhatItMay) {
   for (const auto& c : cases) {
     EXPECT_EQ(connection_->Rename(c.from, c.to), c.error) << c.from << " to " << c.to;
   }
-  EXPECT_EQ(connection_->List("/").size(), 3u);  // not looked at closer: Wine keeps the old case
+  EXPECT_EQ(connection_->List("/").size(), 3u); /* not looked at closer: Wine keeps the old case */
   EXPECT_EQ(Get("A.TXT"), "content");
 }
 
@@ -449,7 +455,7 @@ TEST_F(ServiceTest, TheShareIsARootThatListsByName) {
   EXPECT_EQ(share.Delete("/"), OX_EPERM);
 }
 
-// ------------------------------------------------------------------ credentials
+/* ------------------------------------------------------------------ credentials */
 
 TEST_F(ServiceTest, AnExpiredTokenStopsFileRequestsUntilTheNextOne) {
   Put("a.txt", "old");

@@ -1,4 +1,4 @@
-// A fresh folder with a short path (a socket's path ends at 107), removed with all in it.
+/* A fresh folder with a short path (a socket's path ends at 107), removed with all in it. */
 #ifndef SERVICE_TEST_FOLDER_H
 #define SERVICE_TEST_FOLDER_H
 

@@ -9,7 +9,7 @@
 namespace tnwlog {
 namespace {
 
-// What the lines below hold of people and their machines, in lower case.
+/* What the lines below hold of people and their machines, in lower case. */
 const std::vector<std::string> kSecrets = {
     "s3cret",   "jane",        "acme",     "janes-pc", "diary",   "winword",
     "proxyman", "6f1f2f1e",    "c0b7a1d4", "9440395a", "bob",     "4711",
@@ -86,7 +86,7 @@ TEST(Redactor, LetsNoSecretThrough) {
   }
 }
 
-// Every line cut at each place, and with each character damaged.
+/* Every line cut at each place, and with each character damaged. */
 TEST(Redactor, LetsNoSecretOfADamagedLineThrough) {
   for (const std::string& line : kLines) {
     if (line.size() > 2000) {

@@ -1,4 +1,4 @@
-// Lines as the library writes them, of a user Jane whose drive opens a file and reads it.
+/* Lines as the library writes them, of a user Jane whose drive opens a file and reads it. */
 #ifndef TESTS_TNWLOG_SAMPLE_LINES_H
 #define TESTS_TNWLOG_SAMPLE_LINES_H
 
@@ -19,7 +19,7 @@ inline const std::string kFso =
     R"("peid": "1dfcb4ca-9609-8e4d-8c8b-ce3cdf08764e", "fsostate":0, "pfsostate":0, "isdir":0, )"
     R"("fsoseqno":1})";
 
-// An event line of a request up to its arguments.
+/* An event line of a request up to its arguments. */
 inline std::string Event(const std::string& name, const std::string& id, int error = 0,
                          const std::string& connection = kConnection) {
   return kClock + R"("filename":"tnv_log_win.cpp", "line":245, )" + connection +

@@ -88,7 +88,7 @@ TEST(Trace, CountsWhatItCannotReadAndGoesOn) {
   EXPECT_EQ(trace.Requests().size(), 1u);
 }
 
-// A line that fits in very many ways must not take for ever.
+/* A line that fits in very many ways must not take for ever. */
 TEST(Trace, GivesUpOnLinesMadeToBeSlow) {
   std::string path;
   while (path.size() < 3500) {

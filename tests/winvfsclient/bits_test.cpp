@@ -15,7 +15,9 @@ using Regions = std::vector<bool>;
 std::vector<ox_u8> packed(const Regions& regions) {
   std::vector<ox_u8> map((regions.size() + 7) / 8);
   for (size_t r = 0; r < regions.size(); r++) {
-    if (regions[r]) map[r / 8] = static_cast<ox_u8>(map[r / 8] | 1 << r % 8);
+    if (regions[r]) {
+      map[r / 8] = static_cast<ox_u8>(map[r / 8] | 1 << r % 8);
+    }
   }
   return map;
 }
@@ -35,7 +37,9 @@ void check_range(int rshift, ox_u64 first, ox_u64 last, ox_u64 before, ox_u64 be
   }
   for (bool clear : {false, true}) {
     Regions expected(regions, clear);
-    for (ox_u64 r = first; r <= last; r++) expected[r] = !clear;
+    for (ox_u64 r = first; r <= last; r++) {
+      expected[r] = !clear;
+    }
     std::vector<ox_u8> map = packed(Regions(regions, clear));
     vfstnw_set_region_bits(map.data(), rshift, off, sz, clear);
     ASSERT_EQ(map, packed(expected)) << clear;
@@ -54,8 +58,12 @@ TEST(Bits, EveryRangeOfThreeBytesAtAnyShift) {
         check_range(rshift, first, last, 0, 0);
         check_range(rshift, first, last, others, 0);
         check_range(rshift, first, last, 0, others);
-        if (first < last) check_range(rshift, first, last, others, others);
-        if (testing::Test::HasFatalFailure()) return;
+        if (first < last) {
+          check_range(rshift, first, last, others, others);
+        }
+        if (testing::Test::HasFatalFailure()) {
+          return;
+        }
       }
     }
   }

@@ -324,7 +324,9 @@ TEST(RegionMaps, ADropIsSafeAgainstTestsOnOtherThreads) {
         }),
         std::thread([=] { vfstnw_remove_bmaps(fde); })};
     vfstnw_remove_bmaps(fde);
-    for (std::thread& thread : threads) thread.join();
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
     EXPECT_TRUE(file.is_dropped());
     EXPECT_EQ(fde->fdt_tnflags, TNV_FL_MODIFIED);
   }

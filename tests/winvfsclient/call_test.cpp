@@ -1,4 +1,4 @@
-// One exchange through an instance's pool: what cannot be begun is not waited for.
+/* One exchange through an instance's pool: what cannot be begun is not waited for. */
 
 #include "tnw_dll/tnw_call.h"
 
@@ -65,7 +65,9 @@ TEST_F(Call, ThatCannotBeQueuedGivesItsErrorAndClosesItsEvent) {
   EXPECT_EQ(exchange(), static_cast<ox_u32>(OX_EINVAL));
   const HANDLE before = next_handle();
   const int made_before = events_made;
-  for (int i = 0; i < 10; i++) EXPECT_EQ(exchange(), static_cast<ox_u32>(OX_EINVAL));
+  for (int i = 0; i < 10; i++) {
+    EXPECT_EQ(exchange(), static_cast<ox_u32>(OX_EINVAL));
+  }
   EXPECT_EQ(events_made, made_before + 10);
   EXPECT_EQ(next_handle(), before);
 }

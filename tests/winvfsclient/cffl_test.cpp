@@ -1,7 +1,9 @@
-// Cloud file lists: the walk, the reader against a scripted descriptor, the listings, and the
-// checks of tools/cfflprint beside the walk on damaged lists. A failed assertion of the walk is
-// thrown here instead of ending the process (the linker wraps it), so that what came before it can
-// be seen.
+/*
+ * Cloud file lists: the walk, the reader against a scripted descriptor, the listings, and the
+ * checks of tools/cfflprint beside the walk on damaged lists. A failed assertion of the walk is
+ * thrown here instead of ending the process (the linker wraps it), so that what came before it can
+ * be seen.
+ */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -212,10 +214,12 @@ TEST(Words, TheirTables) {
   EXPECT_STREQ(tn_print_permissions(8), "Invalid");
   EXPECT_STREQ(tn_pftype2string(24 + 2), "PRE-SEEDED");
   EXPECT_STREQ(tn_pfstate2string(64 + 7), "TN_PRESEEDING_FAILED");
-  for (int type = 3; type < 24; type++)
+  for (int type = 3; type < 24; type++) {
     EXPECT_EQ(tn_pftype2string(static_cast<ox_u8>(type)), nullptr);
-  for (int state = 8; state < 64; state++)
+  }
+  for (int state = 8; state < 64; state++) {
     EXPECT_EQ(tn_pfstate2string(static_cast<ox_u8>(state)), nullptr);
+  }
   tn_sbpflist_ent pinned[2];
   EXPECT_EQ(tn_get_next_pfent(pinned, nullptr), pinned);
   EXPECT_EQ(tn_get_next_pfent(pinned, pinned), pinned + 1);
@@ -429,9 +433,15 @@ TEST(Check, AgreesWithTheWalkOnDamagedLists) {
     for (size_t i = below(4); i > 0; i--) {
       put(bytes, words[below(std::size(words))], values[below(std::size(values))] + below(3) - 1);
     }
-    for (size_t i = below(4); i > 0; i--) bytes[below(bytes.size())] = static_cast<ox_u8>(random());
-    if (below(4) == 0) bytes.resize(below(bytes.size() + 400));
-    if (bytes.size() >= 1024 && below(4) != 0) put(bytes, size_at, ox_u64{bytes.size()});
+    for (size_t i = below(4); i > 0; i--) {
+      bytes[below(bytes.size())] = static_cast<ox_u8>(random());
+    }
+    if (below(4) == 0) {
+      bytes.resize(below(bytes.size() + 400));
+    }
+    if (bytes.size() >= 1024 && below(4) != 0) {
+      put(bytes, size_at, ox_u64{bytes.size()});
+    }
     bytes.shrink_to_fit();
     const bool can = cfflprint::CanBeWalked(cfflprint::CheckList(bytes));
     if (bytes.size() < 1024 || list_in(bytes)->cfh_head.cf_size > bytes.size()) {
@@ -449,7 +459,7 @@ TEST(Check, AgreesWithTheWalkOnDamagedLists) {
         tn_first_cfp_offset(list_in(bytes)) >= 1024) {
       EXPECT_EQ(can, did) << round;
     }
-    walkable += can;
+    walkable += static_cast<size_t>(can);
   }
   (void)testing::internal::GetCapturedStdout();
   ox_logfunc = nullptr;

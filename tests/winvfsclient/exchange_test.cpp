@@ -1,6 +1,6 @@
 /* The request exchange, the connect handshake and the jobs, against a scripted peer. */
 #include <winsock2.h>
-// after winsock2.h
+/* after winsock2.h */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <windows.h>
@@ -31,7 +31,9 @@ class Exchange : public testing::Test {
     ev.ev_resp = &resp;
     ev.ev_data = &fde;
     ev.ev_hdl = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-    for (ox_rwlock_t* lock : {&fde.fdt_rmap_lock, &fde.fdt_dmap_lock}) ox_init_rwlock(lock);
+    for (ox_rwlock_t* lock : {&fde.fdt_rmap_lock, &fde.fdt_dmap_lock}) {
+      ox_init_rwlock(lock);
+    }
     EXPECT_EQ(connect("share"), 0);
   }
 
@@ -224,7 +226,7 @@ TEST_F(Exchange, OpenReceivesBothMaps) {
   for (const ox_u32 success : {0u, 183u}) {
     peer.on_request([=](PeerConnection& conn) {
       tnv_resphdr hdr = conn.header(success, sizeof(tnv_wopen_resp));
-      hdr.rhdr_tn_unauthd = success != 0; /* its maps arrive all the same */
+      hdr.rhdr_tn_unauthd = static_cast<ox_u8>(success != 0); /* its maps arrive all the same */
       conn.send(bytes_of(hdr) + bytes_of(open_answer(8)) + Bytes(8, 0x0f));
       conn.send(Bytes(8, 0xf0));
     });
@@ -242,7 +244,9 @@ TEST_F(Exchange, OpenReceivesBothMaps) {
 
 TEST_F(Exchange, NothingFollowsARefusal) {
   peer.on_request([](PeerConnection& conn) {
-    if (conn.opcode() == TNV_OP_WIN_OPEN) return conn.answer(2, open_answer(8));
+    if (conn.opcode() == TNV_OP_WIN_OPEN) {
+      return conn.answer(2, open_answer(8));
+    }
     conn.answer(2, listing_of(5));
   });
   EXPECT_EQ(open(), 2u);
@@ -284,7 +288,9 @@ TEST_F(Exchange, AnOpenThatFailsHereClosesTheCarriedFileAndBreaksTheConnection) 
     EXPECT_EQ(fde.fdt_rmap, nullptr);
     EXPECT_EQ(fde.fdt_dmap, nullptr);
     expect_broken();
-    if (is_open(file)) CloseHandle(file);
+    if (is_open(file)) {
+      CloseHandle(file);
+    }
   }
 }
 

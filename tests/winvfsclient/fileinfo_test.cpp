@@ -35,7 +35,9 @@ class Entry {
 
 std::string digits() {
   std::string text;
-  for (int i = 0; i < 64; i++) text += "0f";
+  for (int i = 0; i < 64; i++) {
+    text += "0f";
+  }
   return text;
 }
 

@@ -20,7 +20,9 @@ class LogCapture {
     std::ifstream file(path());
     file.seekg(start_);
     std::vector<std::string> found;
-    for (std::string line; std::getline(file, line);) found.push_back(line);
+    for (std::string line; std::getline(file, line);) {
+      found.push_back(line);
+    }
     return found;
   }
 
@@ -35,8 +37,10 @@ class LogCapture {
  private:
   size_t count_both(const std::string& one, const std::string& other) const {
     size_t found = 0;
-    for (const std::string& line : lines())
-      found += line.find(one) != std::string::npos && line.find(other) != std::string::npos;
+    for (const std::string& line : lines()) {
+      found += static_cast<size_t>(static_cast<size_t>(line.find(one) != std::string::npos &&
+                                                       line.find(other) != std::string::npos));
+    }
     return found;
   }
   static const std::string& path();

@@ -1,7 +1,7 @@
 #include "scripted_peer.h"
 
 #include <winsock2.h>
-// after winsock2.h
+/* after winsock2.h */
 #include <afunix.h>
 #include <windows.h>
 
@@ -18,10 +18,14 @@ constexpr ox_u32 LONGEST_REQUEST = 1 << 20;
 SOCKET unix_socket(const std::string& path, sockaddr_un* addr) {
   *addr = {};
   addr->sun_family = AF_UNIX;
-  if (path.size() >= sizeof(addr->sun_path)) throw std::runtime_error("socket path too long");
+  if (path.size() >= sizeof(addr->sun_path)) {
+    throw std::runtime_error("socket path too long");
+  }
   memcpy(addr->sun_path, path.c_str(), path.size() + 1);
   const SOCKET sock = socket(AF_UNIX, SOCK_STREAM, 0);
-  if (sock == INVALID_SOCKET) throw std::runtime_error("no AF_UNIX socket");
+  if (sock == INVALID_SOCKET) {
+    throw std::runtime_error("no AF_UNIX socket");
+  }
   return sock;
 }
 
@@ -53,7 +57,9 @@ std::string PeerRequest::text() const {
 /* ------------------------------------------------------------------- one connection */
 
 PeerConnection::~PeerConnection() {
-  if (thread_.joinable()) thread_.join();
+  if (thread_.joinable()) {
+    thread_.join();
+  }
   close();
 }
 
@@ -75,14 +81,18 @@ void PeerConnection::send(const Bytes& bytes) {
   while (sent < bytes.size()) {
     const int count = ::send(sock_, reinterpret_cast<const char*>(bytes.data()) + sent,
                              static_cast<int>(bytes.size() - sent), 0);
-    if (count <= 0) return; /* the client went: the script need not care */
+    if (count <= 0) {
+      return; /* the client went: the script need not care */
+    }
     sent += static_cast<size_t>(count);
   }
 }
 
 void PeerConnection::close() {
   const std::lock_guard lock(mutex_);
-  if (sock_ == INVALID_SOCKET) return;
+  if (sock_ == INVALID_SOCKET) {
+    return;
+  }
   closesocket(sock_);
   sock_ = INVALID_SOCKET;
 }
@@ -103,25 +113,34 @@ void PeerConnection::stall() {
 void PeerConnection::hang_up() {
   const std::lock_guard lock(mutex_);
   hung_up_ = true;
-  if (sock_ != INVALID_SOCKET) shutdown(sock_, SD_BOTH);
+  if (sock_ != INVALID_SOCKET) {
+    shutdown(sock_, SD_BOTH);
+  }
 }
 
 /* A shutdown by another thread does not end a blocked recv everywhere, so this looks up now and
  * then. */
 bool PeerConnection::wait_readable() {
   WSAPOLLFD polled = {sock_, POLLRDNORM, 0};
-  while (!hung_up_)
-    if (WSAPoll(&polled, 1, 20) != 0) return true;
+  while (!hung_up_) {
+    if (WSAPoll(&polled, 1, 20) != 0) {
+      return true;
+    }
+  }
   return false;
 }
 
 bool PeerConnection::receive(ox_u8* data, size_t nbytes) {
   size_t got = 0;
   while (got < nbytes && sock_ != INVALID_SOCKET) {
-    if (!wait_readable()) return false;
+    if (!wait_readable()) {
+      return false;
+    }
     const int count =
         recv(sock_, reinterpret_cast<char*>(data) + got, static_cast<int>(nbytes - got), 0);
-    if (count <= 0) return false;
+    if (count <= 0) {
+      return false;
+    }
     got += static_cast<size_t>(count);
   }
   return got == nbytes;
@@ -129,9 +148,13 @@ bool PeerConnection::receive(ox_u8* data, size_t nbytes) {
 
 bool PeerConnection::receive_request() {
   request_.bytes.assign(sizeof(tnv_msg), 0);
-  if (!receive(request_.bytes.data(), sizeof(tnv_msg))) return false;
+  if (!receive(request_.bytes.data(), sizeof(tnv_msg))) {
+    return false;
+  }
   const ox_u32 len = request_.msg().hdr.hdr_len;
-  if (len < sizeof(tnv_msg) || len > LONGEST_REQUEST) return false;
+  if (len < sizeof(tnv_msg) || len > LONGEST_REQUEST) {
+    return false;
+  }
   request_.bytes.resize(len);
   return receive(request_.bytes.data() + sizeof(tnv_msg), len - sizeof(tnv_msg));
 }
@@ -193,7 +216,9 @@ void ScriptedPeer::resume() {
 
 void ScriptedPeer::hang_up() {
   const std::lock_guard lock(mutex_);
-  for (auto& conn : connections_) conn->hang_up();
+  for (auto& conn : connections_) {
+    conn->hang_up();
+  }
 }
 
 std::vector<PeerRequest> ScriptedPeer::requests() const {
@@ -218,7 +243,9 @@ void ScriptedPeer::accept_all() {
     const SOCKET sock = accept(listener_, nullptr, nullptr);
     const std::lock_guard lock(mutex_);
     if (ending_ || sock == INVALID_SOCKET) {
-      if (sock != INVALID_SOCKET) closesocket(sock);
+      if (sock != INVALID_SOCKET) {
+        closesocket(sock);
+      }
       return;
     }
     auto& conn = connections_.emplace_back(std::make_unique<PeerConnection>(*this, sock));

@@ -116,7 +116,9 @@ class Trace : public testing::Test {
   }
   Texts lines() const {
     Texts found;
-    for (const std::string& line : log_.lines()) found.push_back(masked(line));
+    for (const std::string& line : log_.lines()) {
+      found.push_back(masked(line));
+    }
     return found;
   }
   void trace(tnv_msg* msg, const tnv_resp& resp) {
@@ -195,16 +197,18 @@ TEST_F(Trace, StatShowsTheEntry) {
 /* Every operation's own lines: golden_test of the whole client. */
 TEST_F(Trace, WhatIsNoOperationHasNoLines) {
   ox_debug = 2;
-  for (const ox_u32 opcode : {ox_u32{TNV_OP_WIN_DISCONNECT}, ox_u32{TNV_OP_MAX}, 0xFFFFFFFF})
+  for (const ox_u32 opcode : {ox_u32{TNV_OP_WIN_DISCONNECT}, ox_u32{TNV_OP_MAX}, 0xFFFFFFFF}) {
     trace(Request(opcode).msg(), response(opcode));
+  }
   EXPECT_EQ(lines(), Texts());
 }
 
 TEST_F(Trace, CloseAndCleanupShowTheTargetPath) {
   vh_.vfs_target_path = "C:\\cache\\file";
   ox_debug = 2;
-  for (const ox_u32 opcode : {TNV_OP_WIN_CLOSE, TNV_OP_WIN_CLEANUP})
+  for (const ox_u32 opcode : {TNV_OP_WIN_CLOSE, TNV_OP_WIN_CLEANUP}) {
     trace(Request(opcode).msg(), response(opcode));
+  }
   EXPECT_NE(lines().at(0).find(" Message: close(path C:\\cache\\file, "), std::string::npos);
   EXPECT_NE(lines().at(2).find(" Message: cleanup(path C:\\cache\\file, "), std::string::npos);
 }
@@ -249,7 +253,7 @@ TEST_F(Trace, NothingOutsideAMessageIsRead) {
   const auto any_opcode = [&] { return static_cast<ox_u32>(random() % TNV_OP_MAX); };
   for (int i = 0; i < 2000; i++) {
     const size_t size = random() % 6;
-    Request request(0, std::string(size, 'x') + (i % 2 ? std::string("SECRET") : ""));
+    Request request(0, std::string(size, 'x') + ((i % 2) != 0 ? std::string("SECRET") : ""));
     tnv_resp resp;
     memset(&resp, 'r', sizeof(resp));
     memset(request.msg()->u.bytes, 'q', sizeof(request.msg()->u.bytes));
@@ -343,8 +347,12 @@ void trace_as(char letter, vfs_handle vh) {
 TEST_F(Trace, NoLineOfEightThreadsIsTornOrMixed) {
   ox_debug = 2;
   std::vector<std::thread> threads;
-  for (char letter = 'A'; letter <= 'H'; letter++) threads.emplace_back(trace_as, letter, vh_);
-  for (std::thread& thread : threads) thread.join();
+  for (char letter = 'A'; letter <= 'H'; letter++) {
+    threads.emplace_back(trace_as, letter, vh_);
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
   std::map<std::string, int> found;
   for (const std::string& line : log_.lines()) {
     const size_t at = line.find(R"("vfs_user":")");
@@ -356,7 +364,9 @@ TEST_F(Trace, NoLineOfEightThreadsIsTornOrMixed) {
     found[whole ? std::string(1, letter) + (event ? " event" : " request") : line]++;
   }
   EXPECT_EQ(found.size(), 16u) << testing::PrintToString(found);
-  for (const auto& [line, count] : found) EXPECT_EQ(count, 100) << line;
+  for (const auto& [line, count] : found) {
+    EXPECT_EQ(count, 100) << line;
+  }
 }
 
 /* ------------------------------------------------------------------- events */

@@ -1,6 +1,6 @@
 /* The socket transport against a scripted peer, and against polls that report what is rare. */
 #include <winsock2.h>
-// after winsock2.h
+/* after winsock2.h */
 #include <afunix.h>
 #include <gtest/gtest.h>
 #include <windows.h>
@@ -40,7 +40,9 @@ int WSAAPI close_and_count(SOCKET sock) {
   static const auto system_close = reinterpret_cast<decltype(&closesocket)>(
       reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ws2_32.dll"), "closesocket")));
   const int result = system_close(sock);
-  if (result != 0) failed_closes++;
+  if (result != 0) {
+    failed_closes++;
+  }
   closed_here.push_back(sock);
   return result;
 }
@@ -56,8 +58,12 @@ int WSAAPI WSAPoll(WSAPOLLFD* fds, ULONG count, INT timeout) {
       reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ws2_32.dll"), "WSAPoll")));
   polls++;
   last_events = fds->events;
-  if (made_up_polls.empty() && when_all_are_taken) std::exchange(when_all_are_taken, {})();
-  if (made_up_polls.empty()) return system_poll(fds, count, timeout);
+  if (made_up_polls.empty() && when_all_are_taken) {
+    std::exchange(when_all_are_taken, {})();
+  }
+  if (made_up_polls.empty()) {
+    return system_poll(fds, count, timeout);
+  }
   const MadeUpPoll poll = made_up_polls.front();
   made_up_polls.pop_front();
   fds->revents = static_cast<SHORT>(poll.revents);
@@ -76,7 +82,9 @@ struct Client {
     EXPECT_EQ(tnw_setup_socket(&vh, peer.path()), 0);
   }
   ~Client() {
-    if (fd() != -1 && is_open()) closesocket(static_cast<SOCKET>(vh.vfs_fd));
+    if (fd() != -1 && is_open()) {
+      closesocket(static_cast<SOCKET>(vh.vfs_fd));
+    }
   }
 
   int fd() const { return static_cast<int>(vh.vfs_fd); }
@@ -108,7 +116,9 @@ struct Client {
 
 Bytes pattern(size_t size) {
   Bytes bytes(size);
-  for (size_t i = 0; i < size; i++) bytes[i] = static_cast<ox_u8>(i * 7 + i / 251);
+  for (size_t i = 0; i < size; i++) {
+    bytes[i] = static_cast<ox_u8>(i * 7 + i / 251);
+  }
   return bytes;
 }
 
@@ -357,7 +367,9 @@ TEST_F(Transport, BrokenClientConnectionTouchesNoSocketAgain) {
   EXPECT_EQ(errno, OX_EOWNERDEAD);
   EXPECT_EQ(polls, polls_before);
   tnv_conn_break(&client.vh);
-  for (const SOCKET sock : others) EXPECT_EQ(closesocket(sock), 0) << "not closed a second time";
+  for (const SOCKET sock : others) {
+    EXPECT_EQ(closesocket(sock), 0) << "not closed a second time";
+  }
 }
 
 TEST_F(Transport, AnyFailureOfAClientConnectionClosesItOnce) {

@@ -73,7 +73,7 @@ class Checker {
     return fault == nullptr;
   }
 
-  // Whether they lead to the list's end.
+  /* Whether they lead to the list's end. */
   bool CheckEntries() {
     while (at_ != end_) {
       const uint64_t room = end_ - at_;
@@ -170,8 +170,8 @@ class Checker {
   const std::span<const uint8_t> bytes_;
   cfs_cffl list_;
   const cfs_cffl_header_v3& head_ = list_.cfh_head;
-  uint64_t at_ = 0;   // the entry
-  uint64_t end_ = 0;  // of the list, and not behind the file's
+  uint64_t at_ = 0;  /* the entry */
+  uint64_t end_ = 0; /* of the list, and not behind the file's */
   std::vector<uint64_t> entries_;
   uint64_t folders_ = 0;
   std::vector<Fault> faults_;

@@ -1,4 +1,4 @@
-// What is wrong with a cloud file list, found without trusting a byte of it.
+/* What is wrong with a cloud file list, found without trusting a byte of it. */
 #ifndef CFFLPRINT_LIST_CHECK_H
 #define CFFLPRINT_LIST_CHECK_H
 
@@ -10,16 +10,16 @@
 namespace cfflprint {
 
 struct Fault {
-  uint64_t offset;    // in bytes from the list's start
-  std::string where;  // the field, and the entry's number from 1
+  uint64_t offset;   /* in bytes from the list's start */
+  std::string where; /* the field, and the entry's number from 1 */
   std::string what;
-  bool fatal;  // the library would end the process over it, or wait for ever
+  bool fatal; /* the library would end the process over it, or wait for ever */
 };
 
-// Checks every offset, length, count and text of a list file's bytes, in the order of the file.
+/* Checks every offset, length, count and text of a list file's bytes, in the order of the file. */
 std::vector<Fault> CheckList(std::span<const uint8_t> bytes);
 
-// Whether the library can read, walk and print the list.
+/* Whether the library can read, walk and print the list. */
 bool CanBeWalked(const std::vector<Fault>& faults);
 
 }  // namespace cfflprint

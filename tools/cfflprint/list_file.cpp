@@ -15,8 +15,10 @@ namespace {
 
 using tnwsh::Failure;
 
-// The library takes paths in the process's code page, which our manifest makes UTF-8 where Windows
-// knows of that (from version 1903).
+/*
+ * The library takes paths in the process's code page, which our manifest makes UTF-8 where Windows
+ * knows of that (from version 1903).
+ */
 std::string CodePagePath(const std::string& path) {
   std::wstring wide;
   tarnd::WideFromUtf8(tnwsh::AbsolutePath(path), &wide);
@@ -37,7 +39,7 @@ std::string CodePagePath(const std::string& path) {
 }  // namespace
 
 ListFile::ListFile(const std::string& path) : path_(path) {
-  // The first to say, in words, why a file cannot be read; the library's errno says less.
+  /* The first to say, in words, why a file cannot be read; the library's errno says less. */
   tnwsh::LocalFile::OpenToRead(path);
   fd_ = ox_open(CodePagePath(path).c_str(), OX_O_RDONLY);
   if (fd_ < 0) {

@@ -1,4 +1,4 @@
-// A cloud file list in a file, through the library.
+/* A cloud file list in a file, through the library. */
 #ifndef CFFLPRINT_LIST_FILE_H
 #define CFFLPRINT_LIST_FILE_H
 
@@ -19,16 +19,18 @@ using List = std::unique_ptr<cfs_cffl, FreeList>;
 
 class ListFile {
  public:
-  // All throw a tnwsh::Failure. The path is UTF-8.
+  /* All throw a tnwsh::Failure. The path is UTF-8. */
   explicit ListFile(const std::string& path);
   ListFile(const ListFile&) = delete;
   ListFile& operator=(const ListFile&) = delete;
   ~ListFile();
 
-  // The bytes of the file, whatever they are.
+  /* The bytes of the file, whatever they are. */
   std::vector<uint8_t> Bytes() const;
-  // The list, where header and file agree on its size: the library would wait for missing bytes.
-  // Its entries are not looked at.
+  /*
+   * The list, where header and file agree on its size: the library would wait for missing bytes.
+   * Its entries are not looked at.
+   */
   List Read() const;
 
  private:

@@ -1,4 +1,4 @@
-// A cloud file list, and what is wrong with one, as JSON.
+/* A cloud file list, and what is wrong with one, as JSON. */
 #ifndef CFFLPRINT_LIST_JSON_H
 #define CFFLPRINT_LIST_JSON_H
 
@@ -10,7 +10,7 @@
 
 namespace cfflprint {
 
-// Bytes of names that are no UTF-8 become U+FFFD. The list must be one that can be walked.
+/* Bytes of names that are no UTF-8 become U+FFFD. The list must be one that can be walked. */
 std::string ListJson(const cfs_cffl* list);
 std::string FaultsJson(const std::string& path, const std::vector<Fault>& faults);
 

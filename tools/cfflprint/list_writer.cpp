@@ -6,13 +6,13 @@
 namespace cfflprint {
 namespace {
 
-// Longer texts are cut to leave room for their NUL; the field is zero already.
+/* Longer texts are cut to leave room for their NUL; the field is zero already. */
 template <size_t N>
 void Fill(char (&field)[N], const std::string& text) {
   memcpy(field, text.data(), std::min(text.size(), N - 1));
 }
 
-// Every record starts on a boundary of 8 bytes: the name's NUL is followed by up to 7 more.
+/* Every record starts on a boundary of 8 bytes: the name's NUL is followed by up to 7 more. */
 uint64_t RecordLength(const std::string& name) {
   return (sizeof(cfs_path) + name.size() + 1 + 7) / 8 * 8;
 }

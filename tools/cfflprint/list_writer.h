@@ -1,4 +1,4 @@
-// The bytes of a cloud file list, version 3.
+/* The bytes of a cloud file list, version 3. */
 #ifndef CFFLPRINT_LIST_WRITER_H
 #define CFFLPRINT_LIST_WRITER_H
 
@@ -10,7 +10,7 @@
 
 namespace cfflprint {
 
-// A list's entry, or its folder itself, which has no size and no checksum.
+/* A list's entry, or its folder itself, which has no size and no checksum. */
 struct Item {
   std::string name;
   bool folder = false;
@@ -23,7 +23,7 @@ struct Item {
   ox_timespec_t accessed = {};
 };
 
-// `user` owns everything. Texts that are longer than their fields are cut.
+/* `user` owns everything. Texts that are longer than their fields are cut. */
 std::vector<uint8_t> WriteList(const Item& folder, const std::vector<Item>& entries,
                                const std::string& user, ox_timespec_t now);
 

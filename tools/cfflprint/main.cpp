@@ -1,4 +1,4 @@
-// cfflprint: prints, checks and makes cloud file lists.
+/* cfflprint: prints, checks and makes cloud file lists. */
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
@@ -114,7 +114,7 @@ void Print(const cfs_cffl* list, const Options& options) {
   }
 }
 
-// The library ends the process over a damaged list: such a one does not get that far.
+/* The library ends the process over a damaged list: such a one does not get that far. */
 tools::ExitStatus CheckAndPrint(const ListFile& file, const Options& options) {
   const List list = file.Read();
   const auto* bytes = reinterpret_cast<const uint8_t*>(list.get());

@@ -18,7 +18,7 @@ namespace {
 
 using tnwsh::Failure;
 
-// What a file information's name holds with its NUL; the folder's own field is longer.
+/* What a file information's name holds with its NUL; the folder's own field is longer. */
 constexpr size_t kMaxName = 244;
 
 ox_timespec_t TimeOf(const FILETIME& time) {
@@ -29,7 +29,7 @@ ox_timespec_t TimeOf(const FILETIME& time) {
   return {(ticks - second) / 10000000, static_cast<ox_s32>(second * 100), 0};
 }
 
-// An identifier that is the same for the same text: a UUID of version 8, in the Windows layout.
+/* An identifier that is the same for the same text: a UUID of version 8, in the Windows layout. */
 cfs_id_t IdOf(std::string_view text) {
   Sha512 hash;
   hash.Add(text);
@@ -46,7 +46,7 @@ std::string_view BytesOf(const cfs_id_t& id) {
   return {reinterpret_cast<const char*>(id.id), sizeof(id.id)};
 }
 
-// Reads the whole file: its size and its checksum are those of the same bytes.
+/* Reads the whole file: its size and its checksum are those of the same bytes. */
 void FillFromContent(const std::string& path, Item* item) {
   auto file = tnwsh::LocalFile::OpenToRead(path);
   std::vector<char> buffer(1 << 20);
@@ -89,7 +89,7 @@ Item ItemOf(const std::string& folder, const cfs_id_t& folder_id, const WIN32_FI
   return item;
 }
 
-// The wide form of an absolute path, for calls that would otherwise end at 260 characters.
+/* The wide form of an absolute path, for calls that would otherwise end at 260 characters. */
 std::wstring VerbatimPath(const std::string& absolute) {
   std::wstring wide;
   tarnd::WideFromUtf8(absolute, &wide);
@@ -99,7 +99,7 @@ std::wstring VerbatimPath(const std::string& absolute) {
   return wide.starts_with(L"\\\\") ? L"\\\\?\\UNC" + wide.substr(1) : L"\\\\?\\" + wide;
 }
 
-// `folder` is absolute and ends without a backslash. Sorted by name, byte by byte.
+/* `folder` is absolute and ends without a backslash. Sorted by name, byte by byte. */
 std::vector<Item> ItemsOf(const std::string& folder, const cfs_id_t& folder_id) {
   WIN32_FIND_DATAW found;
   const HANDLE search = FindFirstFileW((VerbatimPath(folder) + L"\\*").c_str(), &found);
@@ -111,7 +111,7 @@ std::vector<Item> ItemsOf(const std::string& folder, const cfs_id_t& folder_id) 
     if (wcscmp(found.cFileName, L".") != 0 && wcscmp(found.cFileName, L"..") != 0) {
       all.push_back(found);
     }
-  } while (FindNextFileW(search, &found));
+  } while (FindNextFileW(search, &found) != 0);
   const DWORD end = GetLastError();
   FindClose(search);
   if (end != ERROR_NO_MORE_FILES) {
@@ -128,7 +128,8 @@ std::vector<Item> ItemsOf(const std::string& folder, const cfs_id_t& folder_id) 
 
 Item FolderItem(const std::string& folder) {
   WIN32_FILE_ATTRIBUTE_DATA data;
-  if (!GetFileAttributesExW((VerbatimPath(folder) + L'\\').c_str(), GetFileExInfoStandard, &data)) {
+  if (GetFileAttributesExW((VerbatimPath(folder) + L'\\').c_str(), GetFileExInfoStandard, &data) ==
+      0) {
     const DWORD error = GetLastError();
     if (GetFileAttributesW(VerbatimPath(folder).c_str()) != INVALID_FILE_ATTRIBUTES) {
       throw Failure(folder, "is a file, not a folder");

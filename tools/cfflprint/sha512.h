@@ -1,4 +1,4 @@
-// SHA-512 digests, made by Windows.
+/* SHA-512 digests, made by Windows. */
 #ifndef CFFLPRINT_SHA512_H
 #define CFFLPRINT_SHA512_H
 
@@ -12,13 +12,13 @@ class Sha512 {
  public:
   static constexpr size_t kSize = 64;
 
-  // All throw a std::runtime_error when Windows refuses.
+  /* All throw a std::runtime_error when Windows refuses. */
   Sha512();
   Sha512(const Sha512&) = delete;
   Sha512& operator=(const Sha512&) = delete;
   ~Sha512();
   void Add(std::string_view data);
-  // Once, at the end.
+  /* Once, at the end. */
   void Finish(uint8_t (&digest)[kSize]);
 
  private:

@@ -26,7 +26,7 @@ volatile std::sig_atomic_t interrupted = 0;
 
 void OnInterrupt(int) {
   interrupted = 1;
-  std::signal(SIGINT, SIG_DFL);  // a second one ends the program
+  std::signal(SIGINT, SIG_DFL); /* a second one ends the program */
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// What differs between Windows and the development host.
+/* What differs between Windows and the development host. */
 #ifndef TNWLOG_CONSOLE_H
 #define TNWLOG_CONSOLE_H
 
@@ -7,10 +7,10 @@
 
 namespace tnwlog {
 
-// Call once, first. The words of the command line after the program's name, UTF-8.
+/* Call once, first. The words of the command line after the program's name, UTF-8. */
 std::vector<std::string> SetUpConsole(int argc, char** argv);
 
-// Whether Ctrl-C was pressed.
+/* Whether Ctrl-C was pressed. */
 bool Interrupted();
 
 }  // namespace tnwlog

@@ -32,8 +32,10 @@ std::string NameOf(const fs::path& path) {
 
 #ifdef _WIN32
 
-// The runtime's own calls keep others from renaming the file, and read no further once they have
-// met its end.
+/*
+ * The runtime's own calls keep others from renaming the file, and read no further once they have
+ * met its end.
+ */
 HANDLE OpenShared(const std::string& file, DWORD access) {
   return CreateFileW(PathOf(file).c_str(), access,
                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
@@ -56,7 +58,7 @@ intptr_t OpenFile(const std::string& name) {
 
 size_t ReadFile(intptr_t file, char* buffer, size_t size, const std::string& name) {
   DWORD count = 0;
-  if (!::ReadFile(HandleOf(file), buffer, static_cast<DWORD>(size), &count, nullptr)) {
+  if (::ReadFile(HandleOf(file), buffer, static_cast<DWORD>(size), &count, nullptr) == 0) {
     Fail(name);
   }
   return count;
@@ -68,8 +70,9 @@ bool LeadsTo(const std::string& name, intptr_t file) {
   const HANDLE handle = OpenShared(name, 0);
   BY_HANDLE_FILE_INFORMATION there;
   BY_HANDLE_FILE_INFORMATION here;
-  const bool known = handle != INVALID_HANDLE_VALUE && GetFileInformationByHandle(handle, &there) &&
-                     GetFileInformationByHandle(HandleOf(file), &here);
+  const bool known = handle != INVALID_HANDLE_VALUE &&
+                     GetFileInformationByHandle(handle, &there) != 0 &&
+                     (GetFileInformationByHandle(HandleOf(file), &here) != 0);
   if (handle != INVALID_HANDLE_VALUE) {
     CloseHandle(handle);
   }
@@ -110,7 +113,7 @@ bool LeadsTo(const std::string& name, intptr_t file) {
 
 #endif
 
-// "tnvfs.3.log" is number 3 of the log "tnvfs.log", which itself is number 0.
+/* "tnvfs.3.log" is number 3 of the log "tnvfs.log", which itself is number 0. */
 struct Rotated {
   std::string log;
   unsigned number;
@@ -217,12 +220,12 @@ void Follower::Poll(const LineSink& sink) {
     try {
       reader_ = std::make_unique<LineReader>(file_);
     } catch (const std::system_error&) {
-      return;  // between a rotation's two steps
+      return; /* between a rotation's two steps */
     }
   }
   const bool is_renamed = reader_->IsRenamed();
   reader_->Read(sink);
-  if (is_renamed) {  // and so nothing more will be written to it
+  if (is_renamed) { /* and so nothing more will be written to it */
     reader_->Finish(sink);
     reader_.reset();
     Poll(sink);

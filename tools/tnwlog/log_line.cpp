@@ -9,7 +9,7 @@
 namespace tnwlog {
 namespace {
 
-// A longer line is cut.
+/* A longer line is cut. */
 constexpr size_t kLongestLine = 4095;
 
 #define COMMON R"({"asctime":"<t:time>", "level":"<w:level>", "filename":"<w>", "line":<d>, )"
@@ -35,7 +35,7 @@ const TextPattern& ClientPattern() {
   return pattern;
 }
 
-// Lines of the portability layer, by how they show their level.
+/* Lines of the portability layer, by how they show their level. */
 const std::vector<TextPattern>& LayerPatterns() {
   static const std::vector<TextPattern> patterns = {
       TextPattern("[<t:time> <d>] ERR:<d><_><w>:<d> <R:text>"),
@@ -113,7 +113,7 @@ bool IsDump(std::string_view line) {
 
 int HexDigit(char c) { return c <= '9' ? c - '0' : c - 'a' + 10; }
 
-// The next byte of a dump's row. Those above 0x7f have eight digits.
+/* The next byte of a dump's row. Those above 0x7f have eight digits. */
 std::optional<uint8_t> TakeByte(std::string_view* row) {
   row->remove_prefix(std::min(row->find_first_not_of(' '), row->size()));
   if (row->starts_with("ffffff")) {
@@ -131,7 +131,7 @@ uint32_t NumberAt(const uint8_t* bytes) {
   return bytes[0] | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 | uint32_t{bytes[3]} << 24;
 }
 
-// Ids are stored with their first three groups turned round.
+/* Ids are stored with their first three groups turned round. */
 constexpr std::array<int, 16> kByteOrder = {3, 2, 1, 0, 5, 4, 7, 6, 8, 9, 10, 11, 12, 13, 14, 15};
 
 RequestId IdFromBytes(const uint8_t* bytes) {
@@ -155,7 +155,7 @@ std::array<uint8_t, 16> BytesFromId(const RequestId& id) {
   return bytes;
 }
 
-// Requests have a fixed part of this size, and at most three texts behind it.
+/* Requests have a fixed part of this size, and at most three texts behind it. */
 constexpr uint32_t kShortestRequest = 504;
 constexpr uint32_t kLongestRequest = 1 << 16;
 
@@ -215,7 +215,7 @@ RequestId RequestIdOf(std::string_view text) {
 
 std::optional<DumpedRequest> DumpedRequestOf(std::string_view row) {
   if (row.size() < 9 || row[0] > '1' || row.substr(2, 7) != "000000 " || !IsHexRow(row)) {
-    return std::nullopt;  // as nearly all rows; the operation is below 0x20
+    return std::nullopt; /* as nearly all rows; the operation is below 0x20 */
   }
   std::array<uint8_t, 24> bytes;
   for (uint8_t& byte : bytes) {

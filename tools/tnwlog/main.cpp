@@ -1,4 +1,4 @@
-// tnwlog: reads the library's logs, tnvfs.log and its rotated files.
+/* tnwlog: reads the library's logs, tnvfs.log and its rotated files. */
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
@@ -34,14 +34,14 @@ using enum tools::ExitStatus;
 
 struct Options {
   std::vector<std::string> logs;
-  size_t slowest = 0;  // 0: the table
+  size_t slowest = 0; /* 0: the table */
   std::string request;
   std::string redacted;
   bool follow = false;
   bool json = false;
 };
 
-// Empty, or what is wrong with it.
+/* Empty, or what is wrong with it. */
 std::string CheckId(const std::string& id) {
   static const TextPattern request("<m>");
   static const TextPattern transaction("<d>");

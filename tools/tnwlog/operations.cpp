@@ -23,14 +23,14 @@ namespace {
 
 Operation Make(std::string_view event, std::string_view start, std::string_view request,
                std::string_view arguments) {
-  std::string_view name = event.substr(7);  // behind "TNV_OP_"
+  std::string_view name = event.substr(7); /* behind "TNV_OP_" */
   if (name.starts_with("WIN_")) {
     name.remove_prefix(4);
   }
   return {name, event, start, TextPattern(request), TextPattern(arguments)};
 }
 
-// In the order of the operation codes, then those without one.
+/* In the order of the operation codes, then those without one. */
 std::vector<Operation> MakeOperations() {
   return {
       Make("TNV_OP_WIN_CONNECT", "Message: connect(",

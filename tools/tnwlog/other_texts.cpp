@@ -1,5 +1,7 @@
-// The texts of the lines that are neither requests nor events. What is not here loses its text in a
-// redacted copy: a new log text of the library that says something worth sharing is added here.
+/*
+ * The texts of the lines that are neither requests nor events. What is not here loses its text in a
+ * redacted copy: a new log text of the library that says something worth sharing is added here.
+ */
 #include "operations.h"
 
 namespace tnwlog {
@@ -8,7 +10,7 @@ const std::vector<TextPattern>& OtherTexts() {
   static const std::vector<TextPattern> texts = [] {
     std::vector<TextPattern> patterns;
     for (const char* text : {
-             // Requests and connections.
+             /* Requests and connections. */
              "id <m:id>, opcode <d:opcode>, len <d>, errno <d:errno>",
              "Could not send messages id <m>, opcode <d>, len <d>. Requesting client to "
              "reinitialize.",
@@ -45,7 +47,7 @@ const std::vector<TextPattern>& OtherTexts() {
              "Failed to update token",
              "Failed to update proxy",
              "Unusable region shift <d>.",
-             // Starting and stopping.
+             /* Starting and stopping. */
              "Start tarnd with cmd: <P> --cfs <P> --user <N> --cache \"<P>\" --addr <P> --confaddr "
              "<P> --tn-devid <N> --da-devid <N> --access-token <S> --logfile \"<P>\" --vfs <S>",
              "Client log initialized at <P>",
@@ -100,7 +102,7 @@ const std::vector<TextPattern>& OtherTexts() {
              "cannot open <P>",
              "Invalid drive handle passed",
              "Drive handle is not associated with any tninstance",
-             // Files.
+             /* Files. */
              "Get file info for <P>",
              "Server returned error for open msg.",
              "Failed to send open message.",
@@ -157,7 +159,7 @@ const std::vector<TextPattern>& OtherTexts() {
              "error reading <d> bytes cffl from fd <d>",
              "error reading cffl header from fd <d>",
              "ox_ftruncate: Cannot truncate fd <d> to <d>",
-             // The thread pool and the locks.
+             /* The thread pool and the locks. */
              "Thread pool [<N>] created.",
              "Thread pool [<N>] pausing.",
              "Thread pool [<N>] resuming.",

@@ -10,11 +10,11 @@ namespace {
 
 constexpr std::string_view kRemoved = "[removed]";
 
-// What the library itself puts in a name's or path's place.
+/* What the library itself puts in a name's or path's place. */
 constexpr std::array<std::string_view, 6> kNoNames = {"", ".", "..", "*", "(null)", "[unknown]"};
 constexpr std::array<std::string_view, 3> kSchemes = {"file:", "http:", "https:"};
 
-// Extensions that tell the kind of a file and nothing of its owner.
+/* Extensions that tell the kind of a file and nothing of its owner. */
 constexpr std::array<std::string_view, 44> kExtensions = {
     "7z",   "ai",   "avi",  "bak", "bin", "bmp", "cpp", "csv", "dat",  "db",   "dll",
     "doc",  "docx", "dwg",  "eml", "exe", "gif", "gz",  "h",   "htm",  "html", "ini",
@@ -151,7 +151,7 @@ std::string Redactor::EventArguments(const LogLine& line) {
   return fmt::format(", \"vfs_args\":\"{}\"}}", kRemoved);
 }
 
-// Dumps hold names, tokens and passwords. What binds a request's line to its id is kept.
+/* Dumps hold names, tokens and passwords. What binds a request's line to its id is kept. */
 std::optional<std::string> Redactor::DumpRow(std::string_view row) {
   const std::optional<DumpedRequest> request = DumpedRequestOf(row);
   if (!request) {

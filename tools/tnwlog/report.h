@@ -1,4 +1,4 @@
-// What a trace says, for people and for programs.
+/* What a trace says, for people and for programs. */
 #ifndef TNWLOG_REPORT_H
 #define TNWLOG_REPORT_H
 
@@ -14,22 +14,22 @@ struct OperationSummary {
   uint64_t count = 0;
   uint64_t errors = 0;
   uint64_t unanswered = 0;
-  std::vector<int64_t> micros;  // ascending; of those whose response time is known
+  std::vector<int64_t> micros; /* ascending; of those whose response time is known */
 
-  // The response time that this share of the requests did not exceed; -1 without any.
+  /* The response time that this share of the requests did not exceed; -1 without any. */
   int64_t Percentile(unsigned percent) const;
 };
 
-// Those operations that the log has, in the order of their codes.
+/* Those operations that the log has, in the order of their codes. */
 std::vector<OperationSummary> Summarize(const Trace& trace);
-// The slowest requests, the slowest first.
+/* The slowest requests, the slowest first. */
 std::vector<Request> Slowest(const Trace& trace, size_t count);
 
-// Each ends with a line end.
+/* Each ends with a line end. */
 std::string TableText(const Trace& trace);
 std::string SlowestText(const Trace& trace, size_t count);
 std::string RequestText(const Trace& trace, const Request& request);
-std::string LinesText(const Trace& trace);  // how many lines, and how many could not be read
+std::string LinesText(const Trace& trace); /* how many lines, and how many could not be read */
 
 std::string TableJson(const Trace& trace);
 std::string SlowestJson(const Trace& trace, size_t count);

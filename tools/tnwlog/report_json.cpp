@@ -7,7 +7,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// What is not UTF-8 in a log is shown by the replacement character.
+/* What is not UTF-8 in a log is shown by the replacement character. */
 std::string Dump(const Json& json, int indent) {
   return json.dump(indent, ' ', false, Json::error_handler_t::replace) + '\n';
 }
@@ -27,7 +27,7 @@ Json JsonOf(const OperationSummary& summary) {
           {"max_ms", Milliseconds(summary.Percentile(100))}};
 }
 
-// Times are milliseconds since 1970 on the clock of the log, which tells no time zone.
+/* Times are milliseconds since 1970 on the clock of the log, which tells no time zone. */
 Json JsonOf(const Trace& trace, const Request& request) {
   return {{"time", request.time},
           {"operation", Operations()[request.operation].name},

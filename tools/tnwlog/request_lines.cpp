@@ -11,10 +11,10 @@
 namespace tnwlog {
 namespace {
 
-// By what a line is known to belong to the request.
+/* By what a line is known to belong to the request. */
 struct Marks {
   std::set<std::string> texts;
-  std::set<uint64_t> lines;  // their numbers, from 1
+  std::set<uint64_t> lines; /* their numbers, from 1 */
 };
 
 void AddRequest(const RequestId& id, uint64_t line, uint64_t utxid, Marks* marks) {

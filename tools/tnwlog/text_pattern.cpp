@@ -14,7 +14,9 @@ bool IsWord(char c) {
          c == '+' || c == '-';
 }
 
-// The length of `shape` when the text begins so: '0' stands for a digit, 'x' for a hexadecimal one.
+/*
+ * The length of `shape` when the text begins so: '0' stands for a digit, 'x' for a hexadecimal one.
+ */
 size_t ShapeLength(std::string_view text, std::string_view shape) {
   if (text.size() < shape.size()) {
     return kNone;
@@ -47,7 +49,7 @@ size_t NumberLength(std::string_view text) {
 
 size_t NotEmpty(size_t length) { return length > 0 ? length : kNone; }
 
-// How far a value of bounded shape reaches, kNone when the text does not begin with one.
+/* How far a value of bounded shape reaches, kNone when the text does not begin with one. */
 size_t ValueLength(Kind kind, std::string_view text) {
   switch (kind) {
     case Kind::kTime:
@@ -103,8 +105,10 @@ TextPattern::TextPattern(std::string_view text) {
   }
 }
 
-// One attempt. Backtracks where free text may end in several places, within a budget that no line
-// but one made for it exceeds.
+/*
+ * One attempt. Backtracks where free text may end in several places, within a budget that no line
+ * but one made for it exceeds.
+ */
 class TextPattern::Matcher {
  public:
   Matcher(const std::vector<Element>& elements, std::string_view text, Pieces* pieces, bool cut)
@@ -185,7 +189,7 @@ class TextPattern::Matcher {
     return false;
   }
 
-  // Whether a cut text ends within this element.
+  /* Whether a cut text ends within this element. */
   bool EndsIn(const Element& element, size_t at) {
     const std::string_view rest = text_.substr(at);
     if (IsFreeText(element.kind) ||

@@ -5,7 +5,7 @@
 namespace tnwlog {
 namespace {
 
-// A request line whose dump is not there any more must not be kept for ever.
+/* A request line whose dump is not there any more must not be kept for ever. */
 constexpr size_t kMostTexts = 256;
 constexpr std::string_view kUnknownPath = "[unknown]";
 constexpr std::string_view kNoFile = "00000000-0000-0000-0000-000000000000";
@@ -103,7 +103,7 @@ void Trace::AddEvent(const LogLine& line) {
   from_headers_.erase(header);
 }
 
-// Most events name a file by its id alone; those of its opening and listing name the path too.
+/* Most events name a file by its id alone; those of its opening and listing name the path too. */
 uint32_t Trace::PathOfEvent(const LogLine& line) {
   Operations()[line.operation].event_arguments.Match(line.text, &pieces_, line.is_cut);
   const std::string_view path = ValueOf(pieces_, "path");

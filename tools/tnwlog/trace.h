@@ -1,4 +1,4 @@
-// The requests of a log, put together from its lines.
+/* The requests of a log, put together from its lines. */
 #ifndef TNWLOG_TRACE_H
 #define TNWLOG_TRACE_H
 
@@ -13,41 +13,43 @@
 
 namespace tnwlog {
 
-// A request that was answered, or a call that the client answered itself.
+/* A request that was answered, or a call that the client answered itself. */
 struct Request {
   OperationCode operation;
-  uint32_t error;  // as in the log: an errno of the service's
-  int64_t time;    // when it was answered (TimeOf)
-  int64_t micros;  // the response time; -1 when the log does not tell
-  uint64_t utxid;  // 0: none
-  RequestId id;    // all zero characters: the client answered
-  uint32_t path;   // an index for PathOf
-  uint64_t line;   // the number of the line that tells that it is sent, from 1; 0: none
+  uint32_t error; /* as in the log: an errno of the service's */
+  int64_t time;   /* when it was answered (TimeOf) */
+  int64_t micros; /* the response time; -1 when the log does not tell */
+  uint64_t utxid; /* 0: none */
+  RequestId id;   /* all zero characters: the client answered */
+  uint32_t path;  /* an index for PathOf */
+  uint64_t line;  /* the number of the line that tells that it is sent, from 1; 0: none */
   bool has_id() const { return id[0] != '\0'; }
-  // An OPEN that found an existing file says so by this number.
+  /* An OPEN that found an existing file says so by this number. */
   bool failed() const { return error != 0 && !(operation == kOpen && error == 183); }
 };
 
-// A request that was sent and has no answer in the log.
+/* A request that was sent and has no answer in the log. */
 struct Unanswered {
   OperationCode operation;
   int64_t time;
   uint32_t path;
-  uint64_t line;  // as in Request
+  uint64_t line; /* as in Request */
 };
 
-// Adds up lines, in the order in which they were logged.
-//
-// An event tells all of a request. Without events (a service that gives no transaction ids) the
-// response headers of debug level 3 serve, whose response time is the distance of two lines: a
-// request's line carries no id, but the dump that follows it does. Where several threads send the
-// same operation at the same moment, their request lines may be taken for each other.
+/*
+ * Adds up lines, in the order in which they were logged.
+ *
+ * An event tells all of a request. Without events (a service that gives no transaction ids) the
+ * response headers of debug level 3 serve, whose response time is the distance of two lines: a
+ * request's line carries no id, but the dump that follows it does. Where several threads send the
+ * same operation at the same moment, their request lines may be taken for each other.
+ */
 class Trace {
  public:
   void Add(std::string_view line);
 
   const std::vector<Request>& Requests() const { return requests_; }
-  // By id. Empty unless the log shows that answers are logged.
+  /* By id. Empty unless the log shows that answers are logged. */
   std::vector<std::pair<RequestId, Unanswered>> UnansweredRequests() const;
   std::string_view PathOf(uint32_t path) const { return paths_[path]; }
 
@@ -73,13 +75,13 @@ class Trace {
   bool has_headers_ = false;
   LogLine line_;
   Pieces pieces_;
-  std::vector<std::deque<Unanswered>> texts_{kServiceOperations};  // whose dump has not come
+  std::vector<std::deque<Unanswered>> texts_{kServiceOperations}; /* whose dump has not come */
   std::unordered_map<RequestId, Unanswered, IdHash> sent_;
-  std::unordered_map<RequestId, size_t, IdHash> from_headers_;  // whose event has not come
+  std::unordered_map<RequestId, size_t, IdHash> from_headers_; /* whose event has not come */
   std::vector<Request> requests_;
   std::vector<std::string> paths_{""};
   std::unordered_map<std::string, uint32_t> path_indexes_{{"", 0}};
-  std::unordered_map<std::string, uint32_t> paths_of_files_;  // by the file's id
+  std::unordered_map<std::string, uint32_t> paths_of_files_; /* by the file's id */
 };
 
 }  // namespace tnwlog

@@ -1,4 +1,4 @@
-// What the commands' operations may answer: for their failures, and for the end of their help.
+/* What the commands' operations may answer: for their failures, and for the end of their help. */
 #ifndef TNWSH_ANSWERS_H
 #define TNWSH_ANSWERS_H
 
@@ -6,9 +6,9 @@
 
 namespace tnwsh {
 
-// Of every operation on the drive; an operation's own meaning of a code goes before.
+/* Of every operation on the drive; an operation's own meaning of a code goes before. */
 inline constexpr Answer kDriveAnswers[] = {{kUnauthorised, nullptr}, {kConnectionBroken, nullptr}};
-// Of every operation on a path.
+/* Of every operation on a path. */
 inline constexpr Answer kPathAnswers[] = {
     {2, "there is no such file or folder"},
     {5, "the path leads out of the drive's folder, or the cloud denies access"},

@@ -21,7 +21,7 @@ struct Command {
   const char* name;
   const char* help;
   void (*declare)(CLI::App* command, Action* action);
-  // What it may answer; of several tables that know a code the first one counts.
+  /* What it may answer; of several tables that know a code the first one counts. */
   std::initializer_list<Answers> answers;
   const char* details = "";
 };
@@ -121,7 +121,7 @@ std::string Footer(const Command& command) {
 }  // namespace
 
 void DeclareCommands(CLI::App* app, Action* action) {
-  app->allow_windows_style_options(false);  // "/docs" is a path
+  app->allow_windows_style_options(false); /* "/docs" is a path */
   for (const Command& command : kCommands) {
     CLI::App* parser = app->add_subcommand(command.name, command.help);
     parser->group("Commands");

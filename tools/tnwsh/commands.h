@@ -1,5 +1,7 @@
-// The commands, the same on the command line and at the prompt. A new one is a line in the table of
-// commands.cpp and a Declare function in the file of its group.
+/*
+ * The commands, the same on the command line and at the prompt. A new one is a line in the table of
+ * commands.cpp and a Declare function in the file of its group.
+ */
 #ifndef TNWSH_COMMANDS_H
 #define TNWSH_COMMANDS_H
 
@@ -13,13 +15,13 @@ class App;
 
 namespace tnwsh {
 
-// What a parsed command does. It throws a Failure, or a UsageError.
+/* What a parsed command does. It throws a Failure, or a UsageError. */
 using Action = std::function<void(Shell&)>;
 
-// Adds every command to `app`; parsing a command sets `*action`.
+/* Adds every command to `app`; parsing a command sets `*action`. */
 void DeclareCommands(CLI::App* app, Action* action);
 
-// Each adds one command's arguments to its own parser.
+/* Each adds one command's arguments to its own parser. */
 void DeclareLs(CLI::App* command, Action* action);
 void DeclareTree(CLI::App* command, Action* action);
 void DeclareStat(CLI::App* command, Action* action);

@@ -1,4 +1,4 @@
-// ls and tree.
+/* ls and tree. */
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
@@ -75,14 +75,14 @@ class TreePrinter {
   const Totals& Sum() const { return totals_; }
 
  private:
-  // A link to a folder that leads to it.
+  /* A link to a folder that leads to it. */
   bool LeadsBack(const Entry& entry) const {
     return std::find(above_.begin(), above_.end(), entry.id) != above_.end();
   }
 
   Drive& drive_;
-  const int depth_;                 // 0: all
-  std::vector<std::string> above_;  // the ids of the folders that are being printed
+  const int depth_;                /* 0: all */
+  std::vector<std::string> above_; /* the ids of the folders that are being printed */
   Totals totals_;
 };
 

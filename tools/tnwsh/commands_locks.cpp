@@ -1,4 +1,4 @@
-// truncate, lock and unlock: what is done to an open file beside its content.
+/* truncate, lock and unlock: what is done to an open file beside its content. */
 #include <fmt/format.h>
 #include <windows.h>
 
@@ -28,7 +28,7 @@ struct RangeArguments {
   uint64_t length = 0;
 };
 
-// The library would cut them and lock another range.
+/* The library would cut them and lock another range. */
 FileRange Checked(const RangeArguments& arguments) {
   if (arguments.offset > UINT32_MAX || arguments.length > UINT32_MAX) {
     throw UsageError(fmt::format("Offset and length of a lock must be below 4 GiB: {} {}",
@@ -40,7 +40,7 @@ FileRange Checked(const RangeArguments& arguments) {
 struct LockArguments {
   RangeArguments range;
   bool shared = false;
-  double seconds = 0;  // 0: at the prompt until it is lifted, else until Ctrl-C
+  double seconds = 0; /* 0: at the prompt until it is lifted, else until Ctrl-C */
 };
 
 void WaitOrInterrupt(double seconds) {
@@ -64,7 +64,7 @@ void ListLocks(const Shell& shell) {
   }
 }
 
-// Waits while the lock is held, since it goes with the program; or at the prompt with --for.
+/* Waits while the lock is held, since it goes with the program; or at the prompt with --for. */
 void HoldLock(HeldLock& lock, double seconds) {
   PrintLock(lock, seconds > 0 ? fmt::format(": for {:g} s or until Ctrl-C", seconds)
                               : ": until Ctrl-C; the lock goes with this program");

@@ -1,4 +1,4 @@
-// stat, mv, rm and mkdir: what paths name.
+/* stat, mv, rm and mkdir: what paths name. */
 #include <fmt/format.h>
 #include <windows.h>
 
@@ -56,7 +56,7 @@ void Stat(Shell& shell, const std::string& path) {
   PrintField("checksum", FieldText(info.fi_cksum));
 }
 
-// A folder takes the item; but the item itself in another spelling is a rename of its own.
+/* A folder takes the item; but the item itself in another spelling is a rename of its own. */
 void Mv(Shell& shell, const std::string& source, const std::string& target) {
   Drive& drive = shell.TheDrive();
   const std::optional<Entry> there = drive.Find(target);

@@ -1,4 +1,4 @@
-// regions: what of a file is in the local cache, and what the service still has to write back.
+/* regions: what of a file is in the local cache, and what the service still has to write back. */
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
@@ -17,12 +17,12 @@ namespace {
 
 struct Arguments {
   std::string path;
-  std::vector<uint64_t> read;     // none, or offset and length
-  std::vector<uint64_t> rewrite;  // the same
+  std::vector<uint64_t> read;    /* none, or offset and length */
+  std::vector<uint64_t> rewrite; /* the same */
   bool json = false;
 };
 
-// Goes over a range of the file as a program would, so that its maps change.
+/* Goes over a range of the file as a program would, so that its maps change. */
 void Touch(RemoteFile& file, const std::string& path, const std::vector<uint64_t>& range,
            bool write) {
   constexpr uint64_t kChunk = 1 << 20;
@@ -61,7 +61,7 @@ void PrintMap(const char* name, const std::vector<RegionRun>& runs, uint64_t reg
 }
 
 void PrintText(const std::string& path, const RegionMaps& maps) {
-  constexpr int kNumbersWidth = 34;  // beside the strip
+  constexpr int kNumbersWidth = 34; /* beside the strip */
   const std::string size = GroupedDigits(maps.file_size) + " bytes";
   if (!maps.there) {
     fmt::print("{}: {}, without region maps: all of it counts as cached and dirty\n", path, size);
@@ -88,7 +88,7 @@ RemoteFile* HeldFile(Shell& shell, const std::string& path) {
   return nullptr;
 }
 
-// The open of a lock shows its own maps; a write wants an open of its own.
+/* The open of a lock shows its own maps; a write wants an open of its own. */
 void Regions(Shell& shell, const Arguments& arguments) {
   const bool write = !arguments.rewrite.empty();
   Drive& drive = shell.TheDrive();

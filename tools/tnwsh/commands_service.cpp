@@ -1,4 +1,4 @@
-// token, proxy and purge: the cache service and its cache.
+/* token, proxy and purge: the cache service and its cache. */
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
@@ -10,7 +10,7 @@
 namespace tnwsh {
 namespace {
 
-// A secret need not stand on a command line, which is kept and seen by others.
+/* A secret need not stand on a command line, which is kept and seen by others. */
 std::string Secret(const std::string& argument) {
   std::string secret = argument;
   if (argument == "-" && !ReadSecret(&secret)) {
@@ -21,7 +21,7 @@ std::string Secret(const std::string& argument) {
 
 constexpr char kSecretHelp[] = "; \"-\" reads it from the next line of standard input";
 
-// The start record is asked first: what it does not take would be lost with the service.
+/* The start record is asked first: what it does not take would be lost with the service. */
 void Token(Shell& shell, const std::string& token) {
   Options next = shell.Given();
   next.token = Secret(token);

@@ -1,4 +1,4 @@
-// cat, get and put.
+/* cat, get and put. */
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
@@ -39,8 +39,10 @@ void Cat(Shell& shell, const std::string& path) {
 
 std::string BytesCopied(uint64_t bytes) { return GroupedDigits(bytes) + " bytes"; }
 
-// Where `get` writes: the path itself, or below it when it is a folder. The drive's top folder has
-// no name: what is in it goes there directly.
+/*
+ * Where `get` writes: the path itself, or below it when it is a folder. The drive's top folder has
+ * no name: what is in it goes there directly.
+ */
 std::string GetTarget(const Entry& entry, const std::string& local) {
   if (entry.name.empty()) {
     return local.empty() ? "." : local;
@@ -63,7 +65,7 @@ void Get(Shell& shell, const Transfer& get) {
   PrintTransfer(get.from, target, BytesCopied(sum.bytes), sum);
 }
 
-// Where `put` writes: the path itself, or below it when it is, or is written as, a folder.
+/* Where `put` writes: the path itself, or below it when it is, or is written as, a folder. */
 std::string PutTarget(Drive& drive, const std::string& local, const std::string& remote) {
   const std::string name = NameOf(AbsolutePath(local));
   if (remote.empty()) {
@@ -80,7 +82,7 @@ void Put(Shell& shell, const Transfer& put) {
     RefuseFolder(put.from, kTreeHint);
   }
   if (!folder) {
-    LocalFile::OpenToRead(put.from);  // what cannot be read needs no drive
+    LocalFile::OpenToRead(put.from); /* what cannot be read needs no drive */
   }
   Drive& drive = shell.TheDrive();
   const std::string target = PutTarget(drive, put.from, put.to);

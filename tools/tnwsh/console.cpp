@@ -30,15 +30,15 @@ void RestoreConsole() {
 
 HANDLE HandleOf(FILE* stream) { return reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(stream))); }
 
-// A console's input is read as UTF-16: its UTF-8 mode loses all but ASCII on some versions.
+/* A console's input is read as UTF-16: its UTF-8 mode loses all but ASCII on some versions. */
 bool ReadConsoleLine(std::string* line) {
   std::wstring text;
   while (!text.ends_with(L'\n')) {
     wchar_t part[512];
     DWORD count = 0;
-    if (!ReadConsoleW(HandleOf(stdin), part, static_cast<DWORD>(std::size(part)), &count,
-                      nullptr) ||
-        count == 0 || part[0] == L'\x1a') {  // Ctrl-Z
+    if ((ReadConsoleW(HandleOf(stdin), part, static_cast<DWORD>(std::size(part)), &count,
+                      nullptr) == 0) ||
+        count == 0 || part[0] == L'\x1a') { /* Ctrl-Z */
       return false;
     }
     text.append(part, count);
@@ -88,7 +88,7 @@ bool IsTerminal(FILE* stream) {
 
 int TerminalWidth() {
   CONSOLE_SCREEN_BUFFER_INFO info;
-  if (!GetConsoleScreenBufferInfo(HandleOf(stderr), &info)) {
+  if (GetConsoleScreenBufferInfo(HandleOf(stderr), &info) == 0) {
     return 80;
   }
   return std::clamp(info.srWindow.Right - info.srWindow.Left + 1, 40, 200);

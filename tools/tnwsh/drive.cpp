@@ -11,7 +11,7 @@
 namespace tnwsh {
 namespace {
 
-// Native dispositions and create options of tnw_create.
+/* Native dispositions and create options of tnw_create. */
 constexpr ox_u32 kCreate = 2;
 constexpr ox_u32 kFolderOnly = 0x1;
 constexpr ox_u32 kAttributesOnly = 0;
@@ -24,7 +24,7 @@ Entry EntryOf(const tnw_fileinfo& info) {
           .id = std::string(info.fi_id, strnlen(info.fi_id, sizeof info.fi_id))};
 }
 
-// As Windows compares names: without regard to case.
+/* As Windows compares names: without regard to case. */
 int CompareNames(const std::string& a, const std::string& b) {
   std::wstring wide_a;
   std::wstring wide_b;
@@ -40,10 +40,12 @@ bool NameLess(const Entry& a, const Entry& b) {
   return order != 0 ? order < 0 : a.name < b.name;
 }
 
-// A service that was told to stop ends in its own time, and a start that meets it fails. It holds
-// its pid file locked until then. False when it still runs after 15 seconds.
+/*
+ * A service that was told to stop ends in its own time, and a start that meets it fails. It holds
+ * its pid file locked until then. False when it still runs after 15 seconds.
+ */
 bool WaitForServiceEnd(const std::string& cache_folder) {
-  constexpr int kTries = 750;  // of 20 ms
+  constexpr int kTries = 750; /* of 20 ms */
   constexpr DWORD kPause = 20;
   std::wstring path;
   tarnd::WideFromUtf8(cache_folder + "\\tarnd_pid", &path);
@@ -56,7 +58,7 @@ bool WaitForServiceEnd(const std::string& cache_folder) {
     }
     OVERLAPPED start = {};
     const bool free = LockFileEx(file, LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0,
-                                 MAXDWORD, MAXDWORD, &start);
+                                 MAXDWORD, MAXDWORD, &start) != 0;
     CloseHandle(file);
     if (free) {
       return true;
@@ -136,13 +138,13 @@ Drive::Drive(const Options& options) : cache_folder_(CacheFolder(options)) {
   }
 }
 
-// Without the pause of tnw_deinit, which waits for requests under way: here is none.
+/* Without the pause of tnw_deinit, which waits for requests under way: here is none. */
 Drive::~Drive() {
   tnw_deinit_force(handle_);
   WaitForServiceEnd(cache_folder_);
 }
 
-// Returns a Windows code.
+/* Returns a Windows code. */
 uint32_t Drive::ListInto(const std::string& path, std::vector<Entry>* entries) {
   tnw_fileinfo info;
   int err = 0;
@@ -166,7 +168,7 @@ std::vector<Entry> Drive::List(const std::string& path) {
   return entries;
 }
 
-// An answer that never came reads as success, and leaves the record empty.
+/* An answer that never came reads as success, and leaves the record empty. */
 uint32_t Drive::TryInfo(const std::string& path, tnw_fileinfo* info) {
   const int err = tnw_getfileinfo(handle_, path.c_str(), info, kProcessName);
   return err == 0 && info->fi_id[0] == '\0' ? kConnectionBroken : static_cast<uint32_t>(err);
@@ -258,8 +260,10 @@ void Drive::SetProxy(const std::string& server, const std::string& user,
               kProxyAnswers);
 }
 
-// The library sees no service of another process: another shell's is kept away by the lock on the
-// work folder, any other by its pid file.
+/*
+ * The library sees no service of another process: another shell's is kept away by the lock on the
+ * work folder, any other by its pid file.
+ */
 std::string PurgeCache(const Options& options) {
   const std::string folder = CacheFolder(options);
   tnw_purge_opt_t purge = PurgeRecord(options);

@@ -1,4 +1,4 @@
-// The drive, by the library's public calls. Failures come as exceptions (failure.h). One thread.
+/* The drive, by the library's public calls. Failures come as exceptions (failure.h). One thread. */
 #ifndef TNWSH_DRIVE_H
 #define TNWSH_DRIVE_H
 
@@ -16,45 +16,47 @@
 
 namespace tnwsh {
 
-inline constexpr char kProcessName[] = "tnwsh";  // as the service knows us
+inline constexpr char kProcessName[] = "tnwsh"; /* as the service knows us */
 
 struct Entry {
   std::string name;
   bool folder = false;
   uint64_t size = 0;
-  uint64_t modified = 0;  // a Windows file time
-  std::string id;         // of the item itself, however a path leads to it
+  uint64_t modified = 0; /* a Windows file time */
+  std::string id;        /* of the item itself, however a path leads to it */
 };
 
-// A path of the drive without its last name, and that name. Either slash; slashes at the end do not
-// count. The drive's root has an empty name.
+/*
+ * A path of the drive without its last name, and that name. Either slash; slashes at the end do not
+ * count. The drive's root has an empty name.
+ */
 std::string ParentOf(const std::string& path);
 std::string NameOf(const std::string& path);
 std::string JoinPath(const std::string& folder, const std::string& name);
-// The same text for all spellings of a path: slashes, case.
+/* The same text for all spellings of a path: slashes, case. */
 std::string PathKey(const std::string& path);
 
 class Drive {
  public:
-  // Starts the service and connects to it; the destructor stops it and waits for its end.
+  /* Starts the service and connects to it; the destructor stops it and waits for its end. */
   explicit Drive(const Options& options);
   ~Drive();
   Drive(const Drive&) = delete;
   Drive& operator=(const Drive&) = delete;
 
-  // Sorted by name.
+  /* Sorted by name. */
   std::vector<Entry> List(const std::string& path);
   tnw_fileinfo Info(const std::string& path);
-  // What a path names, if anything; a name in another case is found, too.
+  /* What a path names, if anything; a name in another case is found, too. */
   std::optional<Entry> Find(const std::string& path);
-  // The same, or a Failure with Windows' "file not found".
+  /* The same, or a Failure with Windows' "file not found". */
   Entry Get(const std::string& path);
 
   void Rename(const std::string& from, const std::string& to);
   void Delete(const std::string& path);
   bool CanDelete(const std::string& path);
   void MakeFolder(const std::string& path);
-  // Makes it unless it is there.
+  /* Makes it unless it is there. */
   void EnsureFolder(const std::string& path);
 
   void UpdateToken(std::string token);
@@ -63,7 +65,7 @@ class Drive {
  private:
   friend class RemoteFile;
 
-  // The library's context of a file, shared by all its opens.
+  /* The library's context of a file, shared by all its opens. */
   struct Slot {
     void* context = nullptr;
     int opens = 0;
@@ -71,18 +73,22 @@ class Drive {
 
   uint32_t TryInfo(const std::string& path, tnw_fileinfo* info);
   uint32_t ListInto(const std::string& path, std::vector<Entry>* entries);
-  // Throws for a code. Without one it makes sure that there was an answer at all, since most calls
-  // read as success on a broken connection.
+  /*
+   * Throws for a code. Without one it makes sure that there was an answer at all, since most calls
+   * read as success on a broken connection.
+   */
   void CheckAnswer(const std::string& path, const char* what, int err, Answers answers = {});
 
   const std::string cache_folder_;
-  LocalFile lock_;  // the work folder is ours
+  LocalFile lock_; /* the work folder is ours */
   void* handle_ = nullptr;
-  std::map<std::string, Slot> slots_;  // by PathKey
+  std::map<std::string, Slot> slots_; /* by PathKey */
 };
 
-// Deletes the cache of the options' user, for which no drive of ours may run, and tells what it
-// did.
+/*
+ * Deletes the cache of the options' user, for which no drive of ours may run, and tells what it
+ * did.
+ */
 std::string PurgeCache(const Options& options);
 
 }  // namespace tnwsh

@@ -9,7 +9,7 @@
 namespace tnwsh {
 namespace {
 
-// Codes of the library whose Windows text would mislead, or says less.
+/* Codes of the library whose Windows text would mislead, or says less. */
 const char* OwnMeaning(uint32_t code) {
   switch (code) {
     case kConnectionBroken:
@@ -38,7 +38,7 @@ std::string WindowsMeaning(uint32_t code) {
   wchar_t text[512];
   const DWORD length =
       FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS |
-                         FORMAT_MESSAGE_MAX_WIDTH_MASK,  // no line breaks of its own
+                         FORMAT_MESSAGE_MAX_WIDTH_MASK, /* no line breaks of its own */
                      nullptr, code, 0, text, static_cast<DWORD>(std::size(text)), nullptr);
   std::string meaning;
   tarnd::Utf8FromWide(std::wstring_view(text, length), &meaning);

@@ -25,7 +25,7 @@ std::wstring FullPath(const std::string& path) {
   return full;
 }
 
-// For calls that would otherwise end at 260 characters.
+/* For calls that would otherwise end at 260 characters. */
 std::wstring VerbatimPath(const std::string& path) {
   const std::wstring full = FullPath(path);
   if (full.starts_with(L"\\\\?\\") || full.starts_with(L"\\\\.\\")) {
@@ -63,7 +63,8 @@ bool IsLocalFolder(const std::string& path) {
 }
 
 bool IsLocalFile(const std::string& path) {
-  return (AttributesOf(path) & FILE_ATTRIBUTE_DIRECTORY) == 0;  // set in the value for "not there"
+  return (AttributesOf(path) & FILE_ATTRIBUTE_DIRECTORY) ==
+         0; /* set in the value for "not there" */
 }
 
 void MakeLocalFolders(const std::string& path) {
@@ -74,7 +75,7 @@ void MakeLocalFolders(const std::string& path) {
 }
 
 void MakeLocalFolder(const std::string& path) {
-  if (!IsLocalFolder(path) && !CreateDirectoryW(VerbatimPath(path).c_str(), nullptr)) {
+  if (!IsLocalFolder(path) && (CreateDirectoryW(VerbatimPath(path).c_str(), nullptr) == 0)) {
     throw Failure(path, "cannot make the folder", GetLastError());
   }
 }
@@ -97,7 +98,7 @@ std::vector<LocalEntry> ListLocal(const std::string& path) {
     if (entry.name != "." && entry.name != "..") {
       entries.push_back(std::move(entry));
     }
-  } while (unicode && FindNextFileW(search, &found));
+  } while (unicode && FindNextFileW(search, &found) != 0);
   const DWORD end = GetLastError();
   FindClose(search);
   if (!unicode) {
@@ -163,7 +164,7 @@ LocalFile LocalFile::OpenLock(const std::string& path) {
 
 uint64_t LocalFile::Size() const {
   LARGE_INTEGER size;
-  if (!GetFileSizeEx(file_, &size)) {
+  if (GetFileSizeEx(file_, &size) == 0) {
     throw Failure(path_, "has no size", GetLastError());
   }
   return static_cast<uint64_t>(size.QuadPart);
@@ -171,7 +172,7 @@ uint64_t LocalFile::Size() const {
 
 size_t LocalFile::Read(void* buffer, size_t size) {
   DWORD count = 0;
-  if (!ReadFile(file_, buffer, static_cast<DWORD>(size), &count, nullptr)) {
+  if (ReadFile(file_, buffer, static_cast<DWORD>(size), &count, nullptr) == 0) {
     throw Failure(path_, "cannot read", GetLastError());
   }
   return count;
@@ -179,7 +180,7 @@ size_t LocalFile::Read(void* buffer, size_t size) {
 
 void LocalFile::Write(const void* data, size_t size) {
   DWORD count = 0;
-  if (!WriteFile(file_, data, static_cast<DWORD>(size), &count, nullptr)) {
+  if (WriteFile(file_, data, static_cast<DWORD>(size), &count, nullptr) == 0) {
     throw Failure(path_, "cannot write", GetLastError());
   }
   if (count != size) {
@@ -188,11 +189,11 @@ void LocalFile::Write(const void* data, size_t size) {
 }
 
 void LocalFile::Commit() {
-  if (!FlushFileBuffers(file_)) {
+  if (FlushFileBuffers(file_) == 0) {
     throw Failure(path_, "cannot write", GetLastError());
   }
   Close();
-  if (!MoveFileExW(part_.c_str(), target_.c_str(), MOVEFILE_REPLACE_EXISTING)) {
+  if (MoveFileExW(part_.c_str(), target_.c_str(), MOVEFILE_REPLACE_EXISTING) == 0) {
     throw Failure(path_, "cannot replace", GetLastError());
   }
   part_.clear();

@@ -1,4 +1,4 @@
-// tnwsh: a drive application for the terminal.
+/* tnwsh: a drive application for the terminal. */
 #include <CLI/CLI.hpp>
 
 #include <map>

@@ -12,11 +12,13 @@
 namespace tnwsh {
 namespace {
 
-// Names this program to the service; a drive application has its own, kept for each installation.
+/*
+ * Names this program to the service; a drive application has its own, kept for each installation.
+ */
 constexpr char kDeviceId[] = "6f1f2f1e-4b7a-4d0b-9a5c-7a3c5d2e8b10";
 constexpr char kDriveId[] = "c0b7a1d4-52f3-4a66-8a43-0f6f0e9d7c21";
 
-// Socket paths end at 107 characters; without a user id the socket has this name.
+/* Socket paths end at 107 characters; without a user id the socket has this name. */
 constexpr size_t kMaxSocketPath = 107;
 constexpr char kSocketName[] = "\\tnvfs.sock";
 
@@ -29,7 +31,7 @@ void Fill(char (&field)[N], const std::string& text, const char* name) {
   std::memcpy(field, text.c_str(), text.size() + 1);
 }
 
-// The library puts these on the service's command line without quotes.
+/* The library puts these on the service's command line without quotes. */
 template <size_t N>
 void FillWord(char (&field)[N], const std::string& text, const char* name) {
   if (text.empty() || text.starts_with("--") || text.find_first_of(" \t\"") != std::string::npos) {
@@ -45,18 +47,18 @@ void FillOptionalWord(char (&field)[N], const std::string& text, const char* nam
   }
 }
 
-// The library takes local paths in the process's code page.
+/* The library takes local paths in the process's code page. */
 std::string NarrowPath(const std::string& path, const char* name) {
   const std::string absolute = AbsolutePath(path);
   std::wstring wide;
   tarnd::WideFromUtf8(absolute, &wide);
   std::string narrow(wide.size() * 4, '\0');
   BOOL replaced = FALSE;
-  const bool own = GetACP() == CP_UTF8;  // which has no replacement character to report
+  const bool own = GetACP() == CP_UTF8; /* which has no replacement character to report */
   const int length = WideCharToMultiByte(
       CP_ACP, own ? 0 : WC_NO_BEST_FIT_CHARS, wide.data(), static_cast<int>(wide.size()),
       narrow.data(), static_cast<int>(narrow.size()), nullptr, own ? nullptr : &replaced);
-  if (length <= 0 || replaced) {
+  if (length <= 0 || replaced != 0) {
     throw UsageError(fmt::format("{} has characters that this system's code page {} has not: {}",
                                  name, GetACP(), absolute));
   }
@@ -117,7 +119,7 @@ std::string FileAddress(const std::string& folder) {
 tnw_tninit StartRecord(const Options& options) {
   tnw_tninit init = {};
   CheckDomain(options.domain);
-  init.tnw_flags = TNW_INIT_NO_RETRY;  // a second try would fail as the first one
+  init.tnw_flags = TNW_INIT_NO_RETRY; /* a second try would fail as the first one */
   init.tnw_min_threads = 1;
   init.tnw_max_threads = options.threads;
   FillWord(init.tnw_username, options.user, "The user");

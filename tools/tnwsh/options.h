@@ -1,4 +1,4 @@
-// What the drive is started with.
+/* What the drive is started with. */
 #ifndef TNWSH_OPTIONS_H
 #define TNWSH_OPTIONS_H
 
@@ -9,33 +9,35 @@
 
 namespace tnwsh {
 
-// As given on the command line; UTF-8.
+/* As given on the command line; UTF-8. */
 struct Options {
-  std::string cloud;    // the folder that plays the cloud
-  std::string work;     // cache, socket and logs
-  std::string service;  // tarnd.exe
+  std::string cloud;   /* the folder that plays the cloud */
+  std::string work;    /* cache, socket and logs */
+  std::string service; /* tarnd.exe */
   std::string share = "/";
   std::string user = "me";
   std::string domain = "drive.local";
   std::string token = "development";
-  std::string proxy;  // none when empty
+  std::string proxy; /* none when empty */
   std::string proxy_user;
   std::string proxy_password;
   int threads = 4;
   ProgressMode progress = ProgressMode::kAuto;
 };
 
-// The start-up record of a drive. Throws a UsageError for a value that it cannot hold or that the
-// library would not pass on whole.
+/*
+ * The start-up record of a drive. Throws a UsageError for a value that it cannot hold or that the
+ * library would not pass on whole.
+ */
 tnw_tninit StartRecord(const Options& options);
 
-// Whose cache to purge. Throws in the same way.
+/* Whose cache to purge. Throws in the same way. */
 tnw_purge_opt_t PurgeRecord(const Options& options);
 
-// The percent-encoded address of a folder: "file:///Z:/a%20folder".
+/* The percent-encoded address of a folder: "file:///Z:/a%20folder". */
 std::string FileAddress(const std::string& folder);
 
-// Where logs and the cache of the options' user go; absolute.
+/* Where logs and the cache of the options' user go; absolute. */
 std::string LogFolder(const Options& options);
 std::string CacheFolder(const Options& options);
 

@@ -14,9 +14,9 @@ using std::chrono::milliseconds;
 
 namespace {
 
-constexpr int kNumbersWidth = 56;  // of the longest numbers beside the bar
+constexpr int kNumbersWidth = 56; /* of the longest numbers beside the bar */
 
-// In cells of a terminal, wide characters apart.
+/* In cells of a terminal, wide characters apart. */
 int WidthOf(const std::string& text) {
   return static_cast<int>(
       std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
@@ -59,7 +59,7 @@ double Progress::Finish() {
   return seconds;
 }
 
-// "big.bin  [########------------]  42%  27.1 MiB of 64.0 MiB  88.3 MiB/s  0:01 left"
+/* "big.bin  [########------------]  42%  27.1 MiB of 64.0 MiB  88.3 MiB/s  0:01 left" */
 void Progress::Draw(uint64_t done) {
   const double share =
       total_ == 0 ? 1 : std::min(1.0, static_cast<double>(done) / static_cast<double>(total_));
@@ -77,7 +77,7 @@ void Progress::Draw(uint64_t done) {
   std::string line =
       fmt::format("{}  [{:#<{}}{:-<{}}]{}", label_, "", full, "", cells_ - full, numbers);
   const size_t width = static_cast<size_t>(WidthOf(line));
-  line.append(drawn_width_ > width ? drawn_width_ - width : 0, ' ');  // over a longer one
+  line.append(drawn_width_ > width ? drawn_width_ - width : 0, ' '); /* over a longer one */
   drawn_width_ = width;
   fmt::print(stderr, "\r{}", line);
 }

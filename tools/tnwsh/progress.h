@@ -1,4 +1,4 @@
-// The progress of a transfer, drawn on one line of standard error.
+/* The progress of a transfer, drawn on one line of standard error. */
 #ifndef TNWSH_PROGRESS_H
 #define TNWSH_PROGRESS_H
 
@@ -9,23 +9,23 @@
 namespace tnwsh {
 
 enum class ProgressMode {
-  kAuto,    // on a terminal, once a transfer has taken a second
-  kAlways,  // from the start, also into a file or pipe
+  kAuto,   /* on a terminal, once a transfer has taken a second */
+  kAlways, /* from the start, also into a file or pipe */
   kNever,
 };
 
 class Progress {
  public:
-  // `label` and `total` as they are shown; nothing is drawn yet.
+  /* `label` and `total` as they are shown; nothing is drawn yet. */
   Progress(ProgressMode mode, std::string label, uint64_t total);
-  // Leaves the line of a transfer that failed as it stands.
+  /* Leaves the line of a transfer that failed as it stands. */
   ~Progress();
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  // Draws at most ten times a second.
+  /* Draws at most ten times a second. */
   void Update(uint64_t done);
-  // The transfer is complete; returns the seconds that it took.
+  /* The transfer is complete; returns the seconds that it took. */
   double Finish();
 
  private:
@@ -37,7 +37,7 @@ class Progress {
   const ProgressMode mode_;
   const std::string label_;
   const uint64_t total_;
-  const int cells_;  // of the bar
+  const int cells_; /* of the bar */
   const Clock::time_point start_ = Clock::now();
   Clock::time_point next_draw_;
   size_t drawn_width_ = 0;

@@ -52,12 +52,12 @@ class Prompt {
     return shell_->Run(action);
   }
 
-  // A parser knows one line: CLI11 keeps what it has parsed.
+  /* A parser knows one line: CLI11 keeps what it has parsed. */
   void Parse(std::vector<std::string> words, Action* action) {
     CLI::App app;
     Declare(&app, action);
     FindCommand(app, words.front());
-    std::reverse(words.begin(), words.end());  // as the parser takes them
+    std::reverse(words.begin(), words.end()); /* as the parser takes them */
     try {
       app.parse(words);
     } catch (const CLI::CallForHelp&) {
@@ -88,10 +88,10 @@ class Prompt {
     });
     CLI::App* exit = app->add_subcommand("exit", "Ends the prompt (also: quit)");
     exit->group("Commands")->alias("quit")->callback([this] { done_ = true; });
-    app->set_help_flag();  // which is "help" here
+    app->set_help_flag(); /* which is "help" here */
   }
 
-  // With a parser of its own: one that has parsed shows the help of what it has parsed.
+  /* With a parser of its own: one that has parsed shows the help of what it has parsed. */
   void DeclareHelp(CLI::App* app, Action* action) {
     auto topic = std::make_shared<std::string>();
     CLI::App* help = app->add_subcommand("help", "Shows the commands, or one of them");

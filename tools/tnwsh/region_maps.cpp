@@ -28,11 +28,11 @@ std::vector<RegionRun> RunsOf(tnvfd* file, Test is_set, uint64_t regions) {
 
 }  // namespace
 
-// No other thread uses the file, so its entry is read without a lock.
+/* No other thread uses the file, so its entry is read without a lock. */
 RegionMaps::RegionMaps(void* open_file) {
   tnvfd* file = static_cast<tnvfd*>(open_file);
   LARGE_INTEGER size;
-  if (!GetFileSizeEx(file->fdt_ofd, &size)) {
+  if (GetFileSizeEx(file->fdt_ofd, &size) == 0) {
     throw Failure("The local cache file", "has no size", GetLastError());
   }
   file_size = static_cast<uint64_t>(size.QuadPart);

@@ -1,6 +1,8 @@
-// What the client knows of an open file's regions: which are in the local cache file, and which the
-// cache service knows to be dirty. The only part of the shell that looks behind the library's
-// public calls.
+/*
+ * What the client knows of an open file's regions: which are in the local cache file, and which the
+ * cache service knows to be dirty. The only part of the shell that looks behind the library's
+ * public calls.
+ */
 #ifndef TNWSH_REGION_MAPS_H
 #define TNWSH_REGION_MAPS_H
 
@@ -11,16 +13,16 @@
 
 namespace tnwsh {
 
-// First region and count.
+/* First region and count. */
 using RegionRun = std::pair<uint64_t, uint64_t>;
 
-// The maps at the time of the construction, as runs of set bits.
+/* The maps at the time of the construction, as runs of set bits. */
 struct RegionMaps {
-  // Of a handle of tnw_create.
+  /* Of a handle of tnw_create. */
   explicit RegionMaps(void* open_file);
 
-  uint64_t file_size = 0;  // of the local cache file
-  bool there = false;      // without maps all counts as cached and dirty, and what follows is empty
+  uint64_t file_size = 0; /* of the local cache file */
+  bool there = false; /* without maps all counts as cached and dirty, and what follows is empty */
   uint64_t region_size = 0;
   uint64_t regions = 0;
   std::vector<RegionRun> cached;
@@ -29,7 +31,9 @@ struct RegionMaps {
 
 uint64_t CountOf(const std::vector<RegionRun>& runs);
 
-// One character for each region, or for as many as it takes: '#' all are set, '+' some, '.' none.
+/*
+ * One character for each region, or for as many as it takes: '#' all are set, '+' some, '.' none.
+ */
 std::string Strip(const std::vector<RegionRun>& runs, uint64_t regions, uint64_t cells);
 
 }  // namespace tnwsh

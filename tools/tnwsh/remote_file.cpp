@@ -10,7 +10,7 @@
 namespace tnwsh {
 namespace {
 
-// Native dispositions and create options of tnw_create, and the flag of tnw_lockfile.
+/* Native dispositions and create options of tnw_create, and the flag of tnw_lockfile. */
 constexpr ox_u32 kOpen = 1;
 constexpr ox_u32 kOverwriteIf = 5;
 constexpr ox_u32 kFileOnly = 0x40;
@@ -28,7 +28,7 @@ struct OpenMode {
   Answers answers;
 };
 
-// By RemoteFile::Mode.
+/* By RemoteFile::Mode. */
 constexpr OpenMode kModes[] = {
     {kAccessRead, kShareRead, kOpen, "cannot open", kPathAnswers},
     {kAccessRead, kShareRead | kShareWrite, kOpen, "cannot open", kPathAnswers},
@@ -86,7 +86,7 @@ size_t RemoteFile::Read(uint64_t offset, void* buffer, size_t size) {
   if (err == static_cast<int>(kEndOfFile)) {
     return 0;
   }
-  if (err == 0 && count == 0) {  // the service could not fetch the region, and says no more
+  if (err == 0 && count == 0) { /* the service could not fetch the region, and says no more */
     throw Failure(path_, "cannot read", ERROR_READ_FAULT);
   }
   if (err != 0) {
@@ -104,7 +104,7 @@ void RemoteFile::Write(uint64_t offset, const void* data, size_t size) {
   }
 }
 
-// In halves, as the call takes it.
+/* In halves, as the call takes it. */
 void RemoteFile::SetSize(uint64_t size) {
   const int err =
       tnw_setfilesize(handle_, static_cast<ox_u32>(size), static_cast<ox_u32>(size >> 32), nullptr);

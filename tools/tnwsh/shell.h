@@ -1,4 +1,4 @@
-// Runs commands on the drive, which is started when the first one needs it.
+/* Runs commands on the drive, which is started when the first one needs it. */
 #ifndef TNWSH_SHELL_H
 #define TNWSH_SHELL_H
 
@@ -14,9 +14,9 @@
 
 namespace tnwsh {
 
-// A lock that outlives its command: it lives as long as its open.
+/* A lock that outlives its command: it lives as long as its open. */
 struct HeldLock {
-  std::string path;  // as typed
+  std::string path; /* as typed */
   FileRange range;
   bool exclusive = false;
   std::unique_ptr<RemoteFile> file = nullptr;
@@ -26,30 +26,34 @@ class Shell {
  public:
   explicit Shell(Options options) : options_(std::move(options)) {}
 
-  // Throws a Failure when the drive cannot be started.
+  /* Throws a Failure when the drive cannot be started. */
   Drive& TheDrive();
-  // Releases what is held, and ends the service; the next command that needs the drive starts it.
+  /*
+   * Releases what is held, and ends the service; the next command that needs the drive starts it.
+   */
   void StopDrive();
 
   const Options& Given() const { return options_; }
-  // For the next start of the drive.
+  /* For the next start of the drive. */
   void Change(Options options) { options_ = std::move(options); }
 
-  // At the prompt a lock may stay; on the command line it would end with the command.
+  /* At the prompt a lock may stay; on the command line it would end with the command. */
   bool AtPrompt() const { return at_prompt_; }
   void EnterPrompt() { at_prompt_ = true; }
   std::vector<HeldLock>& Locks() { return locks_; }
   const std::vector<HeldLock>& Locks() const { return locks_; }
 
-  // The exit status of an action; what it throws is told on standard error. After a broken
-  // connection the next action starts the drive anew.
+  /*
+   * The exit status of an action; what it throws is told on standard error. After a broken
+   * connection the next action starts the drive anew.
+   */
   ExitStatus Run(const std::function<void(Shell&)>& action);
 
  private:
   Options options_;
   bool at_prompt_ = false;
   std::unique_ptr<Drive> drive_;
-  std::vector<HeldLock> locks_;  // go before the drive
+  std::vector<HeldLock> locks_; /* go before the drive */
 };
 
 }  // namespace tnwsh

@@ -37,8 +37,8 @@ std::string LocalTimeText(uint64_t file_time) {
   const FILETIME time = {static_cast<DWORD>(file_time), static_cast<DWORD>(file_time >> 32)};
   SYSTEMTIME utc;
   SYSTEMTIME local;
-  if (!FileTimeToSystemTime(&time, &utc) ||
-      !SystemTimeToTzSpecificLocalTime(nullptr, &utc, &local)) {
+  if (FileTimeToSystemTime(&time, &utc) == 0 ||
+      SystemTimeToTzSpecificLocalTime(nullptr, &utc, &local) == 0) {
     return "                ";
   }
   return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}", local.wYear, local.wMonth, local.wDay,

@@ -86,7 +86,7 @@ void PrintTransfer(const std::string& from, const std::string& to, const std::st
              BytesText(static_cast<double>(sum.bytes) / std::max(sum.seconds, 0.001)));
 }
 
-// The connection may break without a word from close: the status tells what arrived.
+/* The connection may break without a word from close: the status tells what arrived. */
 void CheckArrival(Drive& drive, const std::string& path, uint64_t size) {
   const Entry entry = drive.Get(path);
   if (entry.size != size) {

@@ -23,7 +23,7 @@ std::string JoinBelow(const std::string& below, const std::string& name) {
   return below.empty() ? name : below + '/' + name;
 }
 
-// After these nothing else succeeds.
+/* After these nothing else succeeds. */
 bool EndsTheWork(uint32_t code) {
   return code == ERROR_CANCELLED || code == kConnectionBroken || code == kUnauthorised;
 }
@@ -57,7 +57,7 @@ void TreeCopy::Put(const std::string& local, const std::string& remote) {
   });
 }
 
-// `above`: the folders that lead to this one, by their ids.
+/* `above`: the folders that lead to this one, by their ids. */
 void TreeCopy::CollectRemote(const std::string& folder, const std::string& below,
                              std::vector<std::string>* above) {
   const std::string path = below.empty() ? folder : JoinPath(folder, below);
@@ -101,7 +101,7 @@ void TreeCopy::Add(Item item, const Step& collect) {
 void TreeCopy::CopyAll(const std::string& from, const std::string& to,
                        const std::function<void(const Item& item)>& copy) {
   const auto start = std::chrono::steady_clock::now();
-  std::string failed_folder;  // with its slash
+  std::string failed_folder; /* with its slash */
   try {
     for (const Item& item : items_) {
       if (!failed_folder.empty() && item.path.starts_with(failed_folder)) {

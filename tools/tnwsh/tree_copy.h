@@ -1,4 +1,4 @@
-// Whole folders between the drive and this machine.
+/* Whole folders between the drive and this machine. */
 #ifndef TNWSH_TREE_COPY_H
 #define TNWSH_TREE_COPY_H
 
@@ -13,23 +13,25 @@
 
 namespace tnwsh {
 
-// Copies one folder into one that is there or is made. What is to be copied is looked up first, so
-// that a copy into the folder itself ends. A failed item is told at once and again at the end; the
-// others go on, unless nothing could succeed any more. Links to folders of this machine, and those
-// in the cloud that lead back, are not followed and count as failed.
+/*
+ * Copies one folder into one that is there or is made. What is to be copied is looked up first, so
+ * that a copy into the folder itself ends. A failed item is told at once and again at the end; the
+ * others go on, unless nothing could succeed any more. Links to folders of this machine, and those
+ * in the cloud that lead back, are not followed and count as failed.
+ */
 class TreeCopy {
  public:
   TreeCopy(Drive& drive, ProgressMode mode) : drive_(drive), mode_(mode) {}
 
-  // Both print the sum, and throw a Failure that lists what failed.
+  /* Both print the sum, and throw a Failure that lists what failed. */
   void Get(const std::string& remote, const std::string& local);
   void Put(const std::string& local, const std::string& remote);
 
  private:
   struct Item {
-    std::string path;  // below the folder, with slashes
+    std::string path; /* below the folder, with slashes */
     bool folder = false;
-    uint64_t size = 0;  // in the cloud
+    uint64_t size = 0; /* in the cloud */
     bool failed = false;
   };
   using Step = std::function<void()>;
@@ -37,20 +39,20 @@ class TreeCopy {
   void CollectRemote(const std::string& folder, const std::string& below,
                      std::vector<std::string>* above);
   void CollectLocal(const std::string& folder, const std::string& below);
-  // Adds an item, and what `collect` finds below it.
+  /* Adds an item, and what `collect` finds below it. */
   void Add(Item item, const Step& collect);
   void CopyAll(const std::string& from, const std::string& to,
                const std::function<void(const Item& item)>& copy);
-  // Whether it went well; throws what ends the work.
+  /* Whether it went well; throws what ends the work. */
   bool Try(const Step& step);
   void Finish(const std::string& from, const std::string& to, double seconds) const;
   std::string FailuresText() const;
 
   Drive& drive_;
   const ProgressMode mode_;
-  std::vector<Item> items_;  // a folder before what is below it
+  std::vector<Item> items_; /* a folder before what is below it */
   std::vector<std::string> failures_;
-  uint64_t left_out_ = 0;  // below folders that failed
+  uint64_t left_out_ = 0; /* below folders that failed */
   uint64_t files_ = 0;
   uint64_t folders_ = 0;
   uint64_t bytes_ = 0;

@@ -1,7 +1,7 @@
 #include "tnv_connio_win.h"
 
 #include <winsock2.h>
-// after winsock2.h
+/* after winsock2.h */
 #include <afunix.h>
 #include <windows.h>
 
@@ -81,7 +81,9 @@ int pending_error(SOCKET sock) {
 
 int poll_failed(const transfer& t) {
   const int err = WSAGetLastError();
-  if (err == WSAEINTR) return 0;
+  if (err == WSAEINTR) {
+    return 0;
+  }
   OX_LOG(OX_ERROR_LEVEL, err, "Error on %s OX_POLL", t.dir.title);
   return err != 0 ? err : WSAENOTSOCK;
 }
@@ -98,7 +100,7 @@ int timed_out(transfer& t) {
 
 int faulty(const transfer& t, int ready) {
   const int err = pending_error(t.sock);
-  if (ready & POLLNVAL) {
+  if ((ready & POLLNVAL) != 0) {
     OX_LOG(OX_ERROR_LEVEL, err, "Socket %s invalid socket", t.dir.verb);
   } else {
     OX_LOG(OX_ERROR_LEVEL, err, "Failed to %s over socket", t.dir.verb);
@@ -109,12 +111,16 @@ int faulty(const transfer& t, int ready) {
 /* `moved` was not positive: a hang-up, a fault, the end of the stream, or nothing yet. */
 int nothing_moved(transfer& t, int ready, int moved) {
   const int err = moved < 0 ? WSAGetLastError() : 0;
-  if (ready & POLLHUP) return hung_up(t);
+  if ((ready & POLLHUP) != 0) {
+    return hung_up(t);
+  }
   if (err != 0 && err != WSAEWOULDBLOCK && err != WSAEINTR) {
     OX_LOG(OX_ERROR_LEVEL, err, "Failed to %s over socket", t.dir.verb);
     return err;
   }
-  if (ready & POLLERR) return faulty(t, ready);
+  if ((ready & POLLERR) != 0) {
+    return faulty(t, ready);
+  }
   if (moved == 0 && t.dir.drains) {
     t.at_end = true;
   } else {
@@ -127,14 +133,24 @@ int nothing_moved(transfer& t, int ready, int moved) {
 int step(transfer& t) {
   WSAPOLLFD pfd = {t.sock, t.at_end ? HANG_UP_ONLY : t.dir.events, 0};
   const int count = WSAPoll(&pfd, 1, POLL_MS);
-  if (count < 0) return poll_failed(t);
-  if (count == 0) return timed_out(t);
+  if (count < 0) {
+    return poll_failed(t);
+  }
+  if (count == 0) {
+    return timed_out(t);
+  }
   const int ready = pfd.revents;
-  if ((ready & POLLHUP) && !t.dir.drains) return hung_up(t);
-  if ((ready & POLLNVAL) || ((ready & POLLERR) && !t.dir.drains)) return faulty(t, ready);
+  if (((ready & POLLHUP) != 0) && !t.dir.drains) {
+    return hung_up(t);
+  }
+  if (((ready & POLLNVAL) != 0) || (((ready & POLLERR) != 0) && !t.dir.drains)) {
+    return faulty(t, ready);
+  }
 
   const int moved = t.dir.move(t.sock, t.next, t.left);
-  if (moved <= 0) return nothing_moved(t, ready, moved);
+  if (moved <= 0) {
+    return nothing_moved(t, ready, moved);
+  }
   t.next += moved;
   t.left -= moved;
   return 0;
@@ -145,9 +161,13 @@ int run(const direction& dir, vfs_handle* owner, int sockfd, ox_u8* data, int nb
         bool* closed) {
   transfer t{dir, static_cast<SOCKET>(sockfd), reinterpret_cast<char*>(data), nbytes, owner};
   int err = nbytes < 0 ? WSAEINVAL : 0;
-  while (err == 0 && t.left > 0) err = step(t);
+  while (err == 0 && t.left > 0) {
+    err = step(t);
+  }
   *closed = t.closed;
-  if (err == 0) return 0;
+  if (err == 0) {
+    return 0;
+  }
   if (!t.owner_exiting) {
     OX_LOG(OX_ERROR_LEVEL, err, "%s failed on sockfd %d\n", dir.title, sockfd);
   }
@@ -156,16 +176,22 @@ int run(const direction& dir, vfs_handle* owner, int sockfd, ox_u8* data, int nb
 
 int send_all(vfs_handle* owner, int sockfd, ox_u8* data, int nbytes, bool* closed) {
   *closed = false;
-  if (nbytes == 0) return 0;
+  if (nbytes == 0) {
+    return 0;
+  }
   tnv_debug_dump_msg(reinterpret_cast<char*>(data), nbytes);
   return run(SEND, owner, sockfd, data, nbytes, closed);
 }
 
 int recv_all(vfs_handle* owner, int sockfd, ox_u8* data, int nbytes, bool* closed) {
   *closed = false;
-  if (nbytes == 0) return 0;
+  if (nbytes == 0) {
+    return 0;
+  }
   const int err = run(RECV, owner, sockfd, data, nbytes, closed);
-  if (err == 0) tnv_debug_dump_msg(reinterpret_cast<char*>(data), nbytes);
+  if (err == 0) {
+    tnv_debug_dump_msg(reinterpret_cast<char*>(data), nbytes);
+  }
   return err;
 }
 
@@ -188,11 +214,15 @@ int conn_transfer(vfs_handle* vh, transfer_func move, ox_u8* data, size_t nbytes
     err = has_socket(vh)
               ? move(nullptr, static_cast<int>(vh->vfs_fd), data, static_cast<int>(chunk), &closed)
               : WSAENOTCONN;
-    if (closed) vh->vfs_fd = -1;
+    if (closed) {
+      vh->vfs_fd = -1;
+    }
     data += chunk;
     nbytes -= chunk;
   }
-  if (err == 0) return 0;
+  if (err == 0) {
+    return 0;
+  }
   tnv_conn_break(vh);
   errno = OX_EOWNERDEAD;
   return err;
@@ -218,7 +248,9 @@ void dump_row(const char* row, int len, int (*format)(char*, size_t, char)) {
   char line[DUMP_LINE];
   size_t used = 0;
   for (int i = 0; i < len; i++) {
-    if (i > 0 && i % DUMP_GROUP == 0) line[used++] = ' ';
+    if (i > 0 && i % DUMP_GROUP == 0) {
+      line[used++] = ' ';
+    }
     used += static_cast<size_t>(format(line + used, sizeof(line) - used, row[i]));
   }
   OX_LOG(OX_PRINTF_LEVEL, 0, "%s", line);
@@ -235,7 +267,9 @@ int tnv_sock_init(void) {
 
 int tnv_setsockopt(int fd) {
   u_long nonblocking = 1;
-  if (ioctlsocket(static_cast<SOCKET>(fd), FIONBIO, &nonblocking) == 0) return 0;
+  if (ioctlsocket(static_cast<SOCKET>(fd), FIONBIO, &nonblocking) == 0) {
+    return 0;
+  }
   const int err = WSAGetLastError();
   OX_LOG(OX_ERROR_LEVEL, err, "Could not set socket nonblocking");
   WSASetLastError(err);
@@ -254,7 +288,9 @@ int tnv_recvbytes(vfs_handle* vh, int sockfd, int*, ox_u8* data, int nbytes) {
 
 int tnv_send_response(vfs_handle* vh, int fd, tnv_msg* msgp, tnv_resp* resp) {
   tnv_log_resp(vh, msgp, resp);
-  if (resp->rhdr.rhdr_len > TNV_RESP_MAX_PAYLOAD) return fail(WSAEMSGSIZE);
+  if (resp->rhdr.rhdr_len > TNV_RESP_MAX_PAYLOAD) {
+    return fail(WSAEMSGSIZE);
+  }
   return tnv_sendbytes(vh, fd, nullptr, reinterpret_cast<ox_u8*>(resp),
                        TNV_RESP_HDR + static_cast<int>(resp->rhdr.rhdr_len));
 }
@@ -272,7 +308,7 @@ int tnv_signal_start(char* vfs_sock_path) {
     OX_LOG(OX_ERROR_LEVEL, err, "Failed to create named event %s", name);
     return fail(err);
   }
-  if (!SetEvent(event)) {
+  if (SetEvent(event) == 0) {
     const int err = static_cast<int>(GetLastError());
     OX_LOG(OX_ERROR_LEVEL, err, "Failed to signal event %s", name);
     return fail(err);
@@ -281,7 +317,9 @@ int tnv_signal_start(char* vfs_sock_path) {
 }
 
 void tnv_debug_dump_msg(char* buf, int len) {
-  if (ox_debug < 2) return;
+  if (ox_debug < 2) {
+    return;
+  }
   OX_LOG(OX_PRINTF_LEVEL, 0, "%0*d --- Begin --- %0*d", 20, 0, 20, 0);
   for (int start = 0; start < len; start += DUMP_ROW) {
     const int row_len = std::min(DUMP_ROW, len - start);
@@ -335,6 +373,8 @@ int tnv_conn_recv(vfs_handle* vh, void* data, size_t nbytes) {
 }
 
 void tnv_conn_break(vfs_handle* vh) {
-  if (has_socket(vh)) closesocket(static_cast<SOCKET>(vh->vfs_fd));
+  if (has_socket(vh)) {
+    closesocket(static_cast<SOCKET>(vh->vfs_fd));
+  }
   vh->vfs_fd = -1;
 }

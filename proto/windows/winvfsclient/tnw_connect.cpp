@@ -65,7 +65,9 @@ int renew_record(vfs_handle* vh, const binding& to, const char* hostname) {
 
   const size_t size = strlen(to.sharepath) + 1;
   vh->vfs_share_path = static_cast<char*>(ox_zalloc(size));
-  if (vh->vfs_share_path == nullptr) return OX_ENOMEM;
+  if (vh->vfs_share_path == nullptr) {
+    return OX_ENOMEM;
+  }
   memcpy(vh->vfs_share_path, to.sharepath, size);
   return 0;
 }
@@ -89,8 +91,12 @@ void fill_connect(tnv_msg* msg, const vfs_handle* vh, const binding& to) {
 int handshake(vfs_handle* vh, tnv_msg* msg) {
   tnv_resp resp;
   int err = tnw_sync_send_msg(vh, msg, &resp);
-  if (err == 0) err = static_cast<int>(resp.rhdr.rhdr_errno);
-  if (err != 0) return TNW_REFUSE(err, vh, err, "Could not Connect to Tarn.");
+  if (err == 0) {
+    err = static_cast<int>(resp.rhdr.rhdr_errno);
+  }
+  if (err != 0) {
+    return TNW_REFUSE(err, vh, err, "Could not Connect to Tarn.");
+  }
 
   const tnv_conn_resp& conn = resp.u.conn;
   vh->vfs_peer_handle = reinterpret_cast<void*>(conn.conresp_shandle);
@@ -103,8 +109,12 @@ int handshake(vfs_handle* vh, tnv_msg* msg) {
 int connect_with(vfs_handle* vh, tnv_msg* msg, const binding& to, const char* hostname,
                  const char* sock) {
   int err = renew_record(vh, to, hostname);
-  if (err == 0) err = tnw_setup_socket(vh, sock);
-  if (err != 0) return err;
+  if (err == 0) {
+    err = tnw_setup_socket(vh, sock);
+  }
+  if (err != 0) {
+    return err;
+  }
   TNW_DEBUG(vh, 2, "Socket Connected...");
   fill_connect(msg, vh, to);
   return handshake(vh, msg);
@@ -123,7 +133,9 @@ int tnw_send_msg(vfs_handle* vh, tnv_msg* msgp) {
   ox_uuid_generate(msgp->hdr.hdr_id.id);
   tnv_log_msg(vh, msgp);
   const int err = tnv_conn_send(vh, msgp, msgp->hdr.hdr_len);
-  if (err == 0) return 0;
+  if (err == 0) {
+    return 0;
+  }
 
   char id[OX_UUID_TEXT_SIZE];
   ox_uuid_unparse(msgp->hdr.hdr_id.id, id);
@@ -170,7 +182,7 @@ int tnw_vfs_connect(vfs_handle* vh, const char* domain, const char* user, const 
                     const char* drive_id) {
   char hostname[HOSTNAME_SIZE];
   DWORD hostname_size = HOSTNAME_SIZE;
-  if (!GetComputerNameA(hostname, &hostname_size)) {
+  if (GetComputerNameA(hostname, &hostname_size) == 0) {
     const int err = static_cast<int>(GetLastError());
     return TNW_REFUSE(err, vh, err, "Error getting hostname");
   }

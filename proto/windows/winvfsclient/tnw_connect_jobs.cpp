@@ -34,7 +34,9 @@ void* done(const tnw_evwi* ev) {
 
 /* As done, with an error that the caller finds where the service's would stand. */
 void* done_with(const tnw_evwi* ev, int err) {
-  if (err != 0) ev->ev_resp->rhdr.rhdr_errno = static_cast<ox_u32>(err);
+  if (err != 0) {
+    ev->ev_resp->rhdr.rhdr_errno = static_cast<ox_u32>(err);
+  }
   return done(ev);
 }
 
@@ -92,7 +94,9 @@ int recv_maps(vfs_handle* vh, tnvfd* fde, const tnv_wopen_resp& open) {
  * maps of an unauthorised answer arrive too, and are the caller's to free.
  */
 int take_open_answer(vfs_handle* vh, tnvfd* fde, tnv_resp* resp) {
-  if (!opened(resp)) return 0;
+  if (!opened(resp)) {
+    return 0;
+  }
   const int err = recv_maps(vh, fde, resp->u.wopen);
   if (err != 0) {
     tnv_conn_break(vh);
@@ -105,7 +109,9 @@ int take_open_answer(vfs_handle* vh, tnvfd* fde, tnv_resp* resp) {
 
 /* Receives `count` records into the entry's listing, which is freed on failure: 0, 8 or 133. */
 int recv_listing(vfs_handle* vh, tnvdir* dir, ox_u64 count) {
-  if (count == 0) return 0;
+  if (count == 0) {
+    return 0;
+  }
   constexpr ox_u64 most = std::numeric_limits<ox_s32>::max();
   const size_t size = static_cast<size_t>(count) * sizeof(tnw_fileinfo);
   auto* listing = count <= most ? static_cast<tnw_fileinfo*>(ox_zalloc(size)) : nullptr;
@@ -122,11 +128,15 @@ int recv_listing(vfs_handle* vh, tnvdir* dir, ox_u64 count) {
 }
 
 int take_listing(vfs_handle* vh, tnvfd* fde, const tnv_resp* resp) {
-  if (resp->rhdr.rhdr_errno != 0) return 0;
+  if (resp->rhdr.rhdr_errno != 0) {
+    return 0;
+  }
   fde->fdt_fso = resp->u.wdenum.wde_fso;
   fde->fdt_oaccmode = 1;
   const int err = recv_listing(vh, &fde->fdt_dir, resp->u.wdenum.wde_fi_len);
-  if (err != 0) tnv_conn_break(vh);
+  if (err != 0) {
+    tnv_conn_break(vh);
+  }
   return err;
 }
 
@@ -181,7 +191,9 @@ void* tnw_sync_send_cache_region_msg(void* args, void*, void* priv) {
               req->io_trunc);
   }
   req->io_has_curfsz = cur_fsz != no_size;
-  if (req->io_has_curfsz) req->io_curfsz = cur_fsz;
+  if (req->io_has_curfsz) {
+    req->io_curfsz = cur_fsz;
+  }
   return done(ev);
 }
 

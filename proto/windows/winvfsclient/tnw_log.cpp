@@ -24,7 +24,9 @@ struct OpenIds {
 /* READ and WRITE. */
 void log_transfer(vfs_handle* vh, const char* vfs_event, const tnvfd* fde, ox_off off, size_t size,
                   ox_s64 retval, const struct timespec* s_ts) {
-  if (!is_wanted(vh, s_ts)) return;
+  if (!is_wanted(vh, s_ts)) {
+    return;
+  }
   const OpenIds ids(fde);
   const char* args = tnv_event_args(
       "\"vfs_args\":{\"fd\":%d, \"id\":\"%s\", \"eid\":\"%s\", \"offset\":%lli, \"size\":%zu}",
@@ -39,7 +41,9 @@ const char* tnw_log_prefix(vfs_handle* vh, const char* file, const char* level, 
   int left = PREFIX_SIZE;
   char* end = prefix;
   end += tn_common_log_prefix(end, &left, file, level, line, err, alert);
-  if (vh != nullptr) end += tnv_log_prefix(vh, &left, end);
+  if (vh != nullptr) {
+    end += tnv_log_prefix(vh, &left, end);
+  }
   ox_append(end, &left, "\"message\":");
   return prefix;
 }
@@ -52,7 +56,9 @@ bool tnw_logs_client_resp(const vfs_handle* vh) {
 void tnw_log_response(vfs_handle* vh, const char* vfs_event, const char* args, ox_s64 retval,
                       const tnvfso* fso, const struct timespec* s_ts, const char* file, int line) {
   const int err = retval < 0 ? errno : 0;
-  if (!is_wanted(vh, s_ts)) return;
+  if (!is_wanted(vh, s_ts)) {
+    return;
+  }
   int left = PREFIX_SIZE;
   char* end = prefix;
   end += tn_common_log_prefix(end, &left, file, ox_msg_type[OX_DEBUG_LEVEL], line, 0, nullptr);
@@ -61,7 +67,9 @@ void tnw_log_response(vfs_handle* vh, const char* vfs_event, const char* args, o
                    "\"vfs_response_time\":%llu, \"vfs_event_name\":\"%s\", \"retval\":%llu, "
                    "\"vfs_errno\":%d",
                    tn_llu(ox_usecs_since(s_ts)), vfs_event, tn_llu(retval), err);
-  if (fso != nullptr) ox_append(end, &left, ", %s", tnv_fso2json(fso));
+  if (fso != nullptr) {
+    ox_append(end, &left, ", %s", tnv_fso2json(fso));
+  }
   if (args != nullptr) {
     ox_log_msg(line, file, OX_PRINTF_LEVEL, 0, "{%s, %s}\n", prefix, args);
   } else {
@@ -81,17 +89,21 @@ void tnw_log_write_client_resp(vfs_handle* vh, const tnvfd* fde, ox_off off, siz
 
 void tnw_log_folderempty_client_resp(vfs_handle* vh, const tnvfd* fde, bool isempty, ox_s64 retval,
                                      const struct timespec* s_ts) {
-  if (!is_wanted(vh, s_ts)) return;
+  if (!is_wanted(vh, s_ts)) {
+    return;
+  }
   const OpenIds ids(fde);
   const char* args =
       tnv_event_args("\"vfs_args\":{\"fd\":%d, \"id\":\"%s\", \"eid\":\"%s\",\"isempty\":%d}",
-                     fde->fdt_fd, ids.id.text, ids.eid.text, isempty);
+                     fde->fdt_fd, ids.id.text, ids.eid.text, static_cast<int>(isempty));
   tnw_log_client_response(vh, "TNV_OP_WIN_FOLDEREMPTY", args, retval, &fde->fdt_fso, s_ts);
 }
 
 void tnw_log_findnext_client_resp(vfs_handle* vh, const tnvfd* fde, ox_s64 retval,
                                   const struct timespec* s_ts) {
-  if (!is_wanted(vh, s_ts)) return;
+  if (!is_wanted(vh, s_ts)) {
+    return;
+  }
   const OpenIds ids(fde);
   const char* args = tnv_event_args("\"vfs_args\":{\"fd\":%d, \"id\":\"%s\", \"eid\":\"%s\"}",
                                     fde->fdt_fd, ids.id.text, ids.eid.text);
@@ -100,7 +112,9 @@ void tnw_log_findnext_client_resp(vfs_handle* vh, const tnvfd* fde, ox_s64 retva
 
 void tnw_log_setfsize_client_resp(vfs_handle* vh, const tnvfd* fde, ox_u64 size, ox_s64 retval,
                                   const struct timespec* s_ts) {
-  if (!is_wanted(vh, s_ts)) return;
+  if (!is_wanted(vh, s_ts)) {
+    return;
+  }
   const OpenIds ids(fde);
   const char* args =
       tnv_event_args("\"vfs_args\":{\"fd\":%d, \"id\":\"%s\", \"eid\":\"%s\",\"size\":%llu}",

@@ -23,9 +23,13 @@ int exchange_empty(vfs_handle* vh, vfs_op opcode, tnv_resp* resp) {
 int vfstnw_get_version(vfs_handle* vh, ox_get_version_t* vinfo) {
   tnv_resp resp;
   int err = exchange_empty(vh, TNV_OP_GET_VERSION, &resp);
-  if (err != 0) return err;
+  if (err != 0) {
+    return err;
+  }
   err = static_cast<int>(resp.rhdr.rhdr_errno);
-  if (err != 0) return TNW_REFUSE(err, vh, err, "get_version failed");
+  if (err != 0) {
+    return TNW_REFUSE(err, vh, err, "get_version failed");
+  }
   *vinfo = resp.u.get_version.ver_fields;
   return 0;
 }
@@ -37,6 +41,8 @@ int vfstnw_shutdown(vfs_handle* vh) {
     return -1;
   }
   const int err = static_cast<int>(resp.rhdr.rhdr_errno);
-  if (err != 0) return TNW_REFUSE(err, vh, err, "shutdown failed");
+  if (err != 0) {
+    return TNW_REFUSE(err, vh, err, "shutdown failed");
+  }
   return 0;
 }

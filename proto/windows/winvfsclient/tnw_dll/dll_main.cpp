@@ -1,4 +1,4 @@
-// The library's entry point and its two process-wide locks.
+/* The library's entry point and its two process-wide locks. */
 
 #include <windows.h>
 
@@ -9,10 +9,12 @@
 tnw_tnihd tnw_tninstances;
 ox_rwlock_t tnw_glock;
 
-// Each line of detach undoes one of attach. At the process's end nothing is undone: its other
-// threads were stopped where they stood, and destroying a lock that one of them held (a start holds
-// tnw_glock for up to two minutes) would wait for ever. Instances that are still there are
-// deliberately left.
+/*
+ * Each line of detach undoes one of attach. At the process's end nothing is undone: its other
+ * threads were stopped where they stood, and destroying a lock that one of them held (a start holds
+ * tnw_glock for up to two minutes) would wait for ever. Instances that are still there are
+ * deliberately left.
+ */
 extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID process_ends) {
   if (reason == DLL_PROCESS_ATTACH) {
     tnw_list_init(&tnw_tninstances);
@@ -20,7 +22,7 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID process_ends) {
     ox_init_rwlock(&tnw_tninstances.tni_lock);
     ox_init_rwlock(&tnw_glock);
     ox_init_lock(&tnw_fc_lock);
-  } else if (reason == DLL_PROCESS_DETACH && !process_ends) {
+  } else if (reason == DLL_PROCESS_DETACH && process_ends == nullptr) {
     ox_deinit_lock(&tnw_fc_lock);
     ox_deinit_rwlock(&tnw_glock);
     ox_deinit_rwlock(&tnw_tninstances.tni_lock);

@@ -1,10 +1,12 @@
-// May a new service be started? The pid files, the fallback event and the wait for an old service.
+/*
+ * May a new service be started? The pid files, the fallback event and the wait for an old service.
+ */
 
-#include <errno.h>
 #include <shlobj.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 #include "ox_errno.h"
 #include "ox_lock.h"
@@ -17,34 +19,38 @@ namespace {
 
 constexpr int OLD_SERVICE_TRIES = 15;
 constexpr int OLD_SERVICE_PAUSE_SECS = 5;
-constexpr size_t PID_PATH_SIZE = OX_MAXPATH_LEN + 16;  // never cuts: see compose_pid_path
+constexpr size_t PID_PATH_SIZE = OX_MAXPATH_LEN + 16; /* never cuts: see compose_pid_path */
 constexpr ox_u32 MAX_EVENT_NAME = OX_MAXPATH_LEN;
 
-// The error of the system call before, which the logging of it may change.
+/* The error of the system call before, which the logging of it may change. */
 int refuse_file(const char* what, const char* file) {
   const int err = errno;
   return TNW_REFUSE(err, nullptr, err, "cannot %s %s", what, file);
 }
 
-// A cut path would name another file, and the same one for both pid files, so none is cut.
+/* A cut path would name another file, and the same one for both pid files, so none is cut. */
 void compose_pid_path(const tnw_tninstance* tni, const char* name, char (&path)[PID_PATH_SIZE]) {
   snprintf(path, sizeof path, "%.*s/%s", TNW_FIELD(tni->tni_cachedir), name);
 }
 
-// Windows' ReadFile at the end of an empty file fails with 38: nothing to read, no fault.
+/* Windows' ReadFile at the end of an empty file fails with 38: nothing to read, no fault. */
 int read_old_pid(int fd, unsigned long* pid) {
   char text[129] = {};
   const ox_s64 n = ox_pread(fd, text, sizeof text - 1, 0);
-  if (n < 0 && errno != ERROR_HANDLE_EOF) return refuse_file("read", "da_pid");
+  if (n < 0 && errno != ERROR_HANDLE_EOF) {
+    return refuse_file("read", "da_pid");
+  }
   *pid = n > 0 ? strtoul(text, nullptr, 10) : 0;
   return 0;
 }
 
-// The file is deliberately not truncated: a shorter number leaves the tail of the old one.
+/* The file is deliberately not truncated: a shorter number leaves the tail of the old one. */
 int write_own_pid(int fd) {
   char text[32];
   const int len = snprintf(text, sizeof text, "%lu", GetCurrentProcessId());
-  if (ox_pwrite(fd, text, static_cast<size_t>(len), 0) == len) return 0;
+  if (ox_pwrite(fd, text, static_cast<size_t>(len), 0) == len) {
+    return 0;
+  }
   return refuse_file("write DA PID to", "da_pid");
 }
 
@@ -52,10 +58,12 @@ int update_da_pid_file(const tnw_tninstance* tni) {
   char path[PID_PATH_SIZE];
   compose_pid_path(tni, "da_pid", path);
   const int fd = ox_creat(path, OX_O_RDWR | OX_O_CREAT | OX_O_SYNC, 0644);
-  if (fd < 0) return refuse_file("open", path);
+  if (fd < 0) {
+    return refuse_file("open", path);
+  }
   unsigned long old_pid = 0;
   int code = read_old_pid(fd, &old_pid);
-  if (!code) {
+  if (code == 0) {
     TNW_INFO(nullptr, "real DA PID: %lu, file DA PID: %lu", GetCurrentProcessId(), old_pid);
     code = write_own_pid(fd);
   }
@@ -63,12 +71,16 @@ int update_da_pid_file(const tnw_tninstance* tni) {
   return code;
 }
 
-// Waits until the service pid file can be locked. The result is not reset when a later try
-// succeeds: a lock that was had only after waiting deliberately still fails this attempt.
+/*
+ * Waits until the service pid file can be locked. The result is not reset when a later try
+ * succeeds: a lock that was had only after waiting deliberately still fails this attempt.
+ */
 int wait_for_old_service(const tnw_tninstance* tni, int fd) {
   int code = 0;
   for (int i = 0; i < OLD_SERVICE_TRIES; i++) {
-    if (ox_flock(fd, LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY) == 0) break;
+    if (ox_flock(fd, LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY) == 0) {
+      break;
+    }
     code = errno;
     TNW_ERROR(nullptr, code, "tarnd is still running at %.*s. Sleeping for %d secs.",
               TNW_FIELD(tni->tni_cachedir), OLD_SERVICE_PAUSE_SECS);
@@ -80,27 +92,33 @@ int wait_for_old_service(const tnw_tninstance* tni, int fd) {
 int check_service_pid_file(const tnw_tninstance* tni, tnw_tninit* tninit) {
   char path[PID_PATH_SIZE];
   compose_pid_path(tni, "tarnd_pid", path);
-  const int fd = ox_creat(path, OX_O_RDONLY, 0644);  // ox_open would log that it is missing
-  if (fd < 0 && errno == OX_ENOENT) return 0;
-  if (fd < 0) return refuse_file("open", path);
+  const int fd = ox_creat(path, OX_O_RDONLY, 0644); /* ox_open would log that it is missing */
+  if (fd < 0 && errno == OX_ENOENT) {
+    return 0;
+  }
+  if (fd < 0) {
+    return refuse_file("open", path);
+  }
   char cachedir[sizeof tni->tni_cachedir + 1] = {};
   memcpy(cachedir, tni->tni_cachedir, sizeof tni->tni_cachedir);
   int code = tnw_tfi_fallback(cachedir);
-  if (code)
+  if (code != 0) {
     tninit->tnw_flags |= TNW_INIT_NO_RETRY;
-  else
+  } else {
     code = wait_for_old_service(tni, fd);
+  }
   ox_close(fd);
   return code;
 }
 
 int check_filled(const tnw_tninstance* tni, tnw_tninit* tninit) {
   const int made = SHCreateDirectoryExA(nullptr, tni->tni_cachedir, nullptr);
-  if (made && made != ERROR_ALREADY_EXISTS)
+  if (made != 0 && made != ERROR_ALREADY_EXISTS) {
     return TNW_REFUSE(made, nullptr, made, "Failed to create dir %.*s",
                       TNW_FIELD(tni->tni_cachedir));
+  }
   const int code = update_da_pid_file(tni);
-  return code ? code : check_service_pid_file(tni, tninit);
+  return code != 0 ? code : check_service_pid_file(tni, tninit);
 }
 
 }  // namespace
@@ -108,23 +126,30 @@ int check_filled(const tnw_tninstance* tni, tnw_tninit* tninit) {
 int tnw_tfi_fallback(const char* cachedir) {
   char name[MAX_EVENT_NAME + 32];
   const int n = snprintf(name, sizeof name, "Global\\%s/%s", cachedir, "tfi.force_fallback");
-  if (n < 0 || static_cast<ox_u32>(n) > MAX_EVENT_NAME) return 0;
+  if (n < 0 || static_cast<ox_u32>(n) > MAX_EVENT_NAME) {
+    return 0;
+  }
   ox_event_name_fold(name + strlen("Global\\"));
   const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, name);
-  const bool existed = event && GetLastError() == ERROR_ALREADY_EXISTS;
-  const bool told = existed && SetEvent(event);
-  if (event) CloseHandle(event);
-  if (!told) return 0;
+  const bool existed = event != nullptr && GetLastError() == ERROR_ALREADY_EXISTS;
+  const bool told = existed && SetEvent(event) != 0;
+  if (event != nullptr) {
+    CloseHandle(event);
+  }
+  if (!told) {
+    return 0;
+  }
   TNW_INFO(nullptr, "TFI: force fallback. Notifying event name %s", name);
   return ERROR_GEN_FAILURE;
 }
 
 int tnw_check_instance(tnw_tninit* tninit) {
   tnw_tninstance* tni = tnw_alloc_tninstance();
-  if (!tni)
+  if (tni == nullptr) {
     return TNW_REFUSE(OX_ENOMEM, nullptr, OX_ENOMEM,
                       "Failed to allocate memory for tnw_tninstance_t");
-  tnw_fill_tninstance(tninit, tni);  // deliberately unchecked: goes on with what is there
+  }
+  tnw_fill_tninstance(tninit, tni); /* deliberately unchecked: goes on with what is there */
   const int code = check_filled(tni, tninit);
   tnw_free_tninstance(tni);
   return code;

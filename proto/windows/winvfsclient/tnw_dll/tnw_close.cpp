@@ -1,4 +1,4 @@
-// tnw_cleanup_file and tnw_close.
+/* tnw_cleanup_file and tnw_close. */
 
 #include <atomic>
 
@@ -9,30 +9,39 @@
 
 namespace {
 
-// Sends a CLOSE or CLEANUP for the entry: 0 or a Windows code.
+/* Sends a CLOSE or CLEANUP for the entry: 0 or a Windows code. */
 int exchange_close(const tnw_call& call, vfs_op op, const tnvfd* fde) {
   tnv_msg msg;
   tnv_resp resp;
   tnw_fill_close(&msg, op, fde);
   tnw_exchange(call.tni, tnw_async_send_msg, &msg, &resp, nullptr);
-  if (tnw_answered_unauthorized(&call, &resp)) return ERROR_LOGON_FAILURE;
+  if (tnw_answered_unauthorized(&call, &resp)) {
+    return ERROR_LOGON_FAILURE;
+  }
   const ox_u32 err = resp.rhdr.rhdr_errno;
-  if (!err) return 0;
+  if (err == 0) {
+    return 0;
+  }
   return TNW_REFUSE_ANSWER(call.vh, err, "Failed to close file.");
 }
 
-// Data that went through a read-only open of the file is told by the close of a writable one.
+/* Data that went through a read-only open of the file is told by the close of a writable one. */
 void take_over_read_dirty(tnvfd* fde) {
-  if (!fde->fdt_fc || !(fde->fdt_oaccmode & TNW_ACC_WRITE)) return;
-  if (std::atomic_ref(fde->fdt_fc->fc_rd_dirty).exchange(false))
+  if (fde->fdt_fc == nullptr || ((fde->fdt_oaccmode & TNW_ACC_WRITE) == 0)) {
+    return;
+  }
+  if (std::atomic_ref(fde->fdt_fc->fc_rd_dirty).exchange(false)) {
     std::atomic_ref(fde->fdt_tnflags).fetch_or(TNV_FL_MODIFIED);
+  }
 }
 
 }  // namespace
 
 void tnw_release_entry(const tnw_call& call, tnvfd* fde) {
   tnw_close_local_file(fde);
-  if (fde->fdt_fc) tnw_uncount_open(fde->fdt_fc, fde->fdt_oaccmode);
+  if (fde->fdt_fc != nullptr) {
+    tnw_uncount_open(fde->fdt_fc, fde->fdt_oaccmode);
+  }
   tnw_putfd(call.vh, &call.tni->tni_files, fde);
 }
 
@@ -40,24 +49,38 @@ int tnw_cleanup_file(void* ophdl) {
   tnvfd* fde = static_cast<tnvfd*>(ophdl);
   tnw_call call;
   int code = tnw_enter_entry_call(fde, false, TNW_REFUSE_NO_PATH, &call);
-  if (!code) code = tnw_check_authorized(&call);
-  if (code || fde->fdt_fso.fso_isdir) return code;
+  if (code == 0) {
+    code = tnw_check_authorized(&call);
+  }
+  if (code != 0 || fde->fdt_fso.fso_isdir != 0) {
+    return code;
+  }
   return exchange_close(call, TNV_OP_WIN_CLEANUP, fde);
 }
 
-// The local file is closed before the authorisation is checked, and whatever the service answers:
-// a refused close keeps the entry, without a local file, and may be repeated.
+/*
+ * The local file is closed before the authorisation is checked, and whatever the service answers:
+ * a refused close keeps the entry, without a local file, and may be repeated.
+ */
 int tnw_close(void* ophdl, char* out_procname) {
   tnvfd* fde = static_cast<tnvfd*>(ophdl);
   tnw_call call;
   int code = tnw_enter_entry_call(fde, false, TNW_REFUSE_NO_PATH, &call);
-  if (code) return code;
+  if (code != 0) {
+    return code;
+  }
   tnw_copy_procname(out_procname, fde);
   take_over_read_dirty(fde);
-  if (!fde->fdt_fso.fso_isdir) tnw_close_local_file(fde);
+  if (fde->fdt_fso.fso_isdir == 0) {
+    tnw_close_local_file(fde);
+  }
   code = tnw_check_authorized(&call);
-  if (!code) code = exchange_close(call, TNV_OP_WIN_CLOSE, fde);
-  if (code) return code;
+  if (code == 0) {
+    code = exchange_close(call, TNV_OP_WIN_CLOSE, fde);
+  }
+  if (code != 0) {
+    return code;
+  }
   tnw_release_entry(call, fde);
   return 0;
 }

@@ -1,7 +1,7 @@
-// An instance's pool and its connections: one socket per worker slot, for the instance's life.
+/* An instance's pool and its connections: one socket per worker slot, for the instance's life. */
 
-#include <stdio.h>
-#include <string.h>
+#include <cstdio>
+#include <cstring>
 
 #include <algorithm>
 
@@ -14,7 +14,7 @@
 
 namespace {
 
-// Instance fields as the texts that the handshake takes.
+/* Instance fields as the texts that the handshake takes. */
 struct connect_texts {
   char domain[sizeof(tnw_tninstance::tni_domain) + 1];
   char user[sizeof(tnw_tninstance::tni_username) + 1];
@@ -39,14 +39,20 @@ int tnw_create_pool(tnw_tninstance* tni, const tnw_tninit* tninit) {
   snprintf(name, sizeof name, "TNWIN_VFSC_%.*s@%.*s", TNW_FIELD(tninit->tnw_username),
            TNW_FIELD(tninit->tnw_domain));
   const int wanted = tninit->tnw_max_threads;
-  if (wanted < 1) return OX_EINVAL;
+  if (wanted < 1) {
+    return OX_EINVAL;
+  }
   const ox_u32 max_threads = std::min<ox_u32>(static_cast<ox_u32>(wanted), OX_TPOOL_MAX_SLOTS);
   const ox_u32 min_threads =
       tninit->tnw_min_threads > 0 ? static_cast<ox_u32>(tninit->tnw_min_threads) : 0;
   tni->tni_tpool =
       ox_tpool_create(name, nullptr, nullptr, 0, sizeof(vfs_handle), min_threads, max_threads);
-  if (!tni->tni_tpool) return OX_ENOMEM;
-  for (ox_u32 i = 0; i < slots(tni); i++) tnw_connection(tni, i)->vfs_fd = -1;
+  if (tni->tni_tpool == nullptr) {
+    return OX_ENOMEM;
+  }
+  for (ox_u32 i = 0; i < slots(tni); i++) {
+    tnw_connection(tni, i)->vfs_fd = -1;
+  }
   return 0;
 }
 
@@ -58,9 +64,10 @@ int tnw_tp_init_vfshandle(tnw_tninstance* tni, const char* sharepath, const char
   to_text(t.sock, tni->tni_sock);
   to_text(t.devid, tni->tni_da_device_id);
   int code = 0;
-  for (ox_u32 i = 0; i < slots(tni) && !code; i++)
+  for (ox_u32 i = 0; i < slots(tni) && code == 0; i++) {
     code = tnw_vfs_connect(tnw_connection(tni, i), t.domain, t.user, t.cachedir, t.sock, sharepath,
                            t.devid, drive_id);
+  }
   memcpy(tnw_connection(tni, 0)->vfs_sock_path, tni->tni_sock, sizeof tni->tni_sock);
   return code;
 }

@@ -1,4 +1,6 @@
-// tnw_deinit and tnw_deinit_force: giving drive handles back, and stopping the service with them.
+/*
+ * tnw_deinit and tnw_deinit_force: giving drive handles back, and stopping the service with them.
+ */
 
 #include "ox_errno.h"
 #include "ox_util.h"
@@ -10,11 +12,15 @@ namespace {
 
 constexpr DWORD STOP_PAUSE_MS = 1000;
 
-// The instance of a handle that is to be given back, or null after the lines. Under tnw_glock, so
-// that of two calls for one handle the second finds it unknown.
+/*
+ * The instance of a handle that is to be given back, or null after the lines. Under tnw_glock, so
+ * that of two calls for one handle the second finds it unknown.
+ */
 tnw_tninstance* find_instance_to_leave(const void* drvhdl) {
   tnw_call call;
-  if (tnw_enter_drive(drvhdl, &call) == 0) return call.tni;
+  if (tnw_enter_drive(drvhdl, &call) == 0) {
+    return call.tni;
+  }
   TNW_ERROR(nullptr, OX_EINVAL, "Drive handle is not associated with any tninstance");
   return nullptr;
 }
@@ -27,7 +33,7 @@ int leave_instance(tnw_tninstance* tni, tnw_drive_handle* dh) {
            handles->tnwh_cnt);
   tnw_remove_handle(tni, dh);
   ox_free_safe(dh);
-  if (handles->tnwh_cnt) {
+  if (handles->tnwh_cnt != 0) {
     TNW_INFO(vh, "After deinit, drive handle count %d for user %.*s@%.*s", handles->tnwh_cnt,
              TNW_FIELD(tni->tni_username), TNW_FIELD(tni->tni_domain));
     return 0;
@@ -39,16 +45,17 @@ int leave_instance(tnw_tninstance* tni, tnw_drive_handle* dh) {
 }
 
 int leave_by_force(tnw_tninstance* tni) {
-  tnw_tnstop(tni);  // its result is deliberately ignored
+  tnw_tnstop(tni); /* its result is deliberately ignored */
   tnw_dismantle(tni);
   return 0;
 }
 
-// The checks of both calls, then `leave` with the instance, under tnw_glock.
+/* The checks of both calls, then `leave` with the instance, under tnw_glock. */
 template <class Leave>
 int deinit(void* drvhdl, Leave leave) {
-  if (!drvhdl)
+  if (!drvhdl) {
     return TNW_REFUSE(ERROR_INVALID_PARAMETER, nullptr, OX_EINVAL, "Invalid drive handle passed");
+  }
   ox_rwlock_excl(&tnw_glock);
   tnw_tninstance* tni = find_instance_to_leave(drvhdl);
   const int code = tni ? leave(tni) : ERROR_INVALID_PARAMETER;
@@ -66,7 +73,7 @@ void tnw_dismantle(tnw_tninstance* tni) {
 }
 
 int tnw_deinit(void* drvhdl, bool force) {
-  (void)force;  // accepted, and deliberately without effect
+  (void)force; /* accepted, and deliberately without effect */
   return deinit(drvhdl, [&](tnw_tninstance* tni) {
     return leave_instance(tni, static_cast<tnw_drive_handle*>(drvhdl));
   });

@@ -1,7 +1,9 @@
-// tnw_findfirst, tnw_findnext, tnw_findclose, tnw_checkfolderempty: the whole listing arrives with
-// tnw_findfirst; the later calls walk the copy.
+/*
+ * tnw_findfirst, tnw_findnext, tnw_findclose, tnw_checkfolderempty: the whole listing arrives with
+ * tnw_findfirst; the later calls walk the copy.
+ */
 
-#include <string.h>
+#include <cstring>
 
 #include "ox_errno.h"
 #include "ox_util.h"
@@ -14,14 +16,16 @@ namespace {
 
 tnv_msg* build_denum_msg(const void* drvhdl, const char* path, const char* procname) {
   tnv_msg* msg = tnw_build_msg(TNV_OP_WIN_DENUM, drvhdl, procname, {path});
-  if (msg) msg->u.wdenum.wde_pathlen = static_cast<ox_s32>(strlen(path) + 1);
+  if (msg != nullptr) {
+    msg->u.wdenum.wde_pathlen = static_cast<ox_s32>(strlen(path) + 1);
+  }
   return msg;
 }
 
-// The next record of the listing; the caller has seen that there is one.
+/* The next record of the listing; the caller has seen that there is one. */
 void hand_out(tnvdir* dir, tnw_fileinfo* out) { *out = dir->dir_fi[dir->dir_fi_idx++]; }
 
-// How a findfirst ended: `kept` when its entry deliberately stays reserved.
+/* How a findfirst ended: `kept` when its entry deliberately stays reserved. */
 struct denum_outcome {
   int code;
   bool kept;
@@ -36,7 +40,7 @@ denum_outcome exchange_denum(const tnw_call& call, tnvfd* fde, tnv_msg* msg, con
     return {ERROR_LOGON_FAILURE, true};
   }
   const ox_u32 err = resp.rhdr.rhdr_errno;
-  if (err) {
+  if (err != 0) {
     TNW_ERROR(call.vh, static_cast<int>(err),
               "Failed to send directory enumeration message for path %s.", path);
     return {static_cast<int>(unixerr2winerr(err)), false};
@@ -49,7 +53,7 @@ denum_outcome exchange_denum(const tnw_call& call, tnvfd* fde, tnv_msg* msg, con
 denum_outcome enumerate(const tnw_call& call, tnvfd* fde, const void* drvhdl, const char* path,
                         const char* procname) {
   tnv_msg* msg = build_denum_msg(drvhdl, path, procname);
-  if (!msg) {
+  if (msg == nullptr) {
     TNW_ERROR(call.vh, OX_ENOMEM,
               "Failed to allocate memory to directory enumeration message structure for path %s",
               path);
@@ -60,12 +64,14 @@ denum_outcome enumerate(const tnw_call& call, tnvfd* fde, const void* drvhdl, co
   return outcome;
 }
 
-// The reserved entry becomes the enumeration handle: 0, or 18 for an empty folder.
+/* The reserved entry becomes the enumeration handle: 0, or 18 for an empty folder. */
 int open_enumeration(tnvfd* fde, void* drvhdl, const char* procname, tnw_fileinfo* out) {
   ox_copy_field(fde->fdt_procname, sizeof fde->fdt_procname, procname);
   fde->fdt_state = TNV_FD_INUSE;
   fde->fdt_drv = drvhdl;
-  if (fde->fdt_dir.dir_fi_len == 0) return ERROR_NO_MORE_FILES;
+  if (fde->fdt_dir.dir_fi_len == 0) {
+    return ERROR_NO_MORE_FILES;
+  }
   hand_out(&fde->fdt_dir, out);
   return 0;
 }
@@ -73,17 +79,21 @@ int open_enumeration(tnvfd* fde, void* drvhdl, const char* procname, tnw_fileinf
 tnvfd* find_first(void* drvhdl, const char* path, tnw_fileinfo* out, const char* procname,
                   int* code) {
   tnw_call call;
-  *code = tnw_enter_path_call(drvhdl, out ? path : nullptr, TNW_REFUSE_NO_PATH, &call);
-  if (*code) return nullptr;
+  *code = tnw_enter_path_call(drvhdl, out != nullptr ? path : nullptr, TNW_REFUSE_NO_PATH, &call);
+  if (*code != 0) {
+    return nullptr;
+  }
   int err = 0;
   tnvfd* fde = tnw_getfd(call.vh, &call.tni->tni_files, &err);
-  if (!fde) {
+  if (fde == nullptr) {
     *code = static_cast<int>(unixerr2winerr(static_cast<ox_u32>(err)));
     return nullptr;
   }
   const denum_outcome outcome = enumerate(call, fde, drvhdl, path, procname);
-  if (outcome.code) {
-    if (!outcome.kept) tnw_putfd(call.vh, &call.tni->tni_files, fde);
+  if (outcome.code != 0) {
+    if (!outcome.kept) {
+      tnw_putfd(call.vh, &call.tni->tni_files, fde);
+    }
     *code = outcome.code;
     return nullptr;
   }
@@ -92,7 +102,9 @@ tnvfd* find_first(void* drvhdl, const char* path, tnw_fileinfo* out, const char*
 }
 
 bool list_is_empty(const tnvdir& dir) {
-  if (!dir.dir_cffl) return dir.dir_fi_len == 0;
+  if (dir.dir_cffl == nullptr) {
+    return dir.dir_fi_len == 0;
+  }
   const cfs_cffl_header_v3& head = dir.dir_cffl->cfh_head;
   return head.cf_dcount == 0 && head.cf_fcount == 0;
 }
@@ -103,42 +115,59 @@ void* tnw_findfirst(void* drvhdl, const char* path, tnw_fileinfo* out, const cha
                     int* err) {
   int code = 0;
   tnvfd* fde = find_first(drvhdl, path, out, in_procname, &code);
-  if (err) *err = code;
+  if (err != nullptr) {
+    *err = code;
+  }
   return fde;
 }
 
 int tnw_findnext(void* dehdl, tnw_fileinfo* out) {
-  tnvfd* fde = static_cast<tnvfd*>(out ? dehdl : nullptr);
+  tnvfd* fde = static_cast<tnvfd*>(out != nullptr ? dehdl : nullptr);
   tnw_call call;
   int code = tnw_enter_entry_call(fde, false, TNW_REFUSE_NO_PATH, &call);
-  if (code) return code;
+  if (code != 0) {
+    return code;
+  }
   memset(out, 0, sizeof *out);
   code = tnw_check_authorized(&call);
-  if (code) return code;
-  if (fde->fdt_dir.dir_fi_idx == fde->fdt_dir.dir_fi_len) return ERROR_NO_MORE_FILES;
+  if (code != 0) {
+    return code;
+  }
+  if (fde->fdt_dir.dir_fi_idx == fde->fdt_dir.dir_fi_len) {
+    return ERROR_NO_MORE_FILES;
+  }
   const struct timespec start = tnw_call_start(call);
   hand_out(&fde->fdt_dir, out);
   tnw_log_findnext_client_resp(call.vh, fde, 0, &start);
   return 0;
 }
 
-// Deliberately in another order than the other calls: the authorisation before the drive.
+/* Deliberately in another order than the other calls: the authorisation before the drive. */
 int tnw_findclose(void* dehdl) {
   tnvfd* fde = static_cast<tnvfd*>(dehdl);
   tnw_call call;
   int code = tnw_enter_entry(fde, false, TNW_REFUSE_NO_PATH, &call);
-  if (!code) code = tnw_check_authorized(&call);
-  if (!code) code = tnw_check_drive(fde, &call);
-  if (code) return code;
+  if (code == 0) {
+    code = tnw_check_authorized(&call);
+  }
+  if (code == 0) {
+    code = tnw_check_drive(fde, &call);
+  }
+  if (code != 0) {
+    return code;
+  }
   tnv_msg msg;
   tnv_resp resp;
   tnw_fill_close(&msg, TNV_OP_WIN_CLOSE, fde);
   tnw_exchange(call.tni, tnw_async_send_msg, &msg, &resp, nullptr);
-  if (tnw_answered_unauthorized(&call, &resp)) return ERROR_LOGON_FAILURE;
+  if (tnw_answered_unauthorized(&call, &resp)) {
+    return ERROR_LOGON_FAILURE;
+  }
   const ox_u32 err = resp.rhdr.rhdr_errno;
-  if (err)
+  if (err != 0) {
     TNW_ERROR(call.vh, static_cast<int>(err), "Failed to close diretory enumeration context.");
-  tnw_release_entry(call, fde);  // also after a refused close
+  }
+  tnw_release_entry(call, fde); /* also after a refused close */
   return static_cast<int>(unixerr2winerr(err));
 }
 
@@ -146,12 +175,22 @@ int tnw_checkfolderempty(void* dehdl, bool* is_empty) {
   const tnvfd* fde = static_cast<const tnvfd*>(dehdl);
   tnw_call call;
   int code = tnw_enter_entry_call(fde, false, TNW_REFUSE_NO_PATH, &call);
-  if (is_empty && code == ERROR_BAD_ARGUMENTS) *is_empty = false;
-  if (!code) code = tnw_check_authorized(&call);
-  if (code) return code;
+  if (is_empty != nullptr && code == ERROR_BAD_ARGUMENTS) {
+    *is_empty = false;
+  }
+  if (code == 0) {
+    code = tnw_check_authorized(&call);
+  }
+  if (code != 0) {
+    return code;
+  }
   const struct timespec start = tnw_call_start(call);
   const bool empty = list_is_empty(fde->fdt_dir);
-  if (is_empty) *is_empty = empty;
-  if (!empty) tnw_log_folderempty_client_resp(call.vh, fde, empty, 0, &start);
+  if (is_empty != nullptr) {
+    *is_empty = empty;
+  }
+  if (!empty) {
+    tnw_log_folderempty_client_resp(call.vh, fde, empty, 0, &start);
+  }
   return 0;
 }

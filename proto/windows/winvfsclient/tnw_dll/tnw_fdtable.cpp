@@ -1,10 +1,10 @@
-// The descriptor table: allocation, the free list, and what an entry owns.
+/* The descriptor table: allocation, the free list, and what an entry owns. */
 
 #include "tnw_fdtable.h"
 
-#include <errno.h>
-#include <string.h>
 #include <windows.h>
+#include <cerrno>
+#include <cstring>
 
 #include "ox_errno.h"
 #include "ox_platform.h"
@@ -15,7 +15,9 @@
 
 namespace {
 
-// Clears all of an entry but its descriptor number and its locks, which live as long as the table.
+/*
+ * Clears all of an entry but its descriptor number and its locks, which live as long as the table.
+ */
 void clear_entry(tnvfd* fde) {
   const int fd = fde->fdt_fd;
   ox_u8* bytes = reinterpret_cast<ox_u8*>(fde);
@@ -38,7 +40,7 @@ int init_entry(tnvfd* fde, int fd) {
   const int err = ox_init_rwlock(&fde->fdt_rmap_lock);
   const int err2 = ox_init_rwlock(&fde->fdt_dmap_lock);
   const int err3 = ox_init_lock(&fde->fdt_psdo2io_lock);
-  return err ? err : err2 ? err2 : err3;
+  return err != 0 ? err : err2 != 0 ? err2 : err3;
 }
 
 void deinit_entry(tnvfd* fde) {
@@ -58,35 +60,46 @@ int tnw_alloc_fdtable(vfs_handle* vh, tnw_files* fdt) {
     return TNW_REFUSE(err, vh, err, "Failed to get limit for max open files.");
   }
   fdt->vfs_files = static_cast<tnvfd*>(ox_zalloc(static_cast<size_t>(n) * sizeof(tnvfd)));
-  if (!fdt->vfs_files)
+  if (fdt->vfs_files == nullptr) {
     return TNW_REFUSE(OX_ENOMEM, vh, OX_ENOMEM, "Not enough memory for fd table.");
+  }
   tnvfdhd* head = &fdt->vfs_free_fds;
   tnw_list_init(head);
   int err = ox_init_lock(&head->fdt_lock);
-  for (int i = 0; i < n && !err; i++) {
+  for (int i = 0; i < n && err == 0; i++) {
     err = init_entry(&fdt->vfs_files[i], i);
     tnw_list_append(head, &fdt->vfs_files[i]);
     head->fdt_count++;
     fdt->vfs_nfiles++;
   }
-  if (err) return TNW_REFUSE(err, vh, err, "Cannot initialize the locks of the fd table.");
-  // The count grows by one with the log statement, deliberately: with debug logging on it reads one
-  // more than there are free entries. Nothing decides on it; the links tell whether the list is
-  // empty.
+  if (err != 0) {
+    return TNW_REFUSE(err, vh, err, "Cannot initialize the locks of the fd table.");
+  }
+  /*
+   * The count grows by one with the log statement, deliberately: with debug logging on it reads one
+   * more than there are free entries. Nothing decides on it; the links tell whether the list is
+   * empty.
+   */
   TNW_DEBUG(vh, 2, "File descriptor table %d:%d files allocated", n, head->fdt_count++);
   return 0;
 }
 
 void tnw_free_fdtable(tnw_files* fdt) {
-  if (!fdt->vfs_files) return;
-  for (int i = 0; i < fdt->vfs_nfiles; i++) deinit_entry(&fdt->vfs_files[i]);
+  if (fdt->vfs_files == nullptr) {
+    return;
+  }
+  for (int i = 0; i < fdt->vfs_nfiles; i++) {
+    deinit_entry(&fdt->vfs_files[i]);
+  }
   ox_deinit_lock(&fdt->vfs_free_fds.fdt_lock);
   ox_free_safe(fdt->vfs_files);
   memset(fdt, 0, sizeof *fdt);
 }
 
 tnvfd* tnw_fd_dequeue(tnvfdhd* head) {
-  if (tnw_list_empty(head)) return nullptr;
+  if (tnw_list_empty(head)) {
+    return nullptr;
+  }
   tnvfd* fde = head->fdt_fnext;
   tnw_list_unlink(fde);
   head->fdt_count--;
@@ -100,7 +113,7 @@ tnvfd* tnw_getfd(vfs_handle* vh, tnw_files* fdt, int* err) {
   tnvfd* fde = tnw_fd_dequeue(head);
   const ox_s32 count = head->fdt_count;
   ox_unlock(&head->fdt_lock);
-  if (!fde) {
+  if (fde == nullptr) {
     *err = TNW_REFUSE(OX_EMFILE, vh, OX_EMFILE, "Too many open files");
     return nullptr;
   }
@@ -112,9 +125,11 @@ tnvfd* tnw_getfd(vfs_handle* vh, tnw_files* fdt, int* err) {
 }
 
 void tnw_putfd(vfs_handle* vh, tnw_files* fdt, tnvfd* fde) {
-  if (fde->fdt_state == TNV_FD_FREE) return;
+  if (fde->fdt_state == TNV_FD_FREE) {
+    return;
+  }
   free_entry_memory(fde);
-  clear_entry(fde);  // a closed entry has no drive handle, and is TNV_FD_FREE
+  clear_entry(fde); /* a closed entry has no drive handle, and is TNV_FD_FREE */
   tnvfdhd* head = &fdt->vfs_free_fds;
   ox_lock(&head->fdt_lock);
   tnw_list_push_front(head, fde);
@@ -127,22 +142,29 @@ void tnw_putfd(vfs_handle* vh, tnw_files* fdt, tnvfd* fde) {
 bool tnw_is_table_entry(const tnw_files* fdt, const void* ophdl) {
   const uintptr_t first = reinterpret_cast<uintptr_t>(fdt->vfs_files);
   const uintptr_t at = reinterpret_cast<uintptr_t>(ophdl);
-  if (!first || at < first) return false;
+  if (first == 0 || at < first) {
+    return false;
+  }
   const uintptr_t offset = at - first;
   return offset % sizeof(tnvfd) == 0 &&
          offset / sizeof(tnvfd) < static_cast<uintptr_t>(fdt->vfs_nfiles);
 }
 
-// A descriptor that was wrapped around the handle owns it: closing the descriptor closes both, and
-// closing the handle behind its back would leave a descriptor that names a stranger's handle later.
+/*
+ * A descriptor that was wrapped around the handle owns it: closing the descriptor closes both, and
+ * closing the handle behind its back would leave a descriptor that names a stranger's handle later.
+ */
 void tnw_close_local_file(tnvfd* fde) {
   const ox_handle handle = fde->fdt_ofd;
   const int osfd = fde->fdt_osfd;
   fde->fdt_ofd = INVALID_HANDLE_VALUE;
   fde->fdt_osfd = -1;
-  if (handle == INVALID_HANDLE_VALUE) return;
-  if (osfd >= 0)
+  if (handle == INVALID_HANDLE_VALUE) {
+    return;
+  }
+  if (osfd >= 0) {
     ox_close(osfd);
-  else
+  } else {
     ox_close_fhdl(handle);
+  }
 }

@@ -1,7 +1,7 @@
-// Names and paths of a service instance, from the start-up record.
+/* Names and paths of a service instance, from the start-up record. */
 
-#include <stdio.h>
-#include <string.h>
+#include <cstdio>
+#include <cstring>
 
 #include "ox_errno.h"
 #include "ox_util.h"
@@ -12,7 +12,7 @@ namespace {
 
 constexpr size_t COMPOSE_SIZE = 4096;
 
-// A bounded copy between fixed fields; the target may be as full as the source.
+/* A bounded copy between fixed fields; the target may be as full as the source. */
 template <size_t N, size_t M>
 void copy_field(char (&to)[N], const char (&from)[M]) {
   const size_t len = ox_field_len(from, M);
@@ -42,17 +42,20 @@ void copy_fields(const tnw_tninit* tninit, tnw_tninstance* tni) {
 int fill_subdomain(const tnw_tninit* tninit, tnw_tninstance* tni) {
   const size_t len = ox_field_len(tninit->tnw_domain, sizeof tninit->tnw_domain);
   const void* dot = memchr(tninit->tnw_domain, '.', len);
-  if (!dot)
+  if (dot == nullptr) {
     return TNW_REFUSE(OX_EINVAL, nullptr, OX_EINVAL, "Failed to parse subdomain from domain %.*s",
                       TNW_FIELD(tninit->tnw_domain));
+  }
   memcpy(tni->tni_subdomain, tninit->tnw_domain,
          static_cast<size_t>(static_cast<const char*>(dot) - tninit->tnw_domain));
   return 0;
 }
 
-// Composing was cut, or not: 0 or 38 after the line that `what` begins.
+/* Composing was cut, or not: 0 or 38 after the line that `what` begins. */
 int check_fit(int composed, size_t size, const char* what, const char* partial) {
-  if (composed >= 0 && static_cast<size_t>(composed) < size) return 0;
+  if (composed >= 0 && static_cast<size_t>(composed) < size) {
+    return 0;
+  }
   return TNW_REFUSE(OX_ENAMETOOLONG, nullptr, OX_ENAMETOOLONG,
                     "%s does not fit in char[%zu]. Partial path %s", what, size, partial);
 }
@@ -61,7 +64,7 @@ int compose_socket_dir(const tnw_tninstance* tni, char (&dir)[COMPOSE_SIZE]) {
   const bool own = tni->tni_uds_workdir[0] != '\0';
   const char* base = own ? tni->tni_uds_workdir : tni->tni_cachedir;
   const size_t base_size = own ? sizeof tni->tni_uds_workdir : sizeof tni->tni_cachedir;
-  const char* separator = tni->tni_workgroup_id[0] ? "\\" : "";
+  const char* separator = tni->tni_workgroup_id[0] != 0 ? "\\" : "";
   const int n =
       snprintf(dir, sizeof dir, "%.*s%s%.*s", static_cast<int>(ox_field_len(base, base_size)), base,
                separator, TNW_FIELD(tni->tni_workgroup_id));
@@ -72,12 +75,16 @@ int compose_socket_path(tnw_tninstance* tni) {
   char dir[COMPOSE_SIZE];
   char name[COMPOSE_SIZE];
   const int code = compose_socket_dir(tni, dir);
-  if (code) return code;
-  const int n = tni->tni_user_id ? snprintf(name, sizeof name, "%llu.sock",
-                                            static_cast<unsigned long long>(tni->tni_user_id))
-                                 : snprintf(name, sizeof name, "tnvfs.sock");
+  if (code != 0) {
+    return code;
+  }
+  const int n = tni->tni_user_id != 0 ? snprintf(name, sizeof name, "%llu.sock",
+                                                 static_cast<unsigned long long>(tni->tni_user_id))
+                                      : snprintf(name, sizeof name, "tnvfs.sock");
   const int name_code = check_fit(n, sizeof name, "Socket name", name);
-  if (name_code) return name_code;
+  if (name_code != 0) {
+    return name_code;
+  }
   const int len = snprintf(tni->tni_sock, sizeof tni->tni_sock, "%s\\%s", dir, name);
   return check_fit(len, sizeof tni->tni_sock, "Socket path", tni->tni_sock);
 }
@@ -86,7 +93,9 @@ int compose_socket_path(tnw_tninstance* tni) {
 
 int tnw_fill_tninstance(const tnw_tninit* tninit, tnw_tninstance* tni) {
   const int code = fill_subdomain(tninit, tni);
-  if (code) return code;
+  if (code != 0) {
+    return code;
+  }
   tnw_compose_cachedir(tninit->tnw_workdir, tninit->tnw_domain, tninit->tnw_username,
                        tni->tni_cachedir);
   copy_fields(tninit, tni);

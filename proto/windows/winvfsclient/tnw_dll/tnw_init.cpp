@@ -1,10 +1,10 @@
-// tnw_init: joins the running service of a domain and user, or starts one, with retries.
+/* tnw_init: joins the running service of a domain and user, or starts one, with retries. */
 
 #include <winsock2.h>
 
 #include <shlobj.h>
-#include <stdio.h>
-#include <string.h>
+#include <cstdio>
+#include <cstring>
 
 #include "ox_errno.h"
 #include "ox_platform.h"
@@ -18,11 +18,13 @@
 
 namespace {
 
-// Deliberately one more than the starts that are tried: the counter reaches it before a third one.
+/*
+ * Deliberately one more than the starts that are tried: the counter reaches it before a third one.
+ */
 constexpr int INIT_ATTEMPTS = 3;
 constexpr int RETRY_PAUSE_SECS = 5;
 
-// The texts of the start-up record that are needed whole; its fields may be unterminated.
+/* The texts of the start-up record that are needed whole; its fields may be unterminated. */
 struct init_texts {
   char domain[sizeof(tnw_tninit::tnw_domain) + 1];
   char username[sizeof(tnw_tninit::tnw_username) + 1];
@@ -31,12 +33,12 @@ struct init_texts {
   char logdir[sizeof(tnw_tninit::tnw_logdir) + 1];
 };
 
-// One tnw_init call. What an attempt has made and a failure must undo is in `tni`.
+/* One tnw_init call. What an attempt has made and a failure must undo is in `tni`. */
 struct start {
   tnw_tninit* init;
   init_texts texts;
   int attempt;
-  bool winsock;  // one start-up of Windows Sockets is this call's to give back
+  bool winsock; /* one start-up of Windows Sockets is this call's to give back */
   tnw_tninstance* tni;
 };
 
@@ -49,11 +51,12 @@ void copy_texts(const tnw_tninit* init, init_texts* texts) {
   memcpy(texts->logdir, init->tnw_logdir, sizeof init->tnw_logdir);
 }
 
-// The log path is used whole, whatever its length.
+/* The log path is used whole, whatever its length. */
 int open_log(const char* logdir) {
   const int made = SHCreateDirectoryExA(nullptr, logdir, nullptr);
-  if (made && made != ERROR_ALREADY_EXISTS)
+  if (made != 0 && made != ERROR_ALREADY_EXISTS) {
     return TNW_REFUSE(made, nullptr, made, "Failed to create dir %s", logdir);
+  }
   char path[OX_MAXPATH_LEN + 16];
   snprintf(path, sizeof path, "%s/%s", logdir, "tnvfs.log");
   ox_init_logging("VFS_LOGGER", path, nullptr, nullptr);
@@ -61,21 +64,31 @@ int open_log(const char* logdir) {
   return 0;
 }
 
-// What every start needs of the process; done once per call, and tried again by a start attempt
-// that follows a failure before it.
+/*
+ * What every start needs of the process; done once per call, and tried again by a start attempt
+ * that follows a failure before it.
+ */
 int open_libraries(start* s) {
-  if (s->winsock) return 0;
+  if (s->winsock) {
+    return 0;
+  }
   int code = ox_init_tpool();
-  if (code) return TNW_REFUSE(code, nullptr, code, "Cannot initialize thread pool");
+  if (code != 0) {
+    return TNW_REFUSE(code, nullptr, code, "Cannot initialize thread pool");
+  }
   code = tnv_sock_init();
-  if (code) return TNW_REFUSE(code, nullptr, code, "Cannot initialize socket lib");
+  if (code != 0) {
+    return TNW_REFUSE(code, nullptr, code, "Cannot initialize socket lib");
+  }
   s->winsock = true;
   return 0;
 }
 
 tnw_drive_handle* make_handle(const start& s, tnw_tninstance* tni) {
   tnw_drive_handle* dh = static_cast<tnw_drive_handle*>(ox_zalloc(sizeof(tnw_drive_handle)));
-  if (!dh) return nullptr;
+  if (dh == nullptr) {
+    return nullptr;
+  }
   memcpy(dh->tnw_drive_uuid, s.init->tnw_da_drive_id, sizeof dh->tnw_drive_uuid);
   memcpy(dh->tnw_drive_start_path, s.init->tnw_sharepath, sizeof dh->tnw_drive_start_path);
   dh->tnw_flags = s.init->tnw_flags;
@@ -88,76 +101,103 @@ void log_joined(const start& s, tnw_tninstance* tni, const char* what) {
            s.texts.username, s.texts.domain, tni->tni_drive_handles.tnwh_cnt, s.texts.drive_id);
 }
 
-// A drive on an instance that runs: the handle it has for this drive, or a new one; null on a
-// failed allocation.
+/*
+ * A drive on an instance that runs: the handle it has for this drive, or a new one; null on a
+ * failed allocation.
+ */
 tnw_drive_handle* join_instance(const start& s, tnw_tninstance* tni) {
   tnw_drive_handle* dh = tnw_find_handle(tni, s.texts.drive_id);
-  if (dh) {
+  if (dh != nullptr) {
     log_joined(s, tni, "Return existing handle");
     return dh;
   }
   dh = make_handle(s, tni);
-  if (dh)
+  if (dh != nullptr) {
     log_joined(s, tni, "Created new handle");
-  else
+  } else {
     TNW_ERROR(tnw_connection(tni, 0), OX_ENOMEM, "Cannot allocate memory for tnw_drive_handle");
+  }
   return dh;
 }
 
 int start_service(start* s) {
   int code = tnw_setup_tn_device_id(s->texts.domain, s->texts.username, s->init->tnw_tn_device_id);
-  if (code) return TNW_REFUSE(code, nullptr, code, "Failed to set-get TN device id from registry");
+  if (code != 0) {
+    return TNW_REFUSE(code, nullptr, code, "Failed to set-get TN device id from registry");
+  }
   code = tnw_check_instance(s->init);
-  if (code) return code;
+  if (code != 0) {
+    return code;
+  }
   s->tni = tnw_tnstart(s->init, &code);
-  if (!s->tni) return TNW_REFUSE(code, nullptr, code, "Failed to start tarnd");
+  if (s->tni == nullptr) {
+    return TNW_REFUSE(code, nullptr, code, "Failed to start tarnd");
+  }
   tnw_add_tninstance(&tnw_tninstances, s->tni);
   return 0;
 }
 
 int connect_service(start* s) {
   int code = tnw_create_pool(s->tni, s->init);
-  if (code) return TNW_REFUSE(code, nullptr, code, "Cannot create thread pool");
+  if (code != 0) {
+    return TNW_REFUSE(code, nullptr, code, "Cannot create thread pool");
+  }
   vfs_handle* vh = tnw_connection(s->tni, 0);
   code = tnw_tp_init_vfshandle(s->tni, s->texts.sharepath, s->texts.drive_id);
-  if (code) return TNW_REFUSE(code, vh, code, "Cannot setup VFS handles");
+  if (code != 0) {
+    return TNW_REFUSE(code, vh, code, "Cannot setup VFS handles");
+  }
   ox_get_version_t version;
   code = vfstnw_get_version(vh, &version);
-  if (code) return TNW_REFUSE(code, vh, code, "Failed to call get_version");
+  if (code != 0) {
+    return TNW_REFUSE(code, vh, code, "Failed to call get_version");
+  }
   code = tnw_alloc_fdtable(vh, &s->tni->tni_files);
-  if (code) return TNW_REFUSE(code, vh, code, "Failed to allocate fd table.");
+  if (code != 0) {
+    return TNW_REFUSE(code, vh, code, "Failed to allocate fd table.");
+  }
   return 0;
 }
 
-// One start attempt: a drive handle on a new instance, or null.
+/* One start attempt: a drive handle on a new instance, or null. */
 tnw_drive_handle* try_start(start* s) {
-  if (open_libraries(s) || start_service(s) || connect_service(s)) return nullptr;
+  if (open_libraries(s) != 0 || start_service(s) != 0 || connect_service(s) != 0) {
+    return nullptr;
+  }
   tnw_drive_handle* dh = make_handle(*s, s->tni);
-  if (!dh) {
+  if (dh == nullptr) {
     TNW_ERROR(tnw_connection(s->tni, 0), OX_ENOMEM, "Cannot allocate memory for vfs handles");
     return nullptr;
   }
-  s->tni->tni_winsock = s->winsock;  // the instance keeps the start-up until it is freed
+  s->tni->tni_winsock = s->winsock; /* the instance keeps the start-up until it is freed */
   s->winsock = false;
   return dh;
 }
 
-// All that a failed attempt undoes, in one list; each line is a no-op for what was not made. The
-// aborted pool's record is deliberately not freed.
+/*
+ * All that a failed attempt undoes, in one list; each line is a no-op for what was not made. The
+ * aborted pool's record is deliberately not freed.
+ */
 void undo_attempt(start* s) {
   tnw_tninstance* tni = s->tni;
-  if (!tni) return;
+  if (tni == nullptr) {
+    return;
+  }
   tnw_terminate_service(tnw_connection(tni, 0), &tni->tni_pi);
-  if (tni->tni_tpool) tnw_tp_deinit_vfshandle(tni);
+  if (tni->tni_tpool != nullptr) {
+    tnw_tp_deinit_vfshandle(tni);
+  }
   tnw_remove_tninstance(&tnw_tninstances, tni);
-  if (tni->tni_tpool) ox_destroy_tpool(tni->tni_tpool, OX_TPOOL_FL_ABORT);
+  if (tni->tni_tpool != nullptr) {
+    ox_destroy_tpool(tni->tni_tpool, OX_TPOOL_FL_ABORT);
+  }
   tnw_free_tninstance(tni);
   s->tni = nullptr;
 }
 
-// True when another attempt is to be made, after the pause.
+/* True when another attempt is to be made, after the pause. */
 bool pause_before_retry(const start& s) {
-  if (s.attempt >= INIT_ATTEMPTS || (s.init->tnw_flags & TNW_INIT_NO_RETRY)) {
+  if (s.attempt >= INIT_ATTEMPTS || ((s.init->tnw_flags & TNW_INIT_NO_RETRY) != 0)) {
     TNW_ERROR(nullptr, 0, "%d tarnd init attempts exhausted. Requesting for classic DA fallback",
               INIT_ATTEMPTS);
     return false;
@@ -170,21 +210,31 @@ bool pause_before_retry(const start& s) {
 
 tnw_drive_handle* start_with_retries(start* s) {
   while (pause_before_retry(*s)) {
-    if (++s->attempt == INIT_ATTEMPTS) continue;
+    if (++s->attempt == INIT_ATTEMPTS) {
+      continue;
+    }
     tnw_drive_handle* dh = try_start(s);
-    if (dh) return dh;
+    if (dh != nullptr) {
+      return dh;
+    }
     undo_attempt(s);
   }
   return nullptr;
 }
 
 tnw_drive_handle* first_attempt(start* s) {
-  if (open_log(s->texts.logdir) || open_libraries(s)) return nullptr;
+  if (open_log(s->texts.logdir) != 0 || open_libraries(s) != 0) {
+    return nullptr;
+  }
   tnw_tninstance* running = tnw_find_tn_instance(s->texts.domain, s->texts.username);
-  if (running) return join_instance(*s, running);
+  if (running != nullptr) {
+    return join_instance(*s, running);
+  }
   s->attempt = 1;
   tnw_drive_handle* dh = try_start(s);
-  if (!dh) undo_attempt(s);
+  if (dh == nullptr) {
+    undo_attempt(s);
+  }
   return dh;
 }
 
@@ -193,18 +243,26 @@ tnw_drive_handle* first_attempt(start* s) {
 void* tnw_init(tnw_tninit* tninit, int* err) {
   int code = ERROR_GEN_FAILURE;
   tnw_drive_handle* dh = nullptr;
-  if (tninit) {
+  if (tninit != nullptr) {
     start s = {tninit, {}, 0, false, nullptr};
     copy_texts(tninit, &s.texts);
     ox_rwlock_excl(&tnw_glock);
     dh = first_attempt(&s);
-    if (!dh) dh = start_with_retries(&s);
-    if (s.winsock) WSACleanup();
+    if (dh == nullptr) {
+      dh = start_with_retries(&s);
+    }
+    if (s.winsock) {
+      WSACleanup();
+    }
     ox_rwunlock(&tnw_glock);
   } else {
     TNW_ERROR(nullptr, OX_EINVAL, "No start-up record given");
   }
-  if (dh) code = 0;
-  if (err) *err = code;
+  if (dh != nullptr) {
+    code = 0;
+  }
+  if (err != nullptr) {
+    *err = code;
+  }
   return dh;
 }

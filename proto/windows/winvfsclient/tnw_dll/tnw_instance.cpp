@@ -1,9 +1,9 @@
-// The lists of service instances and drive handles, and the lookups that guard every call.
+/* The lists of service instances and drive handles, and the lookups that guard every call. */
 
 #include "tnw_instance.h"
 
-#include <string.h>
 #include <winsock2.h>
+#include <cstring>
 
 #include <atomic>
 
@@ -16,13 +16,13 @@ namespace {
 bool has_handle(tnw_tninstance* tni, const void* drvhdl) {
   tnw_dhhd* head = &tni->tni_drive_handles;
   ox_rwlock_shared(&head->tnwh_lock);
-  const bool found =
-      tnw_list_find<tnw_drive_handle>(head, [&](tnw_drive_handle* dh) { return dh == drvhdl; });
+  const bool found = tnw_list_find<tnw_drive_handle>(
+                         head, [&](tnw_drive_handle* dh) { return dh == drvhdl; }) != nullptr;
   ox_rwunlock(&head->tnwh_lock);
   return found;
 }
 
-// The first listed instance for which `match` holds, or null.
+/* The first listed instance for which `match` holds, or null. */
 template <class Match>
 tnw_tninstance* find_instance(Match match) {
   ox_rwlock_shared(&tnw_tninstances.tni_lock);
@@ -31,7 +31,7 @@ tnw_tninstance* find_instance(Match match) {
   return tni;
 }
 
-// Compares a fixed text field, which may be unterminated, with a text.
+/* Compares a fixed text field, which may be unterminated, with a text. */
 template <size_t N>
 bool field_equals(const char (&field)[N], const char* text) {
   const size_t len = ox_field_len(field, N);
@@ -41,7 +41,9 @@ bool field_equals(const char (&field)[N], const char* text) {
 }  // namespace
 
 tnw_tninstance* tnw_get_tninstance(const void* drvhdl) {
-  if (!drvhdl) return nullptr;
+  if (drvhdl == nullptr) {
+    return nullptr;
+  }
   return find_instance([&](tnw_tninstance* tni) { return has_handle(tni, drvhdl); });
 }
 
@@ -52,7 +54,7 @@ tnw_tninstance* tnw_get_entry_instance(const void* ophdl) {
 
 const char* tnw_get_tninstance_id(void* drvhdl) {
   const tnw_tninstance* tni = tnw_get_tninstance(drvhdl);
-  return tni ? tni->tni_id : "";
+  return tni != nullptr ? tni->tni_id : "";
 }
 
 tnw_tninstance* tnw_find_tn_instance(const char* domain, const char* username) {
@@ -110,9 +112,11 @@ void tnw_remove_handle(tnw_tninstance* tni, tnw_drive_handle* dh) {
 
 tnw_tninstance* tnw_alloc_tninstance(void) {
   tnw_tninstance* tni = static_cast<tnw_tninstance*>(ox_zalloc(sizeof(tnw_tninstance)));
-  if (!tni) return nullptr;
+  if (tni == nullptr) {
+    return nullptr;
+  }
   tnw_list_init(&tni->tni_drive_handles);
-  if (ox_init_rwlock(&tni->tni_drive_handles.tnwh_lock)) {
+  if (ox_init_rwlock(&tni->tni_drive_handles.tnwh_lock) != 0) {
     ox_free_safe(tni);
     return nullptr;
   }
@@ -130,13 +134,19 @@ void tnw_free_tninstance(tnw_tninstance* tni) {
   ox_rwunlock(&handles->tnwh_lock);
   ox_deinit_rwlock(&handles->tnwh_lock);
   tnw_free_fdtable(&tni->tni_files);
-  if (tni->tni_ready_event) CloseHandle(tni->tni_ready_event);
-  if (tni->tni_winsock) WSACleanup();
+  if (tni->tni_ready_event != nullptr) {
+    CloseHandle(tni->tni_ready_event);
+  }
+  if (tni->tni_winsock) {
+    WSACleanup();
+  }
   ox_free_safe(tni);
 }
 
 vfs_handle* tnw_connection(tnw_tninstance* tni, ox_u32 slot) {
-  if (!tni->tni_tpool) return nullptr;
+  if (tni->tni_tpool == nullptr) {
+    return nullptr;
+  }
   return static_cast<vfs_handle*>(tni->tni_tpool->tp_priv.ox_priv) + slot;
 }
 

@@ -52,7 +52,9 @@ template <class Node, class Match>
 Node* tnw_list_find(void* head, Match match) {
   for (tnw_links* l = tnw_list_links(head)->next; l != head; l = l->next) {
     Node* node = reinterpret_cast<Node*>(l);
-    if (match(node)) return node;
+    if (match(node)) {
+      return node;
+    }
   }
   return nullptr;
 }

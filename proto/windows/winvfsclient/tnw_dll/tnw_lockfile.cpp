@@ -1,4 +1,4 @@
-// tnw_lockfile and tnw_unlockfile: the service keeps the locks, nothing is kept here.
+/* tnw_lockfile and tnw_unlockfile: the service keeps the locks, nothing is kept here. */
 
 #include "ox_errno.h"
 #include "ox_util.h"
@@ -14,8 +14,10 @@ constexpr tnw_refusal REFUSE_LOCK = {"Invalid open handle or lock request.", OX_
 constexpr tnw_refusal REFUSE_UNLOCK = {"Invalid open handle passed.", OX_EINVAL,
                                        ERROR_INVALID_DATA};
 
-// One lock or unlock. Deliberately 32 bits of offset and length: the callers' high halves go no
-// further, so a range beyond 4 GiB is locked at its offset modulo 2^32.
+/*
+ * One lock or unlock. Deliberately 32 bits of offset and length: the callers' high halves go no
+ * further, so a range beyond 4 GiB is locked at its offset modulo 2^32.
+ */
 struct range {
   tn_smblk_type type;
   ox_u32 off;
@@ -41,15 +43,23 @@ void fill_brl(tnv_msg* msg, const tnvfd* fde, const range& what) {
 int exchange_brl(const tnvfd* fde, const tnw_refusal& refusal, const range& what) {
   tnw_call call;
   int code = tnw_enter_entry_call(fde, false, refusal, &call);
-  if (!code) code = tnw_check_authorized(&call);
-  if (code) return code;
+  if (code == 0) {
+    code = tnw_check_authorized(&call);
+  }
+  if (code != 0) {
+    return code;
+  }
   tnv_msg msg;
   tnv_resp resp;
   fill_brl(&msg, fde, what);
   tnw_exchange(call.tni, tnw_async_send_msg, &msg, &resp, nullptr);
-  if (tnw_answered_unauthorized(&call, &resp)) return ERROR_LOGON_FAILURE;
+  if (tnw_answered_unauthorized(&call, &resp)) {
+    return ERROR_LOGON_FAILURE;
+  }
   const ox_u32 err = resp.rhdr.rhdr_errno;
-  if (!err) return 0;
+  if (err == 0) {
+    return 0;
+  }
   return TNW_REFUSE_ANSWER(call.vh, err, "Failed to %s file %s.",
                            what.type == TN_SMBLK_UNLOCK_BRL ? "unlock" : "lock",
                            tn_id_text(fde->fdt_fso.fso_handle).text);
@@ -59,7 +69,7 @@ int exchange_brl(const tnvfd* fde, const tnw_refusal& refusal, const range& what
 
 int tnw_lockfile(void* ophdl, ox_u32 flags, ox_u32 off_low, ox_u32, ox_u32 len_low, ox_u32,
                  int pid) {
-  const tn_smblk_type type = flags & LOCK_EXCLUSIVE ? TN_SMBLK_EX_BRL : TN_SMBLK_SH_BRL;
+  const tn_smblk_type type = (flags & LOCK_EXCLUSIVE) != 0 ? TN_SMBLK_EX_BRL : TN_SMBLK_SH_BRL;
   return exchange_brl(static_cast<const tnvfd*>(ophdl), REFUSE_LOCK, {type, off_low, len_low, pid});
 }
 

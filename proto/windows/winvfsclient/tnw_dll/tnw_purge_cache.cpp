@@ -1,7 +1,7 @@
-// tnw_purge_cache: deletes a user's cache directory while no service of this process uses it.
+/* tnw_purge_cache: deletes a user's cache directory while no service of this process uses it. */
 
-#include <errno.h>
-#include <string.h>
+#include <cerrno>
+#include <cstring>
 
 #include "ox_dirtree.h"
 #include "ox_errno.h"
@@ -14,31 +14,35 @@
 
 namespace {
 
-// What is purged, with texts that are terminated.
+/* What is purged, with texts that are terminated. */
 struct purge {
   char cachedir[5000];
   char domain[51 + 1];
   char username[64 + 1];
 };
 
-// A name that leads one folder down and nowhere else: ".." would delete the whole work folder, and
-// so might ".. ", for the system drops dots and spaces at a name's end.
+/*
+ * A name that leads one folder down and nowhere else: ".." would delete the whole work folder, and
+ * so might ".. ", for the system drops dots and spaces at a name's end.
+ */
 bool is_plain_name(const char* name) {
   const size_t len = strlen(name);
-  return len && !strpbrk(name, "\\/:") && !strchr(". ", name[len - 1]);
+  return len != 0 && strpbrk(name, "\\/:") == nullptr && strchr(". ", name[len - 1]) == nullptr;
 }
 
-// 0, or an error number.
+/* 0, or an error number. */
 int prepare(const tnw_purge_opt_t* po, purge* p) {
   memcpy(p->domain, po->po_domain, sizeof po->po_domain);
   memcpy(p->username, po->po_username, sizeof po->po_username);
-  if (!po->po_workdir[0] || !is_plain_name(p->domain) || !is_plain_name(p->username))
+  if (po->po_workdir[0] == 0 || !is_plain_name(p->domain) || !is_plain_name(p->username)) {
     return TNW_REFUSE(OX_EINVAL, nullptr, OX_EINVAL,
                       "Cannot purge a cache of %s@%s in work directory %.*s", p->username,
                       p->domain, TNW_FIELD(po->po_workdir));
-  if (!tnw_compose_cachedir(po->po_workdir, po->po_domain, po->po_username, p->cachedir))
+  }
+  if (!tnw_compose_cachedir(po->po_workdir, po->po_domain, po->po_username, p->cachedir)) {
     return TNW_REFUSE(OX_ENAMETOOLONG, nullptr, OX_ENAMETOOLONG, "Failed to purge cachedir %s",
                       p->cachedir);
+  }
   return 0;
 }
 
@@ -47,27 +51,38 @@ int log_failure(const char* what, const char* path) {
   return TNW_REFUSE(err, nullptr, err, "Failed to purge %s %s", what, path);
 }
 
-// After the move nothing should be left at the path, and that it is gone is success. After a move
-// that failed the removal in place is the last resort, and the move's failure stays the result even
-// when the removal succeeds.
+/*
+ * After the move nothing should be left at the path, and that it is gone is success. After a move
+ * that failed the removal in place is the last resort, and the move's failure stays the result even
+ * when the removal succeeds.
+ */
 int remove_in_place(const purge& p, int move_err) {
-  if (ox_rmrf(p.cachedir) == 0) return move_err;
-  if (!move_err && errno == OX_ENOENT) return 0;
+  if (ox_rmrf(p.cachedir) == 0) {
+    return move_err;
+  }
+  if (move_err == 0 && errno == OX_ENOENT) {
+    return 0;
+  }
   return log_failure("cachedir", p.cachedir);
 }
 
-// Moved aside first, so that the path is free at once however long the removal takes.
+/* Moved aside first, so that the path is free at once however long the removal takes. */
 int remove_cache(const purge& p) {
   char moved[OX_MAXPATH_LEN];
-  if (ox_movedir2tmp(p.cachedir, moved, sizeof moved) != 0)
+  if (ox_movedir2tmp(p.cachedir, moved, sizeof moved) != 0) {
     return remove_in_place(p, log_failure("cachedir", p.cachedir));
-  if (ox_rmrf(moved) != 0) return log_failure("tmp/cachedir", moved);
+  }
+  if (ox_rmrf(moved) != 0) {
+    return log_failure("tmp/cachedir", moved);
+  }
   return remove_in_place(p, 0);
 }
 
-// With tnw_glock held.
+/* With tnw_glock held. */
 int purge_unless_running(const purge& p) {
-  if (!tnw_is_cache_in_use(p.domain, p.username)) return remove_cache(p);
+  if (!tnw_is_cache_in_use(p.domain, p.username)) {
+    return remove_cache(p);
+  }
   return TNW_REFUSE(OX_EBUSY, nullptr, OX_EBUSY,
                     "Cannot purge cachedir %s because tarnd is still running for %s@%s", p.cachedir,
                     p.username, p.domain);
@@ -76,12 +91,13 @@ int purge_unless_running(const purge& p) {
 }  // namespace
 
 int tnw_purge_cache(tnw_purge_opt_t* po) {
-  if (!po)
+  if (po == nullptr) {
     return static_cast<int>(unixerr2winerr(static_cast<ox_u32>(
         TNW_REFUSE(OX_EINVAL, nullptr, OX_EINVAL, "tnw_purge_opt_t param is NULL"))));
+  }
   purge p = {};
   int err = prepare(po, &p);
-  if (!err) {
+  if (err == 0) {
     ox_rwlock_excl(&tnw_glock);
     err = purge_unless_running(p);
     ox_rwunlock(&tnw_glock);

@@ -1,6 +1,6 @@
-// The cache service's process: its command line, its start and readiness, its stop.
+/* The cache service's process: its command line, its start and readiness, its stop. */
 
-#include <stdio.h>
+#include <cstdio>
 
 #include "ox_errno.h"
 #include "ox_util.h"
@@ -14,29 +14,35 @@ constexpr DWORD READY_TIMEOUT_MS = 60000;
 constexpr size_t EXTRA_ARGS_SIZE = 512;
 constexpr size_t COMMAND_SIZE = 4096;
 
-// Appends to a bounded text and counts what a larger one would hold.
+/* Appends to a bounded text and counts what a larger one would hold. */
 template <size_t N, class... Args>
 void append(char (&text)[N], int* total, const char* fmt, Args... args) {
   const size_t at = static_cast<size_t>(*total) < N ? static_cast<size_t>(*total) : N - 1;
   *total += snprintf(text + at, N - at, fmt, args...);
 }
 
-// Options that do not fit are cut, and the start goes on with what is left of them.
+/* Options that do not fit are cut, and the start goes on with what is left of them. */
 int compose_extra_args(const tnw_tninit* init, const tnw_tninstance* tni,
                        char (&text)[EXTRA_ARGS_SIZE]) {
   int total = 0;
   text[0] = '\0';
-  if (tni->tni_uds_workdir[0])
+  if (tni->tni_uds_workdir[0] != 0) {
     append(text, &total, "--sockdir \"%.*s\" ", TNW_FIELD(tni->tni_uds_workdir));
-  if (tni->tni_workgroup_id[0])
+  }
+  if (tni->tni_workgroup_id[0] != 0) {
     append(text, &total, "--wgid \"%.*s\" ", TNW_FIELD(tni->tni_workgroup_id));
-  if (tni->tni_user_id)
+  }
+  if (tni->tni_user_id != 0) {
     append(text, &total, "--uid %llu ", static_cast<unsigned long long>(tni->tni_user_id));
-  if (init->tnw_proxy_server[0])
+  }
+  if (init->tnw_proxy_server[0] != 0) {
     append(text, &total, "--proxy-server %.*s --proxy-user %.*s --proxy-password %.*s",
            TNW_FIELD(init->tnw_proxy_server), TNW_FIELD(init->tnw_proxy_uname),
            TNW_FIELD(init->tnw_proxy_password));
-  if (total < static_cast<int>(sizeof text)) return 0;
+  }
+  if (total < static_cast<int>(sizeof text)) {
+    return 0;
+  }
   return TNW_REFUSE(
       ERROR_INSUFFICIENT_BUFFER, nullptr, ERROR_INSUFFICIENT_BUFFER,
       "Failed to construct cmd extra_args because %d chars does not fit in %zu buffer", total,
@@ -56,7 +62,9 @@ int compose_command(const tnw_tninit* init, const tnw_tninstance* tni, const cha
       TNW_FIELD(tni->tni_cachedir), TNW_FIELD(tni->tni_api_addr), TNW_FIELD(tni->tni_config_addr),
       TNW_FIELD(tni->tni_tn_device_id), TNW_FIELD(tni->tni_da_device_id),
       TNW_FIELD(tni->tni_authtoken), logfile, extra);
-  if (n >= 0 && static_cast<size_t>(n) < sizeof command) return 0;
+  if (n >= 0 && static_cast<size_t>(n) < sizeof command) {
+    return 0;
+  }
   return TNW_REFUSE(ERROR_INSUFFICIENT_BUFFER, nullptr, ERROR_INSUFFICIENT_BUFFER,
                     "Failed to construct cmd because %d chars does not fit in %zu buffer", n,
                     sizeof command);
@@ -68,17 +76,20 @@ int create_process(tnw_tninstance* tni, char* command) {
   startup.cb = sizeof startup;
   startup.dwFlags = STARTF_USESTDHANDLES;
   if (CreateProcessA(nullptr, command, &security, nullptr, FALSE, CREATE_NO_WINDOW, nullptr,
-                     nullptr, &startup, &tni->tni_pi))
+                     nullptr, &startup, &tni->tni_pi) != 0) {
     return 0;
+  }
   const int code = static_cast<int>(GetLastError());
   return TNW_REFUSE(code, nullptr, code, "Failed to start Tarn");
 }
 
-// The event is there before the process, and not signalled: a service that is ready at once is
-// heard, and the signal of one before it is not.
+/*
+ * The event is there before the process, and not signalled: a service that is ready at once is
+ * heard, and the signal of one before it is not.
+ */
 int create_ready_event(tnw_tninstance* tni, const char* name) {
   tni->tni_ready_event = CreateEventA(nullptr, FALSE, FALSE, name);
-  if (tni->tni_ready_event) {
+  if (tni->tni_ready_event != nullptr) {
     ResetEvent(tni->tni_ready_event);
     return 0;
   }
@@ -92,9 +103,10 @@ int wait_until_ready(tnw_tninstance* tni, const char* event_name) {
   ox_clock_gettime(0, &start);
   const DWORD waited = WaitForSingleObject(tni->tni_ready_event, READY_TIMEOUT_MS);
   TNW_INFO(nullptr, "Waited for %.2f seconds", static_cast<double>(ox_usecs_since(&start)) / 1e6);
-  if (waited != WAIT_OBJECT_0)
+  if (waited != WAIT_OBJECT_0) {
     return TNW_REFUSE(static_cast<int>(waited), nullptr, static_cast<int>(waited),
                       "Failed to wait for tarnd ready state");
+  }
   TNW_INFO(nullptr, "Successully waited for tarnd pid %lu for user %.*s@%.*s",
            tni->tni_pi.dwProcessId, TNW_FIELD(tni->tni_username), TNW_FIELD(tni->tni_domain));
   return 0;
@@ -105,15 +117,23 @@ int start_and_wait(const tnw_tninit* tninit, tnw_tninstance* tni) {
   char extra[EXTRA_ARGS_SIZE];
   char command[COMMAND_SIZE];
   tnw_ready_event_name(tni, event_name);
-  compose_extra_args(tninit, tni, extra);  // deliberately goes on with cut options
+  compose_extra_args(tninit, tni, extra); /* deliberately goes on with cut options */
   int code = compose_command(tninit, tni, extra, command);
-  if (code) return code;
+  if (code != 0) {
+    return code;
+  }
   TNW_INFO(nullptr, "Start tarnd with cmd: %s", command);
   code = create_ready_event(tni, event_name);
-  if (!code) code = create_process(tni, command);
-  if (code) return code;
+  if (code == 0) {
+    code = create_process(tni, command);
+  }
+  if (code != 0) {
+    return code;
+  }
   code = wait_until_ready(tni, event_name);
-  if (code) tnw_terminate_service(nullptr, &tni->tni_pi);
+  if (code != 0) {
+    tnw_terminate_service(nullptr, &tni->tni_pi);
+  }
   return code;
 }
 
@@ -121,20 +141,22 @@ int start_and_wait(const tnw_tninit* tninit, tnw_tninstance* tni) {
 
 tnw_tninstance* tnw_tnstart(const tnw_tninit* tninit, int* err) {
   tnw_tninstance* tni = tnw_alloc_tninstance();
-  if (!tni) {
+  if (tni == nullptr) {
     *err =
         TNW_REFUSE(OX_ENOMEM, nullptr, OX_ENOMEM, "Failed to allocate memory for tnw_tninstance_t");
     return nullptr;
   }
-  tnw_fill_tninstance(tninit, tni);  // deliberately unchecked: goes on with what is there
+  tnw_fill_tninstance(tninit, tni); /* deliberately unchecked: goes on with what is there */
   *err = start_and_wait(tninit, tni);
-  if (*err == 0) return tni;
+  if (*err == 0) {
+    return tni;
+  }
   tnw_free_tninstance(tni);
   return nullptr;
 }
 
 void tnw_terminate_service(vfs_handle* vh, PROCESS_INFORMATION* process) {
-  if (!TerminateProcess(process->hProcess, 1)) {
+  if (TerminateProcess(process->hProcess, 1) == 0) {
     const int code = static_cast<int>(GetLastError());
     TNW_ERROR(vh, code, "Could not terminate tarnd");
   }
@@ -149,12 +171,13 @@ int tnw_tnstop(tnw_tninstance* tni) {
   const int result = vfstnw_shutdown(vh);
   CloseHandle(tni->tni_pi.hProcess);
   CloseHandle(tni->tni_pi.hThread);
-  if (result)
+  if (result != 0) {
     TNW_ERROR(vh, result, "tarnd shutdown failed for %.*s@%.*s", TNW_FIELD(tni->tni_username),
               TNW_FIELD(tni->tni_domain));
-  else
+  } else {
     TNW_INFO(vh, "tarnd shutdown success for %.*s@%.*s", TNW_FIELD(tni->tni_username),
              TNW_FIELD(tni->tni_domain));
+  }
   ox_unlink(vh->vfs_sock_path);
   return result;
 }

@@ -1,7 +1,9 @@
-// tnw_setfilesize: the local file gets its new end whatever the service says; the region maps
-// follow only a size that the service reported.
+/*
+ * tnw_setfilesize: the local file gets its new end whatever the service says; the region maps
+ * follow only a size that the service reported.
+ */
 
-#include <errno.h>
+#include <cerrno>
 
 #include <atomic>
 #include <limits>
@@ -16,7 +18,7 @@ namespace {
 
 constexpr tnw_refusal REFUSE_SIZE = {"Invalid handle specified", OX_EINVAL, ERROR_INVALID_HANDLE};
 
-// The one answer to the region request that is no failure: there is nothing to fetch.
+/* The one answer to the region request that is no failure: there is nothing to fetch. */
 constexpr int NOTHING_TO_FETCH = OX_E2BIG;
 
 struct resize {
@@ -37,23 +39,29 @@ ox_u64 region_start(const resize& r, ox_u64 off) { return off & ~(r.regsz - 1); 
 
 ox_u64 round_up(const resize& r, ox_u64 size) {
   const ox_u64 start = region_start(r, size);
-  if (start == size) return size;
+  if (start == size) {
+    return size;
+  }
   const ox_u64 room = std::numeric_limits<ox_u64>::max() - start;
   return room < r.regsz ? std::numeric_limits<ox_u64>::max() : start + r.regsz;
 }
 
-// Runs a region job over `request`: a failure to run stands in *err, where the service's would.
+/* Runs a region job over `request`: a failure to run stands in *err, where the service's would. */
 void run_region_job(resize& r, ox_job_func_t job, void* request, ox_s32* err) {
   tnw_note_start(&r.start);
   tnw_evwi wi = {};
   tnw_create_evtwi(&wi, nullptr, nullptr, 0);
   wi.ev_data = request;
   const int failure = tnw_run_job(r.call.tni, job, &wi);
-  if (failure) *err = failure;
+  if (failure != 0) {
+    *err = failure;
+  }
 }
 
-// Has the region of the new last byte fetched, before it is cut or grown: 0 or a Windows code.
-// `answer` tells the file's size before the change, if the service did.
+/*
+ * Has the region of the new last byte fetched, before it is cut or grown: 0 or a Windows code.
+ * `answer` tells the file's size before the change, if the service did.
+ */
 int fetch_last_region(resize& r, tnw_ioreq* answer) {
   answer->io_fde = r.fde;
   answer->io_off = region_start(r, r.nfsz - 1);
@@ -61,7 +69,9 @@ int fetch_last_region(resize& r, tnw_ioreq* answer) {
   answer->io_trunc = true;
   run_region_job(r, tnw_sync_send_cache_region_msg, answer, &answer->io_err);
   const int err = answer->io_err;
-  if (!err || err == NOTHING_TO_FETCH) return 0;
+  if (err == 0 || err == NOTHING_TO_FETCH) {
+    return 0;
+  }
   return TNW_REFUSE_ANSWER(r.call.vh, err,
                            "Cache regions message sent as part of setfilesize() to %llu failed.",
                            tn_llu(r.nfsz));
@@ -75,11 +85,15 @@ int send_truncate(resize& r) {
   return static_cast<int>(unixerr2winerr(static_cast<ox_u32>(request.t_err)));
 }
 
-// What the file gains counts as cached and dirty, for the service need not fetch it; what it loses
-// counts as neither. Without a reported size the maps stay: nothing may count as cached that was
-// never fetched.
+/*
+ * What the file gains counts as cached and dirty, for the service need not fetch it; what it loses
+ * counts as neither. Without a reported size the maps stay: nothing may count as cached that was
+ * never fetched.
+ */
 void move_map_end(const resize& r, const tnw_ioreq& answer) {
-  if (!answer.io_has_curfsz) return;
+  if (!answer.io_has_curfsz) {
+    return;
+  }
   const ox_u64 old_end = round_up(r, answer.io_curfsz);
   const ox_u64 new_end = round_up(r, r.nfsz);
   if (old_end < new_end) {
@@ -90,23 +104,33 @@ void move_map_end(const resize& r, const tnw_ioreq& answer) {
   }
 }
 
-// Tells the service and moves the maps: 0, or the code that the call returns in the end. A failed
-// truncate request speaks louder than a failed fetch.
+/*
+ * Tells the service and moves the maps: 0, or the code that the call returns in the end. A failed
+ * truncate request speaks louder than a failed fetch.
+ */
 int reconcile_maps(resize& r) {
   tnw_ioreq answer = {};
-  int result = r.nfsz ? fetch_last_region(r, &answer) : 0;
-  if (r.nfsz && !has_maps(r.fde)) return result;  // the fetch found the file empty
+  int result = r.nfsz != 0 ? fetch_last_region(r, &answer) : 0;
+  if (r.nfsz != 0 && !has_maps(r.fde)) {
+    return result; /* the fetch found the file empty */
+  }
   const int code = send_truncate(r);
-  if (code) result = code;
-  if (has_maps(r.fde)) move_map_end(r, answer);
+  if (code != 0) {
+    result = code;
+  }
+  if (has_maps(r.fde)) {
+    move_map_end(r, answer);
+  }
   return result;
 }
 
-// 0, or the Windows error of the local file as it is.
+/* 0, or the Windows error of the local file as it is. */
 int set_local_size(const resize& r) {
   FILE_END_OF_FILE_INFO end;
   end.EndOfFile.QuadPart = static_cast<LONGLONG>(r.nfsz);
-  if (SetFileInformationByHandle(r.fde->fdt_ofd, FileEndOfFileInfo, &end, sizeof end)) return 0;
+  if (SetFileInformationByHandle(r.fde->fdt_ofd, FileEndOfFileInfo, &end, sizeof end) != 0) {
+    return 0;
+  }
   const DWORD code = GetLastError();
   errno = static_cast<int>(winerr2unixerr(code));
   return TNW_REFUSE(static_cast<int>(code), r.call.vh, errno, "Failed to set filesize for %s:%s",
@@ -120,15 +144,21 @@ int tnw_setfilesize(void* ophdl, ox_u32 size_low, ox_u32 size_high, char* out_pr
   resize r = {
       {}, static_cast<tnvfd*>(ophdl), static_cast<ox_u64>(size_high) << 32 | size_low, 0, {}};
   int code = tnw_enter_entry_call(r.fde, true, REFUSE_SIZE, &r.call);
-  if (code) return code;
+  if (code != 0) {
+    return code;
+  }
   tnw_copy_procname(out_procname, r.fde);
   code = tnw_check_authorized(&r.call);
-  if (code) return code;
+  if (code != 0) {
+    return code;
+  }
   r.start = tnw_call_start(r.call);
   r.regsz = vfstnw_region_size(r.fde);
   const int remembered = has_maps(r.fde) ? reconcile_maps(r) : 0;
-  code = set_local_size(r);  // deliberately also after a failure that is remembered
-  if (code) return code;
+  code = set_local_size(r); /* deliberately also after a failure that is remembered */
+  if (code != 0) {
+    return code;
+  }
   std::atomic_ref(r.fde->fdt_stat.st_size).store(r.nfsz);
   set_modified(r.fde);
   tnw_log_setfsize_client_resp(r.call.vh, r.fde, r.nfsz, remembered, &r.start);
