@@ -24,7 +24,7 @@ int refuse(const tnw_refusal& refusal) {
 }
 
 int refuse_unknown(const void* handle) {
-  return TNW_REFUSE(TNW_ERROR_UNKNOWN_HANDLE, nullptr, -1,
+  return TNW_REFUSE(TNW_ERROR_NO_SERVICE, nullptr, -1,
                     "Could not find handle with address 0x%p", handle);
 }
 

@@ -22,9 +22,6 @@
 #include "tnw_fd.h"
 #include "vfs_handle.h"
 
-/* The unknown-handle code: no drive handle of ours, or an operation handle of no open file. */
-enum { TNW_ERROR_UNKNOWN_HANDLE = 1467 };
-
 struct tnw_drive_handle;
 
 /* Head of one instance's drive handles. tnwh_lock guards the links and the count. */

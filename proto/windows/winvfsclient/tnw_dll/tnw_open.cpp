@@ -82,7 +82,7 @@ void keep_context(tnw_file_context* fc) {
 }
 
 ox_u32* counter(tnw_file_context* fc, ox_u32 accmode) {
-  if ((accmode & TNW_ACC_WRITE) != 0) {
+  if ((accmode & TNW_ACC_ANY_WRITE) != 0) {
     return &fc->fc_wrcnt;
   }
   return (accmode & TNW_ACC_READ) != 0 ? &fc->fc_rdcnt : &fc->fc_prcnt;
@@ -150,7 +150,7 @@ void fill_entry(vfs_handle* vh, tnvfd* fde, const open_args& args, const tnv_msg
   fde->fdt_msgid = msg->hdr.hdr_id; /* the id that the send made */
   if (fde->fdt_fso.fso_isdir == 0) {
     fde->fdt_ofd = answered_handle(resp);
-    if (args.win_disp == CREATE_ALWAYS && ((args.accmode & TNW_ACC_WRITE) != 0)) {
+    if (args.win_disp == CREATE_ALWAYS && ((args.accmode & TNW_ACC_ANY_WRITE) != 0)) {
       truncate_local_file(vh, fde);
     }
   }

@@ -152,7 +152,7 @@ int local_size(const transfer& t, ox_u64* size) {
  * context instead of the open: the close of a writable open tells the service.
  */
 void note_modified(tnvfd* fde) {
-  if (((fde->fdt_oaccmode & TNW_ACC_READ) != 0) && ((fde->fdt_oaccmode & TNW_ACC_WRITE) == 0)) {
+  if (((fde->fdt_oaccmode & TNW_ACC_READ) != 0) && ((fde->fdt_oaccmode & TNW_ACC_ANY_WRITE) == 0)) {
     std::atomic_ref(fde->fdt_fc->fc_rd_dirty).store(true);
   } else {
     std::atomic_ref(fde->fdt_tnflags).fetch_or(TNV_FL_MODIFIED);
