@@ -338,7 +338,7 @@ TEST_F(AfUnix, ManyThreadsHaveManyConnectionsAtOnce) {
         send_text(clients[i], text(i));
       }
       for (size_t i = 0; i < kConnections; i++) {
-        right += static_cast<__int_type>(receive(clients[i], kSize) == text(i));
+        right += receive(clients[i], kSize) == text(i) ? 1 : 0;
       }
     });
   }

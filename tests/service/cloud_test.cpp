@@ -251,7 +251,7 @@ TEST_F(CloudTest, ReadersAndWritersOfOneFile) {
   std::thread reader([&] {
     while (!done) {
       const std::string seen = Get("file", 0, 5000);
-      mixtures += static_cast<__int_type>(seen != contents[0] && seen != contents[1]);
+      mixtures += seen != contents[0] && seen != contents[1] ? 1 : 0;
     }
   });
   for (int i = 1; i <= 20; i++) {
