@@ -20,7 +20,7 @@ build = printf '==> %s\n' 'Building in build/$(1)'; \
 DEMO_TARGETS := tnw tarnd tnwsh ws2_32_wine afunix_probe
 OWN_CODE = git ls-files -co --exclude-standard -- '*.cpp' '*.h' '*.c'
 
-.PHONY: help demo test test-slow build host-build host-test format check-format tidy clean \
+.PHONY: help demo test test-slow build host-build host-test format check-format tidy lines clean \
         packages cross-prefix
 
 help: ## Lists these commands
@@ -71,6 +71,9 @@ tidy: cross-prefix ## Looks for likely faults and for other names with clang-tid
 	@$(call configure,host)
 	@$(call configure,windows)
 	@tools/tidy
+
+lines: ## Counts the lines of the product and of its tests, which are to be 0.40 of them at most
+	@tools/count-lines
 
 clean: ## Removes everything that was built here
 	rm -rf build

@@ -385,7 +385,7 @@ TEST(BadRecords, AStartWithEveryFieldFullGivesUp) {
   memset(&record, 'x', sizeof record);
   record.tnw_flags = TNW_INIT_NO_RETRY;
   TestFolder folder;
-  set_field(record.tnw_logdir, folder.path());
+  set_field(record.tnw_logdir, folder.path().string());
   const AtPageEnd full(&record, sizeof record);
   int err = 0;
   EXPECT_EQ(tnw_init(reinterpret_cast<tnw_tninit*>(full.at), &err), nullptr);
@@ -435,7 +435,7 @@ TEST(BadRecords, AStartWithFullNamesWorks) {
   tnw_purge_opt_t po;
   memset(&po, 'u', sizeof po);
   set_field(po.po_domain, domain);
-  set_field(po.po_workdir, drive.folder.path());
+  set_field(po.po_workdir, drive.folder.path().string());
   const AtPageEnd options(&po, sizeof po);
   EXPECT_EQ(tnw_purge_cache(reinterpret_cast<tnw_purge_opt_t*>(options.at)), ERROR_BUSY);
   memset(&po, 'w', sizeof po);

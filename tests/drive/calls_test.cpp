@@ -406,7 +406,7 @@ class Purge : public testing::Test {
 
   int purge(const std::string& domain = "drive.test", const std::string& user = "ada") {
     tnw_purge_opt_t po = {};
-    set_field(po.po_workdir, drive.folder.path());
+    set_field(po.po_workdir, drive.folder.path().string());
     set_field(po.po_domain, domain);
     set_field(po.po_username, user);
     return tnw_purge_cache(&po);
@@ -452,7 +452,7 @@ TEST_F(Purge, DoesNotFollowALink) {
   if (removable) {
     return;
   }
-  run_under_wine("rm", "rm -r drive.test", drive.folder.path());
+  run_under_wine("rm", "rm -r drive.test", drive.folder.path().string());
   wait_for(drive.folder / "drive.test", false);
 }
 
@@ -462,7 +462,7 @@ TEST_F(Purge, DeletesInPlaceWhatItCannotMove) {
   EXPECT_EQ(purge(), ERROR_FILE_NOT_FOUND) << "the move's failure, deliberately";
   EXPECT_FALSE(file_exists(dir));
   EXPECT_EQ(log.count("Failed to purge cachedir " + dir + "\""), 1u);
-  EXPECT_EQ(log.count("Unable to move folder from " + dir + " to " + drive.folder.path() +
+  EXPECT_EQ(log.count("Unable to move folder from " + dir + " to " + drive.folder.path().string() +
                       "\\missing\\\\ada_"),
             1u);
 }

@@ -17,6 +17,7 @@
 #include <regex>
 
 #include "log_capture.h"
+#include "ox_logging.h"
 #include "ox_platform.h"
 #include "ox_tpool.h"
 #include "ox_util.h"
@@ -226,7 +227,7 @@ const FailedStart failed_starts[] = {
      {"ERROR", 3, "Failed to create dir .*file.below"}},
     {[](PeerDrive&) { pool_fails = true; }, {"ERROR", 12, "Cannot initialize thread pool"}},
     {[](PeerDrive& d) {
-       set_field(d.record.tnw_uds_workdir, d.folder.path());
+       set_field(d.record.tnw_uds_workdir, d.folder.path().string());
        set_field(d.record.tnw_workdir, below_a_file(d));
      },
      {"ERROR", 3, "Failed to create dir .*file.below.drive.test.ada"}},
@@ -370,7 +371,7 @@ TEST_F(LogLines, OfNullHandlesAndNotices) {
   EXPECT_EQ(tnw_updatetoken(drive.drive, text), 0);
   EXPECT_EQ(tnw_set_http_proxy(drive.drive, text, text, text), 0);
   tnw_purge_opt_t gone = {};
-  set_field(gone.po_workdir, drive.folder.path());
+  set_field(gone.po_workdir, drive.folder.path().string());
   set_field(gone.po_domain, "drive.test");
   set_field(gone.po_username, "bob");
   std::filesystem::create_directories(drive.folder / "drive.test\\bob");

@@ -48,7 +48,8 @@ std::string device_key(const tnw_tninit& record) {
 
 TEST(StartDeathTest, DoesNotHoldUpTheEndOfTheProcess) {
   TestFolder folder;
-  SetEnvironmentVariableA("TMP", folder.path().c_str()); /* for the ending process's own folder */
+  SetEnvironmentVariableA("TMP",
+                          folder.path().string().c_str()); /* for the ending process's own folder */
   const tnw_tninit record = start_record(folder, beside_test("stand_in_service.exe"));
   EXPECT_EXIT(end_process_during_a_start(record, folder / "begun"), testing::ExitedWithCode(3), "");
   SetEnvironmentVariableA("TMP", nullptr);

@@ -14,6 +14,7 @@
 
 #include "log_capture.h"
 #include "ox_errno.h"
+#include "ox_logging.h"
 #include "scripted_peer.h"
 #include "tnv_connio_win.h"
 
