@@ -293,8 +293,11 @@ TEST_F(LogLines, OfAnEventNameThatIsTaken) {
 
 /* Under a key that does not last, no lasting one can be made. */
 TEST_F(LogLines, OfARegistryThatKeepsNoDeviceId) {
-  const std::string above = "SOFTWARE\\Oxley\\Oxley Drive\\volatile.test";
+  const std::string all = "SOFTWARE\\Oxley\\Oxley Drive";
+  const std::string above = all + "\\volatile.test";
   HKEY key;
+  ASSERT_EQ(RegCreateKeyA(HKEY_CURRENT_USER, all.c_str(), &key), 0) << "lasting, for other tests";
+  RegCloseKey(key);
   ASSERT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, above.c_str(), 0, nullptr, REG_OPTION_VOLATILE,
                             KEY_ALL_ACCESS, nullptr, &key, nullptr),
             0);
