@@ -148,7 +148,7 @@ class RawConnection {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     service.socket_path().copy(address.sun_path, sizeof address.sun_path - 1);
-    connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    ::connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address);
     const DWORD patience_ms = 20000;
     setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&patience_ms),
                sizeof patience_ms);
@@ -158,7 +158,7 @@ class RawConnection {
   RawConnection& operator=(const RawConnection&) = delete;
 
   bool send(const void* data, size_t size) {
-    return send(socket_, static_cast<const char*>(data), static_cast<int>(size), 0) ==
+    return ::send(socket_, static_cast<const char*>(data), static_cast<int>(size), 0) ==
            static_cast<int>(size);
   }
   /* Reads an answer with all that follows it. */
