@@ -17,7 +17,7 @@
 #include "ox_errno.h"
 #include "ox_logging.h"
 #include "ox_platform.h"
-#include "ox_util.h"
+#include "ox_time.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include "log_capture.h"
 #include "ox_errno.h"
 #include "ox_logging.h"
-#include "ox_util.h"
+#include "ox_time.h"
 
 namespace {
 

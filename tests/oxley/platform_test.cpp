@@ -17,8 +17,9 @@
 
 #include "log_capture.h"
 #include "ox_errno.h"
+#include "ox_file.h"
 #include "ox_lock.h"
-#include "ox_util.h"
+#include "ox_uuid.h"
 #include "process_state.h"
 #include "test_folder.h"
 

@@ -18,9 +18,9 @@
 
 #include "log_capture.h"
 #include "ox_errno.h"
+#include "ox_file.h"
 #include "ox_lock.h"
 #include "ox_logging.h"
-#include "ox_util.h"
 #include "test_folder.h"
 
 using testing::AllOf;

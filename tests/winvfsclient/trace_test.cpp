@@ -11,7 +11,7 @@
 
 #include "line_mask.h"
 #include "log_capture.h"
-#include "ox_util.h"
+#include "ox_time.h"
 #include "tnv_log.h"
 #include "tnw_log.h"
 

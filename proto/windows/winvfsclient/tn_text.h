@@ -6,6 +6,7 @@
 #define TN_TEXT_H
 
 #include "ox_util.h"
+#include "ox_uuid.h"
 #include "tnv_proto.h"
 
 /* An identifier as text. */

@@ -6,7 +6,9 @@
 #include <cstring>
 
 #include "ox_errno.h"
+#include "ox_time.h"
 #include "ox_util.h"
+#include "ox_uuid.h"
 #include "tnv_connio_win.h"
 #include "tnw_log.h"
 

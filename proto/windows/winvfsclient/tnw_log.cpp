@@ -3,6 +3,8 @@
 #include <atomic>
 #include <cerrno>
 
+#include "ox_time.h"
+#include "ox_util.h"
 #include "tn_text.h"
 
 namespace {

@@ -9,7 +9,9 @@
 #include <cstring>
 
 #include "ox_errno.h"
+#include "ox_time.h"
 #include "ox_util.h"
+#include "ox_uuid.h"
 #include "tn_util.h"
 #include "tnw_fdtable.h"
 #include "tnw_log.h"

@@ -2,7 +2,6 @@
 
 #include <atomic>
 
-#include "ox_util.h"
 #include "tnw_call.h"
 #include "tnw_fdtable.h"
 #include "tnw_open.h"

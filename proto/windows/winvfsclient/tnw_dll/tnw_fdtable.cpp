@@ -7,9 +7,9 @@
 #include <cstring>
 
 #include "ox_errno.h"
+#include "ox_list.h"
 #include "ox_platform.h"
 #include "ox_util.h"
-#include "tnw_list.h"
 #include "tnw_log.h"
 #include "vfstnw_bmap.h"
 
@@ -64,11 +64,11 @@ int tnw_alloc_fdtable(vfs_handle* vh, tnw_files* fdt) {
     return TNW_REFUSE(OX_ENOMEM, vh, OX_ENOMEM, "Not enough memory for fd table.");
   }
   tnvfdhd* head = &fdt->vfs_free_fds;
-  tnw_list_init(head);
+  ox_list_init(head);
   int err = ox_init_lock(&head->fdt_lock);
   for (int i = 0; i < n && err == 0; i++) {
     err = init_entry(&fdt->vfs_files[i], i);
-    tnw_list_append(head, &fdt->vfs_files[i]);
+    ox_list_append(head, &fdt->vfs_files[i]);
     head->fdt_count++;
     fdt->vfs_nfiles++;
   }
@@ -97,11 +97,11 @@ void tnw_free_fdtable(tnw_files* fdt) {
 }
 
 tnvfd* tnw_fd_dequeue(tnvfdhd* head) {
-  if (tnw_list_empty(head)) {
+  if (ox_list_empty(head)) {
     return nullptr;
   }
   tnvfd* fde = head->fdt_fnext;
-  tnw_list_unlink(fde);
+  ox_list_unlink(fde);
   head->fdt_count--;
   fde->fdt_state = TNV_FD_RESERVED;
   return fde;
@@ -132,7 +132,7 @@ void tnw_putfd(vfs_handle* vh, tnw_files* fdt, tnvfd* fde) {
   clear_entry(fde); /* a closed entry has no drive handle, and is TNV_FD_FREE */
   tnvfdhd* head = &fdt->vfs_free_fds;
   ox_lock(&head->fdt_lock);
-  tnw_list_push_front(head, fde);
+  ox_list_push_front(head, fde);
   head->fdt_count++;
   TNW_DEBUG(vh, 2, "putting fd %d, state %d, free count %d", fde->fdt_fd, fde->fdt_state,
             head->fdt_count);

@@ -5,6 +5,7 @@
 
 #include "ox_errno.h"
 #include "ox_util.h"
+#include "ox_uuid.h"
 #include "tnw_log.h"
 #include "tnw_start.h"
 

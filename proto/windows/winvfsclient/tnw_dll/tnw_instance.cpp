@@ -7,16 +7,16 @@
 
 #include <atomic>
 
+#include "ox_list.h"
 #include "ox_util.h"
 #include "tnw_fdtable.h"
-#include "tnw_list.h"
 
 namespace {
 
 bool has_handle(tnw_tninstance* tni, const void* drvhdl) {
   tnw_dhhd* head = &tni->tni_drive_handles;
   ox_rwlock_shared(&head->tnwh_lock);
-  const bool found = tnw_list_find<tnw_drive_handle>(
+  const bool found = ox_list_find<tnw_drive_handle>(
                          head, [&](tnw_drive_handle* dh) { return dh == drvhdl; }) != nullptr;
   ox_rwunlock(&head->tnwh_lock);
   return found;
@@ -26,7 +26,7 @@ bool has_handle(tnw_tninstance* tni, const void* drvhdl) {
 template <class Match>
 tnw_tninstance* find_instance(Match match) {
   ox_rwlock_shared(&tnw_tninstances.tni_lock);
-  tnw_tninstance* tni = tnw_list_find<tnw_tninstance>(&tnw_tninstances, match);
+  tnw_tninstance* tni = ox_list_find<tnw_tninstance>(&tnw_tninstances, match);
   ox_rwunlock(&tnw_tninstances.tni_lock);
   return tni;
 }
@@ -73,7 +73,7 @@ bool tnw_is_cache_in_use(const char* domain, const char* username) {
 tnw_drive_handle* tnw_find_handle(tnw_tninstance* tni, const char* drive_id) {
   tnw_dhhd* head = &tni->tni_drive_handles;
   ox_rwlock_shared(&head->tnwh_lock);
-  tnw_drive_handle* dh = tnw_list_find<tnw_drive_handle>(
+  tnw_drive_handle* dh = ox_list_find<tnw_drive_handle>(
       head, [&](tnw_drive_handle* h) { return field_equals(h->tnw_drive_uuid, drive_id); });
   ox_rwunlock(&head->tnwh_lock);
   return dh;
@@ -81,14 +81,14 @@ tnw_drive_handle* tnw_find_handle(tnw_tninstance* tni, const char* drive_id) {
 
 void tnw_add_tninstance(tnw_tnihd* head, tnw_tninstance* tni) {
   ox_rwlock_excl(&head->tni_lock);
-  tnw_list_append(head, tni);
+  ox_list_append(head, tni);
   head->tni_cnt++;
   ox_rwunlock(&head->tni_lock);
 }
 
 void tnw_remove_tninstance(tnw_tnihd* head, tnw_tninstance* tni) {
   ox_rwlock_excl(&head->tni_lock);
-  tnw_list_unlink(tni);
+  ox_list_unlink(tni);
   head->tni_cnt--;
   ox_rwunlock(&head->tni_lock);
 }
@@ -97,7 +97,7 @@ void tnw_add_handle(tnw_tninstance* tni, tnw_drive_handle* dh) {
   tnw_dhhd* head = &tni->tni_drive_handles;
   ox_rwlock_excl(&head->tnwh_lock);
   dh->tnw_tni = tni;
-  tnw_list_append(head, dh);
+  ox_list_append(head, dh);
   head->tnwh_cnt++;
   ox_rwunlock(&head->tnwh_lock);
 }
@@ -105,7 +105,7 @@ void tnw_add_handle(tnw_tninstance* tni, tnw_drive_handle* dh) {
 void tnw_remove_handle(tnw_tninstance* tni, tnw_drive_handle* dh) {
   tnw_dhhd* head = &tni->tni_drive_handles;
   ox_rwlock_excl(&head->tnwh_lock);
-  tnw_list_unlink(dh);
+  ox_list_unlink(dh);
   head->tnwh_cnt--;
   ox_rwunlock(&head->tnwh_lock);
 }
@@ -115,7 +115,7 @@ tnw_tninstance* tnw_alloc_tninstance(void) {
   if (tni == nullptr) {
     return nullptr;
   }
-  tnw_list_init(&tni->tni_drive_handles);
+  ox_list_init(&tni->tni_drive_handles);
   if (ox_init_rwlock(&tni->tni_drive_handles.tnwh_lock) != 0) {
     ox_free_safe(tni);
     return nullptr;
@@ -126,9 +126,9 @@ tnw_tninstance* tnw_alloc_tninstance(void) {
 void tnw_free_tninstance(tnw_tninstance* tni) {
   tnw_dhhd* handles = &tni->tni_drive_handles;
   ox_rwlock_excl(&handles->tnwh_lock);
-  while (!tnw_list_empty(handles)) {
+  while (!ox_list_empty(handles)) {
     tnw_drive_handle* dh = handles->tnw_dhnext;
-    tnw_list_unlink(dh);
+    ox_list_unlink(dh);
     ox_free_safe(dh);
   }
   ox_rwunlock(&handles->tnwh_lock);

@@ -18,6 +18,7 @@
 
 #include "ox_lock.h"
 #include "ox_tpool.h"
+#include "ox_util.h"
 #include "tnw.h"
 #include "tnw_fd.h"
 #include "vfs_handle.h"

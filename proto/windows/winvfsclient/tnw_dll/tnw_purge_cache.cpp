@@ -6,7 +6,6 @@
 #include "ox_dirtree.h"
 #include "ox_errno.h"
 #include "ox_platform.h"
-#include "ox_util.h"
 #include "tn_util.h"
 #include "tnw_instance.h"
 #include "tnw_log.h"

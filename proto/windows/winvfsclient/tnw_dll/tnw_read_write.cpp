@@ -9,7 +9,7 @@
 
 #include "ox_errno.h"
 #include "ox_platform.h"
-#include "ox_util.h"
+#include "ox_uuid.h"
 #include "tnw_call.h"
 #include "tnw_open.h"
 #include "vfstnw_bmap.h"

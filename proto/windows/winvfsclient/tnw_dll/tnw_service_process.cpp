@@ -3,7 +3,8 @@
 #include <cstdio>
 
 #include "ox_errno.h"
-#include "ox_util.h"
+#include "ox_file.h"
+#include "ox_time.h"
 #include "tnw_log.h"
 #include "tnw_start.h"
 #include "vfstnw_client.h"

@@ -9,7 +9,6 @@
 #include <limits>
 
 #include "ox_errno.h"
-#include "ox_util.h"
 #include "tn_text.h"
 #include "tnw_call.h"
 #include "vfstnw_bmap.h"
