@@ -3,7 +3,9 @@
 #include <atomic>
 
 #include "tnw_call.h"
+#include "tnw_exchange.h"
 #include "tnw_fdtable.h"
+#include "tnw_msg.h"
 #include "tnw_open.h"
 
 namespace {

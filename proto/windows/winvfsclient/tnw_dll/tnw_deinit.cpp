@@ -4,6 +4,7 @@
 
 #include "ox_errno.h"
 #include "ox_util.h"
+#include "tn_text.h"
 #include "tnw_call.h"
 #include "tnw_log.h"
 #include "tnw_start.h"
@@ -29,13 +30,13 @@ int leave_instance(tnw_tninstance* tni, tnw_drive_handle* dh) {
   vfs_handle* vh = tnw_connection(tni, 0);
   tnw_dhhd* handles = &tni->tni_drive_handles;
   TNW_INFO(vh, "tarnd for %.*s@%.*s, stopped for drive id %.*s, current drive handle count %d",
-           TNW_FIELD(tni->tni_username), TNW_FIELD(tni->tni_domain), TNW_FIELD(dh->tnw_drive_uuid),
+           TN_FIELD(tni->tni_username), TN_FIELD(tni->tni_domain), TN_FIELD(dh->tnw_drive_uuid),
            handles->tnwh_cnt);
   tnw_remove_handle(tni, dh);
   ox_free_safe(dh);
   if (handles->tnwh_cnt != 0) {
     TNW_INFO(vh, "After deinit, drive handle count %d for user %.*s@%.*s", handles->tnwh_cnt,
-             TNW_FIELD(tni->tni_username), TNW_FIELD(tni->tni_domain));
+             TN_FIELD(tni->tni_username), TN_FIELD(tni->tni_domain));
     return 0;
   }
   Sleep(STOP_PAUSE_MS);

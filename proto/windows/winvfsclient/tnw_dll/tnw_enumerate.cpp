@@ -9,7 +9,9 @@
 #include "ox_util.h"
 #include "tn_cffl.h"
 #include "tnw_call.h"
+#include "tnw_exchange.h"
 #include "tnw_fdtable.h"
+#include "tnw_msg.h"
 #include "tnw_open.h"
 
 namespace {
@@ -136,9 +138,8 @@ int tnw_findnext(void* dehdl, tnw_fileinfo* out) {
   if (fde->fdt_dir.dir_fi_idx == fde->fdt_dir.dir_fi_len) {
     return ERROR_NO_MORE_FILES;
   }
-  const struct timespec start = tnw_call_start(call);
   hand_out(&fde->fdt_dir, out);
-  tnw_log_findnext_client_resp(call.vh, fde, 0, &start);
+  tnw_log_findnext_client_resp(call.vh, fde, 0, &call.start);
   return 0;
 }
 
@@ -184,13 +185,12 @@ int tnw_checkfolderempty(void* dehdl, bool* is_empty) {
   if (code != 0) {
     return code;
   }
-  const struct timespec start = tnw_call_start(call);
   const bool empty = list_is_empty(fde->fdt_dir);
   if (is_empty != nullptr) {
     *is_empty = empty;
   }
   if (!empty) {
-    tnw_log_folderempty_client_resp(call.vh, fde, empty, 0, &start);
+    tnw_log_folderempty_client_resp(call.vh, fde, empty, 0, &call.start);
   }
   return 0;
 }

@@ -47,9 +47,15 @@ tnw_tninstance* tnw_get_tninstance(const void* drvhdl) {
   return find_instance([&](tnw_tninstance* tni) { return has_handle(tni, drvhdl); });
 }
 
-tnw_tninstance* tnw_get_entry_instance(const void* ophdl) {
-  return find_instance(
-      [&](tnw_tninstance* tni) { return tnw_is_table_entry(&tni->tni_files, ophdl); });
+tnw_tninstance* tnw_get_entry_instance(const tnvfd* fde, bool* on_drive) {
+  *on_drive = false;
+  return find_instance([&](tnw_tninstance* tni) {
+    if (!tnw_is_table_entry(&tni->tni_files, fde)) {
+      return false;
+    }
+    *on_drive = has_handle(tni, fde->fdt_drv);
+    return true;
+  });
 }
 
 const char* tnw_get_tninstance_id(void* drvhdl) {

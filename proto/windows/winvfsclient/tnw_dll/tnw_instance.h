@@ -91,8 +91,12 @@ extern ox_rwlock_t tnw_glock;
 
 /* The instance of a caller's drive handle, which is compared but never dereferenced, or null. */
 tnw_tninstance* tnw_get_tninstance(const void* drvhdl);
-/* The listed instance whose table has `ophdl`, which is not dereferenced, as an entry, or null. */
-tnw_tninstance* tnw_get_entry_instance(const void* ophdl);
+/*
+ * The listed instance whose table has `fde`, which is dereferenced only when it is an entry there,
+ * or null. `on_drive`: whether the drive handle of the entry is one of the instance's, too.
+ * (Another instance may have got a handle at the address that the entry's own drive had.)
+ */
+tnw_tninstance* tnw_get_entry_instance(const tnvfd* fde, bool* on_drive);
 tnw_tninstance* tnw_find_tn_instance(const char* domain, const char* username);
 /* Whether a listed instance uses the cache directory of these names, which a file system that
  * ignores case would give to other spellings, too. */
@@ -115,8 +119,5 @@ vfs_handle* tnw_connection(tnw_tninstance* tni, ox_u32 slot);
 /* The mark that the service has no valid authorisation; set and tested by parallel calls. */
 bool tnw_is_unauthorized(tnw_tninstance* tni);
 void tnw_set_unauthorized(tnw_tninstance* tni, bool unauthorized);
-
-/* A fixed text field as the two arguments of "%.*s": it may be full and unterminated. */
-#define TNW_FIELD(field) static_cast<int>(ox_field_len((field), sizeof(field))), (field)
 
 #endif

@@ -13,7 +13,9 @@
 #include "ox_platform.h"
 #include "ox_util.h"
 #include "tnw_call.h"
+#include "tnw_exchange.h"
 #include "tnw_fdtable.h"
+#include "tnw_msg.h"
 #include "vfstnw_bmap.h"
 
 ox_lock_t tnw_fc_lock;

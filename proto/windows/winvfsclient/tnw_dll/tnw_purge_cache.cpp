@@ -6,6 +6,8 @@
 #include "ox_dirtree.h"
 #include "ox_errno.h"
 #include "ox_platform.h"
+#include "ox_util.h"
+#include "tn_text.h"
 #include "tn_util.h"
 #include "tnw_instance.h"
 #include "tnw_log.h"
@@ -36,7 +38,7 @@ int prepare(const tnw_purge_opt_t* po, purge* p) {
   if (po->po_workdir[0] == 0 || !is_plain_name(p->domain) || !is_plain_name(p->username)) {
     return TNW_REFUSE(OX_EINVAL, nullptr, OX_EINVAL,
                       "Cannot purge a cache of %s@%s in work directory %.*s", p->username,
-                      p->domain, TNW_FIELD(po->po_workdir));
+                      p->domain, TN_FIELD(po->po_workdir));
   }
   if (!tnw_compose_cachedir(po->po_workdir, po->po_domain, po->po_username, p->cachedir)) {
     return TNW_REFUSE(OX_ENAMETOOLONG, nullptr, OX_ENAMETOOLONG, "Failed to purge cachedir %s",
