@@ -1,6 +1,6 @@
 /* One exchange through an instance's pool: what cannot be begun is not waited for. */
 
-#include "tnw_dll/tnw_call.h"
+#include "tnw_dll/tnw_exchange.h"
 
 #include <gtest/gtest.h>
 

@@ -77,12 +77,13 @@ class Exchange : public testing::Test {
 
   /* The connection is closed, and the next exchange fails without a request: nothing half. */
   void expect_broken() {
-    EXPECT_EQ(vh.vfs_fd, -1);
+    EXPECT_TRUE(vh.vfs_broken);
     EXPECT_TRUE(peer.wait_for_ended(ended + 1));
     const size_t before = peer.requests().size();
     LogCapture next;
     EXPECT_EQ(exchange(), OX_EOWNERDEAD);
     EXPECT_EQ(errno, OX_EOWNERDEAD);
+    EXPECT_EQ(next.count("\"vfs_socket_fd\":" + std::to_string(vh.vfs_fd) + ","), 1u);
     EXPECT_EQ(next.count("opcode 4, len 504. Requesting client to reinitialize."), 1u);
     EXPECT_THAT(bytes_of(resp), Each(0));
     EXPECT_EQ(peer.requests().size(), before);

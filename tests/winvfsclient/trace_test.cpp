@@ -90,7 +90,7 @@ class Trace : public testing::Test {
     vh_.vfs_share_path = share_;
     vh_.vfs_peer_handle = reinterpret_cast<void*>(0xBEEF);
     vh_.vfs_peer_tid = 99;
-    vh_.vfs_utxid = 5;
+    tnw_note_utxid(&vh_, 5);
     ox_clock_gettime(0, &vh_.vfs_curmsg_ts);
   }
   ~Trace() override {
@@ -212,7 +212,7 @@ TEST_F(Trace, LevelsAndTransactionIdsDecide) {
   const tnv_resp resp = response(TNV_OP_SHUTDOWN);
   trace(request.msg(), resp);
   ASSERT_EQ(lines().size(), 1u); /* the event alone */
-  vh_.vfs_utxid = 0;
+  tnw_note_utxid(&vh_, 0);
   trace(request.msg(), resp);
   EXPECT_EQ(lines().size(), 1u);
   ox_debug = 2;
@@ -372,7 +372,8 @@ TEST_F(Trace, CallsThatTheClientAnswers) {
   timespec start;
   ox_clock_gettime(0, &start);
   for (const ox_u64 utxid : {0, 5}) {
-    vh_.vfs_utxid = utxid;
+    tnw_note_utxid(&vh_, utxid);
+    vh_.vfs_utxid = 0; /* a send clears it, and its answer is still to come */
     errno = 41;
     tnw_log_read_client_resp(&vh_, &fde, -1, 4096, 0, &start);
     tnw_log_write_client_resp(&vh_, &fde, 80, 50, -1, &start);

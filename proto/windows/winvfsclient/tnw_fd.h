@@ -60,7 +60,8 @@ typedef struct tnvdir {
 /*
  * One open file or folder.
  *   fixed as long as the table lives: fdt_fd and the three locks
- *   fdt_lock of the free list: the links, and fdt_state where it becomes or was TNV_FD_FREE
+ *   fdt_lock of the free list: the links, and changes of fdt_state and fdt_drv; a call on the open
+ *     entry reads both without the lock, since nothing changes them until its close
  *   fdt_rmap_lock: fdt_rmap and the bytes of the cached map
  *   fdt_dmap_lock: fdt_dmap, the bytes of the dirty map, fdt_rshift and both sizes; a thread that
  *     holds fdt_rmap_lock and sees that fdt_rmap is not null may read the shift and the sizes, too
@@ -85,7 +86,7 @@ typedef struct tnvfd {
   ox_handle fdt_ofd; /* the local cache file, or INVALID_HANDLE_VALUE */
   ox_off fdt_off;
   bool fdt_root;
-  void* fdt_drv; /* the drive handle; null once closed */
+  void* fdt_drv; /* the drive handle; null after the close; a drive that goes leaves its address */
   tnw_file_context* fdt_fc;
   ox_u8* fdt_rmap;      /* points to one allocation with both maps; null: the file has no maps */
   ox_u8* fdt_dmap;      /* fdt_rmap + fdt_rmap_size */

@@ -5,10 +5,6 @@
 #include "ox_errno.h"
 #include "ox_time.h"
 #include "ox_util.h"
-#include "ox_uuid.h"
-#include "tn_util.h"
-#include "tnw_fdtable.h"
-#include "tnw_log.h"
 
 const tnw_refusal TNW_REFUSE_NO_PATH = {"Invalid drive handle or no path specified.", OX_EINVAL,
                                         ERROR_BAD_ARGUMENTS};
@@ -19,17 +15,17 @@ int refuse(const tnw_refusal& refusal) {
   return TNW_REFUSE(refusal.code, nullptr, refusal.err, "%s", refusal.text);
 }
 
-int refuse_unknown(const void* handle) {
+}  // namespace
+
+int tnw_refuse_unknown(const void* handle) {
   return TNW_REFUSE(TNW_ERROR_NO_SERVICE, nullptr, -1,
                     "Could not find handle with address 0x%p", handle);
 }
 
-}  // namespace
-
 int tnw_enter_drive(const void* drvhdl, tnw_call* call) {
   call->tni = tnw_get_tninstance(drvhdl);
   if (call->tni == nullptr) {
-    return refuse_unknown(drvhdl);
+    return tnw_refuse_unknown(drvhdl);
   }
   call->vh = tnw_connection(call->tni, 0);
   return 0;
@@ -61,15 +57,16 @@ int tnw_enter_entry(const tnvfd* fde, bool needs_file, const tnw_refusal& refusa
   }
   call->tni = tnw_get_entry_instance(fde, &call->on_drive);
   if (call->tni == nullptr) {
-    return refuse_unknown(fde);
+    return tnw_refuse_unknown(fde);
   }
   call->vh = tnw_connection(call->tni, 0);
-  const bool lacks_file = needs_file && fde->fdt_ofd == INVALID_HANDLE_VALUE;
+  const bool lacks_file =
+      needs_file && fde->fdt_ofd == INVALID_HANDLE_VALUE && fde->fdt_state == TNV_FD_INUSE;
   return fde->fdt_drv == nullptr || lacks_file ? refuse(refusal) : 0;
 }
 
 int tnw_check_drive(const tnvfd* fde, const tnw_call* call) {
-  return call->on_drive ? 0 : refuse_unknown(fde->fdt_drv);
+  return call->on_drive ? 0 : tnw_refuse_unknown(fde->fdt_drv);
 }
 
 int tnw_enter_entry_call(const tnvfd* fde, bool needs_file, const tnw_refusal& refusal,

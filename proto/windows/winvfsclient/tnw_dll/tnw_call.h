@@ -30,6 +30,9 @@ extern const tnw_refusal TNW_REFUSE_NO_PATH;
 
 /* Each check returns 0, or the Windows code for the caller after the line that tells. */
 
+/* The line of an unknown drive or operation handle, and its code: 1467. */
+int tnw_refuse_unknown(const void* handle);
+
 /* Finds the instance of a drive handle: 0 or 1467. */
 int tnw_enter_drive(const void* drvhdl, tnw_call* call);
 /* 1326 while the service has no valid authorisation. */

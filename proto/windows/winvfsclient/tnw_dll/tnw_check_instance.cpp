@@ -49,8 +49,12 @@ int read_old_pid(int fd, unsigned long* pid) {
 int write_own_pid(int fd) {
   char text[32];
   const int len = snprintf(text, sizeof text, "%lu", GetCurrentProcessId());
-  if (ox_pwrite(fd, text, static_cast<size_t>(len), 0) == len) {
+  const ox_s64 written = ox_pwrite(fd, text, static_cast<size_t>(len), 0);
+  if (written == len) {
     return 0;
+  }
+  if (written >= 0) {
+    errno = OX_EIO; /* a part was written: the system names no error for that */
   }
   return refuse_file("write DA PID to", "da_pid");
 }

@@ -67,10 +67,10 @@ denum_outcome enumerate(const tnw_call& call, tnvfd* fde, const void* drvhdl, co
 }
 
 /* The reserved entry becomes the enumeration handle: 0, or 18 for an empty folder. */
-int open_enumeration(tnvfd* fde, void* drvhdl, const char* procname, tnw_fileinfo* out) {
+int open_enumeration(const tnw_call& call, tnvfd* fde, void* drvhdl, const char* procname,
+                     tnw_fileinfo* out) {
   ox_copy_field(fde->fdt_procname, sizeof fde->fdt_procname, procname);
-  fde->fdt_state = TNV_FD_INUSE;
-  fde->fdt_drv = drvhdl;
+  tnw_use_fd(&call.tni->tni_files, fde, drvhdl);
   if (fde->fdt_dir.dir_fi_len == 0) {
     return ERROR_NO_MORE_FILES;
   }
@@ -99,7 +99,7 @@ tnvfd* find_first(void* drvhdl, const char* path, tnw_fileinfo* out, const char*
     *code = outcome.code;
     return nullptr;
   }
-  *code = open_enumeration(fde, drvhdl, procname, out);
+  *code = open_enumeration(call, fde, drvhdl, procname, out);
   return fde;
 }
 

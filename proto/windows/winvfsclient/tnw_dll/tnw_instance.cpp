@@ -6,7 +6,9 @@
 #include <cstring>
 
 #include <atomic>
+#include <cstdio>
 
+#include "ox_dirtree.h"
 #include "ox_list.h"
 #include "ox_util.h"
 #include "tnw_fdtable.h"
@@ -38,6 +40,13 @@ bool field_equals(const char (&field)[N], const char* text) {
   return ox_field_len(text, N) == len && memcmp(field, text, len) == 0;
 }
 
+/* A file of the inner folder, whether or not it exists, is below the outer one in both cases. */
+bool is_same_or_below(const char* inner, const char* outer) {
+  char file[sizeof(tnw_tninstance::tni_cachedir) + 2];
+  snprintf(file, sizeof file, "%s\\x", inner);
+  return ox_is_below(file, outer);
+}
+
 }  // namespace
 
 tnw_tninstance* tnw_get_tninstance(const void* drvhdl) {
@@ -53,7 +62,7 @@ tnw_tninstance* tnw_get_entry_instance(const tnvfd* fde, bool* on_drive) {
     if (!tnw_is_table_entry(&tni->tni_files, fde)) {
       return false;
     }
-    *on_drive = has_handle(tni, fde->fdt_drv);
+    *on_drive = fde->fdt_state == TNV_FD_INUSE && has_handle(tni, fde->fdt_drv);
     return true;
   });
 }
@@ -69,10 +78,13 @@ tnw_tninstance* tnw_find_tn_instance(const char* domain, const char* username) {
   });
 }
 
-bool tnw_is_cache_in_use(const char* domain, const char* username) {
+bool tnw_is_cache_in_use(const char* domain, const char* username, const char* cachedir) {
   return find_instance([&](tnw_tninstance* tni) {
-           return _strnicmp(tni->tni_domain, domain, sizeof tni->tni_domain) == 0 &&
-                  _strnicmp(tni->tni_username, username, sizeof tni->tni_username) == 0;
+           const bool serves_user =
+               _strnicmp(tni->tni_domain, domain, sizeof tni->tni_domain) == 0 &&
+               _strnicmp(tni->tni_username, username, sizeof tni->tni_username) == 0;
+           return serves_user || is_same_or_below(tni->tni_cachedir, cachedir) ||
+                  is_same_or_below(cachedir, tni->tni_cachedir);
          }) != nullptr;
 }
 
@@ -129,16 +141,21 @@ tnw_tninstance* tnw_alloc_tninstance(void) {
   return tni;
 }
 
-void tnw_free_tninstance(tnw_tninstance* tni) {
+void tnw_free_handles(tnw_tninstance* tni) {
   tnw_dhhd* handles = &tni->tni_drive_handles;
   ox_rwlock_excl(&handles->tnwh_lock);
   while (!ox_list_empty(handles)) {
     tnw_drive_handle* dh = handles->tnw_dhnext;
     ox_list_unlink(dh);
+    handles->tnwh_cnt--;
     ox_free_safe(dh);
   }
   ox_rwunlock(&handles->tnwh_lock);
-  ox_deinit_rwlock(&handles->tnwh_lock);
+}
+
+void tnw_free_tninstance(tnw_tninstance* tni) {
+  tnw_free_handles(tni);
+  ox_deinit_rwlock(&tni->tni_drive_handles.tnwh_lock);
   tnw_free_fdtable(&tni->tni_files);
   if (tni->tni_ready_event != nullptr) {
     CloseHandle(tni->tni_ready_event);

@@ -98,15 +98,20 @@ tnw_tninstance* tnw_get_tninstance(const void* drvhdl);
  */
 tnw_tninstance* tnw_get_entry_instance(const tnvfd* fde, bool* on_drive);
 tnw_tninstance* tnw_find_tn_instance(const char* domain, const char* username);
-/* Whether a listed instance uses the cache directory of these names, which a file system that
- * ignores case would give to other spellings, too. */
-bool tnw_is_cache_in_use(const char* domain, const char* username);
+/*
+ * Whether a listed instance would lose something with this cache directory: it serves the domain
+ * and user (in any case: the file system ignores it), or its own cache directory is the same one by
+ * another name ("ada" and "ada."), lies below it or holds it.
+ */
+bool tnw_is_cache_in_use(const char* domain, const char* username, const char* cachedir);
 tnw_drive_handle* tnw_find_handle(tnw_tninstance* tni, const char* drive_id);
 
 void tnw_add_tninstance(tnw_tnihd* head, tnw_tninstance* tni);
 void tnw_remove_tninstance(tnw_tnihd* head, tnw_tninstance* tni);
 void tnw_add_handle(tnw_tninstance* tni, tnw_drive_handle* dh);
 void tnw_remove_handle(tnw_tninstance* tni, tnw_drive_handle* dh); /* does not free it */
+/* Unlinks and frees every drive handle of the instance. */
+void tnw_free_handles(tnw_tninstance* tni);
 
 /* A zero-filled instance with its locks and lists ready, or null; freed by tnw_free_tninstance. */
 tnw_tninstance* tnw_alloc_tninstance(void);

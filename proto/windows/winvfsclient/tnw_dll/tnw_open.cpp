@@ -160,8 +160,6 @@ void fill_entry(vfs_handle* vh, tnvfd* fde, const open_args& args, const tnv_msg
   fde->fdt_tnflags |=
       static_cast<ox_u16>(open->wopen_resp_tnflags & (TNV_FL_NEWER | TNV_FL_MAPPED));
   tnw_count_open(fde->fdt_fc, args.accmode);
-  fde->fdt_drv = args.drvhdl;
-  fde->fdt_state = TNV_FD_INUSE;
 }
 
 /*
@@ -188,6 +186,7 @@ open_outcome exchange_open(const tnw_call& call, tnvfd* fde, const open_args& ar
     return {static_cast<int>(unixerr2winerr(err)), 0, false};
   }
   fill_entry(call.vh, fde, args, msg, &resp);
+  tnw_use_fd(&call.tni->tni_files, fde, args.drvhdl);
   return {0, err, false};
 }
 
