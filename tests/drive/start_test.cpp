@@ -10,6 +10,7 @@
 
 #include "log_capture.h"
 #include "peer_drive.h"
+#include "tnv_connio_win.h"
 
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -316,7 +317,7 @@ TEST(Drives, ThatGoTakeAlongWhatTheyLeftOpen) {
   EXPECT_NE(alone, INVALID_HANDLE_VALUE) << "the local file is closed";
   CloseHandle(alone);
   drive.drive = tnw_init(&other, nullptr); /* at the second's address, or not */
-  EXPECT_EQ(tnw_close(file, nullptr), UNKNOWN);
+  EXPECT_EQ(tnw_close(file, nullptr), TNW_ERROR_NO_SERVICE);
   EXPECT_EQ(drive.open("g"), file) << "the entry given back last is taken first";
   EXPECT_EQ(tnw_deinit(drive.drive, false), 0);
   drive.drive = first;
