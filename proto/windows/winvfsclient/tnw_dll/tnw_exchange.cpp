@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "ox_util.h"
+#include "ox_uuid.h"
 #include "tn_util.h"
 
 void tnw_create_evtwi(tnw_evwi* emsg, tnv_msg* msg, tnv_resp* resp, int len) {

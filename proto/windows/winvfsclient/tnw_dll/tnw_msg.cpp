@@ -3,6 +3,7 @@
 #include <climits>
 
 #include "ox_util.h"
+#include "ox_uuid.h"
 #include "tnw_connect.h"
 #include "tnw_instance.h"
 

@@ -9,6 +9,7 @@
 #include <limits>
 
 #include "ox_errno.h"
+#include "ox_time.h"
 #include "tn_text.h"
 #include "tnw_call.h"
 #include "tnw_exchange.h"
