@@ -27,11 +27,11 @@ struct MadeUpPoll {
   int revents;
   int last_error;
 };
-/* Each poll takes one of these, if there is one, in the place of the system's answer. */
-std::deque<MadeUpPoll> made_up_polls;
-std::function<void()> when_all_are_taken; /* called by the poll after the last of them */
-int polls = 0;
-SHORT last_events = 0; /* of the last of them */
+/* A poll of this thread (the peer polls, too) takes one of these instead of the system's answer. */
+thread_local std::deque<MadeUpPoll> made_up_polls;
+thread_local std::function<void()> when_all_are_taken; /* called by the poll after the last */
+thread_local int polls = 0;
+thread_local SHORT last_events = 0; /* of the last of them */
 
 /* Closings of sockets that were closed already, by any thread; and all that this one closed. */
 std::atomic<int> failed_closes = 0;
