@@ -8,22 +8,22 @@
 
 namespace tools {
 
-std::optional<ExitStatus> ParseCommandLine(CLI::App* app, std::vector<std::string> words) {
+std::optional<ExitStatus> parse_command_line(CLI::App* app, std::vector<std::string> words) {
   app->allow_windows_style_options(false);  /* "/docs" is a path */
   std::reverse(words.begin(), words.end()); /* as the parser takes them */
   try {
     app->parse(words);
   } catch (const CLI::CallForHelp&) {
     fmt::print("{}", app->help());
-    return kSuccess;
+    return EXIT_OK;
   } catch (const CLI::ParseError& error) {
     fmt::print(stderr, "{}: {}\nRun with --help for more.\n", app->get_name(), error.what());
-    return kUsage;
+    return EXIT_USAGE;
   }
   return std::nullopt;
 }
 
-int RunProgram(const char* name, const std::function<ExitStatus()>& run) {
+int run_program(const char* name, const std::function<ExitStatus()>& run) {
   try {
     const ExitStatus status = run();
     if (fflush(stdout) != 0) {
@@ -32,7 +32,7 @@ int RunProgram(const char* name, const std::function<ExitStatus()>& run) {
     return status;
   } catch (const std::exception& error) {
     fmt::print(stderr, "{}: {}\n", name, error.what());
-    return kFailed;
+    return EXIT_FAILED;
   }
 }
 

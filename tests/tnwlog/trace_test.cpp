@@ -8,51 +8,51 @@
 namespace tnwlog {
 namespace {
 
-Trace TraceOf(const std::vector<std::string>& lines) {
+Trace trace_of(const std::vector<std::string>& lines) {
   Trace trace;
   for (const std::string& line : lines) {
-    trace.Add(line);
+    trace.add(line);
   }
   return trace;
 }
 
-std::string Shown(const Trace& trace) {
+std::string shown(const Trace& trace) {
   std::string text;
-  for (const Request& request : trace.Requests()) {
-    text += std::string(Operations()[request.operation].name) + ' ' +
+  for (const Request& request : trace.requests()) {
+    text += std::string(operations()[request.operation].name) + ' ' +
             std::to_string(request.micros) + ' ' + std::to_string(request.error) + ' ' +
-            std::string(trace.PathOf(request.path)) + '\n';
+            std::string(trace.path_of(request.path)) + '\n';
   }
   return text;
 }
 
 TEST(Trace, PutsRequestsTogether) {
-  const std::vector<std::string> start = {sample::OpenRequest("docs/a.txt"), sample::kDumpBegin,
-                                          sample::kDumpRow, sample::kDumpText, sample::kDumpEnd};
+  const std::vector<std::string> start = {sample::open_request("docs/a.txt"), sample::DUMP_BEGIN,
+                                          sample::DUMP_ROW, sample::DUMP_TEXT, sample::DUMP_END};
   std::vector<std::string> lines = start;
-  Trace trace = TraceOf(lines);
-  EXPECT_EQ(Shown(trace), "");
-  EXPECT_TRUE(trace.UnansweredRequests().empty()) << "answers may not be logged at all";
+  Trace trace = trace_of(lines);
+  EXPECT_EQ(shown(trace), "");
+  EXPECT_TRUE(trace.unanswered_requests().empty()) << "answers may not be logged at all";
 
-  trace.Add(sample::kHeader);
-  EXPECT_EQ(Shown(trace), "OPEN 8000 0 docs/a.txt\n") << "from the distance of two lines";
+  trace.add(sample::HEADER);
+  EXPECT_EQ(shown(trace), "OPEN 8000 0 docs/a.txt\n") << "from the distance of two lines";
   for (const std::string& line :
-       {sample::OpenEvent("docs/a.txt"), sample::kCacheRegion, sample::kRead}) {
-    trace.Add(line);
+       {sample::open_event("docs/a.txt"), sample::CACHE_REGION, sample::READ}) {
+    trace.add(line);
   }
-  EXPECT_EQ(Shown(trace),
+  EXPECT_EQ(shown(trace),
             "OPEN 7484 0 docs/a.txt\n"
             "CACHE_REGION 7484 0 docs/a.txt\n"
             "READ 1250 5 docs/a.txt\n");
-  EXPECT_EQ(trace.Requests()[0].line, 1u);
-  EXPECT_EQ(TextOf(trace.Requests()[0].id), sample::kId);
-  EXPECT_EQ(trace.UnreadableLines(), 0u);
+  EXPECT_EQ(trace.requests()[0].line, 1u);
+  EXPECT_EQ(text_of(trace.requests()[0].id), sample::ID);
+  EXPECT_EQ(trace.unreadable_lines(), 0u);
 
   for (const std::string& line : start) {
-    trace.Add(line);
+    trace.add(line);
   }
-  ASSERT_EQ(trace.UnansweredRequests().size(), 1u);
-  EXPECT_EQ(TextOf(trace.UnansweredRequests()[0].first), sample::kId);
+  ASSERT_EQ(trace.unanswered_requests().size(), 1u);
+  EXPECT_EQ(text_of(trace.unanswered_requests()[0].first), sample::ID);
 }
 
 TEST(Trace, ReadsPathsThatLookLikeFields) {
@@ -61,31 +61,31 @@ TEST(Trace, ReadsPathsThatLookLikeFields) {
         "a, accmode 0x1, shmode 0x1, cdisp = 0x3, flags 0x40, len 17, drive_id 0, proc_name x)",
         R"(","region_shift":20}, "fso":{"id":"9440395a-1a09-8608-8047-12a0f011ab12"}})", "<P:path>",
         "\xff\xfe\x01 %s", ""}) {
-    EXPECT_EQ(Shown(TraceOf({sample::OpenEvent(path)})), "OPEN 7484 0 " + path + "\n");
-    const Trace trace = TraceOf({sample::OpenRequest(path), sample::kDumpRow, sample::kHeader});
-    EXPECT_EQ(Shown(trace), "OPEN 8000 0 " + path + "\n");
+    EXPECT_EQ(shown(trace_of({sample::open_event(path)})), "OPEN 7484 0 " + path + "\n");
+    const Trace trace = trace_of({sample::open_request(path), sample::DUMP_ROW, sample::HEADER});
+    EXPECT_EQ(shown(trace), "OPEN 8000 0 " + path + "\n");
   }
 }
 
 TEST(Trace, ReadsCutLines) {
   const std::string path(5000, 'p');
-  const std::string event = sample::OpenEvent(path).substr(0, 4095);
-  const std::string request = sample::OpenRequest(path).substr(0, 4095);
-  const Trace trace = TraceOf({request, sample::kDumpRow, sample::kHeader, event});
-  ASSERT_EQ(trace.Requests().size(), 1u);
-  EXPECT_EQ(trace.Requests()[0].micros, 7484);
-  EXPECT_EQ(trace.Requests()[0].line, 1u);
-  EXPECT_EQ(trace.PathOf(trace.Requests()[0].path),
+  const std::string event = sample::open_event(path).substr(0, 4095);
+  const std::string request = sample::open_request(path).substr(0, 4095);
+  const Trace trace = trace_of({request, sample::DUMP_ROW, sample::HEADER, event});
+  ASSERT_EQ(trace.requests().size(), 1u);
+  EXPECT_EQ(trace.requests()[0].micros, 7484);
+  EXPECT_EQ(trace.requests()[0].line, 1u);
+  EXPECT_EQ(trace.path_of(trace.requests()[0].path),
             path.substr(0, event.size() - event.find("ppp")));
 }
 
 TEST(Trace, CountsWhatItCannotReadAndGoesOn) {
-  const std::string event = sample::OpenEvent("a");
-  const Trace trace = TraceOf({"junk", std::string("\0\x01{", 3), "{", "[", event.substr(0, 300),
-                               sample::Client("text").substr(0, 60), event.substr(40), "", event});
-  EXPECT_EQ(trace.UnreadableLines(), 7u);
-  EXPECT_EQ(trace.Lines(), 9u);
-  EXPECT_EQ(trace.Requests().size(), 1u);
+  const std::string event = sample::open_event("a");
+  const Trace trace = trace_of({"junk", std::string("\0\x01{", 3), "{", "[", event.substr(0, 300),
+                                sample::client("text").substr(0, 60), event.substr(40), "", event});
+  EXPECT_EQ(trace.unreadable_lines(), 7u);
+  EXPECT_EQ(trace.lines(), 9u);
+  EXPECT_EQ(trace.requests().size(), 1u);
 }
 
 /* A line that fits in very many ways must not take for ever. */
@@ -94,29 +94,29 @@ TEST(Trace, GivesUpOnLinesMadeToBeSlow) {
   while (path.size() < 3500) {
     path += R"(", "vfs_peer_handle":"0", "remote_host":"", "vfs_user":"", "vfs_share_path":")";
   }
-  std::string connection = sample::kConnection;
+  std::string connection = sample::CONNECTION;
   connection.replace(connection.find(R"("jane")"), 6, '"' + path + '"');
-  const Trace trace = TraceOf({sample::Event("WIN OPEN", sample::kId, 0, connection)});
-  EXPECT_EQ(trace.UnreadableLines(), 1u);
+  const Trace trace = trace_of({sample::event("WIN OPEN", sample::ID, 0, connection)});
+  EXPECT_EQ(trace.unreadable_lines(), 1u);
 }
 
-TEST(Report, SumsUp) {
+TEST(report, SumsUp) {
   Trace trace;
   for (int i = 0; i < 100; i++) {
-    std::string event = sample::OpenEvent("a", sample::kId, i < 3 ? 2 : i < 5 ? 183 : 0);
+    std::string event = sample::open_event("a", sample::ID, i < 3 ? 2 : i < 5 ? 183 : 0);
     event.replace(event.find("7484"), 4, std::to_string((i + 1) * 1000));
-    trace.Add(event);
+    trace.add(event);
   }
-  const OperationSummary open = Summarize(trace).at(0);
+  const OperationSummary open = summarize(trace).at(0);
   EXPECT_EQ(open.count, 100u);
   EXPECT_EQ(open.errors, 3u) << "183 says that the file was there";
-  EXPECT_EQ(open.Percentile(50), 50000);
-  EXPECT_EQ(open.Percentile(99), 99000);
-  EXPECT_EQ(open.Percentile(100), 100000);
-  EXPECT_EQ(Slowest(trace, 2).at(1).micros, 99000);
-  EXPECT_NE(TableJson(trace).find("\"p90_ms\": 90.0"), std::string::npos);
-  trace.Add(sample::OpenEvent("\xff not UTF-8"));
-  EXPECT_NE(SlowestJson(trace, 1000).find("\xef\xbf\xbd not UTF-8"), std::string::npos);
+  EXPECT_EQ(open.percentile(50), 50000);
+  EXPECT_EQ(open.percentile(99), 99000);
+  EXPECT_EQ(open.percentile(100), 100000);
+  EXPECT_EQ(slowest(trace, 2).at(1).micros, 99000);
+  EXPECT_NE(table_json(trace).find("\"p90_ms\": 90.0"), std::string::npos);
+  trace.add(sample::open_event("\xff not UTF-8"));
+  EXPECT_NE(slowest_json(trace, 1000).find("\xef\xbf\xbd not UTF-8"), std::string::npos);
 }
 
 }  // namespace

@@ -17,10 +17,10 @@ struct Fault {
 };
 
 /* Checks every offset, length, count and text of a list file's bytes, in the order of the file. */
-std::vector<Fault> CheckList(std::span<const uint8_t> bytes);
+std::vector<Fault> check_list(std::span<const uint8_t> bytes);
 
 /* Whether the library can read, walk and print the list. */
-bool CanBeWalked(const std::vector<Fault>& faults);
+bool can_be_walked(const std::vector<Fault>& faults);
 
 }  // namespace cfflprint
 

@@ -19,9 +19,9 @@ using tnwsh::Failure;
  * The library takes paths in the process's code page, which our manifest makes UTF-8 where Windows
  * knows of that (from version 1903).
  */
-std::string CodePagePath(const std::string& path) {
+std::string code_page_path(const std::string& path) {
   std::wstring wide;
-  tarnd::wide_from_utf8(tnwsh::AbsolutePath(path), &wide);
+  tarnd::wide_from_utf8(tnwsh::absolute_path(path), &wide);
   std::string narrow(wide.size() * 4, '\0');
   narrow.resize(static_cast<size_t>(
       WideCharToMultiByte(CP_ACP, 0, wide.data(), static_cast<int>(wide.size()), narrow.data(),
@@ -40,8 +40,8 @@ std::string CodePagePath(const std::string& path) {
 
 ListFile::ListFile(const std::string& path) : path_(path) {
   /* The first to say, in words, why a file cannot be read; the library's errno says less. */
-  tnwsh::LocalFile::OpenToRead(path);
-  fd_ = ox_open(CodePagePath(path).c_str(), OX_O_RDONLY);
+  tnwsh::LocalFile::open_to_read(path);
+  fd_ = ox_open(code_page_path(path).c_str(), OX_O_RDONLY);
   if (fd_ < 0) {
     throw Failure(path, "the library cannot open it");
   }
@@ -49,7 +49,7 @@ ListFile::ListFile(const std::string& path) : path_(path) {
 
 ListFile::~ListFile() { ox_close(fd_); }
 
-uint64_t ListFile::Size() const {
+uint64_t ListFile::size() const {
   const ox_off size = ox_lseek(fd_, 0, 2);
   if (size < 0 || ox_lseek(fd_, 0, 0) != 0) {
     throw Failure(path_, "has no size");
@@ -57,8 +57,8 @@ uint64_t ListFile::Size() const {
   return static_cast<uint64_t>(size);
 }
 
-std::vector<uint8_t> ListFile::Bytes() const {
-  std::vector<uint8_t> bytes(Size());
+std::vector<uint8_t> ListFile::bytes() const {
+  std::vector<uint8_t> bytes(size());
   size_t done = 0;
   while (done < bytes.size()) {
     const ox_s64 count = ox_read(fd_, bytes.data() + done, bytes.size() - done);
@@ -70,8 +70,8 @@ std::vector<uint8_t> ListFile::Bytes() const {
   return bytes;
 }
 
-List ListFile::Read() const {
-  const uint64_t size = Size();
+List ListFile::read() const {
+  const uint64_t size = size();
   if (size < sizeof(cfs_cffl)) {
     throw Failure(path_, fmt::format("no cloud file list: it has {} bytes, and a header block {}",
                                      size, sizeof(cfs_cffl)));

@@ -26,15 +26,15 @@ class ListFile {
   ~ListFile();
 
   /* The bytes of the file, whatever they are. */
-  std::vector<uint8_t> Bytes() const;
+  std::vector<uint8_t> bytes() const;
   /*
    * The list, where header and file agree on its size: the library would wait for missing bytes.
    * Its entries are not looked at.
    */
-  List Read() const;
+  List read() const;
 
  private:
-  uint64_t Size() const;
+  uint64_t size() const;
   std::string path_;
   int fd_;
 };

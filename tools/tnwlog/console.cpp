@@ -6,12 +6,12 @@
 
 namespace tnwlog {
 
-std::vector<std::string> SetUpConsole(int, char**) {
-  tnwsh::SetUpConsole();
-  return tnwsh::ProgramArguments();
+std::vector<std::string> set_up_console(int, char**) {
+  tnwsh::set_up_console();
+  return tnwsh::program_arguments();
 }
 
-bool Interrupted() { return tnwsh::Interrupted(); }
+bool interrupted() { return tnwsh::interrupted(); }
 
 }  // namespace tnwlog
 
@@ -22,21 +22,21 @@ bool Interrupted() { return tnwsh::Interrupted(); }
 namespace tnwlog {
 namespace {
 
-volatile std::sig_atomic_t interrupted = 0;
+volatile std::sig_atomic_t was_interrupted = 0;
 
-void OnInterrupt(int) {
-  interrupted = 1;
+void on_interrupt(int) {
+  was_interrupted = 1;
   std::signal(SIGINT, SIG_DFL); /* a second one ends the program */
 }
 
 }  // namespace
 
-std::vector<std::string> SetUpConsole(int argc, char** argv) {
-  std::signal(SIGINT, OnInterrupt);
+std::vector<std::string> set_up_console(int argc, char** argv) {
+  std::signal(SIGINT, on_interrupt);
   return std::vector<std::string>(argv + 1, argv + argc);
 }
 
-bool Interrupted() { return interrupted != 0; }
+bool interrupted() { return was_interrupted != 0; }
 
 }  // namespace tnwlog
 

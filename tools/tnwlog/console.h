@@ -8,10 +8,10 @@
 namespace tnwlog {
 
 /* Call once, first. The words of the command line after the program's name, UTF-8. */
-std::vector<std::string> SetUpConsole(int argc, char** argv);
+std::vector<std::string> set_up_console(int argc, char** argv);
 
 /* Whether Ctrl-C was pressed. */
-bool Interrupted();
+bool interrupted();
 
 }  // namespace tnwlog
 

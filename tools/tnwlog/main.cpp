@@ -19,11 +19,11 @@
 namespace tnwlog {
 namespace {
 
-constexpr char kDescription[] =
+constexpr char DESCRIPTION[] =
     "Reads the logs of cloud drives: how often each operation was asked for, and how long the\n"
     "answers took.";
 
-constexpr char kFooter[] =
+constexpr char FOOTER[] =
     "Response times come from the event lines, which are there when the cache service gives\n"
     "transaction ids, or else from the distance of two lines at debug level 3 and above.\n"
     "Exit status: 0, 1 when a file cannot be read or written or nothing is found, 2 when the\n"
@@ -42,16 +42,16 @@ struct Options {
 };
 
 /* Empty, or what is wrong with it. */
-std::string CheckId(const std::string& id) {
+std::string check_id(const std::string& id) {
   static const TextPattern request("<m>");
   static const TextPattern transaction("<d>");
   Pieces pieces;
-  return request.Match(id, &pieces) || transaction.Match(id, &pieces)
+  return request.match(id, &pieces) || transaction.match(id, &pieces)
              ? ""
              : '"' + id + "\" is neither a request's id nor a transaction's number";
 }
 
-void DeclareOptions(CLI::App* app, Options* options) {
+void declare_options(CLI::App* app, Options* options) {
   app->add_option("LOG", options->logs, "Log files, or folders with a tnvfs.log")
       ->required()
       ->option_text(" ");
@@ -62,7 +62,7 @@ void DeclareOptions(CLI::App* app, Options* options) {
   auto* request = app->add_option("--request", options->request,
                                   "Shows the lines of the request with this id or transaction id, "
                                   "and of all that its open file was asked for")
-                      ->check(CheckId)
+                      ->check(check_id)
                       ->excludes(slowest)
                       ->option_text("ID");
   auto* follow = app->add_flag("--follow", options->follow,
@@ -80,63 +80,65 @@ void DeclareOptions(CLI::App* app, Options* options) {
   }
 }
 
-std::string ReportOf(const Trace& trace, const Options& options) {
+std::string report_of(const Trace& trace, const Options& options) {
   if (options.slowest > 0) {
-    return options.json ? SlowestJson(trace, options.slowest) : SlowestText(trace, options.slowest);
+    return options.json ? slowest_json(trace, options.slowest)
+                        : slowest_text(trace, options.slowest);
   }
-  return options.json ? TableJson(trace) : TableText(trace);
+  return options.json ? table_json(trace) : table_text(trace);
 }
 
-void PauseUntilMore() {
-  for (int i = 0; i < 5 && !Interrupted(); i++) {
+void pause_until_more() {
+  for (int i = 0; i < 5 && !interrupted(); i++) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
 }
 
-void Follow(const std::string& file, const Options& options, Trace* trace) {
+void follow(const std::string& file, const Options& options, Trace* trace) {
   Follower follower(file);
-  const auto add = [trace](std::string_view line) { trace->Add(line); };
-  follower.Poll(add);
-  for (size_t shown = trace->Requests().size(); !Interrupted(); PauseUntilMore()) {
-    follower.Poll(add);
-    for (; shown < trace->Requests().size(); shown++) {
-      const Request& request = trace->Requests()[shown];
-      fmt::print("{}", options.json ? RequestJson(*trace, request) : RequestText(*trace, request));
+  const auto add = [trace](std::string_view line) { trace->add(line); };
+  follower.poll(add);
+  for (size_t shown = trace->requests().size(); !interrupted(); pause_until_more()) {
+    follower.poll(add);
+    for (; shown < trace->requests().size(); shown++) {
+      const Request& request = trace->requests()[shown];
+      fmt::print("{}",
+                 options.json ? request_json(*trace, request) : request_text(*trace, request));
     }
     fflush(stdout);
   }
 }
 
-ExitStatus Report(std::vector<std::string> files, const Options& options) {
+ExitStatus report(std::vector<std::string> files, const Options& options) {
   Trace trace;
   const std::string last = files.back();
   if (options.follow) {
     files.pop_back();
   }
   for (const std::string& file : files) {
-    ReadLines(file, [&trace](std::string_view line) { trace.Add(line); });
+    read_lines(file, [&trace](std::string_view line) { trace.add(line); });
   }
   if (options.follow) {
-    Follow(last, options, &trace);
+    follow(last, options, &trace);
   }
-  fmt::print("{}", ReportOf(trace, options));
-  return kSuccess;
+  fmt::print("{}", report_of(trace, options));
+  return EXIT_OK;
 }
 
-ExitStatus ShowRequest(const std::vector<std::string>& files, const Options& options) {
-  const std::vector<std::string> lines = LinesOfRequest(files, options.request);
+ExitStatus show_request(const std::vector<std::string>& files, const Options& options) {
+  const std::vector<std::string> lines = lines_of_request(files, options.request);
   if (lines.empty()) {
     throw std::runtime_error("no line of a request " + options.request);
   }
   if (options.json) {
-    fmt::print("{}", MatchingLinesJson(lines));
+    fmt::print("{}", matching_lines_json(lines));
   } else {
     fmt::print("{}\n", fmt::join(lines, "\n"));
   }
-  return kSuccess;
+  return EXIT_OK;
 }
 
-ExitStatus Redact(const std::vector<std::string>& files, const Options& options) {
+ExitStatus redact(const std::vector<std::string>& files, const Options& options) {
   const std::filesystem::path path(std::u8string(options.redacted.begin(), options.redacted.end()));
   if (std::filesystem::exists(path)) {
     throw std::runtime_error(options.redacted + ": is there already");
@@ -144,8 +146,8 @@ ExitStatus Redact(const std::vector<std::string>& files, const Options& options)
   std::ofstream copy(path, std::ios::binary);
   Redactor redactor;
   for (const std::string& file : files) {
-    ReadLines(file, [&](std::string_view line) {
-      if (const auto redacted = redactor.Line(line)) {
+    read_lines(file, [&](std::string_view line) {
+      if (const auto redacted = redactor.line(line)) {
         copy << *redacted << '\n';
       }
     });
@@ -155,33 +157,33 @@ ExitStatus Redact(const std::vector<std::string>& files, const Options& options)
     throw std::runtime_error(options.redacted + ": cannot be written");
   }
   fmt::print("{}: {} lines without their text, {} lines left out, and {} rows of dumps\n",
-             options.redacted, redactor.WithoutText(), redactor.LeftOut(), redactor.DumpRows());
-  return kSuccess;
+             options.redacted, redactor.without_text(), redactor.left_out(), redactor.dump_rows());
+  return EXIT_OK;
 }
 
-ExitStatus Run(const Options& options) {
-  const std::vector<std::string> files = FindLogFiles(options.logs);
+ExitStatus run(const Options& options) {
+  const std::vector<std::string> files = find_log_files(options.logs);
   if (!options.request.empty()) {
-    return ShowRequest(files, options);
+    return show_request(files, options);
   }
-  return options.redacted.empty() ? Report(files, options) : Redact(files, options);
+  return options.redacted.empty() ? report(files, options) : redact(files, options);
 }
 
-ExitStatus Main(const std::vector<std::string>& arguments) {
+ExitStatus run(const std::vector<std::string>& arguments) {
   Options options;
-  CLI::App app(kDescription, "tnwlog");
-  app.footer(kFooter);
-  DeclareOptions(&app, &options);
-  if (const auto status = tools::ParseCommandLine(&app, arguments)) {
+  CLI::App app(DESCRIPTION, "tnwlog");
+  app.footer(FOOTER);
+  declare_options(&app, &options);
+  if (const auto status = tools::parse_command_line(&app, arguments)) {
     return *status;
   }
-  return Run(options);
+  return run(options);
 }
 
 }  // namespace
 }  // namespace tnwlog
 
 int main(int argc, char** argv) {
-  return tools::RunProgram("tnwlog",
-                           [&] { return tnwlog::Main(tnwlog::SetUpConsole(argc, argv)); });
+  return tools::run_program("tnwlog",
+                            [&] { return tnwlog::run(tnwlog::set_up_console(argc, argv)); });
 }

@@ -19,25 +19,25 @@ namespace tnwsh {
 using Action = std::function<void(Shell&)>;
 
 /* Adds every command to `app`; parsing a command sets `*action`. */
-void DeclareCommands(CLI::App* app, Action* action);
+void declare_commands(CLI::App* app, Action* action);
 
 /* Each adds one command's arguments to its own parser. */
-void DeclareLs(CLI::App* command, Action* action);
-void DeclareTree(CLI::App* command, Action* action);
-void DeclareStat(CLI::App* command, Action* action);
-void DeclareCat(CLI::App* command, Action* action);
-void DeclareGet(CLI::App* command, Action* action);
-void DeclarePut(CLI::App* command, Action* action);
-void DeclareMv(CLI::App* command, Action* action);
-void DeclareRm(CLI::App* command, Action* action);
-void DeclareMkdir(CLI::App* command, Action* action);
-void DeclareTruncate(CLI::App* command, Action* action);
-void DeclareLock(CLI::App* command, Action* action);
-void DeclareUnlock(CLI::App* command, Action* action);
-void DeclareRegions(CLI::App* command, Action* action);
-void DeclareToken(CLI::App* command, Action* action);
-void DeclareProxy(CLI::App* command, Action* action);
-void DeclarePurge(CLI::App* command, Action* action);
+void declare_ls(CLI::App* command, Action* action);
+void declare_tree(CLI::App* command, Action* action);
+void declare_stat(CLI::App* command, Action* action);
+void declare_cat(CLI::App* command, Action* action);
+void declare_get(CLI::App* command, Action* action);
+void declare_put(CLI::App* command, Action* action);
+void declare_mv(CLI::App* command, Action* action);
+void declare_rm(CLI::App* command, Action* action);
+void declare_mkdir(CLI::App* command, Action* action);
+void declare_truncate(CLI::App* command, Action* action);
+void declare_lock(CLI::App* command, Action* action);
+void declare_unlock(CLI::App* command, Action* action);
+void declare_regions(CLI::App* command, Action* action);
+void declare_token(CLI::App* command, Action* action);
+void declare_proxy(CLI::App* command, Action* action);
+void declare_purge(CLI::App* command, Action* action);
 
 }  // namespace tnwsh
 

@@ -17,37 +17,37 @@ struct Totals {
   uint64_t folders = 0;
   uint64_t bytes = 0;
 
-  void Count(const Entry& entry) {
+  void count(const Entry& entry) {
     (entry.folder ? folders : files)++;
     bytes += entry.size;
   }
-  void Print() const {
-    fmt::print("{} and {}, {}\n", Counted(files, "file"), Counted(folders, "folder"),
-               BytesText(static_cast<double>(bytes)));
+  void print() const {
+    fmt::print("{} and {}, {}\n", counted(files, "file"), counted(folders, "folder"),
+               bytes_text(static_cast<double>(bytes)));
   }
 };
 
-void PrintLong(const Entry& entry) {
-  fmt::print("{}  {:>17}  {}{}\n", LocalTimeText(entry.modified),
-             entry.folder ? "folder" : GroupedDigits(entry.size), entry.name,
+void print_long(const Entry& entry) {
+  fmt::print("{}  {:>17}  {}{}\n", local_time_text(entry.modified),
+             entry.folder ? "folder" : grouped_digits(entry.size), entry.name,
              entry.folder ? "/" : "");
 }
 
-void Ls(Shell& shell, const std::string& path, bool names_only) {
-  const Entry named = shell.TheDrive().Get(path);
+void run_ls(Shell& shell, const std::string& path, bool names_only) {
+  const Entry named = shell.drive().get(path);
   const std::vector<Entry> entries =
-      named.folder ? shell.TheDrive().List(path) : std::vector<Entry>{named};
+      named.folder ? shell.drive().list(path) : std::vector<Entry>{named};
   Totals totals;
   for (const Entry& entry : entries) {
-    totals.Count(entry);
+    totals.count(entry);
     if (names_only) {
       fmt::print("{}\n", entry.name);
     } else {
-      PrintLong(entry);
+      print_long(entry);
     }
   }
   if (named.folder && !names_only) {
-    totals.Print();
+    totals.print();
   }
 }
 
@@ -55,28 +55,28 @@ class TreePrinter {
  public:
   TreePrinter(Drive& drive, int depth) : drive_(drive), depth_(depth) {}
 
-  void Print(const std::string& path, const std::string& id, const std::string& lead = "",
+  void print(const std::string& path, const std::string& id, const std::string& lead = "",
              int level = 1) {
-    const std::vector<Entry> entries = drive_.List(path);
+    const std::vector<Entry> entries = drive_.list(path);
     above_.push_back(id);
     for (const Entry& entry : entries) {
-      if (Interrupted()) {
+      if (interrupted()) {
         throw Failure(path, "interrupted");
       }
       const bool last = &entry == &entries.back();
       fmt::print("{}{}{}{}\n", lead, last ? "└── " : "├── ", entry.name, entry.folder ? "/" : "");
-      totals_.Count(entry);
-      if (entry.folder && level != depth_ && !LeadsBack(entry)) {
-        Print(JoinPath(path, entry.name), entry.id, lead + (last ? "    " : "│   "), level + 1);
+      totals_.count(entry);
+      if (entry.folder && level != depth_ && !leads_back(entry)) {
+        print(join_path(path, entry.name), entry.id, lead + (last ? "    " : "│   "), level + 1);
       }
     }
     above_.pop_back();
   }
-  const Totals& Sum() const { return totals_; }
+  const Totals& sum() const { return totals_; }
 
  private:
   /* A link to a folder that leads to it. */
-  bool LeadsBack(const Entry& entry) const {
+  bool leads_back(const Entry& entry) const {
     return std::find(above_.begin(), above_.end(), entry.id) != above_.end();
   }
 
@@ -86,17 +86,17 @@ class TreePrinter {
   Totals totals_;
 };
 
-void Tree(Shell& shell, const std::string& path, int depth) {
-  TreePrinter printer(shell.TheDrive(), depth);
-  const Entry top = shell.TheDrive().Get(path);
+void run_tree(Shell& shell, const std::string& path, int depth) {
+  TreePrinter printer(shell.drive(), depth);
+  const Entry top = shell.drive().get(path);
   fmt::print("{}\n", path);
-  printer.Print(path, top.id);
-  printer.Sum().Print();
+  printer.print(path, top.id);
+  printer.sum().print();
 }
 
 }  // namespace
 
-void DeclareLs(CLI::App* command, Action* action) {
+void declare_ls(CLI::App* command, Action* action) {
   struct Arguments {
     std::string path = "/";
     bool names_only = false;
@@ -104,11 +104,12 @@ void DeclareLs(CLI::App* command, Action* action) {
   auto arguments = std::make_shared<Arguments>();
   command->add_option("PATH", arguments->path, "A folder or file of the drive");
   command->add_flag("-1,--names", arguments->names_only, "Names only, one a line");
-  command->callback(
-      [=] { *action = [=](Shell& shell) { Ls(shell, arguments->path, arguments->names_only); }; });
+  command->callback([=] {
+    *action = [=](Shell& shell) { run_ls(shell, arguments->path, arguments->names_only); };
+  });
 }
 
-void DeclareTree(CLI::App* command, Action* action) {
+void declare_tree(CLI::App* command, Action* action) {
   struct Arguments {
     std::string path = "/";
     int depth = 0;
@@ -118,7 +119,7 @@ void DeclareTree(CLI::App* command, Action* action) {
   command->add_option("-d,--depth", arguments->depth, "Levels of folders to show (0: all)")
       ->check(CLI::NonNegativeNumber);
   command->callback(
-      [=] { *action = [=](Shell& shell) { Tree(shell, arguments->path, arguments->depth); }; });
+      [=] { *action = [=](Shell& shell) { run_tree(shell, arguments->path, arguments->depth); }; });
 }
 
 }  // namespace tnwsh

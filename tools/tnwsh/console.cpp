@@ -17,26 +17,26 @@ namespace {
 
 std::atomic<bool> interrupted = false;
 
-BOOL WINAPI OnControl(DWORD type) {
+BOOL WINAPI on_control(DWORD type) {
   return type == CTRL_C_EVENT && !interrupted.exchange(true) ? TRUE : FALSE;
 }
 
 UINT console_code_page = 0;
 
-void RestoreConsole() {
+void restore_console() {
   fflush(stdout);
   SetConsoleOutputCP(console_code_page);
 }
 
-HANDLE HandleOf(FILE* stream) { return reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(stream))); }
+HANDLE handle_of(FILE* stream) { return reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(stream))); }
 
 /* A console's input is read as UTF-16: its UTF-8 mode loses all but ASCII on some versions. */
-bool ReadConsoleLine(std::string* line) {
+bool read_console_line(std::string* line) {
   std::wstring text;
   while (!text.ends_with(L'\n')) {
     wchar_t part[512];
     DWORD count = 0;
-    if ((ReadConsoleW(HandleOf(stdin), part, static_cast<DWORD>(std::size(part)), &count,
+    if ((ReadConsoleW(handle_of(stdin), part, static_cast<DWORD>(std::size(part)), &count,
                       nullptr) == 0) ||
         count == 0 || part[0] == L'\x1a') { /* Ctrl-Z */
       return false;
@@ -48,7 +48,7 @@ bool ReadConsoleLine(std::string* line) {
 
 }  // namespace
 
-void SetUpConsole() {
+void set_up_console() {
   for (FILE* stream : {stdin, stdout, stderr}) {
     _setmode(_fileno(stream), _O_BINARY);
   }
@@ -57,12 +57,12 @@ void SetUpConsole() {
   console_code_page = GetConsoleOutputCP();
   if (console_code_page != 0) {
     SetConsoleOutputCP(CP_UTF8);
-    atexit(RestoreConsole);
+    atexit(restore_console);
   }
-  SetConsoleCtrlHandler(OnControl, TRUE);
+  SetConsoleCtrlHandler(on_control, TRUE);
 }
 
-std::vector<std::string> ProgramArguments() {
+std::vector<std::string> program_arguments() {
   int count = 0;
   wchar_t** words = CommandLineToArgvW(GetCommandLineW(), &count);
   std::vector<std::string> arguments;
@@ -73,7 +73,7 @@ std::vector<std::string> ProgramArguments() {
   return arguments;
 }
 
-std::string ProgramFolder() {
+std::string program_folder() {
   wchar_t path[4096];
   const DWORD length = GetModuleFileNameW(nullptr, path, static_cast<DWORD>(std::size(path)));
   std::string folder;
@@ -81,36 +81,36 @@ std::string ProgramFolder() {
   return folder.substr(0, folder.rfind('\\') + 1);
 }
 
-bool IsTerminal(FILE* stream) {
+bool is_terminal(FILE* stream) {
   DWORD mode = 0;
-  return GetConsoleMode(HandleOf(stream), &mode) != 0;
+  return GetConsoleMode(handle_of(stream), &mode) != 0;
 }
 
-int TerminalWidth() {
+int terminal_width() {
   CONSOLE_SCREEN_BUFFER_INFO info;
-  if (GetConsoleScreenBufferInfo(HandleOf(stderr), &info) == 0) {
+  if (GetConsoleScreenBufferInfo(handle_of(stderr), &info) == 0) {
     return 80;
   }
   return std::clamp(info.srWindow.Right - info.srWindow.Left + 1, 40, 200);
 }
 
-bool ReadLine(std::string* line) {
-  if (IsTerminal(stdin) ? !ReadConsoleLine(line) : !std::getline(std::cin, *line)) {
+bool read_line(std::string* line) {
+  if (is_terminal(stdin) ? !read_console_line(line) : !std::getline(std::cin, *line)) {
     return false;
   }
   line->erase(line->find_last_not_of("\r\n") + 1);
   return true;
 }
 
-bool ReadSecret(std::string* line) {
-  const HANDLE input = HandleOf(stdin);
+bool read_secret(std::string* line) {
+  const HANDLE input = handle_of(stdin);
   DWORD mode = 0;
   const bool terminal = GetConsoleMode(input, &mode) != 0;
   if (terminal) {
     fputs("(not shown) ", stderr);
     SetConsoleMode(input, mode & ~static_cast<DWORD>(ENABLE_ECHO_INPUT));
   }
-  const bool read = ReadLine(line);
+  const bool read = read_line(line);
   if (terminal) {
     SetConsoleMode(input, mode);
     fputc('\n', stderr);
@@ -118,16 +118,16 @@ bool ReadSecret(std::string* line) {
   return read;
 }
 
-bool Confirm(const std::string& question) {
-  if (!IsTerminal(stdin)) {
+bool confirm(const std::string& question) {
+  if (!is_terminal(stdin)) {
     return false;
   }
   fprintf(stderr, "%s [y/N] ", question.c_str());
   std::string answer;
-  return ReadLine(&answer) && (answer == "y" || answer == "Y" || answer == "yes");
+  return read_line(&answer) && (answer == "y" || answer == "Y" || answer == "yes");
 }
 
-bool Interrupted() { return interrupted; }
-void ForgetInterrupt() { interrupted = false; }
+bool interrupted() { return interrupted; }
+void forget_interrupt() { interrupted = false; }
 
 }  // namespace tnwsh

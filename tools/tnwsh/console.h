@@ -9,30 +9,30 @@
 namespace tnwsh {
 
 /* Call once, first. */
-void SetUpConsole();
+void set_up_console();
 
 /* The words of the process's command line after the program's name, UTF-8. */
-std::vector<std::string> ProgramArguments();
+std::vector<std::string> program_arguments();
 /* The folder of the running program, UTF-8, with its last backslash. */
-std::string ProgramFolder();
+std::string program_folder();
 
-bool IsTerminal(FILE* stream);
-int TerminalWidth();
+bool is_terminal(FILE* stream);
+int terminal_width();
 
 /* The next line of standard input without its end; false at the end of the input. */
-bool ReadLine(std::string* line);
+bool read_line(std::string* line);
 
 /* The same, not shown on a terminal. */
-bool ReadSecret(std::string* line);
+bool read_secret(std::string* line);
 /* Asks on a terminal; elsewhere the answer is no. */
-bool Confirm(const std::string& question);
+bool confirm(const std::string& question);
 
 /*
- * Whether Ctrl-C was pressed since the last call of ForgetInterrupt. A second Ctrl-C ends the
+ * Whether Ctrl-C was pressed since the last call of forget_interrupt. A second Ctrl-C ends the
  * program.
  */
-bool Interrupted();
-void ForgetInterrupt();
+bool interrupted();
+void forget_interrupt();
 
 }  // namespace tnwsh
 

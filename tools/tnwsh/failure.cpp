@@ -10,11 +10,11 @@ namespace tnwsh {
 namespace {
 
 /* Codes of the library whose Windows text would mislead, or says less. */
-const char* OwnMeaning(uint32_t code) {
+const char* own_meaning(uint32_t code) {
   switch (code) {
-    case kConnectionBroken:
+    case CONNECTION_BROKEN:
       return "the connection to the cache service is broken, or the service has ended";
-    case kUnauthorised:
+    case UNAUTHORISED:
       return "the cache service has no valid authorisation for this user: its token was refused";
     case ERROR_INVALID_DATA:
       return "the cache service refuses the path (a name is too long, or none for Windows) or the "
@@ -34,7 +34,7 @@ const char* OwnMeaning(uint32_t code) {
   }
 }
 
-std::string WindowsMeaning(uint32_t code) {
+std::string windows_meaning(uint32_t code) {
   wchar_t text[512];
   const DWORD length =
       FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS |
@@ -48,19 +48,19 @@ std::string WindowsMeaning(uint32_t code) {
 
 }  // namespace
 
-std::string MeaningOf(uint32_t code, Answers answers) {
+std::string meaning_of(uint32_t code, Answers answers) {
   const auto found = std::find_if(answers.begin(), answers.end(),
                                   [=](const Answer& answer) { return answer.code == code; });
   if (found != answers.end() && found->meaning != nullptr) {
     return found->meaning;
   }
-  const char* own = OwnMeaning(code);
-  return own != nullptr ? own : WindowsMeaning(code);
+  const char* own = own_meaning(code);
+  return own != nullptr ? own : windows_meaning(code);
 }
 
 Failure::Failure(const std::string& path, const std::string& what, uint32_t code, Answers answers)
     : std::runtime_error(path + ": " + what + ": error " + std::to_string(code) + ": " +
-                         MeaningOf(code, answers)),
+                         meaning_of(code, answers)),
       code_(code) {}
 
 }  // namespace tnwsh

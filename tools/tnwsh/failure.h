@@ -22,7 +22,7 @@ struct Answer {
 using Answers = std::span<const Answer>;
 
 /* What a Windows code means to the user of a drive; UTF-8, one line. */
-std::string MeaningOf(uint32_t code, Answers answers = {});
+std::string meaning_of(uint32_t code, Answers answers = {});
 
 class Failure : public std::runtime_error {
  public:
@@ -35,7 +35,7 @@ class Failure : public std::runtime_error {
   Failure(const std::string& path, const std::string& what)
       : std::runtime_error(path + ": " + what), code_(0) {}
 
-  uint32_t Code() const { return code_; }
+  uint32_t code() const { return code_; }
 
  private:
   uint32_t code_;
@@ -48,10 +48,10 @@ class UsageError : public std::runtime_error {
 };
 
 /* Codes that the library gives a meaning of its own. */
-inline constexpr uint32_t kConnectionBroken = 1467;
-inline constexpr uint32_t kUnauthorised = 1326;
-inline constexpr uint32_t kEndOfFile = 38;
-inline constexpr uint32_t kNoMoreFiles = 18;
+inline constexpr uint32_t CONNECTION_BROKEN = 1467;
+inline constexpr uint32_t UNAUTHORISED = 1326;
+inline constexpr uint32_t END_OF_FILE = 38;
+inline constexpr uint32_t NO_MORE_FILES = 18;
 
 }  // namespace tnwsh
 

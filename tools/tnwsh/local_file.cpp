@@ -12,7 +12,7 @@
 namespace tnwsh {
 namespace {
 
-std::wstring FullPath(const std::string& path) {
+std::wstring full_path(const std::string& path) {
   std::wstring wide;
   if (!tarnd::wide_from_utf8(path, &wide) || wide.empty() ||
       wide.find(L'\0') != std::wstring::npos) {
@@ -27,19 +27,19 @@ std::wstring FullPath(const std::string& path) {
 }
 
 /* For calls that would otherwise end at 260 characters. */
-std::wstring VerbatimPath(const std::string& path) {
-  const std::wstring full = FullPath(path);
+std::wstring verbatim_path(const std::string& path) {
+  const std::wstring full = full_path(path);
   if (full.starts_with(L"\\\\?\\") || full.starts_with(L"\\\\.\\")) {
     return full;
   }
   return full.starts_with(L"\\\\") ? L"\\\\?\\UNC" + full.substr(1) : L"\\\\?\\" + full;
 }
 
-DWORD AttributesOf(const std::string& path) {
-  return GetFileAttributesW(VerbatimPath(path).c_str());
+DWORD attributes_of(const std::string& path) {
+  return GetFileAttributesW(verbatim_path(path).c_str());
 }
 
-void* Open(const std::string& path, const std::wstring& place, const char* what, DWORD access,
+void* open(const std::string& path, const std::wstring& place, const char* what, DWORD access,
            DWORD share, DWORD disposition, DWORD flags) {
   void* file = CreateFileW(place.c_str(), access, share, nullptr, disposition, flags, nullptr);
   if (file == INVALID_HANDLE_VALUE) {
@@ -50,41 +50,45 @@ void* Open(const std::string& path, const std::wstring& place, const char* what,
 
 }  // namespace
 
-std::string AbsolutePath(const std::string& path) {
+std::string absolute_path(const std::string& path) {
   std::string absolute;
+<<<<<<< HEAD
   if (!tarnd::utf8_from_wide(FullPath(path), &absolute)) {
+=======
+  if (!tarnd::utf8_from_wide(full_path(path), &absolute)) {
+>>>>>>> dcdaab9 (WIP tools: one dialect, PCRE2)
     throw Failure(path, "leads to a name that is no Unicode text");
   }
   return absolute;
 }
 
-bool IsLocalFolder(const std::string& path) {
-  const DWORD attributes = AttributesOf(path);
+bool is_local_folder(const std::string& path) {
+  const DWORD attributes = attributes_of(path);
   return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
 }
 
-bool IsLocalFile(const std::string& path) {
-  return (AttributesOf(path) & FILE_ATTRIBUTE_DIRECTORY) ==
+bool is_local_file(const std::string& path) {
+  return (attributes_of(path) & FILE_ATTRIBUTE_DIRECTORY) ==
          0; /* set in the value for "not there" */
 }
 
-void MakeLocalFolders(const std::string& path) {
-  const int code = SHCreateDirectoryExW(nullptr, FullPath(path).c_str(), nullptr);
+void make_local_folders(const std::string& path) {
+  const int code = SHCreateDirectoryExW(nullptr, full_path(path).c_str(), nullptr);
   if (code != ERROR_SUCCESS && code != ERROR_ALREADY_EXISTS) {
     throw Failure(path, "cannot make the folder", static_cast<uint32_t>(code));
   }
 }
 
-void MakeLocalFolder(const std::string& path) {
-  if (!IsLocalFolder(path) && (CreateDirectoryW(VerbatimPath(path).c_str(), nullptr) == 0)) {
+void make_local_folder(const std::string& path) {
+  if (!is_local_folder(path) && (CreateDirectoryW(verbatim_path(path).c_str(), nullptr) == 0)) {
     throw Failure(path, "cannot make the folder", GetLastError());
   }
 }
 
-std::vector<LocalEntry> ListLocal(const std::string& path) {
+std::vector<LocalEntry> list_local(const std::string& path) {
   std::vector<LocalEntry> entries;
   WIN32_FIND_DATAW found;
-  std::wstring pattern = VerbatimPath(path);
+  std::wstring pattern = verbatim_path(path);
   pattern += pattern.ends_with(L'\\') ? L"*" : L"\\*";
   const HANDLE search = FindFirstFileW(pattern.c_str(), &found);
   if (search == INVALID_HANDLE_VALUE) {
@@ -120,50 +124,50 @@ LocalFile& LocalFile::operator=(LocalFile&& other) noexcept {
 }
 
 LocalFile::~LocalFile() {
-  Close();
+  close();
   if (!part_.empty()) {
     DeleteFileW(part_.c_str());
   }
 }
 
-void LocalFile::Close() {
+void LocalFile::close() {
   if (file_ != nullptr) {
     CloseHandle(std::exchange(file_, nullptr));
   }
 }
 
-LocalFile LocalFile::OpenToRead(const std::string& path) {
+LocalFile LocalFile::open_to_read(const std::string& path) {
   LocalFile file;
   file.path_ = path;
-  file.target_ = VerbatimPath(path);
-  if (IsLocalFolder(path)) {
+  file.target_ = verbatim_path(path);
+  if (is_local_folder(path)) {
     throw Failure(path, "is a folder, not a file");
   }
-  file.file_ = Open(path, file.target_, "cannot open", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING,
+  file.file_ = open(path, file.target_, "cannot open", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING,
                     FILE_FLAG_SEQUENTIAL_SCAN);
   return file;
 }
 
-LocalFile LocalFile::OpenToReplace(const std::string& path) {
+LocalFile LocalFile::open_to_replace(const std::string& path) {
   LocalFile file;
   file.path_ = path;
-  file.target_ = VerbatimPath(path);
+  file.target_ = verbatim_path(path);
   std::wstring part = file.target_ + L".tnwsh-" + std::to_wstring(GetCurrentProcessId());
-  file.file_ = Open(path, part, "cannot write", GENERIC_WRITE, 0, CREATE_ALWAYS, 0);
+  file.file_ = open(path, part, "cannot write", GENERIC_WRITE, 0, CREATE_ALWAYS, 0);
   file.part_ = std::move(part);
   return file;
 }
 
-LocalFile LocalFile::OpenLock(const std::string& path) {
+LocalFile LocalFile::open_lock(const std::string& path) {
   LocalFile file;
   file.path_ = path;
-  file.target_ = VerbatimPath(path);
-  file.file_ = Open(path, file.target_, "cannot be locked", GENERIC_WRITE, 0, CREATE_ALWAYS,
+  file.target_ = verbatim_path(path);
+  file.file_ = open(path, file.target_, "cannot be locked", GENERIC_WRITE, 0, CREATE_ALWAYS,
                     FILE_FLAG_DELETE_ON_CLOSE);
   return file;
 }
 
-uint64_t LocalFile::Size() const {
+uint64_t LocalFile::size() const {
   LARGE_INTEGER size;
   if (GetFileSizeEx(file_, &size) == 0) {
     throw Failure(path_, "has no size", GetLastError());
@@ -171,7 +175,7 @@ uint64_t LocalFile::Size() const {
   return static_cast<uint64_t>(size.QuadPart);
 }
 
-size_t LocalFile::Read(void* buffer, size_t size) {
+size_t LocalFile::read(void* buffer, size_t size) {
   DWORD count = 0;
   if (ReadFile(file_, buffer, static_cast<DWORD>(size), &count, nullptr) == 0) {
     throw Failure(path_, "cannot read", GetLastError());
@@ -179,7 +183,7 @@ size_t LocalFile::Read(void* buffer, size_t size) {
   return count;
 }
 
-void LocalFile::Write(const void* data, size_t size) {
+void LocalFile::write(const void* data, size_t size) {
   DWORD count = 0;
   if (WriteFile(file_, data, static_cast<DWORD>(size), &count, nullptr) == 0) {
     throw Failure(path_, "cannot write", GetLastError());
@@ -189,11 +193,11 @@ void LocalFile::Write(const void* data, size_t size) {
   }
 }
 
-void LocalFile::Commit() {
+void LocalFile::commit() {
   if (FlushFileBuffers(file_) == 0) {
     throw Failure(path_, "cannot write", GetLastError());
   }
-  Close();
+  close();
   if (MoveFileExW(part_.c_str(), target_.c_str(), MOVEFILE_REPLACE_EXISTING) == 0) {
     throw Failure(path_, "cannot replace", GetLastError());
   }

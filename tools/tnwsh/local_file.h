@@ -11,14 +11,14 @@
 namespace tnwsh {
 
 /* The absolute form of a path as typed, UTF-8, with backslashes. Throws a Failure. */
-std::string AbsolutePath(const std::string& path);
-bool IsLocalFolder(const std::string& path);
-bool IsLocalFile(const std::string& path);
+std::string absolute_path(const std::string& path);
+bool is_local_folder(const std::string& path);
+bool is_local_file(const std::string& path);
 /* Makes a folder with its parents. Throws a Failure. */
-void MakeLocalFolders(const std::string& path);
+void make_local_folders(const std::string& path);
 
 /* Makes the folder alone, unless it is there. Throws a Failure. */
-void MakeLocalFolder(const std::string& path);
+void make_local_folder(const std::string& path);
 
 struct LocalEntry {
   std::string name;
@@ -26,7 +26,7 @@ struct LocalEntry {
   bool link = false; /* a folder that is elsewhere */
 };
 /* In the order of the disk. Throws a Failure, also for a name that is no Unicode text. */
-std::vector<LocalEntry> ListLocal(const std::string& path);
+std::vector<LocalEntry> list_local(const std::string& path);
 
 class LocalFile {
  public:
@@ -36,22 +36,22 @@ class LocalFile {
   ~LocalFile();
 
   /* All throw a Failure. */
-  static LocalFile OpenToRead(const std::string& path);
+  static LocalFile open_to_read(const std::string& path);
   /*
    * A new content: it is kept in a file beside `path` until Commit puts it in its place, and is
    * gone when Commit is not reached.
    */
-  static LocalFile OpenToReplace(const std::string& path);
+  static LocalFile open_to_replace(const std::string& path);
   /* An empty file that no one else can open, and that goes with the object. */
-  static LocalFile OpenLock(const std::string& path);
+  static LocalFile open_lock(const std::string& path);
 
-  uint64_t Size() const;
-  size_t Read(void* buffer, size_t size); /* 0 at the end */
-  void Write(const void* data, size_t size);
-  void Commit();
+  uint64_t size() const;
+  size_t read(void* buffer, size_t size); /* 0 at the end */
+  void write(const void* data, size_t size);
+  void commit();
 
  private:
-  void Close();
+  void close();
 
   std::string path_;    /* as typed */
   std::wstring target_; /* verbatim */

@@ -15,13 +15,13 @@ namespace tnwsh {
  * separator of paths. A word that begins with '#' ends the line. Throws a UsageError for a quote
  * that is not closed.
  */
-std::vector<std::string> SplitWords(const std::string& line);
+std::vector<std::string> split_words(const std::string& line);
 
 /*
  * Runs lines until `exit` or the end of the input. The status is the worst of all lines; on a
  * terminal, where each was seen as it happened, always success.
  */
-ExitStatus RunPrompt(Shell* shell);
+ExitStatus run_prompt(Shell* shell);
 
 }  // namespace tnwsh
 
