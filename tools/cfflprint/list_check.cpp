@@ -21,6 +21,9 @@ class Checker {
       return std::move(faults_);
     }
     memcpy(&list_, bytes_.data(), sizeof(list_));
+    if (head_.cf_size < sizeof(list_)) { /* of such a list the library reads no more */
+      memset(reinterpret_cast<uint8_t*>(&list_) + head_.cf_size, 0, sizeof(list_) - head_.cf_size);
+    }
     check_header();
     if (check_first_offset() && check_entries()) {
       check_count(offsetof(cfs_cffl_header_v3, cf_dcount), "cf_dcount", head_.cf_dcount, folders_);
@@ -34,11 +37,11 @@ class Checker {
   }
 
  private:
-  void add(uint64_t offset, std::string where, std::string what) {
-    faults_.push_back({offset, std::move(where), std::move(what), false});
+  void add(uint64_t offset, std::string where, std::string what, bool fatal = false) {
+    faults_.push_back({offset, std::move(where), std::move(what), fatal});
   }
   void fatal(uint64_t offset, std::string where, std::string what) {
-    faults_.push_back({offset, std::move(where), std::move(what), true});
+    add(offset, std::move(where), std::move(what), true);
   }
 
   void check_header() {
@@ -50,8 +53,9 @@ class Checker {
           fmt::format("{} instead of {}", head_.cf_hbsize, sizeof(list_)));
     }
     if (head_.cf_size != bytes_.size()) {
-      fatal(offsetof(cfs_cffl_header_v3, cf_size), "cf_size",
-            fmt::format("{} bytes, and the file has {}", head_.cf_size, bytes_.size()));
+      add(offsetof(cfs_cffl_header_v3, cf_size), "cf_size",
+          fmt::format("{} bytes, and the file has {}", head_.cf_size, bytes_.size()),
+          head_.cf_size > bytes_.size());
     } else if (head_.cf_size > INT32_MAX) {
       fatal(offsetof(cfs_cffl_header_v3, cf_size), "cf_size",
             fmt::format("{} bytes; a list must stay below 2 GiB", head_.cf_size));
@@ -67,10 +71,10 @@ class Checker {
                         : at_ > end_        ? "past the list's end"
                                             : nullptr;
     if (fault != nullptr) {
-      fatal(offsetof(cfs_cffl_header_v3, cf_cfpoff), "cf_cfpoff",
-            fmt::format("the first entry is at {}, {}", at_, fault));
+      add(offsetof(cfs_cffl_header_v3, cf_cfpoff), "cf_cfpoff",
+          fmt::format("the first entry is at {}, {}", at_, fault), at_ > end_);
     }
-    return fault == nullptr;
+    return at_ <= end_;
   }
 
   /* Whether they lead to the list's end. */

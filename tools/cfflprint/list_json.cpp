@@ -2,17 +2,15 @@
 
 #include <nlohmann/json.hpp>
 
-#include "service/uuid_text.h"
+#include "tools/common/text.h"
+#include "tools/common/uuid_text.h"
 
 namespace cfflprint {
 namespace {
 
+using tools::field_text;
+using tools::uuid_text;
 using Json = nlohmann::ordered_json;
-
-template <size_t N>
-std::string field_text(const char (&field)[N]) {
-  return {field, strnlen(field, N)};
-}
 
 Json time_json(ox_timespec_t time) {
   return {{"seconds", time.tv_sec}, {"nanoseconds", time.tv_nsec}};
@@ -31,8 +29,8 @@ Json entry_json(const cfs_cffl* list, const cfs_path* cfp) {
   return {{"name", std::string(cfs_path_name(cfp), tn_cfp_name_len(list, cfp))},
           {"type", (entry.mp_flags & CFS_PATH_FOLDER) != 0 ? "folder" : "file"},
           {"size", entry.mp_size},
-          {"id", tarnd::text_of_id(entry.mp_id)},
-          {"revision", tarnd::text_of_id(entry.mp_rev)},
+          {"id", uuid_text(entry.mp_id.id)},
+          {"revision", uuid_text(entry.mp_rev.id)},
           {"revisions", entry.mp_nrev},
           {"flags", entry.mp_flags},
           {"version", entry.mp_ver},
@@ -60,8 +58,8 @@ std::string list_json(const cfs_cffl* list) {
                {"size", head.cf_size},
                {"folders", head.cf_dcount},
                {"files", head.cf_fcount},
-               {"id", tarnd::text_of_id(head.cf_fid)},
-               {"revision", tarnd::text_of_id(head.cf_rev)},
+               {"id", uuid_text(head.cf_fid.id)},
+               {"revision", uuid_text(head.cf_rev.id)},
                {"local", tn_cfs_id_is_local(&head.cf_fid)},
                {"etag", field_text(head.cf_etag)},
                {"permission", tn_print_permissions(head.cf_perms)},

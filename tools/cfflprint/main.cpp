@@ -3,14 +3,16 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
+
+#include "list_check.h"
 #include "list_file.h"
 #include "list_json.h"
 #include "make_list.h"
 #include "tn_util.h"
-#include "tools/program.h"
-#include "tools/tnwsh/console.h"
-#include "tools/tnwsh/failure.h"
-#include "tools/tnwsh/text.h"
+#include "tools/common/console.h"
+#include "tools/common/program.h"
+#include "tools/common/text.h"
 
 namespace cfflprint {
 namespace {
@@ -77,14 +79,14 @@ void print_faults(FILE* stream, const std::string& path, const std::vector<Fault
   }
 }
 
-tools::ExitStatus check(const ListFile& file, const Options& options) {
-  const std::vector<Fault> faults = check_list(file.bytes());
+tools::ExitStatus check(const Options& options) {
+  const std::vector<Fault> faults = check_list(file_bytes(options.file));
   if (options.json) {
     fmt::print("{}", faults_json(options.file, faults));
   } else {
     print_faults(stdout, options.file, faults);
     fmt::print("{}: {}\n", options.file,
-               faults.empty() ? "a valid list" : tnwsh::counted(faults.size(), "fault"));
+               faults.empty() ? "a valid list" : tools::counted(faults.size(), "fault"));
   }
   return faults.empty() ? tools::EXIT_OK : tools::EXIT_FAILED;
 }
@@ -92,9 +94,8 @@ tools::ExitStatus check(const ListFile& file, const Options& options) {
 void print_file_information(const cfs_path* cfp) {
   tnw_fileinfo info;
   tn_cfp2fi(&info, cfp);
-  const std::string name(info.fi_name, strnlen(info.fi_name, sizeof(info.fi_name)));
   fmt::print("{:>12} {:<6} {} {} {}\n", info.fi_size, info.fi_attr == 16 ? "folder" : "file",
-             tnwsh::local_time_text(info.fi_mtime), info.fi_id, name);
+             tools::local_time_text(info.fi_mtime), info.fi_id, tools::field_text(info.fi_name));
   if (info.fi_cksum[0] != '\0') {
     fmt::print("{:>12} {}\n", "", info.fi_cksum);
   }
@@ -115,10 +116,11 @@ void print(const cfs_cffl* list, const Options& options) {
 }
 
 /* The library ends the process over a damaged list: such a one does not get that far. */
-tools::ExitStatus check_and_print(const ListFile& file, const Options& options) {
-  const List list = file.read();
+tools::ExitStatus check_and_print(const Options& options) {
+  const List list = read_list(options.file);
   const auto* bytes = reinterpret_cast<const uint8_t*>(list.get());
-  const std::vector<Fault> faults = check_list({bytes, list->cfh_head.cf_size});
+  const uint64_t size = std::max<uint64_t>(list->cfh_head.cf_size, sizeof(cfs_cffl));
+  const std::vector<Fault> faults = check_list({bytes, size});
   if (!can_be_walked(faults)) {
     print_faults(stderr, options.file, faults);
     return tools::EXIT_FAILED;
@@ -132,25 +134,22 @@ tools::ExitStatus run(const Options& options) {
     make_list(options.make, options.file, options.user);
     return tools::EXIT_OK;
   }
-  const ListFile file(options.file);
-  return options.check ? check(file, options) : check_and_print(file, options);
+  return options.check ? check(options) : check_and_print(options);
 }
 
-tools::ExitStatus run() {
+tools::ExitStatus run(const std::vector<std::string>& words) {
   Options options;
   CLI::App app(DESCRIPTION, "cfflprint");
   app.footer(FOOTER);
   declare_options(&app, &options);
-  if (const auto status = tools::parse_command_line(&app, tnwsh::program_arguments())) {
-    return *status;
-  }
-  return run(options);
+  const auto status = tools::parse_command_line(&app, words);
+  return status ? *status : run(options);
 }
 
 }  // namespace
 }  // namespace cfflprint
 
-int main() {
-  tnwsh::set_up_console();
-  return tools::run_program("cfflprint", cfflprint::run);
+int main(int argc, char** argv) {
+  return tools::run_program("cfflprint",
+                            [&] { return cfflprint::run(tools::set_up_console(argc, argv)); });
 }

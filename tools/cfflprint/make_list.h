@@ -10,7 +10,7 @@ namespace cfflprint {
 inline constexpr unsigned CHUNK_SIZE = 4194304;
 
 /*
- * Writes the list of `folder` to `file`, or leaves that as it was and throws a tnwsh::Failure.
+ * Writes the list of `folder` to `file`, or leaves that as it was and throws a tools::Failure.
  * Paths are UTF-8. `user` must fit in 63 bytes.
  */
 void make_list(const std::string& folder, const std::string& file, const std::string& user);

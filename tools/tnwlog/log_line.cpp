@@ -5,8 +5,8 @@
 #include <chrono>
 
 #include "ox_logging.h"
-#include "ox_util.h"
 #include "tnv_proto.h"
+#include "tools/common/uuid_text.h"
 
 namespace tnwlog {
 namespace {
@@ -159,11 +159,9 @@ void LineParser::parse_dump(std::string_view line, bool is_first_row) {
     byte = *taken;
   }
   if (begins_request(bytes)) {
-    char id[OX_UUID_TEXT_SIZE];
-    ox_uuid_unparse(&bytes[offsetof(tnv_msghdr, hdr_id)], id);
     line_.kind = LineKind::DUMPED_REQUEST;
     line_.operation = number_at(&bytes[offsetof(tnv_msghdr, hdr_opcode)]);
-    line_.id = request_id_of(id);
+    line_.id = request_id_of(tools::uuid_text(&bytes[offsetof(tnv_msghdr, hdr_id)]));
     line_.row = line.substr(0, line.size() - rest.size());
   }
 }

@@ -8,13 +8,13 @@
 #include <fstream>
 #include <thread>
 
-#include "console.h"
 #include "log_files.h"
 #include "redactor.h"
 #include "report.h"
 #include "request_lines.h"
 #include "text_pattern.h"
-#include "tools/program.h"
+#include "tools/common/console.h"
+#include "tools/common/program.h"
 
 namespace tnwlog {
 namespace {
@@ -29,6 +29,7 @@ constexpr char FOOTER[] =
     "Exit status: 0, 1 when a file cannot be read or written or nothing is found, 2 when the\n"
     "command line makes no sense.";
 
+namespace fs = std::filesystem;
 using tools::ExitStatus;
 using enum tools::ExitStatus;
 
@@ -45,8 +46,8 @@ struct Options {
 std::string check_id(const std::string& id) {
   static const TextPattern request("<m>");
   static const TextPattern transaction("<d>");
-  Pieces pieces;
-  return request.match(id, &pieces) || transaction.match(id, &pieces)
+  Match match;
+  return request.match(id, &match) || transaction.match(id, &match)
              ? ""
              : '"' + id + "\" is neither a request's id nor a transaction's number";
 }
@@ -80,48 +81,63 @@ void declare_options(CLI::App* app, Options* options) {
   }
 }
 
-std::string report_of(const Trace& trace, const Options& options) {
-  if (options.slowest > 0) {
-    return options.json ? slowest_json(trace, options.slowest)
-                        : slowest_text(trace, options.slowest);
+/* All lines of the files, in their order. Ctrl-C ends it. */
+void read_all(const std::vector<std::string>& files, const LineSink& sink) {
+  for (const std::string& file : files) {
+    read_lines(file, [&](std::string_view line) {
+      if (tools::interrupted()) {
+        throw std::runtime_error("interrupted");
+      }
+      sink(line);
+    });
   }
-  return options.json ? table_json(trace) : table_text(trace);
 }
 
 void pause_until_more() {
-  for (int i = 0; i < 5 && !interrupted(); i++) {
+  for (int i = 0; i < 5 && !tools::interrupted(); i++) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
 }
 
-void follow(const std::string& file, const Options& options, Trace* trace) {
+/* Requests are shown one pause after their answer, and kept only in the sums of the report. */
+void follow(const std::string& file, const Options& options, Trace* trace, Report* report) {
   Follower follower(file);
-  const auto add = [trace](std::string_view line) { trace->add(line); };
-  follower.poll(add);
-  for (size_t shown = trace->requests().size(); !interrupted(); pause_until_more()) {
-    follower.poll(add);
-    for (; shown < trace->requests().size(); shown++) {
-      const Request& request = trace->requests()[shown];
-      fmt::print("{}",
-                 options.json ? request_json(*trace, request) : request_text(*trace, request));
+  const auto show = [&](const std::vector<Request>& requests) {
+    for (const Request& request : requests) {
+      report->add(request);
+      fmt::print("{}", options.json ? request_json(request) : request_text(request));
     }
     fflush(stdout);
+  };
+  const auto add = [trace](std::string_view line) { trace->add(line); };
+  follower.poll(add);
+  for (const Request& request : trace->take_all()) { /* of before */
+    report->add(request);
   }
+  for (; !tools::interrupted(); pause_until_more()) {
+    follower.poll(add);
+    show(trace->take_settled());
+  }
+  show(trace->take_all());
 }
 
-ExitStatus report(std::vector<std::string> files, const Options& options) {
+ExitStatus show_report(std::vector<std::string> files, const Options& options) {
   Trace trace;
+  Report report(options.slowest);
   const std::string last = files.back();
   if (options.follow) {
     files.pop_back();
   }
-  for (const std::string& file : files) {
-    read_lines(file, [&trace](std::string_view line) { trace.add(line); });
-  }
+  read_all(files, [&trace](std::string_view line) { trace.add(line); });
   if (options.follow) {
-    follow(last, options, &trace);
+    follow(last, options, &trace, &report);
   }
-  fmt::print("{}", report_of(trace, options));
+  for (const Request& request : trace.take_all()) {
+    report.add(request);
+  }
+  const bool slowest = options.slowest > 0;
+  fmt::print("{}", options.json ? (slowest ? slowest_json : table_json)(report, trace)
+                                : (slowest ? slowest_text : table_text)(report, trace));
   return EXIT_OK;
 }
 
@@ -138,23 +154,32 @@ ExitStatus show_request(const std::vector<std::string>& files, const Options& op
   return EXIT_OK;
 }
 
-ExitStatus redact(const std::vector<std::string>& files, const Options& options) {
-  const std::filesystem::path path(std::u8string(options.redacted.begin(), options.redacted.end()));
-  if (std::filesystem::exists(path)) {
-    throw std::runtime_error(options.redacted + ": is there already");
-  }
+void write_redacted(const std::vector<std::string>& files, const fs::path& path,
+                    Redactor* redactor) {
   std::ofstream copy(path, std::ios::binary);
-  Redactor redactor;
-  for (const std::string& file : files) {
-    read_lines(file, [&](std::string_view line) {
-      if (const auto redacted = redactor.line(line)) {
-        copy << *redacted << '\n';
-      }
-    });
-  }
+  read_all(files, [&](std::string_view line) {
+    if (const auto redacted = redactor->redact(line)) {
+      copy << *redacted << '\n';
+    }
+  });
   copy.close();
   if (!copy) {
-    throw std::runtime_error(options.redacted + ": cannot be written");
+    throw std::runtime_error("cannot be written");
+  }
+}
+
+ExitStatus redact(const std::vector<std::string>& files, const Options& options) {
+  const fs::path path(std::u8string(options.redacted.begin(), options.redacted.end()));
+  if (fs::exists(path)) {
+    throw std::runtime_error(options.redacted + ": is there already");
+  }
+  Redactor redactor;
+  try {
+    write_redacted(files, path, &redactor);
+  } catch (const std::exception& error) {
+    std::error_code ignored;
+    fs::remove(path, ignored); /* half a copy could pass for a whole one */
+    throw std::runtime_error(options.redacted + ": " + error.what());
   }
   fmt::print("{}: {} lines without their text, {} lines left out, and {} rows of dumps\n",
              options.redacted, redactor.without_text(), redactor.left_out(), redactor.dump_rows());
@@ -166,7 +191,7 @@ ExitStatus run(const Options& options) {
   if (!options.request.empty()) {
     return show_request(files, options);
   }
-  return options.redacted.empty() ? report(files, options) : redact(files, options);
+  return options.redacted.empty() ? show_report(files, options) : redact(files, options);
 }
 
 ExitStatus run(const std::vector<std::string>& arguments) {
@@ -185,5 +210,5 @@ ExitStatus run(const std::vector<std::string>& arguments) {
 
 int main(int argc, char** argv) {
   return tools::run_program("tnwlog",
-                            [&] { return tnwlog::run(tnwlog::set_up_console(argc, argv)); });
+                            [&] { return tnwlog::run(tools::set_up_console(argc, argv)); });
 }

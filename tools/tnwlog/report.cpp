@@ -14,8 +14,8 @@ std::string milliseconds(int64_t micros) {
 
 /* "14:21:52.589" */
 std::string time_text(int64_t time) {
-  return fmt::format("{:%H:%M:%S}", std::chrono::sys_time<std::chrono::milliseconds>(
-                                        std::chrono::milliseconds(time)));
+  const std::chrono::sys_seconds second{std::chrono::seconds(time / 1000)};
+  return fmt::format("{:%H:%M:%S}.{:03}", second, time % 1000);
 }
 
 std::string_view id_text(const Request& request) {
@@ -66,7 +66,9 @@ void Report::add(const Request& request) {
   if (request.micros >= 0) {
     summary.times[(request.micros + 50) / 100 * 100]++;
   }
-  slowest_.emplace(request.micros, request);
+  if (most_ > 0) {
+    slowest_.emplace(request.micros, request);
+  }
   if (slowest_.size() > most_) {
     slowest_.erase(std::prev(slowest_.end()));
   }
@@ -85,11 +87,11 @@ std::string table_text(const Report& report, const Trace& trace) {
       fmt::format("{:<12} {:>8} {:>7} {:>9} {:>9} {:>9} {:>9} {:>9}\n", "operation", "count",
                   "errors", "no answer", "p50 ms", "p90 ms", "p99 ms", "max ms");
   for (const auto& [operation, summary] : report.table(trace)) {
-    text += fmt::format("{:<12} {:>8} {:>7} {:>9} {:>9} {:>9} {:>9} {:>9}\n",
-                        operations()[operation].name, summary.count, summary.errors,
-                        summary.unanswered, milliseconds(summary.percentile(50)),
-                        milliseconds(summary.percentile(90)), milliseconds(summary.percentile(99)),
-                        milliseconds(summary.percentile(100)));
+    text +=
+        fmt::format("{:<12} {:>8} {:>7} {:>9} {:>9} {:>9} {:>9} {:>9}\n",
+                    operations()[operation].name, summary.count, summary.errors, summary.unanswered,
+                    milliseconds(summary.percentile(50)), milliseconds(summary.percentile(90)),
+                    milliseconds(summary.percentile(99)), milliseconds(summary.percentile(100)));
   }
   return text + unanswered_text(trace) + lines_text(trace);
 }

@@ -25,7 +25,7 @@ void add_request(const RequestId& id, uint64_t line, uint64_t utxid, Marks* mark
   }
 }
 
-Marks marks_of(const Trace& trace, const std::string& id) {
+Marks marks_of(Trace* trace, const std::string& id) {
   uint64_t utxid = 0;
   const auto [end, error] = std::from_chars(id.data(), id.data() + id.size(), utxid);
   const bool is_utxid = error == std::errc() && end == id.data() + id.size() && utxid != 0;
@@ -33,12 +33,12 @@ Marks marks_of(const Trace& trace, const std::string& id) {
   if (!is_utxid) {
     marks.texts.insert(id);
   }
-  for (const Request& request : trace.requests()) {
+  for (const Request& request : trace->take_all()) {
     if (request.has_id() && (is_utxid ? request.utxid == utxid : text_of(request.id) == id)) {
       add_request(request.id, request.line, request.utxid, &marks);
     }
   }
-  for (const auto& [sent, request] : trace.unanswered_requests()) {
+  for (const auto& [sent, request] : trace->unanswered_requests()) {
     if (text_of(sent) == id) {
       add_request(sent, request.line, 0, &marks);
     }
@@ -57,7 +57,7 @@ std::vector<std::string> lines_of_request(const std::vector<std::string>& files,
   std::string lower = id;
   std::transform(lower.begin(), lower.end(), lower.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  const Marks marks = marks_of(trace, lower);
+  const Marks marks = marks_of(&trace, lower);
 
   std::vector<std::string> lines;
   uint64_t number = 0;

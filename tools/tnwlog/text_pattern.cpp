@@ -39,12 +39,14 @@ const char* regex_of(char kind) {
       return ")?";
     case '_':
       return " *";
+    case 'l':
+      return R"((?:INFO|WARNING|DEBU-\d+|PROF|ERR:-?\d+|(?:FATAL|TODO) *-?\d+:)?)";
     default:
       return "(.*?)";
   }
 }
 
-bool has_value(char kind) { return kind != '[' && kind != ']' && kind != '_'; }
+bool has_value(char kind) { return kind != '[' && kind != ']' && kind != '_' && kind != 'l'; }
 
 }  // namespace
 

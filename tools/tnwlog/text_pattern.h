@@ -49,7 +49,8 @@ class TextPattern {
  public:
   /*
    * "Message: stat(path <P:path>, len <d>)": a value is <kind> or <kind:name>. "<[>...<]>" may be
-   * missing; "<_>" is any number of blanks. The text must outlive the pattern.
+   * missing; "<_>" is any number of blanks, "<l>" the level of a line of the portability layer. The
+   * text must outlive the pattern.
    */
   explicit TextPattern(std::string_view notation);
 

@@ -6,8 +6,6 @@
 #include <algorithm>
 
 #include "commands.h"
-#include "console.h"
-#include "text.h"
 
 namespace tnwsh {
 namespace {

@@ -7,8 +7,6 @@
 #include <algorithm>
 
 #include "commands.h"
-#include "console.h"
-#include "text.h"
 #include "transfer.h"
 
 namespace tnwsh {

@@ -7,15 +7,9 @@
 #include <cstring>
 
 #include "commands.h"
-#include "text.h"
 
 namespace tnwsh {
 namespace {
-
-template <size_t N>
-std::string field_text(const char (&field)[N]) {
-  return std::string(field, strnlen(field, N));
-}
 
 std::string attributes_text(uint32_t attributes) {
   constexpr struct {

@@ -7,9 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "commands.h"
-#include "console.h"
 #include "region_maps.h"
-#include "text.h"
 #include "transfer.h"
 
 namespace tnwsh {

@@ -4,8 +4,6 @@
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
-#include "console.h"
-#include "text.h"
 
 namespace tnwsh {
 namespace {
@@ -17,6 +15,13 @@ std::string secret(const std::string& argument) {
     throw UsageError("Standard input has no line for \"-\"");
   }
   return secret;
+}
+
+/* The parser would show the words that it does not expect, and they may be of a secret. */
+void refuse_extras(const CLI::App& command, const char* usage) {
+  if (!command.remaining().empty()) {
+    throw UsageError(usage);
+  }
 }
 
 constexpr char SECRET_HELP[] = "; \"-\" reads it from the next line of standard input";
@@ -63,7 +68,11 @@ void run_purge(Shell& shell, bool sure) {
 void declare_token(CLI::App* command, Action* action) {
   auto token = std::make_shared<std::string>();
   command->add_option("TOKEN", *token, std::string("The new token") + SECRET_HELP)->required();
-  command->callback([=] { *action = [=](Shell& shell) { run_token(shell, *token); }; });
+  command->allow_extras();
+  command->callback([=] {
+    refuse_extras(*command, "The token must be one word");
+    *action = [=](Shell& shell) { run_token(shell, *token); };
+  });
 }
 
 void declare_proxy(CLI::App* command, Action* action) {
@@ -71,7 +80,11 @@ void declare_proxy(CLI::App* command, Action* action) {
   command->add_option("SERVER", proxy->server, "The proxy: host:port")->required();
   command->add_option("USER", proxy->user, "Its user");
   command->add_option("PASSWORD", proxy->password, std::string("Their password") + SECRET_HELP);
-  command->callback([=] { *action = [=](Shell& shell) { set_proxy(shell, *proxy); }; });
+  command->allow_extras();
+  command->callback([=] {
+    refuse_extras(*command, "The proxy takes at most three words");
+    *action = [=](Shell& shell) { set_proxy(shell, *proxy); };
+  });
 }
 
 void declare_purge(CLI::App* command, Action* action) {

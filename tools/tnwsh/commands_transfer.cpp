@@ -4,8 +4,6 @@
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
-#include "local_file.h"
-#include "text.h"
 #include "transfer.h"
 #include "tree_copy.h"
 

@@ -5,31 +5,21 @@
 #include <algorithm>
 #include <cstring>
 
-#include "answers.h"
-#include "service/wide_text.h"
-
 namespace tnwsh {
 namespace {
 
-/* Native dispositions and create options of tnw_create. */
-constexpr ox_u32 CREATE = 2;
-constexpr ox_u32 FOLDER_ONLY = 0x1;
-constexpr ox_u32 ATTRIBUTES_ONLY = 0;
-
 Entry entry_of(const tnw_fileinfo& info) {
-  return {.name = std::string(info.fi_name, strnlen(info.fi_name, sizeof info.fi_name)),
+  return {.name = field_text(info.fi_name),
           .folder = (info.fi_attr & FILE_ATTRIBUTE_DIRECTORY) != 0,
           .size = info.fi_size,
           .modified = info.fi_mtime,
-          .id = std::string(info.fi_id, strnlen(info.fi_id, sizeof info.fi_id))};
+          .id = field_text(info.fi_id)};
 }
 
 /* As Windows compares names: without regard to case. */
 int compare_names(const std::string& a, const std::string& b) {
-  std::wstring wide_a;
-  std::wstring wide_b;
-  tarnd::wide_from_utf8(a, &wide_a);
-  tarnd::wide_from_utf8(b, &wide_b);
+  const std::wstring wide_a = wide_from_utf8(a);
+  const std::wstring wide_b = wide_from_utf8(b);
   return CompareStringOrdinal(wide_a.data(), static_cast<int>(wide_a.size()), wide_b.data(),
                               static_cast<int>(wide_b.size()), TRUE) -
          CSTR_EQUAL;
@@ -47,13 +37,8 @@ bool name_less(const Entry& a, const Entry& b) {
 bool wait_for_service_end(const std::string& cache_folder) {
   constexpr int TRIES = 750; /* of 20 ms */
   constexpr DWORD PAUSE = 20;
-  std::wstring path;
-  tarnd::wide_from_utf8(cache_folder + "\\tarnd_pid", &path);
-<<<<<<< HEAD
-  for (int tried = 0; tried < kTries; tried++) {
-=======
+  const std::wstring path = wide_from_utf8(cache_folder + "\\tarnd_pid");
   for (int tried = 0; tried < TRIES; tried++) {
->>>>>>> dcdaab9 (WIP tools: one dialect, PCRE2)
     const HANDLE file = CreateFileW(path.c_str(), GENERIC_READ,
                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                     OPEN_EXISTING, 0, nullptr);
@@ -95,12 +80,6 @@ void check_start(const Options& options) {
 
 }  // namespace
 
-std::string parent_of(const std::string& path) {
-  const std::string trimmed = path.substr(0, path.find_last_not_of("/\\") + 1);
-  const size_t slash = trimmed.find_last_of("/\\");
-  return slash == std::string::npos ? "/" : trimmed.substr(0, slash + 1);
-}
-
 std::string name_of(const std::string& path) {
   const std::string trimmed = path.substr(0, path.find_last_not_of("/\\") + 1);
   return trimmed.substr(trimmed.find_last_of("/\\") + 1);
@@ -112,19 +91,15 @@ std::string join_path(const std::string& folder, const std::string& name) {
 }
 
 std::string path_key(const std::string& path) {
-  std::wstring wide;
-  tarnd::wide_from_utf8(path, &wide);
   std::wstring key;
-  for (const wchar_t c : wide) {
+  for (const wchar_t c : wide_from_utf8(path)) {
     const wchar_t unit = c == L'\\' ? L'/' : c;
     if (unit != L'/' || (!key.empty() && key.back() != L'/')) {
       key += unit;
     }
   }
   CharUpperBuffW(key.data(), static_cast<DWORD>(key.size()));
-  std::string text;
-  tarnd::utf8_from_wide(key, &text);
-  return text;
+  return utf8_from_wide(key);
 }
 
 Drive::Drive(const Options& options) : cache_folder_(cache_folder(options)) {
@@ -135,10 +110,10 @@ Drive::Drive(const Options& options) : cache_folder_(cache_folder(options)) {
   int err = 0;
   handle_ = tnw_init(&init, &err);
   if (handle_ == nullptr) {
-    throw Failure(options.cloud,
-                  "the cache service did not start (its log and the library's are in " +
-                      log_folder(options) + ")",
-                  static_cast<uint32_t>(err));
+    throw drive_failure(options.cloud,
+                        "the cache service did not start (its log and the library's are in " +
+                            log_folder(options) + ")",
+                        err);
   }
 }
 
@@ -148,52 +123,51 @@ Drive::~Drive() {
   wait_for_service_end(cache_folder_);
 }
 
-/* Returns a Windows code. */
-uint32_t Drive::list_into(const std::string& path, std::vector<Entry>* entries) {
+int Drive::list_into(const std::string& path, std::vector<Entry>* entries) {
   tnw_fileinfo info;
   int err = 0;
   void* listing = tnw_findfirst(handle_, path.c_str(), &info, PROCESS_NAME, &err);
   if (listing == nullptr) {
-    return static_cast<uint32_t>(err);
+    return err;
   }
   for (; err == 0; err = tnw_findnext(listing, &info)) {
     entries->push_back(entry_of(info));
   }
   const int closed = tnw_findclose(listing);
-  return static_cast<uint32_t>(err != static_cast<int>(NO_MORE_FILES) ? err : closed);
+  return err != ERROR_NO_MORE_FILES ? err : closed;
 }
 
 std::vector<Entry> Drive::list(const std::string& path) {
   std::vector<Entry> entries;
-  if (const uint32_t code = list_into(path, &entries)) {
-    throw Failure(path, "cannot list", code, PATH_ANSWERS);
+  if (const int code = list_into(path, &entries); code != 0) {
+    throw drive_failure(path, "cannot list", code, PATH_ANSWERS);
   }
   std::sort(entries.begin(), entries.end(), name_less);
   return entries;
 }
 
 /* An answer that never came reads as success, and leaves the record empty. */
-uint32_t Drive::try_info(const std::string& path, tnw_fileinfo* info) {
+int Drive::try_info(const std::string& path, tnw_fileinfo* info) {
   const int err = tnw_getfileinfo(handle_, path.c_str(), info, PROCESS_NAME);
-  return err == 0 && info->fi_id[0] == '\0' ? CONNECTION_BROKEN : static_cast<uint32_t>(err);
+  return err == 0 && info->fi_id[0] == '\0' ? TNW_ERROR_NO_SERVICE : err;
 }
 
 tnw_fileinfo Drive::info(const std::string& path) {
   tnw_fileinfo info;
-  if (const uint32_t code = try_info(path, &info)) {
-    throw Failure(path, "cannot look it up", code, PATH_ANSWERS);
+  if (const int code = try_info(path, &info)) {
+    throw drive_failure(path, "cannot look it up", code, PATH_ANSWERS);
   }
   return info;
 }
 
 std::optional<Entry> Drive::find(const std::string& path) {
   tnw_fileinfo info;
-  const uint32_t code = try_info(path, &info);
+  const int code = try_info(path, &info);
   if (code == ERROR_FILE_NOT_FOUND) {
     return std::nullopt;
   }
   if (code != 0) {
-    throw Failure(path, "cannot look it up", code, PATH_ANSWERS);
+    throw drive_failure(path, "cannot look it up", code, PATH_ANSWERS);
   }
   return entry_of(info);
 }
@@ -201,18 +175,18 @@ std::optional<Entry> Drive::find(const std::string& path) {
 Entry Drive::get(const std::string& path) {
   std::optional<Entry> entry = find(path);
   if (!entry) {
-    throw Failure(path, "cannot open", ERROR_FILE_NOT_FOUND, PATH_ANSWERS);
+    throw drive_failure(path, "cannot open", ERROR_FILE_NOT_FOUND, PATH_ANSWERS);
   }
   return *std::move(entry);
 }
 
 void Drive::check_answer(const std::string& path, const char* what, int err, Answers answers) {
   tnw_fileinfo top;
-  if (err == 0 && try_info("/", &top) == CONNECTION_BROKEN) {
-    err = static_cast<int>(CONNECTION_BROKEN);
+  if (err == 0 && try_info("/", &top) == TNW_ERROR_NO_SERVICE) {
+    err = TNW_ERROR_NO_SERVICE;
   }
   if (err != 0) {
-    throw Failure(path, what, static_cast<uint32_t>(err), answers);
+    throw drive_failure(path, what, err, answers);
   }
 }
 
@@ -237,8 +211,8 @@ void Drive::make_folder(const std::string& path) {
   int err = 0;
   void* context = nullptr;
   void* folder =
-      tnw_create(handle_, &context, path.c_str(), ATTRIBUTES_ONLY, 0, CREATE, FOLDER_ONLY,
-                 static_cast<int>(GetCurrentProcessId()), PROCESS_NAME, &err);
+      tnw_create(handle_, &context, path.c_str(), TNW_ACC_ATTRIBUTES, 0, TNW_DISP_CREATE,
+                 TNW_OPT_FOLDER, static_cast<int>(GetCurrentProcessId()), PROCESS_NAME, &err);
   if (folder != nullptr) {
     tnw_cleanup_file(folder);
     err = tnw_close(folder, nullptr);
@@ -259,7 +233,7 @@ void Drive::update_token(std::string token) {
 
 void Drive::set_proxy(const std::string& server, const std::string& user,
                       const std::string& password) {
-  check_answer(server, "is not taken as a proxy",
+  check_answer("The proxy", "is not taken",
                tnw_set_http_proxy(handle_, server.c_str(), user.c_str(), password.c_str()),
                PROXY_ANSWERS);
 }
@@ -276,14 +250,14 @@ std::string purge_cache(const Options& options) {
   }
   const LocalFile lock = lock_work_folder(options);
   if (!wait_for_service_end(folder)) {
-    throw Failure(folder, "cannot be deleted", ERROR_BUSY, PURGE_ANSWERS);
+    throw drive_failure(folder, "cannot be deleted", ERROR_BUSY, PURGE_ANSWERS);
   }
   const int err = tnw_purge_cache(&purge);
   if (err == 0) {
     return folder + ": deleted";
   }
   if (is_local_folder(folder)) {
-    throw Failure(folder, "cannot be deleted", static_cast<uint32_t>(err), PURGE_ANSWERS);
+    throw drive_failure(folder, "cannot be deleted", err, PURGE_ANSWERS);
   }
   return folder + ": deleted in its place";
 }

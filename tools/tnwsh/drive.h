@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "failure.h"
-#include "local_file.h"
+#include "answers.h"
+#include "common.h"
 #include "options.h"
 #include "tnw.h"
 
@@ -26,11 +26,7 @@ struct Entry {
   std::string id;        /* of the item itself, however a path leads to it */
 };
 
-/*
- * A path of the drive without its last name, and that name. Either slash; slashes at the end do not
- * count. The drive's root has an empty name.
- */
-std::string parent_of(const std::string& path);
+/* The last name of a path, of this machine or of the drive, whose root has an empty name. */
 std::string name_of(const std::string& path);
 std::string join_path(const std::string& folder, const std::string& name);
 /* The same text for all spellings of a path: slashes, case. */
@@ -71,13 +67,14 @@ class Drive {
     int opens = 0;
   };
 
-  uint32_t try_info(const std::string& path, tnw_fileinfo* info);
-  uint32_t list_into(const std::string& path, std::vector<Entry>* entries);
+  /* These two return a Windows code. */
+  int try_info(const std::string& path, tnw_fileinfo* info);
+  int list_into(const std::string& path, std::vector<Entry>* entries);
   /*
    * Throws for a code. Without one it makes sure that there was an answer at all, since most calls
    * read as success on a broken connection.
    */
-  void check_answer(const std::string& path, const char* what, int err, Answers answers = {});
+  void check_answer(const std::string& path, const char* what, int err, Answers answers);
 
   const std::string cache_folder_;
   LocalFile lock_; /* the work folder is ours */

@@ -4,7 +4,6 @@
 #include <map>
 
 #include "commands.h"
-#include "console.h"
 #include "ox_logging.h"
 #include "prompt.h"
 #include "shell.h"
@@ -51,7 +50,18 @@ void declare_options(CLI::App* app, Options* options) {
       ->option_text("WHEN=auto");
 }
 
-ExitStatus run() {
+/* The parser would show all words that it does not know: the value of a mistyped --token, too. */
+void refuse_extras(const CLI::App& app) {
+  const std::vector<std::string> extras = app.remaining();
+  if (!extras.empty()) {
+    throw UsageError(app.count("--token") > 0
+                         ? "There is a word too many. It may be of the token, and is not shown"
+                         : "No command or option \"" + extras[0].substr(0, extras[0].find('=')) +
+                               "\"; --help lists them");
+  }
+}
+
+ExitStatus run(const std::vector<std::string>& words) {
   Options options;
   Action action;
   CLI::App app(DESCRIPTION, "tnwsh");
@@ -61,10 +71,12 @@ ExitStatus run() {
   declare_options(&app, &options);
   declare_commands(&app, &action);
   app.require_subcommand(0, 1);
+  app.allow_extras();
 
-  if (const auto status = tools::parse_command_line(&app, program_arguments())) {
+  if (const auto status = parse_command_line(&app, words)) {
     return *status;
   }
+  refuse_extras(app);
   Shell shell(std::move(options));
   return action ? shell.run(action) : run_prompt(&shell);
 }
@@ -72,7 +84,6 @@ ExitStatus run() {
 }  // namespace
 }  // namespace tnwsh
 
-int main() {
-  tnwsh::set_up_console();
-  return tools::run_program("tnwsh", tnwsh::run);
+int main(int argc, char** argv) {
+  return tools::run_program("tnwsh", [&] { return tnwsh::run(tools::set_up_console(argc, argv)); });
 }

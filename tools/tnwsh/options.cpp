@@ -5,10 +5,6 @@
 
 #include <cstring>
 
-#include "failure.h"
-#include "local_file.h"
-#include "service/wide_text.h"
-
 namespace tnwsh {
 namespace {
 
@@ -22,11 +18,12 @@ constexpr char DRIVE_ID[] = "c0b7a1d4-52f3-4a66-8a43-0f6f0e9d7c21";
 constexpr size_t MAX_SOCKET_PATH = 107;
 constexpr char SOCKET_NAME[] = "\\tnvfs.sock";
 
+/* What does not fit is not shown: it may be a token or a password. */
 template <size_t N>
 void fill_field(char (&field)[N], const std::string& text, const char* name) {
   if (text.size() >= N) {
     throw UsageError(
-        fmt::format("{} takes {} bytes, and at most {} fit: {}", name, text.size(), N - 1, text));
+        fmt::format("{} takes {} bytes, and at most {} fit", name, text.size(), N - 1));
   }
   std::memcpy(field, text.c_str(), text.size() + 1);
 }
@@ -35,7 +32,7 @@ void fill_field(char (&field)[N], const std::string& text, const char* name) {
 template <size_t N>
 void fill_word(char (&field)[N], const std::string& text, const char* name) {
   if (text.empty() || text.starts_with("--") || text.find_first_of(" \t\"") != std::string::npos) {
-    throw UsageError(fmt::format("{} must be one word without quotes: \"{}\"", name, text));
+    throw UsageError(fmt::format("{} must be one word without quotes", name));
   }
   fill_field(field, text, name);
 }
@@ -47,25 +44,6 @@ void fill_optional_word(char (&field)[N], const std::string& text, const char* n
   }
 }
 
-/* The library takes local paths in the process's code page. */
-std::string narrow_path(const std::string& path, const char* name) {
-  const std::string absolute = absolute_path(path);
-  std::wstring wide;
-  tarnd::wide_from_utf8(absolute, &wide);
-  std::string narrow(wide.size() * 4, '\0');
-  BOOL replaced = FALSE;
-  const bool own = GetACP() == CP_UTF8; /* which has no replacement character to report */
-  const int length = WideCharToMultiByte(
-      CP_ACP, own ? 0 : WC_NO_BEST_FIT_CHARS, wide.data(), static_cast<int>(wide.size()),
-      narrow.data(), static_cast<int>(narrow.size()), nullptr, own ? nullptr : &replaced);
-  if (length <= 0 || replaced != 0) {
-    throw UsageError(fmt::format("{} has characters that this system's code page {} has not: {}",
-                                 name, GetACP(), absolute));
-  }
-  narrow.resize(static_cast<size_t>(length));
-  return narrow;
-}
-
 std::string work_folder(const Options& options) {
   std::string folder = absolute_path(options.work);
   folder.erase(folder.find_last_not_of('\\') + 1);
@@ -73,7 +51,7 @@ std::string work_folder(const Options& options) {
 }
 
 void check_socket_path(const Options& options) {
-  const std::string socket = narrow_path(cache_folder(options), "The --work folder") + SOCKET_NAME;
+  const std::string socket = code_page_path(cache_folder(options)) + SOCKET_NAME;
   if (socket.size() > MAX_SOCKET_PATH) {
     throw UsageError(
         fmt::format("The --work folder's path is too long: the socket's takes {} bytes, and at "
@@ -131,10 +109,9 @@ tnw_tninit start_record(const Options& options) {
   fill_word(init.tnw_api_addr, file_address(options.cloud), "The cloud folder's address");
   fill_word(init.tnw_config_addr, "none", "The configuration address");
   fill_field(init.tnw_sharepath, options.share, "The share");
-  fill_field(init.tnw_workdir, narrow_path(options.work, "The --work folder"), "The --work folder");
-  fill_field(init.tnw_logdir, narrow_path(log_folder(options), "The --work folder"),
-             "The log folder");
-  fill_field(init.tnw_binpath, narrow_path(options.service, "The service"), "The service");
+  fill_field(init.tnw_workdir, code_page_path(options.work), "The --work folder");
+  fill_field(init.tnw_logdir, code_page_path(log_folder(options)), "The log folder");
+  fill_field(init.tnw_binpath, code_page_path(options.service), "The service");
   fill_field(init.tnw_da_device_id, DEVICE_ID, "The device id");
   fill_field(init.tnw_da_drive_id, DRIVE_ID, "The drive id");
   check_socket_path(options);
@@ -143,7 +120,7 @@ tnw_tninit start_record(const Options& options) {
 
 tnw_purge_opt_t purge_record(const Options& options) {
   tnw_purge_opt_t purge = {};
-  fill_field(purge.po_workdir, narrow_path(options.work, "The --work folder"), "The --work folder");
+  fill_field(purge.po_workdir, code_page_path(options.work), "The --work folder");
   fill_field(purge.po_domain, options.domain, "The domain");
   fill_field(purge.po_username, options.user, "The user");
   return purge;

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "common.h"
 #include "progress.h"
 #include "tnw.h"
 

@@ -5,9 +5,6 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "console.h"
-#include "text.h"
-
 namespace tnwsh {
 
 using std::chrono::milliseconds;

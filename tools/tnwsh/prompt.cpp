@@ -7,10 +7,34 @@
 #include <algorithm>
 
 #include "commands.h"
-#include "console.h"
 
 namespace tnwsh {
 namespace {
+
+/* Where a comment begins, or the end of the line. */
+size_t comment_start(const std::string& line) {
+  bool quoted = false;
+  for (size_t i = 0; i < line.size(); i++) {
+    quoted ^= line[i] == '"';
+    if (line[i] == '#' && !quoted && (i == 0 || line[i - 1] == ' ' || line[i - 1] == '\t')) {
+      return i;
+    }
+  }
+  return line.size();
+}
+
+/* Messages do not show the line, which may hold a token. */
+std::vector<std::string> split_words(const std::string& line) {
+  const std::string command = line.substr(0, comment_start(line));
+  if (std::count(command.begin(), command.end(), '"') % 2 != 0) {
+    throw UsageError("A quote (\") is not closed");
+  }
+  const std::wstring wide = wide_from_utf8(command);
+  if (wide.empty() && !command.empty()) {
+    throw UsageError("The line is no UTF-8");
+  }
+  return words_of((L"tnwsh " + wide).c_str());
+}
 
 class Prompt {
  public:
@@ -111,40 +135,6 @@ class Prompt {
 };
 
 }  // namespace
-
-std::vector<std::string> split_words(const std::string& line) {
-  std::vector<std::string> words;
-  char quote = '\0';
-  bool in_word = false;
-  for (const char c : line) {
-    if (quote != '\0') {
-      if (c == quote) {
-        quote = '\0';
-      } else {
-        words.back() += c;
-      }
-    } else if (c == ' ' || c == '\t') {
-      in_word = false;
-    } else if (c == '#' && !in_word) {
-      break;
-    } else {
-      const bool opens_quote = c == '"' || (c == '\'' && !in_word);
-      if (!in_word) {
-        words.emplace_back();
-        in_word = true;
-      }
-      if (opens_quote) {
-        quote = c;
-      } else {
-        words.back() += c;
-      }
-    }
-  }
-  if (quote != '\0') {
-    throw UsageError(fmt::format("A quote ({}) is not closed: {}", quote, line));
-  }
-  return words;
-}
 
 ExitStatus run_prompt(Shell* shell) {
   shell->enter_prompt();

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-#include "failure.h"
 #include "vfstnw_bmap.h"
 
 namespace tnwsh {

@@ -4,21 +4,11 @@
 
 #include <utility>
 
-#include "answers.h"
-#include "text.h"
-
 namespace tnwsh {
 namespace {
 
-/* Native dispositions and create options of tnw_create, and the flag of tnw_lockfile. */
-constexpr ox_u32 OPEN = 1;
-constexpr ox_u32 OVERWRITE_IF = 5;
-constexpr ox_u32 FILE_ONLY = 0x40;
-constexpr ox_u32 ACCESS_READ = 1;
-constexpr ox_u32 ACCESS_WRITE = 2;
-constexpr ox_u32 SHARE_READ = 1;
-constexpr ox_u32 SHARE_WRITE = 2;
-constexpr ox_u32 EXCLUSIVE = 0x2;
+constexpr ox_u32 SHARE_READ = FILE_SHARE_READ;
+constexpr ox_u32 SHARE_BOTH = FILE_SHARE_READ | FILE_SHARE_WRITE;
 
 struct OpenMode {
   ox_u32 access;
@@ -30,10 +20,11 @@ struct OpenMode {
 
 /* By RemoteFile::Mode. */
 constexpr OpenMode MODES[] = {
-    {ACCESS_READ, SHARE_READ, OPEN, "cannot open", PATH_ANSWERS},
-    {ACCESS_READ, SHARE_READ | SHARE_WRITE, OPEN, "cannot open", PATH_ANSWERS},
-    {ACCESS_READ | ACCESS_WRITE, SHARE_READ, OPEN, "cannot open for writing", WRITE_ANSWERS},
-    {ACCESS_WRITE, SHARE_READ, OVERWRITE_IF, "cannot create", WRITE_ANSWERS},
+    {TNW_ACC_READ, SHARE_READ, TNW_DISP_OPEN, "cannot open", PATH_ANSWERS},
+    {TNW_ACC_READ, SHARE_BOTH, TNW_DISP_OPEN, "cannot open", PATH_ANSWERS},
+    {TNW_ACC_READ | TNW_ACC_WRITE, SHARE_READ, TNW_DISP_OPEN, "cannot open for writing",
+     WRITE_ANSWERS},
+    {TNW_ACC_WRITE, SHARE_READ, TNW_DISP_OVERWRITE_IF, "cannot create", WRITE_ANSWERS},
 };
 
 int process_id() { return static_cast<int>(GetCurrentProcessId()); }
@@ -50,7 +41,7 @@ RemoteFile::RemoteFile(Drive& drive, const std::string& path, Mode mode)
   const auto slot = drive.slots_.try_emplace(path_key(path)).first;
   int err = 0;
   handle_ = tnw_create(drive.handle_, &slot->second.context, path.c_str(), open.access, open.share,
-                       open.disposition, FILE_ONLY, process_id(), PROCESS_NAME, &err);
+                       open.disposition, TNW_OPT_FILE, process_id(), PROCESS_NAME, &err);
   if (handle_ != nullptr) {
     slot->second.opens++;
     return;
@@ -58,7 +49,7 @@ RemoteFile::RemoteFile(Drive& drive, const std::string& path, Mode mode)
   if (slot->second.context == nullptr) {
     drive.slots_.erase(slot);
   }
-  throw Failure(path, open.failure, static_cast<uint32_t>(err), open.answers);
+  throw drive_failure(path, open.failure, err, open.answers);
 }
 
 RemoteFile::~RemoteFile() {
@@ -82,15 +73,15 @@ int RemoteFile::try_close() {
 
 size_t RemoteFile::read(uint64_t offset, void* buffer, size_t size) {
   ox_s64 count = 0;
-  const int err = tnw_read(handle_, buffer, size, static_cast<ox_off>(offset), &count, nullptr);
-  if (err == static_cast<int>(END_OF_FILE)) {
+  int err = tnw_read(handle_, buffer, size, static_cast<ox_off>(offset), &count, nullptr);
+  if (err == ERROR_HANDLE_EOF) {
     return 0;
   }
   if (err == 0 && count == 0) { /* the service could not fetch the region, and says no more */
-    throw Failure(path_, "cannot read", ERROR_READ_FAULT);
+    err = ERROR_READ_FAULT;
   }
   if (err != 0) {
-    throw Failure(path_, "cannot read", static_cast<uint32_t>(err));
+    throw drive_failure(path_, "cannot read", err, READ_ANSWERS);
   }
   return static_cast<size_t>(count);
 }
@@ -100,7 +91,7 @@ void RemoteFile::write(uint64_t offset, const void* data, size_t size) {
   const int err = tnw_write(handle_, const_cast<void*>(data), size, static_cast<ox_off>(offset),
                             &count, nullptr);
   if (err != 0 || count != static_cast<ox_s64>(size)) {
-    throw Failure(path_, "cannot write", err != 0 ? static_cast<uint32_t>(err) : ERROR_DISK_FULL);
+    throw drive_failure(path_, "cannot write", err != 0 ? err : ERROR_DISK_FULL, WRITE_ANSWERS);
   }
 }
 
@@ -112,8 +103,8 @@ void RemoteFile::set_size(uint64_t size) {
 }
 
 void RemoteFile::lock(const FileRange& range, bool exclusive) {
-  const int err = tnw_lockfile(handle_, exclusive ? EXCLUSIVE : 0, range.offset, 0, range.length, 0,
-                               process_id());
+  const int err = tnw_lockfile(handle_, exclusive ? TNW_LOCK_EXCLUSIVE : 0, range.offset, 0,
+                               range.length, 0, process_id());
   drive_.check_answer(path_, "cannot be locked", err, LOCK_ANSWERS);
 }
 
@@ -123,8 +114,8 @@ void RemoteFile::unlock(const FileRange& range) {
 }
 
 void RemoteFile::close() {
-  if (const int err = try_close()) {
-    throw Failure(path_, "cannot be brought to the cloud", static_cast<uint32_t>(err));
+  if (const int err = try_close(); err != 0) {
+    throw drive_failure(path_, "cannot be brought to the cloud", err, WRITE_ANSWERS);
   }
 }
 

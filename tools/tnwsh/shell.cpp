@@ -2,9 +2,6 @@
 
 #include <fmt/format.h>
 
-#include "console.h"
-#include "text.h"
-
 namespace tnwsh {
 
 Drive& Shell::drive() {
@@ -23,23 +20,19 @@ void Shell::stop_drive() {
 }
 
 ExitStatus Shell::run(const std::function<void(Shell&)>& action) {
-  ExitStatus status = EXIT_OK;
   forget_interrupt();
-  try {
-    action(*this);
-    if (fflush(stdout) != 0) {
-      throw Failure("Standard output", "cannot be written");
+  bool is_broken = false;
+  const ExitStatus status = run_program("tnwsh", [&] {
+    try {
+      action(*this);
+    } catch (const Failure& failure) {
+      is_broken = failure.code() == TNW_ERROR_NO_SERVICE;
+      throw;
     }
-  } catch (const UsageError& error) {
-    status = EXIT_USAGE;
-    fmt::print(stderr, "tnwsh: {}\n", error.what());
-  } catch (const Failure& failure) {
-    status = EXIT_FAILED;
-    fflush(stdout);
-    fmt::print(stderr, "tnwsh: {}\n", failure.what());
-    if (failure.code() == CONNECTION_BROKEN) {
-      stop_drive();
-    }
+    return EXIT_OK;
+  });
+  if (is_broken) {
+    stop_drive();
   }
   return status;
 }

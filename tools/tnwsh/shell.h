@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "drive.h"
-#include "failure.h"
 #include "options.h"
 #include "remote_file.h"
 

@@ -6,10 +6,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "console.h"
-#include "local_file.h"
 #include "remote_file.h"
-#include "text.h"
 
 namespace tnwsh {
 namespace {

@@ -6,10 +6,6 @@
 #include <algorithm>
 #include <chrono>
 
-#include "failure.h"
-#include "local_file.h"
-#include "text.h"
-
 namespace tnwsh {
 namespace {
 
@@ -25,7 +21,7 @@ std::string join_below(const std::string& below, const std::string& name) {
 
 /* After these nothing else succeeds. */
 bool ends_the_work(uint32_t code) {
-  return code == ERROR_CANCELLED || code == CONNECTION_BROKEN || code == UNAUTHORISED;
+  return code == ERROR_CANCELLED || code == TNW_ERROR_NO_SERVICE || code == ERROR_LOGON_FAILURE;
 }
 
 }  // namespace

@@ -1,25 +1,9 @@
-#include "console.h"
-
-#ifdef _WIN32
-
-#include "../tnwsh/console.h"
-
-namespace tnwlog {
-
-std::vector<std::string> set_up_console(int, char**) {
-  tnwsh::set_up_console();
-  return tnwsh::program_arguments();
-}
-
-bool interrupted() { return tnwsh::interrupted(); }
-
-}  // namespace tnwlog
-
-#else
-
+/* The console of the development host. */
 #include <csignal>
 
-namespace tnwlog {
+#include "tools/common/console.h"
+
+namespace tools {
 namespace {
 
 volatile std::sig_atomic_t was_interrupted = 0;
@@ -37,7 +21,6 @@ std::vector<std::string> set_up_console(int argc, char** argv) {
 }
 
 bool interrupted() { return was_interrupted != 0; }
+void forget_interrupt() { was_interrupted = 0; }
 
-}  // namespace tnwlog
-
-#endif
+}  // namespace tools

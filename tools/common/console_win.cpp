@@ -1,6 +1,6 @@
-#include "console.h"
-
+/* The console of Windows. */
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <io.h>
 #include <windows.h>
 
@@ -9,16 +9,19 @@
 #include <algorithm>
 #include <atomic>
 #include <iostream>
+#include <memory>
 
-#include "service/wide_text.h"
+#include "tools/common/console.h"
+#include "tools/common/program.h"
+#include "tools/common/wide_text.h"
 
-namespace tnwsh {
+namespace tools {
 namespace {
 
-std::atomic<bool> interrupted = false;
+std::atomic<bool> was_interrupted = false;
 
 BOOL WINAPI on_control(DWORD type) {
-  return type == CTRL_C_EVENT && !interrupted.exchange(true) ? TRUE : FALSE;
+  return type == CTRL_C_EVENT && !was_interrupted.exchange(true) ? TRUE : FALSE;
 }
 
 UINT console_code_page = 0;
@@ -43,12 +46,13 @@ bool read_console_line(std::string* line) {
     }
     text.append(part, count);
   }
-  return tarnd::utf8_from_wide(text, line);
+  *line = utf8_from_wide(text);
+  return true;
 }
 
 }  // namespace
 
-void set_up_console() {
+std::vector<std::string> set_up_console(int, char**) {
   for (FILE* stream : {stdin, stdout, stderr}) {
     _setmode(_fileno(stream), _O_BINARY);
   }
@@ -60,24 +64,28 @@ void set_up_console() {
     atexit(restore_console);
   }
   SetConsoleCtrlHandler(on_control, TRUE);
+  return words_of(GetCommandLineW());
 }
 
-std::vector<std::string> program_arguments() {
+std::vector<std::string> words_of(const wchar_t* command_line) {
   int count = 0;
-  wchar_t** words = CommandLineToArgvW(GetCommandLineW(), &count);
-  std::vector<std::string> arguments;
+  const std::unique_ptr<wchar_t*, decltype(&LocalFree)> words(
+      CommandLineToArgvW(command_line, &count), LocalFree);
+  std::vector<std::string> texts;
   for (int i = 1; i < count; i++) {
-    tarnd::utf8_from_wide(words[i], &arguments.emplace_back());
+    const std::wstring_view word = words.get()[i];
+    texts.push_back(utf8_from_wide(word));
+    if (texts.back().empty() && !word.empty()) {
+      throw UsageError(fmt::format("Word {} of the command line is no Unicode text", i));
+    }
   }
-  LocalFree(words);
-  return arguments;
+  return texts;
 }
 
 std::string program_folder() {
   wchar_t path[4096];
   const DWORD length = GetModuleFileNameW(nullptr, path, static_cast<DWORD>(std::size(path)));
-  std::string folder;
-  tarnd::utf8_from_wide(std::wstring_view(path, length), &folder);
+  const std::string folder = utf8_from_wide(std::wstring_view(path, length));
   return folder.substr(0, folder.rfind('\\') + 1);
 }
 
@@ -127,7 +135,7 @@ bool confirm(const std::string& question) {
   return read_line(&answer) && (answer == "y" || answer == "Y" || answer == "yes");
 }
 
-bool interrupted() { return interrupted; }
-void forget_interrupt() { interrupted = false; }
+bool interrupted() { return was_interrupted; }
+void forget_interrupt() { was_interrupted = false; }
 
-}  // namespace tnwsh
+}  // namespace tools

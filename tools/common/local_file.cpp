@@ -1,4 +1,4 @@
-#include "local_file.h"
+#include "tools/common/local_file.h"
 
 #include <windows.h>
 
@@ -6,16 +6,15 @@
 
 #include <utility>
 
-#include "failure.h"
-#include "service/wide_text.h"
+#include "tools/common/failure.h"
+#include "tools/common/wide_text.h"
 
-namespace tnwsh {
+namespace tools {
 namespace {
 
 std::wstring full_path(const std::string& path) {
-  std::wstring wide;
-  if (!tarnd::wide_from_utf8(path, &wide) || wide.empty() ||
-      wide.find(L'\0') != std::wstring::npos) {
+  const std::wstring wide = wide_from_utf8(path);
+  if (wide.empty() || wide.find(L'\0') != std::wstring::npos) {
     throw Failure(path, "is no path");
   }
   std::wstring full(32768, L'\0');
@@ -26,7 +25,36 @@ std::wstring full_path(const std::string& path) {
   return full;
 }
 
-/* For calls that would otherwise end at 260 characters. */
+DWORD attributes_of(const std::string& path) {
+  return GetFileAttributesW(verbatim_path(path).c_str());
+}
+
+uint64_t number_of(const FILETIME& time) {
+  return uint64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime;
+}
+
+/* `found` is one of the two records that Windows has for this. */
+template <typename Found>
+LocalEntry entry_of(const std::string& name, const Found& found) {
+  const bool folder = (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+  return {.name = name,
+          .folder = folder,
+          .link = folder && (found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0,
+          .created = number_of(found.ftCreationTime),
+          .modified = number_of(found.ftLastWriteTime),
+          .accessed = number_of(found.ftLastAccessTime)};
+}
+
+}  // namespace
+
+std::string absolute_path(const std::string& path) {
+  const std::string absolute = utf8_from_wide(full_path(path));
+  if (absolute.empty()) {
+    throw Failure(path, "leads to a name that is no Unicode text");
+  }
+  return absolute;
+}
+
 std::wstring verbatim_path(const std::string& path) {
   const std::wstring full = full_path(path);
   if (full.starts_with(L"\\\\?\\") || full.starts_with(L"\\\\.\\")) {
@@ -35,31 +63,20 @@ std::wstring verbatim_path(const std::string& path) {
   return full.starts_with(L"\\\\") ? L"\\\\?\\UNC" + full.substr(1) : L"\\\\?\\" + full;
 }
 
-DWORD attributes_of(const std::string& path) {
-  return GetFileAttributesW(verbatim_path(path).c_str());
-}
-
-void* open(const std::string& path, const std::wstring& place, const char* what, DWORD access,
-           DWORD share, DWORD disposition, DWORD flags) {
-  void* file = CreateFileW(place.c_str(), access, share, nullptr, disposition, flags, nullptr);
-  if (file == INVALID_HANDLE_VALUE) {
-    throw Failure(path, what, GetLastError());
+std::string code_page_path(const std::string& path) {
+  const std::wstring full = full_path(path);
+  const int units = static_cast<int>(full.size());
+  std::string narrow(full.size() * 4, '\0');
+  narrow.resize(static_cast<size_t>(WideCharToMultiByte(
+      CP_ACP, 0, full.data(), units, narrow.data(), units * 4, nullptr, nullptr)));
+  std::wstring back(full.size(), L'\0');
+  back.resize(static_cast<size_t>(MultiByteToWideChar(
+      CP_ACP, 0, narrow.data(), static_cast<int>(narrow.size()), back.data(), units)));
+  if (back != full) {
+    throw Failure(path, "has characters that this system's code page " + std::to_string(GetACP()) +
+                            " has not");
   }
-  return file;
-}
-
-}  // namespace
-
-std::string absolute_path(const std::string& path) {
-  std::string absolute;
-<<<<<<< HEAD
-  if (!tarnd::utf8_from_wide(FullPath(path), &absolute)) {
-=======
-  if (!tarnd::utf8_from_wide(full_path(path), &absolute)) {
->>>>>>> dcdaab9 (WIP tools: one dialect, PCRE2)
-    throw Failure(path, "leads to a name that is no Unicode text");
-  }
-  return absolute;
+  return narrow;
 }
 
 bool is_local_folder(const std::string& path) {
@@ -85,6 +102,14 @@ void make_local_folder(const std::string& path) {
   }
 }
 
+LocalEntry local_entry(const std::string& path) {
+  WIN32_FILE_ATTRIBUTE_DATA data;
+  if (GetFileAttributesExW(verbatim_path(path).c_str(), GetFileExInfoStandard, &data) == 0) {
+    throw Failure(path, "cannot be looked at", GetLastError());
+  }
+  return entry_of(path, data);
+}
+
 std::vector<LocalEntry> list_local(const std::string& path) {
   std::vector<LocalEntry> entries;
   WIN32_FIND_DATAW found;
@@ -94,24 +119,19 @@ std::vector<LocalEntry> list_local(const std::string& path) {
   if (search == INVALID_HANDLE_VALUE) {
     throw Failure(path, "cannot list", GetLastError());
   }
-  bool unicode = true;
   do {
-    LocalEntry entry;
-    unicode = tarnd::utf8_from_wide(found.cFileName, &entry.name);
-    entry.folder = (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-    entry.link = entry.folder && (found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
-    if (entry.name != "." && entry.name != "..") {
-      entries.push_back(std::move(entry));
-    }
-  } while (unicode && FindNextFileW(search, &found) != 0);
+    entries.push_back(entry_of(utf8_from_wide(found.cFileName), found));
+  } while (!entries.back().name.empty() && FindNextFileW(search, &found) != 0);
   const DWORD end = GetLastError();
   FindClose(search);
-  if (!unicode) {
+  if (entries.back().name.empty()) {
     throw Failure(path, "holds a name that is no Unicode text");
   }
   if (end != ERROR_NO_MORE_FILES) {
     throw Failure(path, "cannot list", end);
   }
+  std::erase_if(entries,
+                [](const LocalEntry& entry) { return entry.name == "." || entry.name == ".."; });
   return entries;
 }
 
@@ -136,35 +156,44 @@ void LocalFile::close() {
   }
 }
 
-LocalFile LocalFile::open_to_read(const std::string& path) {
+LocalFile LocalFile::open(const std::string& path, const char* what, uint32_t access,
+                          uint32_t share, uint32_t disposition, uint32_t flags,
+                          const std::wstring& suffix) {
   LocalFile file;
   file.path_ = path;
   file.target_ = verbatim_path(path);
-  if (is_local_folder(path)) {
+  if (access == GENERIC_READ && is_local_folder(path)) {
     throw Failure(path, "is a folder, not a file");
   }
-  file.file_ = open(path, file.target_, "cannot open", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING,
-                    FILE_FLAG_SEQUENTIAL_SCAN);
+  const std::wstring place = file.target_ + suffix;
+  file.file_ = CreateFileW(place.c_str(), access, share, nullptr, disposition, flags, nullptr);
+  if (file.file_ == INVALID_HANDLE_VALUE) {
+    file.file_ = nullptr;
+    throw Failure(path, what, GetLastError());
+  }
   return file;
 }
 
+LocalFile LocalFile::open_to_read(const std::string& path) {
+  return open(path, "cannot open", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING,
+              FILE_FLAG_SEQUENTIAL_SCAN);
+}
+
+LocalFile LocalFile::open_shared(const std::string& path) {
+  return open(path, "cannot open", GENERIC_READ,
+              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, OPEN_EXISTING,
+              FILE_FLAG_SEQUENTIAL_SCAN);
+}
+
 LocalFile LocalFile::open_to_replace(const std::string& path) {
-  LocalFile file;
-  file.path_ = path;
-  file.target_ = verbatim_path(path);
-  std::wstring part = file.target_ + L".tnwsh-" + std::to_wstring(GetCurrentProcessId());
-  file.file_ = open(path, part, "cannot write", GENERIC_WRITE, 0, CREATE_ALWAYS, 0);
-  file.part_ = std::move(part);
+  const std::wstring suffix = L".part-" + std::to_wstring(GetCurrentProcessId());
+  LocalFile file = open(path, "cannot write", GENERIC_WRITE, 0, CREATE_ALWAYS, 0, suffix);
+  file.part_ = file.target_ + suffix;
   return file;
 }
 
 LocalFile LocalFile::open_lock(const std::string& path) {
-  LocalFile file;
-  file.path_ = path;
-  file.target_ = verbatim_path(path);
-  file.file_ = open(path, file.target_, "cannot be locked", GENERIC_WRITE, 0, CREATE_ALWAYS,
-                    FILE_FLAG_DELETE_ON_CLOSE);
-  return file;
+  return open(path, "cannot be locked", GENERIC_WRITE, 0, CREATE_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE);
 }
 
 uint64_t LocalFile::size() const {
@@ -204,4 +233,4 @@ void LocalFile::commit() {
   part_.clear();
 }
 
-}  // namespace tnwsh
+}  // namespace tools

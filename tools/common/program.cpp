@@ -1,4 +1,4 @@
-#include "tools/program.h"
+#include "tools/common/program.h"
 
 #include <fmt/format.h>
 
@@ -23,16 +23,22 @@ std::optional<ExitStatus> parse_command_line(CLI::App* app, std::vector<std::str
   return std::nullopt;
 }
 
-int run_program(const char* name, const std::function<ExitStatus()>& run) {
+ExitStatus run_program(const char* name, const std::function<ExitStatus()>& run) {
+  const auto tell = [name](const std::exception& error, ExitStatus status) {
+    fflush(stdout);
+    fmt::print(stderr, "{}: {}\n", name, error.what());
+    return status;
+  };
   try {
     const ExitStatus status = run();
     if (fflush(stdout) != 0) {
       throw std::runtime_error("standard output cannot be written");
     }
     return status;
+  } catch (const UsageError& error) {
+    return tell(error, EXIT_USAGE);
   } catch (const std::exception& error) {
-    fmt::print(stderr, "{}: {}\n", name, error.what());
-    return EXIT_FAILED;
+    return tell(error, EXIT_FAILED);
   }
 }
 
