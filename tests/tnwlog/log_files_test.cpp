@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "redactor.h"
 #include "request_lines.h"
 #include "sample_lines.h"
 #include "test_folder.h"
@@ -36,7 +37,17 @@ TEST_F(LogFiles, AreReadOldestFirst) {
   EXPECT_EQ(find_log_files({name("tarnd.log"), in_order[2], in_order[1]}),
             (std::vector<std::string>{name("tarnd.log"), in_order[1], in_order[2]}));
   EXPECT_ANY_THROW(find_log_files({name("..")}));
-  EXPECT_ANY_THROW(read_lines(name("none.log"), [](std::string_view) {}));
+  EXPECT_ANY_THROW(read_lines({name("none.log")}, [](std::string_view) {}));
+}
+
+TEST_F(LogFiles, AreCopiedWholeOrNotAtAll) {
+  append("tnvfs.log", sample::READ + '\n');
+  Redactor redactor;
+  EXPECT_ANY_THROW(write_redacted({name("tnvfs.log"), name("none.log")}, name("copy"), &redactor));
+  EXPECT_FALSE(fs::exists(name("copy")));
+  write_redacted({name("tnvfs.log")}, name("copy"), &redactor);
+  EXPECT_ANY_THROW(write_redacted({name("tnvfs.log")}, name("copy"), &redactor));
+  EXPECT_GT(fs::file_size(name("copy")), 0u) << "and what was there is still there";
 }
 
 TEST_F(LogFiles, AreFollowedOverARotation) {

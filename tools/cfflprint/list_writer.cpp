@@ -17,7 +17,7 @@ uint64_t record_length(const std::string& name) {
   return (sizeof(cfs_path) + name.size() + 1 + 7) / 8 * 8;
 }
 
-cfs_path record(const Item& item, const std::string& user) {
+cfs_path record_of(const Item& item, const std::string& user) {
   cfs_path record = {};
   record.mp_flags = item.folder ? CFS_PATH_FOLDER : 0;
   record.mp_ver = 1;
@@ -69,7 +69,7 @@ std::vector<uint8_t> write_list(const Item& folder, const std::vector<Item>& ent
   memcpy(bytes.data(), &block, sizeof(block));
   uint8_t* at = bytes.data() + sizeof(block);
   for (const Item& entry : entries) {
-    const cfs_path record = record(entry, user);
+    const cfs_path record = record_of(entry, user);
     memcpy(at, &record, sizeof(record));
     memcpy(at + sizeof(record), entry.name.c_str(), entry.name.size() + 1);
     at += record.mp_reclen;

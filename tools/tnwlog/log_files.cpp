@@ -6,6 +6,9 @@
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
+
+#include "tools/common/console.h"
+
 #ifdef _WIN32
 #include <windows.h>
 #else
@@ -209,10 +212,18 @@ void LineReader::finish(const LineSink& sink) {
 
 bool LineReader::is_renamed() const { return !leads_to(name_, file_); }
 
-void read_lines(const std::string& file, const LineSink& sink) {
-  LineReader reader(file);
-  reader.read(sink);
-  reader.finish(sink);
+void read_lines(const std::vector<std::string>& files, const LineSink& sink) {
+  const auto interruptible = [&sink](std::string_view line) {
+    if (tools::interrupted()) {
+      throw std::runtime_error("interrupted");
+    }
+    sink(line);
+  };
+  for (const std::string& file : files) {
+    LineReader reader(file);
+    reader.read(interruptible);
+    reader.finish(interruptible);
+  }
 }
 
 void Follower::poll(const LineSink& sink) {

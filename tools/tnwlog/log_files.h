@@ -47,8 +47,8 @@ class LineReader {
   std::string rest_; /* behind the last line end */
 };
 
-/* All lines of a file. */
-void read_lines(const std::string& file, const LineSink& sink);
+/* All lines of the files. Throws when one cannot be read, or when Ctrl-C was pressed. */
+void read_lines(const std::vector<std::string>& files, const LineSink& sink);
 
 /* The lines of a log that is being written, over its rotations. */
 class Follower {

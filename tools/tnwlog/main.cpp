@@ -4,8 +4,6 @@
 #include <CLI/CLI.hpp>
 
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <thread>
 
 #include "log_files.h"
@@ -29,7 +27,6 @@ constexpr char FOOTER[] =
     "Exit status: 0, 1 when a file cannot be read or written or nothing is found, 2 when the\n"
     "command line makes no sense.";
 
-namespace fs = std::filesystem;
 using tools::ExitStatus;
 using enum tools::ExitStatus;
 
@@ -81,18 +78,6 @@ void declare_options(CLI::App* app, Options* options) {
   }
 }
 
-/* All lines of the files, in their order. Ctrl-C ends it. */
-void read_all(const std::vector<std::string>& files, const LineSink& sink) {
-  for (const std::string& file : files) {
-    read_lines(file, [&](std::string_view line) {
-      if (tools::interrupted()) {
-        throw std::runtime_error("interrupted");
-      }
-      sink(line);
-    });
-  }
-}
-
 void pause_until_more() {
   for (int i = 0; i < 5 && !tools::interrupted(); i++) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -128,7 +113,7 @@ ExitStatus show_report(std::vector<std::string> files, const Options& options) {
   if (options.follow) {
     files.pop_back();
   }
-  read_all(files, [&trace](std::string_view line) { trace.add(line); });
+  read_lines(files, [&trace](std::string_view line) { trace.add(line); });
   if (options.follow) {
     follow(last, options, &trace, &report);
   }
@@ -154,33 +139,9 @@ ExitStatus show_request(const std::vector<std::string>& files, const Options& op
   return EXIT_OK;
 }
 
-void write_redacted(const std::vector<std::string>& files, const fs::path& path,
-                    Redactor* redactor) {
-  std::ofstream copy(path, std::ios::binary);
-  read_all(files, [&](std::string_view line) {
-    if (const auto redacted = redactor->redact(line)) {
-      copy << *redacted << '\n';
-    }
-  });
-  copy.close();
-  if (!copy) {
-    throw std::runtime_error("cannot be written");
-  }
-}
-
 ExitStatus redact(const std::vector<std::string>& files, const Options& options) {
-  const fs::path path(std::u8string(options.redacted.begin(), options.redacted.end()));
-  if (fs::exists(path)) {
-    throw std::runtime_error(options.redacted + ": is there already");
-  }
   Redactor redactor;
-  try {
-    write_redacted(files, path, &redactor);
-  } catch (const std::exception& error) {
-    std::error_code ignored;
-    fs::remove(path, ignored); /* half a copy could pass for a whole one */
-    throw std::runtime_error(options.redacted + ": " + error.what());
-  }
+  write_redacted(files, options.redacted, &redactor);
   fmt::print("{}: {} lines without their text, {} lines left out, and {} rows of dumps\n",
              options.redacted, redactor.without_text(), redactor.left_out(), redactor.dump_rows());
   return EXIT_OK;

@@ -4,8 +4,11 @@
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
+#include <fstream>
 #include <unordered_set>
 
+#include "log_files.h"
 #include "log_texts.h"
 
 namespace tnwlog {
@@ -193,6 +196,31 @@ std::string Redactor::redacted(const Value& value) {
       return REMOVED;
     default:
       return std::string(value.text);
+  }
+}
+
+void write_redacted(const std::vector<std::string>& files, const std::string& copy,
+                    Redactor* redactor) {
+  const std::filesystem::path path(std::u8string(copy.begin(), copy.end()));
+  if (std::filesystem::exists(path)) {
+    throw std::runtime_error(copy + ": is there already");
+  }
+  std::ofstream stream(path, std::ios::binary);
+  try {
+    read_lines(files, [&](std::string_view line) {
+      if (const auto redacted = redactor->redact(line)) {
+        stream << *redacted << '\n';
+      }
+    });
+    stream.close();
+    if (!stream) {
+      throw std::runtime_error(copy + ": cannot be written");
+    }
+  } catch (...) { /* half a copy could pass for a whole one */
+    stream.close();
+    std::error_code ignored;
+    std::filesystem::remove(path, ignored);
+    throw;
   }
 }
 

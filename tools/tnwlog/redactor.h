@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 #include "log_line.h"
 
@@ -60,6 +61,13 @@ class Redactor {
   uint64_t left_out_ = 0;
   uint64_t dump_rows_ = 0;
 };
+
+/*
+ * Writes a copy of the files to `copy`, which must not exist. Throws when a file cannot be read or
+ * the copy cannot be written, and then leaves no copy.
+ */
+void write_redacted(const std::vector<std::string>& files, const std::string& copy,
+                    Redactor* redactor);
 
 }  // namespace tnwlog
 

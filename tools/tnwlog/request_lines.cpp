@@ -51,9 +51,7 @@ Marks marks_of(Trace* trace, const std::string& id) {
 std::vector<std::string> lines_of_request(const std::vector<std::string>& files,
                                           const std::string& id) {
   Trace trace;
-  for (const std::string& file : files) {
-    read_lines(file, [&trace](std::string_view line) { trace.add(line); });
-  }
+  read_lines(files, [&trace](std::string_view line) { trace.add(line); });
   std::string lower = id;
   std::transform(lower.begin(), lower.end(), lower.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
@@ -71,9 +69,7 @@ std::vector<std::string> lines_of_request(const std::vector<std::string>& files,
       lines.emplace_back(line);
     }
   };
-  for (const std::string& file : files) {
-    read_lines(file, add);
-  }
+  read_lines(files, add);
   return lines;
 }
 

@@ -1,8 +1,6 @@
 /* ls and tree. */
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 
 #include "commands.h"
@@ -31,20 +29,25 @@ void print_long(const Entry& entry) {
              entry.folder ? "/" : "");
 }
 
-void run_ls(Shell& shell, const std::string& path, bool names_only) {
-  const Entry named = shell.drive().get(path);
+struct LsArguments {
+  std::string path = "/";
+  bool names_only = false;
+};
+
+void run_ls(Shell& shell, const LsArguments& ls) {
+  const Entry named = shell.drive().get(ls.path);
   const std::vector<Entry> entries =
-      named.folder ? shell.drive().list(path) : std::vector<Entry>{named};
+      named.folder ? shell.drive().list(ls.path) : std::vector<Entry>{named};
   Totals totals;
   for (const Entry& entry : entries) {
     totals.count(entry);
-    if (names_only) {
+    if (ls.names_only) {
       fmt::print("{}\n", entry.name);
     } else {
       print_long(entry);
     }
   }
-  if (named.folder && !names_only) {
+  if (named.folder && !ls.names_only) {
     totals.print();
   }
 }
@@ -84,40 +87,32 @@ class TreePrinter {
   Totals totals_;
 };
 
-void run_tree(Shell& shell, const std::string& path, int depth) {
-  TreePrinter printer(shell.drive(), depth);
-  const Entry top = shell.drive().get(path);
-  fmt::print("{}\n", path);
-  printer.print(path, top.id);
+struct TreeArguments {
+  std::string path = "/";
+  int depth = 0;
+};
+
+void run_tree(Shell& shell, const TreeArguments& tree) {
+  TreePrinter printer(shell.drive(), tree.depth);
+  const Entry top = shell.drive().get(tree.path);
+  fmt::print("{}\n", tree.path);
+  printer.print(tree.path, top.id);
   printer.sum().print();
 }
 
 }  // namespace
 
-void declare_ls(CLI::App* command, Action* action) {
-  struct Arguments {
-    std::string path = "/";
-    bool names_only = false;
-  };
-  auto arguments = std::make_shared<Arguments>();
-  command->add_option("PATH", arguments->path, "A folder or file of the drive");
-  command->add_flag("-1,--names", arguments->names_only, "Names only, one a line");
-  command->callback([=] {
-    *action = [=](Shell& shell) { run_ls(shell, arguments->path, arguments->names_only); };
-  });
-}
+void declare_listings(CLI::App* app, Action* action) {
+  auto [ls, listed] = add_command(app, action, "ls", "Lists a folder, or shows one file", run_ls,
+                                  {LIST_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS});
+  ls->add_option("PATH", listed->path, "A folder or file of the drive");
+  ls->add_flag("-1,--names", listed->names_only, "Names only, one a line");
 
-void declare_tree(CLI::App* command, Action* action) {
-  struct Arguments {
-    std::string path = "/";
-    int depth = 0;
-  };
-  auto arguments = std::make_shared<Arguments>();
-  command->add_option("PATH", arguments->path, "A folder of the drive");
-  command->add_option("-d,--depth", arguments->depth, "Levels of folders to show (0: all)")
+  auto [tree, top] = add_command(app, action, "tree", "Lists a folder and all below it", run_tree,
+                                 {LIST_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS});
+  tree->add_option("PATH", top->path, "A folder of the drive");
+  tree->add_option("-d,--depth", top->depth, "Levels of folders to show (0: all)")
       ->check(CLI::NonNegativeNumber);
-  command->callback(
-      [=] { *action = [=](Shell& shell) { run_tree(shell, arguments->path, arguments->depth); }; });
 }
 
 }  // namespace tnwsh

@@ -2,8 +2,6 @@
 #include <fmt/format.h>
 #include <windows.h>
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 
 #include "commands.h"
@@ -12,12 +10,17 @@
 namespace tnwsh {
 namespace {
 
-void run_truncate(Shell& shell, const std::string& path, uint64_t size) {
+struct TruncateArguments {
+  std::string path;
+  uint64_t size = 0;
+};
+
+void run_truncate(Shell& shell, const TruncateArguments& truncate) {
   Drive& drive = shell.drive();
-  RemoteFile file(drive, path, RemoteFile::Mode::CHANGE);
-  file.set_size(size);
+  RemoteFile file(drive, truncate.path, RemoteFile::Mode::CHANGE);
+  file.set_size(truncate.size);
   file.close();
-  check_arrival(drive, path, size);
+  check_arrival(drive, truncate.path, truncate.size);
 }
 
 struct RangeArguments {
@@ -72,7 +75,10 @@ void hold_lock(HeldLock& lock, double seconds) {
   lock.file->close();
 }
 
-void lock(Shell& shell, const LockArguments& arguments) {
+void run_lock(Shell& shell, const LockArguments& arguments) {
+  if (arguments.range.path.empty()) {
+    return list_locks(shell);
+  }
   HeldLock lock{.path = arguments.range.path,
                 .range = checked(arguments.range),
                 .exclusive = !arguments.shared};
@@ -86,7 +92,7 @@ void lock(Shell& shell, const LockArguments& arguments) {
   }
 }
 
-void unlock(Shell& shell, const RangeArguments& arguments) {
+void run_unlock(Shell& shell, const RangeArguments& arguments) {
   const FileRange range = checked(arguments);
   std::vector<HeldLock>& locks = shell.locks();
   const auto found = std::find_if(locks.begin(), locks.end(), [&](const HeldLock& lock) {
@@ -115,40 +121,33 @@ void declare_range(CLI::App* command, RangeArguments* range, bool required) {
 
 }  // namespace
 
-void declare_truncate(CLI::App* command, Action* action) {
-  auto path = std::make_shared<std::string>();
-  auto size = std::make_shared<uint64_t>();
-  command->add_option("FILE", *path, "A file of the drive")->required();
-  command->add_option("SIZE", *size, "Its new size in bytes: 4096, 10k, 4M")
+void declare_open_file_commands(CLI::App* app, Action* action) {
+  auto [truncate, sized] =
+      add_command(app, action, "truncate", "Sets a file's size: cuts it, or adds zeros",
+                  run_truncate, {WRITE_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS});
+  truncate->add_option("FILE", sized->path, "A file of the drive")->required();
+  truncate->add_option("SIZE", sized->size, "Its new size in bytes: 4096, 10k, 4M")
       ->transform(CLI::AsSizeValue(false).description(""))
       ->required();
-  command->callback([=] { *action = [=](Shell& shell) { run_truncate(shell, *path, *size); }; });
-}
 
-void declare_lock(CLI::App* command, Action* action) {
-  auto arguments = std::make_shared<LockArguments>();
-  declare_range(command, &arguments->range, false);
-  command->add_flag("--shared", arguments->shared, "Lets others lock the range as shared, too");
-  command->add_option("--for", arguments->seconds, "Seconds to hold the lock and wait")
+  auto [lock, held] = add_command(
+      app, action, "lock", "Locks a range of a file, or lists the locks that are held", run_lock,
+      {LOCK_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS},
+      "A lock lives as long as the open that took it: at the prompt until unlock or exit, as a\n"
+      "command of its own until Ctrl-C. A conflict is answered at once. Locks are judged among\n"
+      "themselves; reads and writes do not look at them.");
+  declare_range(lock, &held->range, false);
+  lock->get_option("FILE")->needs(lock->get_option("LENGTH"));
+  lock->add_flag("--shared", held->shared, "Lets others lock the range as shared, too");
+  lock->add_option("--for", held->seconds, "Seconds to hold the lock and wait")
       ->check(CLI::PositiveNumber)
       ->option_text("SECONDS");
-  command->callback([=] {
-    const size_t given =
-        command->count("FILE") + command->count("OFFSET") + command->count("LENGTH");
-    if (given == 0) {
-      *action = list_locks;
-    } else if (given == 3) {
-      *action = [=](Shell& shell) { lock(shell, *arguments); };
-    } else {
-      throw CLI::RequiredError("FILE OFFSET LENGTH");
-    }
-  });
-}
 
-void declare_unlock(CLI::App* command, Action* action) {
-  auto range = std::make_shared<RangeArguments>();
-  declare_range(command, range.get(), true);
-  command->callback([=] { *action = [=](Shell& shell) { unlock(shell, *range); }; });
+  auto [unlock, lifted] =
+      add_command(app, action, "unlock", "Lifts a lock of this shell", run_unlock,
+                  {UNLOCK_ANSWERS, DRIVE_ANSWERS},
+                  "The range is exactly one that was locked; \"lock\" alone lists them.");
+  declare_range(unlock, lifted, true);
 }
 
 }  // namespace tnwsh

@@ -2,8 +2,6 @@
 #include <fmt/format.h>
 #include <windows.h>
 
-#include <CLI/CLI.hpp>
-
 #include <cstring>
 
 #include "commands.h"
@@ -50,59 +48,61 @@ void run_stat(Shell& shell, const std::string& path) {
   print_field("checksum", field_text(info.fi_cksum));
 }
 
+struct MvArguments {
+  std::string source;
+  std::string target;
+};
+
 /* A folder takes the item; but the item itself in another spelling is a rename of its own. */
-void run_mv(Shell& shell, const std::string& source, const std::string& target) {
+void run_mv(Shell& shell, const MvArguments& mv) {
   Drive& drive = shell.drive();
-  const std::optional<Entry> there = drive.find(target);
-  const bool into = there && there->folder && there->id != drive.get(source).id;
-  drive.rename(source, into ? join_path(target, name_of(source)) : target);
+  const std::optional<Entry> there = drive.find(mv.target);
+  const bool into = there && there->folder && there->id != drive.get(mv.source).id;
+  drive.rename(mv.source, into ? join_path(mv.target, name_of(mv.source)) : mv.target);
 }
 
-void run_rm(Shell& shell, const std::string& path, bool check) {
+struct RmArguments {
+  std::string path;
+  bool check = false;
+};
+
+void run_rm(Shell& shell, const RmArguments& rm) {
   Drive& drive = shell.drive();
-  if (!check) {
-    drive.remove(path);
-  } else if (!drive.can_delete(path)) {
-    throw Failure(path,
+  if (!rm.check) {
+    drive.remove(rm.path);
+  } else if (!drive.can_delete(rm.path)) {
+    throw Failure(rm.path,
                   "may not be deleted now: it is open, read-only or a folder that is not empty");
   } else {
-    fmt::print("{}: may be deleted\n", path);
+    fmt::print("{}: may be deleted\n", rm.path);
   }
 }
 
+void run_mkdir(Shell& shell, const std::string& path) { shell.drive().make_folder(path); }
+
 }  // namespace
 
-void declare_stat(CLI::App* command, Action* action) {
-  auto path = std::make_shared<std::string>();
-  command->add_option("PATH", *path, "A file or folder of the drive")->required();
-  command->callback([=] { *action = [=](Shell& shell) { run_stat(shell, *path); }; });
-}
+void declare_name_commands(CLI::App* app, Action* action) {
+  auto [stat, stat_path] =
+      add_command(app, action, "stat", "Shows all that the cloud tells of a file or folder",
+                  run_stat, {PATH_ANSWERS, DRIVE_ANSWERS});
+  stat->add_option("PATH", *stat_path, "A file or folder of the drive")->required();
 
-void declare_mv(CLI::App* command, Action* action) {
-  auto source = std::make_shared<std::string>();
-  auto target = std::make_shared<std::string>();
-  command->add_option("SOURCE", *source, "A file or folder of the drive")->required();
-  command->add_option("TARGET", *target, "Its new path, or a folder that takes it")->required();
-  command->callback([=] { *action = [=](Shell& shell) { run_mv(shell, *source, *target); }; });
-}
+  auto [mv, names] =
+      add_command(app, action, "mv", "Renames or moves a file or folder; replaces nothing", run_mv,
+                  {RENAME_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS});
+  mv->add_option("SOURCE", names->source, "A file or folder of the drive")->required();
+  mv->add_option("TARGET", names->target, "Its new path, or a folder that takes it")->required();
 
-void declare_rm(CLI::App* command, Action* action) {
-  struct Arguments {
-    std::string path;
-    bool check = false;
-  };
-  auto arguments = std::make_shared<Arguments>();
-  command->add_option("PATH", arguments->path, "A file or empty folder of the drive")->required();
-  command->add_flag("--check", arguments->check,
-                    "Deletes nothing, only says whether it may be deleted now");
-  command->callback(
-      [=] { *action = [=](Shell& shell) { run_rm(shell, arguments->path, arguments->check); }; });
-}
+  auto [rm, removed] = add_command(app, action, "rm", "Deletes a file or an empty folder", run_rm,
+                                   {DELETE_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS});
+  rm->add_option("PATH", removed->path, "A file or empty folder of the drive")->required();
+  rm->add_flag("--check", removed->check,
+               "Deletes nothing, only says whether it may be deleted now");
 
-void declare_mkdir(CLI::App* command, Action* action) {
-  auto path = std::make_shared<std::string>();
-  command->add_option("PATH", *path, "The new folder; its own folder is there")->required();
-  command->callback([=] { *action = [=](Shell& shell) { shell.drive().make_folder(*path); }; });
+  auto [mkdir, folder] = add_command(app, action, "mkdir", "Makes a folder", run_mkdir,
+                                     {MAKE_FOLDER_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS});
+  mkdir->add_option("PATH", *folder, "The new folder; its own folder is there")->required();
 }
 
 }  // namespace tnwsh

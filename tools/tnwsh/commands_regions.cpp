@@ -1,8 +1,6 @@
 /* regions: what of a file is in the local cache, and what the service still has to write back. */
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
@@ -112,20 +110,27 @@ void run_regions(Shell& shell, const Arguments& arguments) {
 
 }  // namespace
 
-void declare_regions(CLI::App* command, Action* action) {
-  auto arguments = std::make_shared<Arguments>();
-  const auto range = [&](const char* name, std::vector<uint64_t>& value, const char* help) {
+void declare_regions(CLI::App* app, Action* action) {
+  auto [regions, arguments] = add_command(
+      app, action, "regions", "Draws which regions of a file are cached here, and which are dirty",
+      run_regions, {READ_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS},
+      "These are the maps of an open: of the one that a lock of the prompt holds, or of a new "
+      "one.\n"
+      "Dirty regions are those that the service expects to be written; only an open that writes\n"
+      "knows them. One character is one region, or several: # all of them, + some, . none.\n"
+      "In JSON a map is a list of [first region, count].");
+  const auto range = [command = regions](const char* name, std::vector<uint64_t>& value,
+                                         const char* help) {
     command->add_option(name, value, help)
         ->expected(2)
         ->transform(CLI::AsSizeValue(false).description(""))
         ->option_text("OFFSET LENGTH");
   };
-  command->add_option("FILE", arguments->path, "A file of the drive")->required();
+  regions->add_option("FILE", arguments->path, "A file of the drive")->required();
   range("--read", arguments->read, "Reads a range first");
   range("--rewrite", arguments->rewrite,
         "Reads a range first and writes the same bytes again, in an open of its own");
-  command->add_flag("--json", arguments->json, "For programs: one line of JSON");
-  command->callback([=] { *action = [=](Shell& shell) { run_regions(shell, *arguments); }; });
+  regions->add_flag("--json", arguments->json, "For programs: one line of JSON");
 }
 
 }  // namespace tnwsh

@@ -1,8 +1,6 @@
 /* token, proxy and purge: the cache service and its cache. */
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
-
 #include "commands.h"
 
 namespace tnwsh {
@@ -18,10 +16,13 @@ std::string secret(const std::string& argument) {
 }
 
 /* The parser would show the words that it does not expect, and they may be of a secret. */
-void refuse_extras(const CLI::App& command, const char* usage) {
-  if (!command.remaining().empty()) {
-    throw UsageError(usage);
-  }
+void refuse_extras(CLI::App* command, const char* usage) {
+  command->allow_extras();
+  command->parse_complete_callback([=] {
+    if (!command->remaining().empty()) {
+      throw UsageError(usage);
+    }
+  });
 }
 
 constexpr char SECRET_HELP[] = "; \"-\" reads it from the next line of standard input";
@@ -41,7 +42,7 @@ struct Proxy {
   std::string password;
 };
 
-void set_proxy(Shell& shell, const Proxy& proxy) {
+void run_proxy(Shell& shell, const Proxy& proxy) {
   Options next = shell.options();
   next.proxy = proxy.server;
   next.proxy_user = proxy.user;
@@ -51,10 +52,14 @@ void set_proxy(Shell& shell, const Proxy& proxy) {
   shell.change(std::move(next));
 }
 
-void run_purge(Shell& shell, bool sure) {
+struct PurgeArguments {
+  bool sure = false;
+};
+
+void run_purge(Shell& shell, const PurgeArguments& purge) {
   const std::string question = fmt::format(
       "Delete {} with all changes that are not in the cloud yet?", cache_folder(shell.options()));
-  if (!sure && !confirm(question)) {
+  if (!purge.sure && !confirm(question)) {
     throw Failure(cache_folder(shell.options()),
                   "not deleted: changes that are not in the cloud yet would be lost; --yes deletes "
                   "it nevertheless");
@@ -65,32 +70,25 @@ void run_purge(Shell& shell, bool sure) {
 
 }  // namespace
 
-void declare_token(CLI::App* command, Action* action) {
-  auto token = std::make_shared<std::string>();
-  command->add_option("TOKEN", *token, std::string("The new token") + SECRET_HELP)->required();
-  command->allow_extras();
-  command->callback([=] {
-    refuse_extras(*command, "The token must be one word");
-    *action = [=](Shell& shell) { run_token(shell, *token); };
-  });
-}
+void declare_service_commands(CLI::App* app, Action* action) {
+  auto [token, new_token] =
+      add_command(app, action, "token", "Hands a new access token to the cache service", run_token,
+                  {TOKEN_ANSWERS, DRIVE_ANSWERS});
+  token->add_option("TOKEN", *new_token, std::string("The new token") + SECRET_HELP)->required();
+  refuse_extras(token, "The token must be one word");
 
-void declare_proxy(CLI::App* command, Action* action) {
-  auto proxy = std::make_shared<Proxy>();
-  command->add_option("SERVER", proxy->server, "The proxy: host:port")->required();
-  command->add_option("USER", proxy->user, "Its user");
-  command->add_option("PASSWORD", proxy->password, std::string("Their password") + SECRET_HELP);
-  command->allow_extras();
-  command->callback([=] {
-    refuse_extras(*command, "The proxy takes at most three words");
-    *action = [=](Shell& shell) { set_proxy(shell, *proxy); };
-  });
-}
+  auto [proxy, named] =
+      add_command(app, action, "proxy", "Tells the cache service the HTTP proxy to use", run_proxy,
+                  {PROXY_ANSWERS, DRIVE_ANSWERS}, "It counts for as long as this shell runs.");
+  proxy->add_option("SERVER", named->server, "The proxy: host:port")->required();
+  proxy->add_option("USER", named->user, "Its user");
+  proxy->add_option("PASSWORD", named->password, std::string("Their password") + SECRET_HELP);
+  refuse_extras(proxy, "The proxy takes at most three words");
 
-void declare_purge(CLI::App* command, Action* action) {
-  auto sure = std::make_shared<bool>(false);
-  command->add_flag("--yes", *sure, "Does not ask");
-  command->callback([=] { *action = [=](Shell& shell) { run_purge(shell, *sure); }; });
+  auto [purge, arguments] = add_command(
+      app, action, "purge", "Deletes the user's cache on this machine", run_purge, {PURGE_ANSWERS},
+      "Changes that are not in the cloud yet are lost. A drive of this shell is stopped first.");
+  purge->add_flag("--yes", arguments->sure, "Does not ask");
 }
 
 }  // namespace tnwsh

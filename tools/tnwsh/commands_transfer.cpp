@@ -1,8 +1,6 @@
 /* cat, get and put. */
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
-
 #include "commands.h"
 #include "transfer.h"
 #include "tree_copy.h"
@@ -48,7 +46,7 @@ std::string get_target(const Entry& entry, const std::string& local) {
   return local.empty() ? entry.name : is_local_folder(local) ? local + '\\' + entry.name : local;
 }
 
-void get(Shell& shell, const Transfer& get) {
+void run_get(Shell& shell, const Transfer& get) {
   Drive& drive = shell.drive();
   const Entry entry = drive.get(get.from);
   const std::string target = get_target(entry, get.to);
@@ -74,7 +72,7 @@ std::string put_target(Drive& drive, const std::string& local, const std::string
   return written_as_folder || (entry && entry->folder) ? join_path(remote, name) : remote;
 }
 
-void put(Shell& shell, const Transfer& put) {
+void run_put(Shell& shell, const Transfer& put) {
   const bool folder = is_local_folder(put.from);
   if (folder && !put.tree) {
     refuse_folder(put.from, TREE_HINT);
@@ -94,30 +92,30 @@ void put(Shell& shell, const Transfer& put) {
 
 }  // namespace
 
-void declare_cat(CLI::App* command, Action* action) {
-  auto path = std::make_shared<std::string>();
-  command->add_option("PATH", *path, "A file of the drive")->required();
-  command->callback([=] { *action = [=](Shell& shell) { run_cat(shell, *path); }; });
-}
+void declare_transfers(CLI::App* app, Action* action) {
+  constexpr char TREE_DETAILS[] =
+      "With -r it goes on past what fails, tells it at once and lists it at the end. Links to "
+      "folders\n"
+      "of this machine are not followed.";
+  auto [cat, path] = add_command(app, action, "cat", "Writes a file to standard output", run_cat,
+                                 {READ_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS});
+  cat->add_option("PATH", *path, "A file of the drive")->required();
 
-void declare_get(CLI::App* command, Action* action) {
-  auto get = std::make_shared<Transfer>();
-  command->add_option("REMOTE", get->from, "A file of the drive, or with -r a folder")->required();
-  command->add_option(
-      "LOCAL", get->to,
-      "The copy, or a folder for it (default: this folder); replaced when complete");
-  command->add_flag("-r,--recursive", get->tree, "Copies a folder and all below it");
-  command->callback([=] { *action = [=](Shell& shell) { get(shell, *get); }; });
-}
+  auto [get, got] =
+      add_command(app, action, "get", "Copies a file or folder of the drive to this machine",
+                  run_get, {READ_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS}, TREE_DETAILS);
+  get->add_option("REMOTE", got->from, "A file of the drive, or with -r a folder")->required();
+  get->add_option("LOCAL", got->to,
+                  "The copy, or a folder for it (default: this folder); replaced when complete");
+  get->add_flag("-r,--recursive", got->tree, "Copies a folder and all below it");
 
-void declare_put(CLI::App* command, Action* action) {
-  auto put = std::make_shared<Transfer>();
-  command->add_option("LOCAL", put->from, "A file of this machine, or with -r a folder")
-      ->required();
-  command->add_option("REMOTE", put->to,
-                      "The copy, or a folder for it (default: the drive's top folder)");
-  command->add_flag("-r,--recursive", put->tree, "Copies a folder and all below it");
-  command->callback([=] { *action = [=](Shell& shell) { put(shell, *put); }; });
+  auto [put, sent] =
+      add_command(app, action, "put", "Copies a file or folder of this machine to the drive",
+                  run_put, {WRITE_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS}, TREE_DETAILS);
+  put->add_option("LOCAL", sent->from, "A file of this machine, or with -r a folder")->required();
+  put->add_option("REMOTE", sent->to,
+                  "The copy, or a folder for it (default: the drive's top folder)");
+  put->add_flag("-r,--recursive", sent->tree, "Copies a folder and all below it");
 }
 
 }  // namespace tnwsh
