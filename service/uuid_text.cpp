@@ -1,16 +1,12 @@
 #include "uuid_text.h"
 
-#include <windows.h>
-/* after windows.h */
-#include <rpc.h>
-
 #include <cstring>
 
-#include "ox_util.h"
+#include "ox_uuid.h"
 
 namespace tarnd {
 
-static_assert(sizeof(UUID) == sizeof(cfs_id_t));
+static_assert(sizeof(cfs_id_t) == OX_UUID_SIZE);
 
 std::string text_of_id(const cfs_id_t& id) {
   char text[OX_UUID_TEXT_SIZE];
@@ -23,10 +19,8 @@ bool id_of_text(const std::string& text, cfs_id_t* id) {
 }
 
 cfs_id_t new_id() {
-  UUID uuid;
-  UuidCreate(&uuid);
   cfs_id_t id;
-  std::memcpy(&id, &uuid, sizeof id);
+  ox_uuid_generate(id.id);
   return id;
 }
 

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "ox_util.h"
+#include "ox_uuid.h"
 
 namespace tools {
 

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "common.h"
+
 namespace tnwsh {
 
 using std::chrono::milliseconds;

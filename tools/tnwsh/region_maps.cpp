@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "common.h"
 #include "vfstnw_bmap.h"
 
 namespace tnwsh {
