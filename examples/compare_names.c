@@ -8,8 +8,10 @@
 
 #include "ox_text.h"
 
-/* Windows hands out names in UTF-16, the library takes UTF-8. A name with half a character in it
-   has no UTF-8: it must not become another one, which a replacement character would make it. */
+/*
+ * Windows hands out names in UTF-16, and the library takes UTF-8. A name with half a character in
+ * it has no UTF-8. It is refused, since a replacement character would make another name of it.
+ */
 static int to_utf8(const wchar_t* name, char* text, int size) {
   return WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, name, -1, text, size, NULL, NULL) > 0;
 }
@@ -18,7 +20,7 @@ int main(void) {
   int count;
   wchar_t** args = CommandLineToArgvW(GetCommandLineW(), &count);
   char name[1024], other[1024];
-  if (!args || count < 3) {
+  if (args == NULL || count < 3) {
     return puts("compare_names NAME OTHER..."), 2;
   }
   if (!to_utf8(args[1], name, sizeof name)) {

@@ -1,6 +1,6 @@
 /*
- * Shows an attribute of a file, gives it a value, or removes it: without VALUE, with one, with "".
- * A lock keeps two runs on one file apart, so that nobody sees a value half replaced.
+ * Shows an attribute of a file, sets it to VALUE, or removes it when VALUE is "". Each run locks
+ * the file, so that no other run sees a value half replaced.
  */
 #include <stdio.h>
 #include <stdlib.h>
@@ -16,7 +16,7 @@ static ox_off value_length(const char* file, const char* name) {
   if (ox_get_stream_name(file, name, stream) != 0) {
     return -1;
   }
-  int fd = ox_creat(stream, OX_O_RDONLY, 0222); /* creates nothing, and is silent */
+  int fd = ox_creat(stream, OX_O_RDONLY, 0222); /* without a value it logs nothing */
   if (fd < 0) {
     return -1;
   }
@@ -30,8 +30,8 @@ static int show(int fd, const char* file, const char* name) {
   if (length < 0) {
     return printf("%s: none\n", name), 1;
   }
-  char* value = malloc((size_t)length + 1); /* room for all of it: the call does not look */
-  ox_s64 got = value ? ox_fgetxattr(fd, name, value, (size_t)length) : -1;
+  char* value = malloc((size_t)length + 1); /* must hold the whole value */
+  ox_s64 got = value != NULL ? ox_fgetxattr(fd, name, value, (size_t)length) : -1;
   if (got >= 0) {
     printf("%s: %.*s\n", name, (int)got, value);
   }
@@ -39,10 +39,10 @@ static int show(int fd, const char* file, const char* name) {
   return got < 0;
 }
 
-/* Removed first: a shorter value would keep the tail of a longer one. */
+/* The old value is removed first: a shorter one would keep its tail. */
 static int set(const char* file, const char* name, const char* value) {
   if (ox_removexattr(file, name) == 0 &&
-      (!*value || ox_setxattr(file, name, value, strlen(value), 0) == 0)) {
+      (value[0] == '\0' || ox_setxattr(file, name, value, strlen(value), 0) == 0)) {
     return 0;
   }
   return printf("%s: cannot be set\n", name), 1;
@@ -56,7 +56,7 @@ int main(int argc, char** argv) {
   if (fd < 0) {
     return 1;
   }
-  OVERLAPPED far_behind_the_content = {.OffsetHigh = 0x7fffffff}; /* reading is not kept out */
+  OVERLAPPED far_behind_the_content = {.OffsetHigh = 0x7fffffff}; /* others may read */
   if (!ox_lock_file(fd, LOCKFILE_EXCLUSIVE_LOCK, 1, 0, &far_behind_the_content)) {
     return 1;
   }

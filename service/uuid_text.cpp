@@ -1,43 +1,26 @@
 #include "uuid_text.h"
 
-#include <windows.h>
-/* after windows.h */
-#include <rpc.h>
-
 #include <cstring>
+
+#include "ox_uuid.h"
 
 namespace tarnd {
 
-static_assert(sizeof(UUID) == sizeof(cfs_id_t));
+static_assert(sizeof(cfs_id_t) == OX_UUID_SIZE);
 
 std::string text_of_id(const cfs_id_t& id) {
-  UUID uuid;
-  std::memcpy(&uuid, &id, sizeof uuid);
-  RPC_CSTR text = nullptr;
-  if (UuidToStringA(&uuid, &text) != RPC_S_OK) {
-    return {};
-  }
-  const std::string result(reinterpret_cast<const char*>(text));
-  RpcStringFreeA(&text);
-  return result;
+  char text[OX_UUID_TEXT_SIZE];
+  ox_uuid_unparse(id.id, text);
+  return text;
 }
 
 bool id_of_text(const std::string& text, cfs_id_t* id) {
-  std::string copy = text;
-  UUID uuid;
-  if (copy.size() != 36 ||
-      UuidFromStringA(reinterpret_cast<RPC_CSTR>(copy.data()), &uuid) != RPC_S_OK) {
-    return false;
-  }
-  std::memcpy(id, &uuid, sizeof uuid);
-  return true;
+  return text.size() == OX_UUID_TEXT_SIZE - 1 && ox_uuid_parse(text.c_str(), id->id) == 0;
 }
 
 cfs_id_t new_id() {
-  UUID uuid;
-  UuidCreate(&uuid);
   cfs_id_t id;
-  std::memcpy(&id, &uuid, sizeof id);
+  ox_uuid_generate(id.id);
   return id;
 }
 

@@ -13,14 +13,14 @@ struct Fault {
   uint64_t offset;   /* in bytes from the list's start */
   std::string where; /* the field, and the entry's number from 1 */
   std::string what;
-  bool fatal; /* the library would end the process over it, or wait for ever */
+  bool fatal; /* the library does not read or walk the list: it ends the process, or waits */
 };
 
 /* Checks every offset, length, count and text of a list file's bytes, in the order of the file. */
-std::vector<Fault> CheckList(std::span<const uint8_t> bytes);
+std::vector<Fault> check_list(std::span<const uint8_t> bytes);
 
 /* Whether the library can read, walk and print the list. */
-bool CanBeWalked(const std::vector<Fault>& faults);
+bool can_be_walked(const std::vector<Fault>& faults);
 
 }  // namespace cfflprint
 

@@ -1,4 +1,4 @@
-/* A cloud file list in a file, through the library. */
+/* A cloud file list in a file, which others may write meanwhile. Failures are tools::Failures. */
 #ifndef CFFLPRINT_LIST_FILE_H
 #define CFFLPRINT_LIST_FILE_H
 
@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "list_check.h"
 #include "tn_cffl.h"
 
 namespace cfflprint {
@@ -17,27 +16,14 @@ struct FreeList {
 };
 using List = std::unique_ptr<cfs_cffl, FreeList>;
 
-class ListFile {
- public:
-  /* All throw a tnwsh::Failure. The path is UTF-8. */
-  explicit ListFile(const std::string& path);
-  ListFile(const ListFile&) = delete;
-  ListFile& operator=(const ListFile&) = delete;
-  ~ListFile();
+/* The bytes of the file, whatever they are. */
+std::vector<uint8_t> file_bytes(const std::string& path);
 
-  /* The bytes of the file, whatever they are. */
-  std::vector<uint8_t> Bytes() const;
-  /*
-   * The list, where header and file agree on its size: the library would wait for missing bytes.
-   * Its entries are not looked at.
-   */
-  List Read() const;
-
- private:
-  uint64_t Size() const;
-  std::string path_;
-  int fd_;
-};
+/*
+ * The list, as the library reads it. A file that is shorter than its header says is refused: the
+ * library would wait for the missing bytes. The entries are not looked at.
+ */
+List read_list(const std::string& path);
 
 }  // namespace cfflprint
 

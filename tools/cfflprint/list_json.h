@@ -11,8 +11,8 @@
 namespace cfflprint {
 
 /* Bytes of names that are no UTF-8 become U+FFFD. The list must be one that can be walked. */
-std::string ListJson(const cfs_cffl* list);
-std::string FaultsJson(const std::string& path, const std::vector<Fault>& faults);
+std::string list_json(const cfs_cffl* list);
+std::string faults_json(const std::string& path, const std::vector<Fault>& faults);
 
 }  // namespace cfflprint
 

@@ -24,8 +24,8 @@ struct Item {
 };
 
 /* `user` owns everything. Texts that are longer than their fields are cut. */
-std::vector<uint8_t> WriteList(const Item& folder, const std::vector<Item>& entries,
-                               const std::string& user, ox_timespec_t now);
+std::vector<uint8_t> write_list(const Item& folder, const std::vector<Item>& entries,
+                                const std::string& user, ox_timespec_t now);
 
 }  // namespace cfflprint
 

@@ -3,22 +3,24 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
+
+#include "list_check.h"
 #include "list_file.h"
 #include "list_json.h"
 #include "make_list.h"
 #include "tn_util.h"
-#include "tools/program.h"
-#include "tools/tnwsh/console.h"
-#include "tools/tnwsh/failure.h"
-#include "tools/tnwsh/text.h"
+#include "tools/common/console.h"
+#include "tools/common/program.h"
+#include "tools/common/text.h"
 
 namespace cfflprint {
 namespace {
 
-constexpr char kDescription[] =
+constexpr char DESCRIPTION[] =
     "Prints a cloud file list, as the library's listings show it; or checks or makes one.";
 
-const std::string kFooter = fmt::format(
+const std::string FOOTER = fmt::format(
     "--make lists the files and folders of DIR, not what is in those. A file's digest is SHA-512\n"
     "over the whole file; its checksum has version 1 and counts chunks of {} bytes, none in\n"
     "an empty file. Identifiers follow from paths and revisions from contents, so they stay the\n"
@@ -26,7 +28,7 @@ const std::string kFooter = fmt::format(
     "no list is written. There is no hash table.\n\n"
     "Exit status: 0, 1 when the list is damaged or an operation failed, 2 when the command line\n"
     "makes no sense.",
-    kChunkSize);
+    CHUNK_SIZE);
 
 struct Options {
   std::string file;
@@ -39,7 +41,7 @@ struct Options {
   std::string user = "me";
 };
 
-void DeclareOptions(CLI::App* app, Options* options) {
+void declare_options(CLI::App* app, Options* options) {
   app->add_option("FILE", options->file, "The list")->required()->option_text(" ");
   const auto flag = [app](const char* name, bool& value, const char* help) {
     return app->add_flag(name, value, help)->option_text(" ");
@@ -71,43 +73,42 @@ void DeclareOptions(CLI::App* app, Options* options) {
       ->option_text("TEXT=me");
 }
 
-void PrintFaults(FILE* stream, const std::string& path, const std::vector<Fault>& faults) {
+void print_faults(FILE* stream, const std::string& path, const std::vector<Fault>& faults) {
   for (const Fault& fault : faults) {
     fmt::print(stream, "{}: byte {}, {}: {}\n", path, fault.offset, fault.where, fault.what);
   }
 }
 
-tools::ExitStatus Check(const ListFile& file, const Options& options) {
-  const std::vector<Fault> faults = CheckList(file.Bytes());
+tools::ExitStatus check(const Options& options) {
+  const std::vector<Fault> faults = check_list(file_bytes(options.file));
   if (options.json) {
-    fmt::print("{}", FaultsJson(options.file, faults));
+    fmt::print("{}", faults_json(options.file, faults));
   } else {
-    PrintFaults(stdout, options.file, faults);
+    print_faults(stdout, options.file, faults);
     fmt::print("{}: {}\n", options.file,
-               faults.empty() ? "a valid list" : tnwsh::Counted(faults.size(), "fault"));
+               faults.empty() ? "a valid list" : tools::counted(faults.size(), "fault"));
   }
-  return faults.empty() ? tools::kSuccess : tools::kFailed;
+  return faults.empty() ? tools::EXIT_OK : tools::EXIT_FAILED;
 }
 
-void PrintFileInformation(const cfs_path* cfp) {
+void print_file_information(const cfs_path* cfp) {
   tnw_fileinfo info;
   tn_cfp2fi(&info, cfp);
-  const std::string name(info.fi_name, strnlen(info.fi_name, sizeof(info.fi_name)));
   fmt::print("{:>12} {:<6} {} {} {}\n", info.fi_size, info.fi_attr == 16 ? "folder" : "file",
-             tnwsh::LocalTimeText(info.fi_mtime), info.fi_id, name);
+             tools::local_time_text(info.fi_mtime), info.fi_id, tools::field_text(info.fi_name));
   if (info.fi_cksum[0] != '\0') {
     fmt::print("{:>12} {}\n", "", info.fi_cksum);
   }
 }
 
-void Print(const cfs_cffl* list, const Options& options) {
+void print(const cfs_cffl* list, const Options& options) {
   if (options.json) {
-    fmt::print("{}", ListJson(list));
+    fmt::print("{}", list_json(list));
   } else if (options.brief) {
     tn_print_cffl_finfo(list);
   } else if (options.entries) {
     for (auto* cfp = tn_get_first_cfp(list); cfp != nullptr; cfp = tn_get_next_cfp(list, cfp)) {
-      PrintFileInformation(cfp);
+      print_file_information(cfp);
     }
   } else {
     tn_print_cffl(list, options.hash ? 1 : 0);
@@ -115,42 +116,40 @@ void Print(const cfs_cffl* list, const Options& options) {
 }
 
 /* The library ends the process over a damaged list: such a one does not get that far. */
-tools::ExitStatus CheckAndPrint(const ListFile& file, const Options& options) {
-  const List list = file.Read();
+tools::ExitStatus check_and_print(const Options& options) {
+  const List list = read_list(options.file);
   const auto* bytes = reinterpret_cast<const uint8_t*>(list.get());
-  const std::vector<Fault> faults = CheckList({bytes, list->cfh_head.cf_size});
-  if (!CanBeWalked(faults)) {
-    PrintFaults(stderr, options.file, faults);
-    return tools::kFailed;
+  const uint64_t size = std::max<uint64_t>(list->cfh_head.cf_size, sizeof(cfs_cffl));
+  const std::vector<Fault> faults = check_list({bytes, size});
+  if (!can_be_walked(faults)) {
+    print_faults(stderr, options.file, faults);
+    return tools::EXIT_FAILED;
   }
-  Print(list.get(), options);
-  return tools::kSuccess;
+  print(list.get(), options);
+  return tools::EXIT_OK;
 }
 
-tools::ExitStatus Run(const Options& options) {
+tools::ExitStatus run(const Options& options) {
   if (!options.make.empty()) {
-    MakeList(options.make, options.file, options.user);
-    return tools::kSuccess;
+    make_list(options.make, options.file, options.user);
+    return tools::EXIT_OK;
   }
-  const ListFile file(options.file);
-  return options.check ? Check(file, options) : CheckAndPrint(file, options);
+  return options.check ? check(options) : check_and_print(options);
 }
 
-tools::ExitStatus Main() {
+tools::ExitStatus run(const std::vector<std::string>& words) {
   Options options;
-  CLI::App app(kDescription, "cfflprint");
-  app.footer(kFooter);
-  DeclareOptions(&app, &options);
-  if (const auto status = tools::ParseCommandLine(&app, tnwsh::ProgramArguments())) {
-    return *status;
-  }
-  return Run(options);
+  CLI::App app(DESCRIPTION, "cfflprint");
+  app.footer(FOOTER);
+  declare_options(&app, &options);
+  const auto status = tools::parse_command_line(&app, words);
+  return status ? *status : run(options);
 }
 
 }  // namespace
 }  // namespace cfflprint
 
-int main() {
-  tnwsh::SetUpConsole();
-  return tools::RunProgram("cfflprint", cfflprint::Main);
+int main(int argc, char** argv) {
+  return tools::run_program("cfflprint",
+                            [&] { return cfflprint::run(tools::set_up_console(argc, argv)); });
 }

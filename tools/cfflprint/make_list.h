@@ -7,13 +7,13 @@
 namespace cfflprint {
 
 /* The size of the chunks that a file's checksum counts, in bytes. */
-inline constexpr unsigned kChunkSize = 4194304;
+inline constexpr unsigned CHUNK_SIZE = 4194304;
 
 /*
- * Writes the list of `folder` to `file`, or leaves that as it was and throws a tnwsh::Failure.
+ * Writes the list of `folder` to `file`, or leaves that as it was and throws a tools::Failure.
  * Paths are UTF-8. `user` must fit in 63 bytes.
  */
-void MakeList(const std::string& folder, const std::string& file, const std::string& user);
+void make_list(const std::string& folder, const std::string& file, const std::string& user);
 
 }  // namespace cfflprint
 

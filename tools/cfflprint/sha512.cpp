@@ -10,7 +10,7 @@
 namespace cfflprint {
 namespace {
 
-void Require(NTSTATUS status, const char* call) {
+void require(NTSTATUS status, const char* call) {
   if (status < 0) {
     throw std::runtime_error(
         fmt::format("no SHA-512 digest: {} gives {:#x}", call, static_cast<uint32_t>(status)));
@@ -20,13 +20,13 @@ void Require(NTSTATUS status, const char* call) {
 }  // namespace
 
 Sha512::Sha512() {
-  Require(BCryptOpenAlgorithmProvider(&algorithm_, BCRYPT_SHA512_ALGORITHM, nullptr, 0),
+  require(BCryptOpenAlgorithmProvider(&algorithm_, BCRYPT_SHA512_ALGORITHM, nullptr, 0),
           "BCryptOpenAlgorithmProvider");
   const NTSTATUS status = BCryptCreateHash(algorithm_, &hash_, nullptr, 0, nullptr, 0, 0);
   if (status < 0) {
     BCryptCloseAlgorithmProvider(algorithm_, 0);
   }
-  Require(status, "BCryptCreateHash");
+  require(status, "BCryptCreateHash");
 }
 
 Sha512::~Sha512() {
@@ -34,13 +34,13 @@ Sha512::~Sha512() {
   BCryptCloseAlgorithmProvider(algorithm_, 0);
 }
 
-void Sha512::Add(std::string_view data) {
+void Sha512::add(std::string_view data) {
   auto* bytes = reinterpret_cast<uint8_t*>(const_cast<char*>(data.data()));
-  Require(BCryptHashData(hash_, bytes, static_cast<ULONG>(data.size()), 0), "BCryptHashData");
+  require(BCryptHashData(hash_, bytes, static_cast<ULONG>(data.size()), 0), "BCryptHashData");
 }
 
-void Sha512::Finish(uint8_t (&digest)[kSize]) {
-  Require(BCryptFinishHash(hash_, digest, kSize, 0), "BCryptFinishHash");
+void Sha512::finish(uint8_t (&digest)[SIZE]) {
+  require(BCryptFinishHash(hash_, digest, SIZE, 0), "BCryptFinishHash");
 }
 
 }  // namespace cfflprint

@@ -10,16 +10,16 @@ namespace cfflprint {
 
 class Sha512 {
  public:
-  static constexpr size_t kSize = 64;
+  static constexpr size_t SIZE = 64;
 
   /* All throw a std::runtime_error when Windows refuses. */
   Sha512();
   Sha512(const Sha512&) = delete;
   Sha512& operator=(const Sha512&) = delete;
   ~Sha512();
-  void Add(std::string_view data);
+  void add(std::string_view data);
   /* Once, at the end. */
-  void Finish(uint8_t (&digest)[kSize]);
+  void finish(uint8_t (&digest)[SIZE]);
 
  private:
   void* algorithm_ = nullptr;

@@ -6,6 +6,9 @@
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
+
+#include "tools/common/console.h"
+
 #ifdef _WIN32
 #include <windows.h>
 #else
@@ -19,13 +22,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr size_t kBlock = 1 << 18;
+constexpr size_t BLOCK = 1 << 18;
 
-fs::path PathOf(const std::string& name) {
+fs::path path_of(const std::string& name) {
   return fs::path(std::u8string(name.begin(), name.end()));
 }
 
-std::string NameOf(const fs::path& path) {
+std::string name_of(const fs::path& path) {
   const std::u8string name = path.u8string();
   return std::string(name.begin(), name.end());
 }
@@ -36,43 +39,43 @@ std::string NameOf(const fs::path& path) {
  * The runtime's own calls keep others from renaming the file, and read no further once they have
  * met its end.
  */
-HANDLE OpenShared(const std::string& file, DWORD access) {
-  return CreateFileW(PathOf(file).c_str(), access,
+HANDLE open_shared(const std::string& file, DWORD access) {
+  return CreateFileW(path_of(file).c_str(), access,
                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
                      FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
-HANDLE HandleOf(intptr_t file) { return reinterpret_cast<HANDLE>(file); }
+HANDLE handle_of(intptr_t file) { return reinterpret_cast<HANDLE>(file); }
 
-[[noreturn]] void Fail(const std::string& name) {
+[[noreturn]] void fail(const std::string& name) {
   throw std::system_error(static_cast<int>(GetLastError()), std::system_category(), name);
 }
 
-intptr_t OpenFile(const std::string& name) {
-  const HANDLE handle = OpenShared(name, GENERIC_READ);
+intptr_t open_file(const std::string& name) {
+  const HANDLE handle = open_shared(name, GENERIC_READ);
   if (handle == INVALID_HANDLE_VALUE) {
-    Fail(name);
+    fail(name);
   }
   return reinterpret_cast<intptr_t>(handle);
 }
 
-size_t ReadFile(intptr_t file, char* buffer, size_t size, const std::string& name) {
+size_t read_file(intptr_t file, char* buffer, size_t size, const std::string& name) {
   DWORD count = 0;
-  if (::ReadFile(HandleOf(file), buffer, static_cast<DWORD>(size), &count, nullptr) == 0) {
-    Fail(name);
+  if (::ReadFile(handle_of(file), buffer, static_cast<DWORD>(size), &count, nullptr) == 0) {
+    fail(name);
   }
   return count;
 }
 
-void CloseFile(intptr_t file) { CloseHandle(HandleOf(file)); }
+void close_file(intptr_t file) { CloseHandle(handle_of(file)); }
 
-bool LeadsTo(const std::string& name, intptr_t file) {
-  const HANDLE handle = OpenShared(name, 0);
+bool leads_to(const std::string& name, intptr_t file) {
+  const HANDLE handle = open_shared(name, 0);
   BY_HANDLE_FILE_INFORMATION there;
   BY_HANDLE_FILE_INFORMATION here;
   const bool known = handle != INVALID_HANDLE_VALUE &&
                      GetFileInformationByHandle(handle, &there) != 0 &&
-                     (GetFileInformationByHandle(HandleOf(file), &here) != 0);
+                     (GetFileInformationByHandle(handle_of(file), &here) != 0);
   if (handle != INVALID_HANDLE_VALUE) {
     CloseHandle(handle);
   }
@@ -82,29 +85,29 @@ bool LeadsTo(const std::string& name, intptr_t file) {
 
 #else
 
-[[noreturn]] void Fail(const std::string& name) {
+[[noreturn]] void fail(const std::string& name) {
   throw std::system_error(errno, std::generic_category(), name);
 }
 
-intptr_t OpenFile(const std::string& name) {
+intptr_t open_file(const std::string& name) {
   const int file = open(name.c_str(), O_RDONLY | O_CLOEXEC);
   if (file < 0) {
-    Fail(name);
+    fail(name);
   }
   return file;
 }
 
-size_t ReadFile(intptr_t file, char* buffer, size_t size, const std::string& name) {
+size_t read_file(intptr_t file, char* buffer, size_t size, const std::string& name) {
   const ssize_t count = read(static_cast<int>(file), buffer, size);
   if (count < 0) {
-    Fail(name);
+    fail(name);
   }
   return static_cast<size_t>(count);
 }
 
-void CloseFile(intptr_t file) { close(static_cast<int>(file)); }
+void close_file(intptr_t file) { close(static_cast<int>(file)); }
 
-bool LeadsTo(const std::string& name, intptr_t file) {
+bool leads_to(const std::string& name, intptr_t file) {
   struct stat there;
   struct stat here;
   return stat(name.c_str(), &there) == 0 && fstat(static_cast<int>(file), &here) == 0 &&
@@ -119,26 +122,26 @@ struct Rotated {
   unsigned number;
 };
 
-Rotated RotatedOf(const fs::path& path) {
+Rotated rotated_of(const fs::path& path) {
   const fs::path stem = path.stem();
-  const std::string number = NameOf(stem.extension());
+  const std::string number = name_of(stem.extension());
   unsigned value = 0;
   const auto [end, error] = std::from_chars(number.data() + std::min<size_t>(number.size(), 1),
                                             number.data() + number.size(), value);
   if (number.size() < 2 || error != std::errc() || end != number.data() + number.size()) {
-    return {NameOf(path), 0};
+    return {name_of(path), 0};
   }
-  return {NameOf(path.parent_path() / stem.stem()) + NameOf(path.extension()), value};
+  return {name_of(path.parent_path() / stem.stem()) + name_of(path.extension()), value};
 }
 
-std::vector<std::string> FilesOf(const std::string& name) {
-  if (!fs::is_directory(PathOf(name))) {
+std::vector<std::string> files_of(const std::string& name) {
+  if (!fs::is_directory(path_of(name))) {
     return {name};
   }
   std::vector<std::string> files;
-  for (const fs::directory_entry& entry : fs::directory_iterator(PathOf(name))) {
-    if (fs::path(RotatedOf(entry.path()).log).filename() == "tnvfs.log") {
-      files.push_back(NameOf(entry.path()));
+  for (const fs::directory_entry& entry : fs::directory_iterator(path_of(name))) {
+    if (fs::path(rotated_of(entry.path()).log).filename() == "tnvfs.log") {
+      files.push_back(name_of(entry.path()));
     }
   }
   if (files.empty()) {
@@ -149,7 +152,7 @@ std::vector<std::string> FilesOf(const std::string& name) {
 
 }  // namespace
 
-std::vector<std::string> FindLogFiles(const std::vector<std::string>& names) {
+std::vector<std::string> find_log_files(const std::vector<std::string>& names) {
   struct Found {
     std::string file;
     size_t log;
@@ -158,8 +161,8 @@ std::vector<std::string> FindLogFiles(const std::vector<std::string>& names) {
   std::vector<Found> found;
   std::vector<std::string> logs;
   for (const std::string& name : names) {
-    for (const std::string& file : FilesOf(name)) {
-      const Rotated rotated = RotatedOf(PathOf(file));
+    for (const std::string& file : files_of(name)) {
+      const Rotated rotated = rotated_of(path_of(file));
       const auto log = std::find(logs.begin(), logs.end(), rotated.log);
       found.push_back({file, static_cast<size_t>(log - logs.begin()), rotated.number});
       if (log == logs.end()) {
@@ -177,15 +180,15 @@ std::vector<std::string> FindLogFiles(const std::vector<std::string>& names) {
   return files;
 }
 
-LineReader::LineReader(const std::string& name) : name_(name), file_(OpenFile(name)) {}
+LineReader::LineReader(const std::string& name) : name_(name), file_(open_file(name)) {}
 
-LineReader::~LineReader() { CloseFile(file_); }
+LineReader::~LineReader() { close_file(file_); }
 
-void LineReader::Read(const LineSink& sink) {
+void LineReader::read(const LineSink& sink) {
   for (;;) {
     const size_t kept = rest_.size();
-    rest_.resize(kept + kBlock);
-    const size_t count = ReadFile(file_, rest_.data() + kept, kBlock, name_);
+    rest_.resize(kept + BLOCK);
+    const size_t count = read_file(file_, rest_.data() + kept, BLOCK, name_);
     rest_.resize(kept + count);
     if (count == 0) {
       return;
@@ -200,22 +203,30 @@ void LineReader::Read(const LineSink& sink) {
   }
 }
 
-void LineReader::Finish(const LineSink& sink) {
+void LineReader::finish(const LineSink& sink) {
   if (!rest_.empty()) {
     sink(rest_);
     rest_.clear();
   }
 }
 
-bool LineReader::IsRenamed() const { return !LeadsTo(name_, file_); }
+bool LineReader::is_renamed() const { return !leads_to(name_, file_); }
 
-void ReadLines(const std::string& file, const LineSink& sink) {
-  LineReader reader(file);
-  reader.Read(sink);
-  reader.Finish(sink);
+void read_lines(const std::vector<std::string>& files, const LineSink& sink) {
+  const auto interruptible = [&sink](std::string_view line) {
+    if (tools::interrupted()) {
+      throw std::runtime_error("interrupted");
+    }
+    sink(line);
+  };
+  for (const std::string& file : files) {
+    LineReader reader(file);
+    reader.read(interruptible);
+    reader.finish(interruptible);
+  }
 }
 
-void Follower::Poll(const LineSink& sink) {
+void Follower::poll(const LineSink& sink) {
   if (reader_ == nullptr) {
     try {
       reader_ = std::make_unique<LineReader>(file_);
@@ -223,12 +234,12 @@ void Follower::Poll(const LineSink& sink) {
       return; /* between a rotation's two steps */
     }
   }
-  const bool is_renamed = reader_->IsRenamed();
-  reader_->Read(sink);
+  const bool is_renamed = reader_->is_renamed();
+  reader_->read(sink);
   if (is_renamed) { /* and so nothing more will be written to it */
-    reader_->Finish(sink);
+    reader_->finish(sink);
     reader_.reset();
-    Poll(sink);
+    poll(sink);
   }
 }
 

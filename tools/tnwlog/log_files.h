@@ -22,7 +22,7 @@ using LineSink = std::function<void(std::string_view line)>;
  * tnvfs.log and that one's rotated files (tnvfs.1.log and so on). Rotated files stand, oldest
  * first, where the first file of their log is named. Throws when there are none.
  */
-std::vector<std::string> FindLogFiles(const std::vector<std::string>& names);
+std::vector<std::string> find_log_files(const std::vector<std::string>& names);
 
 /*
  * Reads a file's lines, without their ends; UTF-8 or any other bytes. Throws when it cannot be
@@ -35,11 +35,11 @@ class LineReader {
   LineReader(const LineReader&) = delete;
 
   /* Gives the lines that are whole by now. A later call goes on from there. */
-  void Read(const LineSink& sink);
+  void read(const LineSink& sink);
   /* Gives what stands behind the last line end, if anything. */
-  void Finish(const LineSink& sink);
+  void finish(const LineSink& sink);
   /* Whether the file's name now leads to another file, or to none. */
-  bool IsRenamed() const;
+  bool is_renamed() const;
 
  private:
   const std::string name_;
@@ -47,8 +47,8 @@ class LineReader {
   std::string rest_; /* behind the last line end */
 };
 
-/* All lines of a file. */
-void ReadLines(const std::string& file, const LineSink& sink);
+/* All lines of the files. Throws when one cannot be read, or when Ctrl-C was pressed. */
+void read_lines(const std::vector<std::string>& files, const LineSink& sink);
 
 /* The lines of a log that is being written, over its rotations. */
 class Follower {
@@ -56,7 +56,7 @@ class Follower {
   explicit Follower(const std::string& file) : file_(file) {}
 
   /* Gives what was written since the last call. */
-  void Poll(const LineSink& sink);
+  void poll(const LineSink& sink);
 
  private:
   const std::string file_;

@@ -1,24 +1,28 @@
 #include "log_line.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <charconv>
 #include <chrono>
+
+#include "ox_logging.h"
+#include "tnv_proto.h"
+#include "tools/common/uuid_text.h"
 
 namespace tnwlog {
 namespace {
 
 /* A longer line is cut. */
-constexpr size_t kLongestLine = 4095;
+constexpr size_t LONGEST_LINE = OX_LOG_LINE_SIZE - 1;
+/* A request with three long texts is shorter. */
+constexpr ox_u32 LONGEST_REQUEST = 1 << 16;
 
-#define COMMON R"({"asctime":"<t:time>", "level":"<w:level>", "filename":"<w>", "line":<d>, )"
+#define COMMON R"({"asctime":"<t:time>", "level":"<w>", "filename":"<w>", "line":<d>, )"
 #define CONNECTION                                                           \
   R"("vfs_server_handle":"<h>", "vfs_socket_fd":<d>, "remote_host":"<N>", )" \
   R"("vfs_user":"<N>", "vfs_share_path":"<p>", "vfs_peer_handle":"<h>", )"   \
   R"("vfs_peer_thread":"0x<d>", "vfs_da_device_id":"<N>", )"
 
-const TextPattern& EventPattern() {
+const TextPattern& event_pattern() {
   static const TextPattern pattern(
       COMMON CONNECTION
       R"(<[>"vfs_msg_id":"<m:id>", <]><[>"vfs_drive_id":"<N>", "vfs_proc_name":"<N:process>", <]>)"
@@ -27,159 +31,143 @@ const TextPattern& EventPattern() {
   return pattern;
 }
 
-const TextPattern& ClientPattern() {
+const TextPattern& client_pattern() {
   static const TextPattern pattern(
       COMMON
       R"(<[>"errno":<d>, <]><[>"alert_level":<d>, "alert_reason":"<S>", "alert_ticket":<w>, <]>)"
-      R"(<[>)" CONNECTION R"(<]>"message":"<R:text>)");
+      R"(<[>)" CONNECTION R"(<]>"message":"<P:text>"})");
   return pattern;
 }
 
-/* Lines of the portability layer, by how they show their level. */
-const std::vector<TextPattern>& LayerPatterns() {
-  static const std::vector<TextPattern> patterns = {
-      TextPattern("[<t:time> <d>] ERR:<d><_><w>:<d> <R:text>"),
-      TextPattern("[<t:time> <d>] FATAL   <d>:<_><w>:<d> <R:text>"),
-      TextPattern("[<t:time> <d>] TODO    <d>:<_><w>:<d> <R:text>"),
-      TextPattern("[<t:time> <d>] <w:level> <_><w>:<d> <R:text>"),
-      TextPattern("[<t:time> <d>] <_><w>:<d> <R:text>"),
-      TextPattern("[<t:time> <d>] <R:text>"),
-  };
-  return patterns;
+/* Lines of the portability layer: the level, with its number where it has one, and the position. */
+const TextPattern& layer_pattern() {
+  static const TextPattern pattern("[<t:time> <d>] <[><l><_><w>:<d> <]><R:text>");
+  return pattern;
 }
 
-const TextPattern& HeaderPattern() { return OtherTexts().front(); }
-
-void SplitText(LogLine* parsed) {
-  parsed->text = parsed->pieces.back().text;
-  parsed->pieces.pop_back();
+bool is_hex_row(std::string_view line) {
+  return line.size() >= 2 && line.find_first_not_of("0123456789abcdef ") == std::string_view::npos;
 }
 
-LineKind KindOfText(LogLine* parsed) {
-  parsed->operation = OperationOfRequest(parsed->text);
-  if (parsed->operation != kNoOperation) {
-    return LineKind::kRequest;
-  }
-  thread_local Pieces pieces;
-  if (parsed->text.starts_with("id ") && HeaderPattern().Match(parsed->text, &pieces)) {
-    return LineKind::kHeader;
-  }
-  return LineKind::kText;
+bool is_dump(std::string_view line) {
+  return line == DUMP_BEGIN || line == DUMP_END || line.front() == ' ' || is_hex_row(line);
 }
-
-bool ParseEvent(std::string_view line, LogLine* parsed) {
-  if (line.find("\"vfs_event_name\":\"") == std::string_view::npos ||
-      !EventPattern().Match(line, &parsed->pieces)) {
-    return false;
-  }
-  SplitText(parsed);
-  parsed->operation = OperationOfEvent(ValueOf(parsed->pieces, "event"));
-  parsed->kind = parsed->operation != kNoOperation ? LineKind::kEvent : LineKind::kUnreadable;
-  return true;
-}
-
-void ParseClientLine(std::string_view line, LogLine* parsed) {
-  if (ParseEvent(line, parsed) || !ClientPattern().Match(line, &parsed->pieces)) {
-    return;
-  }
-  SplitText(parsed);
-  if (parsed->text.ends_with("\"}")) {
-    parsed->text.remove_suffix(2);
-  } else if (!parsed->is_cut) {
-    return;
-  }
-  parsed->kind = KindOfText(parsed);
-}
-
-void ParseLayerLine(std::string_view line, LogLine* parsed) {
-  for (const TextPattern& pattern : LayerPatterns()) {
-    if (pattern.Match(line, &parsed->pieces)) {
-      SplitText(parsed);
-      parsed->kind = KindOfText(parsed);
-      return;
-    }
-  }
-}
-
-bool IsHexRow(std::string_view line) {
-  return line.size() >= 2 && std::all_of(line.begin(), line.end(), [](char c) {
-           return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || c == ' ';
-         });
-}
-
-bool IsDump(std::string_view line) {
-  return line == kDumpBegin || line == kDumpEnd || line.front() == ' ' || IsHexRow(line);
-}
-
-int HexDigit(char c) { return c <= '9' ? c - '0' : c - 'a' + 10; }
 
 /* The next byte of a dump's row. Those above 0x7f have eight digits. */
-std::optional<uint8_t> TakeByte(std::string_view* row) {
+std::optional<ox_u8> take_byte(std::string_view* row) {
   row->remove_prefix(std::min(row->find_first_not_of(' '), row->size()));
   if (row->starts_with("ffffff")) {
     row->remove_prefix(6);
   }
-  if (row->size() < 2) {
+  ox_u8 byte = 0;
+  const auto result =
+      std::from_chars(row->data(), row->data() + std::min<size_t>(row->size(), 2), byte, 16);
+  if (result.ec != std::errc() || result.ptr != row->data() + 2) {
     return std::nullopt;
   }
-  const int byte = HexDigit((*row)[0]) * 16 + HexDigit((*row)[1]);
   row->remove_prefix(2);
-  return static_cast<uint8_t>(byte);
+  return byte;
 }
 
-uint32_t NumberAt(const uint8_t* bytes) {
-  return bytes[0] | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 | uint32_t{bytes[3]} << 24;
+ox_u32 number_at(const ox_u8* bytes) {
+  return bytes[0] | ox_u32{bytes[1]} << 8 | ox_u32{bytes[2]} << 16 | ox_u32{bytes[3]} << 24;
 }
 
-/* Ids are stored with their first three groups turned round. */
-constexpr std::array<int, 16> kByteOrder = {3, 2, 1, 0, 5, 4, 7, 6, 8, 9, 10, 11, 12, 13, 14, 15};
+/* The begin of a message, as far as it is looked at: operation, length and id. */
+using MessageBegin = std::array<ox_u8, offsetof(tnv_msghdr, hdr_id) + OX_UUID_SIZE>;
 
-RequestId IdFromBytes(const uint8_t* bytes) {
-  std::string text;
-  for (size_t i = 0; i < kByteOrder.size(); i++) {
-    text += fmt::format("{}{:02x}", i == 4 || i == 6 || i == 8 || i == 10 ? "-" : "",
-                        bytes[kByteOrder[i]]);
-  }
-  return RequestIdOf(text);
+bool begins_request(const MessageBegin& bytes) {
+  const ox_u32 length = number_at(&bytes[offsetof(tnv_msghdr, hdr_len)]);
+  return number_at(&bytes[offsetof(tnv_msghdr, hdr_opcode)]) < TNV_OP_MAX &&
+         length >= TNV_MSG_FIXED && length <= LONGEST_REQUEST;
 }
-
-std::array<uint8_t, 16> BytesFromId(const RequestId& id) {
-  std::array<uint8_t, 16> bytes;
-  size_t at = 0;
-  for (const int place : kByteOrder) {
-    at += id[at] == '-' ? 1 : 0;
-    bytes[static_cast<size_t>(place)] =
-        static_cast<uint8_t>(HexDigit(id[at]) * 16 + HexDigit(id[at + 1]));
-    at += 2;
-  }
-  return bytes;
-}
-
-/* Requests have a fixed part of this size, and at most three texts behind it. */
-constexpr uint32_t kShortestRequest = 504;
-constexpr uint32_t kLongestRequest = 1 << 16;
 
 }  // namespace
 
-void ParseLine(std::string_view line, LogLine* parsed) {
-  parsed->kind = LineKind::kUnreadable;
-  parsed->operation = kNoOperation;
-  parsed->pieces.clear();
-  parsed->text = {};
-  parsed->is_cut = line.size() >= kLongestLine;
+const TextPattern& header_pattern() {
+  static const TextPattern pattern("id <m:id>, opcode <d:opcode>, len <d>, errno <d:errno>");
+  return pattern;
+}
+
+const LogLine& LineParser::parse(std::string_view line) {
+  const bool is_first_row = is_behind_begin_;
+  is_behind_begin_ = line == DUMP_BEGIN;
+  line_.kind = LineKind::UNREADABLE;
+  line_.operation = NO_OPERATION;
+  line_.prefix.values.clear();
+  line_.text = {};
+  line_.is_cut = line.size() >= LONGEST_LINE;
   if (line.empty()) {
-    parsed->kind = LineKind::kEmpty;
+    line_.kind = LineKind::EMPTY;
   } else if (line.front() == '{') {
-    ParseClientLine(line, parsed);
+    parse_client_line(line);
   } else if (line.front() == '[') {
-    ParseLayerLine(line, parsed);
-  } else if (IsDump(line)) {
-    parsed->kind = LineKind::kDump;
+    parse_layer_line(line);
+  } else if (is_dump(line)) {
+    parse_dump(line, is_first_row);
+  }
+  return line_;
+}
+
+void LineParser::parse_client_line(std::string_view line) {
+  if (!parse_event(line) && client_pattern().match(line, &line_.prefix, line_.is_cut)) {
+    line_.text = line_.prefix["text"];
+    line_.kind = kind_of_text();
   }
 }
 
-std::optional<uint64_t> NumberOf(const Pieces& pieces, std::string_view name) {
-  const std::string_view text = ValueOf(pieces, name);
+bool LineParser::parse_event(std::string_view line) {
+  if (line.find("\"vfs_event_name\":\"") == std::string_view::npos ||
+      !event_pattern().match(line, &line_.prefix)) {
+    return false;
+  }
+  line_.text = line_.prefix["text"];
+  line_.operation = operation_of_event(line_.prefix["event"]);
+  line_.kind = line_.operation != NO_OPERATION ? LineKind::EVENT : LineKind::UNREADABLE;
+  return true;
+}
+
+void LineParser::parse_layer_line(std::string_view line) {
+  if (layer_pattern().match(line, &line_.prefix)) {
+    line_.text = line_.prefix["text"];
+    line_.kind = kind_of_text();
+  }
+}
+
+LineKind LineParser::kind_of_text() {
+  line_.operation = operation_of_request(line_.text);
+  if (line_.operation != NO_OPERATION) {
+    return LineKind::REQUEST;
+  }
+  const bool is_header =
+      line_.text.starts_with("id ") && header_pattern().match(line_.text, &header_);
+  return is_header ? LineKind::HEADER : LineKind::OTHER_TEXT;
+}
+
+void LineParser::parse_dump(std::string_view line, bool is_first_row) {
+  line_.kind = LineKind::DUMP;
+  if (!is_first_row) {
+    return;
+  }
+  MessageBegin bytes;
+  std::string_view rest = line;
+  for (ox_u8& byte : bytes) {
+    const std::optional<ox_u8> taken = take_byte(&rest);
+    if (!taken) {
+      return;
+    }
+    byte = *taken;
+  }
+  if (begins_request(bytes)) {
+    line_.kind = LineKind::DUMPED_REQUEST;
+    line_.operation = number_at(&bytes[offsetof(tnv_msghdr, hdr_opcode)]);
+    line_.id = request_id_of(tools::uuid_text(&bytes[offsetof(tnv_msghdr, hdr_id)]));
+    line_.row = line.substr(0, line.size() - rest.size());
+  }
+}
+
+std::optional<uint64_t> number_of(const Match& match, std::string_view name) {
+  const std::string_view text = match[name];
   uint64_t number = 0;
   const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
   if (result.ec != std::errc() || result.ptr != text.data() + text.size()) {
@@ -188,8 +176,8 @@ std::optional<uint64_t> NumberOf(const Pieces& pieces, std::string_view name) {
   return number;
 }
 
-int64_t TimeOf(const Pieces& pieces) {
-  const std::string_view text = ValueOf(pieces, "time");
+int64_t time_of(const Match& prefix) {
+  const std::string_view text = prefix["time"];
   if (text.empty()) {
     return -1;
   }
@@ -200,51 +188,17 @@ int64_t TimeOf(const Pieces& pieces) {
   };
   const std::chrono::sys_days day = std::chrono::year(static_cast<int>(field(0, 4))) /
                                     std::chrono::month(field(5, 2)) / std::chrono::day(field(8, 2));
-  const int64_t seconds = int64_t{day.time_since_epoch().count()} * 86400 + field(11, 2) * 3600 +
-                          field(14, 2) * 60 + field(17, 2);
-  return seconds * 1000 + field(20, 3);
+  const auto time = day + std::chrono::hours(field(11, 2)) + std::chrono::minutes(field(14, 2)) +
+                    std::chrono::seconds(field(17, 2)) + std::chrono::milliseconds(field(20, 3));
+  return time.time_since_epoch().count();
 }
 
-RequestId RequestIdOf(std::string_view text) {
+RequestId request_id_of(std::string_view text) {
   RequestId id;
   std::transform(text.begin(), text.begin() + id.size(), id.begin(), [](char c) {
     return c >= 'A' && c <= 'F' ? static_cast<char>(c - 'A' + 'a') : c;
   });
   return id;
-}
-
-std::optional<DumpedRequest> DumpedRequestOf(std::string_view row) {
-  if (row.size() < 9 || row[0] > '1' || row.substr(2, 7) != "000000 " || !IsHexRow(row)) {
-    return std::nullopt; /* as nearly all rows; the operation is below 0x20 */
-  }
-  std::array<uint8_t, 24> bytes;
-  for (uint8_t& byte : bytes) {
-    const std::optional<uint8_t> taken = TakeByte(&row);
-    if (!taken) {
-      return std::nullopt;
-    }
-    byte = *taken;
-  }
-  const DumpedRequest request = {NumberAt(&bytes[0]), NumberAt(&bytes[4]), IdFromBytes(&bytes[8])};
-  const bool plausible = request.operation < kServiceOperations &&
-                         request.length >= kShortestRequest && request.length <= kLongestRequest;
-  return plausible ? std::optional(request) : std::nullopt;
-}
-
-std::string DumpRowOf(const DumpedRequest& request) {
-  std::array<uint8_t, 24> bytes = {};
-  for (int i = 0; i < 4; i++) {
-    bytes[static_cast<size_t>(i)] = static_cast<uint8_t>(request.operation >> (8 * i));
-    bytes[static_cast<size_t>(i + 4)] = static_cast<uint8_t>(request.length >> (8 * i));
-  }
-  const std::array<uint8_t, 16> id = BytesFromId(request.id);
-  std::copy(id.begin(), id.end(), bytes.begin() + 8);
-  std::string row;
-  for (size_t i = 0; i < bytes.size(); i++) {
-    row += fmt::format("{}{}{:02x}", i > 0 && i % 4 == 0 ? " " : "",
-                       bytes[i] > 0x7f ? "ffffff" : "", bytes[i]);
-  }
-  return row;
 }
 
 }  // namespace tnwlog

@@ -5,7 +5,6 @@
 #include <array>
 #include <cstdint>
 #include <optional>
-#include <string>
 #include <string_view>
 
 #include "operations.h"
@@ -13,51 +12,61 @@
 namespace tnwlog {
 
 enum class LineKind {
-  kEmpty,
-  kRequest,    /* "Message: open(...)" */
-  kHeader,     /* "id ..., opcode ..., len ..., errno ...": an answer has come */
-  kEvent,      /* an answered request, or a call that the client answered itself */
-  kText,       /* anything else behind a prefix that is known */
-  kDump,       /* bytes of a message */
-  kUnreadable, /* torn, or of another program */
+  EMPTY,
+  REQUEST,        /* "Message: open(...)" */
+  HEADER,         /* "id ..., opcode ..., len ..., errno ...": an answer has come */
+  EVENT,          /* an answered request, or a call that the client answered itself */
+  OTHER_TEXT,     /* anything else behind a prefix that is known */
+  DUMPED_REQUEST, /* the first row of a dump, when it begins a request */
+  DUMP,           /* other bytes of a message */
+  UNREADABLE,     /* torn, or of another program */
 };
-
-struct LogLine {
-  LineKind kind = LineKind::kUnreadable;
-  OperationCode operation = kNoOperation;
-  Pieces pieces;         /* of the line up to its text, or for an event to its vfs_errno */
-  std::string_view text; /* behind them; of a client's line without its last quote and brace */
-  bool is_cut = false;   /* as long as a line can be */
-};
-
-/* The line stays the owner of all text. Reuses the memory of `parsed`. */
-void ParseLine(std::string_view line, LogLine* parsed);
-
-/* Milliseconds on the log's clock, which has no time zone; -1 when the pieces have no time. */
-int64_t TimeOf(const Pieces& pieces);
-std::optional<uint64_t> NumberOf(const Pieces& pieces, std::string_view name);
 
 /* A UUID, as text in lower case. */
 using RequestId = std::array<char, 36>;
-RequestId RequestIdOf(std::string_view text); /* 36 characters */
-inline std::string_view TextOf(const RequestId& id) { return {id.data(), id.size()}; }
+RequestId request_id_of(std::string_view text); /* 36 characters */
+inline std::string_view text_of(const RequestId& id) { return {id.data(), id.size()}; }
+
+struct LogLine {
+  LineKind kind = LineKind::UNREADABLE;
+  OperationCode operation = NO_OPERATION;
+  Match prefix;          /* the whole line; its value "text" is what `text` shows */
+  std::string_view text; /* behind the prefix; of an event what stands behind its vfs_errno */
+  bool is_cut = false;   /* as long as a line can be */
+  RequestId id = {};     /* of a dumped request */
+  std::string_view row;  /* of a dumped request: its operation, length and id, as dumped */
+};
+
+/* Takes lines apart, in the order in which they were logged. */
+class LineParser {
+ public:
+  /* The line stays the owner of all text. The result is good until the next call. */
+  const LogLine& parse(std::string_view line);
+
+ private:
+  void parse_client_line(std::string_view line);
+  void parse_layer_line(std::string_view line);
+  void parse_dump(std::string_view line, bool is_first_row);
+  bool parse_event(std::string_view line);
+  LineKind kind_of_text();
+
+  LogLine line_;
+  Match header_;
+  bool is_behind_begin_ = false;
+};
+
+/* What an answer's line says, with the values id, opcode and errno. */
+const TextPattern& header_pattern();
+
+/* Milliseconds on the log's clock, which has no time zone; -1 when there is no value "time". */
+int64_t time_of(const Match& prefix);
+std::optional<uint64_t> number_of(const Match& match, std::string_view name);
 
 /* Dumps of messages: a line at the begin, rows of bytes and of characters, a line at the end. */
-inline constexpr std::string_view kDumpBegin =
+inline constexpr std::string_view DUMP_BEGIN =
     "00000000000000000000 --- Begin --- 00000000000000000000";
-inline constexpr std::string_view kDumpEnd =
+inline constexpr std::string_view DUMP_END =
     "00000000000000000000 --- End --- 00000000000000000000";
-
-/* The begin of a request, as the first row of its dump shows it. */
-struct DumpedRequest {
-  OperationCode operation;
-  uint32_t length;
-  RequestId id;
-};
-/* Nothing when the row does not begin a request. */
-std::optional<DumpedRequest> DumpedRequestOf(std::string_view row);
-/* A row that holds this and nothing else. */
-std::string DumpRowOf(const DumpedRequest& request);
 
 }  // namespace tnwlog
 

@@ -4,26 +4,24 @@
 #include <CLI/CLI.hpp>
 
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <thread>
 
-#include "console.h"
 #include "log_files.h"
 #include "redactor.h"
 #include "report.h"
 #include "request_lines.h"
 #include "text_pattern.h"
-#include "tools/program.h"
+#include "tools/common/console.h"
+#include "tools/common/program.h"
 
 namespace tnwlog {
 namespace {
 
-constexpr char kDescription[] =
+constexpr char DESCRIPTION[] =
     "Reads the logs of cloud drives: how often each operation was asked for, and how long the\n"
     "answers took.";
 
-constexpr char kFooter[] =
+constexpr char FOOTER[] =
     "Response times come from the event lines, which are there when the cache service gives\n"
     "transaction ids, or else from the distance of two lines at debug level 3 and above.\n"
     "Exit status: 0, 1 when a file cannot be read or written or nothing is found, 2 when the\n"
@@ -42,16 +40,16 @@ struct Options {
 };
 
 /* Empty, or what is wrong with it. */
-std::string CheckId(const std::string& id) {
+std::string check_id(const std::string& id) {
   static const TextPattern request("<m>");
   static const TextPattern transaction("<d>");
-  Pieces pieces;
-  return request.Match(id, &pieces) || transaction.Match(id, &pieces)
+  Match match;
+  return request.match(id, &match) || transaction.match(id, &match)
              ? ""
              : '"' + id + "\" is neither a request's id nor a transaction's number";
 }
 
-void DeclareOptions(CLI::App* app, Options* options) {
+void declare_options(CLI::App* app, Options* options) {
   app->add_option("LOG", options->logs, "Log files, or folders with a tnvfs.log")
       ->required()
       ->option_text(" ");
@@ -62,7 +60,7 @@ void DeclareOptions(CLI::App* app, Options* options) {
   auto* request = app->add_option("--request", options->request,
                                   "Shows the lines of the request with this id or transaction id, "
                                   "and of all that its open file was asked for")
-                      ->check(CheckId)
+                      ->check(check_id)
                       ->excludes(slowest)
                       ->option_text("ID");
   auto* follow = app->add_flag("--follow", options->follow,
@@ -80,108 +78,98 @@ void DeclareOptions(CLI::App* app, Options* options) {
   }
 }
 
-std::string ReportOf(const Trace& trace, const Options& options) {
-  if (options.slowest > 0) {
-    return options.json ? SlowestJson(trace, options.slowest) : SlowestText(trace, options.slowest);
-  }
-  return options.json ? TableJson(trace) : TableText(trace);
-}
-
-void PauseUntilMore() {
-  for (int i = 0; i < 5 && !Interrupted(); i++) {
+void pause_until_more() {
+  for (int i = 0; i < 5 && !tools::interrupted(); i++) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
 }
 
-void Follow(const std::string& file, const Options& options, Trace* trace) {
+/* Requests are shown one pause after their answer, and kept only in the sums of the report. */
+void follow(const std::string& file, const Options& options, Trace* trace, Report* report) {
   Follower follower(file);
-  const auto add = [trace](std::string_view line) { trace->Add(line); };
-  follower.Poll(add);
-  for (size_t shown = trace->Requests().size(); !Interrupted(); PauseUntilMore()) {
-    follower.Poll(add);
-    for (; shown < trace->Requests().size(); shown++) {
-      const Request& request = trace->Requests()[shown];
-      fmt::print("{}", options.json ? RequestJson(*trace, request) : RequestText(*trace, request));
+  const auto show = [&](const std::vector<Request>& requests) {
+    for (const Request& request : requests) {
+      report->add(request);
+      fmt::print("{}", options.json ? request_json(request) : request_text(request));
     }
     fflush(stdout);
+  };
+  const auto add = [trace](std::string_view line) { trace->add(line); };
+  follower.poll(add);
+  for (const Request& request : trace->take_all()) { /* of before */
+    report->add(request);
   }
+  for (; !tools::interrupted(); pause_until_more()) {
+    follower.poll(add);
+    show(trace->take_settled());
+  }
+  show(trace->take_all());
 }
 
-ExitStatus Report(std::vector<std::string> files, const Options& options) {
+ExitStatus show_report(std::vector<std::string> files, const Options& options) {
   Trace trace;
+  Report report(options.slowest);
   const std::string last = files.back();
   if (options.follow) {
     files.pop_back();
   }
-  for (const std::string& file : files) {
-    ReadLines(file, [&trace](std::string_view line) { trace.Add(line); });
-  }
+  read_lines(files, [&trace](std::string_view line) { trace.add(line); });
   if (options.follow) {
-    Follow(last, options, &trace);
+    follow(last, options, &trace, &report);
   }
-  fmt::print("{}", ReportOf(trace, options));
-  return kSuccess;
+  for (const Request& request : trace.take_all()) {
+    report.add(request);
+  }
+  const bool slowest = options.slowest > 0;
+  fmt::print("{}", options.json ? (slowest ? slowest_json : table_json)(report, trace)
+                                : (slowest ? slowest_text : table_text)(report, trace));
+  return EXIT_OK;
 }
 
-ExitStatus ShowRequest(const std::vector<std::string>& files, const Options& options) {
-  const std::vector<std::string> lines = LinesOfRequest(files, options.request);
+ExitStatus show_request(const std::vector<std::string>& files, const Options& options) {
+  const std::vector<std::string> lines = lines_of_request(files, options.request);
   if (lines.empty()) {
     throw std::runtime_error("no line of a request " + options.request);
   }
   if (options.json) {
-    fmt::print("{}", MatchingLinesJson(lines));
+    fmt::print("{}", matching_lines_json(lines));
   } else {
     fmt::print("{}\n", fmt::join(lines, "\n"));
   }
-  return kSuccess;
+  return EXIT_OK;
 }
 
-ExitStatus Redact(const std::vector<std::string>& files, const Options& options) {
-  const std::filesystem::path path(std::u8string(options.redacted.begin(), options.redacted.end()));
-  if (std::filesystem::exists(path)) {
-    throw std::runtime_error(options.redacted + ": is there already");
-  }
-  std::ofstream copy(path, std::ios::binary);
+ExitStatus redact(const std::vector<std::string>& files, const Options& options) {
   Redactor redactor;
-  for (const std::string& file : files) {
-    ReadLines(file, [&](std::string_view line) {
-      if (const auto redacted = redactor.Line(line)) {
-        copy << *redacted << '\n';
-      }
-    });
-  }
-  copy.close();
-  if (!copy) {
-    throw std::runtime_error(options.redacted + ": cannot be written");
-  }
+  write_redacted(files, options.redacted, &redactor);
   fmt::print("{}: {} lines without their text, {} lines left out, and {} rows of dumps\n",
-             options.redacted, redactor.WithoutText(), redactor.LeftOut(), redactor.DumpRows());
-  return kSuccess;
+             options.redacted, redactor.without_text(), redactor.left_out(), redactor.dump_rows());
+  return EXIT_OK;
 }
 
-ExitStatus Run(const Options& options) {
-  const std::vector<std::string> files = FindLogFiles(options.logs);
+ExitStatus run(const Options& options) {
+  const std::vector<std::string> files = find_log_files(options.logs);
   if (!options.request.empty()) {
-    return ShowRequest(files, options);
+    return show_request(files, options);
   }
-  return options.redacted.empty() ? Report(files, options) : Redact(files, options);
+  return options.redacted.empty() ? show_report(files, options) : redact(files, options);
 }
 
-ExitStatus Main(const std::vector<std::string>& arguments) {
+ExitStatus run(const std::vector<std::string>& arguments) {
   Options options;
-  CLI::App app(kDescription, "tnwlog");
-  app.footer(kFooter);
-  DeclareOptions(&app, &options);
-  if (const auto status = tools::ParseCommandLine(&app, arguments)) {
+  CLI::App app(DESCRIPTION, "tnwlog");
+  app.footer(FOOTER);
+  declare_options(&app, &options);
+  if (const auto status = tools::parse_command_line(&app, arguments)) {
     return *status;
   }
-  return Run(options);
+  return run(options);
 }
 
 }  // namespace
 }  // namespace tnwlog
 
 int main(int argc, char** argv) {
-  return tools::RunProgram("tnwlog",
-                           [&] { return tnwlog::Main(tnwlog::SetUpConsole(argc, argv)); });
+  return tools::run_program("tnwlog",
+                            [&] { return tnwlog::run(tools::set_up_console(argc, argv)); });
 }

@@ -21,104 +21,97 @@ namespace {
 #define FILE_OF_REQUEST "id <N>, eid <N>, pfid <N>"
 #define CLIENT_EVENT(args) FSO R"(, "vfs_args":{"fd":<d>, "id":"<N>", "eid":"<N>")" args "}}"
 
-Operation Make(std::string_view event, std::string_view start, std::string_view request,
-               std::string_view arguments) {
+/* `request` and `arguments` as in Operation; both may be empty. */
+Operation make(std::string_view event, std::string_view request, std::string_view arguments) {
   std::string_view name = event.substr(7); /* behind "TNV_OP_" */
   if (name.starts_with("WIN_")) {
     name.remove_prefix(4);
   }
-  return {name, event, start, TextPattern(request), TextPattern(arguments)};
+  return {name, event, request.substr(0, request.find('<')), TextPattern(request),
+          TextPattern(arguments)};
 }
 
 /* In the order of the operation codes, then those without one. */
-std::vector<Operation> MakeOperations() {
+std::vector<Operation> make_operations() {
   return {
-      Make("TNV_OP_WIN_CONNECT", "Message: connect(",
+      make("TNV_OP_WIN_CONNECT",
            "Message: connect(share_path <P:path>, user <N>, cache_dir <P>, remote_host <N>, "
            "remote_pid <d>, drive_id <N>)",
            R"(, "vfs_args":{"vfs_user":"<N>", "vfs_rhost":"<N>","cache_dir":"<P>", )"
            R"("share_dir":"<P:path>"}})"),
-      Make("TNV_OP_WIN_DISCONNECT", "", "", ""),
-      Make("TNV_OP_WIN_OPEN", "Message: open(",
-           "Message: open(clfd <d>, fname <P:path>, accmode <h>, shmode <h>, cdisp = <h>, flags "
-           "<h>, "
-           "len <d>" SENDER,
+      make("TNV_OP_WIN_DISCONNECT", "", ""),
+      make("TNV_OP_WIN_OPEN",
+           "Message: open(clfd <d>, fname <P:path>, accmode <h>, shmode <h>, cdisp = <h>, "
+           "flags <h>, len <d>" SENDER,
            R"(, "vfs_args":{"fd":<d>, "file_fd":"<h>", "filename":"<P:path>", "region_shift":<d>, )"
            R"("rmap_size":<d>, "dmap_size":<d>, "accmode":"<h>", "shmode":"<h>", "cdisp":"<h>", )"
            R"("flags":"<h>", "tnflags":"<h>"})" FSO "}"),
-      Make("TNV_OP_WIN_DENUM", "Message: direnum(",
-           "Message: direnum(path <P:path>, len <d>" SENDER,
+      make("TNV_OP_WIN_DENUM", "Message: direnum(path <P:path>, len <d>" SENDER,
            R"(, "vfs_args":{"path":"<P:path>"})" FSO "}"),
-      Make("TNV_OP_WIN_STAT", "Message: stat(", "Message: stat(path <P:path>, len <d>" SENDER,
+      make("TNV_OP_WIN_STAT", "Message: stat(path <P:path>, len <d>" SENDER,
            R"(, "vfs_args":{"path":"<P:path>"})" FINFO "}"),
-      Make("TNV_OP_WIN_CLOSE", "Message: close(", "Message: close(" END_OF_OPEN, END_OF_OPEN_EVENT),
-      Make("TNV_OP_WIN_RENAME", "Message: rename(",
+      make("TNV_OP_WIN_CLOSE", "Message: close(" END_OF_OPEN, END_OF_OPEN_EVENT),
+      make("TNV_OP_WIN_RENAME",
            "Message: rename(srcpath <P:path>, dstpath <P:target> slen <d> dlen <d>" SENDER,
            R"(, "vfs_args":{"src_path":"<P:path>", "dst_path":"<P:target>"}})"),
-      Make("TNV_OP_WIN_CANDELETE", "Message: candelete(",
-           "Message: candelete(path <P:path>, len <d>, drive_id <N>)",
+      make("TNV_OP_WIN_CANDELETE", "Message: candelete(path <P:path>, len <d>, drive_id <N>)",
            R"(, "vfs_args":{"path":"<P:path>"}})"),
-      Make("TNV_OP_WIN_DELETE", "Message: delete(", "Message: delete(path <P:path>, len <d>" SENDER,
+      make("TNV_OP_WIN_DELETE", "Message: delete(path <P:path>, len <d>" SENDER,
            R"(, "vfs_args":{"filename":"<P:path>"}})"),
-      Make("TNV_OP_WIN_BRL", "Message: brl(",
-           "Message: brl(id <N>, type <d>, off <d>, len <d>, pid <d>" SENDER,
+      make("TNV_OP_WIN_BRL", "Message: brl(id <N>, type <d>, off <d>, len <d>, pid <d>" SENDER,
            R"(, "vfs_args":{"id":"<N>", "off":<d>, "type":"<d>", "len":<d>, "pid":<d>})" FSO "}"),
-      Make("TNV_OP_WIN_CLEANUP", "Message: cleanup(", "Message: cleanup(" END_OF_OPEN,
-           END_OF_OPEN_EVENT),
-      Make("TNV_OP_WIN_SETPROXY", "Message: setproxy(",
-           "Message: setproxy(proxy_server <S>, username <S>)",
+      make("TNV_OP_WIN_CLEANUP", "Message: cleanup(" END_OF_OPEN, END_OF_OPEN_EVENT),
+      make("TNV_OP_WIN_SETPROXY", "Message: setproxy(proxy_server <S>, username <S>)",
            R"(, "vfs_args":{"proxy_server":"<S>", "proxy_username":"<S>"}})"),
-      Make("TNV_OP_CACHE_REGION", "Message: TNV_OP_CACHE_REGION(",
+      make("TNV_OP_CACHE_REGION",
            "Message: TNV_OP_CACHE_REGION(" FILE_OF_REQUEST " off <d> len <d> trunc <d>)",
            R"(, "vfs_args":{"req_coff":<d>, "req_clen":<d>, "resp_coff":<d>, "resp_clen":<d>, )"
            R"("resp_fsz":<d>, "id":"<N>", "open_msgid":"<m>", "filename":"<P:path>"})" FSO "}"),
-      Make("TNV_OP_DIRTY_REGION", "Message: TNV_OP_DIRTY_REGION(",
-           "Message: TNV_OP_DIRTY_REGION(" FILE_OF_REQUEST ")",
+      make("TNV_OP_DIRTY_REGION", "Message: TNV_OP_DIRTY_REGION(" FILE_OF_REQUEST ")",
            R"(, "vfs_args":{"offset":<d>, "len":<d>, "id":"<N>", "open_msgid":"<m>", )"
            R"("filename":"<P:path>"})" FSO "}"),
-      Make("TNV_OP_FTRUNCATE", "Message: TNV_OP_FTRUNCATE(",
-           "Message: TNV_OP_FTRUNCATE(" FILE_OF_REQUEST ")",
+      make("TNV_OP_FTRUNCATE", "Message: TNV_OP_FTRUNCATE(" FILE_OF_REQUEST ")",
            R"(, "vfs_args":{"nfsz":<d>, "id":"<N>", "open_msgid":"<m>", "filename":"<P:path>"})" FSO
            "}"),
-      Make("TNV_OP_UPDATETOKEN", "Token: ", "Token: <S> of length <d> received for update",
+      make("TNV_OP_UPDATETOKEN", "Token: <S> of length <d> received for update",
            R"(, "vfs_args":{"enc_token":"<S>"}})"),
-      Make("TNV_OP_GET_VERSION", "Message: get_version", "Message: get_version",
-           R"(, "vfs_args":{"version":"<w>", "git_hash":"<w>", "host":"<N>", "mode":"<w>", )"
-           R"("state":"<w>", "status":"<w>", "build_date":"<w>", "build_host":"<N>", )"
+      make("TNV_OP_GET_VERSION", "Message: get_version",
+           R"(, "vfs_args":{"version":"<v>", "git_hash":"<v>", "host":"<N>", "mode":"<w>", )"
+           R"("state":"<w>", "status":"<w>", "build_date":"<v>", "build_host":"<N>", )"
            R"("build_os":"<w>", "build_user":"<N>", "build_type":"<w>", "device_id":"<N>", )"
            R"("da_device_id":"<N>", "vfs_enabled":<d>, "rest_enabled":<d>, "authorized":<d>, )"
            R"("red_connected":<d>, "process_id":<d>, "tn_args":{"addr":"<P>", "user":"<N>", )"
            R"("cfs":"<P>", "logfile":"<P>", "cfver":<d>, "recovery":<d>, "vfs":<d>, "smb":<d>, )"
            R"("pauseinit":<d>}}})"),
-      Make("TNV_OP_SHUTDOWN", "Message: shutdown", "Message: shutdown", R"(, "vfs_args":{}})"),
-      Make("TNV_OP_WIN_READ", "", "", CLIENT_EVENT(R"(, "offset":<d>, "size":<d>)")),
-      Make("TNV_OP_WIN_WRITE", "", "", CLIENT_EVENT(R"(, "offset":<d>, "size":<d>)")),
-      Make("TNV_OP_WIN_FOLDEREMPTY", "", "", CLIENT_EVENT(R"(,"isempty":<d>)")),
-      Make("TNV_OP_WIN_FINDNEXT", "", "", CLIENT_EVENT("")),
-      Make("TNV_OP_WIN_SETFSIZE", "", "", CLIENT_EVENT(R"(,"size":<d>)")),
+      make("TNV_OP_SHUTDOWN", "Message: shutdown", R"(, "vfs_args":{}})"),
+      make("TNV_OP_WIN_READ", "", CLIENT_EVENT(R"(, "offset":<d>, "size":<d>)")),
+      make("TNV_OP_WIN_WRITE", "", CLIENT_EVENT(R"(, "offset":<d>, "size":<d>)")),
+      make("TNV_OP_WIN_FOLDEREMPTY", "", CLIENT_EVENT(R"(,"isempty":<d>)")),
+      make("TNV_OP_WIN_FINDNEXT", "", CLIENT_EVENT("")),
+      make("TNV_OP_WIN_SETFSIZE", "", CLIENT_EVENT(R"(,"size":<d>)")),
   };
 }
 
 }  // namespace
 
-const std::vector<Operation>& Operations() {
-  static const std::vector<Operation> operations = MakeOperations();
+const std::vector<Operation>& operations() {
+  static const std::vector<Operation> operations = make_operations();
   return operations;
 }
 
-OperationCode OperationOfEvent(std::string_view event) {
-  const std::vector<Operation>& all = Operations();
+OperationCode operation_of_event(std::string_view event) {
+  const std::vector<Operation>& all = operations();
   const auto found = std::find_if(all.begin(), all.end(),
                                   [event](const Operation& op) { return op.event == event; });
-  return found == all.end() ? kNoOperation : static_cast<OperationCode>(found - all.begin());
+  return found == all.end() ? NO_OPERATION : static_cast<OperationCode>(found - all.begin());
 }
 
-OperationCode OperationOfRequest(std::string_view text) {
-  const std::vector<Operation>& all = Operations();
+OperationCode operation_of_request(std::string_view text) {
+  const std::vector<Operation>& all = operations();
   const auto found = std::find_if(all.begin(), all.end(), [text](const Operation& op) {
     return !op.request_start.empty() && text.starts_with(op.request_start);
   });
-  return found == all.end() ? kNoOperation : static_cast<OperationCode>(found - all.begin());
+  return found == all.end() ? NO_OPERATION : static_cast<OperationCode>(found - all.begin());
 }
 
 }  // namespace tnwlog

@@ -6,11 +6,12 @@
 #include <vector>
 
 #include "text_pattern.h"
+#include "tnv_proto.h"
 
 namespace tnwlog {
 
 /*
- * An index into Operations(): an operation's code, or behind those a call that the client answers
+ * An index into operations(): a vfs_op, or behind those a call that the client answers
  * without the service.
  */
 using OperationCode = unsigned;
@@ -18,22 +19,17 @@ using OperationCode = unsigned;
 struct Operation {
   std::string_view name;          /* "OPEN" */
   std::string_view event;         /* "TNV_OP_WIN_OPEN" */
-  std::string_view request_start; /* "Message: open("; empty: leaves no such line */
+  std::string_view request_start; /* "Message: open(clfd "; empty: leaves no such line */
   TextPattern request;
   TextPattern event_arguments; /* all of an event line behind its vfs_errno */
 };
 
-const std::vector<Operation>& Operations();
+const std::vector<Operation>& operations();
 
-inline constexpr OperationCode kOpen = 2;
-inline constexpr OperationCode kServiceOperations = 18;
-inline constexpr OperationCode kNoOperation = ~0u;
+inline constexpr OperationCode NO_OPERATION = ~0u;
 
-OperationCode OperationOfEvent(std::string_view event);
-OperationCode OperationOfRequest(std::string_view text);
-
-/* The texts of all other lines. */
-const std::vector<TextPattern>& OtherTexts();
+OperationCode operation_of_event(std::string_view event);
+OperationCode operation_of_request(std::string_view text);
 
 }  // namespace tnwlog
 

@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 #include "log_line.h"
 
@@ -25,13 +26,13 @@ namespace tnwlog {
 class Pseudonyms {
  public:
   /* "n12", "n12.docx" (of common extensions), "n1@n2", a UUID for a UUID. */
-  std::string OfName(std::string_view name);
+  std::string of_name(std::string_view name);
   /* Each folder's name for itself. Separators, a drive's letter and a URL's scheme stay. */
-  std::string OfPath(std::string_view path);
-  std::string OfOwner(std::string_view number);
+  std::string of_path(std::string_view path);
+  std::string of_owner(std::string_view number);
 
  private:
-  size_t NumberOf(char kind, std::string_view text);
+  size_t number_of(char kind, std::string_view text);
 
   std::unordered_map<std::string, size_t> numbers_;
 };
@@ -39,26 +40,34 @@ class Pseudonyms {
 class Redactor {
  public:
   /* The line as it may be shared; nothing when it must be left out. */
-  std::optional<std::string> Line(std::string_view line);
+  std::optional<std::string> redact(std::string_view line);
 
-  uint64_t WithoutText() const { return without_text_; } /* lines whose text was replaced */
-  uint64_t LeftOut() const { return left_out_; }         /* lines that could not be read */
-  uint64_t DumpRows() const { return dump_rows_; }       /* left out, but for the id of a request */
+  uint64_t without_text() const { return without_text_; } /* lines whose text was replaced */
+  uint64_t left_out() const { return left_out_; }         /* lines that could not be read */
+  uint64_t dump_rows() const { return dump_rows_; } /* left out, but for the id of a request */
 
  private:
-  std::string Written(const Pieces& pieces);
-  /* A text that fits one of the patterns; otherwise a fixed text in its place. */
-  std::string Text(const LogLine& line);
-  std::string EventArguments(const LogLine& line);
-  std::optional<std::string> DumpRow(std::string_view row);
+  /* A text that fitted a pattern, with `text` in place of the value of that name. */
+  std::string written(const Match& match, const std::string& text = {});
+  std::string redacted(const Value& value);
+  /* What stands behind the prefix of a line; a fixed text in its place when it is not known. */
+  std::string text_of(const LogLine& line);
+  std::string known_text_of(const LogLine& line);
 
   Pseudonyms pseudonyms_;
-  LogLine line_;
-  Pieces pieces_;
+  LineParser parser_;
+  Match match_;
   uint64_t without_text_ = 0;
   uint64_t left_out_ = 0;
   uint64_t dump_rows_ = 0;
 };
+
+/*
+ * Writes a copy of the files to `copy`, which must not exist. Throws when a file cannot be read or
+ * the copy cannot be written, and then leaves no copy.
+ */
+void write_redacted(const std::vector<std::string>& files, const std::string& copy,
+                    Redactor* redactor);
 
 }  // namespace tnwlog
 

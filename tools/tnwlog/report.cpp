@@ -1,111 +1,114 @@
 #include "report.h"
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <map>
 
 namespace tnwlog {
 namespace {
 
-std::string Milliseconds(int64_t micros) {
+std::string milliseconds(int64_t micros) {
   return micros < 0 ? "-" : fmt::format("{:.1f}", static_cast<double>(micros) / 1000);
 }
 
-std::string TimeText(int64_t time) {
-  const int64_t seconds = time / 1000 % 86400;
-  return fmt::format("{:02}:{:02}:{:02}.{:03}", seconds / 3600, seconds / 60 % 60, seconds % 60,
-                     time % 1000);
+/* "14:21:52.589" */
+std::string time_text(int64_t time) {
+  const std::chrono::sys_seconds second{std::chrono::seconds(time / 1000)};
+  return fmt::format("{:%H:%M:%S}.{:03}", second, time % 1000);
 }
 
-std::string_view IdText(const Request& request) {
-  return request.has_id() ? TextOf(request.id) : "a call as a whole";
+std::string_view id_text(const Request& request) {
+  return request.has_id() ? text_of(request.id) : "a call as a whole";
 }
 
-std::string UnansweredText(const Trace& trace) {
-  constexpr size_t kShown = 5;
-  const auto unanswered = trace.UnansweredRequests();
+std::string unanswered_text(const Trace& trace) {
+  constexpr size_t SHOWN = 5;
+  const auto unanswered = trace.unanswered_requests();
   std::string text;
-  for (size_t i = 0; i < std::min(unanswered.size(), kShown); i++) {
-    const Unanswered& request = unanswered[i].second;
-    text += fmt::format("No answer: {} {} {}  {}\n", TimeText(request.time),
-                        Operations()[request.operation].name, TextOf(unanswered[i].first),
-                        trace.PathOf(request.path));
+  for (size_t i = 0; i < std::min(unanswered.size(), SHOWN); i++) {
+    const auto& [id, request] = unanswered[i];
+    text += fmt::format("No answer: {} {} {}  {}\n", time_text(request.time),
+                        operations()[request.operation].name, text_of(id), request.path);
   }
-  if (unanswered.size() > kShown) {
-    text += fmt::format("No answer: {} more\n", unanswered.size() - kShown);
+  if (unanswered.size() > SHOWN) {
+    text += fmt::format("No answer: {} more\n", unanswered.size() - SHOWN);
   }
   return text;
 }
 
+std::string lines_text(const Trace& trace) {
+  return fmt::format("{} lines, {} of which could not be read\n", trace.lines(),
+                     trace.unreadable_lines());
+}
+
 }  // namespace
 
-int64_t OperationSummary::Percentile(unsigned percent) const {
-  return micros.empty() ? -1 : micros[(micros.size() * percent + 99) / 100 - 1];
-}
-
-std::vector<OperationSummary> Summarize(const Trace& trace) {
-  std::map<OperationCode, OperationSummary> summaries;
-  for (const Request& request : trace.Requests()) {
-    OperationSummary& summary = summaries[request.operation];
-    summary.count++;
-    summary.errors += request.failed() ? 1 : 0;
-    if (request.micros >= 0) {
-      summary.micros.push_back(request.micros);
+int64_t OperationSummary::percentile(unsigned percent) const {
+  uint64_t all = 0;
+  for (const auto& [micros, times_seen] : times) {
+    all += times_seen;
+  }
+  uint64_t rank = (all * percent + 99) / 100;
+  for (const auto& [micros, times_seen] : times) {
+    if (rank <= times_seen) {
+      return micros;
     }
+    rank -= times_seen;
   }
-  for (const auto& [id, request] : trace.UnansweredRequests()) {
-    summaries[request.operation].unanswered++;
-  }
-  std::vector<OperationSummary> all;
-  for (auto& [operation, summary] : summaries) {
-    summary.operation = operation;
-    std::sort(summary.micros.begin(), summary.micros.end());
-    all.push_back(std::move(summary));
-  }
-  return all;
+  return -1;
 }
 
-std::vector<Request> Slowest(const Trace& trace, size_t count) {
-  std::vector<Request> slowest(std::min(count, trace.Requests().size()));
-  std::partial_sort_copy(trace.Requests().begin(), trace.Requests().end(), slowest.begin(),
-                         slowest.end(),
-                         [](const Request& a, const Request& b) { return a.micros > b.micros; });
-  return slowest;
+void Report::add(const Request& request) {
+  OperationSummary& summary = table_[request.operation];
+  summary.count++;
+  summary.errors += request.failed() ? 1 : 0;
+  if (request.micros >= 0) {
+    summary.times[(request.micros + 50) / 100 * 100]++;
+  }
+  if (most_ > 0) {
+    slowest_.emplace(request.micros, request);
+  }
+  if (slowest_.size() > most_) {
+    slowest_.erase(std::prev(slowest_.end()));
+  }
 }
 
-std::string LinesText(const Trace& trace) {
-  return fmt::format("{} lines, {} of which could not be read\n", trace.Lines(),
-                     trace.UnreadableLines());
+Table Report::table(const Trace& trace) const {
+  Table table = table_;
+  for (const auto& [id, request] : trace.unanswered_requests()) {
+    table[request.operation].unanswered++;
+  }
+  return table;
 }
 
-std::string TableText(const Trace& trace) {
+std::string table_text(const Report& report, const Trace& trace) {
   std::string text =
       fmt::format("{:<12} {:>8} {:>7} {:>9} {:>9} {:>9} {:>9} {:>9}\n", "operation", "count",
                   "errors", "no answer", "p50 ms", "p90 ms", "p99 ms", "max ms");
-  for (const OperationSummary& summary : Summarize(trace)) {
-    text += fmt::format("{:<12} {:>8} {:>7} {:>9} {:>9} {:>9} {:>9} {:>9}\n",
-                        Operations()[summary.operation].name, summary.count, summary.errors,
-                        summary.unanswered, Milliseconds(summary.Percentile(50)),
-                        Milliseconds(summary.Percentile(90)), Milliseconds(summary.Percentile(99)),
-                        Milliseconds(summary.Percentile(100)));
+  for (const auto& [operation, summary] : report.table(trace)) {
+    text +=
+        fmt::format("{:<12} {:>8} {:>7} {:>9} {:>9} {:>9} {:>9} {:>9}\n",
+                    operations()[operation].name, summary.count, summary.errors, summary.unanswered,
+                    milliseconds(summary.percentile(50)), milliseconds(summary.percentile(90)),
+                    milliseconds(summary.percentile(99)), milliseconds(summary.percentile(100)));
   }
-  return text + UnansweredText(trace) + LinesText(trace);
+  return text + unanswered_text(trace) + lines_text(trace);
 }
 
-std::string RequestText(const Trace& trace, const Request& request) {
-  return fmt::format("{} {:>10} {:<12} {:>5}  {:<36}  {}\n", TimeText(request.time),
-                     Milliseconds(request.micros), Operations()[request.operation].name,
-                     request.error, IdText(request), trace.PathOf(request.path));
+std::string request_text(const Request& request) {
+  return fmt::format("{} {:>10} {:<12} {:>5}  {:<36}  {}\n", time_text(request.time),
+                     milliseconds(request.micros), operations()[request.operation].name,
+                     request.error, id_text(request), request.path);
 }
 
-std::string SlowestText(const Trace& trace, size_t count) {
+std::string slowest_text(const Report& report, const Trace& trace) {
   std::string text = fmt::format("{:<12} {:>10} {:<12} {:>5}  {:<36}  {}\n", "answered", "ms",
                                  "operation", "error", "request", "path");
-  for (const Request& request : Slowest(trace, count)) {
-    text += RequestText(trace, request);
+  for (const auto& [micros, request] : report.slowest()) {
+    text += request_text(request);
   }
-  return text + LinesText(trace);
+  return text + lines_text(trace);
 }
 
 }  // namespace tnwlog

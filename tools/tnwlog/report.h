@@ -1,7 +1,9 @@
-/* What a trace says, for people and for programs. */
+/* What the requests of a log add up to, for people and for programs. */
 #ifndef TNWLOG_REPORT_H
 #define TNWLOG_REPORT_H
 
+#include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -9,32 +11,47 @@
 
 namespace tnwlog {
 
+/* A row of the table. */
 struct OperationSummary {
-  OperationCode operation;
   uint64_t count = 0;
   uint64_t errors = 0;
   uint64_t unanswered = 0;
-  std::vector<int64_t> micros; /* ascending; of those whose response time is known */
+  /* How often each response time came up, in microseconds, rounded to tenths of a millisecond: a
+   * log of any length has few of them. */
+  std::map<int64_t, uint64_t> times;
 
   /* The response time that this share of the requests did not exceed; -1 without any. */
-  int64_t Percentile(unsigned percent) const;
+  int64_t percentile(unsigned percent) const;
+};
+using Table = std::map<OperationCode, OperationSummary>;
+
+class Report {
+ public:
+  /* Keeps the slowest requests, so many of them, beside the table. */
+  explicit Report(size_t slowest = 0) : most_(slowest) {}
+
+  void add(const Request& request);
+
+  /* Those operations that the log has, in the order of their codes. */
+  Table table(const Trace& trace) const;
+  /* By their microseconds, the slowest first. */
+  const std::multimap<int64_t, Request, std::greater<>>& slowest() const { return slowest_; }
+
+ private:
+  const size_t most_;
+  Table table_; /* without the unanswered requests */
+  std::multimap<int64_t, Request, std::greater<>> slowest_;
 };
 
-/* Those operations that the log has, in the order of their codes. */
-std::vector<OperationSummary> Summarize(const Trace& trace);
-/* The slowest requests, the slowest first. */
-std::vector<Request> Slowest(const Trace& trace, size_t count);
+/* Each ends with a line end. The trace tells of unanswered requests and of lines. */
+std::string table_text(const Report& report, const Trace& trace);
+std::string slowest_text(const Report& report, const Trace& trace);
+std::string request_text(const Request& request);
 
-/* Each ends with a line end. */
-std::string TableText(const Trace& trace);
-std::string SlowestText(const Trace& trace, size_t count);
-std::string RequestText(const Trace& trace, const Request& request);
-std::string LinesText(const Trace& trace); /* how many lines, and how many could not be read */
-
-std::string TableJson(const Trace& trace);
-std::string SlowestJson(const Trace& trace, size_t count);
-std::string RequestJson(const Trace& trace, const Request& request);
-std::string MatchingLinesJson(const std::vector<std::string>& lines);
+std::string table_json(const Report& report, const Trace& trace);
+std::string slowest_json(const Report& report, const Trace& trace);
+std::string request_json(const Request& request);
+std::string matching_lines_json(const std::vector<std::string>& lines);
 
 }  // namespace tnwlog
 

@@ -8,75 +8,73 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 /* What is not UTF-8 in a log is shown by the replacement character. */
-std::string Dump(const Json& json, int indent) {
+std::string dump(const Json& json, int indent) {
   return json.dump(indent, ' ', false, Json::error_handler_t::replace) + '\n';
 }
 
-Json Milliseconds(int64_t micros) {
+Json milliseconds(int64_t micros) {
   return micros < 0 ? Json() : Json(static_cast<double>(micros) / 1000);
 }
 
-Json JsonOf(const OperationSummary& summary) {
-  return {{"operation", Operations()[summary.operation].name},
+Json json_of(OperationCode operation, const OperationSummary& summary) {
+  return {{"operation", operations()[operation].name},
           {"count", summary.count},
           {"errors", summary.errors},
           {"no_answer", summary.unanswered},
-          {"p50_ms", Milliseconds(summary.Percentile(50))},
-          {"p90_ms", Milliseconds(summary.Percentile(90))},
-          {"p99_ms", Milliseconds(summary.Percentile(99))},
-          {"max_ms", Milliseconds(summary.Percentile(100))}};
+          {"p50_ms", milliseconds(summary.percentile(50))},
+          {"p90_ms", milliseconds(summary.percentile(90))},
+          {"p99_ms", milliseconds(summary.percentile(99))},
+          {"max_ms", milliseconds(summary.percentile(100))}};
 }
 
 /* Times are milliseconds since 1970 on the clock of the log, which tells no time zone. */
-Json JsonOf(const Trace& trace, const Request& request) {
+Json json_of(const Request& request) {
   return {{"time", request.time},
-          {"operation", Operations()[request.operation].name},
-          {"ms", Milliseconds(request.micros)},
+          {"operation", operations()[request.operation].name},
+          {"ms", milliseconds(request.micros)},
           {"error", request.error},
-          {"request", request.has_id() ? Json(TextOf(request.id)) : Json()},
+          {"request", request.has_id() ? Json(text_of(request.id)) : Json()},
           {"utxid", request.utxid},
-          {"path", trace.PathOf(request.path)}};
+          {"path", request.path}};
 }
 
-Json WithLines(const Trace& trace, const char* name, Json values) {
+Json with_lines(const Trace& trace, const char* name, Json values) {
   return {{name, std::move(values)},
-          {"lines", trace.Lines()},
-          {"unreadable_lines", trace.UnreadableLines()}};
+          {"lines", trace.lines()},
+          {"unreadable_lines", trace.unreadable_lines()}};
 }
 
 }  // namespace
 
-std::string TableJson(const Trace& trace) {
-  Json operations = Json::array();
-  for (const OperationSummary& summary : Summarize(trace)) {
-    operations.push_back(JsonOf(summary));
+std::string table_json(const Report& report, const Trace& trace) {
+  Json rows = Json::array();
+  for (const auto& [operation, summary] : report.table(trace)) {
+    rows.push_back(json_of(operation, summary));
   }
   Json unanswered = Json::array();
-  for (const auto& [id, request] : trace.UnansweredRequests()) {
+  for (const auto& [id, request] : trace.unanswered_requests()) {
     unanswered.push_back({{"time", request.time},
-                          {"operation", Operations()[request.operation].name},
-                          {"request", TextOf(id)},
-                          {"path", trace.PathOf(request.path)}});
+                          {"operation", operations()[request.operation].name},
+                          {"request", text_of(id)},
+                          {"path", request.path}});
   }
-  Json table = WithLines(trace, "operations", std::move(operations));
+  Json table = with_lines(trace, "operations", std::move(rows));
   table["no_answer"] = std::move(unanswered);
-  return Dump(table, 2);
+  return dump(table, 2);
 }
 
-std::string SlowestJson(const Trace& trace, size_t count) {
-  Json slowest = Json::array();
-  for (const Request& request : Slowest(trace, count)) {
-    slowest.push_back(JsonOf(trace, request));
+std::string slowest_json(const Report& report, const Trace& trace) {
+  Json requests = Json::array();
+  for (const auto& [micros, request] : report.slowest()) {
+    requests.push_back(json_of(request));
   }
-  return Dump(WithLines(trace, "slowest", std::move(slowest)), 2);
+  return dump(with_lines(trace, "slowest", std::move(requests)), 2);
 }
 
-std::string RequestJson(const Trace& trace, const Request& request) {
-  return Dump(JsonOf(trace, request), -1);
-}
+std::string request_json(const Request& request) { return dump(json_of(request), -1); }
 
-std::string MatchingLinesJson(const std::vector<std::string>& lines) {
-  return Dump({{"lines", lines}}, 2);
+std::string matching_lines_json(const std::vector<std::string>& lines) {
+  return dump({{"lines", lines}}, 2);
 }
 
 }  // namespace tnwlog

@@ -17,15 +17,15 @@ struct Marks {
   std::set<uint64_t> lines; /* their numbers, from 1 */
 };
 
-void AddRequest(const RequestId& id, uint64_t line, uint64_t utxid, Marks* marks) {
-  marks->texts.emplace(TextOf(id));
+void add_request(const RequestId& id, uint64_t line, uint64_t utxid, Marks* marks) {
+  marks->texts.emplace(text_of(id));
   marks->lines.insert(line);
   if (utxid != 0) {
     marks->texts.insert("\"utxid\":" + std::to_string(utxid) + ',');
   }
 }
 
-Marks MarksOf(const Trace& trace, const std::string& id) {
+Marks marks_of(Trace* trace, const std::string& id) {
   uint64_t utxid = 0;
   const auto [end, error] = std::from_chars(id.data(), id.data() + id.size(), utxid);
   const bool is_utxid = error == std::errc() && end == id.data() + id.size() && utxid != 0;
@@ -33,14 +33,14 @@ Marks MarksOf(const Trace& trace, const std::string& id) {
   if (!is_utxid) {
     marks.texts.insert(id);
   }
-  for (const Request& request : trace.Requests()) {
-    if (request.has_id() && (is_utxid ? request.utxid == utxid : TextOf(request.id) == id)) {
-      AddRequest(request.id, request.line, request.utxid, &marks);
+  for (const Request& request : trace->take_all()) {
+    if (request.has_id() && (is_utxid ? request.utxid == utxid : text_of(request.id) == id)) {
+      add_request(request.id, request.line, request.utxid, &marks);
     }
   }
-  for (const auto& [sent, request] : trace.UnansweredRequests()) {
-    if (TextOf(sent) == id) {
-      AddRequest(sent, request.line, 0, &marks);
+  for (const auto& [sent, request] : trace->unanswered_requests()) {
+    if (text_of(sent) == id) {
+      add_request(sent, request.line, 0, &marks);
     }
   }
   return marks;
@@ -48,16 +48,14 @@ Marks MarksOf(const Trace& trace, const std::string& id) {
 
 }  // namespace
 
-std::vector<std::string> LinesOfRequest(const std::vector<std::string>& files,
-                                        const std::string& id) {
+std::vector<std::string> lines_of_request(const std::vector<std::string>& files,
+                                          const std::string& id) {
   Trace trace;
-  for (const std::string& file : files) {
-    ReadLines(file, [&trace](std::string_view line) { trace.Add(line); });
-  }
+  read_lines(files, [&trace](std::string_view line) { trace.add(line); });
   std::string lower = id;
   std::transform(lower.begin(), lower.end(), lower.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  const Marks marks = MarksOf(trace, lower);
+  const Marks marks = marks_of(&trace, lower);
 
   std::vector<std::string> lines;
   uint64_t number = 0;
@@ -71,9 +69,7 @@ std::vector<std::string> LinesOfRequest(const std::vector<std::string>& files,
       lines.emplace_back(line);
     }
   };
-  for (const std::string& file : files) {
-    ReadLines(file, add);
-  }
+  read_lines(files, add);
   return lines;
 }
 

@@ -2,66 +2,70 @@
 #ifndef TNWLOG_TEXT_PATTERN_H
 #define TNWLOG_TEXT_PATTERN_H
 
-#include <string>
+#include <memory>
 #include <string_view>
 #include <vector>
 
 namespace tnwlog {
 
-/*
- * What a value is: how far it reaches in a line, and what becomes of it in a copy that is shared.
+/* What a value is: what it looks like in a line, and what becomes of it in a copy that is shared.
  */
 enum class Kind : char {
-  kLiteral = 'L',
-  kTime = 't',     /* 2026-11-21 14:21:52.589 */
-  kNumber = 'd',   /* also negative */
-  kDecimals = 'f', /* 0.25 */
-  kHex = 'h',      /* digits, with or without 0x */
-  kId = 'm',       /* a request's id; it says nothing about people */
-  kWord = 'w',     /* letters, digits and ._+- ; may be empty */
-  kBlanks = '_',   /* any number of them */
+  TIME = 't',     /* 2026-11-21 14:21:52.589 */
+  NUMBER = 'd',   /* also negative */
+  DECIMALS = 'f', /* 0.25 */
+  HEX = 'h',      /* digits, with or without 0x */
+  ID = 'm',       /* a request's id; it says nothing about people */
+  WORD = 'w',     /* of the library or the service, or none; any other word is a name */
+  VERSION = 'v',  /* 1.0.0, 2026-11-21, or a commit */
   /* Free text, which may hold anything: quotes, and what looks like other values. */
-  kName = 'N',  /* of people and machines; an id of a device, drive or file; up to the first end */
-  kOwner = 'o', /* a person's number */
-  kPath = 'P',  /* up to the LAST place where the rest of the pattern fits */
-  kFirstPath = 'p', /* a path, up to the first such place */
-  kSecret = 'S',
-  kRest = 'R',     /* whatever is left */
-  kOptional = '[', /* what follows, up to kEndOptional, may be missing */
-  kEndOptional = ']',
+  NAME = 'N',       /* of people and machines; an id of a device, drive or file */
+  OWNER = 'o',      /* a person's number */
+  PATH = 'P',       /* reaches to the last place where the rest of the pattern fits */
+  FIRST_PATH = 'p', /* a path that reaches to the first such place */
+  TEXT_VALUE = 'T', /* a word of the library, or a path */
+  SECRET = 'S',
+  REST = 'R', /* whatever is left */
 };
 
-/* A piece of a line that a pattern matched: a literal or a value. */
-struct Piece {
+/* A value in a line. */
+struct Value {
   Kind kind;
   std::string_view name; /* as in the pattern; empty when it has none */
   std::string_view text;
 };
-using Pieces = std::vector<Piece>;
 
-/* The value of that name, or an empty text. */
-std::string_view ValueOf(const Pieces& pieces, std::string_view name);
+/* A text that fitted a pattern, and the values in it, in their order. What lies between them is the
+ * pattern's own. */
+struct Match {
+  std::string_view text;
+  std::vector<Value> values;
+
+  /* The value of that name, or an empty text. */
+  std::string_view operator[](std::string_view name) const;
+};
 
 class TextPattern {
  public:
   /*
-   * "Message: stat(path <P:path>, len <d>)": <kind> or <kind:name>. A path, name or secret ends the
-   * pattern or stands before a literal. The text must outlive the pattern.
+   * "Message: stat(path <P:path>, len <d>)": a value is <kind> or <kind:name>. "<[>...<]>" may be
+   * missing; "<_>" is any number of blanks, "<l>" the level of a line of the portability layer. The
+   * text must outlive the pattern.
    */
-  explicit TextPattern(std::string_view text);
+  explicit TextPattern(std::string_view notation);
 
-  /* Whether all of `text` fits. A text that was `cut` may end anywhere in the pattern. */
-  bool Match(std::string_view text, Pieces* pieces, bool cut = false) const;
+  /* Whether all of `text` fits. A text that was `cut` fits up to the pattern's first PATH, and
+   * whatever stands there counts as that path. */
+  bool match(std::string_view text, Match* match, bool cut = false) const;
 
  private:
-  struct Element {
-    Kind kind;
-    std::string_view name;
-    std::string_view literal;
-  };
-  class Matcher;
+  struct Regex;
 
-  std::vector<Element> elements_;
+  bool fits(const Regex& regex, std::string_view text, Match* match) const;
+
+  std::vector<Value> values_; /* without texts */
+  std::shared_ptr<const Regex> whole_;
+  std::shared_ptr<const Regex> cut_; /* null without a PATH */
 };
 
 }  // namespace tnwlog

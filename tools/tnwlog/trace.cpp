@@ -6,25 +6,29 @@ namespace tnwlog {
 namespace {
 
 /* A request line whose dump is not there any more must not be kept for ever. */
-constexpr size_t kMostTexts = 256;
-constexpr std::string_view kUnknownPath = "[unknown]";
-constexpr std::string_view kNoFile = "00000000-0000-0000-0000-000000000000";
+constexpr size_t MOST_TEXTS = 256;
+constexpr std::string_view UNKNOWN_PATH = "[unknown]";
+constexpr std::string_view NO_FILE = "00000000-0000-0000-0000-000000000000";
+
+uint32_t error_of(const Match& match) {
+  return static_cast<uint32_t>(number_of(match, "errno").value_or(0));
+}
 
 }  // namespace
 
-void Trace::Add(std::string_view line) {
+void Trace::add(std::string_view text) {
   lines_++;
-  ParseLine(line, &line_);
-  switch (line_.kind) {
-    case LineKind::kRequest:
-      return AddRequest(line_);
-    case LineKind::kDump:
-      return AddDump(line);
-    case LineKind::kHeader:
-      return AddHeader(line_);
-    case LineKind::kEvent:
-      return AddEvent(line_);
-    case LineKind::kUnreadable:
+  const LogLine& line = parser_.parse(text);
+  switch (line.kind) {
+    case LineKind::REQUEST:
+      return add_request(line);
+    case LineKind::DUMPED_REQUEST:
+      return add_dumped_request(line);
+    case LineKind::HEADER:
+      return add_header(line);
+    case LineKind::EVENT:
+      return add_event(line);
+    case LineKind::UNREADABLE:
       unreadable_lines_++;
       return;
     default:
@@ -32,103 +36,105 @@ void Trace::Add(std::string_view line) {
   }
 }
 
-void Trace::AddRequest(const LogLine& line) {
-  Operations()[line.operation].request.Match(line.text, &pieces_, line.is_cut);
+void Trace::add_request(const LogLine& line) {
+  operations()[line.operation].request.match(line.text, &match_, line.is_cut);
   std::deque<Unanswered>& texts = texts_[line.operation];
-  texts.push_back(
-      {line.operation, TimeOf(line.pieces), PathIndex(ValueOf(pieces_, "path")), lines_});
-  if (texts.size() > kMostTexts) {
+  texts.push_back({line.operation, time_of(line.prefix), std::string(match_["path"]), lines_});
+  if (texts.size() > MOST_TEXTS) {
     texts.pop_front();
   }
 }
 
-void Trace::AddDump(std::string_view row) {
-  const auto request = DumpedRequestOf(row);
-  if (!request || texts_[request->operation].empty()) {
-    return;
+void Trace::add_dumped_request(const LogLine& line) {
+  std::deque<Unanswered>& texts = texts_[line.operation];
+  if (!texts.empty()) {
+    sent_[line.id] = std::move(texts.front());
+    texts.pop_front();
   }
-  std::deque<Unanswered>& texts = texts_[request->operation];
-  sent_[request->id] = texts.front();
-  texts.pop_front();
 }
 
-void Trace::AddHeader(const LogLine& line) {
-  static const TextPattern& pattern = OtherTexts().front();
-  pattern.Match(line.text, &pieces_);
-  const uint64_t operation = NumberOf(pieces_, "opcode").value_or(kServiceOperations);
-  if (operation >= kServiceOperations) {
+void Trace::add_header(const LogLine& line) {
+  header_pattern().match(line.text, &match_);
+  const uint64_t operation = number_of(match_, "opcode").value_or(TNV_OP_MAX);
+  if (operation >= TNV_OP_MAX) {
     unreadable_lines_++;
     return;
   }
   has_headers_ = true;
-  const RequestId id = RequestIdOf(ValueOf(pieces_, "id"));
-  const int64_t time = TimeOf(line.pieces);
-  const auto sent = sent_.find(id);
-  const bool is_known = sent != sent_.end();
-  from_headers_[id] = requests_.size();
-  requests_.push_back({static_cast<OperationCode>(operation),
-                       static_cast<uint32_t>(NumberOf(pieces_, "errno").value_or(0)), time,
-                       is_known ? std::max<int64_t>(time - sent->second.time, 0) * 1000 : -1, 0, id,
-                       is_known ? sent->second.path : 0, is_known ? sent->second.line : 0});
-  if (is_known) {
-    sent_.erase(sent);
+  Request request = {.operation = static_cast<OperationCode>(operation),
+                     .error = error_of(match_),
+                     .time = time_of(line.prefix),
+                     .micros = -1,
+                     .utxid = 0,
+                     .id = request_id_of(match_["id"]),
+                     .path = {},
+                     .line = 0};
+  if (auto sent = sent_.extract(request.id)) {
+    request.micros = std::max<int64_t>(request.time - sent.mapped().time, 0) * 1000;
+    request.path = std::move(sent.mapped().path);
+    request.line = sent.mapped().line;
   }
+  from_headers_[request.id] = taken_ + answered_.size();
+  answered_.push_back(std::move(request));
 }
 
-void Trace::AddEvent(const LogLine& line) {
-  Request request = {line.operation,
-                     static_cast<uint32_t>(NumberOf(line.pieces, "errno").value_or(0)),
-                     TimeOf(line.pieces),
-                     static_cast<int64_t>(NumberOf(line.pieces, "micros").value_or(0)),
-                     NumberOf(line.pieces, "utxid").value_or(0),
-                     {},
-                     PathOfEvent(line),
-                     0};
-  const std::string_view id = ValueOf(line.pieces, "id");
-  if (id.empty()) {
-    requests_.push_back(request);
-    return;
-  }
-  request.id = RequestIdOf(id);
+void Trace::add_event(const LogLine& line) {
+  const std::string_view id = line.prefix["id"];
+  Request request = {.operation = line.operation,
+                     .error = error_of(line.prefix),
+                     .time = time_of(line.prefix),
+                     .micros = static_cast<int64_t>(number_of(line.prefix, "micros").value_or(0)),
+                     .utxid = number_of(line.prefix, "utxid").value_or(0),
+                     .id = id.empty() ? RequestId() : request_id_of(id),
+                     .path = path_of_event(line),
+                     .line = 0};
   if (const auto sent = sent_.extract(request.id)) {
     request.line = sent.mapped().line;
   }
-  const auto header = from_headers_.find(request.id);
-  if (header == from_headers_.end()) {
-    requests_.push_back(request);
-    return;
+  if (const auto header = from_headers_.extract(request.id)) {
+    Request& known = answered_[header.mapped() - taken_];
+    request.line = known.line;
+    known = std::move(request);
+  } else {
+    answered_.push_back(std::move(request));
   }
-  request.line = requests_[header->second].line;
-  requests_[header->second] = request;
-  from_headers_.erase(header);
 }
 
 /* Most events name a file by its id alone; those of its opening and listing name the path too. */
-uint32_t Trace::PathOfEvent(const LogLine& line) {
-  Operations()[line.operation].event_arguments.Match(line.text, &pieces_, line.is_cut);
-  const std::string_view path = ValueOf(pieces_, "path");
-  const std::string file(ValueOf(pieces_, "file"));
-  if (!path.empty() && path != kUnknownPath) {
-    const uint32_t index = PathIndex(path);
-    if (!file.empty() && file != kNoFile) {
-      paths_of_files_[file] = index;
-    }
-    return index;
+std::string Trace::path_of_event(const LogLine& line) {
+  operations()[line.operation].event_arguments.match(line.text, &match_, line.is_cut);
+  const std::string_view path = match_["path"];
+  const std::string file(match_["file"]);
+  if (path.empty() || path == UNKNOWN_PATH) {
+    const auto known = paths_of_files_.find(file);
+    return known != paths_of_files_.end() ? known->second : "";
   }
-  const auto known = paths_of_files_.find(file);
-  return known != paths_of_files_.end() ? known->second : 0;
+  if (!file.empty() && file != NO_FILE) {
+    paths_of_files_[file] = path;
+  }
+  return std::string(path);
 }
 
-uint32_t Trace::PathIndex(std::string_view path) {
-  const auto [place, is_new] =
-      path_indexes_.try_emplace(std::string(path), static_cast<uint32_t>(paths_.size()));
-  if (is_new) {
-    paths_.emplace_back(path);
-  }
-  return place->second;
+std::vector<Request> Trace::take_all() { return take(answered_.size()); }
+
+std::vector<Request> Trace::take_settled() {
+  std::vector<Request> requests = take(settled_);
+  settled_ = answered_.size();
+  return requests;
 }
 
-std::vector<std::pair<RequestId, Unanswered>> Trace::UnansweredRequests() const {
+std::vector<Request> Trace::take(size_t count) {
+  const auto end = answered_.begin() + static_cast<ptrdiff_t>(count);
+  std::vector<Request> requests(std::make_move_iterator(answered_.begin()),
+                                std::make_move_iterator(end));
+  answered_.erase(answered_.begin(), end);
+  taken_ += count;
+  settled_ -= std::min(settled_, count);
+  std::erase_if(from_headers_, [this](const auto& entry) { return entry.second < taken_; });
+  return requests;
+}
+
+std::vector<std::pair<RequestId, Unanswered>> Trace::unanswered_requests() const {
   std::vector<std::pair<RequestId, Unanswered>> all;
   if (has_headers_) {
     all.assign(sent_.begin(), sent_.end());

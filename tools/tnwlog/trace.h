@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "log_line.h"
@@ -16,23 +17,24 @@ namespace tnwlog {
 /* A request that was answered, or a call that the client answered itself. */
 struct Request {
   OperationCode operation;
-  uint32_t error; /* as in the log: an errno of the service's */
-  int64_t time;   /* when it was answered (TimeOf) */
-  int64_t micros; /* the response time; -1 when the log does not tell */
-  uint64_t utxid; /* 0: none */
-  RequestId id;   /* all zero characters: the client answered */
-  uint32_t path;  /* an index for PathOf */
-  uint64_t line;  /* the number of the line that tells that it is sent, from 1; 0: none */
+  uint32_t error;   /* as in the log: an errno of the service's */
+  int64_t time;     /* when it was answered (time_of) */
+  int64_t micros;   /* the response time; -1 when the log does not tell */
+  uint64_t utxid;   /* 0: none */
+  RequestId id;     /* all zero characters: the client answered */
+  std::string path; /* empty: the log does not tell */
+  uint64_t line;    /* the number of the line that tells that it is sent, from 1; 0: none */
+
   bool has_id() const { return id[0] != '\0'; }
   /* An OPEN that found an existing file says so by this number. */
-  bool failed() const { return error != 0 && !(operation == kOpen && error == 183); }
+  bool failed() const { return error != 0 && !(operation == TNV_OP_WIN_OPEN && error == 183); }
 };
 
 /* A request that was sent and has no answer in the log. */
 struct Unanswered {
   OperationCode operation;
   int64_t time;
-  uint32_t path;
+  std::string path;
   uint64_t line; /* as in Request */
 };
 
@@ -46,42 +48,47 @@ struct Unanswered {
  */
 class Trace {
  public:
-  void Add(std::string_view line);
+  void add(std::string_view line);
 
-  const std::vector<Request>& Requests() const { return requests_; }
+  /* Hands out the answered requests, the first one first, and forgets them. */
+  std::vector<Request> take_all();
+  /* The same for those that were there at the last call: what came since may be half read, since an
+   * answer has up to two lines. */
+  std::vector<Request> take_settled();
+
   /* By id. Empty unless the log shows that answers are logged. */
-  std::vector<std::pair<RequestId, Unanswered>> UnansweredRequests() const;
-  std::string_view PathOf(uint32_t path) const { return paths_[path]; }
+  std::vector<std::pair<RequestId, Unanswered>> unanswered_requests() const;
 
-  uint64_t Lines() const { return lines_; }
-  uint64_t UnreadableLines() const { return unreadable_lines_; }
+  uint64_t lines() const { return lines_; }
+  uint64_t unreadable_lines() const { return unreadable_lines_; }
 
  private:
   struct IdHash {
     size_t operator()(const RequestId& id) const {
-      return std::hash<std::string_view>()(TextOf(id));
+      return std::hash<std::string_view>()(text_of(id));
     }
   };
 
-  void AddRequest(const LogLine& line);
-  void AddDump(std::string_view row);
-  void AddHeader(const LogLine& line);
-  void AddEvent(const LogLine& line);
-  uint32_t PathOfEvent(const LogLine& line);
-  uint32_t PathIndex(std::string_view path);
+  void add_request(const LogLine& line);
+  void add_dumped_request(const LogLine& line);
+  void add_header(const LogLine& line);
+  void add_event(const LogLine& line);
+  std::string path_of_event(const LogLine& line);
+  std::vector<Request> take(size_t count);
 
   uint64_t lines_ = 0;
   uint64_t unreadable_lines_ = 0;
   bool has_headers_ = false;
-  LogLine line_;
-  Pieces pieces_;
-  std::vector<std::deque<Unanswered>> texts_{kServiceOperations}; /* whose dump has not come */
+  LineParser parser_;
+  Match match_;
+  std::vector<std::deque<Unanswered>> texts_{TNV_OP_MAX}; /* whose dump has not come */
   std::unordered_map<RequestId, Unanswered, IdHash> sent_;
-  std::unordered_map<RequestId, size_t, IdHash> from_headers_; /* whose event has not come */
-  std::vector<Request> requests_;
-  std::vector<std::string> paths_{""};
-  std::unordered_map<std::string, uint32_t> path_indexes_{{"", 0}};
-  std::unordered_map<std::string, uint32_t> paths_of_files_; /* by the file's id */
+  std::deque<Request> answered_;
+  size_t settled_ = 0; /* of these, the first */
+  uint64_t taken_ = 0; /* before these */
+  /* Those whose event has not come, by their number from the first one ever. */
+  std::unordered_map<RequestId, uint64_t, IdHash> from_headers_;
+  std::unordered_map<std::string, std::string> paths_of_files_; /* by the file's id */
 };
 
 }  // namespace tnwlog

@@ -2,114 +2,19 @@
 
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
-
-#include <initializer_list>
 #include <map>
-
-#include "answers.h"
 
 namespace tnwsh {
 namespace {
 
-constexpr char kTreeDetails[] =
-    "With -r it goes on past what fails, tells it at once and lists it at the end. Links to "
-    "folders\n"
-    "of this machine are not followed.";
-
-struct Command {
-  const char* name;
-  const char* help;
-  void (*declare)(CLI::App* command, Action* action);
-  /* What it may answer; of several tables that know a code the first one counts. */
-  std::initializer_list<Answers> answers;
-  const char* details = "";
-};
-
-const Command kCommands[] = {
-    {"ls",
-     "Lists a folder, or shows one file",
-     DeclareLs,
-     {kListAnswers, kPathAnswers, kDriveAnswers}},
-    {"tree",
-     "Lists a folder and all below it",
-     DeclareTree,
-     {kListAnswers, kPathAnswers, kDriveAnswers}},
-    {"stat",
-     "Shows all that the cloud tells of a file or folder",
-     DeclareStat,
-     {kPathAnswers, kDriveAnswers}},
-    {"cat",
-     "Writes a file to standard output",
-     DeclareCat,
-     {kReadAnswers, kPathAnswers, kDriveAnswers}},
-    {"get",
-     "Copies a file or folder of the drive to this machine",
-     DeclareGet,
-     {kReadAnswers, kPathAnswers, kDriveAnswers},
-     kTreeDetails},
-    {"put",
-     "Copies a file or folder of this machine to the drive",
-     DeclarePut,
-     {kWriteAnswers, kPathAnswers, kDriveAnswers},
-     kTreeDetails},
-    {"mv",
-     "Renames or moves a file or folder; replaces nothing",
-     DeclareMv,
-     {kRenameAnswers, kPathAnswers, kDriveAnswers}},
-    {"rm",
-     "Deletes a file or an empty folder",
-     DeclareRm,
-     {kDeleteAnswers, kPathAnswers, kDriveAnswers}},
-    {"mkdir", "Makes a folder", DeclareMkdir, {kMakeFolderAnswers, kPathAnswers, kDriveAnswers}},
-    {"truncate",
-     "Sets a file's size: cuts it, or adds zeros",
-     DeclareTruncate,
-     {kWriteAnswers, kPathAnswers, kDriveAnswers}},
-    {"lock",
-     "Locks a range of a file, or lists the locks that are held",
-     DeclareLock,
-     {kLockAnswers, kPathAnswers, kDriveAnswers},
-     "A lock lives as long as the open that took it: at the prompt until unlock or exit, as a\n"
-     "command of its own until Ctrl-C. A conflict is answered at once. Locks are judged among\n"
-     "themselves; reads and writes do not look at them."},
-    {"unlock",
-     "Lifts a lock of this shell",
-     DeclareUnlock,
-     {kUnlockAnswers, kDriveAnswers},
-     "The range is exactly one that was locked; \"lock\" alone lists them."},
-    {"regions",
-     "Draws which regions of a file are cached here, and which are dirty",
-     DeclareRegions,
-     {kReadAnswers, kPathAnswers, kDriveAnswers},
-     "These are the maps of an open: of the one that a lock of the prompt holds, or of a new one.\n"
-     "Dirty regions are those that the service expects to be written; only an open that writes\n"
-     "knows them. One character is one region, or several: # all of them, + some, . none.\n"
-     "In JSON a map is a list of [first region, count]."},
-    {"token",
-     "Hands a new access token to the cache service",
-     DeclareToken,
-     {kTokenAnswers, kDriveAnswers}},
-    {"proxy",
-     "Tells the cache service the HTTP proxy to use",
-     DeclareProxy,
-     {kProxyAnswers, kDriveAnswers},
-     "It counts for as long as this shell runs."},
-    {"purge",
-     "Deletes the user's cache on this machine",
-     DeclarePurge,
-     {kPurgeAnswers},
-     "Changes that are not in the cloud yet are lost. A drive of this shell is stopped first."},
-};
-
-std::string Footer(const Command& command) {
+std::string footer(const std::vector<Answers>& answers, const char* details) {
   std::map<uint32_t, std::string> meanings;
-  for (const Answers& table : command.answers) {
+  for (const Answers& table : answers) {
     for (const Answer& answer : table) {
-      meanings.emplace(answer.code, MeaningOf(answer.code, table));
+      meanings.emplace(answer.code, meaning_of(answer.code, table));
     }
   }
-  std::string text = command.details;
+  std::string text = details;
   text += text.empty() ? "" : "\n\n";
   text += "May answer, beside other codes of Windows:";
   for (const auto& [code, meaning] : meanings) {
@@ -120,14 +25,22 @@ std::string Footer(const Command& command) {
 
 }  // namespace
 
-void DeclareCommands(CLI::App* app, Action* action) {
+CLI::App* add_parser(CLI::App* app, const char* name, const char* help,
+                     const std::vector<Answers>& answers, const char* details) {
+  CLI::App* parser = app->add_subcommand(name, help);
+  parser->group("Commands");
+  parser->footer([answers, details] { return footer(answers, details); });
+  return parser;
+}
+
+void declare_commands(CLI::App* app, Action* action) {
   app->allow_windows_style_options(false); /* "/docs" is a path */
-  for (const Command& command : kCommands) {
-    CLI::App* parser = app->add_subcommand(command.name, command.help);
-    parser->group("Commands");
-    command.declare(parser, action);
-    parser->footer([&command] { return Footer(command); });
-  }
+  declare_listings(app, action);
+  declare_transfers(app, action);
+  declare_name_commands(app, action);
+  declare_open_file_commands(app, action);
+  declare_regions(app, action);
+  declare_service_commands(app, action);
 }
 
 }  // namespace tnwsh

@@ -1,13 +1,9 @@
 /* ls and tree. */
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 
 #include "commands.h"
-#include "console.h"
-#include "text.h"
 
 namespace tnwsh {
 namespace {
@@ -17,37 +13,42 @@ struct Totals {
   uint64_t folders = 0;
   uint64_t bytes = 0;
 
-  void Count(const Entry& entry) {
+  void count(const Entry& entry) {
     (entry.folder ? folders : files)++;
     bytes += entry.size;
   }
-  void Print() const {
-    fmt::print("{} and {}, {}\n", Counted(files, "file"), Counted(folders, "folder"),
-               BytesText(static_cast<double>(bytes)));
+  void print() const {
+    fmt::print("{} and {}, {}\n", counted(files, "file"), counted(folders, "folder"),
+               bytes_text(static_cast<double>(bytes)));
   }
 };
 
-void PrintLong(const Entry& entry) {
-  fmt::print("{}  {:>17}  {}{}\n", LocalTimeText(entry.modified),
-             entry.folder ? "folder" : GroupedDigits(entry.size), entry.name,
+void print_long(const Entry& entry) {
+  fmt::print("{}  {:>17}  {}{}\n", local_time_text(entry.modified),
+             entry.folder ? "folder" : grouped_digits(entry.size), entry.name,
              entry.folder ? "/" : "");
 }
 
-void Ls(Shell& shell, const std::string& path, bool names_only) {
-  const Entry named = shell.TheDrive().Get(path);
+struct LsArguments {
+  std::string path = "/";
+  bool names_only = false;
+};
+
+void run_ls(Shell& shell, const LsArguments& ls) {
+  const Entry named = shell.drive().get(ls.path);
   const std::vector<Entry> entries =
-      named.folder ? shell.TheDrive().List(path) : std::vector<Entry>{named};
+      named.folder ? shell.drive().list(ls.path) : std::vector<Entry>{named};
   Totals totals;
   for (const Entry& entry : entries) {
-    totals.Count(entry);
-    if (names_only) {
+    totals.count(entry);
+    if (ls.names_only) {
       fmt::print("{}\n", entry.name);
     } else {
-      PrintLong(entry);
+      print_long(entry);
     }
   }
-  if (named.folder && !names_only) {
-    totals.Print();
+  if (named.folder && !ls.names_only) {
+    totals.print();
   }
 }
 
@@ -55,28 +56,28 @@ class TreePrinter {
  public:
   TreePrinter(Drive& drive, int depth) : drive_(drive), depth_(depth) {}
 
-  void Print(const std::string& path, const std::string& id, const std::string& lead = "",
+  void print(const std::string& path, const std::string& id, const std::string& lead = "",
              int level = 1) {
-    const std::vector<Entry> entries = drive_.List(path);
+    const std::vector<Entry> entries = drive_.list(path);
     above_.push_back(id);
     for (const Entry& entry : entries) {
-      if (Interrupted()) {
+      if (interrupted()) {
         throw Failure(path, "interrupted");
       }
       const bool last = &entry == &entries.back();
       fmt::print("{}{}{}{}\n", lead, last ? "└── " : "├── ", entry.name, entry.folder ? "/" : "");
-      totals_.Count(entry);
-      if (entry.folder && level != depth_ && !LeadsBack(entry)) {
-        Print(JoinPath(path, entry.name), entry.id, lead + (last ? "    " : "│   "), level + 1);
+      totals_.count(entry);
+      if (entry.folder && level != depth_ && !leads_back(entry)) {
+        print(join_path(path, entry.name), entry.id, lead + (last ? "    " : "│   "), level + 1);
       }
     }
     above_.pop_back();
   }
-  const Totals& Sum() const { return totals_; }
+  const Totals& sum() const { return totals_; }
 
  private:
   /* A link to a folder that leads to it. */
-  bool LeadsBack(const Entry& entry) const {
+  bool leads_back(const Entry& entry) const {
     return std::find(above_.begin(), above_.end(), entry.id) != above_.end();
   }
 
@@ -86,39 +87,32 @@ class TreePrinter {
   Totals totals_;
 };
 
-void Tree(Shell& shell, const std::string& path, int depth) {
-  TreePrinter printer(shell.TheDrive(), depth);
-  const Entry top = shell.TheDrive().Get(path);
-  fmt::print("{}\n", path);
-  printer.Print(path, top.id);
-  printer.Sum().Print();
+struct TreeArguments {
+  std::string path = "/";
+  int depth = 0;
+};
+
+void run_tree(Shell& shell, const TreeArguments& tree) {
+  TreePrinter printer(shell.drive(), tree.depth);
+  const Entry top = shell.drive().get(tree.path);
+  fmt::print("{}\n", tree.path);
+  printer.print(tree.path, top.id);
+  printer.sum().print();
 }
 
 }  // namespace
 
-void DeclareLs(CLI::App* command, Action* action) {
-  struct Arguments {
-    std::string path = "/";
-    bool names_only = false;
-  };
-  auto arguments = std::make_shared<Arguments>();
-  command->add_option("PATH", arguments->path, "A folder or file of the drive");
-  command->add_flag("-1,--names", arguments->names_only, "Names only, one a line");
-  command->callback(
-      [=] { *action = [=](Shell& shell) { Ls(shell, arguments->path, arguments->names_only); }; });
-}
+void declare_listings(CLI::App* app, Action* action) {
+  auto [ls, listed] = add_command(app, action, "ls", "Lists a folder, or shows one file", run_ls,
+                                  {LIST_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS});
+  ls->add_option("PATH", listed->path, "A folder or file of the drive");
+  ls->add_flag("-1,--names", listed->names_only, "Names only, one a line");
 
-void DeclareTree(CLI::App* command, Action* action) {
-  struct Arguments {
-    std::string path = "/";
-    int depth = 0;
-  };
-  auto arguments = std::make_shared<Arguments>();
-  command->add_option("PATH", arguments->path, "A folder of the drive");
-  command->add_option("-d,--depth", arguments->depth, "Levels of folders to show (0: all)")
+  auto [tree, top] = add_command(app, action, "tree", "Lists a folder and all below it", run_tree,
+                                 {LIST_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS});
+  tree->add_option("PATH", top->path, "A folder of the drive");
+  tree->add_option("-d,--depth", top->depth, "Levels of folders to show (0: all)")
       ->check(CLI::NonNegativeNumber);
-  command->callback(
-      [=] { *action = [=](Shell& shell) { Tree(shell, arguments->path, arguments->depth); }; });
 }
 
 }  // namespace tnwsh

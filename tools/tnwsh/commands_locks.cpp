@@ -2,24 +2,25 @@
 #include <fmt/format.h>
 #include <windows.h>
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 
 #include "commands.h"
-#include "console.h"
-#include "text.h"
 #include "transfer.h"
 
 namespace tnwsh {
 namespace {
 
-void Truncate(Shell& shell, const std::string& path, uint64_t size) {
-  Drive& drive = shell.TheDrive();
-  RemoteFile file(drive, path, RemoteFile::Mode::kChange);
-  file.SetSize(size);
-  file.Close();
-  CheckArrival(drive, path, size);
+struct TruncateArguments {
+  std::string path;
+  uint64_t size = 0;
+};
+
+void run_truncate(Shell& shell, const TruncateArguments& truncate) {
+  Drive& drive = shell.drive();
+  RemoteFile file(drive, truncate.path, RemoteFile::Mode::CHANGE);
+  file.set_size(truncate.size);
+  file.close();
+  check_arrival(drive, truncate.path, truncate.size);
 }
 
 struct RangeArguments {
@@ -29,7 +30,7 @@ struct RangeArguments {
 };
 
 /* The library would cut them and lock another range. */
-FileRange Checked(const RangeArguments& arguments) {
+FileRange checked(const RangeArguments& arguments) {
   if (arguments.offset > UINT32_MAX || arguments.length > UINT32_MAX) {
     throw UsageError(fmt::format("Offset and length of a lock must be below 4 GiB: {} {}",
                                  arguments.offset, arguments.length));
@@ -43,69 +44,72 @@ struct LockArguments {
   double seconds = 0; /* 0: at the prompt until it is lifted, else until Ctrl-C */
 };
 
-void WaitOrInterrupt(double seconds) {
-  constexpr DWORD kPause = 20;
+void wait_or_interrupt(double seconds) {
+  constexpr DWORD PAUSE = 20;
   const ULONGLONG start = GetTickCount64();
-  while (!Interrupted() &&
+  while (!interrupted() &&
          (seconds == 0 || static_cast<double>(GetTickCount64() - start) < seconds * 1000)) {
-    Sleep(kPause);
+    Sleep(PAUSE);
   }
 }
 
-const char* KindText(bool exclusive) { return exclusive ? "exclusive" : "shared"; }
+const char* kind_text(bool exclusive) { return exclusive ? "exclusive" : "shared"; }
 
-void PrintLock(const HeldLock& lock, const std::string& until) {
-  fmt::print("{}: {}, {}{}\n", lock.path, RangeText(lock.range), KindText(lock.exclusive), until);
+void print_lock(const HeldLock& lock, const std::string& until) {
+  fmt::print("{}: {}, {}{}\n", lock.path, range_text(lock.range), kind_text(lock.exclusive), until);
 }
 
-void ListLocks(const Shell& shell) {
-  for (const HeldLock& lock : shell.Locks()) {
-    PrintLock(lock, "");
+void list_locks(const Shell& shell) {
+  for (const HeldLock& lock : shell.locks()) {
+    print_lock(lock, "");
   }
 }
 
 /* Waits while the lock is held, since it goes with the program; or at the prompt with --for. */
-void HoldLock(HeldLock& lock, double seconds) {
-  PrintLock(lock, seconds > 0 ? fmt::format(": for {:g} s or until Ctrl-C", seconds)
-                              : ": until Ctrl-C; the lock goes with this program");
+void hold_lock(HeldLock& lock, double seconds) {
+  print_lock(lock, seconds > 0 ? fmt::format(": for {:g} s or until Ctrl-C", seconds)
+                               : ": until Ctrl-C; the lock goes with this program");
   fflush(stdout);
-  WaitOrInterrupt(seconds);
-  lock.file->Unlock(lock.range);
-  lock.file->Close();
+  wait_or_interrupt(seconds);
+  lock.file->unlock(lock.range);
+  lock.file->close();
 }
 
-void Lock(Shell& shell, const LockArguments& arguments) {
+void run_lock(Shell& shell, const LockArguments& arguments) {
+  if (arguments.range.path.empty()) {
+    return list_locks(shell);
+  }
   HeldLock lock{.path = arguments.range.path,
-                .range = Checked(arguments.range),
+                .range = checked(arguments.range),
                 .exclusive = !arguments.shared};
-  lock.file = std::make_unique<RemoteFile>(shell.TheDrive(), lock.path, RemoteFile::Mode::kHold);
-  lock.file->Lock(lock.range, lock.exclusive);
-  if (arguments.seconds > 0 || !shell.AtPrompt()) {
-    HoldLock(lock, arguments.seconds);
+  lock.file = std::make_unique<RemoteFile>(shell.drive(), lock.path, RemoteFile::Mode::HOLD);
+  lock.file->lock(lock.range, lock.exclusive);
+  if (arguments.seconds > 0 || !shell.at_prompt()) {
+    hold_lock(lock, arguments.seconds);
   } else {
-    PrintLock(lock, ": until unlock or exit");
-    shell.Locks().push_back(std::move(lock));
+    print_lock(lock, ": until unlock or exit");
+    shell.locks().push_back(std::move(lock));
   }
 }
 
-void Unlock(Shell& shell, const RangeArguments& arguments) {
-  const FileRange range = Checked(arguments);
-  std::vector<HeldLock>& locks = shell.Locks();
+void run_unlock(Shell& shell, const RangeArguments& arguments) {
+  const FileRange range = checked(arguments);
+  std::vector<HeldLock>& locks = shell.locks();
   const auto found = std::find_if(locks.begin(), locks.end(), [&](const HeldLock& lock) {
-    return lock.range == range && PathKey(lock.path) == PathKey(arguments.path);
+    return lock.range == range && path_key(lock.path) == path_key(arguments.path);
   });
   if (found == locks.end()) {
-    throw Failure(arguments.path, shell.AtPrompt()
+    throw Failure(arguments.path, shell.at_prompt()
                                       ? "this shell holds no such lock; \"lock\" alone lists them"
                                       : "a lock went with the program that took it");
   }
-  found->file->Unlock(range);
+  found->file->unlock(range);
   const HeldLock lifted = std::move(*found);
   locks.erase(found);
-  lifted.file->Close();
+  lifted.file->close();
 }
 
-void DeclareRange(CLI::App* command, RangeArguments* range, bool required) {
+void declare_range(CLI::App* command, RangeArguments* range, bool required) {
   command->add_option("FILE", range->path, "A file of the drive")->required(required);
   command->add_option("OFFSET", range->offset, "The range's first byte: 4096, 4k")
       ->transform(CLI::AsSizeValue(false).description(""))
@@ -117,40 +121,33 @@ void DeclareRange(CLI::App* command, RangeArguments* range, bool required) {
 
 }  // namespace
 
-void DeclareTruncate(CLI::App* command, Action* action) {
-  auto path = std::make_shared<std::string>();
-  auto size = std::make_shared<uint64_t>();
-  command->add_option("FILE", *path, "A file of the drive")->required();
-  command->add_option("SIZE", *size, "Its new size in bytes: 4096, 10k, 4M")
+void declare_open_file_commands(CLI::App* app, Action* action) {
+  auto [truncate, sized] =
+      add_command(app, action, "truncate", "Sets a file's size: cuts it, or adds zeros",
+                  run_truncate, {WRITE_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS});
+  truncate->add_option("FILE", sized->path, "A file of the drive")->required();
+  truncate->add_option("SIZE", sized->size, "Its new size in bytes: 4096, 10k, 4M")
       ->transform(CLI::AsSizeValue(false).description(""))
       ->required();
-  command->callback([=] { *action = [=](Shell& shell) { Truncate(shell, *path, *size); }; });
-}
 
-void DeclareLock(CLI::App* command, Action* action) {
-  auto arguments = std::make_shared<LockArguments>();
-  DeclareRange(command, &arguments->range, false);
-  command->add_flag("--shared", arguments->shared, "Lets others lock the range as shared, too");
-  command->add_option("--for", arguments->seconds, "Seconds to hold the lock and wait")
+  auto [lock, held] = add_command(
+      app, action, "lock", "Locks a range of a file, or lists the locks that are held", run_lock,
+      {LOCK_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS},
+      "A lock lives as long as the open that took it: at the prompt until unlock or exit, as a\n"
+      "command of its own until Ctrl-C. A conflict is answered at once. Locks are judged among\n"
+      "themselves; reads and writes do not look at them.");
+  declare_range(lock, &held->range, false);
+  lock->get_option("FILE")->needs(lock->get_option("LENGTH"));
+  lock->add_flag("--shared", held->shared, "Lets others lock the range as shared, too");
+  lock->add_option("--for", held->seconds, "Seconds to hold the lock and wait")
       ->check(CLI::PositiveNumber)
       ->option_text("SECONDS");
-  command->callback([=] {
-    const size_t given =
-        command->count("FILE") + command->count("OFFSET") + command->count("LENGTH");
-    if (given == 0) {
-      *action = ListLocks;
-    } else if (given == 3) {
-      *action = [=](Shell& shell) { Lock(shell, *arguments); };
-    } else {
-      throw CLI::RequiredError("FILE OFFSET LENGTH");
-    }
-  });
-}
 
-void DeclareUnlock(CLI::App* command, Action* action) {
-  auto range = std::make_shared<RangeArguments>();
-  DeclareRange(command, range.get(), true);
-  command->callback([=] { *action = [=](Shell& shell) { Unlock(shell, *range); }; });
+  auto [unlock, lifted] =
+      add_command(app, action, "unlock", "Lifts a lock of this shell", run_unlock,
+                  {UNLOCK_ANSWERS, DRIVE_ANSWERS},
+                  "The range is exactly one that was locked; \"lock\" alone lists them.");
+  declare_range(unlock, lifted, true);
 }
 
 }  // namespace tnwsh

@@ -2,113 +2,107 @@
 #include <fmt/format.h>
 #include <windows.h>
 
-#include <CLI/CLI.hpp>
-
 #include <cstring>
 
 #include "commands.h"
-#include "text.h"
 
 namespace tnwsh {
 namespace {
 
-template <size_t N>
-std::string FieldText(const char (&field)[N]) {
-  return std::string(field, strnlen(field, N));
-}
-
-std::string AttributesText(uint32_t attributes) {
+std::string attributes_text(uint32_t attributes) {
   constexpr struct {
     uint32_t bit;
     const char* name;
-  } kNames[] = {
+  } NAMES[] = {
       {FILE_ATTRIBUTE_READONLY, "read-only"}, {FILE_ATTRIBUTE_HIDDEN, "hidden"},
       {FILE_ATTRIBUTE_SYSTEM, "system"},      {FILE_ATTRIBUTE_DIRECTORY, "folder"},
       {FILE_ATTRIBUTE_ARCHIVE, "archive"},    {FILE_ATTRIBUTE_REPARSE_POINT, "link"},
   };
   std::string text = fmt::format("0x{:x}", attributes);
-  for (const auto& [bit, name] : kNames) {
+  for (const auto& [bit, name] : NAMES) {
     text += (attributes & bit) != 0 ? std::string(" ") + name : "";
   }
   return text;
 }
 
-void PrintField(const char* name, const std::string& value) {
+void print_field(const char* name, const std::string& value) {
   if (!value.empty()) {
     fmt::print("{:<12}{}\n", name, value);
   }
 }
 
-void Stat(Shell& shell, const std::string& path) {
-  const tnw_fileinfo info = shell.TheDrive().Info(path);
-  const std::string name = FieldText(info.fi_name);
-  PrintField("name", name.empty() ? "/" : name);
-  PrintField("size", (info.fi_attr & FILE_ATTRIBUTE_DIRECTORY) != 0
-                         ? ""
-                         : GroupedDigits(info.fi_size) + " bytes");
-  PrintField("attributes", AttributesText(info.fi_attr));
-  PrintField("created", LocalTimeText(info.fi_ctime));
-  PrintField("modified", LocalTimeText(info.fi_mtime));
-  PrintField("accessed", LocalTimeText(info.fi_atime));
-  PrintField("id", FieldText(info.fi_id));
-  PrintField("locked", info.fi_locked == 0 ? "" : "by " + FieldText(info.fi_lockowner.lk_uname));
-  PrintField("shared", FieldText(info.fi_collab));
-  PrintField("checksum", FieldText(info.fi_cksum));
+void run_stat(Shell& shell, const std::string& path) {
+  const tnw_fileinfo info = shell.drive().info(path);
+  const std::string name = field_text(info.fi_name);
+  print_field("name", name.empty() ? "/" : name);
+  print_field("size", (info.fi_attr & FILE_ATTRIBUTE_DIRECTORY) != 0
+                          ? ""
+                          : grouped_digits(info.fi_size) + " bytes");
+  print_field("attributes", attributes_text(info.fi_attr));
+  print_field("created", local_time_text(info.fi_ctime));
+  print_field("modified", local_time_text(info.fi_mtime));
+  print_field("accessed", local_time_text(info.fi_atime));
+  print_field("id", field_text(info.fi_id));
+  print_field("locked", info.fi_locked == 0 ? "" : "by " + field_text(info.fi_lockowner.lk_uname));
+  print_field("shared", field_text(info.fi_collab));
+  print_field("checksum", field_text(info.fi_cksum));
 }
+
+struct MvArguments {
+  std::string source;
+  std::string target;
+};
 
 /* A folder takes the item; but the item itself in another spelling is a rename of its own. */
-void Mv(Shell& shell, const std::string& source, const std::string& target) {
-  Drive& drive = shell.TheDrive();
-  const std::optional<Entry> there = drive.Find(target);
-  const bool into = there && there->folder && there->id != drive.Get(source).id;
-  drive.Rename(source, into ? JoinPath(target, NameOf(source)) : target);
+void run_mv(Shell& shell, const MvArguments& mv) {
+  Drive& drive = shell.drive();
+  const std::optional<Entry> there = drive.find(mv.target);
+  const bool into = there && there->folder && there->id != drive.get(mv.source).id;
+  drive.rename(mv.source, into ? join_path(mv.target, name_of(mv.source)) : mv.target);
 }
 
-void Rm(Shell& shell, const std::string& path, bool check) {
-  Drive& drive = shell.TheDrive();
-  if (!check) {
-    drive.Delete(path);
-  } else if (!drive.CanDelete(path)) {
-    throw Failure(path,
+struct RmArguments {
+  std::string path;
+  bool check = false;
+};
+
+void run_rm(Shell& shell, const RmArguments& rm) {
+  Drive& drive = shell.drive();
+  if (!rm.check) {
+    drive.remove(rm.path);
+  } else if (!drive.can_delete(rm.path)) {
+    throw Failure(rm.path,
                   "may not be deleted now: it is open, read-only or a folder that is not empty");
   } else {
-    fmt::print("{}: may be deleted\n", path);
+    fmt::print("{}: may be deleted\n", rm.path);
   }
 }
 
+void run_mkdir(Shell& shell, const std::string& path) { shell.drive().make_folder(path); }
+
 }  // namespace
 
-void DeclareStat(CLI::App* command, Action* action) {
-  auto path = std::make_shared<std::string>();
-  command->add_option("PATH", *path, "A file or folder of the drive")->required();
-  command->callback([=] { *action = [=](Shell& shell) { Stat(shell, *path); }; });
-}
+void declare_name_commands(CLI::App* app, Action* action) {
+  auto [stat, stat_path] =
+      add_command(app, action, "stat", "Shows all that the cloud tells of a file or folder",
+                  run_stat, {PATH_ANSWERS, DRIVE_ANSWERS});
+  stat->add_option("PATH", *stat_path, "A file or folder of the drive")->required();
 
-void DeclareMv(CLI::App* command, Action* action) {
-  auto source = std::make_shared<std::string>();
-  auto target = std::make_shared<std::string>();
-  command->add_option("SOURCE", *source, "A file or folder of the drive")->required();
-  command->add_option("TARGET", *target, "Its new path, or a folder that takes it")->required();
-  command->callback([=] { *action = [=](Shell& shell) { Mv(shell, *source, *target); }; });
-}
+  auto [mv, names] =
+      add_command(app, action, "mv", "Renames or moves a file or folder; replaces nothing", run_mv,
+                  {RENAME_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS});
+  mv->add_option("SOURCE", names->source, "A file or folder of the drive")->required();
+  mv->add_option("TARGET", names->target, "Its new path, or a folder that takes it")->required();
 
-void DeclareRm(CLI::App* command, Action* action) {
-  struct Arguments {
-    std::string path;
-    bool check = false;
-  };
-  auto arguments = std::make_shared<Arguments>();
-  command->add_option("PATH", arguments->path, "A file or empty folder of the drive")->required();
-  command->add_flag("--check", arguments->check,
-                    "Deletes nothing, only says whether it may be deleted now");
-  command->callback(
-      [=] { *action = [=](Shell& shell) { Rm(shell, arguments->path, arguments->check); }; });
-}
+  auto [rm, removed] = add_command(app, action, "rm", "Deletes a file or an empty folder", run_rm,
+                                   {DELETE_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS});
+  rm->add_option("PATH", removed->path, "A file or empty folder of the drive")->required();
+  rm->add_flag("--check", removed->check,
+               "Deletes nothing, only says whether it may be deleted now");
 
-void DeclareMkdir(CLI::App* command, Action* action) {
-  auto path = std::make_shared<std::string>();
-  command->add_option("PATH", *path, "The new folder; its own folder is there")->required();
-  command->callback([=] { *action = [=](Shell& shell) { shell.TheDrive().MakeFolder(*path); }; });
+  auto [mkdir, folder] = add_command(app, action, "mkdir", "Makes a folder", run_mkdir,
+                                     {MAKE_FOLDER_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS});
+  mkdir->add_option("PATH", *folder, "The new folder; its own folder is there")->required();
 }
 
 }  // namespace tnwsh

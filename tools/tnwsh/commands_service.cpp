@@ -1,33 +1,39 @@
 /* token, proxy and purge: the cache service and its cache. */
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
-
 #include "commands.h"
-#include "console.h"
-#include "text.h"
 
 namespace tnwsh {
 namespace {
 
 /* A secret need not stand on a command line, which is kept and seen by others. */
-std::string Secret(const std::string& argument) {
+std::string secret(const std::string& argument) {
   std::string secret = argument;
-  if (argument == "-" && !ReadSecret(&secret)) {
+  if (argument == "-" && !read_secret(&secret)) {
     throw UsageError("Standard input has no line for \"-\"");
   }
   return secret;
 }
 
-constexpr char kSecretHelp[] = "; \"-\" reads it from the next line of standard input";
+/* The parser would show the words that it does not expect, and they may be of a secret. */
+void refuse_extras(CLI::App* command, const char* usage) {
+  command->allow_extras();
+  command->parse_complete_callback([=] {
+    if (!command->remaining().empty()) {
+      throw UsageError(usage);
+    }
+  });
+}
+
+constexpr char SECRET_HELP[] = "; \"-\" reads it from the next line of standard input";
 
 /* The start record is asked first: what it does not take would be lost with the service. */
-void Token(Shell& shell, const std::string& token) {
-  Options next = shell.Given();
-  next.token = Secret(token);
-  StartRecord(next);
-  shell.TheDrive().UpdateToken(next.token);
-  shell.Change(std::move(next));
+void run_token(Shell& shell, const std::string& token) {
+  Options next = shell.options();
+  next.token = secret(token);
+  start_record(next);
+  shell.drive().update_token(next.token);
+  shell.change(std::move(next));
 }
 
 struct Proxy {
@@ -36,48 +42,53 @@ struct Proxy {
   std::string password;
 };
 
-void SetProxy(Shell& shell, const Proxy& proxy) {
-  Options next = shell.Given();
+void run_proxy(Shell& shell, const Proxy& proxy) {
+  Options next = shell.options();
   next.proxy = proxy.server;
   next.proxy_user = proxy.user;
-  next.proxy_password = Secret(proxy.password);
-  StartRecord(next);
-  shell.TheDrive().SetProxy(next.proxy, next.proxy_user, next.proxy_password);
-  shell.Change(std::move(next));
+  next.proxy_password = secret(proxy.password);
+  start_record(next);
+  shell.drive().set_proxy(next.proxy, next.proxy_user, next.proxy_password);
+  shell.change(std::move(next));
 }
 
-void Purge(Shell& shell, bool sure) {
+struct PurgeArguments {
+  bool sure = false;
+};
+
+void run_purge(Shell& shell, const PurgeArguments& purge) {
   const std::string question = fmt::format(
-      "Delete {} with all changes that are not in the cloud yet?", CacheFolder(shell.Given()));
-  if (!sure && !Confirm(question)) {
-    throw Failure(CacheFolder(shell.Given()),
+      "Delete {} with all changes that are not in the cloud yet?", cache_folder(shell.options()));
+  if (!purge.sure && !confirm(question)) {
+    throw Failure(cache_folder(shell.options()),
                   "not deleted: changes that are not in the cloud yet would be lost; --yes deletes "
                   "it nevertheless");
   }
-  shell.StopDrive();
-  fmt::print("{}\n", PurgeCache(shell.Given()));
+  shell.stop_drive();
+  fmt::print("{}\n", purge_cache(shell.options()));
 }
 
 }  // namespace
 
-void DeclareToken(CLI::App* command, Action* action) {
-  auto token = std::make_shared<std::string>();
-  command->add_option("TOKEN", *token, std::string("The new token") + kSecretHelp)->required();
-  command->callback([=] { *action = [=](Shell& shell) { Token(shell, *token); }; });
-}
+void declare_service_commands(CLI::App* app, Action* action) {
+  auto [token, new_token] =
+      add_command(app, action, "token", "Hands a new access token to the cache service", run_token,
+                  {TOKEN_ANSWERS, DRIVE_ANSWERS});
+  token->add_option("TOKEN", *new_token, std::string("The new token") + SECRET_HELP)->required();
+  refuse_extras(token, "The token must be one word");
 
-void DeclareProxy(CLI::App* command, Action* action) {
-  auto proxy = std::make_shared<Proxy>();
-  command->add_option("SERVER", proxy->server, "The proxy: host:port")->required();
-  command->add_option("USER", proxy->user, "Its user");
-  command->add_option("PASSWORD", proxy->password, std::string("Their password") + kSecretHelp);
-  command->callback([=] { *action = [=](Shell& shell) { SetProxy(shell, *proxy); }; });
-}
+  auto [proxy, named] =
+      add_command(app, action, "proxy", "Tells the cache service the HTTP proxy to use", run_proxy,
+                  {PROXY_ANSWERS, DRIVE_ANSWERS}, "It counts for as long as this shell runs.");
+  proxy->add_option("SERVER", named->server, "The proxy: host:port")->required();
+  proxy->add_option("USER", named->user, "Its user");
+  proxy->add_option("PASSWORD", named->password, std::string("Their password") + SECRET_HELP);
+  refuse_extras(proxy, "The proxy takes at most three words");
 
-void DeclarePurge(CLI::App* command, Action* action) {
-  auto sure = std::make_shared<bool>(false);
-  command->add_flag("--yes", *sure, "Does not ask");
-  command->callback([=] { *action = [=](Shell& shell) { Purge(shell, *sure); }; });
+  auto [purge, arguments] = add_command(
+      app, action, "purge", "Deletes the user's cache on this machine", run_purge, {PURGE_ANSWERS},
+      "Changes that are not in the cloud yet are lost. A drive of this shell is stopped first.");
+  purge->add_flag("--yes", arguments->sure, "Does not ask");
 }
 
 }  // namespace tnwsh

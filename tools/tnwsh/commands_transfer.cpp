@@ -1,11 +1,7 @@
 /* cat, get and put. */
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
-
 #include "commands.h"
-#include "local_file.h"
-#include "text.h"
 #include "transfer.h"
 #include "tree_copy.h"
 
@@ -18,108 +14,108 @@ struct Transfer {
   bool tree = false;
 };
 
-void RefuseFolder(const std::string& path, const std::string& hint) {
+void refuse_folder(const std::string& path, const std::string& hint) {
   throw Failure(path, "is a folder, not a file" + hint);
 }
 
-constexpr char kTreeHint[] = "; -r copies folders";
+constexpr char TREE_HINT[] = "; -r copies folders";
 
-void Cat(Shell& shell, const std::string& path) {
-  Drive& drive = shell.TheDrive();
-  const Entry entry = drive.Get(path);
+void run_cat(Shell& shell, const std::string& path) {
+  Drive& drive = shell.drive();
+  const Entry entry = drive.get(path);
   if (entry.folder) {
-    RefuseFolder(path, "");
+    refuse_folder(path, "");
   }
-  ReadAll(drive, path, entry.size, [](const char* data, size_t count, uint64_t) {
+  read_all(drive, path, entry.size, [](const char* data, size_t count, uint64_t) {
     if (fwrite(data, 1, count, stdout) != count) {
       throw Failure("Standard output", "cannot be written");
     }
   });
 }
 
-std::string BytesCopied(uint64_t bytes) { return GroupedDigits(bytes) + " bytes"; }
+std::string bytes_copied(uint64_t bytes) { return grouped_digits(bytes) + " bytes"; }
 
 /*
  * Where `get` writes: the path itself, or below it when it is a folder. The drive's top folder has
  * no name: what is in it goes there directly.
  */
-std::string GetTarget(const Entry& entry, const std::string& local) {
+std::string get_target(const Entry& entry, const std::string& local) {
   if (entry.name.empty()) {
     return local.empty() ? "." : local;
   }
-  return local.empty() ? entry.name : IsLocalFolder(local) ? local + '\\' + entry.name : local;
+  return local.empty() ? entry.name : is_local_folder(local) ? local + '\\' + entry.name : local;
 }
 
-void Get(Shell& shell, const Transfer& get) {
-  Drive& drive = shell.TheDrive();
-  const Entry entry = drive.Get(get.from);
-  const std::string target = GetTarget(entry, get.to);
+void run_get(Shell& shell, const Transfer& get) {
+  Drive& drive = shell.drive();
+  const Entry entry = drive.get(get.from);
+  const std::string target = get_target(entry, get.to);
   if (entry.folder) {
     if (!get.tree) {
-      RefuseFolder(get.from, kTreeHint);
+      refuse_folder(get.from, TREE_HINT);
     }
-    TreeCopy(drive, shell.Given().progress).Get(get.from, target);
+    TreeCopy(drive, shell.options().progress).get(get.from, target);
     return;
   }
-  const Transferred sum = GetFile(drive, get.from, entry.size, target, shell.Given().progress);
-  PrintTransfer(get.from, target, BytesCopied(sum.bytes), sum);
+  const Transferred sum = get_file(drive, get.from, entry.size, target, shell.options().progress);
+  print_transfer(get.from, target, bytes_copied(sum.bytes), sum);
 }
 
 /* Where `put` writes: the path itself, or below it when it is, or is written as, a folder. */
-std::string PutTarget(Drive& drive, const std::string& local, const std::string& remote) {
-  const std::string name = NameOf(AbsolutePath(local));
+std::string put_target(Drive& drive, const std::string& local, const std::string& remote) {
+  const std::string name = name_of(absolute_path(local));
   if (remote.empty()) {
-    return JoinPath("/", name);
+    return join_path("/", name);
   }
   const bool written_as_folder = remote.back() == '/' || remote.back() == '\\';
-  const std::optional<Entry> entry = drive.Find(remote);
-  return written_as_folder || (entry && entry->folder) ? JoinPath(remote, name) : remote;
+  const std::optional<Entry> entry = drive.find(remote);
+  return written_as_folder || (entry && entry->folder) ? join_path(remote, name) : remote;
 }
 
-void Put(Shell& shell, const Transfer& put) {
-  const bool folder = IsLocalFolder(put.from);
+void run_put(Shell& shell, const Transfer& put) {
+  const bool folder = is_local_folder(put.from);
   if (folder && !put.tree) {
-    RefuseFolder(put.from, kTreeHint);
+    refuse_folder(put.from, TREE_HINT);
   }
   if (!folder) {
-    LocalFile::OpenToRead(put.from); /* what cannot be read needs no drive */
+    LocalFile::open_to_read(put.from); /* what cannot be read needs no drive */
   }
-  Drive& drive = shell.TheDrive();
-  const std::string target = PutTarget(drive, put.from, put.to);
+  Drive& drive = shell.drive();
+  const std::string target = put_target(drive, put.from, put.to);
   if (folder) {
-    TreeCopy(drive, shell.Given().progress).Put(put.from, target);
+    TreeCopy(drive, shell.options().progress).put(put.from, target);
     return;
   }
-  const Transferred sum = PutFile(drive, put.from, target, shell.Given().progress);
-  PrintTransfer(put.from, target, BytesCopied(sum.bytes), sum);
+  const Transferred sum = put_file(drive, put.from, target, shell.options().progress);
+  print_transfer(put.from, target, bytes_copied(sum.bytes), sum);
 }
 
 }  // namespace
 
-void DeclareCat(CLI::App* command, Action* action) {
-  auto path = std::make_shared<std::string>();
-  command->add_option("PATH", *path, "A file of the drive")->required();
-  command->callback([=] { *action = [=](Shell& shell) { Cat(shell, *path); }; });
-}
+void declare_transfers(CLI::App* app, Action* action) {
+  constexpr char TREE_DETAILS[] =
+      "With -r it goes on past what fails, tells it at once and lists it at the end. Links to "
+      "folders\n"
+      "of this machine are not followed.";
+  auto [cat, path] = add_command(app, action, "cat", "Writes a file to standard output", run_cat,
+                                 {READ_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS});
+  cat->add_option("PATH", *path, "A file of the drive")->required();
 
-void DeclareGet(CLI::App* command, Action* action) {
-  auto get = std::make_shared<Transfer>();
-  command->add_option("REMOTE", get->from, "A file of the drive, or with -r a folder")->required();
-  command->add_option(
-      "LOCAL", get->to,
-      "The copy, or a folder for it (default: this folder); replaced when complete");
-  command->add_flag("-r,--recursive", get->tree, "Copies a folder and all below it");
-  command->callback([=] { *action = [=](Shell& shell) { Get(shell, *get); }; });
-}
+  auto [get, got] =
+      add_command(app, action, "get", "Copies a file or folder of the drive to this machine",
+                  run_get, {READ_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS}, TREE_DETAILS);
+  get->add_option("REMOTE", got->from, "A file of the drive, or with -r a folder")->required();
+  get->add_option("LOCAL", got->to,
+                  "The copy, or a folder for it (default: this folder); replaced when complete");
+  get->add_flag("-r,--recursive", got->tree, "Copies a folder and all below it");
 
-void DeclarePut(CLI::App* command, Action* action) {
-  auto put = std::make_shared<Transfer>();
-  command->add_option("LOCAL", put->from, "A file of this machine, or with -r a folder")
-      ->required();
-  command->add_option("REMOTE", put->to,
-                      "The copy, or a folder for it (default: the drive's top folder)");
-  command->add_flag("-r,--recursive", put->tree, "Copies a folder and all below it");
-  command->callback([=] { *action = [=](Shell& shell) { Put(shell, *put); }; });
+  auto [put, sent] =
+      add_command(app, action, "put", "Copies a file or folder of this machine to the drive",
+                  run_put, {WRITE_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS}, TREE_DETAILS);
+  put->add_option("LOCAL", sent->from, "A file of this machine, or with -r a folder")->required();
+  put->add_option("REMOTE", sent->to,
+                  "The copy, or a folder for it (default: the drive's top folder)");
+  put->add_flag("-r,--recursive", sent->tree, "Copies a folder and all below it");
 }
 
 }  // namespace tnwsh

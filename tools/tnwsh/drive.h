@@ -9,14 +9,14 @@
 #include <string>
 #include <vector>
 
-#include "failure.h"
-#include "local_file.h"
+#include "answers.h"
+#include "common.h"
 #include "options.h"
 #include "tnw.h"
 
 namespace tnwsh {
 
-inline constexpr char kProcessName[] = "tnwsh"; /* as the service knows us */
+inline constexpr char PROCESS_NAME[] = "tnwsh"; /* as the service knows us */
 
 struct Entry {
   std::string name;
@@ -26,15 +26,11 @@ struct Entry {
   std::string id;        /* of the item itself, however a path leads to it */
 };
 
-/*
- * A path of the drive without its last name, and that name. Either slash; slashes at the end do not
- * count. The drive's root has an empty name.
- */
-std::string ParentOf(const std::string& path);
-std::string NameOf(const std::string& path);
-std::string JoinPath(const std::string& folder, const std::string& name);
+/* The last name of a path, of this machine or of the drive, whose root has an empty name. */
+std::string name_of(const std::string& path);
+std::string join_path(const std::string& folder, const std::string& name);
 /* The same text for all spellings of a path: slashes, case. */
-std::string PathKey(const std::string& path);
+std::string path_key(const std::string& path);
 
 class Drive {
  public:
@@ -45,22 +41,22 @@ class Drive {
   Drive& operator=(const Drive&) = delete;
 
   /* Sorted by name. */
-  std::vector<Entry> List(const std::string& path);
-  tnw_fileinfo Info(const std::string& path);
+  std::vector<Entry> list(const std::string& path);
+  tnw_fileinfo info(const std::string& path);
   /* What a path names, if anything; a name in another case is found, too. */
-  std::optional<Entry> Find(const std::string& path);
+  std::optional<Entry> find(const std::string& path);
   /* The same, or a Failure with Windows' "file not found". */
-  Entry Get(const std::string& path);
+  Entry get(const std::string& path);
 
-  void Rename(const std::string& from, const std::string& to);
-  void Delete(const std::string& path);
-  bool CanDelete(const std::string& path);
-  void MakeFolder(const std::string& path);
+  void rename(const std::string& from, const std::string& to);
+  void remove(const std::string& path);
+  bool can_delete(const std::string& path);
+  void make_folder(const std::string& path);
   /* Makes it unless it is there. */
-  void EnsureFolder(const std::string& path);
+  void ensure_folder(const std::string& path);
 
-  void UpdateToken(std::string token);
-  void SetProxy(const std::string& server, const std::string& user, const std::string& password);
+  void update_token(std::string token);
+  void set_proxy(const std::string& server, const std::string& user, const std::string& password);
 
  private:
   friend class RemoteFile;
@@ -71,25 +67,26 @@ class Drive {
     int opens = 0;
   };
 
-  uint32_t TryInfo(const std::string& path, tnw_fileinfo* info);
-  uint32_t ListInto(const std::string& path, std::vector<Entry>* entries);
+  /* These two return a Windows code. */
+  int try_info(const std::string& path, tnw_fileinfo* info);
+  int list_into(const std::string& path, std::vector<Entry>* entries);
   /*
    * Throws for a code. Without one it makes sure that there was an answer at all, since most calls
    * read as success on a broken connection.
    */
-  void CheckAnswer(const std::string& path, const char* what, int err, Answers answers = {});
+  void check_answer(const std::string& path, const char* what, int err, Answers answers);
 
   const std::string cache_folder_;
   LocalFile lock_; /* the work folder is ours */
   void* handle_ = nullptr;
-  std::map<std::string, Slot> slots_; /* by PathKey */
+  std::map<std::string, Slot> slots_; /* by path_key */
 };
 
 /*
  * Deletes the cache of the options' user, for which no drive of ours may run, and tells what it
  * did.
  */
-std::string PurgeCache(const Options& options);
+std::string purge_cache(const Options& options);
 
 }  // namespace tnwsh
 

@@ -4,7 +4,6 @@
 #include <map>
 
 #include "commands.h"
-#include "console.h"
 #include "ox_logging.h"
 #include "prompt.h"
 #include "shell.h"
@@ -12,18 +11,18 @@
 namespace tnwsh {
 namespace {
 
-constexpr char kDescription[] =
+constexpr char DESCRIPTION[] =
     "A cloud drive in the terminal. Without a command it prompts for them; \"help\" there lists\n"
     "them. Commands may also come from a file or a pipe, one a line.";
 
-constexpr char kFooter[] =
+constexpr char FOOTER[] =
     "Exit status: 0, 1 when an operation failed, 2 when the command line makes no sense.\n"
     "Names are UTF-8; paths of the drive take '/' and '\\'.";
 
-void DeclareOptions(CLI::App* app, Options* options) {
-  const std::map<std::string, ProgressMode> modes = {{"auto", ProgressMode::kAuto},
-                                                     {"always", ProgressMode::kAlways},
-                                                     {"never", ProgressMode::kNever}};
+void declare_options(CLI::App* app, Options* options) {
+  const std::map<std::string, ProgressMode> modes = {{"auto", ProgressMode::AUTO},
+                                                     {"always", ProgressMode::ALWAYS},
+                                                     {"never", ProgressMode::NEVER}};
   const auto text = [app](const char* name, std::string& value, const char* help) {
     return app->add_option(name, value, help)->type_name("TEXT");
   };
@@ -31,7 +30,7 @@ void DeclareOptions(CLI::App* app, Options* options) {
   text("--work", options->work, "The folder for cache, socket and logs; made when it is not there")
       ->required()
       ->type_name("DIR");
-  options->service = ProgramFolder() + "tarnd.exe";
+  options->service = program_folder() + "tarnd.exe";
   text("--service", options->service, "The cache service (default: tarnd.exe beside this program)")
       ->type_name("FILE");
   text("--share", options->share, "The drive's folder in the cloud")->capture_default_str();
@@ -51,28 +50,40 @@ void DeclareOptions(CLI::App* app, Options* options) {
       ->option_text("WHEN=auto");
 }
 
-ExitStatus Main() {
+/* The parser would show all words that it does not know: the value of a mistyped --token, too. */
+void refuse_extras(const CLI::App& app) {
+  const std::vector<std::string> extras = app.remaining();
+  if (!extras.empty()) {
+    throw UsageError(app.count("--token") > 0
+                         ? "There is a word too many. It may be of the token, and is not shown"
+                         : "No command or option \"" + extras[0].substr(0, extras[0].find('=')) +
+                               "\"; --help lists them");
+  }
+}
+
+ExitStatus run(const std::vector<std::string>& words) {
   Options options;
   Action action;
-  CLI::App app(kDescription, "tnwsh");
-  app.footer(kFooter);
+  CLI::App app(DESCRIPTION, "tnwsh");
+  app.footer(FOOTER);
   app.option_defaults()->take_last();
   app.get_formatter()->label("SUBCOMMAND", "COMMAND");
-  DeclareOptions(&app, &options);
-  DeclareCommands(&app, &action);
+  declare_options(&app, &options);
+  declare_commands(&app, &action);
   app.require_subcommand(0, 1);
+  app.allow_extras();
 
-  if (const auto status = tools::ParseCommandLine(&app, ProgramArguments())) {
+  if (const auto status = parse_command_line(&app, words)) {
     return *status;
   }
+  refuse_extras(app);
   Shell shell(std::move(options));
-  return action ? shell.Run(action) : RunPrompt(&shell);
+  return action ? shell.run(action) : run_prompt(&shell);
 }
 
 }  // namespace
 }  // namespace tnwsh
 
-int main() {
-  tnwsh::SetUpConsole();
-  return tools::RunProgram("tnwsh", tnwsh::Main);
+int main(int argc, char** argv) {
+  return tools::run_program("tnwsh", [&] { return tnwsh::run(tools::set_up_console(argc, argv)); });
 }

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "common.h"
 #include "progress.h"
 #include "tnw.h"
 
@@ -22,24 +23,24 @@ struct Options {
   std::string proxy_user;
   std::string proxy_password;
   int threads = 4;
-  ProgressMode progress = ProgressMode::kAuto;
+  ProgressMode progress = ProgressMode::AUTO;
 };
 
 /*
  * The start-up record of a drive. Throws a UsageError for a value that it cannot hold or that the
  * library would not pass on whole.
  */
-tnw_tninit StartRecord(const Options& options);
+tnw_tninit start_record(const Options& options);
 
 /* Whose cache to purge. Throws in the same way. */
-tnw_purge_opt_t PurgeRecord(const Options& options);
+tnw_purge_opt_t purge_record(const Options& options);
 
 /* The percent-encoded address of a folder: "file:///Z:/a%20folder". */
-std::string FileAddress(const std::string& folder);
+std::string file_address(const std::string& folder);
 
 /* Where logs and the cache of the options' user go; absolute. */
-std::string LogFolder(const Options& options);
-std::string CacheFolder(const Options& options);
+std::string log_folder(const Options& options);
+std::string cache_folder(const Options& options);
 
 }  // namespace tnwsh
 

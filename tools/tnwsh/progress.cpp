@@ -5,8 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "console.h"
-#include "text.h"
+#include "common.h"
 
 namespace tnwsh {
 
@@ -14,10 +13,10 @@ using std::chrono::milliseconds;
 
 namespace {
 
-constexpr int kNumbersWidth = 56; /* of the longest numbers beside the bar */
+constexpr int NUMBERS_WIDTH = 56; /* of the longest numbers beside the bar */
 
 /* In cells of a terminal, wide characters apart. */
-int WidthOf(const std::string& text) {
+int width_of(const std::string& text) {
   return static_cast<int>(
       std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xc0) != 0x80; }));
 }
@@ -25,11 +24,11 @@ int WidthOf(const std::string& text) {
 }  // namespace
 
 Progress::Progress(ProgressMode mode, std::string label, uint64_t total)
-    : mode_(mode == ProgressMode::kAuto && !IsTerminal(stderr) ? ProgressMode::kNever : mode),
+    : mode_(mode == ProgressMode::AUTO && !is_terminal(stderr) ? ProgressMode::NEVER : mode),
       label_(std::move(label)),
       total_(total),
-      cells_(std::clamp(TerminalWidth() - kNumbersWidth - WidthOf(label_), 5, 30)),
-      next_draw_(start_ + milliseconds(mode == ProgressMode::kAlways ? 0 : 1000)) {}
+      cells_(std::clamp(terminal_width() - NUMBERS_WIDTH - width_of(label_), 5, 30)),
+      next_draw_(start_ + milliseconds(mode == ProgressMode::ALWAYS ? 0 : 1000)) {}
 
 Progress::~Progress() {
   if (drawn_width_ > 0) {
@@ -37,22 +36,22 @@ Progress::~Progress() {
   }
 }
 
-double Progress::Elapsed() const {
+double Progress::elapsed() const {
   return std::chrono::duration<double>(Clock::now() - start_).count();
 }
 
-void Progress::Update(uint64_t done) {
+void Progress::update(uint64_t done) {
   const Clock::time_point now = Clock::now();
-  if (mode_ != ProgressMode::kNever && now >= next_draw_) {
+  if (mode_ != ProgressMode::NEVER && now >= next_draw_) {
     next_draw_ = now + milliseconds(100);
-    Draw(done);
+    draw(done);
   }
 }
 
-double Progress::Finish() {
-  const double seconds = Elapsed();
+double Progress::finish() {
+  const double seconds = elapsed();
   if (drawn_width_ > 0) {
-    Draw(total_);
+    draw(total_);
     fputc('\n', stderr);
     drawn_width_ = 0;
   }
@@ -60,23 +59,23 @@ double Progress::Finish() {
 }
 
 /* "big.bin  [########------------]  42%  27.1 MiB of 64.0 MiB  88.3 MiB/s  0:01 left" */
-void Progress::Draw(uint64_t done) {
+void Progress::draw(uint64_t done) {
   const double share =
       total_ == 0 ? 1 : std::min(1.0, static_cast<double>(done) / static_cast<double>(total_));
-  const double seconds = std::max(Elapsed(), 0.001);
+  const double seconds = std::max(elapsed(), 0.001);
   const double rate = static_cast<double>(done) / seconds;
   std::string numbers =
-      fmt::format(" {:3.0f}%  {} of {}  {}/s", share * 100, BytesText(static_cast<double>(done)),
-                  BytesText(static_cast<double>(total_)), BytesText(rate));
+      fmt::format(" {:3.0f}%  {} of {}  {}/s", share * 100, bytes_text(static_cast<double>(done)),
+                  bytes_text(static_cast<double>(total_)), bytes_text(rate));
   if (done >= total_) {
-    numbers += "  " + DurationText(seconds);
+    numbers += "  " + duration_text(seconds);
   } else if (rate > 0) {
-    numbers += "  " + DurationText(static_cast<double>(total_ - done) / rate) + " left";
+    numbers += "  " + duration_text(static_cast<double>(total_ - done) / rate) + " left";
   }
   const int full = static_cast<int>(share * cells_);
   std::string line =
       fmt::format("{}  [{:#<{}}{:-<{}}]{}", label_, "", full, "", cells_ - full, numbers);
-  const size_t width = static_cast<size_t>(WidthOf(line));
+  const size_t width = static_cast<size_t>(width_of(line));
   line.append(drawn_width_ > width ? drawn_width_ - width : 0, ' '); /* over a longer one */
   drawn_width_ = width;
   fmt::print(stderr, "\r{}", line);

@@ -9,9 +9,9 @@
 namespace tnwsh {
 
 enum class ProgressMode {
-  kAuto,   /* on a terminal, once a transfer has taken a second */
-  kAlways, /* from the start, also into a file or pipe */
-  kNever,
+  AUTO,   /* on a terminal, once a transfer has taken a second */
+  ALWAYS, /* from the start, also into a file or pipe */
+  NEVER,
 };
 
 class Progress {
@@ -24,15 +24,15 @@ class Progress {
   Progress& operator=(const Progress&) = delete;
 
   /* Draws at most ten times a second. */
-  void Update(uint64_t done);
+  void update(uint64_t done);
   /* The transfer is complete; returns the seconds that it took. */
-  double Finish();
+  double finish();
 
  private:
   using Clock = std::chrono::steady_clock;
 
-  double Elapsed() const;
-  void Draw(uint64_t done);
+  double elapsed() const;
+  void draw(uint64_t done);
 
   const ProgressMode mode_;
   const std::string label_;

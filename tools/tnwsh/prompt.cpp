@@ -7,56 +7,80 @@
 #include <algorithm>
 
 #include "commands.h"
-#include "console.h"
 
 namespace tnwsh {
 namespace {
+
+/* Where a comment begins, or the end of the line. */
+size_t comment_start(const std::string& line) {
+  bool quoted = false;
+  for (size_t i = 0; i < line.size(); i++) {
+    quoted ^= line[i] == '"';
+    if (line[i] == '#' && !quoted && (i == 0 || line[i - 1] == ' ' || line[i - 1] == '\t')) {
+      return i;
+    }
+  }
+  return line.size();
+}
+
+/* Messages do not show the line, which may hold a token. */
+std::vector<std::string> split_words(const std::string& line) {
+  const std::string command = line.substr(0, comment_start(line));
+  if (std::count(command.begin(), command.end(), '"') % 2 != 0) {
+    throw UsageError("A quote (\") is not closed");
+  }
+  const std::wstring wide = wide_from_utf8(command);
+  if (wide.empty() && !command.empty()) {
+    throw UsageError("The line is no UTF-8");
+  }
+  return words_of((L"tnwsh " + wide).c_str());
+}
 
 class Prompt {
  public:
   explicit Prompt(Shell* shell) : shell_(shell) {}
 
-  ExitStatus Run() {
-    const bool terminal = IsTerminal(stdin);
+  ExitStatus run() {
+    const bool terminal = is_terminal(stdin);
     if (terminal) {
       fmt::print("Commands of the drive; \"help\" lists them.\n");
     }
     std::string line;
-    while (!done_ && Next(terminal, &line)) {
-      last_ = RunLine(line);
+    while (!done_ && next(terminal, &line)) {
+      last_ = run_line(line);
       worst_ = std::max(worst_, last_);
     }
-    return terminal ? kSuccess : worst_;
+    return terminal ? EXIT_OK : worst_;
   }
 
  private:
-  static bool Next(bool terminal, std::string* line) {
+  static bool next(bool terminal, std::string* line) {
     if (terminal) {
       fmt::print("tnwsh> ");
     }
     fflush(stdout);
-    return ReadLine(line);
+    return read_line(line);
   }
 
-  ExitStatus RunLine(const std::string& line) {
+  ExitStatus run_line(const std::string& line) {
     Action action = [](Shell&) {};
     try {
-      std::vector<std::string> words = SplitWords(line);
+      std::vector<std::string> words = split_words(line);
       if (words.empty()) {
         return last_;
       }
-      Parse(std::move(words), &action);
+      parse(std::move(words), &action);
     } catch (const UsageError& error) {
       action = [text = std::string(error.what())](Shell&) { throw UsageError(text); };
     }
-    return shell_->Run(action);
+    return shell_->run(action);
   }
 
   /* A parser knows one line: CLI11 keeps what it has parsed. */
-  void Parse(std::vector<std::string> words, Action* action) {
+  void parse(std::vector<std::string> words, Action* action) {
     CLI::App app;
-    Declare(&app, action);
-    FindCommand(app, words.front());
+    declare(&app, action);
+    find_command(app, words.front());
     std::reverse(words.begin(), words.end()); /* as the parser takes them */
     try {
       app.parse(words);
@@ -67,7 +91,7 @@ class Prompt {
     }
   }
 
-  static const CLI::App* FindCommand(const CLI::App& app, const std::string& name) {
+  static const CLI::App* find_command(const CLI::App& app, const std::string& name) {
     const auto named = [&](const CLI::App* command) { return command->check_name(name); };
     const std::vector<const CLI::App*> found = app.get_subcommands(named);
     if (found.empty()) {
@@ -76,12 +100,12 @@ class Prompt {
     return found.front();
   }
 
-  void Declare(CLI::App* app, Action* action) {
+  void declare(CLI::App* app, Action* action) {
     app->name("")->description("Names with blanks stand in quotes; '#' begins a comment.");
     app->require_subcommand(1);
     app->get_formatter()->label("SUBCOMMAND", "COMMAND");
-    DeclareCommands(app, action);
-    DeclareHelp(app, action);
+    declare_commands(app, action);
+    declare_help(app, action);
     CLI::App* status = app->add_subcommand("status", "Shows how the last command ended");
     status->group("Commands")->callback([=, this] {
       *action = [last = last_](Shell&) { fmt::print("status {}\n", static_cast<int>(last)); };
@@ -92,63 +116,29 @@ class Prompt {
   }
 
   /* With a parser of its own: one that has parsed shows the help of what it has parsed. */
-  void DeclareHelp(CLI::App* app, Action* action) {
+  void declare_help(CLI::App* app, Action* action) {
     auto topic = std::make_shared<std::string>();
     CLI::App* help = app->add_subcommand("help", "Shows the commands, or one of them");
     help->group("Commands")->add_option("COMMAND", *topic, "A command");
     help->callback([=, this] {
       CLI::App fresh;
-      Declare(&fresh, action);
-      const CLI::App* subject = topic->empty() ? &fresh : FindCommand(fresh, *topic);
+      declare(&fresh, action);
+      const CLI::App* subject = topic->empty() ? &fresh : find_command(fresh, *topic);
       *action = [text = subject->help()](Shell&) { fmt::print("{}", text); };
     });
   }
 
   Shell* const shell_;
   bool done_ = false;
-  ExitStatus last_ = kSuccess;
-  ExitStatus worst_ = kSuccess;
+  ExitStatus last_ = EXIT_OK;
+  ExitStatus worst_ = EXIT_OK;
 };
 
 }  // namespace
 
-std::vector<std::string> SplitWords(const std::string& line) {
-  std::vector<std::string> words;
-  char quote = '\0';
-  bool in_word = false;
-  for (const char c : line) {
-    if (quote != '\0') {
-      if (c == quote) {
-        quote = '\0';
-      } else {
-        words.back() += c;
-      }
-    } else if (c == ' ' || c == '\t') {
-      in_word = false;
-    } else if (c == '#' && !in_word) {
-      break;
-    } else {
-      const bool opens_quote = c == '"' || (c == '\'' && !in_word);
-      if (!in_word) {
-        words.emplace_back();
-        in_word = true;
-      }
-      if (opens_quote) {
-        quote = c;
-      } else {
-        words.back() += c;
-      }
-    }
-  }
-  if (quote != '\0') {
-    throw UsageError(fmt::format("A quote ({}) is not closed: {}", quote, line));
-  }
-  return words;
-}
-
-ExitStatus RunPrompt(Shell* shell) {
-  shell->EnterPrompt();
-  return Prompt(shell).Run();
+ExitStatus run_prompt(Shell* shell) {
+  shell->enter_prompt();
+  return Prompt(shell).run();
 }
 
 }  // namespace tnwsh

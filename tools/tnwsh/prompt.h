@@ -2,26 +2,18 @@
 #ifndef TNWSH_PROMPT_H
 #define TNWSH_PROMPT_H
 
-#include <string>
-#include <vector>
-
 #include "shell.h"
 
 namespace tnwsh {
 
 /*
- * Splits a line at blanks. Words, or pieces of them, stand in double quotes where they hold blanks;
- * whole words also in single ones (inside a word that is an apostrophe). A backslash is only a
- * separator of paths. A word that begins with '#' ends the line. Throws a UsageError for a quote
- * that is not closed.
+ * Runs lines until `exit` or the end of the input. Words are quoted as on every command line of
+ * Windows; a word that begins with '#' ends the line.
+ *
+ * The status is the worst of all lines; on a terminal, where each was seen as it happened, always
+ * success.
  */
-std::vector<std::string> SplitWords(const std::string& line);
-
-/*
- * Runs lines until `exit` or the end of the input. The status is the worst of all lines; on a
- * terminal, where each was seen as it happened, always success.
- */
-ExitStatus RunPrompt(Shell* shell);
+ExitStatus run_prompt(Shell* shell);
 
 }  // namespace tnwsh
 

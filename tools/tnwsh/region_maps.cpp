@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "failure.h"
+#include "common.h"
 #include "vfstnw_bmap.h"
 
 namespace tnwsh {
@@ -12,7 +12,7 @@ namespace {
 
 using Test = bool (*)(tnvfd* file, ox_off offset, ox_u64 size);
 
-std::vector<RegionRun> RunsOf(tnvfd* file, Test is_set, uint64_t regions) {
+std::vector<RegionRun> runs_of(tnvfd* file, Test is_set, uint64_t regions) {
   std::vector<RegionRun> runs;
   for (uint64_t region = 0; region < regions; region++) {
     if (!is_set(file, static_cast<ox_off>(region << file->fdt_rshift), 1)) {
@@ -42,11 +42,11 @@ RegionMaps::RegionMaps(void* open_file) {
   }
   region_size = uint64_t{1} << file->fdt_rshift;
   regions = (file_size >> file->fdt_rshift) + (file_size % region_size != 0 ? 1 : 0);
-  cached = RunsOf(file, vfstnw_is_cached, regions);
-  dirty = RunsOf(file, vfstnw_is_dirty, regions);
+  cached = runs_of(file, vfstnw_is_cached, regions);
+  dirty = runs_of(file, vfstnw_is_dirty, regions);
 }
 
-uint64_t CountOf(const std::vector<RegionRun>& runs) {
+uint64_t count_of(const std::vector<RegionRun>& runs) {
   uint64_t count = 0;
   for (const RegionRun& run : runs) {
     count += run.second;
@@ -54,7 +54,7 @@ uint64_t CountOf(const std::vector<RegionRun>& runs) {
   return count;
 }
 
-std::string Strip(const std::vector<RegionRun>& runs, uint64_t regions, uint64_t cells) {
+std::string strip(const std::vector<RegionRun>& runs, uint64_t regions, uint64_t cells) {
   std::string strip;
   auto run = runs.begin();
   for (uint64_t cell = 0; cell < cells; cell++) {

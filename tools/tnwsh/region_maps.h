@@ -29,12 +29,12 @@ struct RegionMaps {
   std::vector<RegionRun> dirty;
 };
 
-uint64_t CountOf(const std::vector<RegionRun>& runs);
+uint64_t count_of(const std::vector<RegionRun>& runs);
 
 /*
  * One character for each region, or for as many as it takes: '#' all are set, '+' some, '.' none.
  */
-std::string Strip(const std::vector<RegionRun>& runs, uint64_t regions, uint64_t cells);
+std::string strip(const std::vector<RegionRun>& runs, uint64_t regions, uint64_t cells);
 
 }  // namespace tnwsh
 

@@ -4,21 +4,11 @@
 
 #include <utility>
 
-#include "answers.h"
-#include "text.h"
-
 namespace tnwsh {
 namespace {
 
-/* Native dispositions and create options of tnw_create, and the flag of tnw_lockfile. */
-constexpr ox_u32 kOpen = 1;
-constexpr ox_u32 kOverwriteIf = 5;
-constexpr ox_u32 kFileOnly = 0x40;
-constexpr ox_u32 kAccessRead = 1;
-constexpr ox_u32 kAccessWrite = 2;
-constexpr ox_u32 kShareRead = 1;
-constexpr ox_u32 kShareWrite = 2;
-constexpr ox_u32 kExclusive = 0x2;
+constexpr ox_u32 SHARE_READ = FILE_SHARE_READ;
+constexpr ox_u32 SHARE_BOTH = FILE_SHARE_READ | FILE_SHARE_WRITE;
 
 struct OpenMode {
   ox_u32 access;
@@ -29,28 +19,29 @@ struct OpenMode {
 };
 
 /* By RemoteFile::Mode. */
-constexpr OpenMode kModes[] = {
-    {kAccessRead, kShareRead, kOpen, "cannot open", kPathAnswers},
-    {kAccessRead, kShareRead | kShareWrite, kOpen, "cannot open", kPathAnswers},
-    {kAccessRead | kAccessWrite, kShareRead, kOpen, "cannot open for writing", kWriteAnswers},
-    {kAccessWrite, kShareRead, kOverwriteIf, "cannot create", kWriteAnswers},
+constexpr OpenMode MODES[] = {
+    {TNW_ACC_READ, SHARE_READ, TNW_DISP_OPEN, "cannot open", PATH_ANSWERS},
+    {TNW_ACC_READ, SHARE_BOTH, TNW_DISP_OPEN, "cannot open", PATH_ANSWERS},
+    {TNW_ACC_READ | TNW_ACC_WRITE, SHARE_READ, TNW_DISP_OPEN, "cannot open for writing",
+     WRITE_ANSWERS},
+    {TNW_ACC_WRITE, SHARE_READ, TNW_DISP_OVERWRITE_IF, "cannot create", WRITE_ANSWERS},
 };
 
-int ProcessId() { return static_cast<int>(GetCurrentProcessId()); }
+int process_id() { return static_cast<int>(GetCurrentProcessId()); }
 
 }  // namespace
 
-std::string RangeText(const FileRange& range) {
-  return Counted(range.length, "byte") + " at " + GroupedDigits(range.offset);
+std::string range_text(const FileRange& range) {
+  return counted(range.length, "byte") + " at " + grouped_digits(range.offset);
 }
 
 RemoteFile::RemoteFile(Drive& drive, const std::string& path, Mode mode)
     : drive_(drive), path_(path) {
-  const OpenMode& open = kModes[static_cast<size_t>(mode)];
-  const auto slot = drive.slots_.try_emplace(PathKey(path)).first;
+  const OpenMode& open = MODES[static_cast<size_t>(mode)];
+  const auto slot = drive.slots_.try_emplace(path_key(path)).first;
   int err = 0;
   handle_ = tnw_create(drive.handle_, &slot->second.context, path.c_str(), open.access, open.share,
-                       open.disposition, kFileOnly, ProcessId(), kProcessName, &err);
+                       open.disposition, TNW_OPT_FILE, process_id(), PROCESS_NAME, &err);
   if (handle_ != nullptr) {
     slot->second.opens++;
     return;
@@ -58,73 +49,73 @@ RemoteFile::RemoteFile(Drive& drive, const std::string& path, Mode mode)
   if (slot->second.context == nullptr) {
     drive.slots_.erase(slot);
   }
-  throw Failure(path, open.failure, static_cast<uint32_t>(err), open.answers);
+  throw drive_failure(path, open.failure, err, open.answers);
 }
 
 RemoteFile::~RemoteFile() {
   if (handle_ != nullptr) {
-    TryClose();
+    try_close();
   }
 }
 
-int RemoteFile::TryClose() {
+int RemoteFile::try_close() {
   const int cleaned = tnw_cleanup_file(handle_);
   const int closed = tnw_close(std::exchange(handle_, nullptr), nullptr);
   if (closed != 0) {
     return closed;
   }
-  const auto slot = drive_.slots_.find(PathKey(path_));
+  const auto slot = drive_.slots_.find(path_key(path_));
   if (--slot->second.opens == 0) {
     drive_.slots_.erase(slot);
   }
   return cleaned;
 }
 
-size_t RemoteFile::Read(uint64_t offset, void* buffer, size_t size) {
+size_t RemoteFile::read(uint64_t offset, void* buffer, size_t size) {
   ox_s64 count = 0;
-  const int err = tnw_read(handle_, buffer, size, static_cast<ox_off>(offset), &count, nullptr);
-  if (err == static_cast<int>(kEndOfFile)) {
+  int err = tnw_read(handle_, buffer, size, static_cast<ox_off>(offset), &count, nullptr);
+  if (err == ERROR_HANDLE_EOF) {
     return 0;
   }
   if (err == 0 && count == 0) { /* the service could not fetch the region, and says no more */
-    throw Failure(path_, "cannot read", ERROR_READ_FAULT);
+    err = ERROR_READ_FAULT;
   }
   if (err != 0) {
-    throw Failure(path_, "cannot read", static_cast<uint32_t>(err));
+    throw drive_failure(path_, "cannot read", err, READ_ANSWERS);
   }
   return static_cast<size_t>(count);
 }
 
-void RemoteFile::Write(uint64_t offset, const void* data, size_t size) {
+void RemoteFile::write(uint64_t offset, const void* data, size_t size) {
   ox_s64 count = 0;
   const int err = tnw_write(handle_, const_cast<void*>(data), size, static_cast<ox_off>(offset),
                             &count, nullptr);
   if (err != 0 || count != static_cast<ox_s64>(size)) {
-    throw Failure(path_, "cannot write", err != 0 ? static_cast<uint32_t>(err) : ERROR_DISK_FULL);
+    throw drive_failure(path_, "cannot write", err != 0 ? err : ERROR_DISK_FULL, WRITE_ANSWERS);
   }
 }
 
 /* In halves, as the call takes it. */
-void RemoteFile::SetSize(uint64_t size) {
+void RemoteFile::set_size(uint64_t size) {
   const int err =
       tnw_setfilesize(handle_, static_cast<ox_u32>(size), static_cast<ox_u32>(size >> 32), nullptr);
-  drive_.CheckAnswer(path_, "cannot set the size", err, kWriteAnswers);
+  drive_.check_answer(path_, "cannot set the size", err, WRITE_ANSWERS);
 }
 
-void RemoteFile::Lock(const FileRange& range, bool exclusive) {
-  const int err = tnw_lockfile(handle_, exclusive ? kExclusive : 0, range.offset, 0, range.length,
-                               0, ProcessId());
-  drive_.CheckAnswer(path_, "cannot be locked", err, kLockAnswers);
+void RemoteFile::lock(const FileRange& range, bool exclusive) {
+  const int err = tnw_lockfile(handle_, exclusive ? TNW_LOCK_EXCLUSIVE : 0, range.offset, 0,
+                               range.length, 0, process_id());
+  drive_.check_answer(path_, "cannot be locked", err, LOCK_ANSWERS);
 }
 
-void RemoteFile::Unlock(const FileRange& range) {
-  const int err = tnw_unlockfile(handle_, range.offset, 0, range.length, 0, ProcessId());
-  drive_.CheckAnswer(path_, "cannot be unlocked", err, kUnlockAnswers);
+void RemoteFile::unlock(const FileRange& range) {
+  const int err = tnw_unlockfile(handle_, range.offset, 0, range.length, 0, process_id());
+  drive_.check_answer(path_, "cannot be unlocked", err, UNLOCK_ANSWERS);
 }
 
-void RemoteFile::Close() {
-  if (const int err = TryClose()) {
-    throw Failure(path_, "cannot be brought to the cloud", static_cast<uint32_t>(err));
+void RemoteFile::close() {
+  if (const int err = try_close(); err != 0) {
+    throw drive_failure(path_, "cannot be brought to the cloud", err, WRITE_ANSWERS);
   }
 }
 

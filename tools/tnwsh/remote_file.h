@@ -17,15 +17,15 @@ struct FileRange {
 
   bool operator==(const FileRange&) const = default;
 };
-std::string RangeText(const FileRange& range); /* "10 bytes at 0" */
+std::string range_text(const FileRange& range); /* "10 bytes at 0" */
 
 class RemoteFile {
  public:
   enum class Mode {
-    kRead,
-    kHold,    /* reads, and lets others write meanwhile */
-    kChange,  /* reads and writes what is there */
-    kReplace, /* created, or emptied */
+    READ,
+    HOLD,    /* reads, and lets others write meanwhile */
+    CHANGE,  /* reads and writes what is there */
+    REPLACE, /* created, or emptied */
   };
 
   RemoteFile(Drive& drive, const std::string& path, Mode mode);
@@ -33,22 +33,22 @@ class RemoteFile {
   RemoteFile(const RemoteFile&) = delete;
   RemoteFile& operator=(const RemoteFile&) = delete;
 
-  size_t Read(uint64_t offset, void* buffer, size_t size); /* 0 at the end */
-  void Write(uint64_t offset, const void* data, size_t size);
-  void SetSize(uint64_t size);
-  void Lock(const FileRange& range, bool exclusive);
-  void Unlock(const FileRange& range);
+  size_t read(uint64_t offset, void* buffer, size_t size); /* 0 at the end */
+  void write(uint64_t offset, const void* data, size_t size);
+  void set_size(uint64_t size);
+  void lock(const FileRange& range, bool exclusive);
+  void unlock(const FileRange& range);
   /* Written data reaches the cloud here. */
-  void Close();
+  void close();
 
-  void* Handle() const { return handle_; }
+  void* handle() const { return handle_; }
 
  private:
   /*
    * Returns a Windows code. A file that the service would not close stays open in the library, and
    * keeps its context.
    */
-  int TryClose();
+  int try_close();
 
   Drive& drive_;
   const std::string path_;

@@ -2,44 +2,37 @@
 
 #include <fmt/format.h>
 
-#include "console.h"
-#include "text.h"
-
 namespace tnwsh {
 
-Drive& Shell::TheDrive() {
+Drive& Shell::drive() {
   if (drive_ == nullptr) {
     drive_ = std::make_unique<Drive>(options_);
   }
   return *drive_;
 }
 
-void Shell::StopDrive() {
+void Shell::stop_drive() {
   if (!locks_.empty()) {
-    fmt::print(stderr, "tnwsh: {} gone with the drive\n", Counted(locks_.size(), "lock"));
+    fmt::print(stderr, "tnwsh: {} gone with the drive\n", counted(locks_.size(), "lock"));
   }
   locks_.clear();
   drive_.reset();
 }
 
-ExitStatus Shell::Run(const std::function<void(Shell&)>& action) {
-  ExitStatus status = kSuccess;
-  ForgetInterrupt();
-  try {
-    action(*this);
-    if (fflush(stdout) != 0) {
-      throw Failure("Standard output", "cannot be written");
+ExitStatus Shell::run(const std::function<void(Shell&)>& action) {
+  forget_interrupt();
+  bool is_broken = false;
+  const ExitStatus status = run_program("tnwsh", [&] {
+    try {
+      action(*this);
+    } catch (const Failure& failure) {
+      is_broken = failure.code() == TNW_ERROR_NO_SERVICE;
+      throw;
     }
-  } catch (const UsageError& error) {
-    status = kUsage;
-    fmt::print(stderr, "tnwsh: {}\n", error.what());
-  } catch (const Failure& failure) {
-    status = kFailed;
-    fflush(stdout);
-    fmt::print(stderr, "tnwsh: {}\n", failure.what());
-    if (failure.Code() == kConnectionBroken) {
-      StopDrive();
-    }
+    return EXIT_OK;
+  });
+  if (is_broken) {
+    stop_drive();
   }
   return status;
 }

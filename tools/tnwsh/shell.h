@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "drive.h"
-#include "failure.h"
 #include "options.h"
 #include "remote_file.h"
 
@@ -27,27 +26,27 @@ class Shell {
   explicit Shell(Options options) : options_(std::move(options)) {}
 
   /* Throws a Failure when the drive cannot be started. */
-  Drive& TheDrive();
+  Drive& drive();
   /*
    * Releases what is held, and ends the service; the next command that needs the drive starts it.
    */
-  void StopDrive();
+  void stop_drive();
 
-  const Options& Given() const { return options_; }
+  const Options& options() const { return options_; }
   /* For the next start of the drive. */
-  void Change(Options options) { options_ = std::move(options); }
+  void change(Options options) { options_ = std::move(options); }
 
   /* At the prompt a lock may stay; on the command line it would end with the command. */
-  bool AtPrompt() const { return at_prompt_; }
-  void EnterPrompt() { at_prompt_ = true; }
-  std::vector<HeldLock>& Locks() { return locks_; }
-  const std::vector<HeldLock>& Locks() const { return locks_; }
+  bool at_prompt() const { return at_prompt_; }
+  void enter_prompt() { at_prompt_ = true; }
+  std::vector<HeldLock>& locks() { return locks_; }
+  const std::vector<HeldLock>& locks() const { return locks_; }
 
   /*
    * The exit status of an action; what it throws is told on standard error. After a broken
    * connection the next action starts the drive anew.
    */
-  ExitStatus Run(const std::function<void(Shell&)>& action);
+  ExitStatus run(const std::function<void(Shell&)>& action);
 
  private:
   Options options_;

@@ -17,7 +17,7 @@ struct Transferred {
 };
 
 /* Throws a Failure once Ctrl-C was pressed. */
-void StopWhenInterrupted(const std::string& path);
+void stop_when_interrupted(const std::string& path);
 
 /* Receives a piece of a file, and how much of it has come with that. */
 using Taker = std::function<void(const char* data, size_t count, uint64_t done)>;
@@ -26,20 +26,20 @@ using Taker = std::function<void(const char* data, size_t count, uint64_t done)>
  * Hands a whole file of the drive to `take` in chunks. A file whose size is not what was said of it
  * was changed meanwhile, and what was read of it may be of two ages: that throws, too.
  */
-void ReadAll(Drive& drive, const std::string& path, uint64_t size, const Taker& take);
+void read_all(Drive& drive, const std::string& path, uint64_t size, const Taker& take);
 
 /* The local file is replaced when the new one is complete. */
-Transferred GetFile(Drive& drive, const std::string& remote, uint64_t size,
-                    const std::string& local, ProgressMode mode);
-Transferred PutFile(Drive& drive, const std::string& local, const std::string& remote,
-                    ProgressMode mode);
+Transferred get_file(Drive& drive, const std::string& remote, uint64_t size,
+                     const std::string& local, ProgressMode mode);
+Transferred put_file(Drive& drive, const std::string& local, const std::string& remote,
+                     ProgressMode mode);
 
 /* What was copied, for the end. */
-void PrintTransfer(const std::string& from, const std::string& to, const std::string& what,
-                   const Transferred& sum);
+void print_transfer(const std::string& from, const std::string& to, const std::string& what,
+                    const Transferred& sum);
 
 /* Makes sure that a file has the size in the cloud that it was given. */
-void CheckArrival(Drive& drive, const std::string& path, uint64_t size);
+void check_arrival(Drive& drive, const std::string& path, uint64_t size);
 
 }  // namespace tnwsh
 

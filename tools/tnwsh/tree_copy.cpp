@@ -6,107 +6,103 @@
 #include <algorithm>
 #include <chrono>
 
-#include "failure.h"
-#include "local_file.h"
-#include "text.h"
-
 namespace tnwsh {
 namespace {
 
-std::string JoinLocal(const std::string& folder, const std::string& below) {
+std::string join_local(const std::string& folder, const std::string& below) {
   std::string path = folder + '\\' + below;
   std::replace(path.begin() + static_cast<ptrdiff_t>(folder.size()), path.end(), '/', '\\');
   return path;
 }
 
-std::string JoinBelow(const std::string& below, const std::string& name) {
+std::string join_below(const std::string& below, const std::string& name) {
   return below.empty() ? name : below + '/' + name;
 }
 
 /* After these nothing else succeeds. */
-bool EndsTheWork(uint32_t code) {
-  return code == ERROR_CANCELLED || code == kConnectionBroken || code == kUnauthorised;
+bool ends_the_work(uint32_t code) {
+  return code == ERROR_CANCELLED || code == TNW_ERROR_NO_SERVICE || code == ERROR_LOGON_FAILURE;
 }
 
 }  // namespace
 
-void TreeCopy::Get(const std::string& remote, const std::string& local) {
-  std::vector<std::string> above = {drive_.Get(remote).id};
-  CollectRemote(remote, "", &above);
-  MakeLocalFolder(local);
-  CopyAll(remote, local, [&](const Item& item) {
-    const std::string target = JoinLocal(local, item.path);
+void TreeCopy::get(const std::string& remote, const std::string& local) {
+  std::vector<std::string> above = {drive_.get(remote).id};
+  collect_remote(remote, "", &above);
+  make_local_folder(local);
+  copy_all(remote, local, [&](const Item& item) {
+    const std::string target = join_local(local, item.path);
     if (item.folder) {
-      MakeLocalFolder(target);
+      make_local_folder(target);
     } else {
-      bytes_ += GetFile(drive_, JoinPath(remote, item.path), item.size, target, mode_).bytes;
+      bytes_ += get_file(drive_, join_path(remote, item.path), item.size, target, mode_).bytes;
     }
   });
 }
 
-void TreeCopy::Put(const std::string& local, const std::string& remote) {
-  CollectLocal(local, "");
-  drive_.EnsureFolder(remote);
-  CopyAll(local, remote, [&](const Item& item) {
-    const std::string target = JoinPath(remote, item.path);
+void TreeCopy::put(const std::string& local, const std::string& remote) {
+  collect_local(local, "");
+  drive_.ensure_folder(remote);
+  copy_all(local, remote, [&](const Item& item) {
+    const std::string target = join_path(remote, item.path);
     if (item.folder) {
-      drive_.EnsureFolder(target);
+      drive_.ensure_folder(target);
     } else {
-      bytes_ += PutFile(drive_, JoinLocal(local, item.path), target, mode_).bytes;
+      bytes_ += put_file(drive_, join_local(local, item.path), target, mode_).bytes;
     }
   });
 }
 
 /* `above`: the folders that lead to this one, by their ids. */
-void TreeCopy::CollectRemote(const std::string& folder, const std::string& below,
-                             std::vector<std::string>* above) {
-  const std::string path = below.empty() ? folder : JoinPath(folder, below);
-  StopWhenInterrupted(path);
-  for (const Entry& entry : drive_.List(path)) {
-    const std::string next = JoinBelow(below, entry.name);
-    Add({.path = next, .folder = entry.folder, .size = entry.size}, [&] {
+void TreeCopy::collect_remote(const std::string& folder, const std::string& below,
+                              std::vector<std::string>* above) {
+  const std::string path = below.empty() ? folder : join_path(folder, below);
+  stop_when_interrupted(path);
+  for (const Entry& entry : drive_.list(path)) {
+    const std::string next = join_below(below, entry.name);
+    add({.path = next, .folder = entry.folder, .size = entry.size}, [&] {
       if (std::find(above->begin(), above->end(), entry.id) != above->end()) {
-        throw Failure(JoinPath(path, entry.name), "is a link that leads back, and is left out");
+        throw Failure(join_path(path, entry.name), "is a link that leads back, and is left out");
       }
       above->push_back(entry.id);
-      CollectRemote(folder, next, above);
+      collect_remote(folder, next, above);
       above->pop_back();
     });
   }
 }
 
-void TreeCopy::CollectLocal(const std::string& folder, const std::string& below) {
-  const std::string path = below.empty() ? folder : JoinLocal(folder, below);
-  StopWhenInterrupted(path);
-  for (const LocalEntry& entry : ListLocal(path)) {
-    const std::string next = JoinBelow(below, entry.name);
-    Add({.path = next, .folder = entry.folder}, [&] {
+void TreeCopy::collect_local(const std::string& folder, const std::string& below) {
+  const std::string path = below.empty() ? folder : join_local(folder, below);
+  stop_when_interrupted(path);
+  for (const LocalEntry& entry : list_local(path)) {
+    const std::string next = join_below(below, entry.name);
+    add({.path = next, .folder = entry.folder}, [&] {
       if (entry.link) {
-        throw Failure(JoinLocal(path, entry.name), "is a link to a folder, and is left out");
+        throw Failure(join_local(path, entry.name), "is a link to a folder, and is left out");
       }
-      CollectLocal(folder, next);
+      collect_local(folder, next);
     });
   }
 }
 
-void TreeCopy::Add(Item item, const Step& collect) {
+void TreeCopy::add(Item item, const Step& collect) {
   const size_t index = items_.size();
   const bool folder = item.folder;
   items_.push_back(std::move(item));
-  if (folder && !Try(collect)) {
+  if (folder && !attempt(collect)) {
     items_[index].failed = true;
   }
 }
 
-void TreeCopy::CopyAll(const std::string& from, const std::string& to,
-                       const std::function<void(const Item& item)>& copy) {
+void TreeCopy::copy_all(const std::string& from, const std::string& to,
+                        const std::function<void(const Item& item)>& copy) {
   const auto start = std::chrono::steady_clock::now();
   std::string failed_folder; /* with its slash */
   try {
     for (const Item& item : items_) {
       if (!failed_folder.empty() && item.path.starts_with(failed_folder)) {
         left_out_++;
-      } else if (!item.failed && Try([&] { copy(item); })) {
+      } else if (!item.failed && attempt([&] { copy(item); })) {
         (item.folder ? folders_ : files_)++;
       } else if (item.folder) {
         failed_folder = item.path + '/';
@@ -114,21 +110,21 @@ void TreeCopy::CopyAll(const std::string& from, const std::string& to,
     }
   } catch (const Failure&) {
     fmt::print(stderr, "tnwsh: {}: stopped after {} and {} of {} items\n", from,
-               Counted(files_, "file"), Counted(folders_, "folder"), items_.size());
+               counted(files_, "file"), counted(folders_, "folder"), items_.size());
     if (!failures_.empty()) {
-      fmt::print(stderr, "tnwsh: {}: {}\n", from, FailuresText());
+      fmt::print(stderr, "tnwsh: {}: {}\n", from, failures_text());
     }
     throw;
   }
-  Finish(from, to, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+  finish(from, to, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
 }
 
-bool TreeCopy::Try(const Step& step) {
+bool TreeCopy::attempt(const Step& step) {
   try {
     step();
     return true;
   } catch (const Failure& failure) {
-    if (EndsTheWork(failure.Code())) {
+    if (ends_the_work(failure.code())) {
       throw;
     }
     failures_.emplace_back(failure.what());
@@ -137,17 +133,17 @@ bool TreeCopy::Try(const Step& step) {
   }
 }
 
-void TreeCopy::Finish(const std::string& from, const std::string& to, double seconds) const {
+void TreeCopy::finish(const std::string& from, const std::string& to, double seconds) const {
   const std::string what =
-      fmt::format("{} and {}, {}", Counted(files_, "file"), Counted(folders_, "folder"),
-                  BytesText(static_cast<double>(bytes_)));
-  PrintTransfer(from, to, what, {bytes_, seconds});
+      fmt::format("{} and {}, {}", counted(files_, "file"), counted(folders_, "folder"),
+                  bytes_text(static_cast<double>(bytes_)));
+  print_transfer(from, to, what, {bytes_, seconds});
   if (!failures_.empty()) {
-    throw Failure(from, FailuresText());
+    throw Failure(from, failures_text());
   }
 }
 
-std::string TreeCopy::FailuresText() const {
+std::string TreeCopy::failures_text() const {
   std::string text = fmt::format("{} of {} failed:", failures_.size(), items_.size());
   for (const std::string& failure : failures_) {
     text += "\n  " + failure;

@@ -24,8 +24,8 @@ class TreeCopy {
   TreeCopy(Drive& drive, ProgressMode mode) : drive_(drive), mode_(mode) {}
 
   /* Both print the sum, and throw a Failure that lists what failed. */
-  void Get(const std::string& remote, const std::string& local);
-  void Put(const std::string& local, const std::string& remote);
+  void get(const std::string& remote, const std::string& local);
+  void put(const std::string& local, const std::string& remote);
 
  private:
   struct Item {
@@ -36,17 +36,17 @@ class TreeCopy {
   };
   using Step = std::function<void()>;
 
-  void CollectRemote(const std::string& folder, const std::string& below,
-                     std::vector<std::string>* above);
-  void CollectLocal(const std::string& folder, const std::string& below);
+  void collect_remote(const std::string& folder, const std::string& below,
+                      std::vector<std::string>* above);
+  void collect_local(const std::string& folder, const std::string& below);
   /* Adds an item, and what `collect` finds below it. */
-  void Add(Item item, const Step& collect);
-  void CopyAll(const std::string& from, const std::string& to,
-               const std::function<void(const Item& item)>& copy);
+  void add(Item item, const Step& collect);
+  void copy_all(const std::string& from, const std::string& to,
+                const std::function<void(const Item& item)>& copy);
   /* Whether it went well; throws what ends the work. */
-  bool Try(const Step& step);
-  void Finish(const std::string& from, const std::string& to, double seconds) const;
-  std::string FailuresText() const;
+  bool attempt(const Step& step);
+  void finish(const std::string& from, const std::string& to, double seconds) const;
+  std::string failures_text() const;
 
   Drive& drive_;
   const ProgressMode mode_;
