@@ -5,7 +5,6 @@
 #include <limits>
 
 #include "ox_assert.h"
-#include "ox_errno.h"
 #include "ox_time.h"
 #include "ox_util.h"
 #include "tn_text.h"
@@ -144,7 +143,7 @@ int take_cache_answer(vfs_handle* vh, tnvfd* fde, ox_off off, ox_u64 sz, bool tr
     file_became_empty(fde);
     return 0;
   }
-  if (err == OX_ENOTTY) {
+  if (err == TNV_WILL_NOT_CACHE) {
     /* The service will not cache this range. The caller goes on as after a success. */
     TNW_LOG(vh, OX_INFO_LEVEL, err, "Uncached read(%d, %llu, %llu : %s)", fde->fdt_fd, tn_llu(off),
             tn_llu(sz), file_id(fde).text);

@@ -12,14 +12,18 @@ const tnw_refusal TNW_REFUSE_NO_PATH = {"Invalid drive handle or no path specifi
 namespace {
 
 int refuse(const tnw_refusal& refusal) {
-  return TNW_REFUSE(refusal.code, nullptr, refusal.err, "%s", refusal.text);
+  int err = refusal.err;
+  if (refusal.translates) {
+    err = static_cast<int>(winerr2unixerr(static_cast<ox_u32>(err)));
+  }
+  return TNW_REFUSE(refusal.code, nullptr, err, "%s", refusal.text);
 }
 
 }  // namespace
 
 int tnw_refuse_unknown(const void* handle) {
-  return TNW_REFUSE(TNW_ERROR_NO_SERVICE, nullptr, -1,
-                    "Could not find handle with address 0x%p", handle);
+  return TNW_REFUSE(TNW_ERROR_NO_SERVICE, nullptr, -1, "Could not find handle with address 0x%p",
+                    handle);
 }
 
 int tnw_enter_drive(const void* drvhdl, tnw_call* call) {

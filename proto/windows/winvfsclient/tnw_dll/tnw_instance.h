@@ -8,8 +8,8 @@
  *   3. tnwh_lock                 one instance's list of drive handles
  * The lookups take 2 and 3 and release them before they return: a file call holds no list lock
  * while it works, so that calls run side by side and a slow one blocks no other. The descriptor
- * table's lock, the context lock (tnw_open.h) and the two map locks of a file (never both) are
- * taken alone, after the lookups.
+ * table's lock, the context lock (tnw_file_context.h) and the two map locks of a file (never both)
+ * are taken alone, after the lookups.
  */
 #ifndef TNW_INSTANCE_H
 #define TNW_INSTANCE_H
