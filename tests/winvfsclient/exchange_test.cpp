@@ -9,6 +9,7 @@
 
 #include "log_capture.h"
 #include "ox_errno.h"
+#include "ox_tpool.h"
 #include "ox_util.h"
 #include "process_state.h"
 #include "scripted_peer.h"
@@ -329,7 +330,7 @@ TEST_F(Exchange, RegionJobsReportTheAnswerAndTheDeadConnection) {
   } jobs[] = {{tnw_sync_send_cache_region_msg, &ioreq, &ioreq.io_err},
               {tnw_sync_send_dirty_region_msg, &ioreq, &ioreq.io_err},
               {tnw_sync_send_ftruncate_msg, &truncreq, &truncreq.t_err}};
-  for (const int err : {0, OX_EIO, OX_EOWNERDEAD}) {
+  for (const int err : {0, int{OX_EIO}, int{OX_EOWNERDEAD}}) {
     peer.on_request([=](PeerConnection& conn) { conn.answer(static_cast<ox_u32>(err)); });
     if (err == OX_EOWNERDEAD) {
       tnv_conn_break(&vh);

@@ -407,12 +407,14 @@ TEST_F(Transport, DumpsWhatItMovesAtDebugLevelTwo) {
   Bytes bytes = {'A', 0, 0x9c, '~', 'b', 0x7f};
   bytes.resize(33, 0xff);
   Client client(peer);
-  ASSERT_EQ(client.send({0x41}), 0); /* not dumped */
+  ASSERT_EQ(client.send({0x41}), 0);
+  EXPECT_EQ(log.count("Begin"), 0u);
+  const LogCapture dump;
   ox_debug = 2;
   EXPECT_EQ(client.send(bytes), 0);
   ox_debug = 1;
   using testing::StartsWith;
-  EXPECT_THAT(log.lines(),
+  EXPECT_THAT(dump.lines(),
               testing::ElementsAre("00000000000000000000 --- Begin --- 00000000000000000000",
                                    StartsWith("4100ffffff9c7e 627fffffffffffffffff ffffffff"),
                                    StartsWith(" A     ~  b        "), "ffffffff", "  ",
