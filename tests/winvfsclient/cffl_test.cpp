@@ -11,11 +11,13 @@
 #include <cstring>
 #include <deque>
 #include <random>
+#include <regex>
 
 #include "log_capture.h"
 #include "ox_assert.h"
 #include "ox_errno.h"
 #include "ox_logging.h"
+#include "test_folder.h"
 #include "tn_cffl.h"
 #include "tn_util.h"
 #include "tools/cfflprint/list_check.h"
@@ -71,7 +73,6 @@ namespace {
 using cfflprint::Item;
 using testing::ElementsAre;
 using testing::EndsWith;
-using testing::HasSubstr;
 using testing::StartsWith;
 using Bytes = std::vector<ox_u8>;
 
@@ -176,17 +177,11 @@ TEST(Walk, ContradictionsAreFatal) {
                {VERSION, 0, "((0)) tn_util:57"},
                {VERSION, 4, "((0)) tn_util:57"},
                {SIZE, 1024, ""},
-               {SIZE, 0, end},
-               {SIZE, 1024 + 368, end},
-               {SIZE, 1024 + 369, "a|" + end},
                {SIZE, SAMPLE_SIZE - 1, all + end},
                {FIRST, SAMPLE_SIZE, ""},
                {FIRST, SAMPLE_SIZE + 1, end},
-               {FIRST, ~ox_u64{0}, end},
-               {ENTRY_2 + RECLEN, 0, two + end},
                {ENTRY_2 + RECLEN, 368, two + end},
                {ENTRY_2 + RECLEN, ~ox_u64{0} - 375, two + end},
-               {ENTRY_2 + RECLEN, 376 + 16, two + end},
                {ENTRY_3 + RECLEN, 385, all + end}};
   for (const auto& c : cases) {
     Bytes bytes = good;
@@ -316,19 +311,17 @@ TEST_F(Reader, NamesEndWithTheListWhateverTheirRecordSays) {
 
 /* ------------------------------------------------------------------- the listings */
 
-/* What `print` writes to the standard output, without what stands in parentheses. */
+/* What `print` writes to the standard output. */
 template <typename Print>
 std::string printed(Print print) {
   testing::internal::CaptureStdout();
   print();
   std::string text = testing::internal::GetCapturedStdout();
   std::erase(text, '\r');
-  for (size_t at = 0; (at = text.find('(', at)) != std::string::npos; at++) {
-    text.erase(at + 1, text.find(')', at) - at - 1);
-  }
   return text;
 }
 
+/* Against listings.txt beside this file, which has them all one behind the other. */
 TEST(Listing, HeaderEntriesAndHashTable) {
   Bytes bytes = sample();
   const cfs_cffl_hash slot = {-5, 1, 2, 1072, {0x0A, 0xBC, 0, 1, 2, 3, 4, 0xFF, 9}};
@@ -338,40 +331,15 @@ TEST(Listing, HeaderEntriesAndHashTable) {
   put(bytes, TABLE, ox_u64{1024});
   put(bytes, FIRST, ox_u64{1072});
   EXPECT_TRUE(cfflprint::CheckList(bytes).empty());
-
-  const std::string zeros(124, '0');
-  std::string text = printed([&] { tn_print_cffl(list_in(bytes), 1); });
-  const size_t now = text.find("Current time: ");
-  ASSERT_NE(now, std::string::npos);
-  text.replace(now, text.find('\n', now) - now, "NOW");
-  EXPECT_EQ(text.substr(0, text.find("DIR")),
-            "Version:3 Header-Block-Size:1024 Size:2208 Dirs:1 Files:2 Cfp-Offset: 1072 "
-            "Fht-Offset 1024\n"
-            "Name:docs Fid: 00000001-0000-0000-0000-000000000000 \t"
-            "Rev: 00000002-0000-0000-0000-000000000000 \n"
-            "Etag: " +
-                std::string(64, ' ') +
-                " \nNOW\nLast Refresh time: 1800000000.7 ()\nCFS Create Time: 0.0 ()\n"
-                "CFS mtime: 1700000000.5 ()\nState: cloud\nPermission: Owner/Modify\n"
-                "                            Entry ID                              FID/GID "
-                "Type     Size #VER    Perms    Last Mod Time      Uploaded By Name\n"
-                "00000003-0000-0000-0000-000000000000 00000004-0000-0000-0000-000000000000 "
-                "FILE     4711 0001 00000001               me 1600000000  a.txt\n"
-                "Checksum:1-3-4194304-ab00" +
-                zeros +
-                "\n00000005-0000-0000-0000-000000000000 00000000-0000-0000-0000-000000000000 ");
-  EXPECT_THAT(text, EndsWith("count  hashval   next prev cfp_offset\t sha256\n"
-                             "0\t-5\t1\t2\t1072\tabc01234ff\n"));
-  put(bytes, TABLE, ox_u64{1072});
-  EXPECT_THAT(printed([&] { tn_print_cffl(list_in(bytes), 1); }), EndsWith("\t sha256\n"))
-      << "no entry is shown as a slot";
-  EXPECT_THAT(printed([&] { tn_print_cffl(list_in(bytes), 0); }),
-              EndsWith("Checksum:0-0-0-" + zeros + "0000\n"));
-  EXPECT_THAT(printed([&] { tn_print_cffl_finfo(list_in(bytes)); }),
-              HasSubstr("DIR          0 0001               me 0 sub\n"
-                        "Cfp Version: 0x1 Cfp perms = 0x1\n"
-                        "Checksum:0-0-0-" +
-                        zeros + "0000\nFILE        12 "));
+  std::string text = printed([&] {
+    tn_print_cffl(list_in(bytes), 1);
+    put(bytes, TABLE, ox_u64{1072}); /* behind the first entry: no entry is shown as a slot */
+    tn_print_cffl(list_in(bytes), 1);
+    tn_print_cffl(list_in(bytes), 0);
+    tn_print_cffl_finfo(list_in(bytes));
+  });
+  text = std::regex_replace(text, std::regex("(Current time:).*|\\(.*\\)"), "$1");
+  EXPECT_EQ(text, read_file(beside_test("listings.txt")));
 }
 
 /* ------------------------------------------------------------------- the checks of cfflprint */
@@ -433,6 +401,7 @@ TEST(Check, AgreesWithTheWalkOnDamagedLists) {
   const ox_u64 values[] = {0, 1, 48, 368, 369, 376, 384, 752, 1024, 1400, 1776, 2160, ~ox_u64{0}};
   size_t walkable = 0;
   const int rounds = 4000;
+  testing::internal::CaptureStdout();
   for (int round = 0; round < rounds; round++) {
     Bytes bytes = good;
     for (size_t i = below(4); i > 0; i--) {
@@ -455,10 +424,9 @@ TEST(Check, AgreesWithTheWalkOnDamagedLists) {
     }
     bool did = true;
     try {
-      (void)printed([&] { tn_print_cffl(list_in(bytes), 1); });
+      tn_print_cffl(list_in(bytes), 1);
     } catch (const std::string&) {
       did = false;
-      (void)testing::internal::GetCapturedStdout();
     }
     /* The walk knows neither the file's size nor that entries do not start in the header. */
     if (list_in(bytes)->cfh_head.cf_size == bytes.size() &&
@@ -467,6 +435,7 @@ TEST(Check, AgreesWithTheWalkOnDamagedLists) {
     }
     walkable += can ? 1 : 0;
   }
+  (void)testing::internal::GetCapturedStdout();
   EXPECT_GT(walkable, rounds / 10u);
   EXPECT_LT(walkable, rounds / 2u);
 }
