@@ -16,16 +16,33 @@
 #include "test_folder.h"
 #include "tnv_connio_win.h"
 #include "tnw_connect.h"
+#include "tnw_dll/tnw_exchange.h"
 #include "tnw_fd.h"
 #include "vfstnw_bmap.h"
 #include "vfstnw_client.h"
 
 using testing::Each;
 
-static size_t
-    failing_size; /* for allocations of this size there is no memory; 0: for all there is */
+static size_t failing_size; /* allocations of this size fail; 0: none */
+static bool events_fail = false;
+static int events_made = 0;
 
+static HANDLE WINAPI create_or_fail(SECURITY_ATTRIBUTES* security, BOOL manual, BOOL set,
+                                    const char* name) {
+  /* Looked up each time: a static would be guarded by a lock, which makes an event. */
+  const auto system_create = reinterpret_cast<decltype(&CreateEventA)>(
+      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("kernel32.dll"), "CreateEventA")));
+  if (events_fail) {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return nullptr;
+  }
+  events_made++;
+  return system_create(security, manual, set, name);
+}
+
+/* The linker takes these in the place of the library's and the import library's. */
 extern "C" {
+decltype(&CreateEventA) __imp_CreateEventA = create_or_fail;
 void* __real_ox_zalloc(size_t size);
 void* __wrap_ox_zalloc(size_t size) {
   return size == failing_size && size != 0 ? nullptr : __real_ox_zalloc(size);
@@ -328,6 +345,34 @@ TEST_F(Exchange, RegionJobsReportTheAnswerAndTheDeadConnection) {
     EXPECT_EQ(log.count("\"Failed to dirty off:len " + off + ":3\""), failures);
     EXPECT_EQ(log.count("\"Failed to truncate to new size: 100\""), failures);
   }
+}
+
+/* ------------------------------------------------------------------- through a pool */
+
+TEST(Queueing, AnExchangeThatCannotBeginIsNotWaitedFor) {
+  tnw_tninstance tni = {};
+  tni.tni_tpool = ox_tpool_create_external("calls", nullptr, nullptr, 0, 0, 0, 1);
+  const auto exchange = [&] {
+    tnv_msg msg = {};
+    msg.hdr.hdr_len = TNV_MSG_FIXED;
+    tnv_resp resp = {};
+    tnw_exchange(&tni, tnw_async_send_msg, &msg, &resp, nullptr);
+    return static_cast<int>(resp.rhdr.rhdr_errno);
+  };
+  events_fail = true;
+  EXPECT_EQ(exchange(), OX_ENOMEM);
+  events_fail = false;
+  EXPECT_EQ(tni.tni_tpool->tp_qlen, 0u);
+  tni.tni_tpool->tp_flags |= OX_TPOOL_FL_DRAIN; /* refuses every thread but its own workers */
+  EXPECT_EQ(exchange(), OX_EINVAL);
+  const size_t handle_before = fresh_handle();
+  const int made_before = events_made;
+  for (int i = 0; i < 10; i++) {
+    EXPECT_EQ(exchange(), OX_EINVAL);
+  }
+  EXPECT_EQ(events_made, made_before + 10);
+  EXPECT_EQ(fresh_handle(), handle_before) << "each event is closed";
+  ox_destroy_tpool(tni.tni_tpool, 0);
 }
 
 /* ------------------------------------------------------------------- version and shut-down */
