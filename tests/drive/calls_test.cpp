@@ -111,6 +111,9 @@ struct Request {
 TEST_F(Calls, SendTheirRequests) {
   void* file = open();
   void* d = drive.drive;
+  const tnv_msgid_t opened = drive.peer->requests().back().msg().hdr.hdr_id;
+  tnvfso fso = {};
+  fso.fso_handle.id[0] = 1;
   const auto lock_fields = [](int kind) {
     tnv_wbrl_msg brl = {kind, 77, 0, 0, 10, 5, {}, {}};
     brl.wbrl_fso.fso_handle.id[0] = brl.wbrl_gid.id[0] = 1;
@@ -136,6 +139,12 @@ TEST_F(Calls, SendTheirRequests) {
        raw("t\0"), nullptr},
       {"proxy", [&] { return tnw_set_http_proxy(d, "p:1", "", "pw"); }, TNV_OP_WIN_SETPROXY,
        bytes_of(tnv_wsetproxy_msg{3, 0, 2}), raw("p:1\0\0pw\0"), nullptr},
+      {"read", [&] { return tnw_read(file, &byte, 1, 20, nullptr, nullptr); }, TNV_OP_CACHE_REGION,
+       bytes_of(tnv_cache_region_msg{0, {}, 20, 1, opened, fso}), "", nullptr},
+      {"write", [&] { return tnw_write(file, &byte, 1, 40, nullptr, nullptr); },
+       TNV_OP_DIRTY_REGION, bytes_of(tnv_dirty_region_msg{40, 1, opened, fso}), "", nullptr},
+      {"resize", [&] { return tnw_setfilesize(file, 33, 0, nullptr); }, TNV_OP_FTRUNCATE,
+       bytes_of(tnv_ftruncate_msg{33, opened, fso}), "", nullptr},
   };
   for (const Request& r : requests) {
     SCOPED_TRACE(r.name);

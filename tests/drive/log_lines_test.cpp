@@ -413,20 +413,53 @@ TEST_F(LogLines, OfRegionsAndListings) {
   EXPECT_EQ(tnw_read(file, &byte, 1, 0, nullptr, nullptr), 0);
   tnw_read(file, &byte, 1, 16, nullptr, nullptr); /* the answer has no payload: nothing is set */
   ox_debug = 1;
-  drive.peer->on_request([](PeerConnection& conn) {
-    tnv_wdenum_resp one = {};
-    one.wde_fi_len = 1;
-    conn.answer(0, one);
-  });
-  failing_size = sizeof(tnw_fileinfo);
-  tnw_fileinfo entry;
-  int err = -1;
-  EXPECT_EQ(tnw_findfirst(drive.drive, "/a", &entry, nullptr, &err), nullptr);
-  EXPECT_EQ(err, 8);
   const std::string at = " in (0x)?[0-9A-Fa-f]+";
   expect_lines(log, {{"DEBUG", 0, "Checking bits for off:0, len:1" + at},
                      {"DEBUG", 0, "bits are set for off:0, len:1" + at},
-                     {"DEBUG", 0, "bits not set for off:16, len:1" + at},
+                     {"DEBUG", 0, "bits not set for off:16, len:1" + at}});
+}
+
+/* What the service has opened is closed there again, and the one connection goes on. */
+TEST_F(LogLines, OfMapsAndListingsWithoutMemory) {
+  drive.record.tnw_min_threads = drive.record.tnw_max_threads = 1;
+  ASSERT_NE(drive.start(), nullptr);
+  constexpr size_t maps = 2000;
+  drive.peer->on_request([](PeerConnection& conn) {
+    tnv_wopen_resp file = open_answer();
+    file.wopen_resp_rmap_size = maps / 2;
+    tnv_wdenum_resp one = {};
+    one.wde_fi_len = 1;
+    one.wde_fso.fso_handle.id[0] = 1;
+    if (conn.opcode() == TNV_OP_WIN_OPEN) {
+      conn.answer(0, file);
+      return conn.send(Bytes(maps, 0xff));
+    }
+    conn.answer(0, conn.opcode() == TNV_OP_WIN_DENUM ? bytes_of(one) : Bytes());
+    conn.send(Bytes(conn.opcode() == TNV_OP_WIN_DENUM ? sizeof(tnw_fileinfo) : 0, 0xff));
+  });
+  int err = -1;
+  tnw_fileinfo entry;
+  const std::function<void*()> opens[] = {
+      [&] { return failing_size = maps, drive.open("/a", 3, &err); },
+      [&] {
+        failing_size = sizeof(tnw_fileinfo);
+        return tnw_findfirst(drive.drive, "/a", &entry, "lister", &err);
+      }};
+  for (const auto& open : opens) {
+    EXPECT_EQ(open(), nullptr);
+    EXPECT_EQ(err, 8);
+    failing_size = 0;
+    const auto requests = drive.peer->requests();
+    const tnv_msg request = requests[requests.size() - 2].msg(), close = requests.back().msg();
+    EXPECT_EQ(close.hdr.hdr_opcode, ox_u32{TNV_OP_WIN_CLOSE});
+    EXPECT_EQ(close.u.wclose.wclose_id.id[0], 1);
+    EXPECT_EQ(bytes_of(close.u.wclose.wclose_omsgid), bytes_of(request.hdr.hdr_id));
+    EXPECT_EQ(bytes_of(close.hdr.hdr_procname), bytes_of(request.hdr.hdr_procname));
+    EXPECT_EQ(bytes_of(close.hdr.hdr_drvid), bytes_of(request.hdr.hdr_drvid));
+    EXPECT_EQ(close.u.wclose.wclose_fd, 0) << "the entry is used again";
+  }
+  EXPECT_EQ(tnw_close(drive.open("/a"), nullptr), 0);
+  expect_lines(log, {{"ERROR", 12, "Failed to allocate memory to rmap/dmap."},
                      {"ERROR", 12, "Failed to allocate memory to cffl."}});
 }
 

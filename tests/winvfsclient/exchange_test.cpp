@@ -9,16 +9,45 @@
 
 #include "log_capture.h"
 #include "ox_errno.h"
+#include "ox_tpool.h"
 #include "ox_util.h"
 #include "process_state.h"
 #include "scripted_peer.h"
+#include "test_folder.h"
 #include "tnv_connio_win.h"
 #include "tnw_connect.h"
+#include "tnw_dll/tnw_exchange.h"
 #include "tnw_fd.h"
 #include "vfstnw_bmap.h"
 #include "vfstnw_client.h"
 
 using testing::Each;
+
+static size_t failing_size; /* allocations of this size fail; 0: none */
+static bool events_fail = false;
+static int events_made = 0;
+
+static HANDLE WINAPI create_or_fail(SECURITY_ATTRIBUTES* security, BOOL manual, BOOL set,
+                                    const char* name) {
+  /* Looked up each time: a static would be guarded by a lock, which makes an event. */
+  const auto system_create = reinterpret_cast<decltype(&CreateEventA)>(
+      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("kernel32.dll"), "CreateEventA")));
+  if (events_fail) {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return nullptr;
+  }
+  events_made++;
+  return system_create(security, manual, set, name);
+}
+
+/* The linker takes these in the place of the library's and the import library's. */
+extern "C" {
+decltype(&CreateEventA) __imp_CreateEventA = create_or_fail;
+void* __real_ox_zalloc(size_t size);
+void* __wrap_ox_zalloc(size_t size) {
+  return size == failing_size && size != 0 ? nullptr : __real_ox_zalloc(size);
+}
+}
 
 namespace {
 
@@ -37,11 +66,10 @@ class Exchange : public testing::Test {
     }
     EXPECT_EQ(connect("share"), 0);
   }
-
   ~Exchange() override {
     tnv_conn_break(&vh);
     ox_free_safe(vh.vfs_share_path);
-    ox_free_safe(fde.fdt_rmap);
+    vfstnw_remove_bmaps(&fde);
     CloseHandle(ev.ev_hdl);
   }
 
@@ -55,19 +83,19 @@ class Exchange : public testing::Test {
     ASSERT_EQ(connect("again"), 0);
     ended++;
   }
-  void prepare(vfs_op opcode) {
+  int exchange(vfs_op opcode = TNV_OP_WIN_STAT) {
     msg = {};
     msg.hdr.hdr_opcode = opcode;
     msg.hdr.hdr_len = sizeof(msg);
     memset(&resp, 0xee, sizeof(resp));
-  }
-  int exchange(vfs_op opcode = TNV_OP_WIN_STAT) {
-    prepare(opcode);
     return tnw_sync_send_msg(&vh, &msg, &resp);
   }
   /* Runs a job as a worker would; it must set the event. Gives the error that it leaves. */
-  ox_u32 run(void* (*job)(void*, void*, void*), vfs_op opcode) {
-    prepare(opcode);
+  ox_u32 run(ox_job_func_t job, vfs_op opcode) {
+    msg = {};
+    msg.hdr.hdr_opcode = opcode;
+    msg.hdr.hdr_len = sizeof(msg);
+    ev.ev_granted = false;
     EXPECT_EQ(job(&ev, nullptr, &vh), nullptr);
     EXPECT_EQ(WaitForSingleObject(ev.ev_hdl, 0), WAIT_OBJECT_0);
     return resp.rhdr.rhdr_errno;
@@ -77,10 +105,9 @@ class Exchange : public testing::Test {
 
   /* The connection is closed, and the next exchange fails without a request: nothing half. */
   void expect_broken() {
-    EXPECT_TRUE(vh.vfs_broken);
     EXPECT_TRUE(peer.wait_for_ended(ended + 1));
     const size_t before = peer.requests().size();
-    LogCapture next;
+    const LogCapture next;
     EXPECT_EQ(exchange(), OX_EOWNERDEAD);
     EXPECT_EQ(errno, OX_EOWNERDEAD);
     EXPECT_EQ(next.count("\"vfs_socket_fd\":" + std::to_string(vh.vfs_fd) + ","), 1u);
@@ -100,7 +127,8 @@ class Exchange : public testing::Test {
 
 /* ------------------------------------------------------------------- the exchange */
 
-TEST_F(Exchange, ConnectSendsTheBindingAndKeepsTheAnswer) {
+/* What CONNECT sends: golden_test and bad_input_test of the whole client. */
+TEST_F(Exchange, ConnectKeepsTheAnswerAndClosesAnEarlierSocket) {
   tnv_conn_resp answer = {};
   answer.conresp_shandle = 0x1122334455667788;
   answer.conresp_stid = 99;
@@ -112,17 +140,11 @@ TEST_F(Exchange, ConnectSendsTheBindingAndKeepsTheAnswer) {
   EXPECT_EQ(vh.vfs_peer_tid, 99u);
   EXPECT_EQ(vh.vfs_share_fid.id[15], 0xab);
   EXPECT_STREQ(vh.vfs_share_path, "x");
-  EXPECT_STREQ(vh.vfs_user, "ann");
   EXPECT_STREQ(vh.vfs_domain, "files.example.com");
-
   const PeerRequest req = peer.requests().at(1);
-  const tnv_wconn_msg& conn = req.msg().u.wconn;
   EXPECT_EQ(req.bytes.size(), 506u);
-  EXPECT_EQ(conn.wconmsg_share_path_len, 2);
-  EXPECT_STREQ(conn.wconmsg_cache_dir, "C:\\cache");
-  EXPECT_STREQ(conn.wconmsg_rhost, vh.vfs_rhost);
-  EXPECT_NE(conn.wconmsg_rhost[0], '\0');
-  EXPECT_EQ(req.msg().hdr.hdr_drvid.id[0], 0x33) << "the binary form";
+  EXPECT_EQ(req.msg().u.wconn.wconmsg_share_path_len, 2);
+  EXPECT_STREQ(req.msg().u.wconn.wconmsg_rhost, vh.vfs_rhost);
 }
 
 TEST_F(Exchange, AnswersComeInOrderUnderFreshIds) {
@@ -133,9 +155,7 @@ TEST_F(Exchange, AnswersComeInOrderUnderFreshIds) {
     conn.send(bytes_of(hdr) + Bytes(3, 0xff));
   });
   for (const vfs_op op : {TNV_OP_WIN_STAT, TNV_OP_WIN_CLOSE}) {
-    prepare(op);
-    ASSERT_EQ(tnw_send_msg(&vh, &msg), 0);
-    ASSERT_EQ(tnw_recv_response(&vh, &msg, &resp), 0);
+    ASSERT_EQ(exchange(op), 0);
     EXPECT_EQ(resp.rhdr.rhdr_errno, static_cast<ox_u32>(op));
     EXPECT_EQ(resp.rhdr.rhdr_fd2xfer, -1);
     EXPECT_EQ(vh.vfs_utxid, 1000u + op);
@@ -181,7 +201,7 @@ TEST_F(Exchange, WhatIsNoWholeAnswerGives133NowAndForEver) {
       conn.send(c.answer(conn));
       conn.close();
     });
-    LogCapture log;
+    const LogCapture log;
     EXPECT_EQ(exchange(), OX_EOWNERDEAD);
     EXPECT_EQ(errno, OX_EOWNERDEAD);
     EXPECT_EQ(log.count(c.line), 1u);
@@ -195,165 +215,164 @@ TEST_F(Exchange, WhatIsNoWholeAnswerGives133NowAndForEver) {
 
 /* ------------------------------------------------------------------- OPEN and DENUM */
 
-/* A local file whose handle an answer carries into this process. */
-HANDLE carried_file() {
-  char folder[MAX_PATH + 1];
-  char path[MAX_PATH + 1];
-  GetTempPathA(sizeof(folder), folder);
-  GetTempFileNameA(folder, "opn", 0, path);
-  return CreateFileA(path, GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_FLAG_DELETE_ON_CLOSE,
-                     nullptr);
-}
-
-tnv_wopen_resp open_answer(ox_u64 map_size, int shift = 16) {
+Bytes open_answer(ox_u64 map_size, int shift = 16, ox_u32 isdir = 0) {
   tnv_wopen_resp open = {};
   open.wopen_resp_region_shift = shift;
   open.wopen_resp_rmap_size = map_size;
-  open.wopen_resp_dmap_size = 3; /* recorded, and without say */
-  return open;
+  open.wopen_resp_dmap_size = 3; /* recorded, and not used */
+  open.wopen_resp_fso.fso_isdir = isdir;
+  return bytes_of(open);
 }
 
-tnv_wdenum_resp listing_of(ox_u64 count) {
+Bytes listing_of(ox_u64 count) {
   tnv_wdenum_resp denum = {};
   denum.wde_fi_len = count;
-  return denum;
+  return bytes_of(denum);
 }
 
-TEST_F(Exchange, OpenReceivesBothMaps) {
-  for (const ox_u32 success : {0u, 183u}) {
-    peer.on_request([=](PeerConnection& conn) {
-      tnv_resphdr hdr = conn.header(success, sizeof(tnv_wopen_resp));
-      hdr.rhdr_tn_unauthd = static_cast<ox_u8>(success != 0); /* its maps arrive all the same */
-      conn.send(bytes_of(hdr) + bytes_of(open_answer(8)) + Bytes(8, 0x0f));
-      conn.send(Bytes(8, 0xf0));
-    });
-    EXPECT_EQ(open(), success);
-    ASSERT_NE(fde.fdt_rmap, nullptr);
-    EXPECT_EQ(Bytes(fde.fdt_rmap, fde.fdt_rmap + 16), Bytes(8, 0x0f) + Bytes(8, 0xf0));
-    EXPECT_EQ(fde.fdt_dmap, fde.fdt_rmap + 8);
-    EXPECT_EQ(fde.fdt_rmap_size, 8u);
-    EXPECT_EQ(fde.fdt_dmap_size, 3u);
-    EXPECT_EQ(fde.fdt_rshift, 16);
-    ox_free_safe(fde.fdt_rmap);
-    fde.fdt_rmap = nullptr;
-  }
-}
-
-TEST_F(Exchange, NothingFollowsARefusal) {
-  peer.on_request([](PeerConnection& conn) {
-    if (conn.opcode() == TNV_OP_WIN_OPEN) {
-      return conn.answer(2, open_answer(8));
-    }
-    conn.answer(2, listing_of(5));
-  });
-  EXPECT_EQ(open(), 2u);
-  EXPECT_EQ(list(), 2u);
-  EXPECT_EQ(fde.fdt_rmap, nullptr);
-  EXPECT_EQ(fde.fdt_dir.dir_fi, nullptr);
-  EXPECT_EQ(exchange(), 0) << "the connection stands";
-}
-
-TEST_F(Exchange, AnOpenThatFailsHereClosesTheCarriedFileAndBreaksTheConnection) {
-  struct {
-    tnv_wopen_resp answer;
+/* Answers to OPEN or DENUM, with maps or listings that can be taken and that cannot. */
+TEST_F(Exchange, MapsAndListings) {
+  const char* const maps = "\"Failed to allocate memory to rmap/dmap.\"";
+  const char* const listing = "\"Failed to allocate memory to cffl.\"";
+  constexpr size_t three = 3 * sizeof(tnw_fileinfo);
+  const struct {
+    const char* name;
+    ox_u32 service_err;
+    Bytes answer;   /* the larger one is that of OPEN */
+    size_t follows; /* bytes that the peer sends behind it */
+    size_t no_memory;
     ox_u32 err;
+    bool stands; /* the connection goes on */
     const char* line;
   } cases[] = {
-      {open_answer(8), 133, "Recv failed on sockfd"}, /* one byte is missing */
-      {open_answer(VFSTNW_MAX_MAP_SIZE + 1), 8, "\"Failed to allocate memory to rmap/dmap.\""},
-      {open_answer(ox_u64{1} << 63), 8, "\"Failed to allocate memory to rmap/dmap.\""},
-      {open_answer(8, 63), 133, "region shift 63"},
-      {open_answer(8, -1), 133, "region shift -1"},
-      {open_answer(8, -2), 133, "region shift -2"},
+      {"maps", 183, open_answer(8), 16, 0, 183, true, nullptr},
+      {"refused open", 2, open_answer(8), 0, 0, 2, true, nullptr},
+      {"refused listing", 2, listing_of(5), 0, 0, 2, true, nullptr},
+      {"no maps", 0, open_answer(0, 63), 0, 0, 0, true, nullptr}, /* and so no use for a shift */
+      {"half a map", 0, open_answer(8), 15, 0, 133, false, "Recv failed on sockfd"},
+      {"no such size", 0, open_answer(VFSTNW_MAX_MAP_SIZE + 1), 15, 0, 8, false, maps},
+      {"a size that wraps", 0, open_answer(ox_u64{1} << 63), 15, 0, 8, false, maps},
+      {"shift 63", 0, open_answer(8, 63), 15, 0, 133, false, "region shift 63"},
+      {"shift -1", 0, open_answer(8, -1), 15, 0, 133, false, "region shift -1"},
+      {"folder", 0, open_answer(8, -2, 1), 15, 0, 133, false, "region shift -2"},
+      {"no memory", 0, open_answer(20000), 40000, 40000, 8, true, maps},
+      {"no memory for half", 0, open_answer(20000), 39999, 40000, 133, false, maps},
+      {"half a listing", 0, listing_of(3), three - 1, 0, 133, false, "Recv failed on sockfd"},
+      {"no such count", 0, listing_of(TNW_MAX_LISTING + 1), three, 0, 8, false, listing},
+      {"a count that wraps", 0, listing_of((ox_u64{1} << 61) + 3), three, 0, 8, false, listing},
+      {"no memory to list", 0, listing_of(3), three, three, 8, true, listing},
   };
-  cases[5].answer.wopen_resp_fso.fso_isdir = 1; /* what stands there is not a file of ours */
-  for (auto& c : cases) {
-    SCOPED_TRACE(c.line);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
     connect_again();
-    const HANDLE file = carried_file();
-    c.answer.wopen_resp_handle = reinterpret_cast<ox_u64>(file);
-    peer.on_request([&](PeerConnection& conn) {
-      conn.answer(0, c.answer);
-      conn.send(Bytes(15, 0xff));
-      conn.close();
-    });
-    LogCapture log;
-    EXPECT_EQ(open(), c.err);
-    EXPECT_EQ(log.count(c.line), 1u);
-    EXPECT_EQ(is_open_handle(file), c.answer.wopen_resp_fso.fso_isdir != 0);
-    EXPECT_EQ(resp.u.wopen.wopen_resp_handle, 0u) << "or it might be closed again";
-    EXPECT_EQ(fde.fdt_rmap, nullptr);
-    EXPECT_EQ(fde.fdt_dmap, nullptr);
-    expect_broken();
-    if (is_open_handle(file)) {
-      CloseHandle(file);
+    const bool opens = c.answer.size() == sizeof(tnv_wopen_resp);
+    const TestFolder folder;
+    write_file(folder.path() / "f", "");
+    const HANDLE file =
+        CreateFileA((folder / "f").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    Bytes answer = c.answer;
+    if (opens) {
+      memcpy(answer.data() + offsetof(tnv_wopen_resp, wopen_resp_handle), &file, sizeof(file));
     }
-  }
-}
-
-TEST_F(Exchange, ListingsThatFailAreFreedAndBreakTheConnection) {
-  /* The size of so many records is, in 64 bits, that of three. */
-  for (const auto& [count, err] : {std::pair{(ox_u64{1} << 61) + 3, 8u}, {3, 133u}}) {
-    connect_again();
     peer.on_request([&](PeerConnection& conn) {
-      conn.answer(0, listing_of(count));
-      conn.send(Bytes(3 * sizeof(tnw_fileinfo) - 1));
-      conn.close();
+      if (conn.opcode() == TNV_OP_WIN_STAT) {
+        return conn.answer();
+      }
+      conn.answer(c.service_err, answer);
+      conn.send(Bytes(c.follows, 0xff));
+      if (!c.stands) {
+        conn.close();
+      }
     });
-    EXPECT_EQ(list(), err);
+    const LogCapture log;
+    failing_size = c.no_memory;
+    EXPECT_EQ(opens ? open() : list(), c.err);
+    failing_size = 0;
+    EXPECT_EQ(c.line == nullptr ? log.lines().size() : log.count(c.line),
+              c.line == nullptr ? 0 : 1);
+    const bool closes = opens && c.service_err == 0 && c.err != 0;
+    const bool maps_taken = c.err == TNV_OPEN_EXISTED;
+    EXPECT_EQ(is_open_handle(file), !closes || resp.u.wopen.wopen_resp_fso.fso_isdir != 0);
+    EXPECT_EQ(resp.u.wopen.wopen_resp_handle == 0, closes || !opens) << "nobody closes it again";
+    EXPECT_EQ(ev.ev_granted, c.no_memory != 0 && c.stands);
+    EXPECT_EQ(fde.fdt_rmap != nullptr, maps_taken);
+    EXPECT_EQ(fde.fdt_dmap, maps_taken ? fde.fdt_rmap + 8 : nullptr);
+    EXPECT_EQ(fde.fdt_dmap_size, maps_taken ? 3u : 0u);
+    EXPECT_EQ(fde.fdt_rshift, maps_taken ? 16 : 0);
     EXPECT_EQ(fde.fdt_dir.dir_fi, nullptr);
-    expect_broken();
+    vfstnw_remove_bmaps(&fde);
+    if (c.stands) {
+      EXPECT_EQ(exchange(), 0) << "the next answer is found";
+    } else {
+      expect_broken();
+    }
+    CloseHandle(file);
   }
 }
 
 /* ------------------------------------------------------------------- regions and truncation */
 
-class Regions : public Exchange {
- protected:
-  Regions() {
-    ev.ev_msg = nullptr; /* these jobs make their own */
-    ev.ev_resp = nullptr;
-    ioreq.io_fde = truncreq.t_fde = &fde;
-    ioreq.io_off = 70000;
-    ioreq.io_len = 5;
-    truncreq.t_nfsz = 100;
-    fde.fdt_rmap = static_cast<ox_u8*>(ox_zalloc(2));
-    fde.fdt_dmap = fde.fdt_rmap + 1;
-    fde.fdt_rmap_size = 1;
-    fde.fdt_rshift = 16;
+TEST_F(Exchange, RegionJobsReportTheAnswerAndTheDeadConnection) {
+  ev.ev_resp = &resp; /* these jobs make their own messages */
+  fde.fdt_rmap = static_cast<ox_u8*>(ox_zalloc(2));
+  fde.fdt_dmap = fde.fdt_rmap + 1;
+  fde.fdt_rmap_size = 1;
+  tnw_ioreq ioreq = {-5, &fde, 4, 3, false, 0, false};
+  tnw_truncreq truncreq = {-5, &fde, 100};
+  const struct {
+    ox_job_func_t job;
+    void* data;
+    ox_s32* err;
+  } jobs[] = {{tnw_sync_send_cache_region_msg, &ioreq, &ioreq.io_err},
+              {tnw_sync_send_dirty_region_msg, &ioreq, &ioreq.io_err},
+              {tnw_sync_send_ftruncate_msg, &truncreq, &truncreq.t_err}};
+  for (const int err : {0, int{OX_EIO}, int{OX_EOWNERDEAD}}) {
+    peer.on_request([=](PeerConnection& conn) { conn.answer(static_cast<ox_u32>(err)); });
+    if (err == OX_EOWNERDEAD) {
+      tnv_conn_break(&vh);
+    }
+    const LogCapture log;
+    for (const auto& j : jobs) {
+      ioreq.io_off = 4 + err; /* not dirty yet */
+      *j.err = -5;
+      ev.ev_data = j.data;
+      run(j.job, TNV_OP_MAX);
+      EXPECT_EQ(*j.err, err);
+    }
+    const std::string off = std::to_string(4 + err);
+    const size_t failures = err != 0;
+    EXPECT_EQ(log.count("\"Failed to cache regions off:" + off + ", len:3, trunc: 0\""), failures);
+    EXPECT_EQ(log.count("\"Failed to dirty off:len " + off + ":3\""), failures);
+    EXPECT_EQ(log.count("\"Failed to truncate to new size: 100\""), failures);
   }
+}
 
-  /* The three jobs, and what each leaves as its error. */
-  int cache() { return run_with(tnw_sync_send_cache_region_msg, &ioreq, &ioreq.io_err); }
-  int dirty() { return run_with(tnw_sync_send_dirty_region_msg, &ioreq, &ioreq.io_err); }
-  int truncate() { return run_with(tnw_sync_send_ftruncate_msg, &truncreq, &truncreq.t_err); }
+/* ------------------------------------------------------------------- through a pool */
 
-  tnw_ioreq ioreq = {};
-  tnw_truncreq truncreq = {};
-
- private:
-  int run_with(void* (*job)(void*, void*, void*), void* data, int* err) {
-    *err = -5;
-    ev.ev_data = data;
-    run(job, TNV_OP_MAX);
-    return *err;
+TEST(Queueing, AnExchangeThatCannotBeginIsNotWaitedFor) {
+  tnw_tninstance tni = {};
+  tni.tni_tpool = ox_tpool_create_external("calls", nullptr, nullptr, 0, 0, 0, 1);
+  const auto exchange = [&] {
+    tnv_msg msg = {};
+    msg.hdr.hdr_len = TNV_MSG_FIXED;
+    tnv_resp resp = {};
+    tnw_exchange(&tni, tnw_async_send_msg, &msg, &resp, nullptr);
+    return static_cast<int>(resp.rhdr.rhdr_errno);
+  };
+  events_fail = true;
+  EXPECT_EQ(exchange(), OX_ENOMEM);
+  events_fail = false;
+  EXPECT_EQ(tni.tni_tpool->tp_qlen, 0u);
+  tni.tni_tpool->tp_flags |= OX_TPOOL_FL_DRAIN; /* refuses every thread but its own workers */
+  EXPECT_EQ(exchange(), OX_EINVAL);
+  const size_t handle_before = fresh_handle();
+  const int made_before = events_made;
+  for (int i = 0; i < 10; i++) {
+    EXPECT_EQ(exchange(), OX_EINVAL);
   }
-};
-
-TEST_F(Regions, JobsReportTheAnswerAndTheDeadConnection) {
-  EXPECT_EQ(truncate(), 0);
-  EXPECT_EQ(peer.requests().back().msg().u.ftruncate.cache_trunc_nfsz, 100u);
-  peer.on_request([](PeerConnection& conn) { conn.answer(OX_EIO); });
-  for (const int err : {OX_EIO, OX_EOWNERDEAD}) {
-    LogCapture log;
-    EXPECT_EQ(cache(), err);
-    EXPECT_EQ(dirty(), err);
-    EXPECT_EQ(truncate(), err);
-    EXPECT_EQ(log.count("\"Failed to cache regions off:70000, len:5, trunc: 0\""), 1u);
-    EXPECT_EQ(log.count("\"Failed to dirty off:len 70000:5\""), 1u);
-    EXPECT_EQ(log.count("\"Failed to truncate to new size: 100\""), 1u);
-    tnv_conn_break(&vh);
-  }
+  EXPECT_EQ(events_made, made_before + 10);
+  EXPECT_EQ(fresh_handle(), handle_before) << "each event is closed";
+  ox_destroy_tpool(tni.tni_tpool, 0);
 }
 
 /* ------------------------------------------------------------------- version and shut-down */
@@ -372,13 +391,6 @@ TEST_F(Exchange, VersionAndShutdown) {
   bare.hdr.hdr_len = 504;
   bare.hdr.hdr_id = peer.requests().back().msg().hdr.hdr_id;
   EXPECT_EQ(peer.requests().back().bytes, bytes_of(bare));
-
-  LogCapture log;
-  peer.on_request([](PeerConnection& conn) { conn.answer(22); });
-  EXPECT_EQ(vfstnw_get_version(&vh, &version), 22);
-  EXPECT_EQ(vfstnw_shutdown(&vh), 22);
-  EXPECT_EQ(log.count("\"message\":\"get_version failed\""), 1u);
-  EXPECT_EQ(log.count("\"message\":\"shutdown failed\""), 1u);
   tnv_conn_break(&vh);
   EXPECT_EQ(vfstnw_get_version(&vh, &version), OX_EOWNERDEAD);
   EXPECT_EQ(vfstnw_shutdown(&vh), -1);

@@ -2,6 +2,7 @@
 #include <winsock2.h>
 /* after winsock2.h */
 #include <afunix.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <windows.h>
 
@@ -12,6 +13,7 @@
 #include <functional>
 #include <utility>
 
+#include "eventually.h"
 #include "log_capture.h"
 #include "ox_errno.h"
 #include "ox_logging.h"
@@ -27,8 +29,9 @@ struct MadeUpPoll {
   int revents;
   int last_error;
 };
+using Polls = std::deque<MadeUpPoll>;
 /* A poll of this thread (the peer polls, too) takes one of these instead of the system's answer. */
-thread_local std::deque<MadeUpPoll> made_up_polls;
+thread_local Polls made_up_polls;
 thread_local std::function<void()> when_all_are_taken; /* called by the poll after the last */
 thread_local int polls = 0;
 thread_local SHORT last_events = 0; /* of the last of them */
@@ -137,13 +140,6 @@ Bytes pattern(size_t size) {
   return bytes;
 }
 
-ScriptedPeer::Script sending(size_t size, void (PeerConnection::*then)()) {
-  return [=](PeerConnection& conn) {
-    conn.send(pattern(size));
-    (conn.*then)();
-  };
-}
-
 class Transport : public testing::Test {
  protected:
   void TearDown() override {
@@ -152,6 +148,7 @@ class Transport : public testing::Test {
   }
 
   LogCapture log;
+  std::atomic<bool> done = false; /* set by scripts of the peer */
   ScriptedPeer peer;
 };
 
@@ -206,127 +203,119 @@ TEST_F(Transport, MovesMoreThanTheSocketHoldsBothWays) {
   EXPECT_EQ(tnv_send_response(&client.vh, client.fd(), &msg, &resp), WSAEMSGSIZE);
 }
 
-/* ------------------------------------------------------------------- ends of the connection */
+constexpr int ANY = -1; /* any error, or either state */
+enum { CLOSED, OPEN };
+using Then = void (PeerConnection::*)();
+constexpr Then STAYS = &PeerConnection::stall, CLOSES = &PeerConnection::close;
+constexpr Then ENDS = &PeerConnection::end_sending, ABORTS = &PeerConnection::reset;
+constexpr MadeUpPoll READABLE = {1, POLLRDNORM, 0}, TIMEOUT = {0, 0, 0};
+constexpr bool SENDS = true, RECEIVES = false, EXITING = true, RUNS = false;
 
-TEST_F(Transport, WhatWasSentBeforeTheHangUpIsRead) {
-  peer.on_accept(sending(100'000, &PeerConnection::close));
-  Client client(peer);
-  ASSERT_TRUE(peer.wait_for_ended(1));
-  ASSERT_EQ(client.recv(99'990), 0);
-  EXPECT_TRUE(client.got == pattern(99'990));
-  EXPECT_EQ(client.recv(11), WSAECONNRESET);
-  EXPECT_EQ(errno, WSAECONNRESET);
-  EXPECT_FALSE(client.is_open());
+/*
+ * One transfer on a new connection, which both sides use in this order: the peer sends `sent` bytes
+ * and then does `then`; the client receives `before` bytes; then comes the transfer.
+ */
+struct Transfer {
+  size_t sent;
+  Then then;
+  size_t before;
+  bool direction;
+  size_t bytes;
+  bool owner; /* EXITING: the owner of the connection says so */
+  Polls polls;
+  int err;
+  int state; /* of the client's socket afterwards */
+  const char* line;
+};
+
+const Transfer transfers[] = {
+    /* What was sent before the peer closed is read; then the connection is over. */
+    {100'000, CLOSES, 0, RECEIVES, 99'990, RUNS, {}, 0, OPEN, nullptr},
+    {100'000, CLOSES, 99'990, RECEIVES, 11, RUNS, {}, WSAECONNRESET, CLOSED, "recv connection"},
+    {0, ABORTS, 0, RECEIVES, 1, RUNS, {}, ANY, ANY, nullptr},
+    {0, ABORTS, 0, SENDS, 10, RUNS, {}, ANY, ANY, nullptr},
+    /* The peer ends its side and stays: nothing can come, though the system may report no end. */
+    {5, ENDS, 0, RECEIVES, 10, RUNS, {}, WSAECONNRESET, CLOSED, "recv connection hung"},
+    {5, ENDS, 5, RECEIVES, 1, RUNS, {TIMEOUT, READABLE, TIMEOUT}, WSAECONNRESET, CLOSED, "hung"},
+    {5, ENDS, 5, RECEIVES, 1, EXITING, {READABLE, TIMEOUT}, OX_ECONNRESET, OPEN, nullptr},
+    /* The owner of the connection ends an idle wait. */
+    {0, STAYS, 0, RECEIVES, 1, EXITING, {}, OX_ECONNRESET, OPEN, nullptr},
+    {0, STAYS, 0, SENDS, 256 << 20, EXITING, {}, WSAECONNRESET, OPEN, nullptr},
+    /* Systems differ in what they report beside a hang-up while data is still there. */
+    {10, STAYS, 1, RECEIVES, 9, RUNS, {{1, POLLHUP, 0}}, 0, OPEN, nullptr},
+    {10, STAYS, 1, RECEIVES, 9, RUNS, {{1, POLLHUP | POLLRDNORM, 0}}, 0, OPEN, nullptr},
+    {10, STAYS, 1, RECEIVES, 9, RUNS, {{1, POLLHUP | POLLERR, 0}}, 0, OPEN, nullptr},
+    {10, STAYS, 1, RECEIVES, 9, RUNS, {{1, POLLERR | POLLRDNORM, 0}}, 0, OPEN, nullptr},
+};
+
+/* Polls that are rare, with the lines of a send and of a receive. */
+const struct {
+  MadeUpPoll poll;
+  int err;
+  int state;
+  const char* lines[2];
+} rare_polls[] = {
+    {{1, POLLHUP, 0}, WSAECONNRESET, CLOSED, {"send connection hung", "recv connection hung"}},
+    {{1, POLLHUP | POLLERR, 0}, WSAECONNRESET, CLOSED, {"send connection", "recv connection"}},
+    {{1, POLLERR, 0}, ANY, OPEN, {"Failed to send over", "Failed to recv over"}},
+    {{1, POLLNVAL, 0}, ANY, OPEN, {"send invalid socket", "recv invalid socket"}},
+    {{-1, 0, WSAENETDOWN}, WSAENETDOWN, OPEN, {"Error on Send OX_POLL", "Error on Recv OX_POLL"}},
+    {{-1, 0, 0}, ANY, OPEN, {"Error on Send OX_POLL", "Error on Recv OX_POLL"}},
+};
+
+class Transfers : public Transport {
+ protected:
+  void run(const Transfer& t) {
+    const LogCapture now;
+    done = false;
+    peer.on_accept([this, sent = t.sent, then = t.then](PeerConnection& conn) {
+      conn.send(pattern(sent));
+      (conn.*then)();
+      done = true;
+    });
+    Client client(peer);
+    ASSERT_EQ(client.recv(t.before), 0);
+    ASSERT_TRUE(t.then == STAYS || eventually([&] { return done.load(); }));
+    if (t.then == ENDS && t.before == t.sent) {
+      client.wait_for_end();
+    }
+    vfs_handle exiting = {};
+    exiting.vfs_is_exiting = [](vfs_handle*) { return true; };
+    vfs_handle* const owner = t.owner == EXITING ? &exiting : nullptr;
+    made_up_polls = t.polls;
+    const int polls_before = polls;
+    WSASetLastError(0);
+    const int err =
+        t.direction == SENDS ? client.send(Bytes(t.bytes), owner) : client.recv(t.bytes, owner);
+    EXPECT_TRUE(t.err == ANY ? err != 0 : err == t.err) << err;
+    EXPECT_TRUE(err == 0 || errno == err);
+    EXPECT_TRUE(t.state == ANY || client.is_open() == (t.state == OPEN));
+    EXPECT_EQ(now.count(" failed on sockfd"), err != 0 && t.owner == RUNS ? 1 : 0);
+    EXPECT_TRUE(t.line == nullptr || now.count(t.line) == 1u) << t.line;
+    EXPECT_LT(polls - polls_before, 1000) << "it does not run in a circle";
+    if (!t.polls.empty() && t.polls.back().result == 0) {
+      EXPECT_EQ(last_events, POLLRDBAND) << "zero is no valid request everywhere";
+      EXPECT_EQ(polls - polls_before, static_cast<int>(t.polls.size()));
+    }
+    Bytes all = pattern(t.sent);
+    all.erase(all.begin(), all.begin() + static_cast<ptrdiff_t>(t.before));
+    EXPECT_TRUE(err != 0 || std::equal(client.got.begin(), client.got.end(), all.begin()));
+  }
+};
+
+TEST_F(Transfers, EndAsTheyShould) {
+  for (const Transfer& t : transfers) {
+    SCOPED_TRACE(&t - transfers);
+    run(t);
+  }
 }
 
-TEST_F(Transport, AbortedConnectionFailsBothWays) {
-  peer.on_accept([](PeerConnection& conn) { conn.reset(); });
-  Client receiver(peer);
-  EXPECT_NE(receiver.recv(1), 0);
-  EXPECT_NE(errno, 0);
-  Client sender(peer);
-  ASSERT_TRUE(peer.wait_for_ended(2));
-  EXPECT_NE(sender.send(pattern(10)), 0);
-  EXPECT_NE(errno, 0);
-}
-
-/* The peer ends its side and stays: nothing can come, though nothing may hang up either. */
-TEST_F(Transport, EndedStreamEndsTheWaitWithoutABusyLoop) {
-  peer.on_accept(sending(5, &PeerConnection::end_sending));
-  Client client(peer);
-  FILETIME ignored, kernel, user;
-  EXPECT_EQ(client.recv(10), WSAECONNRESET);
-  EXPECT_FALSE(client.is_open());
-  ASSERT_TRUE(GetThreadTimes(GetCurrentThread(), &ignored, &ignored, &kernel, &user));
-  EXPECT_LT(kernel.dwLowDateTime + user.dwLowDateTime, 10'000'000u) << "100 ns of this thread";
-}
-
-/* The same where the system reports no hang-up: only one is waited for, and no longer than once. */
-TEST_F(Transport, EndedStreamWithoutAHangUpEndsTheWaitToo) {
-  peer.on_accept(sending(5, &PeerConnection::end_sending));
-  constexpr MadeUpPoll readable = {1, POLLRDNORM, 0};
-  constexpr MadeUpPoll timeout = {0, 0, 0};
-  Client client(peer);
-  ASSERT_EQ(client.recv(5), 0);
-  client.wait_for_end();
-  made_up_polls = {timeout, readable, timeout};
-  const int polls_before = polls;
-  EXPECT_EQ(client.recv(1), WSAECONNRESET);
-  EXPECT_EQ(polls, polls_before + 3);
-  EXPECT_EQ(last_events, POLLRDBAND) << "zero is no valid request everywhere";
-  EXPECT_FALSE(client.is_open());
-
-  vfs_handle owner = {};
-  owner.vfs_is_exiting = [](vfs_handle*) { return true; };
-  Client served(peer);
-  ASSERT_EQ(served.recv(5), 0);
-  served.wait_for_end();
-  made_up_polls = {readable, timeout};
-  EXPECT_EQ(served.recv(1, &owner), OX_ECONNRESET);
-  EXPECT_TRUE(served.is_open());
-}
-
-TEST_F(Transport, ExitingOwnerEndsAnIdleWaitQuietly) {
-  peer.on_accept([](PeerConnection& conn) { conn.stall(); });
-  vfs_handle owner = {};
-  owner.vfs_is_exiting = [](vfs_handle*) { return true; };
-  Client client(peer);
-
-  EXPECT_EQ(client.recv(1, &owner), OX_ECONNRESET);
-  EXPECT_EQ(errno, OX_ECONNRESET);
-  EXPECT_EQ(client.send(Bytes(256 << 20), &owner), WSAECONNRESET) << "no room in the socket";
-  EXPECT_EQ(errno, WSAECONNRESET);
-  EXPECT_TRUE(client.is_open());
-  EXPECT_EQ(log.count("failed on sockfd"), 0u);
-}
-
-/* ------------------------------------------------------------------- polls that are rare */
-
-TEST_F(Transport, RarePollsEndATransferWithAnError) {
-  constexpr struct {
-    const char* name;
-    MadeUpPoll poll;
-    int err; /* 0: any but 0 */
-    const char* line;
-    const char* recv_line;
-    bool closed;
-  } cases[] = {
-      {"HangUp",
-       {1, POLLHUP, 0},
-       WSAECONNRESET,
-       "send connection hung",
-       "recv connection hung",
-       true},
-      {"HangUpWithError",
-       {1, POLLHUP | POLLERR, 0},
-       WSAECONNRESET,
-       "send connection hung",
-       "recv connection hung",
-       true},
-      {"ErrorAlone", {1, POLLERR, 0}, 0, "Failed to send over", "Failed to recv over", false},
-      {"Invalid", {1, POLLNVAL, 0}, 0, "send invalid socket", "recv invalid socket", false},
-      {"Fails",
-       {-1, 0, WSAENETDOWN},
-       WSAENETDOWN,
-       "Error on Send OX_POLL",
-       "Error on Recv OX_POLL",
-       false},
-      {"FailsNamelessly", {-1, 0, 0}, 0, "Error on Send OX_POLL", "Error on Recv OX_POLL", false},
-  };
-  peer.on_accept([](PeerConnection& conn) { conn.stall(); });
-  for (const auto& c : cases) {
-    for (const bool sends : {true, false}) {
-      SCOPED_TRACE(testing::Message() << c.name << sends);
-      LogCapture now;
-      Client client(peer);
-      made_up_polls = {c.poll};
-      WSASetLastError(0);
-      errno = 0;
-      const int err = sends ? client.send(pattern(10)) : client.recv(10);
-      EXPECT_TRUE(c.err != 0 ? err == c.err : err != 0) << err;
-      EXPECT_EQ(errno, err);
-      EXPECT_EQ(now.count(sends ? c.line : c.recv_line), 1u);
-      EXPECT_EQ(client.is_open(), !c.closed);
+TEST_F(Transfers, EndAtRarePolls) {
+  for (const auto& rare : rare_polls) {
+    for (const bool direction : {SENDS, RECEIVES}) {
+      const char* const line = rare.lines[direction == SENDS ? 0 : 1];
+      SCOPED_TRACE(line);
+      run({0, STAYS, 0, direction, 10, RUNS, {rare.poll}, rare.err, rare.state, line});
     }
   }
 }
@@ -347,24 +336,14 @@ TEST_F(Transport, InterruptedPollAndNotReadyAfterAllGoOn) {
   EXPECT_EQ(log.count("failed"), 0u);
 }
 
-/* Systems differ in what they report beside a hang-up while data is still there. */
-TEST_F(Transport, DataIsReadFirstHoweverTheHangUpIsReported) {
-  for (const int revents :
-       {POLLHUP, POLLHUP | POLLRDNORM, POLLHUP | POLLERR, POLLERR | POLLRDNORM}) {
-    peer.on_accept(sending(10, &PeerConnection::stall));
-    Client client(peer);
-    ASSERT_EQ(client.recv(1), 0);
-    made_up_polls = {{1, revents, 0}};
-    EXPECT_EQ(client.recv(9), 0) << revents;
-    EXPECT_TRUE(client.is_open());
-  }
-}
-
 /* ------------------------------------------------------------------- the client's connections */
 
 /* Another part of the process may have got the number of the socket that was closed. */
 TEST_F(Transport, BrokenClientConnectionTouchesNoSocketAgain) {
-  peer.on_accept(sending(5, &PeerConnection::close));
+  peer.on_accept([](PeerConnection& conn) {
+    conn.send(pattern(5));
+    conn.close();
+  });
   Client client(peer);
   const int number = client.fd();
   ox_u8 bytes[10];
@@ -427,21 +406,19 @@ TEST_F(Transport, AChildOfTheProcessKeepsNoConnectionAlive) {
 TEST_F(Transport, DumpsWhatItMovesAtDebugLevelTwo) {
   Bytes bytes = {'A', 0, 0x9c, '~', 'b', 0x7f};
   bytes.resize(33, 0xff);
-  peer.on_accept([](PeerConnection& conn) { conn.stall(); });
   Client client(peer);
   ASSERT_EQ(client.send({0x41}), 0);
+  EXPECT_EQ(log.count("Begin"), 0u);
   const LogCapture dump;
   ox_debug = 2;
   EXPECT_EQ(client.send(bytes), 0);
   ox_debug = 1;
-  const auto lines = dump.lines();
-  ASSERT_EQ(lines.size(), 6u);
-  EXPECT_EQ(lines[0], "00000000000000000000 --- Begin --- 00000000000000000000");
-  EXPECT_TRUE(lines[1].starts_with("4100ffffff9c7e 627fffffffffffffffff ffffffff")) << lines[1];
-  EXPECT_TRUE(lines[2].starts_with(" A     ~  b        ")) << lines[2];
-  EXPECT_EQ(lines[3], "ffffffff");
-  EXPECT_EQ(lines[4], "  ");
-  EXPECT_EQ(log.count("--- Begin ---"), 1u) << "of the bytes before, nothing";
+  using testing::StartsWith;
+  EXPECT_THAT(dump.lines(),
+              testing::ElementsAre("00000000000000000000 --- Begin --- 00000000000000000000",
+                                   StartsWith("4100ffffff9c7e 627fffffffffffffffff ffffffff"),
+                                   StartsWith(" A     ~  b        "), "ffffffff", "  ",
+                                   "00000000000000000000 --- End --- 00000000000000000000"));
 }
 
 }  // namespace

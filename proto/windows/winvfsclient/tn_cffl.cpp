@@ -1,6 +1,6 @@
 /*
- * The walk over a cloud file list, and the words that go with it. The walk trusts no length: what
- * it cannot follow within the list ends the process.
+ * The walk over a cloud file list, and the words of its numbers. The walk checks every length, and
+ * ends the process at one that leads out of the list.
  */
 #include "tn_cffl.h"
 
@@ -13,9 +13,10 @@
 
 namespace {
 
-/* The place that a list's faults name, whatever this file and its lines are. */
-constexpr const char* fault_file = "tn_util";
-enum { fault_line_version = 57, fault_line_chain = 91 };
+/* Support people know the faults of a list by this file name and these lines, so they are fixed. */
+constexpr const char* FAULT_FILE = "tn_util";
+constexpr int FAULT_LINE_VERSION = 57;
+constexpr int FAULT_LINE_CHAIN = 91;
 
 const char* byte_at(const cfs_cffl* cffl, ox_u64 offset) {
   return reinterpret_cast<const char*>(cffl) + offset;
@@ -26,7 +27,7 @@ ox_u64 offset_of(const cfs_cffl* cffl, const cfs_path* cfp) {
                              reinterpret_cast<const char*>(cffl));
 }
 
-/* An entry as the callers take it: in a list that they may change. */
+/* Callers may change the list and its entries. */
 cfs_path* entry_at(const cfs_cffl* cffl, ox_u64 offset) {
   return reinterpret_cast<cfs_path*>(const_cast<char*>(byte_at(cffl, offset)));
 }
@@ -36,26 +37,26 @@ bool holds_entry(const cfs_cffl* cffl, ox_u64 offset) {
   return offset <= size && size - offset >= CFS_PATH_MIN_RECLEN;
 }
 
-/* `offset` is where the chain leaves the list; `cfp` the entry that led there, or null. */
+/* Ends the process. `cfp`, which may be null, is the entry behind which `offset` was found. */
 [[noreturn]] void corrupt_chain(const cfs_cffl* cffl, const cfs_path* cfp, ox_u64 offset) {
   char folder_id[OX_UUID_TEXT_SIZE];
   ox_uuid_unparse(cffl->cfh_head.cf_fid.id, folder_id);
   const void* next = reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(cffl) + offset);
-  OX_LOG_AT(fault_file, fault_line_chain, OX_FATAL_LEVEL, OX_EINVAL,
+  OX_LOG_AT(FAULT_FILE, FAULT_LINE_CHAIN, OX_FATAL_LEVEL, OX_EINVAL,
             "corrupt cffl for folder %.*s:%s, current entry:%.*s, next cfp:%p exceeds "
             "cffl-size:%llu",
             static_cast<int>(sizeof(cffl->cfh_name)), cffl->cfh_name, folder_id,
             cfp != nullptr ? static_cast<int>(tn_cfp_name_len(cffl, cfp)) : 0,
             cfp != nullptr ? cfs_path_name(cfp) : "", next,
             static_cast<unsigned long long>(cffl->cfh_head.cf_size));
-  ox_assert_failed("(0)", fault_file, fault_line_chain);
+  ox_assert_failed("(0)", FAULT_FILE, FAULT_LINE_CHAIN);
 }
 
 }  // namespace
 
 cfs_path* tn_get_first_cfp(const cfs_cffl* cffl) {
   if (cffl->cfh_head.cf_version < 1 || cffl->cfh_head.cf_version > 3) {
-    ox_assert_failed("((0))", fault_file, fault_line_version);
+    ox_assert_failed("((0))", FAULT_FILE, FAULT_LINE_VERSION);
   }
   const ox_u64 first = tn_first_cfp_offset(cffl);
   if (first == cffl->cfh_head.cf_size) {
@@ -84,11 +85,11 @@ cfs_path* tn_get_next_cfp(const cfs_cffl* cffl, const cfs_path* cfp) {
 }
 
 bool tn_cfs_id_is_local(const cfs_id_t* id) {
-  constexpr ox_u64 drive_index = 0x5441524E44584944;   /* "TARNDXID", its last letter first */
-  constexpr ox_u64 share_listing = 0x534D422D2D454944; /* "SMB--EID" */
+  constexpr ox_u64 DRIVE_INDEX = 0x5441524E44584944;   /* the letters "DIXDNRAT" in memory */
+  constexpr ox_u64 SHARE_LISTING = 0x534D422D2D454944; /* the letters "DIE--BMS" */
   ox_u64 mark = 0;
   memcpy(&mark, id->id + 8, sizeof(mark));
-  return mark == drive_index || mark == share_listing;
+  return mark == DRIVE_INDEX || mark == SHARE_LISTING;
 }
 
 tn_sbpflist_ent* tn_get_next_pfent(tn_sbpflist_ent* start, tn_sbpflist_ent* ent) {
@@ -98,19 +99,19 @@ tn_sbpflist_ent* tn_get_next_pfent(tn_sbpflist_ent* start, tn_sbpflist_ent* ent)
 int tn_skip_nftw_path(const char* /*path*/) { return 0; }
 
 const char* tn_print_permissions(ox_u32 perms) {
-  static const char* const words[] = {"Invalid",       "Owner/Modify", "Full/RWD", "Editor/RW",
+  static const char* const WORDS[] = {"Invalid",       "Owner/Modify", "Full/RWD", "Editor/RW",
                                       "Viewer/RDONLY", "Viewer Only",  "Nav",      "None"};
-  return perms <= TN_CFP_PERM_NONE ? words[perms] : words[TN_CFP_PERM_INVALID];
+  return perms <= TN_CFP_PERM_NONE ? WORDS[perms] : WORDS[TN_CFP_PERM_INVALID];
 }
 
 const char* tn_pftype2string(ox_u8 type) {
-  /* As many places as the index can name: callers rely on the odd modulus, and get null there. */
-  static const char* const words[24] = {"INVALID", "PINNED", "PRE-SEEDED"};
-  return words[type % 24];
+  /* The table has a place for every index, and null where there is no word. */
+  static const char* const WORDS[24] = {"INVALID", "PINNED", "PRE-SEEDED"};
+  return WORDS[type % 24];
 }
 
 const char* tn_pfstate2string(ox_u8 state) {
-  static const char* const words[64] = {"INVALID",
+  static const char* const WORDS[64] = {"INVALID",
                                         "TN_PRESEEDING_IN_PROGRESS",
                                         "TN_PRESEEDING_IN_PROGRESS",
                                         "TN_PRESEEDING_IN_PROGRESS",
@@ -118,5 +119,5 @@ const char* tn_pfstate2string(ox_u8 state) {
                                         "TN_PRESEEDING_PARTIALLY_COMPLETED",
                                         "TN_PRESEEDING_ABORTED",
                                         "TN_PRESEEDING_FAILED"};
-  return words[state & 63];
+  return WORDS[state & 63];
 }

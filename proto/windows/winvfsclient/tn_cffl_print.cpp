@@ -7,18 +7,14 @@
 #include "ox_time.h"
 #include "ox_uuid.h"
 #include "tn_cffl.h"
+#include "tn_text.h"
 
 namespace {
 
 using ll = long long;
 using ull = unsigned long long;
 
-struct IdText {
-  explicit IdText(const cfs_id_t& id) { ox_uuid_unparse(id.id, text); }
-  char text[OX_UUID_TEXT_SIZE];
-};
-
-/* A time in the local zone; one that no calendar of this machine has is "-". */
+/* A time in the local zone, or "-" for a time that the machine's calendar does not have. */
 struct TimeText {
   explicit TimeText(ox_s64 seconds) {
     const time_t time = static_cast<time_t>(seconds);
@@ -60,7 +56,7 @@ void print_header(const cfs_cffl* cffl) {
       static_cast<int>(head.cf_dcount), static_cast<int>(head.cf_fcount),
       static_cast<ull>(head.cf_cfpoff), static_cast<ull>(head.cf_ihtoff));
   printf("Name:%.*s Fid: %-37.37s\tRev: %-37.37s\n", static_cast<int>(sizeof(cffl->cfh_name)),
-         cffl->cfh_name, IdText(head.cf_fid).text, IdText(head.cf_rev).text);
+         cffl->cfh_name, tn_id_text(head.cf_fid).text, tn_id_text(head.cf_rev).text);
   printf("Etag: %-64.64s \n", head.cf_etag);
   print_current_time();
   print_time("Last Refresh time", head.cf_rtime);
@@ -82,7 +78,7 @@ void print_checksum(const cfs_path* cfp, FILE* stream) {
 }
 
 void print_entry(const cfs_cffl* cffl, const cfs_path* cfp) {
-  printf("%-36.36s %-36.36s ", IdText(cfp->mp_id).text, IdText(cfp->mp_rev).text);
+  printf("%-36.36s %-36.36s ", tn_id_text(cfp->mp_id).text, tn_id_text(cfp->mp_rev).text);
   printf("%-4.4s %8llu %4.4d %8.8d %16.16s %lld  %-.*s\n", type_word(cfp),
          static_cast<ull>(cfp->mp_size), static_cast<int>(cfp->mp_nrev), cfp->mp_perms,
          cfp->mp_username, static_cast<ll>(cfp->mp_cmtime.tv_sec),
@@ -90,7 +86,7 @@ void print_entry(const cfs_cffl* cffl, const cfs_path* cfp) {
   print_checksum(cfp, stdout);
 }
 
-/* The table reaches to the first entry; behind that there is no room for one. */
+/* The hash table reaches to the first entry. A table behind the first entry has no slots. */
 ox_u64 hash_slots(const cfs_cffl* cffl) {
   const ox_u64 table = cffl->cfh_head.cf_ihtoff;
   const ox_u64 first = tn_first_cfp_offset(cffl);

@@ -13,16 +13,21 @@
 
 namespace {
 
+/* How far tn_cfp2fi reads from the name of the last entry on, if its record length lies. */
+constexpr size_t READ_BEHIND = sizeof(tnw_fileinfo::fi_name);
+
 /*
- * Zeroed memory for a list that says it has `size` bytes, and never less than a header block. The
- * length is a signed 32-bit count: what does not fit in one is more than there is.
+ * Allocates a list that says that it has `size` bytes; the memory is zero, has at least a header
+ * block, and READ_BEHIND more bytes. Lengths are signed 32-bit counts: for a list that is longer
+ * there is no memory.
  */
 cfs_cffl* allocate(ox_u64 size, size_t sectsz) {
   cfs_cffl* list = nullptr;
   if (size > INT32_MAX) {
     errno = OX_ENOMEM;
   } else {
-    list = tn_zalloc_cffl_internal(size < sizeof(cfs_cffl) ? sizeof(cfs_cffl) : size, sectsz);
+    const size_t least = size < sizeof(cfs_cffl) ? sizeof(cfs_cffl) : static_cast<size_t>(size);
+    list = tn_zalloc_cffl_internal(least + READ_BEHIND, sectsz);
   }
   if (list == nullptr) {
     OX_LOG(OX_ERROR_LEVEL, errno, "cannot allocate %d bytes for cffl", static_cast<int>(size));
@@ -30,7 +35,7 @@ cfs_cffl* allocate(ox_u64 size, size_t sectsz) {
   return list;
 }
 
-/* `size` bytes from the file's start; waits for those that are not written yet. */
+/* Reads `size` bytes from the start of the file, and waits for bytes that are not written yet. */
 bool read_from_start(int fd, char* buf, ox_u64 size) {
   if (ox_lseek(fd, 0, 0) < 0) {
     return false;
@@ -41,7 +46,7 @@ bool read_from_start(int fd, char* buf, ox_u64 size) {
       return false;
     }
     if (count == 0) {
-      std::this_thread::yield(); /* deliberately no end of the file: see the header */
+      std::this_thread::yield(); /* the end of the file is not an end: tn_cffl.h says why */
     }
     buf += count;
     size -= static_cast<ox_u64>(count);
@@ -49,7 +54,10 @@ bool read_from_start(int fd, char* buf, ox_u64 size) {
   return true;
 }
 
-/* The file may have got another list since its header was read: one that is not all here. */
+/*
+ * Reads the whole list. The file may have got a longer list since its header was read; that one is
+ * not complete here.
+ */
 bool read_whole(int fd, cfs_cffl* list, ox_u64 size) {
   if (!read_from_start(fd, reinterpret_cast<char*>(list), size)) {
     return false;

@@ -8,12 +8,12 @@
 
 namespace {
 
-constexpr ox_u32 attribute_directory = 16;
+constexpr ox_u32 ATTRIBUTE_DIRECTORY = 16; /* FILE_ATTRIBUTE_DIRECTORY */
 
-/* 100 ns since 1601-01-01 UTC; wraps like the unsigned arithmetic that it is. */
+/* A Windows file time. Times that do not fit wrap around, as the arithmetic is unsigned. */
 ox_u64 filetime_of(ox_timespec_t ts) {
-  constexpr ox_u64 seconds_1601_to_1970 = 11644473600;
-  return (static_cast<ox_u64>(ts.tv_sec) + seconds_1601_to_1970) * 10000000 +
+  constexpr ox_u64 SECONDS_1601_TO_1970 = 11644473600;
+  return (static_cast<ox_u64>(ts.tv_sec) + SECONDS_1601_TO_1970) * 10000000 +
          static_cast<ox_u64>(ts.tv_nsec / 100);
 }
 
@@ -30,7 +30,10 @@ void checksum_text(char* text, size_t size, const cfs_cksum& ck) {
   }
 }
 
-/* The name, which ends with its record even without a NUL. */
+/*
+ * Copies the name of an entry. A name without a NUL ends with its record. A record length that
+ * cannot be is not used; tn_util.h says what must stand behind the list then.
+ */
 void copy_name(char* field, size_t size, const cfs_path* cfp) {
   if (cfp->mp_reclen >= CFS_PATH_MIN_RECLEN && cfp->mp_reclen - sizeof(cfs_path) < size) {
     size = cfp->mp_reclen - sizeof(cfs_path);
@@ -43,8 +46,8 @@ void copy_name(char* field, size_t size, const cfs_path* cfp) {
 void tn_cfp2fi(tnw_fileinfo* fi, const cfs_path* cfp) {
   memset(fi, 0, sizeof *fi);
   const bool folder = (cfp->mp_flags & CFS_PATH_FOLDER) != 0;
-  fi->fi_attr = folder ? attribute_directory : 0;
-  /* Deliberately not mp_btime: a caller sees the modification time in all three. */
+  fi->fi_attr = folder ? ATTRIBUTE_DIRECTORY : 0;
+  /* A user sees the modification time in all three; mp_btime is not used. */
   fi->fi_ctime = fi->fi_atime = fi->fi_mtime = filetime_of(cfp->mp_cmtime);
   fi->fi_size = cfp->mp_size;
   ox_uuid_unparse(cfp->mp_id.id, fi->fi_id);

@@ -79,6 +79,12 @@ enum {
  */
 enum { TNV_OPEN_EXISTED = 183 };
 
+/*
+ * What CACHE_REGION may answer instead of an error: the service has nothing to fetch for the range,
+ * and: it will not cache the range.
+ */
+enum { TNV_NOTHING_TO_FETCH = 7, TNV_WILL_NOT_CACHE = 25 };
+
 /* What the service knows a file or folder by. The library keeps it and sends it back unchanged. */
 typedef struct tnvfso {
   cfs_id_t fso_handle;  /* the item's id */

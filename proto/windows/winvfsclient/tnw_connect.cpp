@@ -18,13 +18,14 @@ namespace {
 constexpr int HOSTNAME_SIZE = 16;
 static_assert(HOSTNAME_SIZE == MAX_COMPUTERNAME_LENGTH + 1);
 
-/* What every failed exchange gives, in errno too: set after the logging, which may change it. */
+/* Every failed exchange gives 133, also in errno. Logging may change errno: this comes behind it.
+ */
 int broken() {
   errno = OX_EOWNERDEAD;
   return OX_EOWNERDEAD;
 }
 
-/* The rest of an answer whose header stands in `resp`. `errp`: what the log shows. */
+/* Receives what follows the header that is in `resp` already. `errp` is the error for the log. */
 bool recv_payload(vfs_handle* vh, tnv_resp* resp, int* errp) {
   if (resp->rhdr.rhdr_len > TNV_RESP_MAX_PAYLOAD) {
     *errp = OX_EFBIG;
@@ -37,8 +38,8 @@ bool recv_payload(vfs_handle* vh, tnv_resp* resp, int* errp) {
 
 /* ------------------------------------------------------------------- CONNECT */
 
-/* The facts of a connection that are known before it stands. */
-struct binding {
+/* What a connection is bound to. All of it is known before the connect. */
+struct Binding {
   const char* domain;
   const char* user;
   const char* cachedir;
@@ -47,7 +48,7 @@ struct binding {
   const char* drive_id;
 };
 
-vfs_handle fresh_record(const binding& to, const char* hostname) {
+vfs_handle fresh_record(const Binding& to, const char* hostname) {
   vfs_handle fresh = {};
   fresh.vfs_fd = -1;
   ox_copy_field(fresh.vfs_rhost, sizeof(fresh.vfs_rhost), hostname);
@@ -58,9 +59,11 @@ vfs_handle fresh_record(const binding& to, const char* hostname) {
   return fresh;
 }
 
-/* Makes `vh` a fresh record that owns a copy of the share path: 0 or 12. */
-int renew_record(vfs_handle* vh, const binding& to, const char* hostname) {
-  /* A record that is connected again gives back what its first connection holds. */
+/*
+ * Makes `vh` a fresh record with its own copy of the share path: 0 or 12. What the record of an
+ * earlier connection holds is given back.
+ */
+int renew_record(vfs_handle* vh, const Binding& to, const char* hostname) {
   tnv_conn_break(vh);
   ox_free_safe(vh->vfs_share_path);
   *vh = fresh_record(to, hostname);
@@ -75,11 +78,11 @@ int renew_record(vfs_handle* vh, const binding& to, const char* hostname) {
   return 0;
 }
 
-void fill_connect(tnv_msg* msg, const vfs_handle* vh, const binding& to) {
+void fill_connect(tnv_msg* msg, const vfs_handle* vh, const Binding& to) {
   const size_t share_len = strlen(to.sharepath) + 1;
   tnv_wconn_msg& conn = msg->u.wconn;
   conn.wconmsg_share_path_len = static_cast<ox_s32>(share_len);
-  conn.wconmsg_pid = GetCurrentThreadId(); /* deliberately not the process's */
+  conn.wconmsg_pid = GetCurrentThreadId(); /* the service wants the thread, in spite of the name */
   ox_uuid_parse(to.drive_id, msg->hdr.hdr_drvid.id);
   ox_copy_field(conn.wconmsg_devid, sizeof(conn.wconmsg_devid), to.devid);
   ox_copy_field(conn.wconmsg_rhost, sizeof(conn.wconmsg_rhost), vh->vfs_rhost);
@@ -90,7 +93,7 @@ void fill_connect(tnv_msg* msg, const vfs_handle* vh, const binding& to) {
   memcpy(tnv_msg_payload(msg), to.sharepath, share_len);
 }
 
-/* Exchanges CONNECT and keeps what the answer tells: 0, 133 or the service's answer. */
+/* Exchanges CONNECT and keeps what the answer says: 0, 133 or the service's error number. */
 int handshake(vfs_handle* vh, tnv_msg* msg) {
   tnv_resp resp;
   int err = tnw_sync_send_msg(vh, msg, &resp);
@@ -109,7 +112,7 @@ int handshake(vfs_handle* vh, tnv_msg* msg) {
   return 0;
 }
 
-int connect_with(vfs_handle* vh, tnv_msg* msg, const binding& to, const char* hostname,
+int connect_with(vfs_handle* vh, tnv_msg* msg, const Binding& to, const char* hostname,
                  const char* sock) {
   int err = renew_record(vh, to, hostname);
   if (err == 0) {
@@ -146,7 +149,7 @@ int tnw_send_msg(vfs_handle* vh, tnv_msg* msgp) {
 }
 
 int tnw_recv_response(vfs_handle* vh, const tnv_msg* msgp, tnv_resp* resp) {
-  /* A payload that is shorter than its record leaves the rest of the record zero. */
+  /* When a payload is shorter than its record, the rest of the record is zero. */
   *resp = {};
   resp->rhdr.rhdr_fd2xfer = -1;
   int err = tnv_conn_recv(vh, &resp->rhdr, sizeof(resp->rhdr));
@@ -159,7 +162,7 @@ int tnw_recv_response(vfs_handle* vh, const tnv_msg* msgp, tnv_resp* resp) {
     TNW_ERROR(vh, err, "Could not receive response payload. Requesting client to reinitialize.");
   }
   if (err != 0) {
-    *resp = {}; /* never half an answer */
+    *resp = {}; /* the caller never sees half an answer */
     return broken();
   }
 
@@ -190,7 +193,7 @@ int tnw_vfs_connect(vfs_handle* vh, const char* domain, const char* user, const 
   if (msg == nullptr) {
     return TNW_REFUSE(OX_ENOMEM, vh, OX_ENOMEM, "Failed to allocate memory to message structure.");
   }
-  const binding to = {domain, user, cachedir, sharepath, devid, drive_id};
+  const Binding to = {domain, user, cachedir, sharepath, devid, drive_id};
   const int err = connect_with(vh, msg, to, hostname, sock);
   ox_free_safe(msg);
   return err;

@@ -1,9 +1,10 @@
 /*
- * The jobs: what a pool worker does with one request on its own connection. Setting the event is
- * each job's very last act, because the caller may then free the work item and all it points at.
+ * The jobs: what a worker of the pool does with one request on its own connection. A job sets the
+ * event last of all, because the caller may then free the work item and all that it points to.
  */
 #include <windows.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <limits>
@@ -19,7 +20,7 @@
 
 namespace {
 
-/* Deliberately the Windows code in the place of a Unix one. */
+/* The Windows code. Callers see it where they would see a Unix number: they get 8, and not 12. */
 constexpr int NOT_ENOUGH_MEMORY = 8;
 constexpr int MAX_REGION_SHIFT = 62;
 
@@ -33,12 +34,67 @@ void* done(const tnw_evwi* ev) {
   return nullptr;
 }
 
-/* As done, with an error that the caller finds where the service's would stand. */
+/* The same with an error, which the caller finds where it would find the service's. */
 void* done_with(const tnw_evwi* ev, int err) {
   if (err != 0) {
     ev->ev_resp->rhdr.rhdr_errno = static_cast<ox_u32>(err);
   }
   return done(ev);
+}
+
+/* ------------------------------------------------------------------- what follows an answer */
+
+/*
+ * Maps or a listing that follow an answer: `count` pieces of `piece` bytes. `most` is the largest
+ * count that can be. `no_memory` is the line when there is no memory for them.
+ */
+struct Bulk {
+  ox_u64 count;
+  ox_u64 most;
+  size_t piece;
+  const char* no_memory;
+
+  size_t size() const { return static_cast<size_t>(count) * piece; }
+};
+
+/* Reads `size` bytes and forgets them, so that the next answer begins behind them: 0 or 133. */
+int drop_bytes(vfs_handle* vh, size_t size) {
+  char buffer[16 * 1024];
+  while (size > 0) {
+    const size_t part = std::min(size, sizeof buffer);
+    if (tnv_conn_recv(vh, buffer, part) != 0) {
+      return errno;
+    }
+    size -= part;
+  }
+  return 0;
+}
+
+/*
+ * Receives `bulk` into new memory: 0, 8 or 133. Where there is no memory, the bytes are read and
+ * dropped, and *ev tells the caller that the service has granted the request. A count that cannot
+ * be breaks the connection: nobody knows where the next answer would begin.
+ */
+int recv_bulk(vfs_handle* vh, tnw_evwi* ev, const Bulk& bulk, void** memory) {
+  const bool can_be = bulk.count <= bulk.most;
+  *memory = can_be ? ox_zalloc(bulk.size()) : nullptr;
+  if (*memory == nullptr) {
+    TNW_ERROR(vh, OX_ENOMEM, "%s", bulk.no_memory);
+    if (!can_be) {
+      tnv_conn_break(vh);
+      return NOT_ENOUGH_MEMORY;
+    }
+    const int err = drop_bytes(vh, bulk.size());
+    ev->ev_granted = err == 0;
+    return err != 0 ? err : NOT_ENOUGH_MEMORY;
+  }
+  if (tnv_conn_recv(vh, *memory, bulk.size()) != 0) {
+    const int err = errno;
+    ox_free_safe(*memory);
+    *memory = nullptr;
+    return err;
+  }
+  return 0;
 }
 
 /* ------------------------------------------------------------------- OPEN */
@@ -47,7 +103,7 @@ bool opened(const tnv_resp* resp) {
   return resp->rhdr.rhdr_errno == 0 || resp->rhdr.rhdr_errno == TNV_OPEN_EXISTED;
 }
 
-/* The file of an open that fails on our side would stay open for ever. */
+/* Without this, the file of an open that fails on our side would stay open for ever. */
 void close_carried_handle(tnv_wopen_resp* open) {
   const HANDLE handle = reinterpret_cast<HANDLE>(open->wopen_resp_handle);
   if (open->wopen_resp_fso.fso_isdir == 0 && handle != nullptr && handle != INVALID_HANDLE_VALUE) {
@@ -56,96 +112,82 @@ void close_carried_handle(tnv_wopen_resp* open) {
   open->wopen_resp_handle = 0;
 }
 
-/* The entry is the waiting caller's alone until its open has succeeded, so no lock is held. */
+bool is_usable_shift(ox_s32 shift) { return shift >= 0 && shift <= MAX_REGION_SHIFT; }
+
+/* No lock is held: until the open has succeeded, only the waiting caller knows the entry. */
 void set_maps(tnvfd* fde, const tnv_wopen_resp& open, ox_u8* maps) {
+  const ox_s32 shift = open.wopen_resp_region_shift;
   fde->fdt_rmap = maps;
   fde->fdt_rmap_size = open.wopen_resp_rmap_size;
   fde->fdt_dmap = maps == nullptr ? nullptr : maps + open.wopen_resp_rmap_size;
   fde->fdt_dmap_size = open.wopen_resp_dmap_size;
-  fde->fdt_rshift = open.wopen_resp_region_shift;
+  fde->fdt_rshift = is_usable_shift(shift) ? shift : 0;
 }
 
-/* Receives both maps into `fde`: 0, 8, or 133. The reported dirty-map size has no say. */
-int recv_maps(vfs_handle* vh, tnvfd* fde, const tnv_wopen_resp& open) {
-  if (open.wopen_resp_region_shift < 0 || open.wopen_resp_region_shift > MAX_REGION_SHIFT) {
-    return TNW_REFUSE(OX_EOWNERDEAD, vh, OX_EINVAL, "Unusable region shift %d.",
-                      open.wopen_resp_region_shift);
-  }
+/*
+ * Receives both maps into the entry: 0, 8, or 133. Each has the size of the cached map, whatever
+ * the answer says of the dirty map.
+ */
+int recv_maps(vfs_handle* vh, tnw_evwi* ev, tnvfd* fde) {
+  const tnv_wopen_resp& open = ev->ev_resp->u.wopen;
   if (open.wopen_resp_rmap_size == 0) {
     set_maps(fde, open, nullptr);
     return 0;
   }
-  const size_t size = 2 * static_cast<size_t>(open.wopen_resp_rmap_size);
-  const bool usable = open.wopen_resp_rmap_size <= VFSTNW_MAX_MAP_SIZE;
-  auto* maps = usable ? static_cast<ox_u8*>(ox_zalloc(size)) : nullptr;
-  if (maps == nullptr) {
-    return TNW_REFUSE(NOT_ENOUGH_MEMORY, vh, OX_ENOMEM, "Failed to allocate memory to rmap/dmap.");
+  if (!is_usable_shift(open.wopen_resp_region_shift)) {
+    TNW_ERROR(vh, OX_EINVAL, "Unusable region shift %d.", open.wopen_resp_region_shift);
+    tnv_conn_break(vh);
+    return OX_EOWNERDEAD;
   }
-  if (tnv_conn_recv(vh, maps, size) != 0) {
-    const int err = errno;
-    ox_free_safe(maps);
-    return err;
+  const Bulk both = {open.wopen_resp_rmap_size, VFSTNW_MAX_MAP_SIZE, 2,
+                     "Failed to allocate memory to rmap/dmap."};
+  void* maps = nullptr;
+  const int err = recv_bulk(vh, ev, both, &maps);
+  if (err == 0) {
+    set_maps(fde, open, static_cast<ox_u8*>(maps));
   }
-  set_maps(fde, open, maps);
-  return 0;
+  return err;
 }
 
-/*
- * An answer that is refused breaks the connection: its maps would be read as the next answer. The
- * maps of an unauthorised answer arrive too, and are the caller's to free.
- */
-int take_open_answer(vfs_handle* vh, tnvfd* fde, tnv_resp* resp) {
-  if (!opened(resp)) {
+/* The maps of an unauthorised answer arrive, too; the caller frees them. */
+int take_open_answer(vfs_handle* vh, tnw_evwi* ev) {
+  if (!opened(ev->ev_resp)) {
     return 0;
   }
-  const int err = recv_maps(vh, fde, resp->u.wopen);
+  const int err = recv_maps(vh, ev, static_cast<tnvfd*>(ev->ev_data));
   if (err != 0) {
-    tnv_conn_break(vh);
-    close_carried_handle(&resp->u.wopen);
+    close_carried_handle(&ev->ev_resp->u.wopen);
   }
   return err;
 }
 
 /* ------------------------------------------------------------------- DENUM */
 
-/* Receives `count` records into the entry's listing, which is freed on failure: 0, 8 or 133. */
-int recv_listing(vfs_handle* vh, tnvdir* dir, ox_u64 count) {
-  if (count == 0) {
+/* Receives the listing into the entry: 0, 8 or 133. */
+int take_listing(vfs_handle* vh, tnw_evwi* ev) {
+  const tnv_wdenum_resp& answer = ev->ev_resp->u.wdenum;
+  if (ev->ev_resp->rhdr.rhdr_errno != 0) {
     return 0;
   }
-  constexpr ox_u64 most = std::numeric_limits<ox_s32>::max();
-  const size_t size = static_cast<size_t>(count) * sizeof(tnw_fileinfo);
-  auto* listing = count <= most ? static_cast<tnw_fileinfo*>(ox_zalloc(size)) : nullptr;
-  if (listing == nullptr) {
-    return TNW_REFUSE(NOT_ENOUGH_MEMORY, vh, OX_ENOMEM, "Failed to allocate memory to cffl.");
-  }
-  if (tnv_conn_recv(vh, listing, size) != 0) {
-    const int err = errno;
-    ox_free_safe(listing);
-    return err;
-  }
-  dir->dir_fi = listing;
-  return 0;
-}
-
-int take_listing(vfs_handle* vh, tnvfd* fde, const tnv_resp* resp) {
-  if (resp->rhdr.rhdr_errno != 0) {
+  auto* fde = static_cast<tnvfd*>(ev->ev_data);
+  fde->fdt_fso = answer.wde_fso;
+  fde->fdt_oaccmode = TNW_ACC_READ;
+  if (answer.wde_fi_len == 0) {
     return 0;
   }
-  fde->fdt_fso = resp->u.wdenum.wde_fso;
-  fde->fdt_oaccmode = 1;
-  const int err = recv_listing(vh, &fde->fdt_dir, resp->u.wdenum.wde_fi_len);
-  if (err != 0) {
-    tnv_conn_break(vh);
-  }
+  const Bulk entries = {answer.wde_fi_len, TNW_MAX_LISTING, sizeof(tnw_fileinfo),
+                        "Failed to allocate memory to cffl."};
+  void* listing = nullptr;
+  const int err = recv_bulk(vh, ev, entries, &listing);
+  fde->fdt_dir.dir_fi = static_cast<tnw_fileinfo*>(listing);
   return err;
 }
 
 }  // namespace
 
 /*
- * The exchange's own result is deliberately dropped: a failed exchange leaves the response clear,
- * which the caller reads as success with an empty answer.
+ * The result of the exchange is dropped. A failed exchange leaves the response all zero, and so the
+ * caller of a plain request sees a success with an empty answer, as tnw.h tells.
  */
 void* tnw_async_send_msg(void* args, void*, void* priv) {
   const auto* ev = static_cast<tnw_evwi*>(args);
@@ -154,25 +196,25 @@ void* tnw_async_send_msg(void* args, void*, void* priv) {
 }
 
 void* tnw_sync_send_open_msg(void* args, void*, void* priv) {
-  const auto* ev = static_cast<tnw_evwi*>(args);
+  auto* ev = static_cast<tnw_evwi*>(args);
   auto* vh = static_cast<vfs_handle*>(priv);
   int err = exchange(vh, ev);
   if (err != 0) {
     TNW_ERROR(vh, err, "Failed to send open message.");
   } else {
-    err = take_open_answer(vh, static_cast<tnvfd*>(ev->ev_data), ev->ev_resp);
+    err = take_open_answer(vh, ev);
   }
   return done_with(ev, err);
 }
 
 void* tnw_sync_send_denum_msg(void* args, void*, void* priv) {
-  const auto* ev = static_cast<tnw_evwi*>(args);
+  auto* ev = static_cast<tnw_evwi*>(args);
   auto* vh = static_cast<vfs_handle*>(priv);
   int err = exchange(vh, ev);
   if (err != 0) {
     TNW_ERROR(vh, errno, "Failed to send directory enumeration message.");
   } else {
-    err = take_listing(vh, static_cast<tnvfd*>(ev->ev_data), ev->ev_resp);
+    err = take_listing(vh, ev);
   }
   return done_with(ev, err);
 }
@@ -181,9 +223,9 @@ void* tnw_sync_send_cache_region_msg(void* args, void*, void* priv) {
   const auto* ev = static_cast<tnw_evwi*>(args);
   auto* vh = static_cast<vfs_handle*>(priv);
   auto* req = static_cast<tnw_ioreq*>(ev->ev_data);
-  /* No file has this size, so it tells whether the answer carried one. */
-  constexpr ox_u64 no_size = std::numeric_limits<ox_u64>::max();
-  ox_u64 cur_fsz = no_size;
+  /* No file has this size: if it stays, the answer carried none. */
+  constexpr ox_u64 NO_SIZE = std::numeric_limits<ox_u64>::max();
+  ox_u64 cur_fsz = NO_SIZE;
   req->io_err = vfstnw_cache_regions(vh, req->io_fde, static_cast<ox_off>(req->io_off), req->io_len,
                                      req->io_trunc, &cur_fsz, nullptr);
   if (req->io_err != 0) {
@@ -191,7 +233,7 @@ void* tnw_sync_send_cache_region_msg(void* args, void*, void* priv) {
               static_cast<uintmax_t>(req->io_off), static_cast<unsigned long long>(req->io_len),
               req->io_trunc);
   }
-  req->io_has_curfsz = cur_fsz != no_size;
+  req->io_has_curfsz = cur_fsz != NO_SIZE;
   if (req->io_has_curfsz) {
     req->io_curfsz = cur_fsz;
   }

@@ -12,8 +12,8 @@ OX_BEGIN_DECLS
 
 /*
  * The context of a file, which all opens of the file share; the drive application keeps the slot
- * that points to it. tnw_fc_lock (tnw_dll/tnw_open.h) guards the counters and fc_kept. fc_rd_dirty
- * is changed atomically. The last close frees the context.
+ * that points to it. tnw_fc_lock (tnw_dll/tnw_file_context.h) guards the counters and fc_kept.
+ * fc_rd_dirty is changed atomically. The last close frees the context.
  */
 typedef struct tnw_file_context {
   bool fc_rd_dirty;  /* data was written through an open that may only read */

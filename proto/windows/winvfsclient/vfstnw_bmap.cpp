@@ -5,7 +5,6 @@
 #include <limits>
 
 #include "ox_assert.h"
-#include "ox_errno.h"
 #include "ox_time.h"
 #include "ox_util.h"
 #include "tn_text.h"
@@ -20,13 +19,13 @@ bool is_flag_set(ox_u8 byte) { return (byte & 1) != 0; }
 
 /* ------------------------------------------------------------------- maps */
 
-/* How much of a range lies inside the map: `sz` bytes from its offset on. */
+/* The part of a range that lies inside the maps: `sz` bytes from the offset of the range on. */
 struct Inside {
   ox_u64 sz;
-  bool whole; /* all of it */
+  bool whole; /* the range lies inside completely */
 };
 
-/* Both maps of an entry have fdt_rmap_size bytes. The caller holds one of the map locks. */
+/* Both maps have fdt_rmap_size bytes. The caller holds one of their locks. */
 Inside inside_map(const tnvfd* fde, ox_off off, ox_u64 sz) {
   const ox_u64 regions = fde->fdt_rmap_size * 8;
   if (sz == 0 || off < 0 || (static_cast<ox_u64>(off) >> fde->fdt_rshift) >= regions) {
@@ -46,7 +45,7 @@ bool is_set_in(const ox_u8* map, const tnvfd* fde, ox_off off, ox_u64 sz) {
   return inside_map(fde, off, sz).whole && vfstnw_is_region_set(map, fde->fdt_rshift, off, sz);
 }
 
-/* Changes the bits of a range in one map of the entry, if it is there, under the map's lock. */
+/* Changes the bits of a range in one map under its lock, unless the maps were dropped. */
 void mark_in(tnvfd* fde, ox_u8* tnvfd::*map, ox_rwlock_t* lock, ox_off off, ox_u64 sz, bool clear) {
   ox_rwlock_excl(lock);
   if (fde->*map != nullptr) {
@@ -66,7 +65,7 @@ void mark_dirty(tnvfd* fde, ox_off off, ox_u64 sz, bool clear) {
   mark_in(fde, &tnvfd::fdt_dmap, &fde->fdt_dmap_lock, off, sz, clear);
 }
 
-/* The first step of a drop: who gets the pointer frees it. */
+/* The first step of a drop. Who gets the pointer, and not null, frees the memory. */
 ox_u8* unhook_cached_map(tnvfd* fde) {
   ox_rwlock_excl(&fde->fdt_rmap_lock);
   ox_u8* maps = std::atomic_ref(fde->fdt_rmap).exchange(nullptr);
@@ -135,7 +134,7 @@ bool carries_file_size(const tnv_resp& resp) {
   return resp.rhdr.rhdr_len >= end;
 }
 
-/* What an answered cache request means for the entry and the caller. */
+/* Does what the answer to a cache request says, and gives the result of the request. */
 int take_cache_answer(vfs_handle* vh, tnvfd* fde, ox_off off, ox_u64 sz, bool truncate,
                       const tnv_resp& resp, ox_u64* cur_fszp) {
   const int err = static_cast<int>(resp.rhdr.rhdr_errno);
@@ -144,8 +143,8 @@ int take_cache_answer(vfs_handle* vh, tnvfd* fde, ox_off off, ox_u64 sz, bool tr
     file_became_empty(fde);
     return 0;
   }
-  if (err == OX_ENOTTY) {
-    /* Deliberately a success: the service will not cache this range, the caller reads without. */
+  if (err == TNV_WILL_NOT_CACHE) {
+    /* The service will not cache this range. The caller goes on as after a success. */
     TNW_LOG(vh, OX_INFO_LEVEL, err, "Uncached read(%d, %llu, %llu : %s)", fde->fdt_fd, tn_llu(off),
             tn_llu(sz), file_id(fde).text);
     return 0;
@@ -181,9 +180,13 @@ bool vfstnw_is_dirty(tnvfd* fde, ox_off off, ox_u64 sz) {
   }
   ox_rwlock_shared(&fde->fdt_dmap_lock);
   const ox_u8* map = fde->fdt_dmap;
-  /* Read without its lock: a drop that took the dirty map has taken this one before. */
-  const bool fault = map == nullptr && std::atomic_ref(fde->fdt_rmap).load() != nullptr;
-  const bool set = map == nullptr || is_set_in(map, fde, off, sz);
+  /*
+   * This pointer has a lock of its own, which is not held here. It may become null at any time. It
+   * is null if a drop has taken the dirty map, which is the second step of a drop.
+   */
+  const bool mapped = std::atomic_ref(fde->fdt_rmap).load() != nullptr;
+  const bool fault = mapped && map == nullptr;
+  const bool set = !mapped || (!fault && is_set_in(map, fde, off, sz));
   ox_rwunlock(&fde->fdt_dmap_lock);
   if (fault) {
     ox_assert_failed("((fde->fdt_dmap != ((void*)0)))", "vfstnw_bmap", 32);
@@ -232,7 +235,7 @@ int vfstnw_dirty_regions(vfs_handle* vh, tnvfd* fde, ox_off off, ox_u64 sz) {
     file_became_empty(fde);
     return 0;
   }
-  /* What is written counts as cached from then on. */
+  /* A region that is written counts as cached from then on. */
   vfstnw_mark_regions(fde, off, sz, false);
   return 0;
 }
@@ -251,7 +254,7 @@ int vfstnw_ftruncate(vfs_handle* vh, tnvfd* fde, ox_u64 nfsz) {
                       file_id(fde).text);
   }
   if (nfsz == 0) {
-    vfstnw_remove_bmaps(fde); /* st_size is deliberately left: the caller sets it */
+    vfstnw_remove_bmaps(fde); /* st_size stays as it is: the caller sets it */
   }
   return 0;
 }

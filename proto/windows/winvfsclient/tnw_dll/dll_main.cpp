@@ -3,8 +3,8 @@
 #include <windows.h>
 
 #include "ox_list.h"
+#include "tnw_file_context.h"
 #include "tnw_instance.h"
-#include "tnw_open.h"
 
 tnw_tnihd tnw_tninstances;
 ox_rwlock_t tnw_glock;

@@ -12,7 +12,11 @@ const tnw_refusal TNW_REFUSE_NO_PATH = {"Invalid drive handle or no path specifi
 namespace {
 
 int refuse(const tnw_refusal& refusal) {
-  return TNW_REFUSE(refusal.code, nullptr, refusal.err, "%s", refusal.text);
+  int err = refusal.err;
+  if (refusal.translates) {
+    err = static_cast<int>(winerr2unixerr(static_cast<ox_u32>(err)));
+  }
+  return TNW_REFUSE(refusal.code, nullptr, err, "%s", refusal.text);
 }
 
 }  // namespace

@@ -25,6 +25,7 @@ struct tnw_refusal {
   const char* text;
   int err;
   int code;
+  bool translates = false; /* err is a Windows code, which winerr2unixerr makes an error number */
 };
 extern const tnw_refusal TNW_REFUSE_NO_PATH;
 

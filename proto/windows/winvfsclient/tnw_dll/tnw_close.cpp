@@ -1,12 +1,15 @@
-/* tnw_cleanup_file and tnw_close. */
+/*
+ * tnw_close and tnw_cleanup_file.
+ */
+#include "tnw_close.h"
 
 #include <atomic>
 
-#include "tnw_call.h"
 #include "tnw_exchange.h"
 #include "tnw_fdtable.h"
+#include "tnw_file_context.h"
+#include "tnw_local_file.h"
 #include "tnw_msg.h"
-#include "tnw_open.h"
 
 namespace {
 
@@ -26,7 +29,7 @@ int exchange_close(const tnw_call& call, vfs_op op, const tnvfd* fde) {
   return TNW_REFUSE_ANSWER(call.vh, err, "Failed to close file.");
 }
 
-/* Data that went through a read-only open of the file is told by the close of a writable one. */
+/* The close of an open that may write also tells of writes through opens that may only read. */
 void take_over_read_dirty(tnvfd* fde) {
   if (fde->fdt_fc == nullptr || ((fde->fdt_oaccmode & TNW_ACC_ANY_WRITE) == 0)) {
     return;
@@ -37,6 +40,12 @@ void take_over_read_dirty(tnvfd* fde) {
 }
 
 }  // namespace
+
+void tnw_take_back(const tnw_call& call, tnvfd* fde, void* drvhdl) {
+  tnw_close_local_file(fde);
+  tnw_use_fd(&call.tni->tni_files, fde, drvhdl);
+  (void)exchange_close(call, TNV_OP_WIN_CLOSE, fde); /* the open fails, whatever the answer is */
+}
 
 void tnw_release_entry(const tnw_call& call, tnvfd* fde) {
   tnw_close_local_file(fde);

@@ -7,8 +7,9 @@
 #include "tn_text.h"
 #include "tnw_call.h"
 #include "tnw_fdtable.h"
+#include "tnw_file_context.h"
+#include "tnw_local_file.h"
 #include "tnw_log.h"
-#include "tnw_open.h"
 #include "tnw_start.h"
 
 namespace {

@@ -32,7 +32,7 @@ int tnw_run_job(tnw_tninstance* tni, ox_job_func_t job, tnw_evwi* wi) {
   return err;
 }
 
-void tnw_exchange(tnw_tninstance* tni, ox_job_func_t job, tnv_msg* msg, tnv_resp* resp,
+bool tnw_exchange(tnw_tninstance* tni, ox_job_func_t job, tnv_msg* msg, tnv_resp* resp,
                   void* data) {
   memset(resp, 0, sizeof *resp);
   tnw_evwi wi = {};
@@ -41,5 +41,16 @@ void tnw_exchange(tnw_tninstance* tni, ox_job_func_t job, tnv_msg* msg, tnv_resp
   const int err = tnw_run_job(tni, job, &wi);
   if (err != 0) {
     resp->rhdr.rhdr_errno = static_cast<ox_u32>(err);
+  }
+  return wi.ev_granted;
+}
+
+void tnw_run_region_job(tnw_tninstance* tni, ox_job_func_t job, void* request, ox_s32* err) {
+  tnw_evwi wi = {};
+  wi.ev_data = request;
+  tnw_create_evtwi(&wi, nullptr, nullptr, 0);
+  const int failure = tnw_run_job(tni, job, &wi);
+  if (failure != 0) {
+    *err = failure;
   }
 }

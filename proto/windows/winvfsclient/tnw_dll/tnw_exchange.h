@@ -22,8 +22,14 @@ int tnw_queue_work(ox_tpool_t* pool, tnw_evwi* wi);
 int tnw_run_job(tnw_tninstance* tni, ox_job_func_t job, tnw_evwi* wi);
 /*
  * One request and its answer: clears `resp`, runs `job` and leaves a failure to queue in
- * rhdr_errno. `data` is the job's, or null.
+ * rhdr_errno. `data` is the job's, or null. Gives ev_granted of tnw_evwi: the service opened what
+ * the job could not take.
  */
-void tnw_exchange(tnw_tninstance* tni, ox_job_func_t job, tnv_msg* msg, tnv_resp* resp, void* data);
+bool tnw_exchange(tnw_tninstance* tni, ox_job_func_t job, tnv_msg* msg, tnv_resp* resp, void* data);
+/*
+ * Runs a region job with its tnw_ioreq or tnw_truncreq. `err` is the error of the request, which
+ * also receives an error number when the job could not run.
+ */
+void tnw_run_region_job(tnw_tninstance* tni, ox_job_func_t job, void* request, ox_s32* err);
 
 #endif

@@ -9,6 +9,7 @@
 #include "ox_list.h"
 #include "ox_platform.h"
 #include "ox_util.h"
+#include "tnw_local_file.h"
 #include "tnw_log.h"
 #include "vfstnw_bmap.h"
 
@@ -187,23 +188,4 @@ bool tnw_is_table_entry(const tnw_files* fdt, const void* ophdl) {
   const uintptr_t offset = at - first;
   return offset % sizeof(tnvfd) == 0 &&
          offset / sizeof(tnvfd) < static_cast<uintptr_t>(fdt->vfs_nfiles);
-}
-
-/*
- * A descriptor that was wrapped around the handle owns it: closing the descriptor closes both, and
- * closing the handle behind its back would leave a descriptor that names a stranger's handle later.
- */
-void tnw_close_local_file(tnvfd* fde) {
-  const ox_handle handle = fde->fdt_ofd;
-  const int osfd = fde->fdt_osfd;
-  fde->fdt_ofd = INVALID_HANDLE_VALUE;
-  fde->fdt_osfd = -1;
-  if (handle == INVALID_HANDLE_VALUE) {
-    return;
-  }
-  if (osfd >= 0) {
-    ox_close(osfd);
-  } else {
-    ox_close_fhdl(handle);
-  }
 }

@@ -44,7 +44,5 @@ tnvfd* tnw_next_in_use(tnw_files* fdt, const void* drvhdl, int* index);
 
 /* Whether a pointer, which is not dereferenced, is an entry of the table. */
 bool tnw_is_table_entry(const tnw_files* fdt, const void* ophdl);
-/* Closes the local cache file, once: fdt_ofd is invalid from then on. */
-void tnw_close_local_file(tnvfd* fde);
 
 #endif

@@ -1,5 +1,6 @@
-/* tnw_lockfile and tnw_unlockfile: the service keeps the locks, nothing is kept here. */
-
+/*
+ * tnw_lockfile and tnw_unlockfile. The service keeps the locks; nothing is kept here.
+ */
 #include "ox_errno.h"
 #include "tn_text.h"
 #include "tnw_call.h"
@@ -8,25 +9,23 @@
 
 namespace {
 
-constexpr ox_u32 LOCK_EXCLUSIVE = 0x2;
-
 constexpr tnw_refusal REFUSE_LOCK = {"Invalid open handle or lock request.", OX_EINVAL,
                                      ERROR_INVALID_DATA};
 constexpr tnw_refusal REFUSE_UNLOCK = {"Invalid open handle passed.", OX_EINVAL,
                                        ERROR_INVALID_DATA};
 
 /*
- * One lock or unlock. Deliberately 32 bits of offset and length: the callers' high halves go no
- * further, so a range beyond 4 GiB is locked at its offset modulo 2^32.
+ * One lock or unlock. Offset and length have only 32 bits, for the high halves that a caller gives
+ * are not used: the range at 2^32 + 10 is locked at 10.
  */
-struct range {
+struct Range {
   tn_smblk_type type;
   ox_u32 off;
   ox_u32 len;
   int pid;
 };
 
-void fill_brl(tnv_msg* msg, const tnvfd* fde, const range& what) {
+void fill_brl(tnv_msg* msg, const tnvfd* fde, const Range& what) {
   *msg = {};
   char procname[sizeof fde->fdt_procname + 1] = {};
   tnw_copy_procname(procname, fde);
@@ -41,7 +40,7 @@ void fill_brl(tnv_msg* msg, const tnvfd* fde, const range& what) {
   brl->wbrl_gid = fde->fdt_fso.fso_handle;
 }
 
-int exchange_brl(const tnvfd* fde, const tnw_refusal& refusal, const range& what) {
+int exchange_brl(const tnvfd* fde, const tnw_refusal& refusal, const Range& what) {
   tnw_call call;
   int code = tnw_enter_entry_call(fde, false, refusal, &call);
   if (code == 0) {
@@ -70,7 +69,7 @@ int exchange_brl(const tnvfd* fde, const tnw_refusal& refusal, const range& what
 
 int tnw_lockfile(void* ophdl, ox_u32 flags, ox_u32 off_low, ox_u32, ox_u32 len_low, ox_u32,
                  int pid) {
-  const tn_smblk_type type = (flags & LOCK_EXCLUSIVE) != 0 ? TN_SMBLK_EX_BRL : TN_SMBLK_SH_BRL;
+  const tn_smblk_type type = (flags & TNW_LOCK_EXCLUSIVE) != 0 ? TN_SMBLK_EX_BRL : TN_SMBLK_SH_BRL;
   return exchange_brl(static_cast<const tnvfd*>(ophdl), REFUSE_LOCK, {type, off_low, len_low, pid});
 }
 

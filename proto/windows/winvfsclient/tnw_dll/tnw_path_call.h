@@ -1,0 +1,22 @@
+/*
+ * What the calls that ask one thing about a path have in common.
+ */
+#ifndef TNW_PATH_CALL_H
+#define TNW_PATH_CALL_H
+
+#include "tnw_call.h"
+#include "tnw_msg.h"
+
+/*
+ * How tnw_rename, tnw_delete and tnw_canfilebedeleted refuse a null argument: with 13
+ * ERROR_INVALID_DATA, where the other calls return 160 ERROR_BAD_ARGUMENTS.
+ */
+extern const tnw_refusal TNW_REFUSE_CHANGE;
+
+/*
+ * Sends a request that tnw_build_msg made, frees it and gets the answer: 0, or 1326 when the answer
+ * says "unauthorised". The caller then looks at the error number in the answer.
+ */
+int tnw_exchange_path_msg(const tnw_call& call, tnv_msg* msg, tnv_resp* resp);
+
+#endif
