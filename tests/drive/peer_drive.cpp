@@ -2,10 +2,15 @@
 
 #include <windows.h>
 
-#include <algorithm>
 #include <filesystem>
 
-#include "log_capture.h"
+#include "line_mask.h"
+
+static void replace_all(std::string& text, const std::string& what, const std::string& by) {
+  for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size()) {
+    text.replace(at, what.size(), by);
+  }
+}
 
 tnv_wopen_resp open_answer() {
   tnv_wopen_resp opened = {};
@@ -17,6 +22,7 @@ tnv_wopen_resp open_answer() {
 /* The log goes where LogCapture reads it only if that is opened before the first start. */
 PeerDrive::PeerDrive() : record(start_record(folder, beside_test("stand_in_service.exe"))) {
   LogCapture opens_the_log;
+  record.tnw_max_threads = 1;
 }
 
 PeerDrive::~PeerDrive() {
@@ -31,13 +37,28 @@ void* PeerDrive::start() {
   if (!peer) {
     peer = std::make_unique<ScriptedPeer>(ScriptedPeer::answer_success, path);
   }
-  std::string event = path;
-  std::transform(event.begin(), event.end(), event.begin(), [](char c) {
-    return c == '\\' ? '/' : c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  });
-  SetEnvironmentVariableA("STAND_IN_READY", event.c_str());
+  SetEnvironmentVariableA("STAND_IN_READY", event_name(path).c_str());
   drive = init_drive(&record, &error);
   return drive;
+}
+
+std::string PeerDrive::said(const LogCapture& log) const {
+  static const Masks masks = {
+      {std::regex("0x(0x)?[0-9A-Fa-f]{8,16}"), "0xADDRESS"},
+      {std::regex("(messages? id )[0-9a-f-]{36}"), "$1ID"},
+      {std::regex("(sockfd |pid |PID: )-?[0-9]+"), "$1N"},
+      {std::regex("(opcode |, len )[0-9]+"), "$1N"},
+      {std::regex("(_region|ftruncate)[(][0-9]+"), "$1(FD"},
+      {std::regex("[0-9]+[.][0-9]+ seconds"), "N seconds"},
+  };
+  std::string lines;
+  for (const std::string& line : log.brief_lines()) {
+    std::string text = masked(line, masks);
+    replace_all(text, folder.path().string(), "FOLDER");
+    replace_all(text, event_name(folder.path().string()), "folder");
+    lines += (lines.empty() ? "" : "\n") + text;
+  }
+  return lines;
 }
 
 void PeerDrive::answer_opens(const tnv_wopen_resp& opened, const Bytes& maps, ox_u32 err) {
