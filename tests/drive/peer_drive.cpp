@@ -48,8 +48,9 @@ std::string PeerDrive::said(const LogCapture& log) const {
       {std::regex("(messages? id )[0-9a-f-]{36}"), "$1ID"},
       {std::regex("(sockfd |pid |PID: )-?[0-9]+"), "$1N"},
       {std::regex("(opcode |, len )[0-9]+"), "$1N"},
-      {std::regex("(_region|ftruncate)[(][0-9]+"), "$1(FD"},
+      {std::regex("(_region|ftruncate|Uncached read)[(][0-9]+"), "$1(FD"},
       {std::regex("[0-9]+[.][0-9]+ seconds"), "N seconds"},
+      {std::regex("ada_[0-9]+[.][0-9]+"), "ada_N"},
   };
   std::string lines;
   for (const std::string& line : log.brief_lines()) {
@@ -76,9 +77,8 @@ void* PeerDrive::open(const char* path, ox_u32 accmode, int* err) {
   return tnw_create(drive, &slot, path, accmode, 7, 1, 0, 4711, "writer.exe", err);
 }
 
-ox_u64 local_file(const std::string& path, const std::string& content) {
+ox_u64 local_file(const std::string& path, const std::string& content, ox_u32 access) {
   write_file(path, content);
-  HANDLE handle = CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 7, nullptr, OPEN_EXISTING,
-                              FILE_ATTRIBUTE_NORMAL, nullptr);
+  HANDLE handle = CreateFileA(path.c_str(), access, 7, nullptr, OPEN_EXISTING, 0, nullptr);
   return reinterpret_cast<ox_u64>(handle);
 }

@@ -8,6 +8,8 @@
 #include "log_capture.h"
 #include "scripted_peer.h"
 
+constexpr ox_u32 READ_WRITE = 0xc0000000; /* GENERIC_READ | GENERIC_WRITE */
+
 /* A proper answer to OPEN: no maps, no handle, a file. To be changed and sent. */
 tnv_wopen_resp open_answer();
 
@@ -34,7 +36,8 @@ class PeerDrive {
   int error = -1; /* what tnw_init gave */
 };
 
-/* A new local file with this content, and its handle as an answer carries it. */
-ox_u64 local_file(const std::string& path, const std::string& content);
+/* A new local file with this content, and a handle of it as an answer carries it; `access` is a
+ * Windows access mask. */
+ox_u64 local_file(const std::string& path, const std::string& content, ox_u32 access = READ_WRITE);
 
 #endif
