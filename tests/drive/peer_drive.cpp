@@ -33,8 +33,9 @@ PeerDrive::~PeerDrive() {
 
 void* PeerDrive::start() {
   const std::string path = socket_path(record);
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  if (!peer) {
+  std::error_code failed; /* the start then fails, too */
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), failed);
+  if (!peer && !failed && path.size() < 108) {
     peer = std::make_unique<ScriptedPeer>(ScriptedPeer::answer_success, path);
   }
   SetEnvironmentVariableA("STAND_IN_READY", event_name(path).c_str());
@@ -47,14 +48,16 @@ std::string PeerDrive::said(const LogCapture& log) const {
       {std::regex("0x(0x)?[0-9A-Fa-f]{8,16}"), "0xADDRESS"},
       {std::regex("(messages? id )[0-9a-f-]{36}"), "$1ID"},
       {std::regex("(sockfd |pid |PID: )-?[0-9]+"), "$1N"},
-      {std::regex("(opcode |, len )[0-9]+"), "$1N"},
+      {std::regex("(opcode |, len |cmd because |extra_args because )[0-9]+"), "$1N"},
       {std::regex("(_region|ftruncate|Uncached read)[(][0-9]+"), "$1(FD"},
       {std::regex("[0-9]+[.][0-9]+ seconds"), "N seconds"},
+      {std::regex("d{20,}"), "d"},
       {std::regex("ada_[0-9]+[.][0-9]+"), "ada_N"},
   };
   std::string lines;
   for (const std::string& line : log.brief_lines()) {
     std::string text = masked(line, masks);
+    replace_all(text, record.tnw_binpath, "PROGRAM");
     replace_all(text, folder.path().string(), "FOLDER");
     replace_all(text, event_name(folder.path().string()), "folder");
     lines += (lines.empty() ? "" : "\n") + text;
