@@ -5,7 +5,8 @@
 #include <windows.h>
 
 #include <cstring>
-#include <functional>
+#include <future>
+#include <utility>
 
 #include "peer_drive.h"
 #include "tn_util.h"
@@ -236,6 +237,39 @@ TEST_F(Calls, SayThatALocalFileIsGone) {
             "ERROR 22 ada: Failed to get filesize for " +
                 ID + ":00000000-0000-0000-0000-000000000000");
   entry->fdt_ofd = INVALID_HANDLE_VALUE;
+}
+
+/* All calls share the connection whose transaction ids decide. */
+TEST_F(Calls, LeaveEventsAlsoWhileAnotherCallWaitsForItsAnswer) {
+  void* const file = open(CONTENT, {0xff, 0xff, 0xff, 0xff});
+  std::promise<void> asked;
+  ox_u64 utxid = 5;
+  drive_.peer->on_request([&](PeerConnection& conn) {
+    if (conn.opcode() == TNV_OP_WIN_STAT) {
+      asked.set_value();
+      conn.stall();
+    }
+    tnv_resphdr header = conn.header();
+    header.rhdr_utxid = std::exchange(utxid, 0);
+    conn.send(bytes_of(header));
+  });
+  const auto events = [&] {
+    const LogCapture log;
+    char byte;
+    EXPECT_EQ(tnw_read(file, &byte, 1, 0, nullptr, nullptr), 0);
+    return log.count("TNV_OP_WIN_READ");
+  };
+  EXPECT_EQ(events(), 0u) << "no id came yet";
+  EXPECT_EQ(tnw_delete(drive_.drive, "p", nullptr), 0);
+  EXPECT_EQ(events(), 1u);
+  tnw_fileinfo info;
+  auto stat = std::async(std::launch::async,
+                         [&] { return tnw_getfileinfo(drive_.drive, "p", &info, nullptr); });
+  asked.get_future().wait();
+  EXPECT_EQ(events(), 1u) << "the last answer had an id, the next is still to come";
+  drive_.peer->resume();
+  EXPECT_EQ(stat.get(), 0);
+  EXPECT_EQ(events(), 0u) << "the last answer had none";
 }
 
 /* ------------------------------------------------------------------- size */

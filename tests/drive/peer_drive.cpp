@@ -47,7 +47,8 @@ std::string PeerDrive::said(const LogCapture& log) const {
   static const Masks masks = {
       {std::regex("0x(0x)?[0-9A-Fa-f]{8,16}"), "0xADDRESS"},
       {std::regex("(messages? id )[0-9a-f-]{36}"), "$1ID"},
-      {std::regex("(sockfd |pid |PID: )-?[0-9]+"), "$1N"},
+      {std::regex("(sockfd |pid |PID: |LockFile on fd )-?[0-9]+"), "$1N"},
+      {std::regex("( fh |len:[0-9]+ in |cffl )[0-9A-Fa-f]{16}"), "$1ADDRESS"},
       {std::regex("(opcode |, len |cmd because |extra_args because )[0-9]+"), "$1N"},
       {std::regex("(_region|ftruncate|Uncached read)[(][0-9]+"), "$1(FD"},
       {std::regex("[0-9]+[.][0-9]+ seconds"), "N seconds"},

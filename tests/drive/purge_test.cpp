@@ -100,14 +100,32 @@ TEST_F(Purge, TouchesNothingOfARunningService) {
             "ERROR 16: Cannot purge cachedir FOLDER\\drive.test\\ada because tarnd is still "
             "running for ada@drive.test");
   EXPECT_EQ(purge("Drive.test", "Ada"), ERROR_BUSY) << "the same folder";
+  EXPECT_EQ(purge("drive.test", "ada. "), ERROR_BUSY) << "the same folder by another name";
+  EXPECT_EQ(purge("drive.test", "ada\\logs"), ERROR_BUSY) << "a part of it";
   EXPECT_TRUE(file_exists(dir_ + "\\file"));
   EXPECT_EQ(purge("drive.test", "bob"), 0) << "another user's service is in nobody's way";
   EXPECT_FALSE(file_exists(neighbour_));
 }
 
+/* And a folder that holds a running service's cache is as busy as that. */
+TEST_F(Purge, TakesTheNamesThatAStartTakes) {
+  for (const std::string user : {"CORP\\ada", "ada."}) {
+    set_field(drive_.record.tnw_username, user);
+    ASSERT_NE(drive_.start(), nullptr) << user;
+    EXPECT_EQ(purge("drive.test", user), ERROR_BUSY);
+    EXPECT_EQ(purge("drive.test", user.substr(0, user.find('\\'))), ERROR_BUSY);
+    EXPECT_EQ(tnw_deinit_force(std::exchange(drive_.drive, nullptr)), 0);
+    drive_.peer.reset();
+    write_file(cache_dir(drive_.record) + "\\file", "x");
+    EXPECT_EQ(purge("drive.test", user), 0);
+    EXPECT_FALSE(file_exists(cache_dir(drive_.record)));
+    EXPECT_TRUE(file_exists(neighbour_ + "\\file"));
+  }
+}
+
 TEST_F(Purge, RefusesNamesThatLeadElsewhere) {
-  for (const std::string name :
-       {"", ".", "..", ".. ", "ada.", "ada ", "a\\b", "..\\ada", "a/b", "c:"}) {
+  for (const std::string name : {"", ".", "..", ".. ", "...", "a\\..", "a\\..\\..", "..\\bob",
+                                 "/../bob", "c:", "ada::$INDEX_ALLOCATION"}) {
     const LogCapture log;
     EXPECT_EQ(purge("drive.test", name), ERROR_INVALID_DATA) << name;
     EXPECT_EQ(purge(name, "ada"), ERROR_INVALID_DATA) << name;

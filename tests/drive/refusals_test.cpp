@@ -7,6 +7,8 @@
 
 #include <cstring>
 #include <functional>
+#include <future>
+#include <utility>
 
 #include "page_end.h"
 #include "peer_drive.h"
@@ -81,6 +83,11 @@ class Refusals : public testing::Test {
   }
   void expect_unknown(const Call& c, void* handle) {
     expect(c, handle, c.unknown_code, c.unknown_lines);
+  }
+  void expect_all_unknown(void* drive, void* file) {
+    for (const Call& c : calls_) {
+      expect_unknown(c, c.on == On::FILE ? file : drive);
+    }
   }
   /* A second drive of the same service. */
   void* second_drive() {
@@ -178,16 +185,16 @@ std::string both(const std::string& one, const std::string& other) {
 TEST_F(Refusals, OfHandlesThatAreNone) {
   void* const first = drive_.drive;
   void* const second = second_drive();
-  drive_.drive = second;
-  void* const orphan = open();
-  drive_.drive = first;
-  ASSERT_EQ(tnw_deinit(second, false), 0);
   void* const file = open();
   void* const listing = tnw_findfirst(first, "d", &info_, nullptr, &err_);
   void* const closed = open();
+  drive_.drive = second;
+  void* const orphan = open();
+  drive_.drive = first;
   ASSERT_EQ(tnw_close(closed, nullptr), 0);
-  void* const before_table = moved(file, -2 * static_cast<ptrdiff_t>(sizeof(tnvfd)));
-  ASSERT_EQ(static_cast<const tnvfd*>(file)->fdt_fd, 1) << "the orphan is 0";
+  ASSERT_EQ(tnw_deinit(second, false), 0);
+  ASSERT_EQ(static_cast<const tnvfd*>(file)->fdt_fd, 0);
+  void* const before_table = moved(file, -static_cast<ptrdiff_t>(sizeof(tnvfd)));
   void* const unmapped = moved(full_field(1).at, 1);
   int on_stack = 0;
   info_.fi_size = 5;
@@ -223,9 +230,32 @@ TEST_F(Refusals, OfHandlesThatAreNone) {
   void* const left_open = open();
   tnw_deinit_force(first);
   drive_.drive = nullptr;
-  for (const Call& c : calls_) {
-    expect_unknown(c, c.on == On::FILE ? left_open : first);
-  }
+  expect_all_unknown(first, left_open);
+  MEMORY_BASIC_INFORMATION page = {};
+  VirtualQuery(left_open, &page, sizeof page);
+  EXPECT_EQ(page.State, DWORD{MEM_RESERVE}) << "the memory went back, the address did not";
+  drive_.peer.reset();
+  ASSERT_NE(drive_.start(), nullptr);
+  EXPECT_NE(open(), nullptr);
+  expect_all_unknown(first, left_open);
+}
+
+TEST_F(Refusals, OfCallsThatComeDuringAForcedShutDownComeAtOnce) {
+  void* const file = open();
+  std::promise<void> asked;
+  drive_.peer->on_request([&](PeerConnection& conn) {
+    if (conn.opcode() == TNV_OP_SHUTDOWN) {
+      asked.set_value();
+      conn.stall();
+    }
+    conn.answer();
+  });
+  void* const first = std::exchange(drive_.drive, nullptr);
+  auto code = std::async(std::launch::async, [&] { return tnw_deinit_force(first); });
+  asked.get_future().wait();
+  expect_all_unknown(first, file);
+  drive_.peer->resume();
+  EXPECT_EQ(code.get(), 0);
 }
 
 TEST_F(Refusals, OfTheService) {
@@ -261,10 +291,10 @@ TEST_F(Refusals, OfTheService) {
 }
 
 TEST_F(Refusals, WithoutARequestOnceTheServiceIsUnauthorized) {
+  void* const file = open();
   void* const second = second_drive();
   void* const listing = tnw_findfirst(second, "d", &info_, nullptr, nullptr);
   ASSERT_EQ(tnw_deinit(second, false), 0);
-  void* const file = open();
   answer(0, true);
   EXPECT_EQ(tnw_delete(drive_.drive, "f", nullptr), ERROR_LOGON_FAILURE);
   const size_t before = sent();
