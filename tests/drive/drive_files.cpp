@@ -37,6 +37,13 @@ std::string socket_path(const tnw_tninit& record) {
   return path + "\\" + (id != 0 ? std::to_string(id) : "tnvfs") + ".sock";
 }
 
+std::string event_name(std::string path) {
+  for (char& c : path) {
+    c = c == '\\' ? '/' : static_cast<char>(tolower(c));
+  }
+  return path;
+}
+
 void* init_drive(tnw_tninit* record, int* error) {
   const LogCapture log;
   void* drive = tnw_init(record, error);

@@ -25,5 +25,7 @@ void* init_drive(tnw_tninit* record, int* error);
 /* Where the service of such a record keeps its things. */
 std::string cache_dir(const tnw_tninit& record);
 std::string socket_path(const tnw_tninit& record);
+/* A path as the names of events have it: lower case, with slashes. */
+std::string event_name(std::string path);
 
 #endif

@@ -2,10 +2,15 @@
 
 #include <windows.h>
 
-#include <algorithm>
 #include <filesystem>
 
-#include "log_capture.h"
+#include "line_mask.h"
+
+static void replace_all(std::string& text, const std::string& what, const std::string& by) {
+  for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size()) {
+    text.replace(at, what.size(), by);
+  }
+}
 
 tnv_wopen_resp open_answer() {
   tnv_wopen_resp opened = {};
@@ -17,6 +22,7 @@ tnv_wopen_resp open_answer() {
 /* The log goes where LogCapture reads it only if that is opened before the first start. */
 PeerDrive::PeerDrive() : record(start_record(folder, beside_test("stand_in_service.exe"))) {
   LogCapture opens_the_log;
+  record.tnw_max_threads = 1;
 }
 
 PeerDrive::~PeerDrive() {
@@ -27,17 +33,37 @@ PeerDrive::~PeerDrive() {
 
 void* PeerDrive::start() {
   const std::string path = socket_path(record);
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  if (!peer) {
+  std::error_code failed; /* the start then fails, too */
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), failed);
+  if (!peer && !failed && path.size() < 108) {
     peer = std::make_unique<ScriptedPeer>(ScriptedPeer::answer_success, path);
   }
-  std::string event = path;
-  std::transform(event.begin(), event.end(), event.begin(), [](char c) {
-    return c == '\\' ? '/' : c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  });
-  SetEnvironmentVariableA("STAND_IN_READY", event.c_str());
+  SetEnvironmentVariableA("STAND_IN_READY", event_name(path).c_str());
   drive = init_drive(&record, &error);
   return drive;
+}
+
+std::string PeerDrive::said(const LogCapture& log) const {
+  static const Masks masks = {
+      {std::regex("0x(0x)?[0-9A-Fa-f]{8,16}"), "0xADDRESS"},
+      {std::regex("(messages? id )[0-9a-f-]{36}"), "$1ID"},
+      {std::regex("(sockfd |pid |PID: |LockFile on fd )-?[0-9]+"), "$1N"},
+      {std::regex("( fh |len:[0-9]+ in |cffl )[0-9A-Fa-f]{16}"), "$1ADDRESS"},
+      {std::regex("(opcode |, len |cmd because |extra_args because )[0-9]+"), "$1N"},
+      {std::regex("(_region|ftruncate|Uncached read)[(][0-9]+"), "$1(FD"},
+      {std::regex("[0-9]+[.][0-9]+ seconds"), "N seconds"},
+      {std::regex("d{20,}"), "d"},
+      {std::regex("ada_[0-9]+[.][0-9]+"), "ada_N"},
+  };
+  std::string lines;
+  for (const std::string& line : log.brief_lines()) {
+    std::string text = masked(line, masks);
+    replace_all(text, record.tnw_binpath, "PROGRAM");
+    replace_all(text, folder.path().string(), "FOLDER");
+    replace_all(text, event_name(folder.path().string()), "folder");
+    lines += (lines.empty() ? "" : "\n") + text;
+  }
+  return lines;
 }
 
 void PeerDrive::answer_opens(const tnv_wopen_resp& opened, const Bytes& maps, ox_u32 err) {
@@ -55,9 +81,8 @@ void* PeerDrive::open(const char* path, ox_u32 accmode, int* err) {
   return tnw_create(drive, &slot, path, accmode, 7, 1, 0, 4711, "writer.exe", err);
 }
 
-ox_u64 local_file(const std::string& path, const std::string& content) {
+ox_u64 local_file(const std::string& path, const std::string& content, ox_u32 access) {
   write_file(path, content);
-  HANDLE handle = CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 7, nullptr, OPEN_EXISTING,
-                              FILE_ATTRIBUTE_NORMAL, nullptr);
+  HANDLE handle = CreateFileA(path.c_str(), access, 7, nullptr, OPEN_EXISTING, 0, nullptr);
   return reinterpret_cast<ox_u64>(handle);
 }

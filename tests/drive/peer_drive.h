@@ -5,11 +5,15 @@
 #define PEER_DRIVE_H
 
 #include "drive_files.h"
+#include "log_capture.h"
 #include "scripted_peer.h"
+
+constexpr ox_u32 READ_WRITE = 0xc0000000; /* GENERIC_READ | GENERIC_WRITE */
 
 /* A proper answer to OPEN: no maps, no handle, a file. To be changed and sent. */
 tnv_wopen_resp open_answer();
 
+/* One worker, so that every run has the same lines in the same order. */
 class PeerDrive {
  public:
   PeerDrive();
@@ -17,6 +21,9 @@ class PeerDrive {
 
   /* Starts the client on the record as it stands; the drive handle or null. */
   void* start();
+  /* The lines of a capture as brief_line has them, one after the other, without what differs from
+   * run to run: FOLDER is this drive's folder, "folder" the same in the name of an event. */
+  std::string said(const LogCapture& log) const;
   /* Answers OPEN with `opened` and then `maps`, everything else with success. */
   void answer_opens(const tnv_wopen_resp& opened, const Bytes& maps = {}, ox_u32 err = 0);
   /* Opens a path with its own slot: disposition "open", share everything. */
@@ -29,7 +36,8 @@ class PeerDrive {
   int error = -1; /* what tnw_init gave */
 };
 
-/* A new local file with this content, and its handle as an answer carries it. */
-ox_u64 local_file(const std::string& path, const std::string& content);
+/* A new local file with this content, and a handle of it as an answer carries it; `access` is a
+ * Windows access mask. */
+ox_u64 local_file(const std::string& path, const std::string& content, ox_u32 access = READ_WRITE);
 
 #endif

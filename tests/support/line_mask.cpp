@@ -42,11 +42,17 @@ std::string brief_line(const std::string& line) {
       R"re(\{"asctime":"[^"]+", "level":"([A-Z]+)", "filename":"[^"]+", "line":\d+, )re"
       R"re((?:"errno":(-?\d+), )?(?:"vfs_server_handle":.*"vfs_user":"([^"]*)", .*)?)re"
       R"re("message":"(.*)"\})re");
+  static const std::regex event(
+      R"re(\{"asctime":.*"vfs_event_name":"([A-Z_]+)", (?:"retval":(\d+), )?"vfs_errno":(\d+)\b.*)re");
   static const std::regex layer(R"(\[[^\]]+\] ([A-Z]+)(?:[:-](-?\d+))? +\S+:\d+ (.*))");
   std::smatch found;
   if (std::regex_match(line, found, client)) {
     const std::string user = found[3].matched ? " " + found[3].str() : "";
     return found[1].str() + number_of(found[2]) + user + ": " + found[4].str();
+  }
+  if (std::regex_match(line, found, event)) {
+    const std::string retval = found[2].matched ? " " + found[2].str() + "," : "";
+    return "EVENT " + found[1].str() + retval + " " + found[3].str();
   }
   if (std::regex_match(line, found, layer)) {
     const bool error = found[1] == "ERR";

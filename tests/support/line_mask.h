@@ -18,8 +18,9 @@ std::string masked(std::string line, const Masks& masks);
 std::string masked(const std::string& line);
 
 /* "LEVEL ERRNO USER: text" of a line in either form, the client's own or the portability layer's.
- * The number stands there if the line has one, the user if it tells its connection. Lines without
- * such a prefix, and those of events, stay as they are. */
+ * The number stands there if the line has one, the user if it tells its connection. Of an event the
+ * line is "EVENT NAME RETVAL, ERRNO", without the result where the event has none. Other lines stay
+ * as they are. */
 std::string brief_line(const std::string& line);
 
 #endif
