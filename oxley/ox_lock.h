@@ -2,10 +2,11 @@
  * Mutexes, reader/writer locks and condition variables over POSIX threads (winpthreads on
  * Windows), with contention profiling, and byte-range locks on file descriptors.
  *
- * Profiling: when ox_prof_level is 3 or more, an acquisition that waited more than 1000 us and a
- * lock held more than 1 s (the wait included, deliberately) are logged as warnings. Below 3 a
- * wrapper costs one comparison beyond the lock itself, and leaves the statistics: a lock that is
- * taken before the level is raised and given back after it counts from its last profiled one.
+ * Profiling: when ox_prof_level is 3 or more, two things are logged as warnings: an acquisition
+ * that waited more than 1000 us, and a hold of more than 1 s. A hold counts from the moment when
+ * its acquisition began, so that it shows how long the caller was busy with the lock. Below level 3
+ * a wrapper costs one comparison beyond the lock itself and leaves the statistics as they are. A
+ * lock without statistics (it was never taken at level 3, nor by ox_trylock) is not reported.
  *
  * A lock must be initialised with its own init call: a zero-filled reader/writer lock refuses
  * every call with 22. All calls return 0 or a POSIX error number, unless said otherwise.
@@ -63,6 +64,27 @@ int ox_rwunlock(ox_rwlock_t* l);       /* either mode */
 bool ox_lock_file(int fd, ox_u32 flags, ox_u32 bytes_low, ox_u32 bytes_high, void* overlapped);
 bool ox_unlock_file(int fd, ox_u32 bytes_low, ox_u32 bytes_high, void* overlapped);
 int ox_flock(int fd, ox_u32 flags);
+
+/* ------------------------------------------------------------------- not exported */
+
+/*
+ * Waits on a condition variable with the lock held. `deadline` is a time of the real-time clock, or
+ * null for a wait without limit. True when woken, false at the deadline. The wait ends one hold of
+ * the lock and begins another: with profiling on, lst_acquired is set anew.
+ */
+bool ox_cv_wait(pthread_cond_t* cv, ox_lock_t* l, const struct timespec* deadline);
+
+/*
+ * OX_ASSERT_HELD(lock) is the first line of a function that wants its caller to hold the lock. It
+ * works in debug builds (no NDEBUG), which note the locks of each thread; other builds have none of
+ * it. A reader/writer lock may be held in either mode. Include ox_assert.h, too.
+ */
+#ifdef NDEBUG
+#define OX_ASSERT_HELD(lock) ((void)(lock))
+#else
+bool ox_lock_is_held(const void* lock);
+#define OX_ASSERT_HELD(lock) OX_ASSERT(ox_lock_is_held(lock))
+#endif
 
 OX_END_DECLS
 

@@ -5,24 +5,24 @@
 
 ox_u32 ox_create_disposition(ox_u32 flags) {
   enum : ox_u32 {
-    create_new = 1,
-    create_always = 2,
-    open_existing = 3,
-    open_always = 4,
-    truncate_existing = 5
+    CREATE_NEW = 1,
+    CREATE_ALWAYS = 2,
+    OPEN_EXISTING = 3,
+    OPEN_ALWAYS = 4,
+    TRUNCATE_EXISTING = 5
   };
   const bool create = (flags & OX_O_CREAT) != 0;
   const bool truncate = (flags & OX_O_TRUNC) != 0;
   const bool writes = (flags & (OX_O_WRONLY | OX_O_RDWR)) != 0;
   if (create && truncate) {
-    return create_always;
+    return CREATE_ALWAYS;
   }
   if (!writes) {
-    /* Deliberately CREATE_NEW: a read-only open that would create fails when the file exists. */
-    return create ? create_new : open_existing;
+    /* A read-only open with the create flag makes a new file or fails, as ox_platform.h says. */
+    return create ? CREATE_NEW : OPEN_EXISTING;
   }
   if (create) {
-    return open_always;
+    return OPEN_ALWAYS;
   }
-  return truncate ? truncate_existing : open_existing;
+  return truncate ? TRUNCATE_EXISTING : OPEN_EXISTING;
 }

@@ -26,21 +26,21 @@ extern "C" _CRTIMP _invalid_parameter_handler __cdecl _set_thread_local_invalid_
 namespace {
 
 /*
- * For its lifetime the runtime answers a bad descriptor with EBADF on this thread. The universal
- * runtime would end the process; msvcrt.dll answers so by itself.
+ * While it lives, the runtime answers a bad descriptor with EBADF on this thread. The universal
+ * runtime would otherwise end the process. msvcrt.dll needs no such help.
  */
-class bad_descriptors_allowed {
+class BadDescriptorsAllowed {
  public:
 #ifdef _UCRT
-  bad_descriptors_allowed() : previous_(_set_thread_local_invalid_parameter_handler(ignore)) {}
-  ~bad_descriptors_allowed() { _set_thread_local_invalid_parameter_handler(previous_); }
+  BadDescriptorsAllowed() : previous_(_set_thread_local_invalid_parameter_handler(ignore)) {}
+  ~BadDescriptorsAllowed() { _set_thread_local_invalid_parameter_handler(previous_); }
 
  private:
   static void ignore(const wchar_t*, const wchar_t*, const wchar_t*, unsigned int, uintptr_t) {}
   _invalid_parameter_handler previous_;
 #else
-  bad_descriptors_allowed() {}
-  ~bad_descriptors_allowed() {}
+  BadDescriptorsAllowed() {}
+  ~BadDescriptorsAllowed() {}
 #endif
 };
 
@@ -51,7 +51,7 @@ DWORD desired_access(ox_u32 flags) {
   return (flags & OX_O_WRONLY) != 0 ? GENERIC_WRITE : GENERIC_READ;
 }
 
-/* The flags of a descriptor that says of itself what it can do and nothing else. */
+/* The flags of a descriptor that has its access mode and no other flag. */
 int descriptor_access(ox_u32 flags) {
   return (flags & OX_O_RDWR) != 0 ? OX_O_RDWR : static_cast<int>(flags & OX_O_WRONLY);
 }
@@ -75,7 +75,7 @@ int open_descriptor(const char* path, ox_u32 access_flags, DWORD disposition, DW
   }
   const int fd = _open_osfhandle(reinterpret_cast<intptr_t>(handle), descriptor_flags);
   if (fd < 0) {
-    CloseHandle(handle); /* the runtime has no descriptor left; errno is its own */
+    CloseHandle(handle); /* the runtime has no descriptor left and has set errno */
   }
   return fd;
 }
@@ -108,14 +108,14 @@ ox_s64 transfer(Call call, int fd, Buffer* buf, size_t count, ox_off offset) {
   return transferred;
 }
 
-/* ox_fd2path for a handle; `fd` is what the log line names, -1 for a handle without descriptor. */
+/* Does what ox_fd2path does, for a handle. `fd` is for the log line: -1 when there is none. */
 int handle_path(HANDLE handle, int fd, char* buf, size_t size, const char* name) {
   const DWORD length = GetFinalPathNameByHandleA(handle, buf, at_most_dword(size), 0);
   if (length == 0 || length >= size) {
     if (length == 0) {
       ox_set_errno();
     } else {
-      errno = OX_E2BIG; /* the system sets no error for a path that does not fit: as for the name */
+      errno = OX_E2BIG; /* the system sets no error here; a name that does not fit gives the same */
     }
     OX_LOG(OX_ERROR_LEVEL, errno,
            "ox_fd2path: Failed to GetFinalPathNameByHandleA for fd %d fh %p sz %lu", fd, handle,
@@ -138,7 +138,7 @@ int handle_path(HANDLE handle, int fd, char* buf, size_t size, const char* name)
 
 HANDLE ox_fd_handle(int fd) {
   const int saved_errno = errno;
-  const bad_descriptors_allowed guard;
+  const BadDescriptorsAllowed guard;
   const intptr_t handle = _get_osfhandle(fd);
   errno = saved_errno;
   return reinterpret_cast<HANDLE>(handle);
@@ -168,7 +168,7 @@ int ox_open_directory(const char* path, ox_u32 flags) {
 }
 
 int ox_close(int fd) {
-  const bad_descriptors_allowed guard;
+  const BadDescriptorsAllowed guard;
   return _close(fd);
 }
 
@@ -181,7 +181,7 @@ int ox_close_fhdl(ox_handle handle) {
   if (fd >= 0) {
     return ox_close(fd);
   }
-  /* Every descriptor is taken: the handle is good and must not leak for that. */
+  /* Every descriptor is taken. The handle is good all the same and must be closed. */
   if (CloseHandle(handle) == 0) {
     ox_set_errno();
     return -1;
@@ -192,7 +192,7 @@ int ox_close_fhdl(ox_handle handle) {
 ox_off ox_lseek(int fd, ox_off offset, int whence) {
   static const DWORD methods[] = {FILE_BEGIN, FILE_CURRENT, FILE_END};
   if (whence < 0 || whence > 2) {
-    return OX_EINVAL; /* deliberately the number itself, not -1: callers compare with it */
+    return OX_EINVAL; /* callers compare the result with this number, and not with -1 */
   }
   LARGE_INTEGER distance;
   distance.QuadPart = offset;
@@ -205,7 +205,7 @@ ox_off ox_lseek(int fd, ox_off offset, int whence) {
 }
 
 int ox_ftruncate(int fd, ox_off length) {
-  (void)ox_lseek(fd, length, 0); /* the position stays there; a failure shows in the next call */
+  (void)ox_lseek(fd, length, 0); /* the position stays there; the next call fails if this one did */
   FILE_END_OF_FILE_INFO end;
   end.EndOfFile.QuadPart = length;
   if (SetFileInformationByHandle(ox_fd_handle(fd), FileEndOfFileInfo, &end, sizeof(end)) == 0) {
@@ -239,9 +239,9 @@ int ox_fd2path(int fd, char* buf, size_t size, const char* name) {
 }
 
 /*
- * Asks the handle directly. A descriptor wrapped around it could not be closed again without
- * closing the caller's handle, and one for each call would use up the runtime's table. What could
- * not have been wrapped is refused as the runtime would have: without a log line.
+ * Asks the handle itself. A descriptor around it could only be closed together with the caller's
+ * handle, and one descriptor for each call would use up the runtime's table. What the runtime would
+ * not wrap in a descriptor is refused without a log line.
  */
 int ox_handle2path(ox_handle handle, char* buf, size_t size, const char* name) {
   if (!is_open_handle(handle)) {

@@ -2,15 +2,16 @@
  * The sink below the log facility: spdlog's rotating file logger, or its console logger while
  * there is no file.
  *
- * Nothing here is destroyed at process end. Threads of the host may log while the runtime already
- * tears down its statics (spdlog's registry among them), so the loggers are held by shared
- * pointers that are never freed, and every line written until the end finds them alive.
+ * Nothing here is destroyed when the process ends. Threads of the host may log while the runtime
+ * already destroys its statics, spdlog's registry among them. So shared pointers that are never
+ * freed hold the loggers, and every line that is written until the end finds them alive.
  *
  * No exception of spdlog leaves this file.
  */
 #define SPDLOG_PREVENT_CHILD_FD /* a child that held the log file would block its rotation */
 #include <pthread.h>
 #include <spdlog/details/file_helper.h>
+#include <spdlog/details/os.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/spdlog.h>
 
@@ -29,26 +30,27 @@
 
 namespace {
 
-using rotating_file = spdlog::sinks::rotating_file_sink<spdlog::details::null_mutex>;
+using RotatingFile = spdlog::sinks::rotating_file_sink<spdlog::details::null_mutex>;
 
-/* A logger that is kept until the process has ended, and the one that it took the place of. */
-struct kept_logger {
+/* A logger that is kept until the process has ended, and the one that it replaced. */
+struct KeptLogger {
   std::shared_ptr<spdlog::logger> out;
-  kept_logger* earlier;
+  KeptLogger* earlier;
 };
 
 /* The file logger, once created; the console logger, once the one-time set-up has run. */
-std::atomic<kept_logger*> logger = nullptr;
-std::atomic<kept_logger*> console = nullptr;
+std::atomic<KeptLogger*> logger = nullptr;
+std::atomic<KeptLogger*> console = nullptr;
 pthread_once_t flag = PTHREAD_ONCE_INIT;
 
-void keep(std::atomic<kept_logger*>& place, std::shared_ptr<spdlog::logger> made) {
-  auto* kept = new kept_logger{std::move(made), place.load(std::memory_order_acquire)};
+void keep(std::atomic<KeptLogger*>& place, std::shared_ptr<spdlog::logger> made) {
+  auto* kept = new KeptLogger{std::move(made), place.load(std::memory_order_acquire)};
   place.store(kept, std::memory_order_release);
 }
 
 void write_console(spdlog::string_view_t text) {
-  if (const kept_logger* kept = console.load(std::memory_order_acquire)) {
+  const KeptLogger* kept = console.load(std::memory_order_acquire);
+  if (kept != nullptr) {
     kept->out->log(spdlog::level::info, text);
   }
 }
@@ -62,27 +64,39 @@ void report_file(ox_s32 lineno, const char* what) {
   write_console(line);
 }
 
+/* spdlog's name of the file that was rotated `index` times: "tnvfs.log", "tnvfs.1.log", ... */
+spdlog::filename_t rotated_name(const spdlog::filename_t& path, size_t index) {
+  return RotatingFile::calc_filename(path, index);
+}
+
+/* Removes the file that bears the new name, since Windows renames nothing over another file. */
+bool rename_file(const spdlog::filename_t& from, const spdlog::filename_t& to) {
+  (void)spdlog::details::os::remove(to);
+  return spdlog::details::os::rename(from, to) == 0;
+}
+
 /*
- * A rotating file that neither harms the host when it fails nor takes memory for a line.
+ * A rotating file that does not harm the host when it fails, loses no line, and takes no memory for
+ * a line.
  *
- * spdlog's rotating sink does the rotating and nothing else: one is made for a moment whenever the
- * file is to be rotated. Left alone it takes memory for each line above 250 bytes, and a rotation
- * that fails leaves it with a null stream for its next write. Lines are written here, out of one
- * buffer that holds the longest.
+ * spdlog's own sink gives the names of the files and the limits of the sizes, but does neither the
+ * writing nor the rotating: it takes memory for each line above 250 bytes; and when a file cannot
+ * be renamed, because a viewer has it open, it empties the log file. Here the log file then goes on
+ * growing. The rotation is tried again after each further sixteenth of the maximum size.
  *
- * A file that failed is dropped and opened anew, at once and then every ten seconds (an attempt can
- * take 150 ms); the first failure is reported, and lines that have no file meanwhile go to the
- * console logger.
+ * A file that cannot be written is closed and opened anew, at once and then every ten seconds (an
+ * attempt can take 150 ms). Lines that have no file meanwhile go to the console logger. The first
+ * failure of any kind is reported there, too.
  *
  * The base class's mutex guards everything.
  */
-class resilient_file final : public spdlog::sinks::base_sink<std::mutex> {
+class ResilientFile final : public spdlog::sinks::base_sink<std::mutex> {
  public:
   /* Throws when the file cannot be opened. */
-  resilient_file(std::string path, size_t max_size, size_t max_files)
+  ResilientFile(std::string path, size_t max_size, size_t max_files)
       : path_(std::move(path)), max_size_(max_size), max_files_(max_files) {
-    line_.reserve(OX_LOG_LINE_SIZE + eol_size);
-    rotating_file(path_, max_size_, max_files_, false); /* refuses sizes that cannot be */
+    line_.reserve(OX_LOG_LINE_SIZE + EOL_SIZE);
+    RotatingFile(path_, max_size_, max_files_, false); /* throws for sizes that cannot be */
     open();
   }
 
@@ -96,28 +110,47 @@ class resilient_file final : public spdlog::sinks::base_sink<std::mutex> {
     }
   }
 
-  /* Every line was written out as it came. */
+  /* Has nothing to do: each line is written out at once. */
   void flush_() override {}
 
  private:
-  using clock = std::chrono::steady_clock;
-  static constexpr size_t eol_size = 2;
+  using Clock = std::chrono::steady_clock;
+  static constexpr size_t EOL_SIZE = 2;
 
-  void open() {
-    file_.open(path_);
+  void open(bool emptied = false) {
+    file_.open(path_, emptied);
     size_ = file_.size();
     is_open_ = true;
+  }
+
+  /*
+   * Gives each file the name of the one before it, the last one first. After a failure the next
+   * attempt goes on at the file that could not be renamed: if it began anew, each attempt would
+   * push one more of the older files out.
+   */
+  bool shift_files() {
+    for (; shifting_ > 0; --shifting_) {
+      const auto from = rotated_name(path_, shifting_ - 1);
+      if (spdlog::details::os::path_exists(from) &&
+          !rename_file(from, rotated_name(path_, shifting_))) {
+        report_once(("cannot rename " + from).c_str());
+        return false;
+      }
+    }
+    shifting_ = max_files_;
+    return true;
   }
 
   void rotate() {
     file_.close();
     is_open_ = false;
-    rotating_file(path_, max_size_, max_files_, true);
-    open();
+    const bool shifted = shift_files();
+    open(shifted && max_files_ == 0);
+    rotate_at_ = shifted ? max_size_ : size_ + max_size_ / 16;
   }
 
   void write() {
-    if (size_ > 0 && size_ + line_.size() > max_size_) {
+    if (size_ > 0 && size_ + line_.size() > rotate_at_) {
       rotate();
     }
     file_.write(line_);
@@ -125,7 +158,7 @@ class resilient_file final : public spdlog::sinks::base_sink<std::mutex> {
     size_ += line_.size();
   }
 
-  /* Whether it went well; the file is dropped when not. */
+  /* True when the step succeeded. When it failed, the file is closed. */
   template <typename Step>
   bool attempt(Step step) {
     try {
@@ -140,10 +173,10 @@ class resilient_file final : public spdlog::sinks::base_sink<std::mutex> {
   }
 
   bool reopen() {
-    if (clock::now() < next_attempt_) {
+    if (Clock::now() < next_attempt_) {
       return false;
     }
-    next_attempt_ = clock::now() + std::chrono::seconds(10);
+    next_attempt_ = Clock::now() + std::chrono::seconds(10);
     return attempt([this] { open(); });
   }
 
@@ -158,10 +191,12 @@ class resilient_file final : public spdlog::sinks::base_sink<std::mutex> {
   const size_t max_size_;
   const size_t max_files_;
   spdlog::details::file_helper file_;
-  bool is_open_ = false; /* not after a failure, until it could be opened again */
-  size_t size_ = 0;      /* bytes of the open file */
+  bool is_open_ = false;         /* false after a failure, until the file could be opened again */
+  size_t size_ = 0;              /* bytes of the open file */
+  size_t rotate_at_ = max_size_; /* the size that the file may not exceed */
+  size_t shifting_ = max_files_; /* the name that the next file to be renamed gets */
   spdlog::memory_buf_t line_;
-  clock::time_point next_attempt_ = clock::time_point::min();
+  Clock::time_point next_attempt_ = Clock::time_point::min();
   bool reported_ = false;
 };
 
@@ -190,7 +225,7 @@ void ox_init_spdlogger(const char* logger_name, const char* logfile, size_t max_
   pthread_once(&flag, set_up_once);
   errno = 0;
   try {
-    auto made = spdlog::synchronous_factory::create<resilient_file>(
+    auto made = spdlog::synchronous_factory::create<ResilientFile>(
         logger_name != nullptr ? logger_name : "", logfile, max_size, max_files);
     made->set_pattern("%v", spdlog::pattern_time_type::local);
     made->flush_on(spdlog::level::info);
@@ -207,7 +242,8 @@ void ox_spdlog(char* msg) {
   }
   pthread_once(&flag, set_up_once);
   trim_newline(msg);
-  if (const kept_logger* kept = logger.load(std::memory_order_acquire)) {
+  const KeptLogger* kept = logger.load(std::memory_order_acquire);
+  if (kept != nullptr) {
     kept->out->log(spdlog::level::info, spdlog::string_view_t(msg));
   } else {
     write_console(msg);
@@ -215,7 +251,7 @@ void ox_spdlog(char* msg) {
 }
 
 void ox_flush_spdlogger(void) {
-  const kept_logger* kept = logger.load(std::memory_order_acquire);
+  const KeptLogger* kept = logger.load(std::memory_order_acquire);
   if (kept == nullptr) {
     kept = console.load(std::memory_order_acquire);
   }

@@ -1,11 +1,11 @@
 /*
- * Text comparison: GLib decodes, ICU lowers, and a list holds back what Java does not lower.
+ * Text comparison: GLib decodes, ICU (72 or newer) lowers, and a list holds back what Java does not
+ * lower.
  */
 #include "ox_text.h"
 
 #include <glib.h>
 #include <unicode/uchar.h>
-#include <unicode/uvernum.h>
 
 #include <algorithm>
 #include <cstring>
@@ -13,20 +13,20 @@
 
 namespace {
 
-/* Names must compare alike in every build, and newer releases know more letters. */
-static_assert(U_ICU_VERSION_MAJOR_NUM >= 72 && U_ICU_VERSION_MAJOR_NUM <= 74,
-              "the lower case of ICU 72 to 74 is wanted");
+/* The newest letters that are lowered are those of Unicode 15.1. Names must compare alike in every
+ * build, and newer releases of ICU know more letters. */
+constexpr UVersionInfo NEWEST = {15, 1, 0, 0};
 
-constexpr ox_s32 capital_dotted_i = 0x130;
-constexpr ox_s32 packed_dotted_i = 0x690307;
+constexpr ox_s32 CAPITAL_DOTTED_I = 0x130;
+constexpr ox_s32 PACKED_DOTTED_I = 0x690307;
 
-struct range {
+struct Range {
   ox_s32 first;
   ox_s32 last;
 };
 
 /* Capitals whose lower case Java does not know, in rising order. */
-constexpr range unknown_to_java[] = {
+constexpr Range UNKNOWN_TO_JAVA[] = {
     {0x37f, 0x37f},     {0x528, 0x528},     {0x52a, 0x52a},     {0x52c, 0x52c},
     {0x52e, 0x52e},     {0x13a0, 0x13f5},   {0x1c90, 0x1cbf},   {0xa698, 0xa698},
     {0xa69a, 0xa69a},   {0xa796, 0xa796},   {0xa798, 0xa798},   {0xa79a, 0xa79a},
@@ -36,27 +36,36 @@ constexpr range unknown_to_java[] = {
 };
 
 bool is_unknown_to_java(ox_s32 c) {
-  const range* found = std::ranges::lower_bound(unknown_to_java, c, {}, &range::last);
-  return found != std::end(unknown_to_java) && found->first <= c;
+  const Range* found = std::ranges::lower_bound(UNKNOWN_TO_JAVA, c, {}, &Range::last);
+  return found != std::end(UNKNOWN_TO_JAVA) && found->first <= c;
+}
+
+/* Whether the letter came with a later Unicode than NEWEST. */
+bool is_newer(ox_s32 c) {
+  UVersionInfo age;
+  u_charAge(c, age);
+  return memcmp(age, NEWEST, sizeof(age)) > 0;
 }
 
 /* What stands at a place of a text: a character, or a byte that is no part of one. */
-struct element {
+struct Element {
   ox_s32 code; /* a Unicode scalar value; for a stray byte its complement, which is negative */
   int length;
 };
 
-/* The checking decoder stops at the first byte that does not continue the character, hence at the
- * NUL; the table of lengths, which trusts the lead byte, is asked only about what it accepted. */
-element decode(const char* text) {
+/* The checking decoder stops at the first byte that does not continue the character, so it never
+ * passes the NUL. The table of lengths trusts the lead byte, so only what the decoder has accepted
+ * is looked up in it. */
+Element decode(const char* text) {
   const auto lead = static_cast<guchar>(*text);
   const auto code = static_cast<ox_s32>(g_utf8_get_char_validated(text, -1));
-  return code >= 0 ? element{code, g_utf8_skip[lead]} : element{~lead, 1};
+  return code >= 0 ? Element{code, g_utf8_skip[lead]} : Element{~lead, 1};
 }
 
 }  // namespace
 
-/* By bytes: a code point has one well-formed encoding, and stray bytes equal themselves alone. */
+/* Bytes are compared: a code point has one well-formed encoding, and a stray byte equals itself
+ * alone. */
 int ox_utf8_strcmp(const char* a, const char* b) {
   return static_cast<int>(a == nullptr || b == nullptr || strcmp(a, b) != 0);
 }
@@ -69,8 +78,8 @@ int ox_utf8_strcasecmp(const char* a, const char* b) {
     const ox_s32 ca = decode(a).code;
     const ox_s32 cb = decode(b).code;
     if (ox_java_tolower(ca) != ox_java_tolower(cb)) {
-      const bool is_pair = (ca == capital_dotted_i && ox_is_lower_turkish_i(&b) != 0) ||
-                           (cb == capital_dotted_i && ox_is_lower_turkish_i(&a) != 0);
+      const bool is_pair = (ca == CAPITAL_DOTTED_I && ox_is_lower_turkish_i(&b) != 0) ||
+                           (cb == CAPITAL_DOTTED_I && ox_is_lower_turkish_i(&a) != 0);
       if (!is_pair) {
         return 1;
       }
@@ -85,10 +94,14 @@ ox_s32 ox_java_tolower(ox_s32 c) {
   if (g_unichar_validate(static_cast<gunichar>(c)) == 0) {
     return c;
   }
-  if (c == capital_dotted_i) {
-    return packed_dotted_i;
+  if (c == CAPITAL_DOTTED_I) {
+    return PACKED_DOTTED_I;
   }
-  return is_unknown_to_java(c) ? c : u_tolower(c);
+  if (is_unknown_to_java(c)) {
+    return c;
+  }
+  const ox_s32 lower = u_tolower(c);
+  return lower != c && (is_newer(c) || is_newer(lower)) ? c : lower;
 }
 
 int ox_is_lower_turkish_i(const char** p) {

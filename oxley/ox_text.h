@@ -2,13 +2,12 @@
  * Comparison of file names as the Java platform's lower-casing compares them.
  *
  * The service and the cloud compare names with Java's rules, which know fewer letters than today's
- * Unicode tables: who compares with other tables takes two different files for one, or one for two.
- * Needs no initialisation, takes no lock and no memory, and keeps nothing: call it from any thread.
+ * Unicode tables. Another table would take two different files for one, or one for two. The calls
+ * need no initialisation, take no lock and no memory, and keep nothing: any thread may call.
  *
- * Texts are UTF-8 up to their NUL; nothing beyond it is read, whatever stands before it. Bytes that
- * are no part of a well-formed character (a truncated or overlong sequence, a surrogate, a value
- * above U+10FFFF) are not refused: each such byte compares equal with the same byte alone, hence
- * never with a character.
+ * Texts are UTF-8 up to their NUL. Nothing behind the NUL is read. Bytes that are no part of a
+ * well-formed character (a truncated or overlong sequence, a surrogate, a value above U+10FFFF) are
+ * not refused: each such byte equals the same byte and nothing else.
  */
 #ifndef OX_TEXT_H
 #define OX_TEXT_H
@@ -18,10 +17,9 @@
 OX_BEGIN_DECLS
 
 /*
- * Whether two texts are the same: 0 when they are equal code point by code point, else 1. An
- * equality test, not an ordering: never negative, and no use for sorting. Canonically equivalent
- * texts (a letter with its accent, or letter and accent apart) differ. 1 when either is null, also
- * when both are.
+ * 0 when two texts are equal code point by code point, else 1. It never says which of them comes
+ * first, so it cannot sort. Canonically equivalent texts (an accented letter as one code point or
+ * as two) differ. 1 when either is null, also when both are.
  */
 int ox_utf8_strcmp(const char* a, const char* b);
 
@@ -33,16 +31,17 @@ int ox_utf8_strcmp(const char* a, const char* b);
 int ox_utf8_strcasecmp(const char* a, const char* b);
 
 /*
- * The lower case of a code point as Java gives it. Deliberately, letters whose lower case Java does
- * not know come back as they are (Cherokee and Georgian capitals, for two), and so does what is no
- * code point: surrogates, values above U+10FFFF, negative ones. For U+0130 the result is no code
- * point but two, packed: 0x690307, "i" (0x69) above the low 16 bits U+0307.
+ * The lower case of a code point as Java gives it. A letter whose lower case Java does not know
+ * (Cherokee and Georgian capitals, for two) or that is newer than Unicode 15.1 comes back as it is:
+ * the service takes such a capital and its small letter for two names. So does what is no code
+ * point: surrogates, values above U+10FFFF, negative ones. For U+0130 the result is not one code
+ * point but two in one number, 0x690307: "i" (0x69) above the low 16 bits U+0307.
  */
 ox_s32 ox_java_tolower(ox_s32 c);
 
 /*
- * Whether "i" followed by U+0307 stands at *p. 1 with *p moved past the "i", onto the U+0307; else
- * 0 with *p where it was, also when p or *p is null.
+ * 1 when "i" followed by U+0307 stands at *p, which is then moved past the "i", onto the U+0307.
+ * Else 0 with *p as it was, also when p or *p is null.
  */
 int ox_is_lower_turkish_i(const char** p);
 

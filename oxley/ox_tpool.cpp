@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "ox_assert.h"
 #include "ox_errno.h"
 #include "ox_logging.h"
 #include "ox_tpool_internal.h"
@@ -16,19 +15,6 @@ ox_tpool_t* ox_thread_pool = nullptr;
 
 namespace {
 
-void make_queue_empty(ox_tpool_t* tp) {
-  tp->tp_jobq.job_next = tp->tp_jobq.job_prev = &tp->tp_jobq;
-}
-
-void point_at_itself(ox_tpool_t* tp) { tp->tp_next = tp->tp_prev = tp; }
-
-/* Wants the list's lock held. Does nothing to a pool that is on no list. */
-void unlink_pool(ox_tpool_t* tp) {
-  tp->tp_prev->tp_next = tp->tp_next;
-  tp->tp_next->tp_prev = tp->tp_prev;
-  point_at_itself(tp);
-}
-
 int append_to_list(ox_tpool_t* tp) {
   ox_tpool_t* head = ox_thread_pool;
   const int rc = head != nullptr ? ox_lock(&head->tp_lock) : OX_EINVAL;
@@ -36,10 +22,7 @@ int append_to_list(ox_tpool_t* tp) {
     OX_LOG(OX_ERROR_LEVEL, rc, "cannot lock thread pool to add to pool list");
     return rc;
   }
-  tp->tp_next = head;
-  tp->tp_prev = head->tp_prev;
-  head->tp_prev->tp_next = tp;
-  head->tp_prev = tp;
+  ox_list_append(head, tp);
   (void)ox_unlock(&head->tp_lock);
   return 0;
 }
@@ -48,9 +31,9 @@ int append_to_list(ox_tpool_t* tp) {
 ox_tpool_t* pop_from_list(ox_tpool_t* head) {
   ox_tpool_t* tp = nullptr;
   if (ox_tpool_lock(head) == 0) {
-    if (head->tp_next != head) {
+    if (!ox_list_empty(head)) {
       tp = head->tp_next;
-      unlink_pool(tp);
+      ox_list_unlink(tp);
     }
     (void)ox_unlock(&head->tp_lock);
   }
@@ -92,7 +75,7 @@ void deinit_sync(ox_tpool_t* tp) {
 }
 
 void free_pool(ox_tpool_t* tp) {
-  OX_ASSERT(ox_tpool_queue_empty_locked(tp));
+  OX_ASSERT(ox_list_empty(&tp->tp_jobq));
   deinit_sync(tp);
   ox_tpool_free_blocks(tp);
   ox_free_safe(tp);
@@ -118,8 +101,7 @@ ox_tpool_t* zalloc_pool(const char* name) {
     return nullptr;
   }
   (void)snprintf(tp->tp_name, sizeof(tp->tp_name), "%s", name);
-  make_queue_empty(tp);
-  point_at_itself(tp);
+  ox_list_init(&tp->tp_jobq);
   return tp;
 }
 
@@ -149,8 +131,9 @@ ox_tpool_t* create(const char* name, ox_tpool_init_func_t init_func,
   return tp;
 }
 
-/* Jobs wait and no worker is left: nobody else would run or drop them. */
-void serve_leftovers(ox_tpool_t* tp) {
+/* Runs or drops the jobs that wait although no worker is left. */
+void serve_leftovers_locked(ox_tpool_t* tp) {
+  OX_ASSERT_HELD(&tp->tp_lock);
   if (ox_tpool_stopping_locked(tp)) {
     ox_tpool_drop_jobs_locked(tp);
   } else if (tp->tp_max_threads == 0 || !ox_tpool_start_worker_locked(tp)) {
@@ -158,20 +141,29 @@ void serve_leftovers(ox_tpool_t* tp) {
   }
 }
 
-/* Until no worker is left, the queue is empty and, at the end of a pool, nobody else waits. */
-void finish_locked(ox_tpool_t* tp) {
+/* Returns when no worker is left and the queue is empty. */
+void finish_jobs_locked(ox_tpool_t* tp) {
+  OX_ASSERT_HELD(&tp->tp_lock);
   tp->tp_flags &= ~ox_u32{OX_TPOOL_FL_PAUSE};
   (void)pthread_cond_broadcast(&tp->tp_worker_cv);
-  while (tp->tp_cur_count != 0 || !ox_tpool_queue_empty_locked(tp) ||
-         (tp->tp_closing && tp->tp_waiters != 0)) {
+  while (tp->tp_cur_count != 0 || !ox_tpool_queue_empty_locked(tp)) {
     if (tp->tp_state == OX_TPOOL_ACTIVE) {
       tp->tp_state = OX_TPOOL_DRAINING;
     }
-    if (tp->tp_cur_count == 0 && !ox_tpool_queue_empty_locked(tp)) {
-      serve_leftovers(tp);
+    if (tp->tp_cur_count == 0) {
+      serve_leftovers_locked(tp);
     } else {
-      ox_tpool_wait_for_workers_locked(tp);
+      ox_tpool_wait_for_others_locked(tp);
     }
+  }
+}
+
+/* Returns when every drain and drain_wait is through. Only the destroying call may wait for them:
+ * a drain that did so would wait for itself. */
+void let_waiters_out_locked(ox_tpool_t* tp) {
+  OX_ASSERT_HELD(&tp->tp_lock);
+  while (tp->tp_waiters != 0) {
+    ox_tpool_wait_for_others_locked(tp);
   }
 }
 
@@ -185,9 +177,9 @@ void abort_and_unlock(ox_tpool_t* tp) {
   ox_tpool_unlock_and_join(tp);
 }
 
-/* True, with the pool locked, for the one call that may abort or destroy it: a pool that was
- * aborted, or that another call is destroying, is left alone. */
-bool claim_locked(ox_tpool_t* tp, ox_u32 flags) {
+/* True for the one call that may abort or destroy the pool, which is then locked. False, without
+ * the lock, when the pool was aborted or another call is destroying it. */
+bool claim_and_lock(ox_tpool_t* tp, ox_u32 flags) {
   if (ox_tpool_lock(tp) != 0) {
     return false;
   }
@@ -200,16 +192,16 @@ bool claim_locked(ox_tpool_t* tp, ox_u32 flags) {
   return true;
 }
 
-/* Claims a pool and, unless it is only aborted, takes it off the list in the same moment, so that
+/* The same. A pool that is to be destroyed leaves the list in the same moment, so that
  * ox_deinit_tpool cannot find a pool that is about to be freed. */
-bool claim_and_unlist(ox_tpool_t* tp, ox_u32 flags) {
+bool claim_unlist_and_lock(ox_tpool_t* tp, ox_u32 flags) {
   ox_tpool_t* head = tp->tp_listed ? ox_thread_pool : nullptr;
   if (head != nullptr && ox_tpool_lock(head) != 0) {
     return false;
   }
-  const bool claimed = claim_locked(tp, flags);
-  if (claimed && tp->tp_closing) {
-    unlink_pool(tp);
+  const bool claimed = claim_and_lock(tp, flags);
+  if (claimed && tp->tp_closing && ox_list_linked(tp)) {
+    ox_list_unlink(tp);
   }
   if (head != nullptr) {
     (void)ox_unlock(&head->tp_lock);
@@ -236,6 +228,7 @@ int ox_init_tpool(void) {
     ox_tpool_t* head = zalloc_pool("");
     rc = head != nullptr ? ox_init_lock(&head->tp_lock) : OX_ENOMEM;
     if (rc == 0) {
+      ox_list_init(head);
       ox_thread_pool = head;
     } else {
       ox_free_safe(head);
@@ -250,7 +243,7 @@ void ox_deinit_tpool(ox_u32 flags) {
   if (head == nullptr) {
     return;
   }
-  while (ox_tpool_t* tp = pop_from_list(head)) {
+  for (ox_tpool_t* tp = pop_from_list(head); tp != nullptr; tp = pop_from_list(head)) {
     ox_destroy_tpool(tp, flags);
   }
   ox_thread_pool = nullptr;
@@ -288,24 +281,24 @@ void ox_drain_tpool(ox_tpool_t* tp, ox_u32 flags) {
     (void)ox_unlock(&tp->tp_lock);
     return;
   }
-  tp->tp_flags |= flags & ox_tpool_ending_flags;
+  tp->tp_flags |= flags & OX_TPOOL_ENDING_FLAGS;
   OX_LOG(OX_INFO_LEVEL, 0, "Draining thread pool %s", tp->tp_name);
   ++tp->tp_waiters;
-  finish_locked(tp);
+  finish_jobs_locked(tp);
   --tp->tp_waiters;
   if (tp->tp_state == OX_TPOOL_DRAINING && !tp->tp_closing) {
     tp->tp_state = OX_TPOOL_ACTIVE;
   }
-  (void)pthread_cond_broadcast(&tp->tp_pool_cv); /* a destroy may wait for this call's end */
+  (void)pthread_cond_broadcast(&tp->tp_pool_cv); /* a destroy may wait for this */
   (void)ox_unlock(&tp->tp_lock);
 }
 
 void ox_destroy_tpool(ox_tpool_t* tp, ox_u32 flags) {
-  flags &= ox_tpool_ending_flags;
+  flags &= OX_TPOOL_ENDING_FLAGS;
   if (flags == 0) {
     flags = OX_TPOOL_FL_DRAIN;
   }
-  if (!claim_and_unlist(tp, flags)) {
+  if (!claim_unlist_and_lock(tp, flags)) {
     return;
   }
   if ((flags & OX_TPOOL_FL_ABORT) != 0) {
@@ -313,7 +306,8 @@ void ox_destroy_tpool(ox_tpool_t* tp, ox_u32 flags) {
     return;
   }
   OX_LOG_DEBUG(1, "Destroying thread pool %s", tp->tp_name);
-  finish_locked(tp);
+  finish_jobs_locked(tp);
+  let_waiters_out_locked(tp);
   ox_tpool_unlock_and_join(tp);
   free_pool(tp);
 }

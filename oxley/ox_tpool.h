@@ -3,14 +3,16 @@
  * blocks per worker slot, pausing, draining, aborting and destruction.
  *
  * Locks, in the order in which they may be nested: the tp_lock of the global list head guards the
- * list links; the tp_lock of a pool guards its queue, counts, flags and state; the two slot bitmaps
- * have locks of their own. Jobs and deinit functions run without a lock; the init function runs
+ * list links; the tp_lock of a pool guards its queue, counts, flags and state; each of the two slot
+ * bitmaps has its own lock. Jobs and deinit functions run without a lock. The init function runs
  * under tp_lock and must not call back into any pool.
  *
- * Any thread may call, with three exceptions that are the caller's to keep: ox_init_tpool comes
- * before and ox_deinit_tpool after every other call on listed pools; a call on a pool must have
- * begun to wait, or be over, before that pool is destroyed; a pool's own job must neither drain,
- * drain-wait nor destroy its pool (it would wait for itself; aborting is allowed).
+ * Any thread may call, but the caller sees to three things:
+ *  - ox_init_tpool comes before every other call on listed pools, ox_deinit_tpool after them.
+ *  - A call on a pool has returned before the pool is destroyed. A drain or a drain_wait may also
+ *    wait still: the destroy lets it finish first.
+ *  - A pool's own job does not drain, drain-wait or destroy its pool, since it would wait for
+ *    itself. It may abort the pool.
  */
 #ifndef OX_TPOOL_H
 #define OX_TPOOL_H
@@ -22,10 +24,10 @@ OX_BEGIN_DECLS
 
 /* tp_flags bits; also the flags of ox_drain_tpool, ox_destroy_tpool and ox_deinit_tpool. */
 enum {
-  OX_TPOOL_FL_ABORT = 0x1, /* workers leave at once and drop the queue; selects abort in destroy */
-  OX_TPOOL_FL_STOP = 0x2,  /* workers leave at once and drop the queue */
-  OX_TPOOL_FL_DRAIN = 0x4, /* no new jobs from outside; workers finish the queue, then leave */
-  OX_TPOOL_FL_PAUSE = 0x8, /* workers take no jobs; without effect while the pool is drained */
+  OX_TPOOL_FL_ABORT = 0x1,    /* workers leave at once and drop the queue; destroy only aborts */
+  OX_TPOOL_FL_STOP = 0x2,     /* workers leave at once and drop the queue */
+  OX_TPOOL_FL_DRAIN = 0x4,    /* no new jobs from outside; workers finish the queue, then leave */
+  OX_TPOOL_FL_PAUSE = 0x8,    /* workers take no jobs; without effect while the pool is drained */
   OX_TPOOL_FL_EXTERNAL = 0x10 /* the pool is not on the global list */
 };
 
@@ -38,23 +40,23 @@ typedef enum tp_states {
 enum { OX_TPOOL_MAX_SLOTS = 256, OX_TPOOL_NAME_SIZE = 16 };
 
 /*
- * A job. `args` as queued; `stats` and `priv` are the running worker's own blocks, or null when
- * it has none. The result is ignored.
+ * A job. `args` is what was queued; `stats` and `priv` are the running worker's own blocks, or null
+ * when it has none. The result is ignored.
  */
 typedef void* (*ox_job_func_t)(void* args, void* stats, void* priv);
 typedef void (*ox_tpool_init_func_t)(const char* pool_name, void* args);
 typedef void (*ox_tpool_deinit_func_t)(void* args);
 
-/* One waiting caller of one job. jn_lock guards jn_done; there is no reset. */
+/* What one caller waits on for one job. jn_lock guards jn_done; there is no reset. */
 typedef struct ox_job_notify {
   ox_lock_t jn_lock;
   pthread_cond_t jn_cv;
   ox_s32 jn_done; /* 0 until the job has run */
 } ox_job_notify_t;
 
-/* A queued job: allocated by the queueing call, freed by the worker that ran or dropped it. */
+/* A queued job. The queueing call allocates it, the worker that ran or dropped it frees it. */
 typedef struct ox_job {
-  struct ox_job* job_next; /* guarded by the pool's tp_lock */
+  struct ox_job* job_next; /* the pool's tp_lock guards the links */
   struct ox_job* job_prev;
   ox_job_func_t job_func;
   void* job_args;
@@ -80,9 +82,9 @@ typedef struct ox_priv {
 } ox_priv_t;
 
 /*
- * A pool. Fixed after creation: the two functions, the name, tp_nblocks, tp_listed. tp_next and
- * tp_prev are guarded by the list head's tp_lock and point at the record itself while it is on no
- * list; everything else from tp_jobq on is guarded by this pool's tp_lock.
+ * A pool. Fixed after creation: the two functions, the name, tp_nblocks, tp_listed. The list head's
+ * tp_lock guards tp_next and tp_prev, which are null while the pool is on no list. This pool's
+ * tp_lock guards everything else from tp_jobq on.
  */
 typedef struct ox_tpool {
   struct ox_tpool* tp_next;
@@ -106,21 +108,22 @@ typedef struct ox_tpool {
   ox_u32 tp_nblocks;   /* slots that have blocks: max_threads at creation, at most 256 */
   ox_u32 tp_waiters;   /* callers inside drain and drain_wait */
   bool tp_listed;      /* not external */
-  bool tp_closing;     /* ox_destroy_tpool has begun: the record is about to go */
+  bool tp_closing;     /* ox_destroy_tpool has begun and will free the record */
   bool tp_has_leaver;  /* tp_leaver is a thread to join */
-  pthread_t tp_leaver; /* the worker that left last; it has joined the one before it */
+  pthread_t tp_leaver; /* the worker that left last; it joins the one that left before it */
 } ox_tpool_t;
 
 /* Creates the global pool list, once; later calls do nothing. 0 or an error number. */
 int ox_init_tpool(void);
-/* Destroys every pool on the list with `flags`, then frees the list head. Aborted pools leave the
- * list and stay allocated. */
+/* Destroys every pool on the list with `flags`, then frees the list head. With
+ * OX_TPOOL_FL_ABORT the pools leave the list and stay allocated. */
 void ox_deinit_tpool(ox_u32 flags);
 
 /*
  * A new pool without threads, or null after one ERROR line. `stat_size` and `priv_size` are bytes
- * per worker (0: none), allocated once, zeroed. The name is cut to 15 characters and names the
- * worker threads too. Freed by ox_destroy_tpool. The external form stays off the global list.
+ * per worker (0: none); their memory is allocated here and filled with zeroes. The name is cut to
+ * 15 characters and names the worker threads, too. ox_destroy_tpool frees the pool. The external
+ * form keeps it off the global list.
  *
  * A block array holds max_threads x size bytes as a 32-bit product. Where that product wraps, only
  * the slots that fit into it have blocks; workers beyond them, and beyond slot 256, get null.
@@ -133,35 +136,42 @@ ox_tpool_t* ox_tpool_create_external(const char* name, ox_tpool_init_func_t init
                                      ox_u32 priv_size, ox_u32 min_threads, ox_u32 max_threads);
 
 /*
- * Queues `func(args, ...)`. 0; 22 while the pool drains and the caller is not one of its workers
- * (told by the thread's name); a lock error; errno after a failed allocation. The job is not
- * queued on an error. A worker that could not be started is not an error: it is tried again with
- * the next job. `notify` may be null; it stays the caller's.
+ * Queues `func(args, ...)`. 0, or an error, after which the job is not queued: 22 while the pool
+ * drains and the caller is not one of its workers (which it tells by the thread's name); a lock
+ * error; errno after a failed allocation. `notify` may be null; it stays the caller's.
+ *
+ * The call starts a worker when none is idle, and also when more jobs wait than workers are idle,
+ * so that a burst of jobs does not queue up behind one idle worker; there are never more than
+ * max_threads. A worker that cannot be started is not an error: the next call tries again.
  */
 int ox_queue_work(ox_tpool_t* tp, ox_job_notify_t* notify, ox_job_func_t func, void* args);
 
-/* Replaces both limits; starts and stops no thread. Slots above the first maximum get no block. */
+/* Replaces both limits. Starts and stops no thread. Slots above the first maximum have no blocks.
+ */
 void ox_update_tpool_threads(ox_tpool_t* tp, ox_u32 min_threads, ox_u32 max_threads);
 
 int ox_tpool_pause(ox_tpool_t* tp);
 int ox_tpool_resume(ox_tpool_t* tp);
 bool ox_tpool_is_paused(ox_tpool_t* tp);
-/* Pauses the pool and returns when every worker is idle: running jobs have ended. */
+/* Pauses the pool and returns when every worker is idle, so that no job runs any more. */
 void ox_tpool_drain_wait(ox_tpool_t* tp);
 
 /*
- * ORs `flags` in and waits until the queue is empty and no worker is left; lifts a pause.
- * Without ABORT and STOP what is queued is run first: on a new worker if none is left, on the
- * calling thread if none can be started. A call that finds another drain under way returns at once.
- * The pool stays: a caller that clears the flags (in tp_flags, under tp_lock) may queue again.
+ * Sets `flags`, lifts a pause and waits until the queue is empty and no worker is left. Without
+ * ABORT and STOP the queued jobs are run: on a new worker if none is left, on the calling thread if
+ * none can be started. A call that finds another drain under way returns at once. The pool stays: a
+ * caller that clears the flags (in tp_flags, under tp_lock) may queue again.
  */
 void ox_drain_tpool(ox_tpool_t* tp, ox_u32 flags);
 /*
- * With OX_TPOOL_FL_ABORT: marks the pool aborted and returns; the workers drop the queue and leave
- * on their own, and the record is deliberately never freed: it stays on the list, and another
- * destroy of it returns at once. Otherwise lifts a pause, waits for the workers as ox_drain_tpool
- * does (they run what is queued, or drop it with OX_TPOOL_FL_STOP) and frees the pool. On return
- * the worker threads have ended, so that their code may be unloaded.
+ * With OX_TPOOL_FL_ABORT: marks the pool aborted and returns. The workers drop the queue and leave
+ * on their own. The record is never freed, because workers may use it for as long as their jobs
+ * take: it stays on the list, and another destroy of it returns at once.
+ *
+ * Otherwise: lifts a pause, waits for the workers as ox_drain_tpool does (they run the queued jobs,
+ * or drop them with OX_TPOOL_FL_STOP), waits until no other thread is inside a drain or a
+ * drain_wait of the pool, and frees it. On return the worker threads have ended, so that their code
+ * may be unloaded.
  */
 void ox_destroy_tpool(ox_tpool_t* tp, ox_u32 flags);
 

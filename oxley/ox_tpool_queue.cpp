@@ -12,12 +12,13 @@
 namespace {
 
 /*
- * The runtime's answers for a calling thread whose name cannot be had and so is not the pool's:
- * a name longer than the buffer, and (winpthreads) a detached thread.
+ * Whether the runtime has no name for the calling thread: the name is longer than the buffer, or
+ * the thread is detached (winpthreads). Such a thread is no worker of the pool.
  */
 bool nameless(int rc) { return rc == ERANGE || rc == ESRCH; }
 
-/* While the pool drains, only its own workers queue: their jobs may need follow-up jobs. */
+/* 0 or an error number. While the pool drains, only its own workers may queue: their jobs may need
+ * follow-up jobs. */
 int check_caller(const ox_tpool_t* tp) {
   char name[4 * OX_TPOOL_NAME_SIZE] = "";
   const int rc = pthread_getname_np(pthread_self(), name, sizeof(name));
@@ -42,24 +43,22 @@ int append_job(ox_tpool_t* tp, ox_job_notify_t* notify, ox_job_func_t func, void
     OX_LOG(OX_ERROR_LEVEL, rc, "cannot allocate %zu bytes for queuing a new job", sizeof(ox_job_t));
     return rc;
   }
-  ox_job_t* head = &tp->tp_jobq;
-  *job = {head, head->job_prev, func, args, notify};
-  head->job_prev->job_next = job;
-  head->job_prev = job;
+  *job = {nullptr, nullptr, func, args, notify};
+  ox_list_append(&tp->tp_jobq, job);
   ++tp->tp_qlen;
   return 0;
 }
 
 /*
- * An idle worker that a signal has woken counts as idle until it has the lock. Jobs beyond the idle
- * workers therefore get a worker of their own: behind one that is about to run a long job, they
- * would wait for its end although the pool could grow.
+ * Starts a worker when none is idle, and also when more jobs wait than workers are idle: a worker
+ * counts as idle until it has the lock, also when a signal has woken it already. A burst of jobs
+ * must not queue up behind one such worker and its first job.
  */
 void rouse_worker(ox_tpool_t* tp) {
   const bool all_taken =
       tp->tp_idle_count == 0 || (tp->tp_qlen > tp->tp_idle_count && !ox_tpool_paused_locked(tp));
   const bool may_start = all_taken && tp->tp_cur_count < tp->tp_max_threads;
-  /* A failed start is no error: the job stays queued, and the next one tries again. */
+  /* A failed start is no error: the job stays queued, and the next call tries again. */
   if (!may_start || !ox_tpool_start_worker_locked(tp)) {
     (void)pthread_cond_signal(&tp->tp_worker_cv);
   }
@@ -74,9 +73,15 @@ int lock_for_flag(ox_tpool_t* tp, ox_u32 flag) {
   return rc;
 }
 
+void pause_locked(ox_tpool_t* tp) {
+  OX_ASSERT_HELD(&tp->tp_lock);
+  OX_LOG(OX_INFO_LEVEL, 0, "Thread pool [%s] pausing.", tp->tp_name);
+  tp->tp_flags |= OX_TPOOL_FL_PAUSE;
+}
+
 }  // namespace
 
-OX_STATIC_ASSERT(sizeof(ox_job_t) == 40, "one allocation of 40 bytes a job");
+OX_STATIC_ASSERT(sizeof(ox_job_t) == 40, "a job is one allocation of 40 bytes");
 
 int ox_queue_work(ox_tpool_t* tp, ox_job_notify_t* notify, ox_job_func_t func, void* args) {
   int rc = ox_lock(&tp->tp_lock);
@@ -97,13 +102,11 @@ int ox_queue_work(ox_tpool_t* tp, ox_job_notify_t* notify, ox_job_func_t func, v
 
 int ox_tpool_pause(ox_tpool_t* tp) {
   const int rc = lock_for_flag(tp, OX_TPOOL_FL_PAUSE);
-  if (rc != 0) {
-    return rc;
+  if (rc == 0) {
+    pause_locked(tp);
+    (void)ox_unlock(&tp->tp_lock);
   }
-  OX_LOG(OX_INFO_LEVEL, 0, "Thread pool [%s] pausing.", tp->tp_name);
-  tp->tp_flags |= OX_TPOOL_FL_PAUSE;
-  (void)ox_unlock(&tp->tp_lock);
-  return 0;
+  return rc;
 }
 
 int ox_tpool_resume(ox_tpool_t* tp) {
@@ -114,7 +117,7 @@ int ox_tpool_resume(ox_tpool_t* tp) {
   OX_LOG(OX_INFO_LEVEL, 0, "Thread pool [%s] resuming.", tp->tp_name);
   tp->tp_flags &= ~ox_u32{OX_TPOOL_FL_PAUSE};
   (void)pthread_cond_broadcast(&tp->tp_worker_cv);
-  /* Surplus workers leave during a pause; the jobs that waited for its end must not wait on. */
+  /* Surplus workers leave during a pause. The jobs that waited for its end need a new one. */
   if (tp->tp_cur_count == 0 && tp->tp_max_threads > 0 && !ox_tpool_queue_empty_locked(tp)) {
     (void)ox_tpool_start_worker_locked(tp);
   }
@@ -132,15 +135,16 @@ bool ox_tpool_is_paused(ox_tpool_t* tp) {
 }
 
 void ox_tpool_drain_wait(ox_tpool_t* tp) {
-  if (ox_tpool_pause(tp) != 0 || ox_tpool_lock(tp) != 0) {
+  if (lock_for_flag(tp, OX_TPOOL_FL_PAUSE) != 0) {
     return;
   }
+  pause_locked(tp);
   ++tp->tp_waiters;
   while (tp->tp_cur_count != tp->tp_idle_count) {
-    ox_tpool_wait_for_workers_locked(tp);
+    ox_tpool_wait_for_others_locked(tp);
   }
   --tp->tp_waiters;
-  (void)pthread_cond_broadcast(&tp->tp_pool_cv); /* a destroy may wait for this call's end */
+  (void)pthread_cond_broadcast(&tp->tp_pool_cv); /* a destroy may wait for this */
   (void)ox_unlock(&tp->tp_lock);
 }
 
@@ -175,7 +179,7 @@ void ox_wait_job_completion(ox_job_notify_t* notify) {
   }
   (void)ox_lock(&notify->jn_lock);
   while (notify->jn_done == 0) {
-    (void)ox_tpool_wait_locked(&notify->jn_cv, &notify->jn_lock, nullptr);
+    (void)ox_cv_wait(&notify->jn_cv, &notify->jn_lock, nullptr);
   }
   (void)ox_unlock(&notify->jn_lock);
 }

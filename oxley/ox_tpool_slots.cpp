@@ -14,7 +14,7 @@
 namespace {
 
 /* One of the two records, with the words that its log lines use. */
-struct slot_view {
+struct SlotView {
   ox_lock_t* lock;
   ox_u64* bits;
   void** blocks;
@@ -24,18 +24,18 @@ struct slot_view {
   const char* slot_word;
 };
 
-slot_view stats_of(ox_tpool_t* tp) {
+SlotView stats_of(ox_tpool_t* tp) {
   ox_stats_t& s = tp->tp_stats;
   return {&s.oxst_lock, s.oxst_slots, &s.oxst_stats, &s.oxst_size, "stats", "stats", "STAT"};
 }
 
-slot_view priv_of(ox_tpool_t* tp) {
+SlotView priv_of(ox_tpool_t* tp) {
   ox_priv_t& p = tp->tp_priv;
   return {&p.ox_lock, p.ox_slots, &p.ox_priv, &p.ox_size, "tppriv", "priv", "PRIV"};
 }
 
-bool init_view(const ox_tpool_t* tp, const slot_view& view, ox_u32 size, ox_u32 max_threads) {
-  const ox_u32 bytes = size * max_threads; /* 32 bits, as the contract has it */
+bool init_view(const ox_tpool_t* tp, const SlotView& view, ox_u32 size, ox_u32 max_threads) {
+  const ox_u32 bytes = size * max_threads; /* a 32-bit product, as ox_tpool.h says */
   *view.size = size;
   if (bytes != 0) {
     *view.blocks = ox_zalloc(bytes);
@@ -54,21 +54,21 @@ bool init_view(const ox_tpool_t* tp, const slot_view& view, ox_u32 size, ox_u32 
   return true;
 }
 
-void free_view(const slot_view& view) {
+void free_view(const SlotView& view) {
   (void)ox_deinit_lock(view.lock);
   ox_free_safe(*view.blocks);
 }
 
-/* How many whole blocks the array of `max_threads` x `size` bytes holds, its 32-bit wrap included:
- * a block past the array's end must never be handed out. */
+/* How many whole blocks the array holds, also where the product of its size has wrapped: a block
+ * past the array's end must never be given to a worker. */
 ox_u32 blocks_that_fit(ox_u32 size, ox_u32 max_threads) {
   return size != 0 ? size * max_threads / size : max_threads;
 }
 
-ox_u64& word_of(const slot_view& view, ox_u32 slot) { return view.bits[slot / 64]; }
+ox_u64& word_of(const SlotView& view, ox_u32 slot) { return view.bits[slot / 64]; }
 ox_u64 bit_of(ox_u32 slot) { return ox_u64{1} << slot % 64; }
 
-int take_lowest(const slot_view& view, ox_u32 limit) {
+int take_lowest(const SlotView& view, ox_u32 limit) {
   for (ox_u32 slot = 0; slot < limit; ++slot) {
     if ((word_of(view, slot) & bit_of(slot)) == 0) {
       word_of(view, slot) |= bit_of(slot);
@@ -78,7 +78,8 @@ int take_lowest(const slot_view& view, ox_u32 limit) {
   return -1;
 }
 
-int get_slot(const ox_tpool_t* tp, const slot_view& view) {
+int get_slot(const ox_tpool_t* tp, const SlotView& view) {
+  OX_ASSERT_HELD(&tp->tp_lock);
   int slot = -1;
   if (ox_lock(view.lock) == 0) {
     slot = take_lowest(view, std::min<ox_u32>(tp->tp_max_threads, OX_TPOOL_MAX_SLOTS));
@@ -93,7 +94,8 @@ int get_slot(const ox_tpool_t* tp, const slot_view& view) {
   return slot;
 }
 
-void put_slot(const ox_tpool_t* tp, const slot_view& view, int slot) {
+void put_slot(const ox_tpool_t* tp, const SlotView& view, int slot) {
+  OX_ASSERT_HELD(&tp->tp_lock);
   if (slot < 0 || ox_lock(view.lock) != 0) {
     return;
   }
@@ -103,7 +105,7 @@ void put_slot(const ox_tpool_t* tp, const slot_view& view, int slot) {
   OX_LOG_DEBUG(5, "Thread pool [%s] %s SLOT %d freed.", tp->tp_name, view.slot_word, slot);
 }
 
-void* block_of(const ox_tpool_t* tp, const slot_view& view, int slot) {
+void* block_of(const ox_tpool_t* tp, const SlotView& view, int slot) {
   if (slot < 0 || static_cast<ox_u32>(slot) >= tp->tp_nblocks || *view.blocks == nullptr) {
     return nullptr;
   }

@@ -3,11 +3,9 @@
  *
  * A worker holds tp_lock except while it waits or runs a job.
  */
-#include <atomic>
 #include <chrono>
 #include <thread>
 
-#include "ox_assert.h"
 #include "ox_logging.h"
 #include "ox_time.h"
 #include "ox_tpool_internal.h"
@@ -15,46 +13,47 @@
 
 namespace {
 
-constexpr int idle_seconds = 2;    /* with the nanoseconds cut: one to two seconds */
-constexpr int waiter_seconds = 3;  /* drain and destroy look again, wake-up or not */
-constexpr int profiling_level = 3; /* locks keep statistics from here on */
+constexpr int IDLE_SECONDS = 2;   /* the deadline has no nanoseconds: a wait of 1 to 2 s */
+constexpr int WAITER_SECONDS = 3; /* drain and destroy look again after 2 to 3 s, woken or not */
 
 /* What one worker has for its whole life. */
-struct worker {
+struct Worker {
   int stat_slot;
   int priv_slot;
 };
 
-/* A worker cannot do without the lock, and nobody could be told: it tries until it has it, at a
- * pace that does not flood the log. */
+/* Tries until it has the lock: a worker can do nothing without it and has nobody to tell. It waits
+ * a little between two tries, since each writes a log line. */
 void lock_at_last(ox_tpool_t* tp) {
   while (ox_tpool_lock(tp) != 0) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
 }
 
-/* drain_wait looks for "every worker idle", drain and destroy for "no worker left". */
+/* Wakes drain_wait, which waits until every worker is idle, and drain and destroy, which wait until
+ * no worker is left. */
 void announce_rest(ox_tpool_t* tp) {
   if (tp->tp_cur_count == tp->tp_idle_count) {
     (void)pthread_cond_broadcast(&tp->tp_pool_cv);
   }
 }
 
-/* One wait for work, counted idle meanwhile. False when the deadline has passed. */
+/* Waits once for work and counts as idle meanwhile. False when the deadline has passed. */
 bool rest(ox_tpool_t* tp, const struct timespec& deadline) {
   ++tp->tp_idle_count;
   announce_rest(tp);
-  const bool woken = ox_tpool_wait_locked(&tp->tp_worker_cv, &tp->tp_lock, &deadline);
+  const bool woken = ox_cv_wait(&tp->tp_worker_cv, &tp->tp_lock, &deadline);
   --tp->tp_idle_count;
   return woken;
 }
 
 bool surplus(const ox_tpool_t* tp) { return tp->tp_cur_count > tp->tp_min_threads; }
 
-/* False when the worker is to leave: still paused, and more workers than stay. */
+/* False when the worker is to leave: the pool is still paused and has more workers than its
+ * minimum. */
 bool sit_out_pause(ox_tpool_t* tp) {
   OX_LOG_DEBUG(2, "Threadpool [%s] is paused...", tp->tp_name);
-  const struct timespec deadline = ox_tpool_deadline(idle_seconds);
+  const struct timespec deadline = ox_tpool_deadline(IDLE_SECONDS);
   bool in_time = true;
   while (in_time && ox_tpool_paused_locked(tp) && !ox_tpool_stopping_locked(tp)) {
     in_time = rest(tp, deadline);
@@ -73,8 +72,8 @@ bool nothing_to_do(const ox_tpool_t* tp) {
 
 /*
  * False when the worker is to leave. While the pool drains, every worker leaves as soon as the
- * queue is empty: one that waited first, because it is surplus, would hold up its caller for two
- * seconds. A job that a running job queues later finds or starts a worker of its own.
+ * queue is empty. A surplus worker that waited first would hold up the draining caller for two
+ * seconds. When a job that still runs queues another one, it starts a worker for it.
  */
 bool wait_for_job(ox_tpool_t* tp) {
   OX_LOG_DEBUG(3, "[%s] Job queue is empty, waiting for jobs...", tp->tp_name);
@@ -82,7 +81,7 @@ bool wait_for_job(ox_tpool_t* tp) {
     OX_LOG_DEBUG(1, "[%s]:Thread exiting... All jobs drained.", tp->tp_name);
     return false;
   }
-  const struct timespec deadline = ox_tpool_deadline(idle_seconds);
+  const struct timespec deadline = ox_tpool_deadline(IDLE_SECONDS);
   bool in_time = true;
   while (in_time && nothing_to_do(tp)) {
     in_time = rest(tp, deadline);
@@ -97,13 +96,12 @@ ox_job_t* unlink_head_job(ox_tpool_t* tp) {
   ox_job_t* job_head = &tp->tp_jobq;
   OX_ASSERT((job_head->job_next != job_head));
   ox_job_t* job = job_head->job_next;
-  job_head->job_next = job->job_next;
-  job->job_next->job_prev = job_head;
+  ox_list_unlink(job);
   --tp->tp_qlen;
   return job;
 }
 
-void run_job(ox_tpool_t* tp, const worker& self) {
+void run_job(ox_tpool_t* tp, const Worker& self) {
   ox_job_t* job = unlink_head_job(tp);
   if (tp->tp_init_func != nullptr) {
     tp->tp_init_func(tp->tp_name, job->job_args);
@@ -119,8 +117,8 @@ void run_job(ox_tpool_t* tp, const worker& self) {
   lock_at_last(tp);
 }
 
-/* Until the worker is to leave. */
-void serve(ox_tpool_t* tp, const worker& self) {
+/* Works until the worker is to leave. */
+void serve(ox_tpool_t* tp, const Worker& self) {
   for (bool stay = true; stay;) {
     if (ox_tpool_stopping_locked(tp)) {
       ox_tpool_drop_jobs_locked(tp);
@@ -138,7 +136,8 @@ void serve(ox_tpool_t* tp, const worker& self) {
 
 /* A worker's life between the count up, which its starter did, and the count down. */
 void live_locked(ox_tpool_t* tp) {
-  const worker self = {ox_getstat_slot(tp), ox_getpriv_slot(tp)};
+  OX_ASSERT_HELD(&tp->tp_lock);
+  const Worker self = {ox_getstat_slot(tp), ox_getpriv_slot(tp)};
   serve(tp, self);
   --tp->tp_cur_count;
   ox_putstat_slot(tp, self.stat_slot);
@@ -149,10 +148,10 @@ void live_locked(ox_tpool_t* tp) {
 }
 
 /*
- * The leaving thread becomes the pool's last leaver and joins the one before it, so that whoever
- * joins the last one has joined them all: destroy knows that the threads are gone, not merely
- * counted down, and no more than one ended thread of a pool is ever left to join. An aborted pool
- * has nobody to join it, so its threads detach.
+ * The leaving thread becomes the pool's last leaver and joins the one before it. So whoever joins
+ * the last leaver has joined them all: a destroy knows that the threads have ended, and at most one
+ * ended thread of a pool is left to join. Nobody joins the threads of an aborted pool, so they
+ * detach.
  */
 void leave_and_unlock(ox_tpool_t* tp) {
   const bool had_leaver = tp->tp_has_leaver;
@@ -180,24 +179,7 @@ void* worker_main(void* arg) {
   return nullptr;
 }
 
-/* The lock's other users stamp it before they hold it: relaxed atomic, as in ox_lock.cpp. */
-void stamp(ox_lock_stat_t& stat) {
-  struct timespec now = {};
-  (void)ox_clock_gettime(0, &now);
-  std::atomic_ref(stat.lst_acquired.tv_sec).store(now.tv_sec, std::memory_order_relaxed);
-  std::atomic_ref(stat.lst_acquired.tv_nsec).store(now.tv_nsec, std::memory_order_relaxed);
-}
-
 }  // namespace
-
-bool ox_tpool_wait_locked(pthread_cond_t* cv, ox_lock_t* lock, const struct timespec* deadline) {
-  const int rc = deadline != nullptr ? pthread_cond_timedwait(cv, &lock->lck_lock, deadline)
-                                     : pthread_cond_wait(cv, &lock->lck_lock);
-  if (std::atomic_ref(ox_prof_level).load(std::memory_order_relaxed) >= profiling_level) {
-    stamp(lock->lck_stat);
-  }
-  return rc == 0;
-}
 
 struct timespec ox_tpool_deadline(int seconds) {
   struct timespec now = {};
@@ -207,14 +189,16 @@ struct timespec ox_tpool_deadline(int seconds) {
   return now;
 }
 
-/* On a condition variable of its own: a wait on tp_worker_cv would now and then take the one signal
- * that a queueing call sends to a worker. */
-void ox_tpool_wait_for_workers_locked(ox_tpool_t* tp) {
-  const struct timespec deadline = ox_tpool_deadline(waiter_seconds);
-  (void)ox_tpool_wait_locked(&tp->tp_pool_cv, &tp->tp_lock, &deadline);
+/* They wait on a condition variable of their own: on tp_worker_cv they would sometimes take the one
+ * signal that a queueing call sends to a worker. */
+void ox_tpool_wait_for_others_locked(ox_tpool_t* tp) {
+  OX_ASSERT_HELD(&tp->tp_lock);
+  const struct timespec deadline = ox_tpool_deadline(WAITER_SECONDS);
+  (void)ox_cv_wait(&tp->tp_pool_cv, &tp->tp_lock, &deadline);
 }
 
 bool ox_tpool_start_worker_locked(ox_tpool_t* tp) {
+  OX_ASSERT_HELD(&tp->tp_lock);
   ++tp->tp_cur_count;
   OX_LOG_DEBUG(3, "[%s] Creating new Thread: cur_count=%d", tp->tp_name, tp->tp_cur_count);
   pthread_t thread;
@@ -227,11 +211,13 @@ bool ox_tpool_start_worker_locked(ox_tpool_t* tp) {
 }
 
 void ox_tpool_work_here_locked(ox_tpool_t* tp) {
+  OX_ASSERT_HELD(&tp->tp_lock);
   ++tp->tp_cur_count;
   live_locked(tp);
 }
 
 void ox_tpool_drop_jobs_locked(ox_tpool_t* tp) {
+  OX_ASSERT_HELD(&tp->tp_lock);
   while (!ox_tpool_queue_empty_locked(tp)) {
     ox_free_safe(unlink_head_job(tp));
   }

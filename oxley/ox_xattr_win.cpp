@@ -15,23 +15,33 @@
 #include "ox_logging.h"
 #include "ox_win_handle.h"
 
-/* Deliberately never through the prefix callback, and with the name of the layer's main source. */
+/* These lines name the layer's main source and do without the prefix callback: readers of the log
+ * find them in one form. */
 #define XATTR_LOG(level, fmt, ...) \
   ox_log_msg(__LINE__, "ox_platform_win", (level), errno, fmt "\n", ##__VA_ARGS__)
 
 namespace {
 
-/* Whether the texts can name a stream; if not, errno is 22. */
-bool is_nameable(const char* path, const char* name) {
-  if (path != nullptr && *path != '\0' && name != nullptr && *name != '\0' &&
-      strpbrk(name, ":\\/") == nullptr) {
+bool are_given(const char* path, const char* name) {
+  if (path != nullptr && name != nullptr) {
     return true;
   }
   errno = OX_EINVAL;
   return false;
 }
 
-/* What setting and getting begin with: is there such a file, and what is its stream called? */
+/* Whether the two texts can name a stream. If not, errno is the system's own 123 where a text is
+ * empty; else it is 22: a colon would name another stream, a separator another file. */
+bool is_nameable(const char* path, const char* name) {
+  const bool empty = *path == '\0' || *name == '\0';
+  if (!empty && strpbrk(name, ":\\/") == nullptr) {
+    return true;
+  }
+  errno = empty ? ERROR_INVALID_NAME : OX_EINVAL;
+  return false;
+}
+
+/* Finds out what kind of file there is and what its stream is called. */
 bool find_stream(const char* caller, const char* path, const char* name, ox_stat_t* st,
                  char* stream) {
   if (ox_stat(path, st) != 0) {
@@ -45,17 +55,17 @@ bool find_stream(const char* caller, const char* path, const char* name, ox_stat
   return true;
 }
 
-/* An open stream under its lock, and the end of both, which leaves errno to the caller. */
-class locked_stream {
+/* An open stream with its lock. The end of both leaves errno as it is. */
+class LockedStream {
  public:
-  explicit locked_stream(int fd)
-      : fd_(fd), locked_(ox_lock_file(fd, LOCKFILE_EXCLUSIVE_LOCK, whole, whole, &start_)) {}
-  locked_stream(const locked_stream&) = delete;
-  locked_stream& operator=(const locked_stream&) = delete;
-  ~locked_stream() {
+  explicit LockedStream(int fd)
+      : fd_(fd), locked_(ox_lock_file(fd, LOCKFILE_EXCLUSIVE_LOCK, WHOLE, WHOLE, &start_)) {}
+  LockedStream(const LockedStream&) = delete;
+  LockedStream& operator=(const LockedStream&) = delete;
+  ~LockedStream() {
     const int saved_errno = errno;
     if (locked_) {
-      (void)ox_unlock_file(fd_, whole, whole, &start_);
+      (void)ox_unlock_file(fd_, WHOLE, WHOLE, &start_);
     }
     (void)ox_close(fd_);
     errno = saved_errno;
@@ -63,12 +73,29 @@ class locked_stream {
   bool locked() const { return locked_; }
 
  private:
-  /* From offset 0: the system refuses a range that ends past the last 64-bit offset. */
-  static constexpr ox_u32 whole = 0xffffffff;
+  /* The range begins at 0: the system refuses one that ends past the last 64-bit offset. */
+  static constexpr ox_u32 WHOLE = 0xffffffff;
   OVERLAPPED start_ = {};
   const int fd_;
   const bool locked_;
 };
+
+/* Opens the stream, or makes it. An older, longer value is not cut off. */
+int open_to_write(const ox_stat_t& st, const char* path, const char* name, const char* stream) {
+  constexpr ox_u32 FLAGS = OX_O_WRONLY | OX_O_CREAT;
+  if (!is_nameable(path, name)) {
+    return -1;
+  }
+  return st.st_isdir ? ox_open_directory(stream, FLAGS) : ox_creat(stream, FLAGS, 0222);
+}
+
+/* The system may be asked for an empty name, too: nothing comes of it. */
+int open_to_read(const ox_stat_t& st, const char* path, const char* name, const char* stream) {
+  if (*name != '\0' && !is_nameable(path, name)) {
+    return -1;
+  }
+  return st.st_isdir ? ox_open_directory(stream, OX_O_RDONLY) : ox_open(stream, OX_O_RDONLY);
+}
 
 /* Whether all `size` bytes went into the stream. */
 bool write_value(int fd, const char* value, size_t size) {
@@ -97,7 +124,7 @@ bool read_value(int fd, char* value, ox_u32 size) {
   return true;
 }
 
-/* The low 32 bits of a stream's size; false with errno, and logged. */
+/* Gives the low 32 bits of a stream's size. False with errno and a log line. */
 bool stream_size(const char* stream, ox_u32* size) {
   SetLastError(NO_ERROR); /* the size of a stream may look like the mark of a failure */
   *size = GetCompressedFileSizeA(stream, nullptr);
@@ -112,7 +139,7 @@ bool stream_size(const char* stream, ox_u32* size) {
 }  // namespace
 
 int ox_get_stream_name(const char* path, const char* name, char* out) {
-  if (!is_nameable(path, name)) {
+  if (!are_given(path, name)) {
     return -1;
   }
   const size_t length = strlen(path) + strlen(name) + 2;
@@ -127,7 +154,7 @@ int ox_get_stream_name(const char* path, const char* name, char* out) {
 }
 
 int ox_setxattr(const char* path, const char* name, const void* value, size_t size, int /*flags*/) {
-  if (!is_nameable(path, name)) {
+  if (!are_given(path, name)) {
     return -1;
   }
   if (value == nullptr && size > 0) {
@@ -139,24 +166,18 @@ int ox_setxattr(const char* path, const char* name, const void* value, size_t si
   if (!find_stream("ox_setxattr", path, name, &st, stream)) {
     return -1;
   }
-  /* Deliberately without truncation: a longer value's tail stays. */
-  constexpr ox_u32 flags = OX_O_WRONLY | OX_O_CREAT;
-  const int fd = st.st_isdir ? ox_open_directory(stream, flags) : ox_creat(stream, flags, 0222);
+  const int fd = open_to_write(st, path, name, stream);
   if (fd < 0) {
     XATTR_LOG(OX_ERROR_LEVEL, "ox_setxattr: Cannot open stream for writing %s", stream);
     return -1;
   }
-  const locked_stream lock(fd);
+  const LockedStream lock(fd);
   return lock.locked() && write_value(fd, static_cast<const char*>(value), size) ? 0 : -1;
 }
 
-/* Deliberately without a look at the buffer's size: the caller gives room for the whole value. */
+/* The buffer's size is not looked at: the caller gives room for the whole value. */
 ox_s64 ox_getxattr(const char* path, const char* name, void* value, size_t /*size*/) {
-  if (!is_nameable(path, name)) {
-    return -1;
-  }
-  if (value == nullptr) {
-    errno = OX_EINVAL;
+  if (!are_given(path, name)) {
     return -1;
   }
   ox_stat_t st;
@@ -164,13 +185,12 @@ ox_s64 ox_getxattr(const char* path, const char* name, void* value, size_t /*siz
   if (!find_stream("ox_getxattr", path, name, &st, stream)) {
     return -1;
   }
-  const int fd =
-      st.st_isdir ? ox_open_directory(stream, OX_O_RDONLY) : ox_open(stream, OX_O_RDONLY);
+  const int fd = open_to_read(st, path, name, stream);
   if (fd < 0) {
     XATTR_LOG(OX_ERROR_LEVEL, "ox_getxattr: Cannot open stream for reading %s", stream);
     return -1;
   }
-  const locked_stream lock(fd);
+  const LockedStream lock(fd);
   ox_u32 size = 0;
   return lock.locked() && stream_size(stream, &size) &&
                  read_value(fd, static_cast<char*>(value), size)
@@ -179,16 +199,16 @@ ox_s64 ox_getxattr(const char* path, const char* name, void* value, size_t /*siz
 }
 
 int ox_removexattr(const char* path, const char* name) {
-  if (!is_nameable(path, name)) {
+  if (!are_given(path, name)) {
     return -1;
   }
   char stream[OX_MAXPATH_LEN];
   if (ox_get_stream_name(path, name, stream) != 0) {
-    /* Deliberately the get-call's text: log searches look for it. */
+    /* The line says "ox_getxattr" because those who search logs look for it so. */
     XATTR_LOG(OX_ERROR_LEVEL, "ox_getxattr: stream name is too long %s:%s", path, name);
     return -1;
   }
-  if (ox_unlink(stream) != 0 && errno != OX_ENOENT) {
+  if (!is_nameable(path, name) || (ox_unlink(stream) != 0 && errno != OX_ENOENT)) {
     XATTR_LOG(OX_ERROR_LEVEL, "ox_removexattr: Failed to remove xattr %s from %s", name, path);
     return -1;
   }
