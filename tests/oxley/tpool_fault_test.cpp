@@ -1,18 +1,22 @@
 /*
  * The thread pool when something fails: allocations, locks, condition variables, thread starts and
- * thread names. The linker's --wrap leads the calls through the functions below.
+ * thread names. The linker's --wrap leads these calls, and the pool's waits, through the functions
+ * below.
  */
-#include <atomic>
 #include <cerrno>
+#include <map>
 
+#include "ox_time.h"
 #include "tpool_fixture.h"
 
 using testing::ElementsAre;
 
+std::atomic<int> threads_to_join = 0;
+
 namespace {
 
 /* Calls of one kind: the `fail_at`th from now on fails, with `result`; `always`: so do all. */
-struct fault {
+struct Fault {
   std::atomic<int> fail_at = 0;
   std::atomic<bool> always = false;
   int result = OX_ENOMEM;
@@ -20,9 +24,17 @@ struct fault {
   bool hit() { return always || (fail_at > 0 && --fail_at == 0); }
 };
 
-fault zalloc_fault, lock_fault, lock_init_fault, cv_init_fault, create_fault, name_fault;
+Fault zalloc_fault, lock_fault, lock_init_fault, cv_init_fault, create_fault, name_fault;
+
+std::mutex waits_mutex;
+std::map<const pthread_cond_t*, time_t> longest_waits;
 
 }  // namespace
+
+time_t longest_wait(const pthread_cond_t* cv) {
+  const std::lock_guard hold(waits_mutex);
+  return longest_waits[cv];
+}
 
 #define WRAPPED(type, name, fault, failure, params, args) \
   type __real_##name params;                              \
@@ -34,11 +46,42 @@ WRAPPED(void*, ox_zalloc, zalloc_fault, (errno = zalloc_fault.result, nullptr), 
 WRAPPED(int, ox_lock, lock_fault, lock_fault.result, (ox_lock_t * l), (l))
 WRAPPED(int, ox_init_lock, lock_init_fault, lock_init_fault.result, (ox_lock_t * l), (l))
 WRAPPED(int, ox_init_cv, cv_init_fault, cv_init_fault.result, (pthread_cond_t * cv), (cv))
-WRAPPED(int, pthread_create, create_fault, create_fault.result,
-        (pthread_t * thread, const pthread_attr_t* attr, void* (*start)(void*), void* arg),
-        (thread, attr, start, arg))
 WRAPPED(int, pthread_getname_np, name_fault, name_fault.result,
         (pthread_t thread, char* name, size_t size), (thread, name, size))
+
+using ThreadMain = void* (*)(void*);
+int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attr, ThreadMain main,
+                          void* arg);
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attr, ThreadMain main,
+                          void* arg) {
+  if (create_fault.hit()) {
+    return create_fault.result;
+  }
+  ++threads_to_join;
+  return __real_pthread_create(thread, attr, main, arg);
+}
+
+int __real_pthread_join(pthread_t thread, void** result);
+int __wrap_pthread_join(pthread_t thread, void** result) {
+  const int rc = __real_pthread_join(thread, result);
+  --threads_to_join;
+  return rc;
+}
+
+bool __real_ox_cv_wait(pthread_cond_t* cv, ox_lock_t* l, const struct timespec* deadline);
+bool __wrap_ox_cv_wait(pthread_cond_t* cv, ox_lock_t* l, const struct timespec* deadline) {
+  if (deadline == nullptr) {
+    return __real_ox_cv_wait(cv, l, nullptr);
+  }
+  struct timespec now = {};
+  ox_clock_gettime(0, &now);
+  EXPECT_EQ(0, deadline->tv_nsec);
+  {
+    const std::lock_guard hold(waits_mutex);
+    longest_waits[cv] = std::max(longest_waits[cv], deadline->tv_sec - now.tv_sec);
+  }
+  return __real_ox_cv_wait(cv, l, time_flies ? &now : nullptr);
+}
 }
 
 namespace {
@@ -46,7 +89,7 @@ namespace {
 TEST(TpoolFault, CreationFailsWithOneErrorLineAndLeavesNothing) {
   const std::string size = std::to_string(sizeof(ox_tpool_t));
   const struct {
-    fault& kind;
+    Fault& kind;
     int nth;
     std::string line;
   } table[] = {
@@ -62,21 +105,21 @@ TEST(TpoolFault, CreationFailsWithOneErrorLineAndLeavesNothing) {
   };
   ASSERT_EQ(0, ox_init_tpool());
   for (const auto& [kind, nth, line] : table) {
-    level_log log;
+    const LogCapture log;
     kind.fail_at = nth;
     EXPECT_EQ(nullptr, ox_tpool_create("faulty", nullptr, nullptr, 8, 16, 0, 3)) << line;
     EXPECT_EQ(0, kind.fail_at) << line;
-    EXPECT_THAT(log.lines(), ElementsAre("ERROR " + line));
+    EXPECT_THAT(log.brief_lines(), ElementsAre("ERROR 12: " + line));
   }
   ox_deinit_tpool(0);
 }
 
 TEST(TpoolFault, FacilityAndNotifierFailClean) {
-  for (fault* kind : {&zalloc_fault, &lock_init_fault, &cv_init_fault}) {
+  for (Fault* kind : {&zalloc_fault, &lock_init_fault, &cv_init_fault}) {
     kind->fail_at = 1;
     EXPECT_EQ(nullptr, ox_job_create_notify());
   }
-  for (fault* kind : {&zalloc_fault, &lock_init_fault}) {
+  for (Fault* kind : {&zalloc_fault, &lock_init_fault}) {
     kind->fail_at = 1;
     EXPECT_EQ(OX_ENOMEM, ox_init_tpool());
     EXPECT_EQ(0, ox_init_tpool());
@@ -85,59 +128,54 @@ TEST(TpoolFault, FacilityAndNotifierFailClean) {
 }
 
 TEST(TpoolFault, RefusedCallsChangeNothing) {
-  const auto queue = [](test_pool& pool) { return pool.queue([](blocks) { ADD_FAILURE(); }); };
-  const auto pause = [](test_pool& pool) { return ox_tpool_pause(pool.tp); };
-  const auto resume = [](test_pool& pool) { return ox_tpool_resume(pool.tp); };
+  TestPool pool(0, 1);
+  const auto queue = [&] { return pool.queue([](Blocks) { ADD_FAILURE(); }); };
+  const auto pause = [&] { return ox_tpool_pause(pool.tp); };
+  const auto resume = [&] { return ox_tpool_resume(pool.tp); };
   const struct {
-    fault& kind;
+    Fault& kind;
     int error;
-    int (*call)(test_pool& pool);
+    std::function<int()> call;
     const char* line;
   } table[] = {
-      {lock_fault, OX_EINVAL, queue, "ERROR cannot lock thread pool to queue the job"},
-      {zalloc_fault, OX_ENOMEM, queue, "ERROR cannot allocate 40 bytes for queuing a new job"},
-      {name_fault, OX_EACCES, queue, "ERROR cannot get name [] for thread "},
-      {lock_fault, OX_EINVAL, pause, "ERROR cannot lock thread pool to update flag 8"},
-      {lock_fault, OX_EINVAL, resume, "ERROR cannot lock thread pool to update flag 8"},
+      {lock_fault, OX_EINVAL, queue, "cannot lock thread pool to queue the job"},
+      {zalloc_fault, OX_ENOMEM, queue, "cannot allocate 40 bytes for queuing a new job"},
+      {name_fault, OX_EACCES, queue, "cannot get name [] for thread "},
+      {lock_fault, OX_EINVAL, pause, "cannot lock thread pool to update flag 8"},
+      {lock_fault, OX_EINVAL, resume, "cannot lock thread pool to update flag 8"},
   };
-  test_pool pool(0, 1);
   for (const auto& [kind, error, call, line] : table) {
-    level_log log;
+    const LogCapture log;
     kind.result = error;
     kind.fail_at = 1;
-    EXPECT_EQ(error, call(pool)) << line;
-    EXPECT_THAT(log.lines(), ElementsAre(testing::StartsWith(line)));
+    EXPECT_EQ(error, call()) << line;
+    const std::string begin = "ERROR " + std::to_string(error) + ": " + line;
+    EXPECT_THAT(log.brief_lines(), ElementsAre(testing::StartsWith(begin)));
     EXPECT_EQ(0u, pool.read(&ox_tpool_t::tp_qlen));
     EXPECT_FALSE(ox_tpool_is_paused(pool.tp));
   }
 }
 
-TEST(TpoolFault, WorkerTriesUntilItHasTheLock) {
-  level_log log;
-  gate release, done;
-  test_pool pool(0, 1, "stubborn");
-  pool.block_workers(1, release);
-  lock_fault.fail_at = 1; /* the worker's, when its job is over */
-  release.post();
-  ASSERT_TRUE(eventually([] { return lock_fault.fail_at == 0; }));
-  ASSERT_EQ(0, pool.queue([&](blocks) { done.post(); }));
-  EXPECT_TRUE(done.wait());
-  EXPECT_THAT(log.lines(), testing::Contains(
-                               testing::MatchesRegex("ERROR cannot lock thread pool .*:stubborn")));
-}
-
-TEST(TpoolFault, FirstWorkerThatCannotStartIsTriedAgainWithTheNextJob) {
-  level_log log;
+TEST(TpoolFault, WorkersTryAgainToLockAndTheNextJobToStartOne) {
+  const LogCapture log;
+  Gate release;
   std::vector<int> order;
-  test_pool pool(0, 1);
+  TestPool pool(0, 1, "stubborn");
   create_fault.fail_at = 1;
-  EXPECT_EQ(0, pool.queue([&](blocks) { order.push_back(1); }));
+  EXPECT_EQ(0, pool.queue([&](Blocks) {
+    order.push_back(1);
+    release.wait();
+  }));
   EXPECT_EQ(0u, pool.workers());
-  EXPECT_EQ(0, pool.queue([&](blocks) { order.push_back(2); }));
-  EXPECT_EQ(1u, pool.workers());
+  EXPECT_EQ(0, pool.queue([&](Blocks) { order.push_back(2); }));
+  EXPECT_TRUE(pool.becomes(&ox_tpool_t::tp_qlen, 1));
+  lock_fault.fail_at = 1; /* the worker's, when its first job is over */
+  release.post();
+  EXPECT_TRUE(eventually([] { return lock_fault.fail_at == 0; }));
   pool.destroy(0);
   EXPECT_THAT(order, ElementsAre(1, 2));
-  EXPECT_EQ(1, log.count("ERROR cannot create thread"));
+  EXPECT_EQ(1, count(log, "ERROR 12: cannot create thread"));
+  EXPECT_EQ(1u, log.count(":stubborn"));
 }
 
 /* Nobody waits for ever for a job that was accepted: it runs on the thread that drains. */
@@ -145,13 +183,13 @@ TEST(TpoolFault, DrainAndDestroyRunTheQueueWhenNoThreadCanBeStarted) {
   int ran = 0;
   void* block = nullptr;
   ox_job_notify_t* notify = ox_job_create_notify();
-  test_pool pool(0, 2, "threadless", 0, 8), none(0, 0);
+  TestPool pool(0, 2, "threadless", 0, 8), none(0, 0);
   create_fault.always = true;
-  EXPECT_EQ(0, pool.queue([&](blocks b) { block = b.priv; }));
+  EXPECT_EQ(0, pool.queue([&](Blocks b) { block = b.priv; }));
   ox_drain_tpool(pool.tp, 0);
   EXPECT_EQ(pool.tp->tp_priv.ox_priv, block);
-  EXPECT_EQ(0, pool.queue([&](blocks) { ++ran; }, notify));
-  EXPECT_EQ(0, none.queue([&](blocks) { ++ran; }));
+  EXPECT_EQ(0, pool.queue([&](Blocks) { ++ran; }, notify));
+  EXPECT_EQ(0, none.queue([&](Blocks) { ++ran; }));
   pool.destroy(0);
   none.destroy(0);
   create_fault.always = false;
@@ -163,11 +201,11 @@ TEST(TpoolFault, DrainAndDestroyRunTheQueueWhenNoThreadCanBeStarted) {
 #ifdef _WIN32
 /* The runtime gives no name for either; elsewhere names are cut at 15 and no thread lacks one. */
 TEST(TpoolFault, LongNamedAndDetachedThreadsQueueAndAreStrangersToADrain) {
-  gate done;
+  Gate done;
   std::vector<int> answers;
-  test_pool pool(0, 1, "named");
+  TestPool pool(0, 1, "named");
   const auto queue = [&] {
-    answers.push_back(pool.queue([](blocks) {}));
+    answers.push_back(pool.queue([](Blocks) {}));
     done.post();
   };
   for (int i = 0; i < 2; ++i) {
@@ -182,25 +220,5 @@ TEST(TpoolFault, LongNamedAndDetachedThreadsQueueAndAreStrangersToADrain) {
   EXPECT_THAT(answers, ElementsAre(0, 0, OX_EINVAL, OX_EINVAL));
 }
 #endif
-
-/* A wait gives the lock away; the time that it was away must not count as held. */
-TEST(TpoolFault, WaitsStampTheLockAnewWhenProfiled) {
-  test_pool pool(1, 1);
-  ox_prof_level = 3;
-  pool.start_worker();
-  const auto stamped = [](ox_lock_t& lock) {
-    pthread_mutex_lock(&lock.lck_lock);
-    const bool result = lock.lck_stat.lst_acquired.tv_sec != 0;
-    pthread_mutex_unlock(&lock.lck_lock);
-    return result;
-  };
-  pthread_mutex_lock(&pool.tp->tp_lock.lck_lock);
-  pool.tp->tp_lock.lck_stat.lst_acquired = {};
-  pthread_cond_broadcast(&pool.tp->tp_worker_cv);
-  pthread_mutex_unlock(&pool.tp->tp_lock.lck_lock);
-  EXPECT_TRUE(eventually([&] { return stamped(pool.tp->tp_lock); }));
-  pool.destroy(0);
-  ox_prof_level = 0;
-}
 
 }  // namespace

@@ -1,6 +1,6 @@
 /*
  * What the thread pool's tests share: a pool with jobs given as lambdas, a gate to block workers
- * on, and the log lines as "LEVEL text".
+ * on, and the pool's timed waits.
  */
 #ifndef TPOOL_FIXTURE_H
 #define TPOOL_FIXTURE_H
@@ -9,11 +9,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
+#include <atomic>
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <semaphore>
 #include <string>
 #include <thread>
 #include <utility>
@@ -25,79 +25,81 @@
 #include "ox_logging.h"
 #include "ox_tpool.h"
 
-/* Long enough for a loaded machine; only a failing test ever waits so long. */
-constexpr auto patience = std::chrono::seconds(20);
+/*
+ * Whether the pool's timed waits are over at once. Otherwise they have no end here, so that a lost
+ * wake-up leaves its thread waiting for ever, instead of one to three seconds that no test would
+ * notice.
+ */
+inline std::atomic<bool> time_flies = false;
+/* The seconds of the longest timed wait on each condition variable so far. */
+time_t longest_wait(const pthread_cond_t* cv);
 
-/* A counting semaphore whose wait gives up, so that a fault fails a test and does not hang it. */
-class gate {
+/* The threads that were started and not joined yet. */
+extern std::atomic<int> threads_to_join;
+
+/* A semaphore whose wait gives up after a time that only a failing test needs. */
+class Gate {
  public:
-  void post(int count = 1) {
-    const std::lock_guard hold(mutex_);
-    count_ += count;
-    changed_.notify_all();
-  }
+  void post(int count = 1) { free_.release(count); }
   bool wait(int count = 1) {
-    std::unique_lock hold(mutex_);
-    const bool passed = changed_.wait_for(hold, patience, [&] { return count_ >= count; });
-    count_ -= passed ? count : 0;
-    return passed;
+    while (count > 0 && free_.try_acquire_for(std::chrono::seconds(10))) {
+      --count;
+    }
+    return count == 0;
   }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  int count_ = 0;
+  std::counting_semaphore<> free_{0};
 };
 
-struct blocks {
+struct Blocks {
   void* stats;
   void* priv;
 };
-using task = std::function<void(blocks)>;
-
-inline void* run_task(void* args, void* stats, void* priv) {
-  (*static_cast<task*>(args))({stats, priv});
-  return nullptr;
-}
+using Task = std::function<void(Blocks)>;
 
 /* A pool; unless the test took it away, destroyed at the end (what is queued is run first). */
-class test_pool {
+class TestPool {
  public:
-  explicit test_pool(ox_u32 min_threads, ox_u32 max_threads, const char* name = "pool",
-                     ox_u32 stat_size = 0, ox_u32 priv_size = 0)
+  explicit TestPool(ox_u32 min_threads, ox_u32 max_threads, const char* name = "pool",
+                    ox_u32 stat_size = 0, ox_u32 priv_size = 0)
       : tp(ox_tpool_create_external(name, nullptr, nullptr, stat_size, priv_size, min_threads,
                                     max_threads)) {}
-  test_pool(const test_pool&) = delete;
-  ~test_pool() {
-    if (tp != nullptr) {
-      ox_destroy_tpool(tp, OX_TPOOL_FL_DRAIN);
-    }
-  }
+  TestPool(const TestPool&) = delete;
+  ~TestPool() { destroy(OX_TPOOL_FL_DRAIN); }
 
-  int queue(task job, ox_job_notify_t* notify = nullptr) {
+  int queue(Task job, ox_job_notify_t* notify = nullptr) {
+    const auto run = [](void* args, void* stats, void* priv) -> void* {
+      (*static_cast<Task*>(args))({stats, priv});
+      return nullptr;
+    };
     const std::lock_guard hold(mutex_);
-    return ox_queue_work(tp, notify, run_task, &tasks_.emplace_back(std::move(job)));
-  }
-
-  /* Starts one worker, which rests when this returns. */
-  void start_worker() {
-    ASSERT_EQ(0, queue([](blocks) {}));
-    ASSERT_TRUE(idle(1));
+    return ox_queue_work(tp, notify, run, &tasks_.emplace_back(std::move(job)));
   }
 
   /* Queues `count` jobs that hold a worker each until `release` is posted; they run by then. */
-  void block_workers(int count, gate& release) {
-    gate running;
+  void block_workers(int count, Gate& release) {
+    Gate running;
     for (int i = 0; i < count; ++i) {
-      ASSERT_EQ(0, queue([&](blocks) {
+      ASSERT_EQ(0, queue([&](Blocks) {
                   running.post();
                   release.wait();
                 }));
     }
     ASSERT_TRUE(running.wait(count));
   }
+  /* Starts one worker, which rests when this returns. */
+  void start_worker() {
+    ASSERT_EQ(0, queue([](Blocks) {}));
+    ASSERT_TRUE(idle(1));
+  }
 
-  void destroy(ox_u32 flags) { ox_destroy_tpool(std::exchange(tp, nullptr), flags); }
+  void destroy(ox_u32 flags) {
+    if (tp != nullptr) {
+      ox_destroy_tpool(tp, flags); /* its last jobs may still look at it */
+      tp = nullptr;
+    }
+  }
 
   template <typename Field>
   auto read(Field ox_tpool_t::*field) {
@@ -106,70 +108,23 @@ class test_pool {
     ox_unlock(&tp->tp_lock);
     return value;
   }
-  /* Destroys the pool, whose one worker is blocked on `release`, and lets the worker go when the
-   * destruction is under way. */
-  void destroy_while_running(ox_u32 flags, gate& release) {
-    std::thread destroyer([this, flags] { ox_destroy_tpool(tp, flags); });
-    EXPECT_TRUE(eventually([this] { return read(&ox_tpool_t::tp_closing); }));
-    release.post();
-    destroyer.join();
-    tp = nullptr;
-  }
-
   ox_u32 workers() { return read(&ox_tpool_t::tp_cur_count); }
-  bool idle(ox_u32 count) {
-    return eventually([&] { return read(&ox_tpool_t::tp_idle_count) == count; });
+  template <typename Field, typename Value>
+  bool becomes(Field ox_tpool_t::*field, Value value) {
+    return eventually([&] { return read(field) == static_cast<Field>(value); });
   }
-  bool waited_for_by(ox_u32 callers) {
-    return eventually([&] { return read(&ox_tpool_t::tp_waiters) == callers; });
-  }
-  void clear_flags(ox_u32 flags) {
-    ox_lock(&tp->tp_lock);
-    tp->tp_flags &= ~flags;
-    ox_unlock(&tp->tp_lock);
-  }
+  bool idle(ox_u32 count) { return becomes(&ox_tpool_t::tp_idle_count, count); }
 
   ox_tpool_t* tp;
 
  private:
   std::mutex mutex_;
-  std::deque<task> tasks_; /* they stay where they are */
+  std::deque<Task> tasks_; /* they stay where they are */
 };
 
-/* Keeps what an aborted pool deliberately leaks reachable, for the leak checker. */
-inline void keep(ox_tpool_t* aborted) {
-  static auto* kept = new std::vector<ox_tpool_t*>;
-  kept->push_back(aborted);
+/* How many of the log's lines are this one, "LEVEL ERRNO: text". */
+inline ptrdiff_t count(const LogCapture& log, const std::string& line) {
+  return std::ranges::count(log.brief_lines(), line);
 }
-
-/* The log of a test as "LEVEL text" lines; made while no other thread logs. */
-class level_log {
- public:
-  explicit level_log(ox_s32 verbosity = 1) {
-    ox_logfunc = [](const char*, const char* level, ox_s32, ox_s32, const ox_alert_t*) {
-      return level;
-    };
-    ox_debug = verbosity;
-  }
-  ~level_log() {
-    ox_logfunc = nullptr;
-    ox_debug = 1;
-  }
-  std::vector<std::string> lines() const {
-    std::vector<std::string> all = log_.lines();
-    for (std::string& line : all) { /* {LEVEL"text"} */
-      line = line.substr(1, line.rfind('"') - 1);
-      line.replace(line.find('"'), 1, " ");
-    }
-    return all;
-  }
-  ptrdiff_t count(const std::string& line) const {
-    const auto all = lines();
-    return std::count(all.begin(), all.end(), line);
-  }
-
- private:
-  const LogCapture log_;
-};
 
 #endif
