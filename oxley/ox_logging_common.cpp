@@ -41,7 +41,7 @@ int append_level(char* buf, ox_msglvl type, ox_s32 lineno, const char* file, ox_
       return ox_append(buf, capacity, "%s", "");
     case OX_TODO_LEVEL:
       return ox_append(buf, capacity, "%-7.7s %d:%12.12s:%d ", word, errnum, file, lineno);
-    default: /* OX_ALERT_LEVEL and whatever is no level */
+    default: /* OX_ALERT_LEVEL, and every other value */
       return ox_append(buf, capacity, "%12.12s:%-d ", file, lineno);
   }
 }
@@ -81,7 +81,7 @@ int ox_log_timestamp(char* buf, int* capacity) {
   const long msecs = ox_local_time(&local);
   char text[OX_TIME_TEXT_SIZE];
   ox_time_text(&local, text);
-  /* The year stands again in the last place, deliberately: readers of the log expect it there. */
+  /* The year stands a second time at the end because readers of the log expect it there. */
   return ox_append(buf, capacity, "[%s.%3.03ld %d] ", text, msecs, local.tm_year + 1900);
 }
 

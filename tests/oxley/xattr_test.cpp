@@ -130,23 +130,58 @@ TEST_F(Xattr, NamesStreamsUpToTheLongestPath) {
                                 EndsWith("ox_get_stream_name: stream_name_len [5001] > "
                                          "OX_MAXPATH_LEN[5000]"))));
 
-  /* Names that are none, ":$DATA" above all: it would be the content of the file itself. */
   char value[1] = "";
-  const char* const refused[] = {nullptr, "", ":$DATA", "a:$DATA", "a\\b", "../a"};
-  for (const char* name : refused) {
-    for (const auto& call : std::vector<std::function<ox_s64()>>{
-             [&] { return ox_get_stream_name(file_.c_str(), name, out); },
-             [&] { return ox_setxattr(file_.c_str(), name, value, 1, 0); },
-             [&] { return ox_getxattr(file_.c_str(), name, value, 1); },
-             [&] { return ox_removexattr(file_.c_str(), name); },
-             [&] { return ox_removexattr(nullptr, "n"); }, [&] { return ox_removexattr("", "n"); },
-             [&] { return ox_setxattr(file_.c_str(), "n", nullptr, 1, 0); },
-             [&] { return ox_getxattr(file_.c_str(), "n", nullptr, 1); }}) {
-      errno = 0;
-      EXPECT_EQ(-1, call());
-      EXPECT_EQ(OX_EINVAL, errno);
-    }
+  for (const auto& call : std::vector<std::function<ox_s64()>>{
+           [&] { return ox_get_stream_name(file_.c_str(), nullptr, out); },
+           [&] { return ox_setxattr(nullptr, "n", value, 1, 0); },
+           [&] { return ox_setxattr(file_.c_str(), "n", nullptr, 1, 0); },
+           [&] { return ox_getxattr(file_.c_str(), nullptr, value, 1); },
+           [&] { return ox_removexattr(nullptr, "n"); }}) {
+    errno = 0;
+    EXPECT_EQ(-1, call());
+    EXPECT_EQ(OX_EINVAL, errno);
   }
+}
+
+/* ":$DATA" above all is no name: it would be the content of the file itself. */
+TEST_F(Xattr, RefusesNamesThatAreNoneWithALine) {
+  char value[1] = "";
+  for (const std::string name : {"", ":$DATA", "a:$DATA", "a\\b", "../a"}) {
+    const int error = name.empty() ? ERROR_INVALID_NAME : OX_EINVAL;
+    EXPECT_EQ(-1, ox_setxattr(file_.c_str(), name.c_str(), value, 1, 0));
+    EXPECT_EQ(error, errno) << name;
+    EXPECT_THAT(log_.lines().back(),
+                EndsWith("ox_setxattr: Cannot open stream for writing " + file_ + ":" + name));
+    EXPECT_EQ(-1, ox_getxattr(file_.c_str(), name.c_str(), value, 1));
+    EXPECT_TRUE(errno == error || name.empty()) << "the system's own number for an empty name";
+    EXPECT_THAT(log_.lines().back(),
+                EndsWith("ox_getxattr: Cannot open stream for reading " + file_ + ":" + name));
+    EXPECT_EQ(-1, ox_removexattr(file_.c_str(), name.c_str()));
+    EXPECT_EQ(error, errno) << name;
+    EXPECT_THAT(log_.lines().back(),
+                EndsWith("ox_removexattr: Failed to remove xattr " + name + " from " + file_));
+  }
+  EXPECT_EQ(-1, ox_setxattr("", "n", value, 1, 0));
+  EXPECT_EQ(OX_ENOENT, errno);
+  EXPECT_THAT(log_.lines().back(), EndsWith("ox_setxattr: Failed to ox_stat for "));
+  EXPECT_EQ(-1, ox_getxattr("", "n", value, 1));
+  EXPECT_EQ(OX_ENOENT, errno);
+  EXPECT_THAT(log_.lines().back(), EndsWith("ox_getxattr: Failed to ox_stat for "));
+  EXPECT_EQ(-1, ox_removexattr("", "n"));
+  EXPECT_EQ(ERROR_INVALID_NAME, errno);
+}
+
+/* Nothing is written through the null pointer. */
+TEST_F(Xattr, TellsWithoutABufferWhetherThereIsAnAttribute) {
+  EXPECT_EQ(-1, ox_getxattr(file_.c_str(), "n", nullptr, 0));
+  EXPECT_EQ(OX_ENOENT, errno);
+  EXPECT_THAT(log_.lines().back(),
+              EndsWith("ox_getxattr: Cannot open stream for reading " + file_ + ":n"));
+  EXPECT_EQ(0, set(file_, "", "n"));
+  EXPECT_EQ(0, ox_getxattr(file_.c_str(), "n", nullptr, 0));
+  EXPECT_EQ(0, set(file_, "v", "n"));
+  EXPECT_EQ(-1, ox_getxattr(file_.c_str(), "n", nullptr, 0));
+  EXPECT_EQ(ERROR_NOACCESS, errno);
 }
 
 TEST_F(Xattr, KeepsValuesOfFilesAndFolders) {
