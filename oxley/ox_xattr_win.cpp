@@ -37,7 +37,7 @@ bool is_nameable(const char* path, const char* name) {
   if (!empty && strpbrk(name, ":\\/") == nullptr) {
     return true;
   }
-  errno = empty ? ERROR_INVALID_NAME : OX_EINVAL;
+  errno = empty ? static_cast<int>(ERROR_INVALID_NAME) : static_cast<int>(OX_EINVAL);
   return false;
 }
 

@@ -194,11 +194,11 @@ TEST(Walk, ContradictionsAreFatal) {
                     EndsWith(" exceeds cffl-size:2160\"}")));
 }
 
-TEST(WalkDeathTest, EndsTheProcess) {
+/* Without a callback, the line at FATAL ends the process before the walk's own assertion does. */
+TEST(Walk, EndsTheProcessWithTheLogsAssertion) {
   Bytes bytes = sample();
   put(bytes, FIRST, ox_u64{9999});
-  EXPECT_DEATH(tn_get_first_cfp(list_in(bytes)),
-               "Assertion failed: 0, file ox_logging_win, line 117");
+  EXPECT_EQ(walked(bytes), "0 ox_logging_win:117");
 }
 
 TEST(Words, TheirTables) {
