@@ -6,18 +6,18 @@
 
 namespace tarnd {
 
-void Clients::Join(uint64_t connection, uint32_t pid) {
+void Clients::join(uint64_t connection, uint32_t pid) {
   const std::lock_guard guard(lock_);
   processes_[connection].insert(pid);
 }
 
-std::set<uint32_t> Clients::Of(uint64_t connection) {
+std::set<uint32_t> Clients::of(uint64_t connection) {
   const std::lock_guard guard(lock_);
   const auto it = processes_.find(connection);
   return it == processes_.end() ? std::set<uint32_t>{} : it->second;
 }
 
-std::set<uint32_t> Clients::Leave(uint64_t connection) {
+std::set<uint32_t> Clients::leave(uint64_t connection) {
   const std::lock_guard guard(lock_);
   const auto it = processes_.find(connection);
   if (it == processes_.end()) {
@@ -32,7 +32,7 @@ std::set<uint32_t> Clients::Leave(uint64_t connection) {
   return gone;
 }
 
-uint32_t ProcessOfThread(uint32_t thread_id) {
+uint32_t process_of_thread(uint32_t thread_id) {
   const HANDLE thread = OpenThread(THREAD_QUERY_LIMITED_INFORMATION, FALSE, thread_id);
   if (thread == nullptr) {
     return 0;

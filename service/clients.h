@@ -14,11 +14,11 @@ namespace tarnd {
 
 class Clients {
  public:
-  void Join(uint64_t connection, uint32_t pid);
+  void join(uint64_t connection, uint32_t pid);
   /* The processes behind a connection. */
-  std::set<uint32_t> Of(uint64_t connection);
+  std::set<uint32_t> of(uint64_t connection);
   /* The connection ends: returns the processes that have no other one. */
-  std::set<uint32_t> Leave(uint64_t connection);
+  std::set<uint32_t> leave(uint64_t connection);
 
  private:
   std::mutex lock_;
@@ -26,7 +26,7 @@ class Clients {
 };
 
 /* The process of a living thread; 0 when there is none. */
-uint32_t ProcessOfThread(uint32_t thread_id);
+uint32_t process_of_thread(uint32_t thread_id);
 
 }  // namespace tarnd
 

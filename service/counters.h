@@ -18,11 +18,11 @@ namespace tarnd {
 class Counters {
  public:
   /* Names by operation code; a code past the last one is "unknown". */
-  static const char* OperationName(uint32_t opcode);
+  static const char* operation_name(uint32_t opcode);
   /* TNV_OP_MAX when no operation has the name. */
-  static uint32_t OperationOfName(const std::string& name);
+  static uint32_t operation_of_name(const std::string& name);
 
-  void CountRequest(uint32_t opcode);
+  void count_request(uint32_t opcode);
 
   std::atomic<uint64_t> malformed = 0;
   std::atomic<uint64_t> regions_fetched = 0;
@@ -34,7 +34,7 @@ class Counters {
    * "name value", one a line: every operation, then "requests" (their sum, the malformed ones
    * included), then the fields above.
    */
-  std::string Text() const;
+  std::string text() const;
 
  private:
   std::array<std::atomic<uint64_t>, TNV_OP_MAX + 1> requests_ = {}; /* last: unknown codes */

@@ -2,7 +2,7 @@
 
 namespace tarnd {
 
-std::string HelpText() {
+std::string help_text() {
   return R"(tarnd: the cache service of a cloud drive, for development, demos and tests
 
 usage: tarnd --cache DIR --addr URL [options]

@@ -17,11 +17,11 @@
 namespace tarnd {
 namespace {
 
-constexpr int kPollMs = 250;
-constexpr size_t kMaxPeers = 1024;
+constexpr int POLL_MS = 250;
+constexpr size_t MAX_PEERS = 1024;
 
 /* The text in the process's code page, in which the client composes the socket's path. */
-std::string NarrowFromWide(const std::wstring& text) {
+std::string narrow_from_wide(const std::wstring& text) {
   std::string out(text.size() * 4 + 1, '\0');
   const int bytes = WideCharToMultiByte(CP_ACP, 0, text.data(), static_cast<int>(text.size()),
                                         out.data(), static_cast<int>(out.size()), nullptr, nullptr);
@@ -29,11 +29,11 @@ std::string NarrowFromWide(const std::wstring& text) {
   return out;
 }
 
-std::string WithError(const std::string& text, int err) {
+std::string with_error(const std::string& text, int err) {
   return text + " (Windows error " + std::to_string(err) + ")";
 }
 
-bool AddressOf(const std::string& path, sockaddr_un* address) {
+bool address_of(const std::string& path, sockaddr_un* address) {
   *address = {};
   address->sun_family = AF_UNIX;
   if (path.size() >= sizeof address->sun_path) {
@@ -44,7 +44,7 @@ bool AddressOf(const std::string& path, sockaddr_un* address) {
 }
 
 /* Whether somebody listens on the socket file. */
-bool IsAlive(const sockaddr_un& address) {
+bool is_alive(const sockaddr_un& address) {
   const SOCKET probe = socket(AF_UNIX, SOCK_STREAM, 0);
   const bool alive =
       connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
@@ -61,28 +61,28 @@ Listener::~Listener() {
   }
 }
 
-bool Listener::Start(std::string* error) {
+bool Listener::start(std::string* error) {
   std::wstring folder;
-  if (!WideFromUtf8(SocketFolder(service_.options), &folder) ||
-      !WideFromUtf8(SocketPath(service_.options), &wide_path_)) {
+  if (!wide_from_utf8(socket_folder(service_.options), &folder) ||
+      !wide_from_utf8(socket_path(service_.options), &wide_path_)) {
     *error = "The socket's path is not UTF-8";
     return false;
   }
-  path_ = NarrowFromWide(wide_path_);
-  if (const DWORD code = MakePrivateFolder(folder)) {
-    *error = WithError("Cannot make the socket's folder", static_cast<int>(code));
+  path_ = narrow_from_wide(wide_path_);
+  if (const DWORD code = make_private_folder(folder)) {
+    *error = with_error("Cannot make the socket's folder", static_cast<int>(code));
     return false;
   }
-  return Bind(error);
+  return bind_socket(error);
 }
 
-bool Listener::Bind(std::string* error) {
+bool Listener::bind_socket(std::string* error) {
   sockaddr_un address;
-  if (!AddressOf(path_, &address)) {
+  if (!address_of(path_, &address)) {
     *error = "Socket path too long: " + path_;
     return false;
   }
-  if (IsAlive(address)) {
+  if (is_alive(address)) {
     *error = "Another service listens on " + path_;
     return false;
   }
@@ -92,29 +92,29 @@ bool Listener::Bind(std::string* error) {
   if (listener == INVALID_SOCKET ||
       bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
       listen(listener, SOMAXCONN) != 0 || tnv_setsockopt(static_cast<int>(listener)) != 0) {
-    *error = WithError("Cannot listen on " + path_, WSAGetLastError());
+    *error = with_error("Cannot listen on " + path_, WSAGetLastError());
     return false;
   }
   OX_LOG(OX_INFO_LEVEL, 0, "Listening on %s", path_.c_str());
   return true;
 }
 
-void Listener::Run() {
+void Listener::run() {
   tnv_signal_start(path_.data());
   while (!service_.stopping) {
     WSAPOLLFD ready = {static_cast<SOCKET>(socket_), POLLRDNORM, 0};
-    const int count = WSAPoll(&ready, 1, kPollMs);
+    const int count = WSAPoll(&ready, 1, POLL_MS);
     if (count > 0) {
-      Accept();
+      accept_peer();
     } else if (count < 0) {
-      Sleep(kPollMs);
+      Sleep(POLL_MS);
     }
-    Reap(false);
+    reap(false);
   }
-  Reap(true);
+  reap(true);
 }
 
-void Listener::Accept() {
+void Listener::accept_peer() {
   const SOCKET peer = accept(static_cast<SOCKET>(socket_), nullptr, nullptr);
   if (peer == INVALID_SOCKET) {
     if (WSAGetLastError() != WSAEWOULDBLOCK) { /* the peer did not wait */
@@ -124,17 +124,17 @@ void Listener::Accept() {
     return;
   }
   const int fd = static_cast<int>(peer);
-  if (peers_.size() >= kMaxPeers || tnv_setsockopt(fd) != 0 || !StartThread(fd)) {
+  if (peers_.size() >= MAX_PEERS || tnv_setsockopt(fd) != 0 || !start_thread(fd)) {
     OX_LOG(OX_ERROR_LEVEL, 0, "A connection is refused; there are %zu", peers_.size());
     closesocket(peer);
   }
 }
 
-bool Listener::StartThread(int fd) {
+bool Listener::start_thread(int fd) {
   Peer& added = peers_.emplace_back();
   added.connection = std::make_unique<Connection>(service_, next_number_++, fd);
   try {
-    added.thread = std::thread([connection = added.connection.get()] { connection->Run(); });
+    added.thread = std::thread([connection = added.connection.get()] { connection->run(); });
   } catch (const std::system_error&) {
     peers_.pop_back();
     return false;
@@ -143,7 +143,7 @@ bool Listener::StartThread(int fd) {
 }
 
 /* Joins the threads that have ended, or all. */
-void Listener::Reap(bool all) {
+void Listener::reap(bool all) {
   for (auto it = peers_.begin(); it != peers_.end();) {
     if (all || it->connection->done()) {
       it->thread.join();

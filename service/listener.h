@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "connection.h"
+#include "protocol/connection.h"
 
 namespace tarnd {
 
@@ -22,9 +22,9 @@ class Listener {
    * Makes the socket's folder (for this user only, when it is not there yet), removes the socket
    * file of a service that is gone, and listens. False with a text in `*error`.
    */
-  bool Start(std::string* error);
+  bool start(std::string* error);
   /* Accepts connections until the service stops, then waits until they have ended. */
-  void Run();
+  void run();
 
  private:
   struct Peer {
@@ -32,10 +32,10 @@ class Listener {
     std::thread thread;
   };
 
-  bool Bind(std::string* error);
-  void Accept();
-  bool StartThread(int fd);
-  void Reap(bool all);
+  bool bind_socket(std::string* error);
+  void accept_peer();
+  bool start_thread(int fd);
+  void reap(bool all);
 
   Service& service_;
   std::string path_; /* as the client composes it: in the process's code page */

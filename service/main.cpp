@@ -17,11 +17,11 @@
 namespace tarnd {
 namespace {
 
-enum ExitCode { kEnded = 0, kCannotStart = 1, kUsage = 2, kUnsaved = 3 };
+enum ExitCode { ENDED = 0, CANNOT_START = 1, USAGE = 2, UNSAVED = 3 };
 
 std::atomic<Service*> running = nullptr;
 
-BOOL WINAPI OnConsoleEvent(DWORD) {
+BOOL WINAPI on_console_event(DWORD) {
   Service* service = running;
   if (service != nullptr) {
     service->stopping = true;
@@ -30,46 +30,46 @@ BOOL WINAPI OnConsoleEvent(DWORD) {
 }
 
 /* An error before or after the log is there: on both. */
-int Fail(ExitCode code, const std::string& text) {
+int fail(ExitCode code, const std::string& text) {
   fprintf(stderr, "tarnd: %s\n", text.c_str());
   OX_LOG(OX_ERROR_LEVEL, 0, "%s", text.c_str());
   return code;
 }
 
-std::optional<std::string> Variable(const char* name) {
+std::optional<std::string> variable(const char* name) {
   std::wstring wide_name;
-  WideFromUtf8(name, &wide_name);
+  wide_from_utf8(name, &wide_name);
   wchar_t value[4096];
   const DWORD length = GetEnvironmentVariableW(wide_name.c_str(), value, std::size(value));
   std::string text;
-  if (length == 0 || length >= std::size(value) || !Utf8FromWide({value, length}, &text)) {
+  if (length == 0 || length >= std::size(value) || !utf8_from_wide({value, length}, &text)) {
     return std::nullopt;
   }
   return text;
 }
 
-bool ReadOptions(Options* options, std::string* error) {
+bool read_options(Options* options, std::string* error) {
   std::string line;
-  if (!Utf8FromWide(GetCommandLineW(), &line)) {
+  if (!utf8_from_wide(GetCommandLineW(), &line)) {
     *error = "the command line is not well-formed UTF-16";
     return false;
   }
-  return ParseCommandLine(SplitCommandLine(line), options, error) &&
-         ParseEnvironment(Variable, options, error);
+  return parse_command_line(split_command_line(line), options, error) &&
+         parse_environment(variable, options, error);
 }
 
 /* The log facility takes narrow paths. */
-std::string LogPath(const std::string& utf8) {
+std::string log_path(const std::string& utf8) {
   std::wstring wide;
-  WideFromUtf8(utf8, &wide);
+  wide_from_utf8(utf8, &wide);
   char narrow[4 * MAX_PATH];
   const int bytes =
       WideCharToMultiByte(CP_ACP, 0, wide.c_str(), -1, narrow, sizeof narrow, nullptr, nullptr);
   return bytes > 0 ? narrow : utf8;
 }
 
-void ReportCounts(const Service& service) {
-  const std::string text = service.counters.Text();
+void report_counts(const Service& service) {
+  const std::string text = service.counters.text();
   fputs(text.c_str(), stdout);
   fflush(stdout);
   for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos;
@@ -77,13 +77,13 @@ void ReportCounts(const Service& service) {
     OX_LOG(OX_INFO_LEVEL, 0, "Count: %s", text.substr(start, end - start).c_str());
   }
   std::wstring path;
-  if (service.options.counts_file.empty() || !WideFromUtf8(service.options.counts_file, &path)) {
+  if (service.options.counts_file.empty() || !wide_from_utf8(service.options.counts_file, &path)) {
     return;
   }
-  const FileHandle file(CreateFileW(path.c_str(), GENERIC_WRITE, kShareAll, nullptr, CREATE_ALWAYS,
+  const FileHandle file(CreateFileW(path.c_str(), GENERIC_WRITE, SHARE_ALL, nullptr, CREATE_ALWAYS,
                                     FILE_ATTRIBUTE_NORMAL, nullptr));
   DWORD written = 0;
-  if (!file.Valid() || (WriteFile(file.Get(), text.data(), static_cast<DWORD>(text.size()),
+  if (!file.valid() || (WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()),
                                   &written, nullptr) == 0)) {
     OX_LOG(OX_ERROR_LEVEL, static_cast<ox_s32>(GetLastError()), "Cannot write the counts to %s",
            service.options.counts_file.c_str());
@@ -91,71 +91,71 @@ void ReportCounts(const Service& service) {
 }
 
 /* Serves from here on to the end: recovery, clients, the way back. */
-int Serve(Service& service) {
-  service.Recover();
+int serve(Service& service) {
+  service.recover();
   std::string error;
   {
     Listener listener(service);
-    if (!listener.Start(&error)) {
-      return Fail(kCannotStart, error);
+    if (!listener.start(&error)) {
+      return fail(CANNOT_START, error);
     }
     running = &service;
-    SetConsoleCtrlHandler(OnConsoleEvent, TRUE);
-    listener.Run();
+    SetConsoleCtrlHandler(on_console_event, TRUE);
+    listener.run();
     running = nullptr;
   }
-  const size_t unsaved = service.Finish();
-  ReportCounts(service);
+  const size_t unsaved = service.finish();
+  report_counts(service);
   if (unsaved != 0) {
-    return Fail(kUnsaved, std::to_string(unsaved) + " files could not be written back; they are " +
-                              "kept for the next start");
+    return fail(UNSAVED, std::to_string(unsaved) + " files could not be written back; they are " +
+                             "kept for the next start");
   }
   OX_LOG(OX_INFO_LEVEL, 0, "Ended");
-  return kEnded;
+  return ENDED;
 }
 
-int Run(const Options& options) {
+int run(const Options& options) {
   std::wstring cache;
   PidFile pid_file;
   std::string error;
-  if (!WideFromUtf8(options.cache, &cache) || MakePrivateFolder(cache) != 0) {
-    return Fail(kCannotStart, "Cannot make the cache directory " + options.cache);
+  if (!wide_from_utf8(options.cache, &cache) || make_private_folder(cache) != 0) {
+    return fail(CANNOT_START, "Cannot make the cache directory " + options.cache);
   }
-  if (const int err = pid_file.Take(cache)) {
-    return Fail(kCannotStart, err == OX_EBUSY
+  if (const int err = pid_file.take(cache)) {
+    return fail(CANNOT_START, err == OX_EBUSY
                                   ? "Another service has the cache directory " + options.cache
                                   : "Cannot write tarnd_pid in " + options.cache);
   }
-  std::unique_ptr<Cloud> cloud = OpenCloud(options.addr, &error);
+  std::unique_ptr<Cloud> cloud = open_cloud(options.addr, &error);
   if (cloud == nullptr) {
-    return Fail(kCannotStart, error);
+    return fail(CANNOT_START, error);
   }
   const std::wstring files = cache + L"\\files";
-  if (MakePrivateFolder(files) != 0 || tnv_sock_init() != 0) {
-    return Fail(kCannotStart, "Cannot use the cache directory or Windows Sockets");
+  if (make_private_folder(files) != 0 || tnv_sock_init() != 0) {
+    return fail(CANNOT_START, "Cannot use the cache directory or Windows Sockets");
   }
   Service service(options, std::move(cloud), files);
-  return Serve(service);
+  return serve(service);
 }
 
-int Main() {
+int main() {
   Options options;
   std::string error;
-  if (!ReadOptions(&options, &error)) {
+  if (!read_options(&options, &error)) {
     fprintf(stderr, "tarnd: %s\nTry: tarnd --help\n", error.c_str());
-    return kUsage;
+    return USAGE;
   }
   if (options.help || options.version) {
-    fputs((options.help ? HelpText() : "tarnd " + std::string(kVersion) + '\n').c_str(), stdout);
-    return kEnded;
+    fputs((options.help ? help_text() : "tarnd " + std::string(VERSION) + '\n').c_str(), stdout);
+    return ENDED;
   }
-  ox_init_logging("TARND_LOGGER", LogPath(options.logfile).c_str(), nullptr, nullptr);
+  ox_init_logging("TARND_LOGGER", log_path(options.logfile).c_str(), nullptr, nullptr);
   if (options.debug_level >= 0) {
     ox_debug = options.debug_level;
   }
-  OX_LOG(OX_INFO_LEVEL, 0, "tarnd %s (%s) for user %s: cloud %s, cache %s", kVersion, kGitHash,
+  OX_LOG(OX_INFO_LEVEL, 0, "tarnd %s (%s) for user %s: cloud %s, cache %s", VERSION, GIT_HASH,
          options.user.c_str(), options.addr.c_str(), options.cache.c_str());
-  const int code = Run(options);
+  const int code = run(options);
   ox_log_flush();
   return code;
 }
@@ -163,4 +163,4 @@ int Main() {
 }  // namespace
 }  // namespace tarnd
 
-int main() { return tarnd::Main(); }
+int main() { return tarnd::main(); }

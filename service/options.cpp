@@ -15,7 +15,7 @@ struct TextOption {
   std::string Options::*field;
 };
 
-constexpr std::array<TextOption, 14> kTextOptions = {{
+constexpr std::array<TextOption, 14> TEXT_OPTIONS = {{
     {"--cfs", &Options::cfs},
     {"--user", &Options::user},
     {"--cache", &Options::cache},
@@ -37,50 +37,50 @@ struct FlagOption {
   bool Options::*field;
 };
 
-constexpr std::array<FlagOption, 3> kFlagOptions = {{
+constexpr std::array<FlagOption, 3> FLAG_OPTIONS = {{
     {"--vfs", &Options::vfs},
     {"--help", &Options::help},
     {"--version", &Options::version},
 }};
 
-bool IsOption(const std::string& word) { return word.starts_with("--"); }
+bool is_option(const std::string& word) { return word.starts_with("--"); }
 
 template <typename Number>
-bool ParseNumber(const std::string& text, Number max, Number* number) {
+bool parse_number(const std::string& text, Number max, Number* number) {
   const char* end = text.data() + text.size();
   const auto [rest, err] = std::from_chars(text.data(), end, *number);
   return err == std::errc{} && rest == end && *number <= max;
 }
 
 template <typename Table>
-auto FindOption(const Table& table, const std::string& name) {
+auto find_option(const Table& table, const std::string& name) {
   return std::find_if(table.begin(), table.end(),
                       [&](const auto& option) { return name == option.name; });
 }
 
 /* One option with the words that follow it. */
-bool TakeOption(const std::string& name, const std::string& value, Options* options,
-                std::string* error) {
-  if (const auto text = FindOption(kTextOptions, name); text != kTextOptions.end()) {
+bool take_option(const std::string& name, const std::string& value, Options* options,
+                 std::string* error) {
+  if (const auto text = find_option(TEXT_OPTIONS, name); text != TEXT_OPTIONS.end()) {
     options->*(text->field) = value;
     return true;
   }
-  if (const auto flag = FindOption(kFlagOptions, name); flag != kFlagOptions.end()) {
+  if (const auto flag = find_option(FLAG_OPTIONS, name); flag != FLAG_OPTIONS.end()) {
     *error = value.empty() ? "" : name + " takes no value";
     return options->*(flag->field) = value.empty();
   }
   if (name == "--uid") {
     *error = "--uid wants a number, not \"" + value + '"';
-    return value.empty() || ParseNumber<uint64_t>(value, UINT64_MAX, &options->uid);
+    return value.empty() || parse_number<uint64_t>(value, UINT64_MAX, &options->uid);
   }
   *error = "unknown option " + name;
   return false;
 }
 
-bool ParseOperations(const std::string& text, std::set<uint32_t>* operations, std::string* error) {
+bool parse_operations(const std::string& text, std::set<uint32_t>* operations, std::string* error) {
   std::istringstream names(text);
   for (std::string name; std::getline(names, name, ',');) {
-    const uint32_t opcode = Counters::OperationOfName(name);
+    const uint32_t opcode = Counters::operation_of_name(name);
     if (opcode == TNV_OP_MAX) {
       *error = "TARND_LATENCY_OPS: no operation is called \"" + name + '"';
       return false;
@@ -92,7 +92,7 @@ bool ParseOperations(const std::string& text, std::set<uint32_t>* operations, st
 
 }  // namespace
 
-std::vector<std::string> SplitCommandLine(const std::string& line) {
+std::vector<std::string> split_command_line(const std::string& line) {
   std::vector<std::string> words;
   bool quoted = false;
   bool in_word = false;
@@ -111,15 +111,16 @@ std::vector<std::string> SplitCommandLine(const std::string& line) {
   return words;
 }
 
-bool ParseCommandLine(const std::vector<std::string>& words, Options* options, std::string* error) {
-  auto word = std::find_if(words.begin(), words.end(), IsOption);
+bool parse_command_line(const std::vector<std::string>& words, Options* options,
+                        std::string* error) {
+  auto word = std::find_if(words.begin(), words.end(), is_option);
   while (word != words.end()) {
     const std::string& name = *word++;
     std::string value;
-    for (bool first = true; word != words.end() && !IsOption(*word); first = false) {
+    for (bool first = true; word != words.end() && !is_option(*word); first = false) {
       value += (first ? "" : " ") + *word++;
     }
-    if (!TakeOption(name, value, options, error)) {
+    if (!take_option(name, value, options, error)) {
       return false;
     }
   }
@@ -130,10 +131,10 @@ bool ParseCommandLine(const std::vector<std::string>& words, Options* options, s
   return !options->cache.empty() && !options->addr.empty();
 }
 
-bool ParseEnvironment(const Environment& environment, Options* options, std::string* error) {
+bool parse_environment(const Environment& environment, Options* options, std::string* error) {
   const auto number = [&](const char* name, auto max, auto* field) {
     const std::optional<std::string> text = environment(name);
-    if (!text || text->empty() || ParseNumber<decltype(max)>(*text, max, field)) {
+    if (!text || text->empty() || parse_number<decltype(max)>(*text, max, field)) {
       return true;
     }
     *error = std::string(name) + " wants a number up to " + std::to_string(max) + ", not \"" +
@@ -145,19 +146,19 @@ bool ParseEnvironment(const Environment& environment, Options* options, std::str
          number("TARND_UTXID", UINT64_MAX, &options->first_utxid) &&
          number("TARND_LATENCY_MS", uint32_t{60000}, &options->latency_ms) &&
          number("TARND_DEBUG", 5, &options->debug_level) &&
-         ParseOperations(environment("TARND_LATENCY_OPS").value_or(""), &options->latency_ops,
-                         error) &&
+         parse_operations(environment("TARND_LATENCY_OPS").value_or(""), &options->latency_ops,
+                          error) &&
          (options->region_shift >= 0 || (*error = "TARND_REGION_SHIFT is negative", false));
 }
 
-std::string SocketFolder(const Options& options) {
+std::string socket_folder(const Options& options) {
   const std::string& root = options.sockdir.empty() ? options.cache : options.sockdir;
   return options.wgid.empty() ? root : root + '\\' + options.wgid;
 }
 
-std::string SocketPath(const Options& options) {
+std::string socket_path(const Options& options) {
   const std::string name = options.uid == 0 ? "tnvfs.sock" : std::to_string(options.uid) + ".sock";
-  return SocketFolder(options) + '\\' + name;
+  return socket_folder(options) + '\\' + name;
 }
 
 }  // namespace tarnd

@@ -53,20 +53,21 @@ struct Options {
 /* The value of an environment variable, if it is set. */
 using Environment = std::function<std::optional<std::string>(const char* name)>;
 
-std::vector<std::string> SplitCommandLine(const std::string& line);
+std::vector<std::string> split_command_line(const std::string& line);
 /* Both return false with a text in `*error` that names what is wrong. */
-bool ParseCommandLine(const std::vector<std::string>& words, Options* options, std::string* error);
-bool ParseEnvironment(const Environment& environment, Options* options, std::string* error);
+bool parse_command_line(const std::vector<std::string>& words, Options* options,
+                        std::string* error);
+bool parse_environment(const Environment& environment, Options* options, std::string* error);
 
 /*
  * The socket's path as the library composes it: the directory (and below it the workgroup's) and
  * "<uid>.sock" or "tnvfs.sock".
  */
-std::string SocketFolder(const Options& options);
-std::string SocketPath(const Options& options);
+std::string socket_folder(const Options& options);
+std::string socket_path(const Options& options);
 
 /* What --help prints. */
-std::string HelpText();
+std::string help_text();
 
 }  // namespace tarnd
 

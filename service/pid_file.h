@@ -10,14 +10,14 @@
 
 #include <string>
 
-#include "windows_file.h"
+#include "files/windows_file.h"
 
 namespace tarnd {
 
 class PidFile {
  public:
   /* 0, OX_EBUSY when another service has it, or another error number. */
-  int Take(const std::wstring& cache_folder);
+  int take(const std::wstring& cache_folder);
 
  private:
   FileHandle file_; /* the lock goes with it */

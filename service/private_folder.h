@@ -12,7 +12,7 @@ namespace tarnd {
  * Makes the folder and those above it that are missing, each for this user only. One that is there
  * stays as it is: its owner decided who may enter. 0 or a Windows error.
  */
-DWORD MakePrivateFolder(const std::wstring& path);
+DWORD make_private_folder(const std::wstring& path);
 
 }  // namespace tarnd
 

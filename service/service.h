@@ -8,9 +8,9 @@
 #include <string>
 
 #include "clients.h"
-#include "cloud.h"
+#include "cloud/cloud.h"
 #include "counters.h"
-#include "open_files.h"
+#include "files/open_files.h"
 #include "options.h"
 
 namespace tarnd {
@@ -21,18 +21,18 @@ class Credentials {
   explicit Credentials(const Options& options);
 
   /* The reference cloud takes every token but this one. */
-  static constexpr const char* kExpiredToken = "expired";
+  static constexpr const char* EXPIRED_TOKEN = "expired";
 
   /* Both answer whether the token is one that the cloud accepts. */
-  bool SetToken(const std::string& token);
-  bool Authorised();
+  bool set_token(const std::string& token);
+  bool authorised();
 
   struct Proxy {
     std::string server;
     std::string user;
     std::string password;
   };
-  void SetProxy(Proxy proxy);
+  void set_proxy(Proxy proxy);
 
  private:
   std::mutex lock_; /* guards the fields */
@@ -48,11 +48,11 @@ class Service {
   /*
    * Writes back what a killed service left in the cache directory; call before any client is there.
    */
-  void Recover();
+  void recover();
   /* The connection ended; so do the opens of processes that have no other. */
-  void ConnectionEnded(uint64_t connection);
+  void connection_ended(uint64_t connection);
   /* Writes back what waits and empties the cache: the number of files that could not be saved. */
-  size_t Finish();
+  size_t finish();
 
   const Options options;
   const std::unique_ptr<Cloud> cloud;

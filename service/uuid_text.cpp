@@ -10,7 +10,7 @@ namespace tarnd {
 
 static_assert(sizeof(UUID) == sizeof(cfs_id_t));
 
-std::string TextOfId(const cfs_id_t& id) {
+std::string text_of_id(const cfs_id_t& id) {
   UUID uuid;
   std::memcpy(&uuid, &id, sizeof uuid);
   RPC_CSTR text = nullptr;
@@ -22,7 +22,7 @@ std::string TextOfId(const cfs_id_t& id) {
   return result;
 }
 
-bool IdOfText(const std::string& text, cfs_id_t* id) {
+bool id_of_text(const std::string& text, cfs_id_t* id) {
   std::string copy = text;
   UUID uuid;
   if (copy.size() != 36 ||
@@ -33,7 +33,7 @@ bool IdOfText(const std::string& text, cfs_id_t* id) {
   return true;
 }
 
-cfs_id_t NewId() {
+cfs_id_t new_id() {
   UUID uuid;
   UuidCreate(&uuid);
   cfs_id_t id;
@@ -45,6 +45,6 @@ bool IdLess::operator()(const cfs_id_t& a, const cfs_id_t& b) const {
   return std::memcmp(&a, &b, sizeof a) < 0;
 }
 
-bool SameId(const cfs_id_t& a, const cfs_id_t& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+bool same_id(const cfs_id_t& a, const cfs_id_t& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
 }  // namespace tarnd

@@ -9,15 +9,15 @@
 namespace tarnd {
 
 /* 36 lower-case characters. */
-std::string TextOfId(const cfs_id_t& id);
+std::string text_of_id(const cfs_id_t& id);
 /* False when the text is no UUID. */
-bool IdOfText(const std::string& text, cfs_id_t* id);
-cfs_id_t NewId();
+bool id_of_text(const std::string& text, cfs_id_t* id);
+cfs_id_t new_id();
 
 struct IdLess {
   bool operator()(const cfs_id_t& a, const cfs_id_t& b) const;
 };
-bool SameId(const cfs_id_t& a, const cfs_id_t& b);
+bool same_id(const cfs_id_t& a, const cfs_id_t& b);
 
 }  // namespace tarnd
 

@@ -4,7 +4,7 @@
 
 namespace tarnd {
 
-bool WideFromUtf8(std::string_view text, std::wstring* out) {
+bool wide_from_utf8(std::string_view text, std::wstring* out) {
   out->clear();
   if (text.empty()) {
     return true;
@@ -17,7 +17,7 @@ bool WideFromUtf8(std::string_view text, std::wstring* out) {
   return units > 0;
 }
 
-bool Utf8FromWide(std::wstring_view text, std::string* out) {
+bool utf8_from_wide(std::wstring_view text, std::string* out) {
   out->clear();
   if (text.empty()) {
     return true;

@@ -11,8 +11,8 @@ namespace tarnd {
  * False when the text is not well-formed (overlong, cut or surrogate bytes; a lone surrogate):
  * such a name has no counterpart on the other side, and a replaced character would be another name.
  */
-bool WideFromUtf8(std::string_view text, std::wstring* out);
-bool Utf8FromWide(std::wstring_view text, std::string* out);
+bool wide_from_utf8(std::string_view text, std::wstring* out);
+bool utf8_from_wide(std::wstring_view text, std::string* out);
 
 }  // namespace tarnd
 

@@ -8,9 +8,9 @@
 #include <fstream>
 #include <thread>
 
-#include "cloud.h"
+#include "cloud/cloud.h"
+#include "names/share_path.h"
 #include "ox_errno.h"
-#include "share_path.h"
 #include "test_folder.h"
 
 namespace {
@@ -39,7 +39,7 @@ TEST(SharePath, JoinsButNeverClimbsOutOfTheShare) {
   };
   for (const auto& c : cases) {
     std::string joined;
-    EXPECT_EQ(tarnd::NormaliseSharePath(c.share, c.path, &joined), c.error) << c.path;
+    EXPECT_EQ(tarnd::normalise_share_path(c.share, c.path, &joined), c.error) << c.path;
     EXPECT_EQ(c.error == 0 ? joined : "", c.joined);
   }
 }
@@ -51,12 +51,12 @@ TEST(SharePath, RefusesNamesThatReachOtherFilesOnWindows) {
         "a>"sv,       "a|b"sv,          "a\tb"sv,      "a\x1f"sv,     "a."sv,     "a "sv,
         "..."sv,      "NUL"sv,          "Com1"sv,      "lpt\u00b2"sv, "CONIN$"sv, "\xff"sv,
         "\xc0\xaf"sv, "\xed\xa0\x80"sv, "a\xe2\x82"sv, "a\0b"sv}) {
-    EXPECT_EQ(tarnd::CheckName(name), OX_EINVAL) << name;
+    EXPECT_EQ(tarnd::check_name(name), OX_EINVAL) << name;
   }
   std::string joined;
-  EXPECT_EQ(tarnd::NormaliseSharePath("", "x/con", &joined), OX_EINVAL);
-  EXPECT_EQ(tarnd::CheckName(std::string(244, 'n')), 0);
-  EXPECT_EQ(tarnd::CheckName(std::string(245, 'n')), OX_EINVAL);
+  EXPECT_EQ(tarnd::normalise_share_path("", "x/con", &joined), OX_EINVAL);
+  EXPECT_EQ(tarnd::check_name(std::string(244, 'n')), 0);
+  EXPECT_EQ(tarnd::check_name(std::string(245, 'n')), OX_EINVAL);
 }
 
 class CloudTest : public testing::Test {
@@ -64,43 +64,43 @@ class CloudTest : public testing::Test {
   void SetUp() override {
     fs::create_directory(root_);
     std::string error;
-    cloud_ = tarnd::OpenCloud(address_, &error);
+    cloud_ = tarnd::open_cloud(address_, &error);
     ASSERT_NE(cloud_, nullptr) << error;
   }
-  int Put(const std::string& path, const std::string& content) {
-    return cloud_->Write(path, content.size(),
+  int put(const std::string& path, const std::string& content) {
+    return cloud_->write(path, content.size(),
                          [&](uint64_t offset, void* buffer, size_t size, size_t* got) {
                            *got = std::min(size, size_t{3}); /* in many small pieces */
                            std::memcpy(buffer, content.data() + offset, *got);
                            return 0;
                          });
   }
-  std::string Get(const std::string& path, uint64_t offset = 0, size_t size = 1000) {
+  std::string get(const std::string& path, uint64_t offset = 0, size_t size = 1000) {
     std::string content(size, '\0');
     size_t got = 0;
-    const int err = cloud_->Read(path, offset, content.data(), size, &got);
+    const int err = cloud_->read(path, offset, content.data(), size, &got);
     content.resize(got);
     return err == 0 ? content : "error " + std::to_string(err);
   }
-  CloudEntry Status(const std::string& path) {
+  CloudEntry status(const std::string& path) {
     CloudEntry entry;
-    EXPECT_EQ(cloud_->Status(path, &entry), 0) << path;
+    EXPECT_EQ(cloud_->status(path, &entry), 0) << path;
     return entry;
   }
-  int StatusError(const std::string& path) {
+  int status_error(const std::string& path) {
     CloudEntry entry;
-    return cloud_->Status(path, &entry);
+    return cloud_->status(path, &entry);
   }
-  std::vector<std::string> Names(const std::string& path) {
+  std::vector<std::string> names(const std::string& path) {
     std::vector<CloudEntry> entries;
-    EXPECT_EQ(cloud_->List(path, &entries), 0) << path;
+    EXPECT_EQ(cloud_->list(path, &entries), 0) << path;
     std::vector<std::string> names;
     for (const CloudEntry& entry : entries) {
       names.push_back(entry.name);
     }
     return names;
   }
-  size_t FilesOnDisk() {
+  size_t files_on_disk() {
     return static_cast<size_t>(
         std::distance(fs::directory_iterator(root_), fs::directory_iterator()));
   }
@@ -111,12 +111,12 @@ class CloudTest : public testing::Test {
   std::unique_ptr<tarnd::Cloud> cloud_;
 };
 
-bool SameId(const cfs_id_t& a, const cfs_id_t& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+bool same_id(const cfs_id_t& a, const cfs_id_t& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
 TEST_F(CloudTest, AddressesThatAreWrongSaySo) {
   const auto error = [](const std::string& address) {
     std::string text;
-    EXPECT_EQ(tarnd::OpenCloud(address, &text), nullptr) << address;
+    EXPECT_EQ(tarnd::open_cloud(address, &text), nullptr) << address;
     EXPECT_THAT(text, HasSubstr(address));
     return text;
   };
@@ -125,56 +125,56 @@ TEST_F(CloudTest, AddressesThatAreWrongSaySo) {
   EXPECT_THAT(error("file:///C:/a%2"), HasSubstr("hexadecimal"));
   EXPECT_THAT(error("file:///C:/%ff"), HasSubstr("UTF-8"));
   EXPECT_THAT(error(address_ + "/none"), HasSubstr("cannot be opened"));
-  EXPECT_EQ(Put("file", "x"), 0);
+  EXPECT_EQ(put("file", "x"), 0);
   EXPECT_THAT(error(address_ + "/file"), HasSubstr("not a folder"));
 }
 
 TEST_F(CloudTest, IdsFollowThePathAndVersionsTheContent) {
-  ASSERT_EQ(Put("File.txt", "one"), 0);
-  EXPECT_EQ(Get("File.txt", 1, 1), "n");
-  EXPECT_EQ(Get("File.txt", uint64_t{1} << 40), "");
-  const CloudEntry first = Status("File.txt");
-  const CloudEntry other_case = Status("fILE.TXT");
+  ASSERT_EQ(put("File.txt", "one"), 0);
+  EXPECT_EQ(get("File.txt", 1, 1), "n");
+  EXPECT_EQ(get("File.txt", uint64_t{1} << 40), "");
+  const CloudEntry first = status("File.txt");
+  const CloudEntry other_case = status("fILE.TXT");
   EXPECT_EQ(other_case.name, "File.txt");
   EXPECT_EQ(other_case.path, "File.txt");
-  EXPECT_TRUE(SameId(first.id, other_case.id));
+  EXPECT_TRUE(same_id(first.id, other_case.id));
 
   std::vector<CloudEntry> listed;
-  ASSERT_EQ(cloud_->List("", &listed), 0);
+  ASSERT_EQ(cloud_->list("", &listed), 0);
   ASSERT_EQ(listed.size(), 1u);
-  EXPECT_TRUE(SameId(first.id, listed[0].id));
-  EXPECT_TRUE(SameId(first.version, listed[0].version));
+  EXPECT_TRUE(same_id(first.id, listed[0].id));
+  EXPECT_TRUE(same_id(first.version, listed[0].version));
 
-  ASSERT_EQ(Put("file.TXT", "four"), 0); /* the same file, still with its own name */
-  EXPECT_THAT(Names(""), UnorderedElementsAre("File.txt"));
-  EXPECT_TRUE(SameId(first.id, Status("File.txt").id));
-  EXPECT_FALSE(SameId(first.version, Status("File.txt").version));
-  ASSERT_EQ(Put("Other", "four"), 0);
-  EXPECT_FALSE(SameId(first.id, Status("Other").id));
+  ASSERT_EQ(put("file.TXT", "four"), 0); /* the same file, still with its own name */
+  EXPECT_THAT(names(""), UnorderedElementsAre("File.txt"));
+  EXPECT_TRUE(same_id(first.id, status("File.txt").id));
+  EXPECT_FALSE(same_id(first.version, status("File.txt").version));
+  ASSERT_EQ(put("Other", "four"), 0);
+  EXPECT_FALSE(same_id(first.id, status("Other").id));
 }
 
 TEST_F(CloudTest, AContentAppearsWholeOrNotAtAll) {
-  ASSERT_EQ(Put("file", "old"), 0);
+  ASSERT_EQ(put("file", "old"), 0);
   const auto ends_early = [](uint64_t offset, void*, size_t, size_t* got) {
     *got = offset < 5 ? 5 : 0;
     return 0;
   };
-  EXPECT_EQ(cloud_->Write("file", 10, ends_early), OX_EIO);
-  EXPECT_EQ(cloud_->Write("new", 10, ends_early), OX_EIO);
-  EXPECT_EQ(FilesOnDisk(), 1u);
+  EXPECT_EQ(cloud_->write("file", 10, ends_early), OX_EIO);
+  EXPECT_EQ(cloud_->write("new", 10, ends_early), OX_EIO);
+  EXPECT_EQ(files_on_disk(), 1u);
 
   std::string seen;
   size_t on_disk = 0;
   const auto look_meanwhile = [&](uint64_t, void* buffer, size_t, size_t* got) {
     std::memcpy(buffer, "new", *got = 3);
-    seen = Names("").size() == 1 ? Get("file") : "the new content shows";
-    on_disk = FilesOnDisk();
+    seen = names("").size() == 1 ? get("file") : "the new content shows";
+    on_disk = files_on_disk();
     return 0;
   };
-  EXPECT_EQ(cloud_->Write("file", 3, look_meanwhile), 0);
+  EXPECT_EQ(cloud_->write("file", 3, look_meanwhile), 0);
   EXPECT_EQ(seen, "old");
   EXPECT_EQ(on_disk, 2u) << "beside its target";
-  EXPECT_EQ(Get("file"), "new");
+  EXPECT_EQ(get("file"), "new");
 }
 
 TEST_F(CloudTest, LeftoversOfKilledWritesAreHiddenAndGo) {
@@ -183,43 +183,43 @@ TEST_F(CloudTest, LeftoversOfKilledWritesAreHiddenAndGo) {
   std::ofstream(root_ / old_part) << "half";
   std::ofstream(root_ / new_part) << "half";
   fs::last_write_time(root_ / old_part, fs::file_time_type::clock::now() - std::chrono::hours(1));
-  EXPECT_THAT(Names(""), UnorderedElementsAre());
-  EXPECT_EQ(StatusError(new_part), OX_ENOENT);
+  EXPECT_THAT(names(""), UnorderedElementsAre());
+  EXPECT_EQ(status_error(new_part), OX_ENOENT);
   EXPECT_FALSE(fs::exists(root_ / old_part));
   EXPECT_TRUE(fs::exists(root_ / new_part));
 
   fs::create_directory(root_ / "gone");
   std::ofstream(root_ / "gone" / new_part) << "half";
-  EXPECT_EQ(cloud_->Delete("gone"), 0);
+  EXPECT_EQ(cloud_->remove("gone"), 0);
 }
 
 TEST_F(CloudTest, RenamesAndDeletesAndSaysWhatIsWrong) {
-  ASSERT_EQ(Put("a", "A"), 0);
-  ASSERT_EQ(Put("b", "B"), 0);
-  ASSERT_EQ(cloud_->MakeFolder("f"), 0);
-  ASSERT_EQ(Put("f/inside", "I"), 0);
-  EXPECT_EQ(cloud_->Rename("a", "b", false), OX_EEXIST);
-  EXPECT_EQ(cloud_->Rename("a", "f", true), OX_EEXIST);
-  EXPECT_EQ(cloud_->Rename("f", "a", true), OX_EEXIST);
-  EXPECT_EQ(cloud_->Rename("f", "f/g", false), OX_EINVAL);
-  EXPECT_EQ(cloud_->Rename("F", "f/g", false), OX_EINVAL);
-  EXPECT_EQ(cloud_->Rename("a", "none/c", false), OX_ENOENT);
-  EXPECT_EQ(Get("f"), "error " + std::to_string(OX_EISDIR));
-  EXPECT_EQ(Put("f", "x"), OX_EISDIR);
-  EXPECT_EQ(Put("a/x", "x"), OX_ENOTDIR);
-  EXPECT_EQ(cloud_->MakeFolder("a"), OX_EEXIST);
-  EXPECT_EQ(Get("a") + Get("b") + Get("f/inside"), "ABI");
-  EXPECT_EQ(cloud_->Rename("a", "b", true), 0);
-  EXPECT_EQ(cloud_->Rename("F", "G", false), 0);
-  EXPECT_EQ(cloud_->Rename("g", "g", false), 0);
-  EXPECT_EQ(Get("b") + Get("g/inside"), "AI");
+  ASSERT_EQ(put("a", "A"), 0);
+  ASSERT_EQ(put("b", "B"), 0);
+  ASSERT_EQ(cloud_->make_folder("f"), 0);
+  ASSERT_EQ(put("f/inside", "I"), 0);
+  EXPECT_EQ(cloud_->rename("a", "b", false), OX_EEXIST);
+  EXPECT_EQ(cloud_->rename("a", "f", true), OX_EEXIST);
+  EXPECT_EQ(cloud_->rename("f", "a", true), OX_EEXIST);
+  EXPECT_EQ(cloud_->rename("f", "f/g", false), OX_EINVAL);
+  EXPECT_EQ(cloud_->rename("F", "f/g", false), OX_EINVAL);
+  EXPECT_EQ(cloud_->rename("a", "none/c", false), OX_ENOENT);
+  EXPECT_EQ(get("f"), "error " + std::to_string(OX_EISDIR));
+  EXPECT_EQ(put("f", "x"), OX_EISDIR);
+  EXPECT_EQ(put("a/x", "x"), OX_ENOTDIR);
+  EXPECT_EQ(cloud_->make_folder("a"), OX_EEXIST);
+  EXPECT_EQ(get("a") + get("b") + get("f/inside"), "ABI");
+  EXPECT_EQ(cloud_->rename("a", "b", true), 0);
+  EXPECT_EQ(cloud_->rename("F", "G", false), 0);
+  EXPECT_EQ(cloud_->rename("g", "g", false), 0);
+  EXPECT_EQ(get("b") + get("g/inside"), "AI");
 
-  EXPECT_EQ(cloud_->Delete("g"), OX_ENOTEMPTY);
-  EXPECT_EQ(cloud_->Delete("g/inside"), 0);
-  EXPECT_EQ(cloud_->Delete("g"), 0);
-  EXPECT_EQ(cloud_->Delete("g"), OX_ENOENT);
-  EXPECT_NE(cloud_->Delete(""), 0);
-  EXPECT_THAT(Names(""), UnorderedElementsAre("b"));
+  EXPECT_EQ(cloud_->remove("g"), OX_ENOTEMPTY);
+  EXPECT_EQ(cloud_->remove("g/inside"), 0);
+  EXPECT_EQ(cloud_->remove("g"), 0);
+  EXPECT_EQ(cloud_->remove("g"), OX_ENOENT);
+  EXPECT_NE(cloud_->remove(""), 0);
+  EXPECT_THAT(names(""), UnorderedElementsAre("b"));
 }
 
 TEST_F(CloudTest, PathsMayBeLong) {
@@ -228,14 +228,14 @@ TEST_F(CloudTest, PathsMayBeLong) {
     paths.push_back(paths.back() + '/' + paths[0]);
   }
   for (const std::string& path : paths) {
-    ASSERT_EQ(cloud_->MakeFolder(path), 0) << path;
+    ASSERT_EQ(cloud_->make_folder(path), 0) << path;
   }
   paths.push_back(paths.back() + "/file");
-  EXPECT_EQ(Put(paths.back(), "deep"), 0);
-  EXPECT_EQ(Get(paths.back()), "deep");
-  EXPECT_THAT(Names(paths[5]), UnorderedElementsAre("file"));
+  EXPECT_EQ(put(paths.back(), "deep"), 0);
+  EXPECT_EQ(get(paths.back()), "deep");
+  EXPECT_THAT(names(paths[5]), UnorderedElementsAre("file"));
   for (; !paths.empty(); paths.pop_back()) { /* the standard library's removal knows none */
-    EXPECT_EQ(cloud_->Delete(paths.back()), 0) << paths.back();
+    EXPECT_EQ(cloud_->remove(paths.back()), 0) << paths.back();
   }
 }
 
@@ -245,17 +245,17 @@ TEST_F(CloudTest, PathsMayBeLong) {
  */
 TEST_F(CloudTest, ReadersAndWritersOfOneFile) {
   const std::string contents[] = {std::string(5000, 'a'), std::string(5000, 'b')};
-  ASSERT_EQ(Put("file", contents[0]), 0);
+  ASSERT_EQ(put("file", contents[0]), 0);
   std::atomic<bool> done = false;
   std::atomic<int> mixtures = 0;
   std::thread reader([&] {
     while (!done) {
-      const std::string seen = Get("file", 0, 5000);
+      const std::string seen = get("file", 0, 5000);
       mixtures += static_cast<__int_type>(seen != contents[0] && seen != contents[1]);
     }
   });
   for (int i = 1; i <= 20; i++) {
-    EXPECT_EQ(Put("file", contents[i % 2]), 0);
+    EXPECT_EQ(put("file", contents[i % 2]), 0);
   }
   done = true;
   reader.join();

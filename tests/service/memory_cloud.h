@@ -7,17 +7,17 @@
 #include <map>
 #include <mutex>
 
-#include "cloud.h"
+#include "cloud/cloud.h"
 #include "ox_errno.h"
 
 class MemoryCloud : public tarnd::Cloud {
  public:
   /* The content of a file; setting it is a change behind the cache. */
-  std::string Content(const std::string& path) {
+  std::string content_of(const std::string& path) {
     const std::lock_guard guard(lock_);
     return files_[path].content;
   }
-  void Set(const std::string& path, const std::string& content) {
+  void set(const std::string& path, const std::string& content) {
     const std::lock_guard guard(lock_);
     files_[path] = {content, ++versions_};
   }
@@ -27,8 +27,8 @@ class MemoryCloud : public tarnd::Cloud {
   int writes = 0;
   int reads = 0;
 
-  int List(const std::string&, std::vector<tarnd::CloudEntry>*) override { return OX_ENOSYS; }
-  int Status(const std::string& path, tarnd::CloudEntry* entry) override {
+  int list(const std::string&, std::vector<tarnd::CloudEntry>*) override { return OX_ENOSYS; }
+  int status(const std::string& path, tarnd::CloudEntry* entry) override {
     const std::lock_guard guard(lock_);
     const auto it = files_.find(path);
     if (it == files_.end()) {
@@ -39,7 +39,7 @@ class MemoryCloud : public tarnd::Cloud {
     path.copy(reinterpret_cast<char*>(entry->id.id), sizeof entry->id.id);
     return 0;
   }
-  int Read(const std::string& path, uint64_t offset, void* buffer, size_t size,
+  int read(const std::string& path, uint64_t offset, void* buffer, size_t size,
            size_t* got) override {
     const std::lock_guard guard(lock_);
     reads++;
@@ -47,7 +47,7 @@ class MemoryCloud : public tarnd::Cloud {
     *got = offset < content.size() ? content.copy(static_cast<char*>(buffer), size, offset) : 0;
     return 0;
   }
-  int Write(const std::string& path, uint64_t size, const tarnd::ContentReader& content) override {
+  int write(const std::string& path, uint64_t size, const tarnd::ContentReader& content) override {
     writes++;
     if (write_error != 0) {
       return write_error;
@@ -61,20 +61,20 @@ class MemoryCloud : public tarnd::Cloud {
       }
       offset += got;
     }
-    Set(path, fresh);
+    set(path, fresh);
     return 0;
   }
-  int Rename(const std::string& from, const std::string& to, bool) override {
-    const std::string content = Content(from);
-    Delete(from);
-    Set(to, content);
+  int rename(const std::string& from, const std::string& to, bool) override {
+    const std::string content = content_of(from);
+    remove(from);
+    set(to, content);
     return 0;
   }
-  int Delete(const std::string& path) override {
+  int remove(const std::string& path) override {
     const std::lock_guard guard(lock_);
     return files_.erase(path) != 0 ? 0 : OX_ENOENT;
   }
-  int MakeFolder(const std::string&) override { return OX_ENOSYS; }
+  int make_folder(const std::string&) override { return OX_ENOSYS; }
 
  private:
   struct File {

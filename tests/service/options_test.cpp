@@ -11,14 +11,14 @@ namespace {
 using tarnd::Options;
 using testing::HasSubstr;
 
-bool Parse(const std::string& line, Options* options, std::string* error) {
-  return ParseCommandLine(tarnd::SplitCommandLine(line), options, error);
+bool parse(const std::string& line, Options* options, std::string* error) {
+  return parse_command_line(tarnd::split_command_line(line), options, error);
 }
 
 TEST(Options, TheLibrarysLine) {
   Options options;
   std::string error;
-  ASSERT_TRUE(Parse(R"(C:\Program Files\drive\tarnd.exe --cfs https://acme.example.com)"
+  ASSERT_TRUE(parse(R"(C:\Program Files\drive\tarnd.exe --cfs https://acme.example.com)"
                     R"( --user John Doe --cache "C:\Work Dir\acme.example.com\John Doe")"
                     R"( --addr file:///Z:/a%20folder --confaddr http://conf --tn-devid t-1)"
                     R"( --da-devid d-2 --access-token  --logfile "C:\logs\tarnd.log" --vfs)"
@@ -32,11 +32,11 @@ TEST(Options, TheLibrarysLine) {
   EXPECT_EQ(options.logfile, R"(C:\logs\tarnd.log)");
   EXPECT_TRUE(options.vfs);
   EXPECT_EQ(options.proxy_password, "");
-  EXPECT_EQ(SocketPath(options), R"(C:\sock\\w 3\18446744073709551615.sock)");
+  EXPECT_EQ(socket_path(options), R"(C:\sock\\w 3\18446744073709551615.sock)");
 
   options = {};
-  ASSERT_TRUE(Parse("tarnd --cache \"\"C:\\c --addr x", &options, &error)) << error;
-  EXPECT_EQ(SocketPath(options), R"(C:\c\tnvfs.sock)") << "without options of its own";
+  ASSERT_TRUE(parse("tarnd --cache \"\"C:\\c --addr x", &options, &error)) << error;
+  EXPECT_EQ(socket_path(options), R"(C:\c\tnvfs.sock)") << "without options of its own";
 }
 
 TEST(Options, Environment) {
@@ -48,7 +48,7 @@ TEST(Options, Environment) {
     const auto it = variables.find(name);
     return it == variables.end() ? std::nullopt : std::optional(it->second);
   };
-  ASSERT_TRUE(ParseEnvironment(environment, &options, &error)) << error;
+  ASSERT_TRUE(parse_environment(environment, &options, &error)) << error;
   EXPECT_EQ(options.region_shift, 20) << "not set";
   EXPECT_EQ(options.first_utxid, 7u);
   EXPECT_THAT(options.latency_ops, testing::ElementsAre(TNV_OP_WIN_OPEN, TNV_OP_WIN_DENUM));
@@ -63,7 +63,7 @@ TEST(Options, WhatIsWrongIsNamed) {
                                           {"tarnd --cache c --addr a --vfs yes", "--vfs"},
                                           {"tarnd --cache c", "--addr"},
                                           {"", "--cache"}}) {
-    EXPECT_FALSE(Parse(line, &options, &error)) << line;
+    EXPECT_FALSE(parse(line, &options, &error)) << line;
     EXPECT_THAT(error, HasSubstr(complaint)) << line;
   }
   for (const auto& [name, value] :
@@ -74,7 +74,7 @@ TEST(Options, WhatIsWrongIsNamed) {
     const auto environment = [&](const char* asked) {
       return asked == name ? std::optional(value) : std::nullopt;
     };
-    EXPECT_FALSE(ParseEnvironment(environment, &options, &error)) << name << '=' << value;
+    EXPECT_FALSE(parse_environment(environment, &options, &error)) << name << '=' << value;
     EXPECT_THAT(error, HasSubstr(name));
   }
 }

@@ -30,7 +30,7 @@ class ServiceProcess {
   ~ServiceProcess() {
     if (process_ != nullptr) {
       TerminateProcess(process_, 99);
-      Wait();
+      wait();
     }
   }
   ServiceProcess(const ServiceProcess&) = delete;
@@ -40,8 +40,8 @@ class ServiceProcess {
    * Starts tarnd.exe, which stands beside the test program, and waits for its ready event. False
    * when it ended before.
    */
-  bool Start(Variables variables = {}) {
-    const HANDLE ready = CreateEventA(nullptr, FALSE, FALSE, EventName().c_str());
+  bool start(Variables variables = {}) {
+    const HANDLE ready = CreateEventA(nullptr, FALSE, FALSE, event_name().c_str());
     ResetEvent(ready);
     variables["TARND_COUNTS"] = folder_ + "\\counts.txt";
     for (const auto& [name, value] : variables) {
@@ -50,7 +50,7 @@ class ServiceProcess {
     STARTUPINFOA startup = {};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION process = {};
-    const bool made = CreateProcessA(nullptr, Line().data(), nullptr, nullptr, FALSE,
+    const bool made = CreateProcessA(nullptr, line().data(), nullptr, nullptr, FALSE,
                                      CREATE_NO_WINDOW, nullptr, nullptr, &startup, &process) != 0;
     for (const auto& [name, value] : variables) {
       SetEnvironmentVariableA(name.c_str(), nullptr);
@@ -66,7 +66,7 @@ class ServiceProcess {
   std::string socket_path() const { return folder_ + "\\sock\\tnvfs.sock"; }
   uint32_t pid() const { return pid_; }
   /* Waits for its end: the exit code. */
-  int Wait() {
+  int wait() {
     DWORD code = 0;
     const bool ended = WaitForSingleObject(process_, 30000) == WAIT_OBJECT_0;
     GetExitCodeProcess(process_, &code);
@@ -75,7 +75,7 @@ class ServiceProcess {
     return ended ? static_cast<int>(code) : -1;
   }
   /* "name value" lines of the counts file. */
-  std::map<std::string, uint64_t> Counts() const {
+  std::map<std::string, uint64_t> counts() const {
     std::ifstream file(folder_ + "\\counts.txt");
     std::map<std::string, uint64_t> counts;
     std::string name;
@@ -86,21 +86,21 @@ class ServiceProcess {
   }
 
  private:
-  static std::string Slashes(std::string path) {
+  static std::string slashes(std::string path) {
     std::replace(path.begin(), path.end(), '\\', '/');
     return path;
   }
-  std::string EventName() const {
-    std::string name = Slashes(socket_path());
+  std::string event_name() const {
+    std::string name = slashes(socket_path());
     CharLowerA(name.data());
     return name;
   }
-  std::string Line() const {
+  std::string line() const {
     char program[MAX_PATH];
     GetModuleFileNameA(nullptr, program, sizeof program);
     return std::filesystem::path(program).parent_path().string() +
            "\\tarnd.exe --cfs https://acme.example.com --user me --cache \"" + folder_ +
-           "\\cache\" --addr file:///" + Slashes(folder_) +
+           "\\cache\" --addr file:///" + slashes(folder_) +
            "/cloud --tn-devid t-dev --da-devid d-dev --logfile \"" + folder_ +
            "\\tarnd.log\" --vfs --sockdir \"" + folder_ + "\\sock\"";
   }
@@ -157,16 +157,16 @@ class RawConnection {
   RawConnection(const RawConnection&) = delete;
   RawConnection& operator=(const RawConnection&) = delete;
 
-  bool Send(const void* data, size_t size) {
+  bool send(const void* data, size_t size) {
     return send(socket_, static_cast<const char*>(data), static_cast<int>(size), 0) ==
            static_cast<int>(size);
   }
   /* Reads an answer with all that follows it. */
-  RawAnswer Receive() {
+  RawAnswer receive() {
     RawAnswer answer;
     tnv_resp& resp = answer.resp;
-    if (!Read(&resp.rhdr, sizeof resp.rhdr) || resp.rhdr.rhdr_len > sizeof resp.u ||
-        !Read(&resp.u, resp.rhdr.rhdr_len)) {
+    if (!read(&resp.rhdr, sizeof resp.rhdr) || resp.rhdr.rhdr_len > sizeof resp.u ||
+        !read(&resp.u, resp.rhdr.rhdr_len)) {
       return {};
     }
     const uint32_t error = resp.rhdr.rhdr_errno;
@@ -175,111 +175,111 @@ class RawConnection {
     } else if (resp.rhdr.rhdr_opcode == TNV_OP_WIN_DENUM && error == 0) {
       answer.bulk.resize(resp.u.wdenum.wde_fi_len * sizeof(tnw_fileinfo));
     }
-    answer.came = Read(answer.bulk.data(), answer.bulk.size());
+    answer.came = read(answer.bulk.data(), answer.bulk.size());
     return answer;
   }
   /* One request with what follows its fixed part. */
-  RawAnswer Ask(uint32_t opcode, const Fill& fill = {}, const std::string& trailing = {}) {
+  RawAnswer ask(uint32_t opcode, const Fill& fill = {}, const std::string& trailing = {}) {
     tnv_msg message = {};
     message.hdr.hdr_opcode = opcode;
-    message.hdr.hdr_id = tarnd::NewId();
+    message.hdr.hdr_id = tarnd::new_id();
     message.hdr.hdr_len = static_cast<ox_u32>(sizeof message + trailing.size());
     if (fill) {
       fill(message.u);
     }
-    const bool sent = Send(&message, sizeof message) &&
-                      (trailing.empty() || Send(trailing.data(), trailing.size()));
-    RawAnswer answer = sent ? Receive() : RawAnswer{};
+    const bool sent = send(&message, sizeof message) &&
+                      (trailing.empty() || send(trailing.data(), trailing.size()));
+    RawAnswer answer = sent ? receive() : RawAnswer{};
     answer.id = message.hdr.hdr_id;
     return answer;
   }
 
   /* The path operations count their texts with the NUL or without it. */
-  RawAnswer Connect(const std::string& share = "/") {
+  RawAnswer connect(const std::string& share = "/") {
     const auto fill = [&](Payload& u) {
-      u.wconn.wconmsg_share_path_len = Length(share) + 1;
+      u.wconn.wconmsg_share_path_len = length(share) + 1;
       u.wconn.wconmsg_pid = GetCurrentThreadId();
     };
-    return Ask(TNV_OP_WIN_CONNECT, fill, share + '\0');
+    return ask(TNV_OP_WIN_CONNECT, fill, share + '\0');
   }
-  RawFile Open(const std::string& path, const RawOpen& how = {}) {
+  RawFile open(const std::string& path, const RawOpen& how = {}) {
     const int32_t fd = next_fd_++;
     const auto fill = [&](Payload& u) {
       u.wopen.wopen_newfd = fd;
-      u.wopen.wopen_pathlen = Length(path) + 1;
+      u.wopen.wopen_pathlen = length(path) + 1;
       u.wopen.wopen_accmode = how.access;
       u.wopen.wopen_shmode = how.share;
       u.wopen.wopen_cdisp = how.disposition;
       u.wopen.wopen_flags = how.flags;
       u.wopen.wopen_clientid = GetCurrentProcessId();
     };
-    const RawAnswer answer = Ask(TNV_OP_WIN_OPEN, fill, path + '\0');
+    const RawAnswer answer = ask(TNV_OP_WIN_OPEN, fill, path + '\0');
     return {answer.error(), answer.resp.u.wopen, answer.id, fd, answer.bulk};
   }
-  RawAnswer Stat(const std::string& path) {
-    return Ask(
-        TNV_OP_WIN_STAT, [&](Payload& u) { u.wstat.wstat_path_len = Length(path) + 1; },
+  RawAnswer stat(const std::string& path) {
+    return ask(
+        TNV_OP_WIN_STAT, [&](Payload& u) { u.wstat.wstat_path_len = length(path) + 1; },
         path + '\0');
   }
-  std::vector<tnw_fileinfo> List(const std::string& path) {
-    const auto fill = [&](Payload& u) { u.wdenum.wde_pathlen = Length(path) + 1; };
-    const RawAnswer answer = Ask(TNV_OP_WIN_DENUM, fill, path + '\0');
+  std::vector<tnw_fileinfo> list(const std::string& path) {
+    const auto fill = [&](Payload& u) { u.wdenum.wde_pathlen = length(path) + 1; };
+    const RawAnswer answer = ask(TNV_OP_WIN_DENUM, fill, path + '\0');
     const auto* infos = reinterpret_cast<const tnw_fileinfo*>(answer.bulk.data());
-    return {infos, infos + (Close(answer.id) == 0 ? answer.bulk.size() / sizeof *infos : 0)};
+    return {infos, infos + (close(answer.id) == 0 ? answer.bulk.size() / sizeof *infos : 0)};
   }
-  RawAnswer PathRequest(uint32_t opcode, const std::string& path) {
-    return Ask(
-        opcode, [&](Payload& u) { u.wdelete.wdelete_msg_plen = Length(path); }, path + '\0');
+  RawAnswer path_request(uint32_t opcode, const std::string& path) {
+    return ask(
+        opcode, [&](Payload& u) { u.wdelete.wdelete_msg_plen = length(path); }, path + '\0');
   }
-  int Delete(const std::string& path) { return PathRequest(TNV_OP_WIN_DELETE, path).error(); }
+  int remove(const std::string& path) { return path_request(TNV_OP_WIN_DELETE, path).error(); }
   /* The answered check, or an error as a negative number. */
-  int CanDelete(const std::string& path) {
-    const RawAnswer answer = PathRequest(TNV_OP_WIN_CANDELETE, path);
+  int can_delete(const std::string& path) {
+    const RawAnswer answer = path_request(TNV_OP_WIN_CANDELETE, path);
     return answer.error() == 0 ? answer.resp.u.wcandel.wcandel_check : -answer.error();
   }
-  int Rename(const std::string& from, const std::string& to) {
+  int rename(const std::string& from, const std::string& to) {
     const auto fill = [&](Payload& u) {
-      u.wrename.wrename_msg_slen = Length(from);
-      u.wrename.wrename_msg_dlen = Length(to);
+      u.wrename.wrename_msg_slen = length(from);
+      u.wrename.wrename_msg_dlen = length(to);
     };
-    return Ask(TNV_OP_WIN_RENAME, fill, from + '\0' + to + '\0').error();
+    return ask(TNV_OP_WIN_RENAME, fill, from + '\0' + to + '\0').error();
   }
-  int UpdateToken(const std::string& token) {
-    const auto fill = [&](Payload& u) { u.updatetoken.ut_len = Length(token); };
-    return Ask(TNV_OP_UPDATETOKEN, fill, token + '\0').error();
+  int update_token(const std::string& token) {
+    const auto fill = [&](Payload& u) { u.updatetoken.ut_len = length(token); };
+    return ask(TNV_OP_UPDATETOKEN, fill, token + '\0').error();
   }
 
-  int Close(const cfs_id_t& open, uint32_t tnflags = 0) {
+  int close(const cfs_id_t& open, uint32_t tnflags = 0) {
     const auto fill = [&](Payload& u) {
       u.wclose.wclose_omsgid = open;
       u.wclose.wclose_tnflags = tnflags;
     };
-    return Ask(TNV_OP_WIN_CLOSE, fill).error();
+    return ask(TNV_OP_WIN_CLOSE, fill).error();
   }
-  int Cleanup(const RawFile& file) {
-    return Ask(TNV_OP_WIN_CLEANUP, [&](Payload& u) { u.wcleanup.wcl_omsgid = file.id; }).error();
+  int cleanup(const RawFile& file) {
+    return ask(TNV_OP_WIN_CLEANUP, [&](Payload& u) { u.wcleanup.wcl_omsgid = file.id; }).error();
   }
-  RawAnswer CacheRegion(const RawFile& file, uint64_t offset, uint64_t length) {
+  RawAnswer cache_region(const RawFile& file, uint64_t offset, uint64_t length) {
     const auto fill = [&](Payload& u) {
       u.cache_region.cache_read_off = offset;
       u.cache_region.cache_read_len = length;
       u.cache_region.cache_read_omsgid = file.id;
     };
-    return Ask(TNV_OP_CACHE_REGION, fill);
+    return ask(TNV_OP_CACHE_REGION, fill);
   }
-  RawAnswer DirtyRegion(const RawFile& file, uint64_t offset, uint64_t length) {
+  RawAnswer dirty_region(const RawFile& file, uint64_t offset, uint64_t length) {
     const auto fill = [&](Payload& u) {
       u.dirty_region.cache_write_off = offset;
       u.dirty_region.cache_write_len = length;
       u.dirty_region.cache_write_omsgid = file.id;
     };
-    return Ask(TNV_OP_DIRTY_REGION, fill);
+    return ask(TNV_OP_DIRTY_REGION, fill);
   }
-  int Truncate(const RawFile& file, uint64_t size) {
+  int truncate(const RawFile& file, uint64_t size) {
     const auto fill = [&](Payload& u) { u.ftruncate = {size, file.id, {}}; };
-    return Ask(TNV_OP_FTRUNCATE, fill).error();
+    return ask(TNV_OP_FTRUNCATE, fill).error();
   }
-  int Lock(const RawFile& file, int type, uint64_t offset, uint64_t length) {
+  int lock(const RawFile& file, int type, uint64_t offset, uint64_t length) {
     const auto fill = [&](Payload& u) {
       u.wbrl.wbrl_type = type;
       u.wbrl.wbrl_pid = 1;
@@ -288,12 +288,12 @@ class RawConnection {
       u.wbrl.wbrl_len = length;
       u.wbrl.wbrl_gid = file.answer.wopen_resp_fso.fso_handle;
     };
-    return Ask(TNV_OP_WIN_BRL, fill).error();
+    return ask(TNV_OP_WIN_BRL, fill).error();
   }
 
  private:
-  static ox_s32 Length(const std::string& text) { return static_cast<ox_s32>(text.size()); }
-  bool Read(void* data, size_t size) {
+  static ox_s32 length(const std::string& text) { return static_cast<ox_s32>(text.size()); }
+  bool read(void* data, size_t size) {
     return size == 0 || recv(socket_, static_cast<char*>(data), static_cast<int>(size),
                              MSG_WAITALL) == static_cast<int>(size);
   }

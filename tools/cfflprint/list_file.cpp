@@ -21,7 +21,7 @@ using tnwsh::Failure;
  */
 std::string CodePagePath(const std::string& path) {
   std::wstring wide;
-  tarnd::WideFromUtf8(tnwsh::AbsolutePath(path), &wide);
+  tarnd::wide_from_utf8(tnwsh::AbsolutePath(path), &wide);
   std::string narrow(wide.size() * 4, '\0');
   narrow.resize(static_cast<size_t>(
       WideCharToMultiByte(CP_ACP, 0, wide.data(), static_cast<int>(wide.size()), narrow.data(),

@@ -72,7 +72,7 @@ void CheckName(const std::string& path, const std::string& name) {
 
 Item ItemOf(const std::string& folder, const cfs_id_t& folder_id, const WIN32_FIND_DATAW& found) {
   Item item;
-  if (!tarnd::Utf8FromWide(found.cFileName, &item.name)) {
+  if (!tarnd::utf8_from_wide(found.cFileName, &item.name)) {
     throw Failure(folder, "holds a name that is no Unicode text");
   }
   const std::string path = folder + '\\' + item.name;
@@ -92,7 +92,7 @@ Item ItemOf(const std::string& folder, const cfs_id_t& folder_id, const WIN32_FI
 /* The wide form of an absolute path, for calls that would otherwise end at 260 characters. */
 std::wstring VerbatimPath(const std::string& absolute) {
   std::wstring wide;
-  tarnd::WideFromUtf8(absolute, &wide);
+  tarnd::wide_from_utf8(absolute, &wide);
   if (wide.starts_with(L"\\\\?\\")) {
     return wide;
   }

@@ -43,7 +43,7 @@ bool ReadConsoleLine(std::string* line) {
     }
     text.append(part, count);
   }
-  return tarnd::Utf8FromWide(text, line);
+  return tarnd::utf8_from_wide(text, line);
 }
 
 }  // namespace
@@ -67,7 +67,7 @@ std::vector<std::string> ProgramArguments() {
   wchar_t** words = CommandLineToArgvW(GetCommandLineW(), &count);
   std::vector<std::string> arguments;
   for (int i = 1; i < count; i++) {
-    tarnd::Utf8FromWide(words[i], &arguments.emplace_back());
+    tarnd::utf8_from_wide(words[i], &arguments.emplace_back());
   }
   LocalFree(words);
   return arguments;
@@ -77,7 +77,7 @@ std::string ProgramFolder() {
   wchar_t path[4096];
   const DWORD length = GetModuleFileNameW(nullptr, path, static_cast<DWORD>(std::size(path)));
   std::string folder;
-  tarnd::Utf8FromWide(std::wstring_view(path, length), &folder);
+  tarnd::utf8_from_wide(std::wstring_view(path, length), &folder);
   return folder.substr(0, folder.rfind('\\') + 1);
 }
 

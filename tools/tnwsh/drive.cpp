@@ -28,8 +28,8 @@ Entry EntryOf(const tnw_fileinfo& info) {
 int CompareNames(const std::string& a, const std::string& b) {
   std::wstring wide_a;
   std::wstring wide_b;
-  tarnd::WideFromUtf8(a, &wide_a);
-  tarnd::WideFromUtf8(b, &wide_b);
+  tarnd::wide_from_utf8(a, &wide_a);
+  tarnd::wide_from_utf8(b, &wide_b);
   return CompareStringOrdinal(wide_a.data(), static_cast<int>(wide_a.size()), wide_b.data(),
                               static_cast<int>(wide_b.size()), TRUE) -
          CSTR_EQUAL;
@@ -48,7 +48,7 @@ bool WaitForServiceEnd(const std::string& cache_folder) {
   constexpr int kTries = 750; /* of 20 ms */
   constexpr DWORD kPause = 20;
   std::wstring path;
-  tarnd::WideFromUtf8(cache_folder + "\\tarnd_pid", &path);
+  tarnd::wide_from_utf8(cache_folder + "\\tarnd_pid", &path);
   for (int tried = 0; tried < kTries; tried++) {
     const HANDLE file = CreateFileW(path.c_str(), GENERIC_READ,
                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
@@ -109,7 +109,7 @@ std::string JoinPath(const std::string& folder, const std::string& name) {
 
 std::string PathKey(const std::string& path) {
   std::wstring wide;
-  tarnd::WideFromUtf8(path, &wide);
+  tarnd::wide_from_utf8(path, &wide);
   std::wstring key;
   for (const wchar_t c : wide) {
     const wchar_t unit = c == L'\\' ? L'/' : c;
@@ -119,7 +119,7 @@ std::string PathKey(const std::string& path) {
   }
   CharUpperBuffW(key.data(), static_cast<DWORD>(key.size()));
   std::string text;
-  tarnd::Utf8FromWide(key, &text);
+  tarnd::utf8_from_wide(key, &text);
   return text;
 }
 

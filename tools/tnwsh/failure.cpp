@@ -41,7 +41,7 @@ std::string WindowsMeaning(uint32_t code) {
                          FORMAT_MESSAGE_MAX_WIDTH_MASK, /* no line breaks of its own */
                      nullptr, code, 0, text, static_cast<DWORD>(std::size(text)), nullptr);
   std::string meaning;
-  tarnd::Utf8FromWide(std::wstring_view(text, length), &meaning);
+  tarnd::utf8_from_wide(std::wstring_view(text, length), &meaning);
   meaning.erase(meaning.find_last_not_of(" .\r\n") + 1);
   return meaning.empty() ? "a code that Windows has no text for" : meaning;
 }

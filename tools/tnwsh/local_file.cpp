@@ -14,7 +14,8 @@ namespace {
 
 std::wstring FullPath(const std::string& path) {
   std::wstring wide;
-  if (!tarnd::WideFromUtf8(path, &wide) || wide.empty() || wide.find(L'\0') != std::wstring::npos) {
+  if (!tarnd::wide_from_utf8(path, &wide) || wide.empty() ||
+      wide.find(L'\0') != std::wstring::npos) {
     throw Failure(path, "is no path");
   }
   std::wstring full(32768, L'\0');
@@ -51,7 +52,7 @@ void* Open(const std::string& path, const std::wstring& place, const char* what,
 
 std::string AbsolutePath(const std::string& path) {
   std::string absolute;
-  if (!tarnd::Utf8FromWide(FullPath(path), &absolute)) {
+  if (!tarnd::utf8_from_wide(FullPath(path), &absolute)) {
     throw Failure(path, "leads to a name that is no Unicode text");
   }
   return absolute;
@@ -92,7 +93,7 @@ std::vector<LocalEntry> ListLocal(const std::string& path) {
   bool unicode = true;
   do {
     LocalEntry entry;
-    unicode = tarnd::Utf8FromWide(found.cFileName, &entry.name);
+    unicode = tarnd::utf8_from_wide(found.cFileName, &entry.name);
     entry.folder = (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
     entry.link = entry.folder && (found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
     if (entry.name != "." && entry.name != "..") {

@@ -51,7 +51,7 @@ void FillOptionalWord(char (&field)[N], const std::string& text, const char* nam
 std::string NarrowPath(const std::string& path, const char* name) {
   const std::string absolute = AbsolutePath(path);
   std::wstring wide;
-  tarnd::WideFromUtf8(absolute, &wide);
+  tarnd::wide_from_utf8(absolute, &wide);
   std::string narrow(wide.size() * 4, '\0');
   BOOL replaced = FALSE;
   const bool own = GetACP() == CP_UTF8; /* which has no replacement character to report */

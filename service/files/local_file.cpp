@@ -1,0 +1,141 @@
+#include "files/local_file.h"
+
+#include <winioctl.h>
+
+#include <algorithm>
+
+#include "ox_errno.h"
+
+namespace tarnd {
+namespace {
+
+constexpr size_t MAX_TRANSFER = size_t{1} << 30;
+
+OVERLAPPED at(uint64_t offset) {
+  OVERLAPPED position = {};
+  position.Offset = static_cast<DWORD>(offset);
+  position.OffsetHigh = static_cast<DWORD>(offset >> 32);
+  return position;
+}
+
+HANDLE open_shared(const std::wstring& path, DWORD disposition) {
+  return CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, SHARE_ALL, nullptr, disposition,
+                     FILE_ATTRIBUTE_NORMAL, nullptr);
+}
+
+/* A disk without sparse files stores the zeros. */
+void make_sparse(HANDLE file) {
+  DWORD bytes = 0;
+  DeviceIoControl(file, FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &bytes, nullptr);
+}
+
+}  // namespace
+
+int LocalFile::open() {
+  file_ = FileHandle(open_shared(path_, OPEN_ALWAYS));
+  if (!file_.valid()) {
+    return last_error();
+  }
+  make_sparse(file_.get());
+  return 0;
+}
+
+void LocalFile::remove() {
+  file_.close();
+  DeleteFileW(path_.c_str());
+}
+
+int LocalFile::size(uint64_t* size) const {
+  LARGE_INTEGER found;
+  if (GetFileSizeEx(file_.get(), &found) == 0) {
+    return last_error();
+  }
+  *size = static_cast<uint64_t>(found.QuadPart);
+  return 0;
+}
+
+int LocalFile::set_size(uint64_t size) const {
+  FILE_END_OF_FILE_INFO info = {};
+  info.EndOfFile.QuadPart = static_cast<LONGLONG>(size);
+  return SetFileInformationByHandle(file_.get(), FileEndOfFileInfo, &info, sizeof info) != 0
+             ? 0
+             : last_error();
+}
+
+int LocalFile::read(uint64_t offset, void* buffer, size_t size, size_t* got) const {
+  *got = 0;
+  while (*got < size) {
+    OVERLAPPED position = at(offset + *got);
+    const DWORD want = static_cast<DWORD>(std::min(size - *got, MAX_TRANSFER));
+    DWORD count = 0;
+    if ((ReadFile(file_.get(), static_cast<char*>(buffer) + *got, want, &count, &position) == 0) &&
+        GetLastError() != ERROR_HANDLE_EOF) {
+      return last_error();
+    }
+    if (count == 0) {
+      break;
+    }
+    *got += count;
+  }
+  return 0;
+}
+
+int LocalFile::write(uint64_t offset, const void* data, size_t size) const {
+  for (size_t done = 0; done < size;) {
+    OVERLAPPED position = at(offset + done);
+    const DWORD want = static_cast<DWORD>(std::min(size - done, MAX_TRANSFER));
+    DWORD count = 0;
+    if (WriteFile(file_.get(), static_cast<const char*>(data) + done, want, &count, &position) ==
+        0) {
+      return last_error();
+    }
+    if (count == 0) {
+      return OX_ENOSPC;
+    }
+    done += count;
+  }
+  return 0;
+}
+
+uint64_t LocalFile::modified() const {
+  FILETIME time;
+  return GetFileTime(file_.get(), nullptr, nullptr, &time) != 0
+             ? join(time.dwHighDateTime, time.dwLowDateTime)
+             : 0;
+}
+
+int LocalFile::open_for(uint32_t process_id, uint64_t* handle) const {
+  const HANDLE process = OpenProcess(PROCESS_DUP_HANDLE, FALSE, process_id);
+  if (process == nullptr) {
+    return last_error();
+  }
+  int err = 0;
+  HANDLE theirs = nullptr;
+  const HANDLE ours = open_shared(path_, OPEN_EXISTING);
+  if (ours == INVALID_HANDLE_VALUE ||
+      (DuplicateHandle(GetCurrentProcess(), ours, process, &theirs, 0, FALSE,
+                       DUPLICATE_SAME_ACCESS | DUPLICATE_CLOSE_SOURCE) == 0)) {
+    err = last_error();
+  }
+  CloseHandle(process);
+  *handle = reinterpret_cast<uint64_t>(theirs);
+  return err;
+}
+
+void LocalFile::take_back(uint32_t process_id, uint64_t handle) {
+  const HANDLE process = OpenProcess(PROCESS_DUP_HANDLE, FALSE, process_id);
+  if (process == nullptr) {
+    return;
+  }
+  /*
+   * Taken into this process and closed here: Wine closes nothing when there is no target process.
+   */
+  HANDLE taken = nullptr;
+  if (DuplicateHandle(process, reinterpret_cast<HANDLE>(handle), GetCurrentProcess(), &taken, 0,
+                      FALSE, DUPLICATE_CLOSE_SOURCE | DUPLICATE_SAME_ACCESS) != 0) {
+    CloseHandle(taken);
+  }
+  CloseHandle(process);
+}
+
+}  // namespace tarnd

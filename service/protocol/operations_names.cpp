@@ -1,0 +1,161 @@
+#include <algorithm>
+
+#include "names/share_path.h"
+#include "ox_errno.h"
+#include "ox_logging.h"
+#include "protocol/operations.h"
+#include "protocol/records.h"
+
+namespace tarnd {
+namespace {
+
+/* The listing's records, in the order of their names. */
+void append_infos(Service& service, std::vector<CloudEntry> entries, Reply* reply) {
+  std::sort(entries.begin(), entries.end(),
+            [](const CloudEntry& a, const CloudEntry& b) { return a.name < b.name; });
+  reply->bulk.reserve(entries.size() * sizeof(tnw_fileinfo));
+  for (CloudEntry& entry : entries) {
+    tnw_fileinfo info;
+    service.files.overlay(&entry);
+    if (!info_of(entry, &info)) {
+      OX_LOG(OX_WARN_LEVEL, 0, "A name too long for a listing: %s", entry.name.c_str());
+      continue;
+    }
+    const uint8_t* bytes = reinterpret_cast<const uint8_t*>(&info);
+    reply->bulk.insert(reply->bulk.end(), bytes, bytes + sizeof info);
+  }
+  reply->resp.u.wdenum.wde_fi_len = reply->bulk.size() / sizeof(tnw_fileinfo);
+}
+
+/*
+ * A listing is an open that asks for nothing: the client closes it like a file, or it ends with the
+ * client's process.
+ */
+int add_listing(Session& session, const Request& request, const CloudEntry& folder,
+                const std::string& path) {
+  Service& service = session.service;
+  const std::set<uint32_t> processes = service.clients.of(session.number);
+  auto open = std::make_shared<OpenFile>();
+  open->id = request->hdr.hdr_id;
+  open->client_pid = processes.empty() ? 0 : *processes.begin();
+  open->name = path;
+  return service.files.add_listing(open, folder);
+}
+
+/* The item of a rename, delete or can-delete, and whether it may go. With names() held. */
+int find_movable(Service& service, const std::string& path, const std::string& share,
+                 CloudEntry* entry) {
+  if (path == share) {
+    return OX_EPERM;
+  }
+  const int err = service.cloud->status(path, entry);
+  return err != 0 ? err : service.files.may_move(*entry);
+}
+
+/* As the delete would find it, without doing it. */
+int check_delete(Service& service, const std::string& path, const std::string& share) {
+  CloudEntry entry;
+  std::vector<CloudEntry> children;
+  int err = find_movable(service, path, share, &entry);
+  if (err == 0 && entry.folder) {
+    err = service.cloud->list(path, &children);
+  }
+  if (err != 0 || !children.empty()) {
+    return err != 0 ? err : OX_ENOTEMPTY;
+  }
+  return (entry.attributes & READ_ONLY_ATTRIBUTE) != 0 ? OX_EPERM : 0;
+}
+
+}  // namespace
+
+int serve_enumerate(Session& session, const Request& request, Reply* reply) {
+  Service& service = session.service;
+  std::string path;
+  CloudEntry folder;
+  std::vector<CloudEntry> entries;
+  int err = request_path(session, request, int64_t{request->u.wdenum.wde_pathlen} - 1, &path);
+  if (err == 0) {
+    err = service.cloud->status(path, &folder);
+  }
+  if (err == 0) {
+    err = folder.folder ? service.cloud->list(path, &entries) : OX_ENOTDIR;
+  }
+  if (err == 0) {
+    err = add_listing(session, request, folder, path);
+  }
+  if (err != 0) {
+    return err;
+  }
+  CloudEntry parent;
+  reply->resp.u.wdenum.wde_fso = fso_of(folder, parent_of(*service.cloud, path, &parent), 0);
+  append_infos(service, std::move(entries), reply);
+  return 0;
+}
+
+int serve_stat(Session& session, const Request& request, Reply* reply) {
+  Service& service = session.service;
+  std::string path;
+  CloudEntry entry;
+  int err = request_path(session, request, int64_t{request->u.wstat.wstat_path_len} - 1, &path);
+  if (err == 0) {
+    err = service.cloud->status(path, &entry);
+  }
+  if (err == 0) {
+    service.files.overlay(&entry);
+    err = info_of(entry, &reply->resp.u.wstat.wstat_fi) ? 0 : OX_EINVAL;
+  }
+  return err;
+}
+
+int serve_rename(Session& session, const Request& request, Reply*) {
+  Service& service = session.service;
+  const tnv_wrename_msg& rename = request->u.wrename;
+  std::vector<std::string> texts;
+  std::string from;
+  std::string to;
+  if (!request.texts({rename.wrename_msg_slen, rename.wrename_msg_dlen}, &texts)) {
+    return OX_EINVAL;
+  }
+  int err = normalise_share_path(session.share, texts[0], &from);
+  err = err != 0 ? err : normalise_share_path(session.share, texts[1], &to);
+  if (err != 0) {
+    return err;
+  }
+  const std::lock_guard names(service.files.names());
+  CloudEntry entry;
+  err = find_movable(service, from, session.share, &entry);
+  if (err != 0 || to == session.share) {
+    return err != 0 ? err : OX_EEXIST;
+  }
+  return service.files.rename(entry, from, to);
+}
+
+int serve_can_delete(Session& session, const Request& request, Reply* reply) {
+  Service& service = session.service;
+  std::string path;
+  if (const int err =
+          request_path(session, request, request->u.wcandelete.wcandelete_msg_plen, &path)) {
+    return err;
+  }
+  const std::lock_guard names(service.files.names());
+  const int err = check_delete(service, path, session.share);
+  reply->resp.u.wcandel.wcandel_check = err == 0 ? 1 : 0;
+  /* That it may not is an answer; that there is nothing to ask about is an error. */
+  const bool answered =
+      err == OX_EACCES || err == OX_EBUSY || err == OX_EPERM || err == OX_ENOTEMPTY;
+  return answered ? 0 : err;
+}
+
+int serve_delete(Session& session, const Request& request, Reply*) {
+  Service& service = session.service;
+  std::string path;
+  if (const int err = request_path(session, request, request->u.wdelete.wdelete_msg_plen, &path)) {
+    return err;
+  }
+  const std::lock_guard names(service.files.names());
+  CloudEntry entry;
+  const int err = find_movable(service, path, session.share, &entry);
+  return err != 0 ? err : service.files.remove(entry, path);
+}
+
+}  // namespace tarnd

@@ -1,0 +1,31 @@
+#include "protocol/request.h"
+
+#include <cstring>
+
+namespace tarnd {
+
+bool Request::texts(std::initializer_list<int64_t> lengths, std::vector<std::string>* texts) const {
+  const char* next = tnv_msg_payload(msg());
+  int64_t left = static_cast<int64_t>(msg()->hdr.hdr_len) - TNV_MSG_FIXED;
+  for (const int64_t length : lengths) {
+    if (length < 0 || length >= left || next[length] != '\0' ||
+        std::memchr(next, '\0', static_cast<size_t>(length)) != nullptr) {
+      return false;
+    }
+    texts->emplace_back(next, static_cast<size_t>(length));
+    next += length + 1;
+    left -= length + 1;
+  }
+  return left == 0;
+}
+
+bool Request::text(int64_t length, std::string* text) const {
+  std::vector<std::string> texts;
+  if (!this->texts({length}, &texts)) {
+    return false;
+  }
+  *text = std::move(texts[0]);
+  return true;
+}
+
+}  // namespace tarnd
