@@ -1,6 +1,6 @@
-# GLib and ICU: targets glib and icu_uc, found with pkg-config. For Windows they are static and lie in
-# the prefix that tools/build-cross-prefix makes when cross-building; on the development host they
-# are the system's.
+# GLib, ICU and SQLite: targets glib, icu_uc and sqlite, found with pkg-config. For Windows they are
+# static and lie in the prefix that tools/build-cross-prefix makes when cross-building; on the
+# development host they are the system's.
 find_package(PkgConfig REQUIRED)
 
 set(CROSS_PREFIX "")
@@ -34,3 +34,4 @@ endfunction()
 
 packaged_library(glib GLIB glib-2.0)
 packaged_library(icu_uc ICU_UC icu-uc)
+packaged_library(sqlite SQLITE sqlite3)

@@ -18,8 +18,16 @@ The cloud and the user:
   --confaddr URL         the configuration service: kept, not used
   --proxy-server TEXT, --proxy-user TEXT, --proxy-password TEXT
                          the HTTP proxy: kept, not used (a folder needs none)
+  --transfers NUMBER     fetches at a time, and uploads at a time: 1 to 64 (8)
+  --write-back-wait MS   how long a close waits for its upload before it answers while that goes on;
+                         until then it tells of a failure (2000)
 This machine:
   --cache DIR            the cache directory: cache files, journals and the pid file "tarnd_pid"
+  --cache-size BYTES     cached files that are closed and saved go, those used longest ago first,
+                         when the cache takes more (0: a tenth of the disk's free space)
+  --keep-free BYTES      with less free space on the disk nothing is fetched: 28 (268435456)
+  --shutdown-wait MS     how long uploads may go on after SHUTDOWN; those that are left go on after
+                         the next start (5000)
   --sockdir DIR          the socket's directory; the cache directory when empty
   --wgid ID              the workgroup: a directory of this name below the socket's directory
   --uid NUMBER           the socket is "NUMBER.sock", and "tnvfs.sock" when 0 or left out
@@ -29,7 +37,10 @@ This machine:
   --vfs                  serve the drive (always done; told in GET_VERSION)
   --help, --version
 
-Environment, for development:
+Environment:
+  TARND_CACHE_SIZE, TARND_KEEP_FREE, TARND_TRANSFERS, TARND_WRITE_BACK_WAIT, TARND_SHUTDOWN_WAIT
+                         as the options of these names, which go before them
+For development:
   TARND_REGION_SHIFT=N   regions of 2^N bytes, 0 to 62 (20)
   TARND_UTXID=N          the first answer's transaction id, counted up with each answer; 0: none (0)
   TARND_LATENCY_MS=N     waits before each answer, up to 60000 (0)

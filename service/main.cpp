@@ -54,8 +54,8 @@ bool read_options(Options* options, std::string* error) {
     *error = "the command line is not well-formed UTF-16";
     return false;
   }
-  return parse_command_line(split_command_line(line), options, error) &&
-         parse_environment(variable, options, error);
+  return parse_environment(variable, options, error) &&
+         parse_command_line(split_command_line(line), options, error);
 }
 
 /* The log facility takes narrow paths. */

@@ -197,7 +197,7 @@ TEST_F(AfUnix, AStrangerOnThePortIsNotAccepted) {
   if (port.sin_port == 0) {
     GTEST_SKIP() << "this Wine has AF_UNIX sockets of its own";
   }
-  for (const std::string& text : {std::string(), std::string(32, 'a')}) {
+  for (const std::string& text : {std::string(), std::string(36, 'a')}) {
     const Socket stranger(socket(AF_INET, SOCK_STREAM, 0));
     ASSERT_EQ(connect(stranger, reinterpret_cast<const sockaddr*>(&port), sizeof(port)), 0);
     send(stranger, text.data(), static_cast<int>(text.size()), 0);
@@ -338,7 +338,7 @@ TEST_F(AfUnix, ManyThreadsHaveManyConnectionsAtOnce) {
         send_text(clients[i], text(i));
       }
       for (size_t i = 0; i < kConnections; i++) {
-        right += static_cast<__int_type>(receive(clients[i], kSize) == text(i));
+        right += receive(clients[i], kSize) == text(i) ? 1 : 0;
       }
     });
   }
@@ -379,6 +379,24 @@ TEST_F(AfUnix, SmallMessagesAreNotHeldBack) {
 
 /* --------------------------------------------------------------------- a service that is killed */
 
+/* 0 when there is none. */
+ULONG peer_process(SOCKET s) {
+  ULONG process = 0;
+  DWORD size = 0;
+  WSAIoctl(s, SIO_AF_UNIX_GETPEERPID, nullptr, 0, &process, sizeof(process), &size, nullptr,
+           nullptr);
+  return process;
+}
+
+TEST_F(AfUnix, TheProcessAtTheOtherEndIsTold) {
+  const Socket service = listener(path_);
+  const Socket client;
+  ASSERT_EQ(connect_to(client, path_), 0);
+  const Socket accepted(accept(service, nullptr, nullptr));
+  EXPECT_EQ(peer_process(accepted), GetCurrentProcessId());
+  EXPECT_EQ(peer_process(service), 0u) << "who listens has no other end";
+}
+
 /* Accepts a connection, says so on it, and waits to be killed. */
 int serve(const char* path, const char* ready_event) {
   const Socket service = listener(path);
@@ -413,6 +431,7 @@ TEST_F(AfUnix, AKilledServiceHangsUpAndRefuses) {
   const Socket client;
   ASSERT_EQ(connect_to(client, path_), 0);
   EXPECT_EQ(poll_one(client, POLLRDNORM), POLLRDNORM);
+  EXPECT_EQ(peer_process(client), service.dwProcessId);
   EXPECT_TRUE(TerminateProcess(service.hProcess, 1));
   WaitForSingleObject(service.hProcess, INFINITE);
   CloseHandle(service.hProcess);
