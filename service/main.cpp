@@ -92,7 +92,9 @@ void report_counts(const Service& service) {
 
 /* Serves from here on to the end: recovery, clients, the way back. */
 int serve(Service& service) {
-  service.recover();
+  if (!service.recover()) {
+    return fail(CANNOT_START, "Cannot read the service's database in the cache directory");
+  }
   std::string error;
   {
     Listener listener(service);
@@ -107,8 +109,8 @@ int serve(Service& service) {
   const size_t unsaved = service.finish();
   report_counts(service);
   if (unsaved != 0) {
-    return fail(UNSAVED, std::to_string(unsaved) + " files could not be written back; they are " +
-                             "kept for the next start");
+    return fail(UNSAVED, std::to_string(unsaved) +
+                             " files are not in the cloud yet; they go up after the next start");
   }
   OX_LOG(OX_INFO_LEVEL, 0, "Ended");
   return ENDED;
@@ -134,7 +136,7 @@ int run(const Options& options) {
   if (make_private_folder(files) != 0 || tnv_sock_init() != 0) {
     return fail(CANNOT_START, "Cannot use the cache directory or Windows Sockets");
   }
-  Service service(options, std::move(cloud), files);
+  Service service(options, std::move(cloud), cache);
   return serve(service);
 }
 

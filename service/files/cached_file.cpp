@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "names/folded_path.h"
 #include "ox_errno.h"
 #include "ox_logging.h"
 #include "uuid_text.h"
@@ -77,7 +78,7 @@ std::string CachedFile::path() const {
 int CachedFile::attach(FileOpen* open, const std::string& path, const AttachHow& how,
                        FileView* view) {
   Turn turn(*this);
-  if (record_.path != path || record_.state.content == Content::GONE) {
+  if (folded_path(record_.path) != folded_path(path) || record_.state.content == Content::GONE) {
     return OX_EAGAIN;
   }
   int err = how.create ? begin_new(turn) : bring_up_to_date(how);
@@ -119,7 +120,7 @@ void CachedFile::abandon(Turn& turn) {
   Work work;
   const bool made = record_.is_new && record_.state == FileState{Content::DIRTY, Change::NONE};
   if (record_.state.content != Content::CLEAN) {
-    carry_out(turn, made ? Event::DELETE : Event::CLOSE, work);
+    carry_out(turn, made ? Event::REMOVE : Event::CLOSE, work);
   }
   local_.close();
 }
@@ -264,9 +265,6 @@ void CachedFile::leave(FileOpen* open, Closing how) {
   {
     const std::lock_guard guard(lock_);
     std::erase(opens_, open);
-    if (record_.state.content == Content::CLEAN && !opens_.empty()) {
-      local_.size(&clean_size_);
-    }
   }
   if (!opens_.empty()) {
     return;
@@ -275,7 +273,6 @@ void CachedFile::leave(FileOpen* open, Closing how) {
   const std::lock_guard guard(lock_);
   if (local_.is_open()) {
     modified_ = local_.modified();
-    local_.size(&clean_size_);
     local_.close();
   }
   if (how == Closing::CLIENT_DIED && record_.state == FileState{}) {
@@ -354,7 +351,8 @@ FileRecord CachedFile::moving(const std::string& to) {
   return record_;
 }
 
-FileRecord CachedFile::moved(const std::string& path, const CloudEntry* now) {
+FileRecord CachedFile::moved(const std::string& path, const CloudEntry& before,
+                             const CloudEntry* now) {
   const std::lock_guard guard(lock_);
   if (record_.base.path == record_.path) {
     record_.base.path = path;
@@ -363,7 +361,7 @@ FileRecord CachedFile::moved(const std::string& path, const CloudEntry* now) {
   record_.moving_to.clear();
   entry_.path = path;
   entry_.name = path.substr(path.rfind('/') + 1);
-  if (now != nullptr) {
+  if (now != nullptr && !now->folder && before.version == record_.base.version) {
     record_.base.version = now->version;
     entry_ = *now;
   }
@@ -379,7 +377,7 @@ int CachedFile::remove(const std::string& version, bool in_use) {
   Turn turn(*this);
   Work work;
   work.version = version;
-  return carry_out(turn, Event::DELETE, work);
+  return carry_out(turn, Event::REMOVE, work);
 }
 
 /* ------------------------------------------------------------------ without an open */
@@ -401,6 +399,11 @@ void CachedFile::recover() {
 bool CachedFile::has_unsaved() const {
   const std::lock_guard guard(lock_);
   return is_on_record(record_.state);
+}
+
+bool CachedFile::is_gone() const {
+  const std::lock_guard guard(lock_);
+  return record_.state.content == Content::GONE;
 }
 
 uint64_t CachedFile::cached_bytes() const {

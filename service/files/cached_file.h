@@ -183,12 +183,12 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
     std::unique_ptr<Turn> turn_;
   };
   /*
-   * Under the hold: where it is to go (empty: nowhere, after all), and that it is there. `now` is the
-   * cloud's entry of the file, null when only its path has changed. The record is to be saved,
-   * unless nothing of the file is on record.
+   * Under the hold: where it is to go (empty: nowhere, after all), and that it is there. `before`
+   * and `now` are the cloud's entries of what was renamed; `now` is null for a file that is not in
+   * the cloud. The record is to be saved, unless nothing of the file is on record.
    */
   FileRecord moving(const std::string& to);
-  FileRecord moved(const std::string& path, const CloudEntry* now);
+  FileRecord moved(const std::string& path, const CloudEntry& before, const CloudEntry* now);
 
   /*
    * Deletes the cloud's file, of this version; what opens hold lives on until they close, and goes
@@ -203,6 +203,8 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
 
   /* Whether something waits here for the cloud, or may come without a word. */
   bool has_unsaved() const;
+  /* Deleted, or never made after all. */
+  bool is_gone() const;
   uint64_t cached_bytes() const;
 
  private:
@@ -286,6 +288,7 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
   int look_up_size(const FileOpen& open, uint64_t* size);
   int change(Turn& turn, Work& work);
   int cut(Turn& turn, uint64_t size, bool told);
+  bool has_stale_maps(const FileOpen& open) const;
   bool tell_emptied(FileOpen* open, uint64_t size);
   int report(Turn& turn, FileOpen* open, Run regions, uint64_t size);
   uint64_t cached_up_to(const FileOpen& open, Run regions) const;

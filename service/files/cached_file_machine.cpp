@@ -165,6 +165,7 @@ int CachedFile::commit(FileState after, Durability durability, Event event, Work
   if (err == 0) {
     const std::lock_guard guard(lock_);
     edit(&record_, after, event, work);
+    clean_size_ = after.content == Content::CLEAN ? record_.size : clean_size_;
   }
   return err;
 }

@@ -104,7 +104,7 @@ void CachedFile::read_ahead(FileOpen* open, uint64_t offset, uint64_t length) {
   fetching_++;
   lock.unlock();
   if (env_.may_fetch(bytes.end - bytes.offset)) {
-    fetches_.read_ahead({bytes.offset, bytes.end - bytes.offset});
+    fetches_.read_ahead({bytes.offset, bytes.end - bytes.offset}, env_.context());
   }
   lock.lock();
   fetching_--;
@@ -147,6 +147,11 @@ bool CachedFile::tell_emptied(FileOpen* open, uint64_t size) {
   return true;
 }
 
+bool CachedFile::has_stale_maps(const FileOpen& open) const {
+  const std::lock_guard guard(lock_);
+  return open.emptied != emptied_;
+}
+
 /* Up to where all is local behind the regions, as far as the open's maps reach. */
 uint64_t CachedFile::cached_up_to(const FileOpen& open, Run regions) const {
   const uint64_t file_end = record_.store.regions(0, record_.size).end;
@@ -163,11 +168,11 @@ int CachedFile::cache_regions(FileOpen* open, uint64_t offset, uint64_t length, 
   if (open->without_maps && !truncating) {
     return OX_ENOTTY;
   }
-  if (!truncating && open->emptied != emptied_) {
+  if (!truncating && has_stale_maps(*open)) {
     Turn turn(*this);
     answer->clear = tell_emptied(open, answer->size);
     if (answer->clear) {
-      return 0;
+      return report(turn, open, {}, answer->size);
     }
   }
   const Run regions = record_.store.regions(offset, length);
@@ -197,10 +202,8 @@ int CachedFile::dirty_regions(FileOpen* open, uint64_t offset, uint64_t length,
     return 0;
   }
   const Run regions = record_.store.regions(offset, length);
-  if (open->emptied == emptied_) {
-    if (const int err = fetch_all(regions)) {
-      return err;
-    }
+  if (const int err = fetch_all(regions)) {
+    return err;
   }
   Turn turn(*this);
   if (!open->attached) {

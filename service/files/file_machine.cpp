@@ -187,7 +187,7 @@ Plan plan(FileState state, Event event, const Facts& facts) {
       planner.add(Action::KEEP_CHANGE);
       change_ends(planner);
       break;
-    case Event::DELETE:
+    case Event::REMOVE:
       remove(planner, facts);
       break;
     case Event::RESTART:

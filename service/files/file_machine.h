@@ -67,7 +67,7 @@ enum class Event {
   UPLOAD_FAILED,     /* nothing arrived, as far as we know: it stays in the queue */
   UPLOAD_LOST,       /* the cloud's file is another one by now */
   UPLOAD_IMPOSSIBLE, /* some of the sealed bytes cannot be had any more */
-  DELETE,
+  REMOVE,
   RESTART, /* of the service, with the state that is on record; nothing is open */
 };
 
