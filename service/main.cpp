@@ -10,7 +10,8 @@
 #include "ox_errno.h"
 #include "ox_logging.h"
 #include "pid_file.h"
-#include "private_folder.h"
+#include "private_access.h"
+#include "secret_options.h"
 #include "tnv_connio_win.h"
 #include "wide_text.h"
 
@@ -140,10 +141,12 @@ int run(const Options& options) {
   return serve(service);
 }
 
-int main() {
+int main(int argc, char** argv) {
   Options options;
   std::string error;
-  if (!read_options(&options, &error)) {
+  const bool readable = read_options(&options, &error);
+  hide_own_secret_options(argc, argv);
+  if (!readable) {
     fprintf(stderr, "tarnd: %s\nTry: tarnd --help\n", error.c_str());
     return USAGE;
   }
@@ -165,4 +168,4 @@ int main() {
 }  // namespace
 }  // namespace tarnd
 
-int main() { return tarnd::main(); }
+int main(int argc, char** argv) { return tarnd::main(argc, argv); }

@@ -65,6 +65,8 @@ class ServiceProcess {
   }
   std::string socket_path() const { return folder_ + "\\sock\\tnvfs.sock"; }
   uint32_t pid() const { return pid_; }
+  HANDLE handle() const { return process_; }
+  std::string more_options; /* on the command line of the next start */
   /* Waits for its end: the exit code. */
   int wait() {
     DWORD code = 0;
@@ -102,7 +104,7 @@ class ServiceProcess {
            "\\tarnd.exe --cfs https://acme.example.com --user me --cache \"" + folder_ +
            "\\cache\" --addr file:///" + slashes(folder_) +
            "/cloud --tn-devid t-dev --da-devid d-dev --logfile \"" + folder_ +
-           "\\tarnd.log\" --vfs --sockdir \"" + folder_ + "\\sock\"";
+           "\\tarnd.log\" --vfs --sockdir \"" + folder_ + "\\sock\" " + more_options;
   }
 
   std::string folder_;
@@ -148,7 +150,7 @@ class RawConnection {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     service.socket_path().copy(address.sun_path, sizeof address.sun_path - 1);
-    connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    ::connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address);
     const DWORD patience_ms = 20000;
     setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&patience_ms),
                sizeof patience_ms);
@@ -158,7 +160,7 @@ class RawConnection {
   RawConnection& operator=(const RawConnection&) = delete;
 
   bool send(const void* data, size_t size) {
-    return send(socket_, static_cast<const char*>(data), static_cast<int>(size), 0) ==
+    return ::send(socket_, static_cast<const char*>(data), static_cast<int>(size), 0) ==
            static_cast<int>(size);
   }
   /* Reads an answer with all that follows it. */
@@ -243,6 +245,12 @@ class RawConnection {
       u.wrename.wrename_msg_dlen = length(to);
     };
     return ask(TNV_OP_WIN_RENAME, fill, from + '\0' + to + '\0').error();
+  }
+  int set_proxy(const std::string& server, const std::string& user, const std::string& password) {
+    const auto fill = [&](Payload& u) {
+      u.wsetproxy = {length(server), length(user), length(password)};
+    };
+    return ask(TNV_OP_WIN_SETPROXY, fill, server + '\0' + user + '\0' + password + '\0').error();
   }
   int update_token(const std::string& token) {
     const auto fill = [&](Payload& u) { u.updatetoken.ut_len = length(token); };
