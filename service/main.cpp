@@ -6,6 +6,7 @@
 #include <string>
 
 #include "build_info.h"
+#include "cloud/cloud_address.h"
 #include "listener.h"
 #include "ox_errno.h"
 #include "ox_logging.h"
@@ -129,7 +130,8 @@ int run(const Options& options) {
                                   ? "Another service has the cache directory " + options.cache
                                   : "Cannot write tarnd_pid in " + options.cache);
   }
-  std::unique_ptr<Cloud> cloud = open_cloud(options.addr, &error);
+  CloudCounts counts;
+  std::unique_ptr<Cloud> cloud = open_cloud(options.addr, {.counts = &counts}, &error);
   if (cloud == nullptr) {
     return fail(CANNOT_START, error);
   }

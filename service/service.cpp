@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-#include "cloud/cloud_retry.h"
 #include "ox_logging.h"
 #include "wide_text.h"
 
@@ -99,7 +98,7 @@ std::shared_ptr<const CloudCredentials> Credentials::now() {
 
 Service::Service(const Options& opts, std::unique_ptr<Cloud> the_cloud, const std::wstring& cache)
     : options(opts),
-      cloud(std::make_unique<RetryingCloud>(std::move(the_cloud), &cloud_counts)),
+      cloud(std::move(the_cloud)),
       folder(cache + L"\\files"),
       credentials(opts),
       limits(opts.cache_size, opts.keep_free, [cache] { return free_space(cache); }),

@@ -10,7 +10,6 @@
 #include "cache_limits.h"
 #include "clients.h"
 #include "cloud/cloud.h"
-#include "cloud/cloud_counts.h"
 #include "counters.h"
 #include "files/open_files.h"
 #include "options.h"
@@ -58,8 +57,7 @@ class Service {
   size_t finish();
 
   const Options options;
-  CloudCounts cloud_counts;
-  const std::unique_ptr<Cloud> cloud; /* tries again what can be tried again */
+  const std::unique_ptr<Cloud> cloud;
   const std::wstring folder;          /* of the local files */
   Counters counters;
   Credentials credentials;

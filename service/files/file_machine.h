@@ -5,7 +5,8 @@
  * A plan is a list of steps, to be done in their order. Each names the state that holds once it is
  * done, so a step that fails, or a process that is killed between two of them, leaves the state of
  * the step before: every prefix of a plan is a sound state. What the disk must know before something
- * happens is therefore simply an earlier step.
+ * happens is therefore simply an earlier step. ENQUEUE, REST, UPLOAD, DROP_ASIDE and FORGET never
+ * fail.
  *
  * The rules that all plans keep:
  *   - no acknowledged byte is lost: a close that was answered is in the cloud, or sealed, or part of

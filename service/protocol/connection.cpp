@@ -30,6 +30,8 @@ Connection::Connection(Service& service, uint64_t number, int socket)
   vh_.vfs_fd = socket;
   vh_.vfs_private = &service;
   vh_.vfs_is_exiting = is_stopping;
+  session_.peer_pid = peer_process(static_cast<uint64_t>(socket));
+  session_.client_pid = session_.peer_pid;
 }
 
 void Connection::run() {
