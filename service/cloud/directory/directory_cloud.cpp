@@ -23,6 +23,15 @@ bool is_below(const std::wstring& path, const std::wstring& folder) {
          CompareStringOrdinal(path.c_str(), length, folder.c_str(), length, TRUE) == CSTR_EQUAL;
 }
 
+/* Before a folder is opened for its deletion, which keeps others from searching it. */
+void remove_parts_in(const std::wstring& place) {
+  constexpr DWORD KINDS = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
+  const DWORD attributes = GetFileAttributesW(place.c_str());
+  if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & KINDS) == FILE_ATTRIBUTE_DIRECTORY) {
+    remove_parts(place, 0);
+  }
+}
+
 }  // namespace
 
 std::unique_ptr<Cloud> DirectoryCloud::open(const std::string& folder, std::string* error) {
@@ -352,13 +361,11 @@ CloudResult DirectoryCloud::remove(const CloudContext& context, const std::strin
     result = root_->place_for(path, &place);
   }
   if (result.ok()) {
+    remove_parts_in(place);
     result = open_movable(place, version, &item);
   }
   if (!result.ok()) {
     return result;
-  }
-  if (item.is_folder() && (item.info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) {
-    remove_parts(place, 0);
   }
   note_gone(item.change_time);
   const FileGates::Gate gate = gates_.of(path);
