@@ -186,6 +186,7 @@ int CachedFile::cache_regions(FileOpen* open, uint64_t offset, uint64_t length, 
   const std::lock_guard guard(lock_);
   answer->start = record_.store.start(regions.first);
   answer->cached = err == 0 ? cached_up_to(*open, regions) - offset : 0;
+  open->reads.answered(offset + answer->cached);
   return err;
 }
 
