@@ -299,6 +299,11 @@ int OpenFiles::rename(const CloudEntry& entry, const std::string& from, const st
   if (entry.folder && any_in_use_below(entry.path)) {
     return OX_EBUSY;
   }
+  CloudEntry other;
+  const auto there = known(folded_path(to));
+  if (there != nullptr && folded_path(to) != folded_path(entry.path) && there->new_entry(&other)) {
+    return OX_EEXIST; /* the cloud does not know of it yet */
+  }
   std::vector<Moving> moving = hold_for_move(entry, to);
   CloudEntry local;
   const bool is_new = !entry.folder && !moving.empty() && moving[0].hold.file().new_entry(&local);

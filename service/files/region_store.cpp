@@ -64,9 +64,8 @@ void RegionStore::truncate(uint64_t size) {
 
 void RegionStore::rebase(uint64_t size) {
   const uint64_t limit = std::max(limit_, std::min(size, cut_));
-  if (limit > limit_) {
-    present_.add(regions(limit_, limit - limit_));
-  }
+  /* The region with the old limit in it may lack what lay before. */
+  present_.add({regions_up_to(limit_), regions_up_to(limit)});
   limit_ = limit;
 }
 
