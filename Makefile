@@ -20,7 +20,8 @@ build = printf '==> %s\n' 'Building in build/$(1)'; \
 DEMO_TARGETS := tnw tarnd tnwsh ws2_32_wine afunix_probe
 OWN_CODE = git ls-files -co --exclude-standard -- '*.cpp' '*.h' '*.c'
 
-.PHONY: help demo test test-slow build host-build host-test format tidy clean packages cross-prefix
+.PHONY: help demo test test-slow build host-build host-test format check-format tidy lines clean \
+        packages cross-prefix
 
 help: ## Lists these commands
 	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1@\2/p' $(firstword $(MAKEFILE_LIST)) | \
@@ -57,14 +58,22 @@ host-test: packages ## Runs the tests of the portable modules with sanitizers, o
 	done
 
 format: ## Formats the code
-	@tools/install-packages clang-format
-	@$(OWN_CODE) | xargs -d '\n' clang-format -i
+	@tools/install-packages clang-format-16
+	@$(OWN_CODE) | xargs -d '\n' clang-format-16 -i
 
-tidy: cross-prefix ## Looks for likely faults with clang-tidy
-	@tools/install-packages clang-tidy
+check-format: ## Fails when some code is not formatted
+	@tools/install-packages clang-format-16
+	@echo '==> Checking the format'
+	@$(OWN_CODE) | xargs -d '\n' clang-format-16 --dry-run -Werror
+
+tidy: cross-prefix ## Looks for likely faults and for other names with clang-tidy
+	@tools/install-packages clang-tidy-16
 	@$(call configure,host)
 	@$(call configure,windows)
 	@tools/tidy
+
+lines: ## Counts the lines of the product and of its tests, which are to be 0.40 of them at most
+	@tools/count-lines
 
 clean: ## Removes everything that was built here
 	rm -rf build

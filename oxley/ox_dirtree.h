@@ -1,5 +1,5 @@
 /*
- * Whole directory trees. Not exported from the DLL. Windows only.
+ * Whole directory trees, and where paths lead. Not exported from the DLL. Windows only.
  *
  * Paths are narrow texts in the process's code page; what lies below may have any name and depth.
  */
@@ -23,6 +23,13 @@ int ox_rmrf(const char* path);
  * backslash, 38 when the name does not fit. A directory does not cross volumes.
  */
 int ox_movedir2tmp(const char* path, char* moved, size_t size);
+
+/*
+ * Whether `path` names something below `folder`, not the folder itself, as the system reads both:
+ * ".." leads up, dots and spaces at the end are dropped, case does not matter. Neither need exist,
+ * and links are not followed. False when one of them cannot be read as a path.
+ */
+bool ox_is_below(const char* path, const char* folder);
 
 OX_END_DECLS
 

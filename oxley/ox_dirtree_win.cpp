@@ -17,7 +17,7 @@
 #include "ox_errno.h"
 #include "ox_logging.h"
 #include "ox_platform.h"
-#include "ox_util.h"
+#include "ox_time.h"
 
 namespace {
 
@@ -169,4 +169,22 @@ int ox_movedir2tmp(const char* path, char* moved, size_t size) {
   }
   OX_LOG_DEBUG(2, "Folder moved successfully from %s to %s", path, moved);
   return 0;
+}
+
+bool ox_is_below(const char* path, const char* folder) {
+  try {
+    const std::wstring inner = long_path(path);
+    std::wstring outer = long_path(folder);
+    if (outer.empty()) {
+      return false;
+    }
+    if (!outer.ends_with(L'\\')) {
+      outer += L'\\';
+    }
+    const int length = static_cast<int>(outer.size());
+    return inner.size() > outer.size() &&
+           CompareStringOrdinal(inner.c_str(), length, outer.c_str(), length, TRUE) == CSTR_EQUAL;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
 }

@@ -8,6 +8,8 @@
 #ifndef OX_ERRNO_H
 #define OX_ERRNO_H
 
+#include "ox_types.h"
+
 enum {
   OX_EPERM = 1,
   OX_ENOENT = 2,
@@ -35,5 +37,15 @@ enum {
   OX_EOPNOTSUPP = 130,
   OX_EOWNERDEAD = 133 /* the connection to the cache service is broken */
 };
+
+OX_BEGIN_DECLS
+
+/*
+ * The error number for a Windows error: 2 for 2 and 3, 17 for 183, 130 for 50; every other code is
+ * its own number. Not exported from the DLL.
+ */
+int ox_winerr2errno(ox_u32 winerr);
+
+OX_END_DECLS
 
 #endif

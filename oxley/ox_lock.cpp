@@ -10,7 +10,7 @@
 #include <atomic>
 
 #include "ox_logging.h"
-#include "ox_util.h"
+#include "ox_time.h"
 
 namespace {
 

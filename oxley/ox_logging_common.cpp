@@ -8,6 +8,7 @@
 #include <ctime>
 
 #include "ox_logging.h"
+#include "ox_time.h"
 #include "ox_util.h"
 
 const char* ox_msg_type[OX_MSG_TYPES] = {

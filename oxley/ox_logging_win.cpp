@@ -1,11 +1,9 @@
 /*
- * Lines with the built-in prefix, and how the process ends: a FATAL message and a failed
- * assertion. No Windows call is needed for either.
+ * Lines with the built-in prefix. A FATAL one ends the process. No Windows call is needed.
  */
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 
 #include "ox_assert.h"
 #include "ox_logging.h"
@@ -25,15 +23,8 @@ void ox_log_msg(ox_s32 lineno, const char* file, ox_msglvl type, ox_s32 errnum, 
   }
   ox_spdlog(line);
   if (type == OX_FATAL_LEVEL) {
-    /* The place that every FATAL end names, whatever this file's own lines are. */
+    /* The place that every FATAL end names: who reads crash output finds them all under it. */
     ox_assert_failed("0", "ox_logging_win", 117);
   }
   errno = saved_errno;
-}
-
-void ox_assert_failed(const char* expr, const char* file, int line) {
-  ox_log_flush();
-  fprintf(stderr, "Assertion failed: %s, file %s, line %d\n", expr, file, line);
-  fflush(stderr);
-  abort();
 }

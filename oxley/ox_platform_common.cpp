@@ -1,9 +1,7 @@
 /*
  * What the descriptor calls decide without asking the system.
  */
-#include "ox_errno.h"
 #include "ox_platform.h"
-#include "ox_util.h"
 
 ox_u32 ox_create_disposition(ox_u32 flags) {
   enum : ox_u32 {
@@ -27,18 +25,4 @@ ox_u32 ox_create_disposition(ox_u32 flags) {
     return open_always;
   }
   return truncate ? truncate_existing : open_existing;
-}
-
-int ox_winerr2errno(ox_u32 winerr) {
-  switch (winerr) {
-    case 2: /* ERROR_FILE_NOT_FOUND */
-    case 3: /* ERROR_PATH_NOT_FOUND */
-      return OX_ENOENT;
-    case 183: /* ERROR_ALREADY_EXISTS */
-      return OX_EEXIST;
-    case 50: /* ERROR_NOT_SUPPORTED */
-      return OX_EOPNOTSUPP;
-    default:
-      return static_cast<int>(winerr);
-  }
 }

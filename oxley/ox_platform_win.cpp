@@ -1,11 +1,10 @@
 /*
- * Descriptor calls over Windows file handles, and the helpers that need Windows.
+ * Descriptor calls over Windows file handles.
  */
 #include "ox_platform.h"
 
 #include <fcntl.h>
 #include <io.h>
-#include <rpc.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -257,29 +256,3 @@ int ox_handle2path(ox_handle handle, char* buf, size_t size, const char* name) {
 }
 
 int ox_get_max_openfiles(void) { return _getmaxstdio(); }
-
-void ox_uuid_generate(ox_u8* id) {
-  UUID made = {}; /* its one failure, a machine without an address, is of another kind of UUID */
-  (void)UuidCreate(&made);
-  static_assert(sizeof(made) == OX_UUID_SIZE);
-  memcpy(id, &made, sizeof(made));
-}
-
-int ox_unlink(const char* path) {
-  if (DeleteFileA(path) == 0) {
-    ox_set_errno();
-    return -1;
-  }
-  return 0;
-}
-
-int ox_stat(const char* path, ox_stat_t* st) {
-  WIN32_FILE_ATTRIBUTE_DATA data;
-  if (GetFileAttributesExA(path, GetFileExInfoStandard, &data) == 0) {
-    ox_set_errno();
-    return -1;
-  }
-  st->st_size = static_cast<ox_u64>(data.nFileSizeHigh) << 32 | data.nFileSizeLow;
-  st->st_isdir = (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-  return 0;
-}

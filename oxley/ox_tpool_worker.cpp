@@ -9,6 +9,7 @@
 
 #include "ox_assert.h"
 #include "ox_logging.h"
+#include "ox_time.h"
 #include "ox_tpool_internal.h"
 #include "ox_util.h"
 

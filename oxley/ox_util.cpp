@@ -1,5 +1,5 @@
 /*
- * Small portable helpers: identifiers, time, memory, fixed text fields, thread names.
+ * Small portable helpers: memory, fixed text fields, texts, thread names.
  */
 #include "ox_util.h"
 
@@ -16,95 +16,6 @@
 #ifdef _WIN32
 #include <malloc.h>
 #endif
-
-namespace {
-
-/* The byte of the binary form that each two digits of the text stand for: the first three fields
- * are little-endian numbers. */
-constexpr int uuid_byte_order[OX_UUID_SIZE] = {3, 2, 1,  0,  5,  4,  7,  6,
-                                               8, 9, 10, 11, 12, 13, 14, 15};
-
-bool hyphen_before(int byte) { return byte == 4 || byte == 6 || byte == 8 || byte == 10; }
-
-int hex_value(char c) {
-  if (c >= '0' && c <= '9') {
-    return c - '0';
-  }
-  const char lower = static_cast<char>(c | 0x20);
-  return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : -1;
-}
-
-ox_s64 usecs(const struct timespec& ts) {
-  return static_cast<ox_s64>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
-}
-
-}  // namespace
-
-void ox_uuid_unparse(const ox_u8* id, char* text) {
-  static const char digits[] = "0123456789abcdef";
-  for (int i = 0; i < OX_UUID_SIZE; ++i) {
-    if (hyphen_before(i)) {
-      *text++ = '-';
-    }
-    const ox_u8 byte = id[uuid_byte_order[i]];
-    *text++ = digits[byte >> 4];
-    *text++ = digits[byte & 0xf];
-  }
-  *text = '\0';
-}
-
-int ox_uuid_parse(const char* text, ox_u8* id) {
-  if (text == nullptr) {
-    return OX_EINVAL;
-  }
-  ox_u8 parsed[OX_UUID_SIZE];
-  for (int i = 0; i < OX_UUID_SIZE; ++i) {
-    if (hyphen_before(i) && *text++ != '-') {
-      return OX_EINVAL;
-    }
-    const int high = hex_value(text[0]);
-    const int low = high < 0 ? -1 : hex_value(text[1]);
-    if (low < 0) {
-      return OX_EINVAL;
-    }
-    parsed[uuid_byte_order[i]] = static_cast<ox_u8>(high << 4 | low);
-    text += 2;
-  }
-  if (*text != '\0') {
-    return OX_EINVAL;
-  }
-  memcpy(id, parsed, sizeof(parsed));
-  return 0;
-}
-
-int ox_clock_gettime(int clock, struct timespec* ts) {
-  return clock_gettime(static_cast<clockid_t>(clock), ts) == 0 ? 0 : errno;
-}
-
-ox_u64 ox_usecs_since(const struct timespec* start) {
-  struct timespec now = {};
-  (void)ox_clock_gettime(0, &now);
-  const ox_s64 elapsed = usecs(now) - usecs(*start);
-  return elapsed > 0 ? static_cast<ox_u64>(elapsed) : 0;
-}
-
-long ox_local_time(struct tm* local) {
-  struct timespec now = {};
-  (void)ox_clock_gettime(0, &now);
-  const time_t seconds = now.tv_sec;
-#ifdef _WIN32
-  (void)localtime_s(local, &seconds);
-#else
-  (void)localtime_r(&seconds, local);
-#endif
-  return static_cast<long>(now.tv_nsec / 1000000);
-}
-
-void ox_time_text(const struct tm* local, char* text) {
-  if (strftime(text, OX_TIME_TEXT_SIZE, "%Y-%m-%d %H:%M:%S", local) == 0) {
-    text[0] = '\0';
-  }
-}
 
 void* ox_zalloc(size_t size) {
   void* p = calloc(1, size);

@@ -1,37 +1,13 @@
 /*
- * Small helpers of the portability layer. Not exported from the DLL.
- *
- * Those above the line are portable; those below it need Windows (ox_platform_win.cpp).
+ * Small helpers of the portability layer: memory, fixed text fields, texts, thread names. Not
+ * exported from the DLL. Any thread may call.
  */
 #ifndef OX_UTIL_H
 #define OX_UTIL_H
 
-#include <time.h>
-
 #include "ox_types.h"
 
 OX_BEGIN_DECLS
-
-enum { OX_UUID_SIZE = 16, OX_UUID_TEXT_SIZE = 37 };
-
-/*
- * Identifiers are binary UUIDs in the Windows layout (32-bit, 16-bit, 16-bit little-endian, then 8
- * bytes). Unparse writes 36 lower-case characters and a NUL. Parse accepts exactly the 36-character
- * form in either case: 0, or 22 with `id` untouched; a null text is 22.
- */
-void ox_uuid_unparse(const ox_u8* id, char* text);
-int ox_uuid_parse(const char* text, ox_u8* id);
-
-/* Clock 0 is real time. 0 or an error number. */
-int ox_clock_gettime(int clock, struct timespec* ts);
-/* Microseconds of real time since `start`; a clock set back counts as 0. */
-ox_u64 ox_usecs_since(const struct timespec* start);
-
-/* The local time now; gives the milliseconds of its second. */
-long ox_local_time(struct tm* local);
-/* A time as every log line shows it: "2026-11-16 00:48:16". */
-enum { OX_TIME_TEXT_SIZE = 64 };
-void ox_time_text(const struct tm* local, char* text);
 
 /* Zero-filled memory, or null with errno 12; freed with ox_free_safe, which accepts null. */
 void* ox_zalloc(size_t size);
@@ -61,23 +37,6 @@ void ox_unix2win_sep(char* text);
 
 /* Names the calling thread (cut to 15 characters). 0 or an error number. */
 int ox_pthread_setname_np(const char* name);
-
-/* The portability layer's rule from a Windows error to an errno (see ox_platform.h). */
-int ox_winerr2errno(ox_u32 winerr);
-
-/* ------------------------------------------------------------------- Windows only */
-
-/* A new random UUID. */
-void ox_uuid_generate(ox_u8* id);
-/* Removes a file. 0, or -1 with errno. */
-int ox_unlink(const char* path);
-
-typedef struct ox_stat {
-  ox_u64 st_size; /* bytes */
-  bool st_isdir;
-} ox_stat_t;
-/* Size and kind of what `path` names. 0, or -1 with errno. */
-int ox_stat(const char* path, ox_stat_t* st);
 
 OX_END_DECLS
 

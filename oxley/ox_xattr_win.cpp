@@ -10,9 +10,9 @@
 #include <cstring>
 
 #include "ox_errno.h"
+#include "ox_file.h"
 #include "ox_lock.h"
 #include "ox_logging.h"
-#include "ox_util.h"
 #include "ox_win_handle.h"
 
 /* Deliberately never through the prefix callback, and with the name of the layer's main source. */

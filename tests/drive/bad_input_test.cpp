@@ -8,6 +8,8 @@
 
 #include <cstring>
 #include <functional>
+#include <future>
+#include <utility>
 #include <vector>
 
 #include "log_capture.h"
@@ -131,22 +133,20 @@ TEST_F(BadInput, HandlesThatAreNoneAreRefusedWithoutARequest) {
   void* const second = tnw_init(&other, nullptr);
   ASSERT_NE(second, nullptr);
   void* const first = drive.drive;
-  drive.drive = second;
-  void* const orphan = open();
-  drive.drive = first;
-  ASSERT_EQ(tnw_deinit(second, false), 0);
-
   void* const file = open();
   void* const listing = list();
   ASSERT_NE(listing, nullptr);
-  void* const closed = drive.open("g");
+  void* const closed = open();
+  drive.drive = second;
+  void* const orphan = open();
+  drive.drive = first;
   ASSERT_EQ(tnw_close(closed, nullptr), 0);
+  ASSERT_EQ(tnw_deinit(second, false), 0);
   int on_stack = 0;
   void* const wild = reinterpret_cast<void*>(0x10);
   void* const unmapped = moved(full_field(1).at, 1);
-  void* const before_table = moved(file, -2 * static_cast<ptrdiff_t>(sizeof(tnvfd)));
-  const auto* const entry = static_cast<const tnvfd*>(file);
-  ASSERT_EQ(entry->fdt_fd, 1) << "the orphan is 0";
+  ASSERT_EQ(static_cast<const tnvfd*>(file)->fdt_fd, 0);
+  void* const before_table = moved(file, -static_cast<ptrdiff_t>(sizeof(tnvfd)));
   const size_t sent = drive.peer->requests().size();
 
   for (const HandleCall& c : drive_calls) {
@@ -186,9 +186,38 @@ TEST_F(BadInput, HandlesThatAreNoneAreRefusedWithoutARequest) {
   for (const HandleCall& c : drive_calls) {
     EXPECT_EQ(c.call(first), c.for_unknown) << c.name;
   }
+  MEMORY_BASIC_INFORMATION page = {};
+  VirtualQuery(left_open, &page, sizeof page);
+  EXPECT_EQ(page.State, DWORD{MEM_RESERVE}) << "the memory went back, the address did not";
+  drive.peer.reset();
+  ASSERT_NE(drive.start(), nullptr);
+  EXPECT_NE(open(), nullptr);
   for (const HandleCall& c : file_calls) {
     EXPECT_EQ(c.call(left_open), UNKNOWN) << c.name;
   }
+}
+
+TEST_F(BadInput, CallsThatComeDuringAForcedShutDownAreRefusedAtOnce) {
+  void* const file = open();
+  std::promise<void> asked;
+  drive.peer->on_request([&](PeerConnection& conn) {
+    if (conn.opcode() == TNV_OP_SHUTDOWN) {
+      asked.set_value();
+      conn.stall();
+    }
+    conn.answer();
+  });
+  void* const first = std::exchange(drive.drive, nullptr);
+  auto code = std::async(std::launch::async, [&] { return tnw_deinit_force(first); });
+  asked.get_future().wait();
+  for (const HandleCall& c : drive_calls) {
+    EXPECT_EQ(c.call(first), c.for_unknown) << c.name;
+  }
+  for (const HandleCall& c : file_calls) {
+    EXPECT_EQ(c.call(file), UNKNOWN) << c.name;
+  }
+  drive.peer->resume();
+  EXPECT_EQ(code.get(), 0);
 }
 
 TEST_F(BadInput, ADriveThatIsGoneIsNotToldWhileTheServiceIsUnauthorized) {
@@ -385,7 +414,7 @@ TEST(BadRecords, AStartWithEveryFieldFullGivesUp) {
   memset(&record, 'x', sizeof record);
   record.tnw_flags = TNW_INIT_NO_RETRY;
   TestFolder folder;
-  set_field(record.tnw_logdir, folder.path());
+  set_field(record.tnw_logdir, folder.path().string());
   const AtPageEnd full(&record, sizeof record);
   int err = 0;
   EXPECT_EQ(tnw_init(reinterpret_cast<tnw_tninit*>(full.at), &err), nullptr);
@@ -435,7 +464,7 @@ TEST(BadRecords, AStartWithFullNamesWorks) {
   tnw_purge_opt_t po;
   memset(&po, 'u', sizeof po);
   set_field(po.po_domain, domain);
-  set_field(po.po_workdir, drive.folder.path());
+  set_field(po.po_workdir, drive.folder.path().string());
   const AtPageEnd options(&po, sizeof po);
   EXPECT_EQ(tnw_purge_cache(reinterpret_cast<tnw_purge_opt_t*>(options.at)), ERROR_BUSY);
   memset(&po, 'w', sizeof po);

@@ -5,6 +5,8 @@
 
 #include <cstring>
 #include <functional>
+#include <future>
+#include <utility>
 
 #include "log_capture.h"
 #include "peer_drive.h"
@@ -221,6 +223,45 @@ TEST_F(Calls, OnADeadConnectionMostlyReadAsSuccess) {
   }
 }
 
+/* One worker, so that all calls share the connection whose transaction ids decide. */
+TEST(Events, AreLeftAlsoWhileAnotherCallWaitsForItsAnswer) {
+  PeerDrive drive;
+  drive.record.tnw_max_threads = 1;
+  ASSERT_NE(drive.start(), nullptr);
+  tnv_wopen_resp opened = open_answer();
+  opened.wopen_resp_handle = local_file(drive.folder / "local", "local");
+  drive.answer_opens(opened);
+  void* const file = drive.open("f");
+  std::promise<void> asked;
+  ox_u64 utxid = 5;
+  drive.peer->on_request([&](PeerConnection& conn) {
+    if (conn.opcode() == TNV_OP_WIN_STAT) {
+      asked.set_value();
+      conn.stall();
+    }
+    tnv_resphdr header = conn.header();
+    header.rhdr_utxid = std::exchange(utxid, 0);
+    conn.send(bytes_of(header));
+  });
+  const auto events = [&] {
+    const LogCapture log;
+    char byte;
+    EXPECT_EQ(tnw_read(file, &byte, 1, 0, nullptr, nullptr), 0);
+    return log.count("TNV_OP_WIN_READ");
+  };
+  EXPECT_EQ(events(), 0u) << "no id came yet";
+  EXPECT_EQ(tnw_delete(drive.drive, "p", nullptr), 0);
+  EXPECT_EQ(events(), 1u);
+  tnw_fileinfo info;
+  auto stat = std::async(std::launch::async,
+                         [&] { return tnw_getfileinfo(drive.drive, "p", &info, nullptr); });
+  asked.get_future().wait();
+  EXPECT_EQ(events(), 1u) << "the last answer had an id, the next is still to come";
+  drive.peer->resume();
+  EXPECT_EQ(stat.get(), 0);
+  EXPECT_EQ(events(), 0u) << "the last answer had none";
+}
+
 /* ------------------------------------------------------------------- size */
 
 namespace {
@@ -406,7 +447,7 @@ class Purge : public testing::Test {
 
   int purge(const std::string& domain = "drive.test", const std::string& user = "ada") {
     tnw_purge_opt_t po = {};
-    set_field(po.po_workdir, drive.folder.path());
+    set_field(po.po_workdir, drive.folder.path().string());
     set_field(po.po_domain, domain);
     set_field(po.po_username, user);
     return tnw_purge_cache(&po);
@@ -452,7 +493,7 @@ TEST_F(Purge, DoesNotFollowALink) {
   if (removable) {
     return;
   }
-  run_under_wine("rm", "rm -r drive.test", drive.folder.path());
+  run_under_wine("rm", "rm -r drive.test", drive.folder.path().string());
   wait_for(drive.folder / "drive.test", false);
 }
 
@@ -462,7 +503,7 @@ TEST_F(Purge, DeletesInPlaceWhatItCannotMove) {
   EXPECT_EQ(purge(), ERROR_FILE_NOT_FOUND) << "the move's failure, deliberately";
   EXPECT_FALSE(file_exists(dir));
   EXPECT_EQ(log.count("Failed to purge cachedir " + dir + "\""), 1u);
-  EXPECT_EQ(log.count("Unable to move folder from " + dir + " to " + drive.folder.path() +
+  EXPECT_EQ(log.count("Unable to move folder from " + dir + " to " + drive.folder.path().string() +
                       "\\missing\\\\ada_"),
             1u);
 }
@@ -475,20 +516,48 @@ TEST_F(Purge, TouchesNothingOfARunningService) {
                               " because tarnd is still running for ada@drive.test"),
             1u);
   EXPECT_EQ(purge("Drive.test", "Ada"), ERROR_BUSY) << "the same folder";
+  EXPECT_EQ(purge("drive.test", "ada. "), ERROR_BUSY) << "the same folder by another name";
+  EXPECT_EQ(purge("drive.test", "ada\\logs"), ERROR_BUSY) << "a part of it";
   EXPECT_TRUE(file_exists(dir + "\\file"));
   EXPECT_EQ(purge("drive.test", "bob"), 0) << "another user's service is in nobody's way";
   EXPECT_FALSE(file_exists(neighbour));
 }
 
+/* And a folder that holds a running service's cache is as busy as that. */
+TEST_F(Purge, TakesTheNamesThatAStartTakes) {
+  for (const std::string user : {"CORP\\ada", "ada."}) {
+    set_field(drive.record.tnw_username, user);
+    ASSERT_NE(drive.start(), nullptr) << user;
+    EXPECT_EQ(purge("drive.test", user), ERROR_BUSY);
+    EXPECT_EQ(purge("drive.test", user.substr(0, user.find('\\'))), ERROR_BUSY);
+    EXPECT_EQ(tnw_deinit_force(std::exchange(drive.drive, nullptr)), 0);
+    drive.peer.reset();
+    write_file(cache_dir(drive.record) + "\\file", "x");
+    EXPECT_EQ(purge("drive.test", user), 0);
+    EXPECT_FALSE(file_exists(cache_dir(drive.record)));
+    EXPECT_TRUE(file_exists(neighbour + "\\file"));
+  }
+}
+
 TEST_F(Purge, RefusesNamesThatLeadElsewhere) {
   LogCapture log;
-  const char* const names[] = {"",     ".",    "..",      ".. ", "ada.",
-                               "ada ", "a\\b", "..\\ada", "a/b", "c:"};
+  const char* const names[] = {"",
+                               ".",
+                               "..",
+                               ".. ",
+                               "...",
+                               "a\\..",
+                               "a\\..\\..",
+                               "..\\bob",
+                               "/../bob",
+                               "c:",
+                               "ada::$INDEX_ALLOCATION"};
   for (const std::string name : names) {
     EXPECT_EQ(purge("drive.test", name), ERROR_INVALID_DATA) << name;
     EXPECT_EQ(purge(name, "ada"), ERROR_INVALID_DATA) << name;
   }
-  EXPECT_EQ(log.count("\"errno\":22, \"message\":\"Cannot purge a cache of "), 20u);
+  EXPECT_EQ(log.count("\"errno\":22, \"message\":\"Cannot purge a cache of "),
+            2 * std::size(names));
   EXPECT_EQ(tnw_purge_cache(nullptr), ERROR_INVALID_DATA);
   EXPECT_EQ(log.count(22, "tnw_purge_opt_t param is NULL"), 1u);
   EXPECT_TRUE(file_exists(dir + "\\file"));

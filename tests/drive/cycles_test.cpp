@@ -7,23 +7,10 @@
 /* after windows.h */
 #include <psapi.h>
 
-#include "ox_platform.h"
 #include "peer_drive.h"
+#include "process_state.h"
 
 namespace {
-
-/* The number of a fresh handle tells how many there are; a count is not to be had everywhere. */
-HANDLE fresh_handle() {
-  const HANDLE handle = CreateSemaphoreA(nullptr, 0, 1, nullptr);
-  CloseHandle(handle);
-  return handle;
-}
-
-int fresh_descriptor(const std::string& path) {
-  const int fd = ox_open(path.c_str(), OX_O_RDONLY);
-  ox_close(fd);
-  return fd;
-}
 
 SIZE_T private_bytes() {
   PROCESS_MEMORY_COUNTERS counters = {};
@@ -86,12 +73,12 @@ class Cycles : public testing::Test {
 
 TEST_F(Cycles, LeaveNoHandleDescriptorOrMemory) {
   cycles(100);
-  const HANDLE handle = fresh_handle();
-  const int descriptor = fresh_descriptor(local);
+  const size_t handle = fresh_handle();
+  const int descriptor = fresh_descriptor();
   const SIZE_T memory = private_bytes();
   cycles(CYCLES - 100);
   EXPECT_EQ(fresh_handle(), handle);
-  EXPECT_EQ(fresh_descriptor(local), descriptor);
+  EXPECT_EQ(fresh_descriptor(), descriptor);
   /* Ten thousand files have maps of 330 MB, and requests of 30 MB, which the peer keeps. */
   EXPECT_LT(private_bytes(), memory + 100'000'000);
 }

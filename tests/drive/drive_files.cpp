@@ -2,52 +2,7 @@
 
 #include <windows.h>
 
-#include <atomic>
-#include <fstream>
-#include <iterator>
-
 #include "log_capture.h"
-
-namespace fs = std::filesystem;
-
-TestFolder::TestFolder() {
-  static std::atomic<int> next{0};
-  char temp[MAX_PATH];
-  GetTempPathA(sizeof temp, temp);
-  path_ = std::string(temp) + "t" + std::to_string(GetCurrentProcessId()) + "-" +
-          std::to_string(next++);
-  fs::remove_all(path_); /* of a killed test with the same process id */
-  fs::create_directories(path_);
-}
-
-/* A service that still writes back may hold a file for a moment. */
-TestFolder::~TestFolder() {
-  std::error_code failed;
-  for (int i = 0; i < 20; i++) {
-    fs::remove_all(path_, failed);
-    if (!failed) {
-      return;
-    }
-    Sleep(100);
-  }
-}
-
-void write_file(const fs::path& path, const std::string& content) {
-  std::ofstream(path, std::ios::binary) << content;
-}
-
-std::string read_file(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-bool file_exists(const fs::path& path) { return fs::exists(path); }
-
-std::string beside_test(const std::string& program) {
-  char path[MAX_PATH];
-  GetModuleFileNameA(nullptr, path, sizeof path);
-  return fs::path(path).replace_filename(program).string();
-}
 
 tnw_tninit start_record(const TestFolder& folder, const std::string& program) {
   tnw_tninit record = {};
@@ -56,7 +11,7 @@ tnw_tninit start_record(const TestFolder& folder, const std::string& program) {
   record.tnw_max_threads = 2;
   set_field(record.tnw_username, "ada");
   set_field(record.tnw_domain, "drive.test");
-  set_field(record.tnw_workdir, folder.path());
+  set_field(record.tnw_workdir, folder.path().string());
   set_field(record.tnw_logdir, folder / "log");
   set_field(record.tnw_sharepath, "/");
   set_field(record.tnw_binpath, program);

@@ -1,33 +1,13 @@
 /*
- * Folders and start-up records for tests of the whole client.
+ * Start-up records for tests of the whole client.
  */
 #ifndef DRIVE_FILES_H
 #define DRIVE_FILES_H
 
-#include <filesystem>
 #include <string>
 
+#include "test_folder.h"
 #include "tnw.h"
-
-/* A fresh folder with a short path (a socket's path ends at 107), removed with all in it. */
-class TestFolder {
- public:
-  TestFolder();
-  ~TestFolder();
-  const std::string& path() const { return path_; }
-  std::string operator/(const std::string& name) const { return path_ + "\\" + name; }
-
- private:
-  std::string path_;
-};
-
-void write_file(const std::filesystem::path& path, const std::string& content);
-/* The content, or an empty text when there is none. */
-std::string read_file(const std::filesystem::path& path);
-bool file_exists(const std::filesystem::path& path);
-
-/* The path of a program of this build, which stands beside the test's own. */
-std::string beside_test(const std::string& program);
 
 /* A start-up record on `folder`: no retry, two threads, user and drive id, `program` to serve. */
 tnw_tninit start_record(const TestFolder& folder, const std::string& program);

@@ -14,20 +14,17 @@
 #include <regex>
 #include <sstream>
 
+#include "line_mask.h"
 #include "log_capture.h"
+#include "ox_logging.h"
 #include "real_drive.h"
 
 namespace {
 
-/* What differs from run to run, machine to machine, or with an edit of a source: times, addresses,
- * positions, and what the machine and the build are called. */
-std::string without_variables(std::string line) {
-  const std::pair<std::regex, const char*> masks[] = {
-      {std::regex(R"(^\[[^\]]+\])"), "[TIME]"},
-      {std::regex(R"(("asctime":")[^"]+)"), "$1TIME"},
-      {std::regex(R"(^(\[TIME\] [^:]+:)\d+)"), "$1LINE"},
-      {std::regex(R"(("line":)\d+)"), "$1LINE"},
-      {std::regex(R"(("vfs_response_time":)\d+)"), "$1USECS"},
+/* A masked line without what else differs from run to run or from machine to machine: addresses,
+ * the file's times, and what the machine and the build are called. */
+std::string without_variables(const std::string& line) {
+  static const Masks masks = {
       {std::regex(R"(("fi_[cma]time":)\d+)"), "$1TIME"},
       {std::regex(R"((handle":"|file_fd":")(0x)?[0-9A-Fa-f]+)"), "$1ADDRESS"},
       {std::regex(R"(("vfs_socket_fd":|"vfs_peer_thread":"0x|"process_id":|remote_pid )\d+)"),
@@ -37,10 +34,7 @@ std::string without_variables(std::string line) {
       {std::regex(R"-([A-Za-z]:[^ ",]*\\(work|logs|my cloud))-"), "FOLDER\\$1"},
       {std::regex(R"-(("addr":"|"logfile":")[^"]*)-"), "$1PATH"},
   };
-  for (const auto& [what, mask] : masks) {
-    line = std::regex_replace(line, what, mask);
-  }
-  return line;
+  return masked(masked(line), masks);
 }
 
 constexpr char ID[] = "[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}";

@@ -17,6 +17,7 @@
 #include <regex>
 
 #include "log_capture.h"
+#include "ox_logging.h"
 #include "ox_platform.h"
 #include "ox_tpool.h"
 #include "ox_util.h"
@@ -32,6 +33,8 @@ static int most_open_files = -1; /* instead of the runtime's; -1: the runtime's 
 static bool pool_fails = false;
 static bool reads_fail = false; /* as on a broken disk */
 static bool writes_fail = false;
+static bool writes_half = false;
+static int listed_at_table = -1; /* instances on the list when a table is made */
 
 extern "C" {
 void* __real_ox_zalloc(size_t size);
@@ -48,6 +51,7 @@ void* __wrap_ox_zalloc(size_t size) {
   return nullptr;
 }
 int __wrap_ox_get_max_openfiles(void) {
+  listed_at_table = tnw_tninstances.tni_cnt;
   if (most_open_files < 0) {
     return __real_ox_get_max_openfiles();
   }
@@ -63,12 +67,20 @@ ox_s64 __wrap_ox_pread(int fd, void* buf, size_t count, ox_off offset) {
 }
 ox_s64 __wrap_ox_pwrite(int fd, const void* buf, size_t count, ox_off offset) {
   if (!writes_fail) {
-    return __real_ox_pwrite(fd, buf, count, offset);
+    return __real_ox_pwrite(fd, buf, writes_half ? count / 2 : count, offset);
   }
   errno = ERROR_CRC;
   return -1;
 }
 int __wrap_ox_init_tpool(void) { return pool_fails ? 12 : __real_ox_init_tpool(); }
+
+static void* WINAPI alloc_or_fail(void* at, SIZE_T size, DWORD kind, DWORD protection) {
+  static const auto system_alloc = reinterpret_cast<decltype(&VirtualAlloc)>(
+      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("kernel32.dll"), "VirtualAlloc")));
+  return size == failing_size ? nullptr : system_alloc(at, size, kind, protection);
+}
+/* The linker takes this in the place of the import library's. */
+decltype(&VirtualAlloc) __imp_VirtualAlloc = alloc_or_fail;
 }
 
 namespace {
@@ -135,7 +147,7 @@ class LogLines : public testing::Test {
     ox_debug = 1;
     failing_size = 0;
     most_open_files = -1;
-    pool_fails = reads_fail = writes_fail = false;
+    pool_fails = reads_fail = writes_fail = writes_half = false;
   }
 
   PeerDrive drive;
@@ -150,6 +162,7 @@ TEST_F(LogLines, OfADrivesLife) {
   ox_debug = 5;
   void* first = drive.start();
   ASSERT_NE(first, nullptr);
+  EXPECT_EQ(listed_at_table, 0) << "other threads' lookups read the tables of listed instances";
   EXPECT_EQ(tnw_init(&drive.record, nullptr), first);
   tnw_tninit other = drive.record;
   set_field(other.tnw_da_drive_id, OTHER_DRIVE);
@@ -226,7 +239,7 @@ const FailedStart failed_starts[] = {
      {"ERROR", 3, "Failed to create dir .*file.below"}},
     {[](PeerDrive&) { pool_fails = true; }, {"ERROR", 12, "Cannot initialize thread pool"}},
     {[](PeerDrive& d) {
-       set_field(d.record.tnw_uds_workdir, d.folder.path());
+       set_field(d.record.tnw_uds_workdir, d.folder.path().string());
        set_field(d.record.tnw_workdir, below_a_file(d));
      },
      {"ERROR", 3, "Failed to create dir .*file.below.drive.test.ada"}},
@@ -234,6 +247,7 @@ const FailedStart failed_starts[] = {
      {"ERROR", 5, "cannot open .*/da_pid"}},
     {[](PeerDrive&) { reads_fail = true; }, {"ERROR", 23, "cannot read da_pid"}},
     {[](PeerDrive&) { writes_fail = true; }, {"ERROR", 23, "cannot write DA PID to da_pid"}},
+    {[](PeerDrive&) { writes_half = true; }, {"ERROR", 5, "cannot write DA PID to da_pid"}},
     {[](PeerDrive&) { failing_size = sizeof(tnw_tninstance); },
      {"ERROR", 12, "Failed to allocate memory for tnw_tninstance_t"}},
     {[](PeerDrive&) { failing_size = sizeof(tnw_drive_handle); },
@@ -292,8 +306,11 @@ TEST_F(LogLines, OfAnEventNameThatIsTaken) {
 
 /* Under a key that does not last, no lasting one can be made. */
 TEST_F(LogLines, OfARegistryThatKeepsNoDeviceId) {
-  const std::string above = "SOFTWARE\\Oxley\\Oxley Drive\\volatile.test";
+  const std::string all = "SOFTWARE\\Oxley\\Oxley Drive";
+  const std::string above = all + "\\volatile.test";
   HKEY key;
+  ASSERT_EQ(RegCreateKeyA(HKEY_CURRENT_USER, all.c_str(), &key), 0) << "lasting, for other tests";
+  RegCloseKey(key);
   ASSERT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, above.c_str(), 0, nullptr, REG_OPTION_VOLATILE,
                             KEY_ALL_ACCESS, nullptr, &key, nullptr),
             0);
@@ -370,7 +387,7 @@ TEST_F(LogLines, OfNullHandlesAndNotices) {
   EXPECT_EQ(tnw_updatetoken(drive.drive, text), 0);
   EXPECT_EQ(tnw_set_http_proxy(drive.drive, text, text, text), 0);
   tnw_purge_opt_t gone = {};
-  set_field(gone.po_workdir, drive.folder.path());
+  set_field(gone.po_workdir, drive.folder.path().string());
   set_field(gone.po_domain, "drive.test");
   set_field(gone.po_username, "bob");
   std::filesystem::create_directories(drive.folder / "drive.test\\bob");

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "peer_drive.h"
+#include "process_state.h"
 
 namespace {
 
@@ -37,10 +38,7 @@ class Open : public testing::Test {
     return drive.open("f", accmode);
   }
 
-  bool is_open_handle(ox_u64 handle) {
-    DWORD flags;
-    return GetHandleInformation(reinterpret_cast<HANDLE>(handle), &flags) != 0;
-  }
+  static bool is_open(ox_u64 handle) { return is_open_handle(reinterpret_cast<void*>(handle)); }
 
   PeerDrive drive;
 };
@@ -109,7 +107,7 @@ TEST_F(Open, TruncatesTheLocalFileOnSupersedeAndOverwriteIf) {
     EXPECT_EQ(GetLastError(), 183u);
     EXPECT_EQ(read_file(drive.folder / "local"), "");
     EXPECT_EQ(tnw_close(file, nullptr), 0);
-    EXPECT_FALSE(is_open_handle(answer.wopen_resp_handle));
+    EXPECT_FALSE(is_open(answer.wopen_resp_handle));
   }
 }
 
@@ -142,13 +140,13 @@ TEST_F(Open, KeepsARefusedCloseWithoutItsLocalFile) {
   void* refused = drive.open("g");
   drive.peer->on_request([](PeerConnection& conn) { conn.answer(28); });
   EXPECT_EQ(tnw_close(refused, nullptr), ERROR_DISK_FULL);
-  EXPECT_FALSE(is_open_handle(local));
+  EXPECT_FALSE(is_open(local));
   const ox_u64 stranger = local_file(drive.folder / "stranger", "z");
   drive.peer->on_request(ScriptedPeer::answer_success);
   char byte;
   EXPECT_EQ(tnw_read(refused, &byte, 1, 0, nullptr, nullptr), ERROR_INVALID_HANDLE);
   EXPECT_EQ(tnw_close(refused, nullptr), 0);
-  EXPECT_TRUE(is_open_handle(stranger)) << "the second close closes nothing of others";
+  EXPECT_TRUE(is_open(stranger)) << "the second close closes nothing of others";
   CloseHandle(reinterpret_cast<HANDLE>(stranger));
   EXPECT_EQ(tnw_close(file, nullptr), 0);
 }
@@ -165,7 +163,7 @@ TEST_F(Open, ClosesAFolderWithoutCleanupOrLocalFile) {
   EXPECT_EQ(drive.peer->count(TNV_OP_WIN_CLEANUP), 0u);
   EXPECT_EQ(tnw_close(dir, nullptr), 0);
   EXPECT_EQ(drive.peer->count(TNV_OP_WIN_CLOSE), 1u);
-  EXPECT_TRUE(is_open_handle(folder.wopen_resp_handle));
+  EXPECT_TRUE(is_open(folder.wopen_resp_handle));
   CloseHandle(reinterpret_cast<HANDLE>(folder.wopen_resp_handle));
 }
 
@@ -184,7 +182,7 @@ TEST_F(Open, ReleasesWhatAnUnauthorizedAnswerCarries) {
   int err = -1;
   EXPECT_EQ(drive.open("g", 3, &err), nullptr);
   EXPECT_EQ(err, UNAUTHORIZED);
-  EXPECT_FALSE(is_open_handle(carried.wopen_resp_handle));
+  EXPECT_FALSE(is_open(carried.wopen_resp_handle));
 }
 
 TEST_F(Open, GivesTheLastFreeDescriptorToOneOfTwoThreads) {

@@ -18,10 +18,9 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 /* after windows.h */
-#include <fcntl.h>
-#include <io.h>
 #include <psapi.h>
 
+#include "process_state.h"
 #include "real_drive.h"
 
 namespace {
@@ -44,12 +43,6 @@ HANDLE duplicate(HANDLE from_process, HANDLE handle, HANDLE to_process, DWORD cl
   return copy;
 }
 
-size_t fresh_handle() {
-  const HANDLE fresh = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-  CloseHandle(fresh);
-  return reinterpret_cast<size_t>(fresh);
-}
-
 /* There and back: a handle of another process is closed by taking it. */
 size_t fresh_handle_in(HANDLE process) {
   const HANDLE self = GetCurrentProcess();
@@ -58,35 +51,6 @@ size_t fresh_handle_in(HANDLE process) {
   CloseHandle(duplicate(process, theirs, self, DUPLICATE_CLOSE_SOURCE));
   CloseHandle(event);
   return reinterpret_cast<size_t>(theirs);
-}
-
-int fresh_descriptor() {
-  const int fresh = _open("NUL", _O_RDONLY);
-  _close(fresh);
-  return fresh;
-}
-
-size_t heap_bytes(HANDLE heap) {
-  size_t bytes = 0;
-  PROCESS_HEAP_ENTRY entry = {};
-  HeapLock(heap);
-  while (HeapWalk(heap, &entry) != 0) {
-    if ((entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0) {
-      bytes += entry.cbData;
-    }
-  }
-  HeapUnlock(heap);
-  return bytes;
-}
-
-size_t heap_bytes() {
-  HANDLE heaps[64];
-  const DWORD count = GetProcessHeaps(64, heaps);
-  size_t bytes = 0;
-  for (DWORD i = 0; i < count && i < 64; i++) {
-    bytes += heap_bytes(heaps[i]);
-  }
-  return bytes;
 }
 
 size_t committed() {

@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <atomic>
 #include <filesystem>
 #include <thread>
 
 #include "log_capture.h"
 #include "peer_drive.h"
+#include "tnv_connio_win.h"
 
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -48,7 +50,8 @@ std::string device_key(const tnw_tninit& record) {
 
 TEST(StartDeathTest, DoesNotHoldUpTheEndOfTheProcess) {
   TestFolder folder;
-  SetEnvironmentVariableA("TMP", folder.path().c_str()); /* for the ending process's own folder */
+  SetEnvironmentVariableA("TMP",
+                          folder.path().string().c_str()); /* for the ending process's own folder */
   const tnw_tninit record = start_record(folder, beside_test("stand_in_service.exe"));
   EXPECT_EXIT(end_process_during_a_start(record, folder / "begun"), testing::ExitedWithCode(3), "");
   SetEnvironmentVariableA("TMP", nullptr);
@@ -293,6 +296,54 @@ TEST(Drives, ShareOneServiceAndStopItWithTheLast) {
   EXPECT_FALSE(file_exists(socket_path(drive.record)));
   EXPECT_TRUE(drive.peer->wait_for_ended(2));
   drive.drive = nullptr;
+}
+
+TEST(Drives, ThatGoTakeAlongWhatTheyLeftOpen) {
+  PeerDrive drive;
+  void* first = drive.start();
+  tnw_tninit other = drive.record;
+  set_field(other.tnw_da_drive_id, "44444444-4444-4444-4444-444444444444");
+  void* second = tnw_init(&other, nullptr);
+  tnv_wopen_resp opened = open_answer();
+  opened.wopen_resp_handle = local_file(drive.folder / "local", "x");
+  drive.answer_opens(opened);
+  drive.drive = second;
+  void* file = drive.open("f");
+  const size_t sent = drive.peer->requests().size();
+  EXPECT_EQ(tnw_deinit(second, false), 0);
+  EXPECT_EQ(drive.peer->requests().size(), sent) << "the service is not told";
+  HANDLE alone = CreateFileA((drive.folder / "local").c_str(), GENERIC_READ, 0, nullptr,
+                             OPEN_EXISTING, 0, nullptr);
+  EXPECT_NE(alone, INVALID_HANDLE_VALUE) << "the local file is closed";
+  CloseHandle(alone);
+  drive.drive = tnw_init(&other, nullptr); /* at the second's address, or not */
+  EXPECT_EQ(tnw_close(file, nullptr), TNW_ERROR_NO_SERVICE);
+  EXPECT_EQ(drive.open("g"), file) << "the entry given back last is taken first";
+  EXPECT_EQ(tnw_deinit(drive.drive, false), 0);
+  drive.drive = first;
+}
+
+TEST(Drives, ThatAreUnknownAreRefusedWhileAnotherUsersStartTakesItsTime) {
+  TestFolder folder;
+  tnw_tninit record = start_record(folder, beside_test("stand_in_service.exe"));
+  const std::string begun = folder / "begun";
+  SetEnvironmentVariableA("STAND_IN_READY", nullptr);
+  SetEnvironmentVariableA("STAND_IN_COMMAND", begun.c_str());
+  std::atomic<bool> ended = false;
+  std::thread start([&] {
+    EXPECT_EQ(failed_start(&record), GAVE_UP);
+    ended = true;
+  });
+  while (!file_exists(begun)) {
+    Sleep(10);
+  }
+  EXPECT_EQ(tnw_deinit(&folder, false), ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(tnw_deinit_force(&folder), ERROR_INVALID_PARAMETER);
+  EXPECT_FALSE(ended);
+  std::string ready = socket_path(record);
+  EXPECT_EQ(tnv_signal_start(ready.data()), 0) << "nothing listens there, so the start fails";
+  start.join();
+  SetEnvironmentVariableA("STAND_IN_COMMAND", nullptr);
 }
 
 TEST(Drives, AreAllGoneAfterAForcedDeinit) {

@@ -11,10 +11,10 @@
 #include <functional>
 #include <thread>
 
-#include "captured_log.h"
+#include "log_capture.h"
 #include "ox_errno.h"
 #include "ox_logging.h"
-#include "ox_util.h"
+#include "ox_time.h"
 
 namespace {
 
@@ -62,7 +62,7 @@ void wait_out_2ms(ox_lock_stat_t& stat, const struct timespec& unset) {
 }
 
 /* The lines' texts, without timestamp, level and source. */
-std::vector<std::string> texts(const captured_log& log) {
+std::vector<std::string> texts(const LogCapture& log) {
   std::vector<std::string> result;
   for (const std::string& line : log.lines()) {
     EXPECT_EQ("WARNING  ox_lock.cpp:", line.substr(timestamp_length, 21));
@@ -97,7 +97,7 @@ TEST(Profiling, WarnsOfALongWait) {
   };
   const at_profile_level profiled(3);
   for (const auto& [lock, stat, hold, release, acquire] : table) {
-    captured_log log;
+    LogCapture log;
     ASSERT_EQ(0, hold());
     const struct timespec unset = now_less(1000, 0);
     stat.lst_acquired = unset;
@@ -116,7 +116,7 @@ TEST(Profiling, WarnsOfALongWait) {
 }
 
 TEST(Profiling, WarnsOfAHoldOfMoreThanASecond) {
-  captured_log log;
+  LogCapture log;
   mutex m;
   rwlock rw;
   const at_profile_level profiled(3);
@@ -135,7 +135,7 @@ TEST(Profiling, WarnsOfAHoldOfMoreThanASecond) {
 }
 
 TEST(Profiling, BelowLevel3ReadsNoClockAndSaysNothing) {
-  captured_log log;
+  LogCapture log;
   mutex m;
   rwlock rw;
   const at_profile_level unprofiled(2);
@@ -172,7 +172,7 @@ TEST(TryLock, IsRefusedAtOnceAndStampsAMutexOnSuccessOnly) {
 
 /* For the thread sanitizer too: readers overwrite one another's statistics. */
 TEST(Locks, ExcludeWhileTheLevelChanges) {
-  captured_log log;
+  LogCapture log;
   mutex m;
   rwlock rw;
   int under_mutex = 0;

@@ -16,9 +16,9 @@
 #include <set>
 #include <thread>
 
-#include "captured_log.h"
 #include "ox_assert.h"
 #include "ox_logging.h"
+#include "test_folder.h"
 
 /* What this program takes from the heap, all but the runtime's own. */
 static std::atomic<size_t> allocations;
@@ -38,6 +38,20 @@ using testing::EndsWith;
 using testing::HasSubstr;
 
 namespace {
+
+/* A fresh log file in a folder of its own, to which everything goes until the next one begins. */
+class LogFile {
+ public:
+  explicit LogFile(size_t max_size = 52428800, size_t max_files = 10) {
+    ox_init_spdlogger(path().c_str(), path().c_str(), max_size, max_files);
+  }
+  std::string path() const { return folder_ / "log.txt"; }
+  std::string content() const { return read_file(path()); }
+  std::vector<std::string> lines() const { return lines_of(content()); }
+
+ private:
+  TestFolder folder_;
+};
 
 constexpr size_t timestamp_length = sizeof("[2026-11-16 00:48:16.007 2026] ") - 1;
 
@@ -125,7 +139,7 @@ TEST(Prefix, NeverPassesItsCapacity) {
 }
 
 TEST(Line, IsTheTextAsGivenLessOneNewline) {
-  captured_log log;
+  LogFile log;
 #ifdef _WIN32
   const std::string eol = "\r\n";
 #else
@@ -147,7 +161,7 @@ TEST(Line, IsTheTextAsGivenLessOneNewline) {
 }
 
 TEST(Line, IsCutAt4095Characters) {
-  captured_log log;
+  LogFile log;
   const std::string longer(5000, 'x');
   ox_log("%s\n", longer.c_str());
   ox_log_msg(1, "file.c", OX_PRINTF_LEVEL, 0, "%s\n", longer.c_str());
@@ -161,7 +175,7 @@ TEST(Line, IsCutAt4095Characters) {
 }
 
 TEST(CallSite, UsesTheBuiltInPrefixOrTheCallback) {
-  captured_log log;
+  LogFile log;
   OX_LOG_AT("tnw_connect", 145, OX_ERROR_LEVEL, 2, "Failed to send over %s", "socket");
   ox_set_profile_level(0);
   OX_LOG_DEBUG(2, "not at verbosity %d", ox_debug);
@@ -194,13 +208,13 @@ TEST(StateDeathTest, StartsOnTheConsole) {
 
 TEST(StateDeathTest, InitialisesOnce) {
   const auto once = [] {
-    const temp_folder folder;
-    ox_init_logging("VFS_LOGGER", folder.file("sub/tnvfs.log").c_str(), nullptr, "w");
-    ox_init_logging("OTHER", folder.file("other.log").c_str(), test_prefix, nullptr);
+    const TestFolder folder;
+    ox_init_logging("VFS_LOGGER", (folder / "sub/tnvfs.log").c_str(), nullptr, "w");
+    ox_init_logging("OTHER", (folder / "other.log").c_str(), test_prefix, nullptr);
     OX_LOG(OX_INFO_LEVEL, 0, "kept");
-    const auto lines = file_lines(folder.file("sub/tnvfs.log"));
+    const auto lines = lines_of(read_file(folder / "sub/tnvfs.log"));
     return lines.size() == 1 && lines[0].ends_with(" kept") && ox_logfunc == nullptr &&
-           !std::filesystem::exists(folder.file("other.log"));
+           !std::filesystem::exists(folder / "other.log");
   };
   EXPECT_EXIT(exit(once() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
@@ -208,9 +222,9 @@ TEST(StateDeathTest, InitialisesOnce) {
 TEST(StateDeathTest, GoesOnWithoutAFile) {
   const auto log_without_file = [] {
     console_to_stderr();
-    const temp_folder folder;
-    std::ofstream(folder.file("plain")) << "in the way";
-    ox_init_logging("VFS_LOGGER", folder.file("plain/tnvfs.log").c_str(), nullptr, nullptr);
+    const TestFolder folder;
+    write_file(folder / "plain", "in the way");
+    ox_init_logging("VFS_LOGGER", (folder / "plain/tnvfs.log").c_str(), nullptr, nullptr);
     ox_log("still here\n");
   };
   EXPECT_EXIT((log_without_file(), exit(0)), testing::ExitedWithCode(0),
@@ -218,14 +232,14 @@ TEST(StateDeathTest, GoesOnWithoutAFile) {
 }
 
 TEST(State, ATakenLoggerNameKeepsTheOldFile) {
-  captured_log log;
-  temp_folder folder;
-  ox_init_spdlogger("twice", folder.file("first").c_str(), 1000, 1);
+  LogFile log;
+  TestFolder folder;
+  ox_init_spdlogger("twice", (folder / "first").c_str(), 1000, 1);
   ox_log("first\n");
-  ox_init_spdlogger("twice", folder.file("second").c_str(), 1000, 1);
-  ox_init_spdlogger(nullptr, folder.file("third").c_str(), 1000, 1);
+  ox_init_spdlogger("twice", (folder / "second").c_str(), 1000, 1);
+  ox_init_spdlogger(nullptr, (folder / "third").c_str(), 1000, 1);
   ox_log("again\n");
-  EXPECT_THAT(file_lines(folder.file("first")), ElementsAre("first", "again"));
+  EXPECT_THAT(lines_of(read_file(folder / "first")), ElementsAre("first", "again"));
 }
 
 /* Every line that eight threads write, each numbered and filled up to `length` characters. */
@@ -254,14 +268,14 @@ std::multiset<std::string> log_from_eight_threads(int per_thread, size_t length)
 
 /* The same lines out of a file, without their times. */
 void add_lines(const std::string& path, std::multiset<std::string>* found) {
-  for (const auto& line : file_lines(path)) {
+  for (const auto& line : lines_of(read_file(path))) {
     found->insert(line.size() < timestamp_length ? line : line.substr(timestamp_length));
   }
 }
 
 TEST(Rotation, LosesAndMixesNoLineOfEightThreads) {
   constexpr size_t max_size = 8192;
-  captured_log log(max_size, 30);
+  LogFile log(max_size, 30);
   const auto written = log_from_eight_threads(150, 100);
   std::multiset<std::string> found;
   size_t files = 0;
@@ -277,19 +291,19 @@ TEST(Rotation, LosesAndMixesNoLineOfEightThreads) {
 
 /* The product's own limits: 52428800 bytes, and ten files beside the current one. */
 bool rotates_at_its_limits() {
-  const temp_folder folder;
-  std::ofstream(folder.file("tnvfs.9.log")) << "nine";
-  std::ofstream(folder.file("tnvfs.10.log")) << "ten";
-  std::ofstream(folder.file("tnvfs.11.log")) << "eleven";
-  ox_init_logging("VFS_LOGGER", folder.file("tnvfs.log").c_str(), nullptr, nullptr);
+  const TestFolder folder;
+  write_file(folder / "tnvfs.9.log", "nine");
+  write_file(folder / "tnvfs.10.log", "ten");
+  write_file(folder / "tnvfs.11.log", "eleven");
+  ox_init_logging("VFS_LOGGER", (folder / "tnvfs.log").c_str(), nullptr, nullptr);
   const auto written = log_from_eight_threads(1700, 4000);
-  const auto full = std::filesystem::file_size(folder.file("tnvfs.1.log"));
+  const auto full = std::filesystem::file_size(folder / "tnvfs.1.log");
   std::multiset<std::string> found;
-  add_lines(folder.file("tnvfs.1.log"), &found);
-  add_lines(folder.file("tnvfs.log"), &found);
+  add_lines(folder / "tnvfs.1.log", &found);
+  add_lines(folder / "tnvfs.log", &found);
   return full <= 52428800 && full > 52428800 - 4100 && found == written &&
-         file_content(folder.file("tnvfs.10.log")) == "nine" &&
-         file_content(folder.file("tnvfs.11.log")) == "eleven";
+         read_file(folder / "tnvfs.10.log") == "nine" &&
+         read_file(folder / "tnvfs.11.log") == "eleven";
 }
 
 TEST(RotationDeathTest, HappensAtTheLimitsOfTheLog) {
@@ -298,7 +312,7 @@ TEST(RotationDeathTest, HappensAtTheLimitsOfTheLog) {
 
 /* Both ways of writing a line, the longest lines, and no memory taken from the second line on. */
 TEST(Line, TakesNoMemory) {
-  captured_log log;
+  LogFile log;
   const std::string text(4095, 'x');
   const auto both = [&text] {
     ox_log("%s\n", text.c_str());
@@ -311,7 +325,7 @@ TEST(Line, TakesNoMemory) {
 }
 
 TEST(Rotation, ThatCannotRenameGoesOnInTheFile) {
-  captured_log log(100, 1);
+  LogFile log(100, 1);
   std::filesystem::create_directories(log.path().replace(log.path().size() - 4, 4, ".1.txt/full"));
   ox_log("%s\n", std::string(90, '1').c_str());
   ox_log("%s\n", std::string(90, '2').c_str());
@@ -323,7 +337,7 @@ TEST(Rotation, ThatCannotRenameGoesOnInTheFile) {
 TEST(RotationDeathTest, WithoutAFolderGoesOnOnTheConsole) {
   const auto lose_folder = [] {
     console_to_stderr();
-    captured_log log(100, 3);
+    LogFile log(100, 3);
     ox_log("%s\n", std::string(90, '1').c_str());
     const auto folder = std::filesystem::path(log.path()).parent_path();
     std::filesystem::rename(folder, folder.string() + "_away");

@@ -15,10 +15,13 @@
 #include <thread>
 #include <utility>
 
-#include "captured_log.h"
+#include "log_capture.h"
 #include "ox_errno.h"
+#include "ox_file.h"
 #include "ox_lock.h"
-#include "ox_util.h"
+#include "ox_uuid.h"
+#include "process_state.h"
+#include "test_folder.h"
 
 using testing::AllOf;
 using testing::ElementsAre;
@@ -35,7 +38,7 @@ constexpr ox_u32 fail_at_once_exclusive = 3;
 
 class Platform : public testing::Test {
  protected:
-  std::string path(const char* name) const { return folder_.file(name); }
+  std::string path(const char* name) const { return folder_ / name; }
   int create(const char* name, const char* content = "") const {
     const int fd = ox_creat(path(name).c_str(), rw_create | OX_O_TRUNC, 0644);
     EXPECT_GE(fd, 0);
@@ -50,15 +53,8 @@ class Platform : public testing::Test {
     EXPECT_EQ(0, ox_stat(path(name).c_str(), &st));
     return st.st_size;
   }
-  temp_folder folder_;
+  TestFolder folder_;
 };
-
-/* The descriptor that the next open gets: it stays the same while none is kept. */
-int next_descriptor() {
-  const int fd = ox_open("NUL", OX_O_RDONLY);
-  EXPECT_EQ(0, ox_close(fd));
-  return fd;
-}
 
 }  // namespace
 
@@ -83,7 +79,7 @@ TEST(Disposition, OfOpenFlags) {
 }
 
 TEST_F(Platform, CreatesOpensAndTruncates) {
-  const captured_log log;
+  const LogCapture log;
   EXPECT_EQ(0, ox_close(create("f", "content")));
   EXPECT_EQ(-1, ox_creat(path("f").c_str(), OX_O_RDONLY | OX_O_CREAT, 0644));
   EXPECT_EQ(ERROR_FILE_EXISTS, static_cast<DWORD>(errno));
@@ -115,7 +111,7 @@ TEST_F(Platform, CreatesOpensAndTruncates) {
 }
 
 TEST_F(Platform, SeeksToEachWhenceAndTruncatesThere) {
-  const captured_log log;
+  const LogCapture log;
   const int fd = create("f", "0123456789");
   EXPECT_EQ(4, ox_lseek(fd, 4, 0));
   EXPECT_EQ(22, ox_lseek(fd, 1, 3));
@@ -163,7 +159,7 @@ TEST_F(Platform, TransfersAtOffsets) {
 }
 
 TEST_F(Platform, NamesDescriptors) {
-  const captured_log log;
+  const LogCapture log;
   const int fd = create("f");
   char buf[1024];
   ASSERT_EQ(1, ox_fd2path(fd, buf, sizeof(buf), nullptr));
@@ -200,16 +196,16 @@ TEST_F(Platform, NamesDescriptors) {
 TEST_F(Platform, NamesHandlesAndKeepsNoDescriptor) {
   EXPECT_EQ(0, ox_close(create("f")));
   HANDLE handle = open_handle("f");
-  const int before = next_descriptor();
+  const int before = fresh_descriptor();
   char buf[1024];
   for (int i = 0; i < 3000; ++i) {
     ASSERT_EQ(1, ox_handle2path(handle, buf, sizeof(buf), "n")) << i;
   }
   EXPECT_THAT(buf, EndsWith("\\f\\n"));
-  EXPECT_EQ(before, next_descriptor());
+  EXPECT_EQ(before, fresh_descriptor());
   EXPECT_EQ(0, ox_handle2path(handle, buf, 8, nullptr));
   EXPECT_STREQ("", buf);
-  const captured_log log; /* opens a file: afterwards the closed handle's number is free */
+  const LogCapture log;
   EXPECT_TRUE(CloseHandle(handle)) << "it stayed the caller's";
   memset(buf, '#', sizeof(buf));
   EXPECT_EQ(0, ox_handle2path(handle, buf, sizeof(buf), nullptr));
@@ -246,7 +242,7 @@ TEST_F(Platform, LocksRangesBetweenHandles) {
   OVERLAPPED at4 = {}, at6 = {};
   at4.Offset = 4;
   at6.Offset = 6;
-  const captured_log log;
+  const LogCapture log;
   EXPECT_TRUE(ox_lock_file(one, fail_at_once_exclusive, 2, 0, &at4));
   EXPECT_TRUE(ox_lock_file(two, fail_at_once_exclusive, 2, 0, &at6)) << "beside it";
   EXPECT_THAT(log.lines(), IsEmpty());

@@ -12,8 +12,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -21,25 +19,14 @@
 #include <utility>
 #include <vector>
 
-#include "captured_log.h"
+#include "eventually.h"
+#include "log_capture.h"
 #include "ox_errno.h"
 #include "ox_logging.h"
 #include "ox_tpool.h"
 
 /* Long enough for a loaded machine; only a failing test ever waits so long. */
 constexpr auto patience = std::chrono::seconds(20);
-
-template <typename Condition>
-bool eventually(Condition condition) {
-  const auto end = std::chrono::steady_clock::now() + patience;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
 
 /* A counting semaphore whose wait gives up, so that a fault fails a test and does not hang it. */
 class gate {
@@ -158,7 +145,7 @@ inline void keep(ox_tpool_t* aborted) {
 /* The log of a test as "LEVEL text" lines; made while no other thread logs. */
 class level_log {
  public:
-  explicit level_log(ox_s32 verbosity = 1) : begin_(std::filesystem::file_size(whole().path())) {
+  explicit level_log(ox_s32 verbosity = 1) {
     ox_logfunc = [](const char*, const char* level, ox_s32, ox_s32, const ox_alert_t*) {
       return level;
     };
@@ -169,12 +156,10 @@ class level_log {
     ox_debug = 1;
   }
   std::vector<std::string> lines() const {
-    std::ifstream in(whole().path());
-    in.seekg(static_cast<std::streamoff>(begin_));
-    std::vector<std::string> all;
-    for (std::string line; std::getline(in, line);) { /* {LEVEL"text"} */
+    std::vector<std::string> all = log_.lines();
+    for (std::string& line : all) { /* {LEVEL"text"} */
       line = line.substr(1, line.rfind('"') - 1);
-      all.push_back(line.replace(line.find('"'), 1, " "));
+      line.replace(line.find('"'), 1, " ");
     }
     return all;
   }
@@ -184,13 +169,7 @@ class level_log {
   }
 
  private:
-  /* One file for all tests: loggers are never destroyed. */
-  static captured_log& whole() {
-    static captured_log log;
-    return log;
-  }
-
-  std::uintmax_t begin_;
+  const LogCapture log_;
 };
 
 #endif

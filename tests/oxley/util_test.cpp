@@ -1,7 +1,9 @@
 /*
  * Identifiers, time, memory, fixed text fields and thread names.
  */
+#include "ox_time.h"
 #include "ox_util.h"
+#include "ox_uuid.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>

@@ -16,11 +16,12 @@
 #include <thread>
 #include <vector>
 
-#include "captured_log.h"
+#include "log_capture.h"
 #include "ox_errno.h"
+#include "ox_file.h"
 #include "ox_lock.h"
 #include "ox_logging.h"
-#include "ox_util.h"
+#include "test_folder.h"
 
 using testing::AllOf;
 using testing::ElementsAre;
@@ -86,10 +87,10 @@ class Xattr : public testing::Test {
     after_lock = nullptr;
     longest_transfer = SIZE_MAX;
   }
-  const captured_log log_;
-  const temp_folder folder_;
-  const std::string file_ = folder_.file("file");
-  const std::string dir_ = folder_.file("dir");
+  const LogCapture log_;
+  const TestFolder folder_;
+  const std::string file_ = folder_ / "file";
+  const std::string dir_ = folder_ / "dir";
 };
 
 int set(const std::string& path, const std::string& value, const char* name = "user.tag") {
@@ -184,7 +185,7 @@ TEST_F(Xattr, KeepsValuesOfFilesAndFolders) {
 }
 
 TEST_F(Xattr, LogsEveryFailureWithItsError) {
-  const std::string gone = folder_.file("gone"), stream = file_ + ":user.tag";
+  const std::string gone = folder_ / "gone", stream = file_ + ":user.tag";
   const std::string long_name(5000 - file_.size(), 'n');
   EXPECT_EQ(0, set(file_, "value"));
   HANDLE unshared =
@@ -253,7 +254,7 @@ TEST_F(Xattr, LocksTheWholeStreamWhileItTransfers) {
 
   before_transfer = nullptr;
   EXPECT_EQ("abcdEFGHIJ", get(file_)) << "the first piece was written";
-  const std::string moved = folder_.file("moved");
+  const std::string moved = folder_ / "moved";
   after_lock = [&] { /* a stream goes with its file; what lies beside it goes on its own */
                      EXPECT_TRUE(MoveFileA(file_.c_str(), moved.c_str()));
                      (void)MoveFileA(stream.c_str(), (moved + ":user.tag").c_str());

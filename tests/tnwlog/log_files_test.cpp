@@ -7,6 +7,7 @@
 
 #include "request_lines.h"
 #include "sample_lines.h"
+#include "test_folder.h"
 
 namespace tnwlog {
 namespace {
@@ -15,18 +16,12 @@ namespace fs = std::filesystem;
 
 class LogFiles : public testing::Test {
  protected:
-  LogFiles() {
-    fs::remove_all(folder_);
-    fs::create_directories(folder_);
-  }
-  ~LogFiles() override { fs::remove_all(folder_); }
-
-  std::string Name(const char* name) const { return (folder_ / name).string(); }
+  std::string Name(const char* name) const { return folder_ / name; }
   void Append(const char* name, const std::string& text) const {
     std::ofstream(folder_ / name, std::ios::binary | std::ios::app) << text;
   }
 
-  const fs::path folder_ = fs::temp_directory_path() / "tnwlog_test";
+  const TestFolder folder_;
 };
 
 TEST_F(LogFiles, AreReadOldestFirst) {
@@ -36,7 +31,7 @@ TEST_F(LogFiles, AreReadOldestFirst) {
   }
   const std::vector<std::string> in_order = {Name("tnvfs.10.log"), Name("tnvfs.2.log"),
                                              Name("tnvfs.log")};
-  EXPECT_EQ(FindLogFiles({folder_.string()}), in_order);
+  EXPECT_EQ(FindLogFiles({folder_.path().string()}), in_order);
   EXPECT_EQ(FindLogFiles({in_order[1], in_order[2], in_order[0]}), in_order);
   EXPECT_EQ(FindLogFiles({Name("tarnd.log"), in_order[2], in_order[1]}),
             (std::vector<std::string>{Name("tarnd.log"), in_order[1], in_order[2]}));
@@ -71,7 +66,7 @@ TEST_F(LogFiles, GiveTheLinesOfARequest) {
   Append("tnvfs.1.log", sample::Client("text") + '\n' + own + '\n' + sample::kDumpBegin + '\n');
   Append("tnvfs.log", sample::kDumpRow + '\n' + other + '\n' + sample::kHeader + '\n' +
                           sample::OpenEvent("b") + '\n' + sample::kCacheRegion);
-  const std::vector<std::string> files = FindLogFiles({folder_.string()});
+  const std::vector<std::string> files = FindLogFiles({folder_.path().string()});
   const std::vector<std::string> lines = {own, sample::kHeader, sample::OpenEvent("b"),
                                           sample::kCacheRegion};
   EXPECT_EQ(LinesOfRequest(files, sample::kId), lines);

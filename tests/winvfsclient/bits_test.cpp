@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "../oxley/captured_log.h"
+#include "log_capture.h"
 #include "ox_logging.h"
 
 namespace {
@@ -79,7 +79,7 @@ TEST(Bits, AnEmptyRangeReachesBeforeTheMap) {
 }
 
 TEST(Bits, LogsItsValuesAtDebugLevelTwo) {
-  const captured_log log;
+  const LogCapture log;
   ox_u8 map[] = {0x80, 0x00};
   vfstnw_is_region_set(map, 20, 7 << 20, 1);
   ox_debug = 2;

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "../oxley/captured_log.h"
+#include "log_capture.h"
 #include "ox_util.h"
 #include "tnw_connect.h"
 
@@ -194,7 +194,7 @@ class Requests : public testing::Test {
   Service service_;
   ox_u64 fsz_ = 0;
   bool sent_ = false;
-  const captured_log log_;
+  const LogCapture log_;
   size_t logged_ = 0;
 };
 

@@ -1,10 +1,11 @@
 /* One exchange through an instance's pool: what cannot be begun is not waited for. */
 
-#include "tnw_dll/tnw_call.h"
+#include "tnw_dll/tnw_exchange.h"
 
 #include <gtest/gtest.h>
 
 #include "ox_errno.h"
+#include "process_state.h"
 
 namespace {
 
@@ -33,13 +34,6 @@ decltype(&CreateEventA) __imp_CreateEventA = create_or_fail;
 
 namespace {
 
-/* Closing the newest handle and making another gives the same number, if nothing leaks between. */
-HANDLE next_handle() {
-  const HANDLE handle = CreateSemaphoreA(nullptr, 0, 1, nullptr);
-  CloseHandle(handle);
-  return handle;
-}
-
 class Call : public testing::Test {
  protected:
   Call() { tni.tni_tpool = ox_tpool_create_external("calls", nullptr, nullptr, 0, 0, 0, 1); }
@@ -63,13 +57,13 @@ class Call : public testing::Test {
 TEST_F(Call, ThatCannotBeQueuedGivesItsErrorAndClosesItsEvent) {
   tni.tni_tpool->tp_flags |= OX_TPOOL_FL_DRAIN; /* refuses every thread but its own workers */
   EXPECT_EQ(exchange(), static_cast<ox_u32>(OX_EINVAL));
-  const HANDLE before = next_handle();
+  const size_t before = fresh_handle();
   const int made_before = events_made;
   for (int i = 0; i < 10; i++) {
     EXPECT_EQ(exchange(), static_cast<ox_u32>(OX_EINVAL));
   }
   EXPECT_EQ(events_made, made_before + 10);
-  EXPECT_EQ(next_handle(), before);
+  EXPECT_EQ(fresh_handle(), before);
 }
 
 TEST_F(Call, WithoutAnEventIsNotQueued) {

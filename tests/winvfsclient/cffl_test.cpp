@@ -12,7 +12,7 @@
 #include <deque>
 #include <random>
 
-#include "../oxley/captured_log.h"
+#include "log_capture.h"
 #include "ox_assert.h"
 #include "ox_errno.h"
 #include "ox_logging.h"
@@ -149,7 +149,7 @@ TEST(Walk, FirstEntryByVersionAndFolder) {
 
 /* Each is the process's end, with nothing read outside the list (which ASan watches). */
 TEST(Walk, ContradictionsAreFatal) {
-  const captured_log log;
+  const LogCapture log;
   ox_logfunc = no_prefix;
   const Bytes good = sample();
   EXPECT_EQ(walked(good), "a.txt|sub|caf\xC3\xA9.md|");
@@ -244,7 +244,7 @@ class Reader : public testing::Test {
   }
   void put_size(ox_u64 size) { memcpy(script.content.data() + size_at, &size, sizeof(size)); }
   std::string read_bytes(size_t size) const { return {reinterpret_cast<const char*>(list_), size}; }
-  captured_log log_;
+  LogCapture log_;
   cfs_cffl* list_ = nullptr;
 };
 
@@ -416,7 +416,7 @@ TEST(Check, NamesTheFieldAndTheEntry) {
 /* Damaged lists in buffers of their own size: the checks survive them all, and what they call
  * walkable is exactly what can be walked and printed. */
 TEST(Check, AgreesWithTheWalkOnDamagedLists) {
-  const captured_log log;
+  const LogCapture log;
   ox_logfunc = no_prefix;
   std::mt19937 random(20261121);
   const auto below = [&](size_t limit) {

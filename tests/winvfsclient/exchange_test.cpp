@@ -10,6 +10,7 @@
 #include "log_capture.h"
 #include "ox_errno.h"
 #include "ox_util.h"
+#include "process_state.h"
 #include "scripted_peer.h"
 #include "tnv_connio_win.h"
 #include "tnw_connect.h"
@@ -76,12 +77,13 @@ class Exchange : public testing::Test {
 
   /* The connection is closed, and the next exchange fails without a request: nothing half. */
   void expect_broken() {
-    EXPECT_EQ(vh.vfs_fd, -1);
+    EXPECT_TRUE(vh.vfs_broken);
     EXPECT_TRUE(peer.wait_for_ended(ended + 1));
     const size_t before = peer.requests().size();
     LogCapture next;
     EXPECT_EQ(exchange(), OX_EOWNERDEAD);
     EXPECT_EQ(errno, OX_EOWNERDEAD);
+    EXPECT_EQ(next.count("\"vfs_socket_fd\":" + std::to_string(vh.vfs_fd) + ","), 1u);
     EXPECT_EQ(next.count("opcode 4, len 504. Requesting client to reinitialize."), 1u);
     EXPECT_THAT(bytes_of(resp), Each(0));
     EXPECT_EQ(peer.requests().size(), before);
@@ -203,11 +205,6 @@ HANDLE carried_file() {
                      nullptr);
 }
 
-bool is_open(HANDLE handle) {
-  DWORD flags;
-  return GetHandleInformation(handle, &flags) != 0;
-}
-
 tnv_wopen_resp open_answer(ox_u64 map_size, int shift = 16) {
   tnv_wopen_resp open = {};
   open.wopen_resp_region_shift = shift;
@@ -283,12 +280,12 @@ TEST_F(Exchange, AnOpenThatFailsHereClosesTheCarriedFileAndBreaksTheConnection) 
     LogCapture log;
     EXPECT_EQ(open(), c.err);
     EXPECT_EQ(log.count(c.line), 1u);
-    EXPECT_EQ(is_open(file), c.answer.wopen_resp_fso.fso_isdir != 0);
+    EXPECT_EQ(is_open_handle(file), c.answer.wopen_resp_fso.fso_isdir != 0);
     EXPECT_EQ(resp.u.wopen.wopen_resp_handle, 0u) << "or it might be closed again";
     EXPECT_EQ(fde.fdt_rmap, nullptr);
     EXPECT_EQ(fde.fdt_dmap, nullptr);
     expect_broken();
-    if (is_open(file)) {
+    if (is_open_handle(file)) {
       CloseHandle(file);
     }
   }

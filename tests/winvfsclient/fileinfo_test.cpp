@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "../oxley/captured_log.h"
+#include "log_capture.h"
 #include "tn_util.h"
 
 namespace {
@@ -85,7 +85,7 @@ TEST(ErrorCodes, AllOfBothDirections) {
                             {28, 112}, {32, 109}, {41, 145}, {133, 1467}};
   const Codes to_unix = {{0, 0},   {2, 2},   {5, 13},   {8, 12},
                          {13, 22}, {80, 17}, {112, 28}, {1117, 5}};
-  const captured_log log;
+  const LogCapture log;
   for (ox_u32 code = 0; code < 1500; code++) {
     const auto windows = to_windows.find(code), unix_error = to_unix.find(code);
     EXPECT_EQ(unixerr2winerr(code), windows == to_windows.end() ? code : windows->second) << code;

@@ -14,6 +14,7 @@
 
 #include "log_capture.h"
 #include "ox_errno.h"
+#include "ox_logging.h"
 #include "scripted_peer.h"
 #include "tnv_connio_win.h"
 
@@ -47,11 +48,25 @@ int WSAAPI close_and_count(SOCKET sock) {
   return result;
 }
 
+bool takes_inherit_flag = true; /* when a socket is made */
+
+SOCKET WSAAPI make_if_flag_is_taken(int family, int type, int protocol, WSAPROTOCOL_INFOW* info,
+                                    GROUP group, DWORD flags) {
+  static const auto system_make = reinterpret_cast<decltype(&WSASocketW)>(
+      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ws2_32.dll"), "WSASocketW")));
+  if (!takes_inherit_flag) {
+    WSASetLastError(WSAEINVAL);
+    return INVALID_SOCKET;
+  }
+  return system_make(family, type, protocol, info, group, flags);
+}
+
 }  // namespace
 
 /* The linker takes these in the place of the import library's. */
 extern "C" {
 decltype(&closesocket) __imp_closesocket = close_and_count;
+decltype(&WSASocketW) __imp_WSASocketW = make_if_flag_is_taken;
 }
 int WSAAPI WSAPoll(WSAPOLLFD* fds, ULONG count, INT timeout) {
   static const auto system_poll = reinterpret_cast<decltype(&WSAPoll)>(
@@ -155,7 +170,7 @@ TEST_F(Transport, PathsThatCannotBeConnectedTo) {
   EXPECT_EQ(errno, 206);
   EXPECT_EQ(log.count("Socket path too long " + path + "x"), 1u);
   tnv_conn_break(&vh);
-  EXPECT_EQ(vh.vfs_fd, -1);
+  EXPECT_TRUE(vh.vfs_broken);
 
   ScriptedPeer deep(ScriptedPeer::answer_success, path);
   const Client longest(deep);
@@ -355,7 +370,7 @@ TEST_F(Transport, BrokenClientConnectionTouchesNoSocketAgain) {
   ox_u8 bytes[10];
   EXPECT_EQ(tnv_conn_recv(&client.vh, bytes, sizeof(bytes)), WSAECONNRESET);
   EXPECT_EQ(errno, OX_EOWNERDEAD);
-  EXPECT_EQ(client.vh.vfs_fd, -1);
+  EXPECT_TRUE(client.vh.vfs_broken);
 
   std::vector<SOCKET> others;
   while (others.size() < 100 && (others.empty() || others.back() != static_cast<SOCKET>(number))) {
@@ -379,11 +394,32 @@ TEST_F(Transport, AnyFailureOfAClientConnectionClosesItOnce) {
     made_up_polls = {{1, revents, 0}};
     ox_u8 byte;
     EXPECT_NE(tnv_conn_recv(&client.vh, &byte, 1), 0);
-    EXPECT_EQ(client.vh.vfs_fd, -1);
+    EXPECT_TRUE(client.vh.vfs_broken);
     tnv_conn_break(&client.vh);
   }
   peer.resume();
   EXPECT_TRUE(peer.wait_for_ended(3)) << "what the peer sees of it";
+}
+
+/* The child has what it inherits from its first moment on, and never runs. */
+TEST_F(Transport, AChildOfTheProcessKeepsNoConnectionAlive) {
+  char program[MAX_PATH + 1] = "";
+  GetModuleFileNameA(nullptr, program, MAX_PATH);
+  for (const bool taken : {true, false}) {
+    SCOPED_TRACE(taken);
+    takes_inherit_flag = taken;
+    Client client(peer);
+    takes_inherit_flag = true;
+    STARTUPINFOA start = {};
+    PROCESS_INFORMATION child = {};
+    ASSERT_TRUE(CreateProcessA(program, nullptr, nullptr, nullptr, TRUE, CREATE_SUSPENDED, nullptr,
+                               nullptr, &start, &child));
+    tnv_conn_break(&client.vh);
+    EXPECT_TRUE(peer.wait_for_ended(taken ? 1 : 2)) << "the peer sees the end";
+    TerminateProcess(child.hProcess, 0);
+    CloseHandle(child.hProcess);
+    CloseHandle(child.hThread);
+  }
 }
 
 /* ------------------------------------------------------------------- the dump */

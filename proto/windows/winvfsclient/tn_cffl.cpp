@@ -9,7 +9,7 @@
 #include "ox_assert.h"
 #include "ox_errno.h"
 #include "ox_logging.h"
-#include "ox_util.h"
+#include "ox_uuid.h"
 
 namespace {
 

@@ -4,7 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "ox_util.h"
+#include "ox_time.h"
+#include "ox_uuid.h"
 #include "tn_cffl.h"
 
 namespace {

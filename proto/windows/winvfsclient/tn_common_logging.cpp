@@ -1,3 +1,4 @@
+#include "ox_time.h"
 #include "ox_util.h"
 #include "tnv_log.h"
 

@@ -1,11 +1,12 @@
 /*
- * Arguments for formatted text: identifiers, 64-bit numbers, fixed fields and bounded texts. For
- * C++ sources of this folder only.
+ * Arguments for formatted texts: identifiers, 64-bit numbers, fixed fields and bounded texts. Only
+ * the C++ sources of this folder use them.
  */
 #ifndef TN_TEXT_H
 #define TN_TEXT_H
 
 #include "ox_util.h"
+#include "ox_uuid.h"
 #include "tnv_proto.h"
 
 /* An identifier as text. */
@@ -20,11 +21,11 @@ struct tn_text {
   const char* at;
 };
 
-/* For %llu: ox_u64 is `unsigned long` on some hosts. */
+/* For %llu, since ox_u64 is `unsigned long` on some hosts. */
 inline unsigned long long tn_llu(ox_u64 value) { return value; }
 inline unsigned long long tn_llu(ox_s64 value) { return static_cast<unsigned long long>(value); }
 
-/* For %.*s: a fixed field, which has no terminator when it is full; and a bounded text. */
+/* For %.*s: a fixed field, which has no NUL when it is full, and a bounded text. */
 #define TN_FIELD(field) static_cast<int>(ox_field_len((field), sizeof(field))), (field)
 #define TN_TEXT(text) (text).len, (text).at
 

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "ox_util.h"
+#include "ox_uuid.h"
 
 namespace {
 

@@ -4,7 +4,10 @@
 
 namespace {
 
-/* Windows error codes. The values are part of what travels, so they are not the host's header's. */
+/*
+ * Windows error codes. They are declared here because the module is also built where there is no
+ * Windows header.
+ */
 enum : ox_u32 {
   WIN_SUCCESS = 0,
   WIN_FILE_NOT_FOUND = 2,
@@ -18,8 +21,7 @@ enum : ox_u32 {
   WIN_DIR_NOT_EMPTY = 145,
   WIN_BUSY = 170,
   WIN_DIRECTORY = 267,
-  WIN_IO_DEVICE = 1117,
-  WIN_NO_INSTANCE = 1467 /* what an unknown drive handle gives, too */
+  WIN_IO_DEVICE = 1117
 };
 
 struct Translation {
@@ -27,14 +29,14 @@ struct Translation {
   ox_u32 to;
 };
 
-/* Not the inverse of the table below: 5 comes in as EACCES, and EACCES goes out as 32. */
+/* This is not the inverse of the table below: 5 comes in as EACCES, and EACCES goes out as 32. */
 constexpr Translation unix_to_windows[] = {
     {0, WIN_SUCCESS},
     {OX_EPERM, WIN_ACCESS_DENIED},
     {OX_ENOENT, WIN_FILE_NOT_FOUND},
     {OX_EIO, WIN_IO_DEVICE},
     {OX_ENOMEM, WIN_NOT_ENOUGH_MEMORY},
-    {OX_EACCES, WIN_SHARING_VIOLATION}, /* deliberately: a caller sees "in use", not "denied" */
+    {OX_EACCES, WIN_SHARING_VIOLATION}, /* the service means that the file is in use */
     {OX_EBUSY, WIN_BUSY},
     {OX_EEXIST, WIN_FILE_EXISTS},
     {OX_ENOTDIR, WIN_DIRECTORY},
@@ -42,7 +44,7 @@ constexpr Translation unix_to_windows[] = {
     {OX_ENOSPC, WIN_DISK_FULL},
     {OX_EPIPE, WIN_BROKEN_PIPE},
     {OX_ENOTEMPTY, WIN_DIR_NOT_EMPTY},
-    {OX_EOWNERDEAD, WIN_NO_INSTANCE},
+    {OX_EOWNERDEAD, TNW_ERROR_NO_SERVICE},
 };
 
 constexpr Translation windows_to_unix[] = {

@@ -6,6 +6,7 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -197,10 +198,33 @@ int recv_all(vfs_handle* owner, int sockfd, ox_u8* data, int nbytes, bool* close
 
 /* ------------------------------------------------------------------- client connections */
 
+/*
+ * A program that the drive application starts must not inherit the socket: it would keep a
+ * connection alive that both sides have given up. Not every system takes the flag for a local
+ * socket.
+ */
+SOCKET make_socket() {
+  const SOCKET sock = WSASocketW(AF_UNIX, SOCK_STREAM, 0, nullptr, 0,
+                                 WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
+  if (sock != INVALID_SOCKET) {
+    return sock;
+  }
+  const SOCKET inheritable = socket(AF_UNIX, SOCK_STREAM, 0);
+  if (inheritable != INVALID_SOCKET) {
+    SetHandleInformation(reinterpret_cast<HANDLE>(inheritable), HANDLE_FLAG_INHERIT, 0);
+  }
+  return inheritable;
+}
+
 using transfer_func = int (*)(vfs_handle* owner, int sockfd, ox_u8* data, int nbytes, bool* closed);
 
 /* 0 is the number of no socket either: that of a record which was only zero-filled. */
 bool has_socket(const vfs_handle* vh) { return vh->vfs_fd > 0; }
+
+bool is_broken(vfs_handle* vh) { return std::atomic_ref(vh->vfs_broken).load(); }
+
+/* False when the connection was broken before: its socket is closed once. */
+bool mark_broken(vfs_handle* vh) { return !std::atomic_ref(vh->vfs_broken).exchange(true); }
 
 /*
  * errno is 133 whatever the transport's own error: what failed in the middle of an answer is, for
@@ -211,11 +235,11 @@ int conn_transfer(vfs_handle* vh, transfer_func move, ox_u8* data, size_t nbytes
   while (err == 0 && nbytes > 0) {
     const size_t chunk = std::min(nbytes, MAX_CHUNK);
     bool closed = false;
-    err = has_socket(vh)
+    err = has_socket(vh) && !is_broken(vh)
               ? move(nullptr, static_cast<int>(vh->vfs_fd), data, static_cast<int>(chunk), &closed)
               : WSAENOTCONN;
     if (closed) {
-      vh->vfs_fd = -1;
+      mark_broken(vh);
     }
     data += chunk;
     nbytes -= chunk;
@@ -332,8 +356,9 @@ void tnv_debug_dump_msg(char* buf, int len) {
 /* ------------------------------------------------------------------- not exported */
 
 int tnw_setup_socket(vfs_handle* vh, const char* sock) {
-  const SOCKET fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  const SOCKET fd = make_socket();
   vh->vfs_fd = static_cast<ox_s64>(fd);
+  vh->vfs_broken = false;
   if (fd == INVALID_SOCKET) {
     const int err = WSAGetLastError();
     OX_LOG(OX_ERROR_LEVEL, err, "Failed to create socket");
@@ -373,8 +398,7 @@ int tnv_conn_recv(vfs_handle* vh, void* data, size_t nbytes) {
 }
 
 void tnv_conn_break(vfs_handle* vh) {
-  if (has_socket(vh)) {
+  if (has_socket(vh) && mark_broken(vh)) {
     closesocket(static_cast<SOCKET>(vh->vfs_fd));
   }
-  vh->vfs_fd = -1;
 }

@@ -55,12 +55,13 @@ int tnw_setup_socket(vfs_handle* vh, const char* sock);
 
 /*
  * The transfers on a connection of the client: as above, but a connection that fails is broken for
- * good. Its socket is closed, once, and vfs_fd is -1; on a broken connection both answer 10057
- * (not connected) at once, without touching any socket. errno is 133 after every failure.
+ * good. Its socket is closed, once, and vfs_broken is set; vfs_fd keeps the number for the log. On
+ * a broken connection both answer 10057 (not connected) at once, without touching any socket. errno
+ * is 133 after every failure.
  */
 int tnv_conn_send(vfs_handle* vh, const void* data, size_t nbytes);
 int tnv_conn_recv(vfs_handle* vh, void* data, size_t nbytes);
-/* Breaks the connection: closes its socket, if it has one. */
+/* Breaks the connection: closes its socket, if it has one that is open. */
 void tnv_conn_break(vfs_handle* vh);
 
 OX_END_DECLS

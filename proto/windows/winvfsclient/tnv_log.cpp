@@ -4,6 +4,8 @@
 #include <cstdio>
 
 #include "ox_assert.h"
+#include "ox_time.h"
+#include "ox_util.h"
 #include "tn_text.h"
 
 namespace {

@@ -2,14 +2,17 @@
  * The records that cross the socket between the library and the cache service.
  *
  * Each exchange is one request (tnv_msg) and one response (tnv_resp) on a local stream socket.
- * Integers are little-endian; flags are one byte, 0 or 1 (a byte from the peer is tested for its
- * lowest bit, never trusted to be 0 or 1); padding is zero. There is no magic number and no version
- * field. Text fields are filled with bounded copies: a text that fills its field has no NUL, so
- * every read of one is bounded by the field's size.
+ * Integers are little-endian. A flag is one byte, 0 or 1; of a flag that the service sends, only
+ * the lowest bit is looked at. Padding is zero. There is no magic number and no version field. A
+ * text that fills its field has no NUL, so every read of a text is bounded by the size of its
+ * field.
  *
- * Requests count their header in hdr_len; responses do not count theirs in rhdr_len. Trailing texts
- * stand from byte 504, each with its NUL. CONNECT, OPEN, DENUM and STAT count the NUL in their
- * length fields; CANDELETE, DELETE, RENAME, SETPROXY and UPDATETOKEN do not.
+ * The length of a request (hdr_len) counts its header, and the length of a response (rhdr_len) does
+ * not. Trailing texts begin at byte 504, and each has its NUL. The length fields of CONNECT, OPEN,
+ * DENUM and STAT count the NUL; those of CANDELETE, DELETE, RENAME, SETPROXY and UPDATETOKEN do
+ * not.
+ *
+ * The offset of every field is asserted in tnv_layout.cpp.
  */
 #ifndef TNV_PROTO_H
 #define TNV_PROTO_H
@@ -70,10 +73,13 @@ enum {
   TNV_FL_MODIFIED = 0x8 /* set by the library: the file was modified through this open */
 };
 
-/* OPEN may answer with this Windows code, which means success: an existing file was opened. */
+/*
+ * OPEN may answer with this Windows code (ERROR_ALREADY_EXISTS) in the place of an error number. It
+ * means success: the open could have created the file, and found it.
+ */
 enum { TNV_OPEN_EXISTED = 183 };
 
-/* The service's identity of a file or folder; the library keeps it and sends it back. */
+/* What the service knows a file or folder by. The library keeps it and sends it back unchanged. */
 typedef struct tnvfso {
   cfs_id_t fso_handle;  /* the item's id */
   cfs_id_t fso_phandle; /* the parent folder's id */
@@ -85,13 +91,6 @@ typedef struct tnvfso {
   ox_u32 fso_pad;
   ox_u64 fso_seqno;
 } tnvfso;
-OX_STATIC_ASSERT(offsetof(tnvfso, fso_phandle) == 16, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnvfso, fso_version) == 32, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnvfso, fso_pversion) == 48, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnvfso, fso_isdir) == 64, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnvfso, fso_state) == 68, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnvfso, fso_pstate) == 72, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnvfso, fso_seqno) == 80, "wire layout");
 OX_STATIC_ASSERT(sizeof(tnvfso) == 88, "wire layout");
 
 /* A file's status. */
@@ -115,19 +114,6 @@ typedef struct ox_statx_t {
   ox_u32 st_rdev;
   ox_u32 st_rpad;
 } ox_statx_t;
-OX_STATIC_ASSERT(offsetof(ox_statx_t, st_ino) == 8, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_statx_t, st_nlink) == 16, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_statx_t, st_mode) == 20, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_statx_t, st_size) == 24, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_statx_t, st_atim) == 32, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_statx_t, st_mtim) == 48, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_statx_t, st_ctim) == 64, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_statx_t, st_btim) == 80, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_statx_t, st_blksize) == 96, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_statx_t, st_uid) == 100, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_statx_t, st_gid) == 104, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_statx_t, st_blocks) == 112, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_statx_t, st_rdev) == 120, "wire layout");
 OX_STATIC_ASSERT(sizeof(ox_statx_t) == 128, "wire layout");
 
 /* The service's start arguments. */
@@ -142,14 +128,6 @@ typedef struct ox_tn_args_t {
   ox_s32 sa_smb;
   ox_s32 sa_pauseinit;
 } ox_tn_args_t;
-OX_STATIC_ASSERT(offsetof(ox_tn_args_t, sa_user) == 32, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_tn_args_t, sa_cfs) == 64, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_tn_args_t, sa_logfile) == 128, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_tn_args_t, sa_cfver) == 192, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_tn_args_t, sa_recovery) == 196, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_tn_args_t, sa_vfs) == 200, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_tn_args_t, sa_smb) == 204, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_tn_args_t, sa_pauseinit) == 208, "wire layout");
 OX_STATIC_ASSERT(sizeof(ox_tn_args_t) == 212, "wire layout");
 
 /* What the service says of itself. All texts are bounded and NUL-padded. */
@@ -175,24 +153,6 @@ typedef struct ox_get_version_t {
   ox_s32 gv_process_id;
   ox_tn_args_t gv_tn_args;
 } ox_get_version_t;
-OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_git_hash) == 16, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_host) == 57, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_mode) == 89, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_state) == 105, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_status) == 121, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_build_date) == 137, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_build_host) == 169, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_build_os) == 201, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_build_user) == 217, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_build_type) == 233, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_device_id) == 241, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_da_device_id) == 278, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_vfs_enabled) == 315, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_rest_enabled) == 316, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_authorized) == 317, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_red_connected) == 318, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_process_id) == 320, "wire layout");
-OX_STATIC_ASSERT(offsetof(ox_get_version_t, gv_tn_args) == 324, "wire layout");
 OX_STATIC_ASSERT(sizeof(ox_get_version_t) == 536, "wire layout");
 
 /* ------------------------------------------------------------------- requests */
@@ -205,27 +165,18 @@ typedef struct tnv_msghdr {
   cfs_id_t hdr_drvid;    /* drive id, or zero */
   char hdr_procname[32]; /* the process on whose behalf, or zero */
 } tnv_msghdr;
-OX_STATIC_ASSERT(offsetof(tnv_msghdr, hdr_len) == 4, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_msghdr, hdr_id) == 8, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_msghdr, hdr_drvid) == 24, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_msghdr, hdr_procname) == 40, "wire layout");
 OX_STATIC_ASSERT(sizeof(tnv_msghdr) == 72, "wire layout");
 
 /* CONNECT; the share path trails. */
 typedef struct tnv_wconn_msg {
   ox_s32 wconmsg_share_path_len; /* with the NUL */
-  ox_u32 wconmsg_pid;            /* deliberately the id of the connecting THREAD */
+  ox_u32 wconmsg_pid;            /* the id of the connecting THREAD, in spite of the name */
   char wconmsg_devid[37];
   char wconmsg_rhost[128];
   char wconmsg_cache_dir[128];
   char wconmsg_user[128];
   ox_u8 wconmsg_pad[3];
 } tnv_wconn_msg;
-OX_STATIC_ASSERT(offsetof(tnv_wconn_msg, wconmsg_pid) == 4, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wconn_msg, wconmsg_devid) == 8, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wconn_msg, wconmsg_rhost) == 45, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wconn_msg, wconmsg_cache_dir) == 173, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wconn_msg, wconmsg_user) == 301, "wire layout");
 OX_STATIC_ASSERT(sizeof(tnv_wconn_msg) == 432, "wire layout");
 
 /* OPEN; the path trails. */
@@ -239,13 +190,6 @@ typedef struct tnv_wopen_msg {
   ox_u32 wopen_flags;
   ox_u32 wopen_clientid; /* the process that hosts the library */
 } tnv_wopen_msg;
-OX_STATIC_ASSERT(offsetof(tnv_wopen_msg, wopen_pathlen) == 4, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wopen_msg, wopen_origpid) == 8, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wopen_msg, wopen_shmode) == 12, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wopen_msg, wopen_accmode) == 16, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wopen_msg, wopen_cdisp) == 20, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wopen_msg, wopen_flags) == 24, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wopen_msg, wopen_clientid) == 28, "wire layout");
 OX_STATIC_ASSERT(sizeof(tnv_wopen_msg) == 32, "wire layout");
 
 /* DENUM; the path trails. */
@@ -277,7 +221,6 @@ typedef struct tnv_wrename_msg {
   ox_s32 wrename_msg_slen; /* without the NUL */
   ox_s32 wrename_msg_dlen; /* without the NUL */
 } tnv_wrename_msg;
-OX_STATIC_ASSERT(offsetof(tnv_wrename_msg, wrename_msg_dlen) == 4, "wire layout");
 OX_STATIC_ASSERT(sizeof(tnv_wrename_msg) == 8, "wire layout");
 
 /* SETPROXY; server, user name and password trail. */
@@ -286,8 +229,6 @@ typedef struct tnv_wsetproxy_msg {
   ox_s32 wproxy_uname_len;
   ox_s32 wproxy_passwd_len;
 } tnv_wsetproxy_msg;
-OX_STATIC_ASSERT(offsetof(tnv_wsetproxy_msg, wproxy_uname_len) == 4, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wsetproxy_msg, wproxy_passwd_len) == 8, "wire layout");
 OX_STATIC_ASSERT(sizeof(tnv_wsetproxy_msg) == 12, "wire layout");
 
 /* UPDATETOKEN; the token trails. */
@@ -308,21 +249,14 @@ typedef struct tnv_wclose_msg {
   ox_u32 wclose_tnflags;     /* TNV_FL_*, widened from 16 bits */
   tnv_msgid_t wclose_omsgid; /* id of the request that opened it */
 } tnv_wclose_msg;
-OX_STATIC_ASSERT(offsetof(tnv_wclose_msg, wclose_origpid) == 4, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wclose_msg, wclose_id) == 8, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wclose_msg, wclose_fso) == 24, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wclose_msg, wclose_oamode) == 112, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wclose_msg, wclose_oshmode) == 116, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wclose_msg, wclose_oflags) == 120, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wclose_msg, wclose_tnflags) == 124, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wclose_msg, wclose_omsgid) == 128, "wire layout");
 OX_STATIC_ASSERT(sizeof(tnv_wclose_msg) == 144, "wire layout");
 
-/* CLEANUP; as CLOSE, but the id is deliberately left zero. */
+/* CLEANUP: the record of CLOSE, except that wcl_id stays zero; the service finds the file by
+ * wcl_omsgid. */
 typedef struct tnv_wcleanup_msg {
   ox_s32 wcl_fd; /* client descriptor */
   ox_s32 wcl_origpid;
-  cfs_id_t wcl_id; /* the file's id */
+  cfs_id_t wcl_id; /* zero */
   tnvfso wcl_fso;
   ox_u32 wcl_oamode;
   ox_u32 wcl_oshmode;
@@ -330,14 +264,6 @@ typedef struct tnv_wcleanup_msg {
   ox_u32 wcl_tnflags;     /* TNV_FL_*, widened from 16 bits */
   tnv_msgid_t wcl_omsgid; /* id of the request that opened it */
 } tnv_wcleanup_msg;
-OX_STATIC_ASSERT(offsetof(tnv_wcleanup_msg, wcl_origpid) == 4, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wcleanup_msg, wcl_id) == 8, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wcleanup_msg, wcl_fso) == 24, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wcleanup_msg, wcl_oamode) == 112, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wcleanup_msg, wcl_oshmode) == 116, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wcleanup_msg, wcl_oflags) == 120, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wcleanup_msg, wcl_tnflags) == 124, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wcleanup_msg, wcl_omsgid) == 128, "wire layout");
 OX_STATIC_ASSERT(sizeof(tnv_wcleanup_msg) == 144, "wire layout");
 
 /* BRL: byte-range lock. */
@@ -351,12 +277,6 @@ typedef struct tnv_wbrl_msg {
   tnvfso wbrl_fso;
   cfs_id_t wbrl_gid; /* the file's id */
 } tnv_wbrl_msg;
-OX_STATIC_ASSERT(offsetof(tnv_wbrl_msg, wbrl_pid) == 4, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wbrl_msg, wbrl_fd) == 8, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wbrl_msg, wbrl_off) == 16, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wbrl_msg, wbrl_len) == 24, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wbrl_msg, wbrl_fso) == 32, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wbrl_msg, wbrl_gid) == 120, "wire layout");
 OX_STATIC_ASSERT(sizeof(tnv_wbrl_msg) == 136, "wire layout");
 
 /* CACHE_REGION: fetch a range into the cache file. */
@@ -368,10 +288,6 @@ typedef struct tnv_cache_region_msg {
   tnv_msgid_t cache_read_omsgid;
   tnvfso cache_read_fso;
 } tnv_cache_region_msg;
-OX_STATIC_ASSERT(offsetof(tnv_cache_region_msg, cache_read_off) == 8, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_cache_region_msg, cache_read_len) == 16, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_cache_region_msg, cache_read_omsgid) == 24, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_cache_region_msg, cache_read_fso) == 40, "wire layout");
 OX_STATIC_ASSERT(sizeof(tnv_cache_region_msg) == 128, "wire layout");
 
 /* DIRTY_REGION: a range is about to be written. */
@@ -381,9 +297,6 @@ typedef struct tnv_dirty_region_msg {
   tnv_msgid_t cache_write_omsgid;
   tnvfso cache_write_fso;
 } tnv_dirty_region_msg;
-OX_STATIC_ASSERT(offsetof(tnv_dirty_region_msg, cache_write_len) == 8, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_dirty_region_msg, cache_write_omsgid) == 16, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_dirty_region_msg, cache_write_fso) == 32, "wire layout");
 OX_STATIC_ASSERT(sizeof(tnv_dirty_region_msg) == 120, "wire layout");
 
 /* FTRUNCATE: the file gets a new size. */
@@ -392,11 +305,9 @@ typedef struct tnv_ftruncate_msg {
   tnv_msgid_t cache_trunc_omsgid;
   tnvfso cache_trunc_fso;
 } tnv_ftruncate_msg;
-OX_STATIC_ASSERT(offsetof(tnv_ftruncate_msg, cache_trunc_omsgid) == 8, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_ftruncate_msg, cache_trunc_fso) == 24, "wire layout");
 OX_STATIC_ASSERT(sizeof(tnv_ftruncate_msg) == 112, "wire layout");
 
-/* The request. The fixed part is always 504 bytes; the union is 432. */
+/* A request without its trailing texts: 504 bytes, of which the union takes 432. */
 typedef struct tnv_msg {
   tnv_msghdr hdr;
   union {
@@ -418,10 +329,9 @@ typedef struct tnv_msg {
     tnv_updatetoken_msg updatetoken;
   } u;
 } tnv_msg;
-OX_STATIC_ASSERT(offsetof(tnv_msg, u) == 72, "wire layout");
 OX_STATIC_ASSERT(sizeof(tnv_msg) == 504, "wire layout");
 
-/* Where the trailing texts begin, and the length of a request without any. */
+/* The trailing texts begin at this byte. It is also the length of a request that has none. */
 enum { TNV_MSG_FIXED = 504 };
 static inline char* tnv_msg_payload(tnv_msg* msg) { return (char*)msg + TNV_MSG_FIXED; }
 
@@ -429,7 +339,7 @@ static inline char* tnv_msg_payload(tnv_msg* msg) { return (char*)msg + TNV_MSG_
 
 /* Header of every response. */
 typedef struct tnv_resphdr {
-  tnv_msgid_t rhdr_id; /* the request answered; not compared: responses match by order */
+  tnv_msgid_t rhdr_id; /* the request's id; nobody compares it, for responses match by order */
   ox_u64 rhdr_utxid;   /* the service's transaction id, for traces; 0: none */
   ox_u32 rhdr_opcode;
   ox_u32 rhdr_len;       /* payload bytes that follow these 48; at most 1168 */
@@ -438,12 +348,6 @@ typedef struct tnv_resphdr {
   ox_u8 rhdr_tn_unauthd; /* 1: no valid authorisation for the user */
   ox_u8 rhdr_pad[7];
 } tnv_resphdr;
-OX_STATIC_ASSERT(offsetof(tnv_resphdr, rhdr_utxid) == 16, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_resphdr, rhdr_opcode) == 24, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_resphdr, rhdr_len) == 28, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_resphdr, rhdr_errno) == 32, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_resphdr, rhdr_fd2xfer) == 36, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_resphdr, rhdr_tn_unauthd) == 40, "wire layout");
 OX_STATIC_ASSERT(sizeof(tnv_resphdr) == 48, "wire layout");
 
 /* CONNECT. */
@@ -453,29 +357,23 @@ typedef struct tnv_conn_resp {
   ox_statx_t connresp_stat;
   cfs_id_t connresp_sfid; /* the share's id */
 } tnv_conn_resp;
-OX_STATIC_ASSERT(offsetof(tnv_conn_resp, conresp_stid) == 8, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_conn_resp, connresp_stat) == 16, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_conn_resp, connresp_sfid) == 144, "wire layout");
 OX_STATIC_ASSERT(sizeof(tnv_conn_resp) == 160, "wire layout");
 
-/* OPEN; two maps of wopen_resp_rmap_size bytes each follow the response. */
+/*
+ * OPEN. Two maps of wopen_resp_rmap_size bytes each follow the response; wopen_resp_dmap_size is
+ * recorded and not used. The region shift counts only when maps follow.
+ */
 typedef struct tnv_wopen_resp {
   ox_s32 wopen_resp_region_shift; /* log2 of the region size: 0 to 62 */
   ox_s32 wopen_resp_spad;
   ox_u64 wopen_resp_rmap_size;
-  ox_u64 wopen_resp_dmap_size; /* recorded only */
+  ox_u64 wopen_resp_dmap_size;
   ox_u32 wopen_resp_tnflags;
   ox_u32 wopen_resp_pad;
   tnvfso wopen_resp_fso;
-  ox_u64 wopen_resp_handle; /* a file handle, valid in the client's process */
+  ox_u64 wopen_resp_handle; /* a file handle of the client's process; 0 and -1: none */
   ox_statx_t wopen_resp_stat;
 } tnv_wopen_resp;
-OX_STATIC_ASSERT(offsetof(tnv_wopen_resp, wopen_resp_rmap_size) == 8, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wopen_resp, wopen_resp_dmap_size) == 16, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wopen_resp, wopen_resp_tnflags) == 24, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wopen_resp, wopen_resp_fso) == 32, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wopen_resp, wopen_resp_handle) == 120, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_wopen_resp, wopen_resp_stat) == 128, "wire layout");
 OX_STATIC_ASSERT(sizeof(tnv_wopen_resp) == 256, "wire layout");
 
 /* DENUM. */
@@ -483,7 +381,6 @@ typedef struct tnv_wdenum_resp {
   tnvfso wde_fso;
   ox_u64 wde_fi_len; /* records that follow the response */
 } tnv_wdenum_resp;
-OX_STATIC_ASSERT(offsetof(tnv_wdenum_resp, wde_fi_len) == 88, "wire layout");
 OX_STATIC_ASSERT(sizeof(tnv_wdenum_resp) == 96, "wire layout");
 
 /* STAT. */
@@ -506,9 +403,6 @@ typedef struct tnv_cache_region_resp {
   ox_u8 cr_clear; /* 1: the file is empty, drop the maps */
   ox_u8 cr_pad[7];
 } tnv_cache_region_resp;
-OX_STATIC_ASSERT(offsetof(tnv_cache_region_resp, cr_sz) == 8, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_cache_region_resp, cr_fsz) == 16, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnv_cache_region_resp, cr_clear) == 24, "wire layout");
 OX_STATIC_ASSERT(sizeof(tnv_cache_region_resp) == 32, "wire layout");
 
 /* DIRTY_REGION. */
@@ -529,7 +423,7 @@ typedef struct tnv_get_version_resp {
 } tnv_get_version_resp;
 OX_STATIC_ASSERT(sizeof(tnv_get_version_resp) == 536, "wire layout");
 
-/* The response: 48 bytes and rhdr_len more. */
+/* A response: a header of 48 bytes, then rhdr_len bytes of the union. */
 typedef struct tnv_resp {
   tnv_resphdr rhdr;
   union {
@@ -545,11 +439,10 @@ typedef struct tnv_resp {
     tnv_get_version_resp get_version;
   } u;
 } tnv_resp;
-OX_STATIC_ASSERT(offsetof(tnv_resp, u) == 48, "wire layout");
 OX_STATIC_ASSERT(sizeof(tnv_resp) == 1216, "wire layout");
 enum { TNV_RESP_HDR = 48, TNV_RESP_MAX_PAYLOAD = 1168 };
 
-/* The descriptor-passing record that tnv_sendbytes takes; never filled on Windows. */
+/* The record for passing a descriptor that tnv_sendbytes takes. It is not used on Windows. */
 typedef struct tnv_fdcntl {
   ox_s32 fdcntl_fd;
   ox_s32 fdcntl_len;

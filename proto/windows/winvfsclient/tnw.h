@@ -1,35 +1,49 @@
 /*
  * libtnw: the client library of a cloud drive.
  *
- * A drive application fills a tnw_tninit, calls tnw_init once per drive and answers each
- * file-system request with one call below. Results are Windows error codes, 0 for success.
+ * A drive application fills a tnw_tninit and calls tnw_init once for each drive. Then it answers
+ * every file-system request of the desktop with one of the calls below.
  *
- * Threads: every file call may run on any thread at the same time, with these limits:
- *   - no call runs on a drive, or on a file of it, while tnw_deinit runs on it, nor on any drive of
- *     its service while tnw_deinit_force runs;
- *   - no other call runs on a file handle while it is closed: the handle may by then be another
- *     file's;
- *   - no open runs with a file's context slot while the last close of that file runs;
- *   - one thread at a time uses an enumeration handle.
- * Calls block until the cache service has answered; there is no time-out.
+ * Results
  *
- * Codes that every file call may return beside its own:
- *   1467  unknown drive handle, or an operation handle that is not open on any drive; also a broken
- *         connection to the cache service (tnw_create, tnw_findfirst, and tnw_read, tnw_write and
- *         tnw_setfilesize when they need it)
- *   1326  the service has no valid authorisation for the user: call tnw_updatetoken
- * A broken connection reads as SUCCESS from all others: tnw_delete deletes nothing and returns 0,
- * tnw_getfileinfo gives a record of zeros, tnw_canfilebedeleted false, a lock is not taken. Notice
- * it by 1467 from the next open (or by a record without a name), then deinitialise and initialise
- * the drive again.
+ * Every call returns a Windows error code; 0 is success. tnw_init, tnw_create and tnw_findfirst
+ * return a handle instead and write the code to their last argument. Every file call may return
+ * these codes beside its own:
  *
- * An answer of the service comes as the Windows code of its Unix error number; a number that has
- * none comes as it is. Handles stay the library's; all buffers and texts are the caller's and are
- * not used after the call.
+ *   1467 ERROR_RESTART_APPLICATION (TNW_ERROR_NO_SERVICE)
+ *       The drive handle or file handle is none of ours, or is closed. tnw_create, tnw_findfirst,
+ *       and tnw_read, tnw_write and tnw_setfilesize also return it when they need the service and
+ *       the connection to it is broken.
+ *   1326 ERROR_LOGON_FAILURE
+ *       The service has no valid authorisation for the user. Call tnw_updatetoken.
  *
- * Text is NUL-terminated UTF-8 where it names something in the cloud, and a narrow string in the
- * process's code page where it names a local file. Fixed-length fields hold text that is terminated
- * when it is shorter than the field.
+ * When the service refuses a request, the call returns the Windows code of the service's Unix error
+ * number. An error number that has no Windows code is returned as it is.
+ *
+ * A broken connection looks like SUCCESS to all the other calls: tnw_delete deletes nothing and
+ * returns 0, tnw_getfileinfo fills in a record of zeros, tnw_canfilebedeleted says false, and
+ * tnw_lockfile locks nothing. The next open returns 1467, and a record without a name tells, too.
+ * Deinitialise the drive then, and initialise it again.
+ *
+ * Threads
+ *
+ * Every file call may run on any thread, at the same time as any other, with these limits:
+ *   - While tnw_deinit runs on a drive, no call may run on that drive or on its files. While
+ *     tnw_deinit_force runs, no call may run on any drive of the same service.
+ *   - While a file is closed, no other call may use its handle. The handle may belong to another
+ *     file directly afterwards.
+ *   - While the last close of a file runs, no open may use that file's context slot.
+ *   - Only one thread at a time may use an enumeration handle.
+ * A call returns when the service has answered. There is no time-out.
+ *
+ * Memory and texts
+ *
+ * Handles belong to the library. Buffers and texts belong to the caller; the library does not use
+ * them after the call has returned.
+ *
+ * Texts end with a NUL. A text that names something in the cloud is UTF-8. A text that names a
+ * local file is in the process's code page. A text in a field of fixed length has no NUL when it
+ * fills the field.
  */
 #ifndef TNW_H
 #define TNW_H
@@ -38,168 +52,208 @@
 
 OX_BEGIN_DECLS
 
-/* What tnw_init is told. The library copies what it keeps; it may set bit 0 of tnw_flags and fill
- * an empty tnw_tn_device_id. */
+/*
+ * What tnw_init is told. The library copies what it needs. It writes to two fields: it sets
+ * TNW_INIT_NO_RETRY where no retry can help, and it fills in tnw_tn_device_id where that is empty.
+ */
 typedef struct tnw_tninit {
-  int tnw_flags;       /* TNW_INIT_NO_RETRY */
-  int tnw_min_threads; /* worker threads that stay when idle */
-  int tnw_max_threads; /* most worker threads, and connections to the service: 1 to 256 */
-  ox_u64 tnw_user_id;  /* 0: unknown */
+  int tnw_flags;       /* TNW_INIT_NO_RETRY, or 0 */
+  int tnw_min_threads; /* so many worker threads stay alive when they are idle */
+  int tnw_max_threads; /* the most worker threads, and connections to the service: 1 to 256 */
+  ox_u64 tnw_user_id;  /* 0 when it is not known */
   char tnw_username[64];
-  char tnw_workdir[5000];   /* root of the cache directories */
-  char tnw_uds_workdir[96]; /* directory for the socket; empty: the cache directory. The socket's
-                               path must stay below 108 bytes */
-  char tnw_logdir[5000];    /* log files of the library and the service */
+  char tnw_workdir[5000];   /* the cache of a user is in its subfolder domain\username */
+  char tnw_uds_workdir[96]; /* folder of the socket; empty: the cache directory. The path of the
+                               socket must be shorter than 108 bytes */
+  char tnw_logdir[5000];    /* folder of the log files of the library and of the service */
   char tnw_sharepath[1024]; /* the drive's path in the cloud */
   char tnw_binpath[5000];   /* the service program */
-  char tnw_regpath[1024];   /* kept, not used */
-  char tnw_api_addr[128];   /* passed to the service, as are the next ones */
+  char tnw_regpath[1024];   /* not used */
+  char tnw_api_addr[128];   /* this one and the next are passed to the service */
   char tnw_config_addr[128];
   char tnw_workgroup_id[37]; /* may be empty */
-  char tnw_da_device_id[37]; /* UUID texts */
+  char tnw_da_device_id[37]; /* this id and the next two are UUID texts */
   char tnw_da_drive_id[37];
-  char tnw_tn_device_id[37]; /* empty: kept in the registry */
+  char tnw_tn_device_id[37]; /* empty: the library keeps one in the registry */
   char tnw_authtoken[512];
   char tnw_domain[51];        /* a host name with at least one dot */
-  char tnw_proxy_server[256]; /* empty: no proxy */
+  char tnw_proxy_server[256]; /* empty: there is no proxy */
   char tnw_proxy_uname[64];
   char tnw_proxy_password[512];
 } tnw_tninit;
 OX_STATIC_ASSERT(sizeof(tnw_tninit) == 19032, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_min_threads) == 4, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_max_threads) == 8, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_user_id) == 16, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_username) == 24, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_workdir) == 88, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_uds_workdir) == 5088, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_logdir) == 5184, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_sharepath) == 10184, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_binpath) == 11208, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_regpath) == 16208, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_api_addr) == 17232, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_config_addr) == 17360, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_workgroup_id) == 17488, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_da_device_id) == 17525, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_da_drive_id) == 17562, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_tn_device_id) == 17599, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_authtoken) == 17636, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_domain) == 18148, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_proxy_server) == 18199, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_proxy_uname) == 18455, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_tninit, tnw_proxy_password) == 18519, "layout of the API");
 
+/* A flag of tnw_flags: tnw_init gives up after its first failure. */
 enum { TNW_INIT_NO_RETRY = 0x1 };
 
-/* The user that holds a cloud lock. */
+/*
+ * No service stands behind a handle: the handle is none of ours, or the connection to its service
+ * is broken. Windows names this code ERROR_RESTART_APPLICATION.
+ */
+enum { TNW_ERROR_NO_SERVICE = 1467 };
+
+/*
+ * Access modes of tnw_create, which may be combined. Their values are those of the native
+ * FILE_READ_DATA, FILE_WRITE_DATA and FILE_APPEND_DATA.
+ */
+enum {
+  TNW_ACC_ATTRIBUTES = 0x0, /* the status of the file only */
+  TNW_ACC_READ = 0x1,
+  TNW_ACC_WRITE = 0x2,
+  TNW_ACC_APPEND = 0x4,   /* has the effect of TNW_ACC_WRITE */
+  TNW_ACC_ANY_WRITE = 0x6 /* a mask: an open with one of these bits may write */
+};
+
+/* Dispositions of tnw_create. Their values are those of the native FILE_SUPERSEDE and so on. */
+enum {
+  TNW_DISP_SUPERSEDE = 0,   /* replaces a file, or creates one */
+  TNW_DISP_OPEN = 1,        /* opens what is there */
+  TNW_DISP_CREATE = 2,      /* creates; fails where something is there */
+  TNW_DISP_OPEN_IF = 3,     /* opens what is there, or creates */
+  TNW_DISP_OVERWRITE = 4,   /* empties a file that is there */
+  TNW_DISP_OVERWRITE_IF = 5 /* empties a file that is there, or creates one */
+};
+
+/*
+ * Create options of tnw_create. Their values are those of the native FILE_DIRECTORY_FILE and
+ * FILE_NON_DIRECTORY_FILE.
+ */
+enum {
+  TNW_OPT_FOLDER = 0x1, /* opens or creates only a folder */
+  TNW_OPT_FILE = 0x40   /* opens or creates only a file */
+};
+
+/* Flags of tnw_lockfile. */
+enum {
+  TNW_LOCK_FAIL_AT_ONCE = 0x1, /* has no effect, for no call ever waits for a lock */
+  TNW_LOCK_EXCLUSIVE = 0x2     /* without it the lock is shared */
+};
+
+/* The user who has locked a file in the cloud. */
 typedef struct tnw_cfs_lock {
   ox_u64 lk_uid;
   char lk_uname[64];
 } tnw_cfs_lock;
 
-/* One file or folder. Times are Windows file times: 100 ns since 1601-01-01 UTC. */
+/* One file or folder. Times are Windows file times: units of 100 ns since 1601-01-01 UTC. */
 typedef struct tnw_fileinfo {
-  ox_u32 fi_attr; /* Windows file attributes; 16: folder */
+  ox_u32 fi_attr; /* Windows file attributes; 16 (FILE_ATTRIBUTE_DIRECTORY) marks a folder */
   ox_u32 fi_pad;
   ox_u64 fi_ctime;
   ox_u64 fi_atime;
   ox_u64 fi_mtime;
   ox_u64 fi_size;  /* bytes */
-  ox_u8 fi_locked; /* 1: locked in the cloud */
-  char fi_id[37];  /* UUID text */
+  ox_u8 fi_locked; /* 1 when the file is locked in the cloud */
+  char fi_id[37];  /* UUID as text */
   char fi_collab[512];
-  char fi_name[245]; /* UTF-8; a name of 245 bytes has no NUL */
+  char fi_name[245]; /* a name of 245 bytes has no NUL */
   char fi_cksum[256];
   ox_u8 fi_pad2[5];
   tnw_cfs_lock fi_lockowner;
 } tnw_fileinfo;
 
 OX_STATIC_ASSERT(sizeof(tnw_cfs_lock) == 72, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnw_cfs_lock, lk_uname) == 8, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_ctime) == 8, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_atime) == 16, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_mtime) == 24, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_size) == 32, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_locked) == 40, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_id) == 41, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_collab) == 78, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_name) == 590, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_cksum) == 835, "wire layout");
-OX_STATIC_ASSERT(offsetof(tnw_fileinfo, fi_lockowner) == 1096, "wire layout");
 OX_STATIC_ASSERT(sizeof(tnw_fileinfo) == 1168, "wire layout");
 
 /* ------------------------------------------------------------------- drives */
 
 /*
- * Starts the cache service of (tnw_domain, tnw_username), or joins the running one, and returns a
- * drive handle, or null. `err` (may be null) is 0, or 31 when start-up gave up, which asks the
- * caller for its classic way of working without the service. The same drive id gives the same
- * handle again. A null record gives null and 31 too.
+ * Starts the cache service of the domain and user, or joins the one that runs already, and returns
+ * a drive handle, or null. The same drive id gets the same handle again. err   may be null;
+ * receives 0, or 31 ERROR_GEN_FAILURE when the start-up gave up. 31 asks the drive application to
+ * work in its classic way, without the service. A null record gives null and 31, too.
  *
- * May take long: two starts of up to 60 s (readiness) with pauses of 5 s, each of up to 75 s
- * instead where an old service still runs. TNW_INIT_NO_RETRY gives up after the first failure.
- * Start-ups and shut-downs of one process run one at a time.
+ * The call may take long. It tries to start the service twice, with a pause of 5 s, and waits up to
+ * 60 s each time until the service is ready. Where an old service of the same user still runs, it
+ * waits for that one first, up to 75 s each time. Start-ups and shut-downs of a process run one at
+ * a time.
  */
 void* tnw_init(tnw_tninit* tninit, int* err);
 
 /*
- * Gives a drive handle back; the last one of a service stops the service (after 1 s) and frees all
- * that belongs to it, open files included. Contexts of files that were still open stay allocated;
- * their slots are to be dropped. Files of a drive that is not the last stay open, out of reach,
- * until the last one goes: close them before. `force` is accepted and deliberately has no effect.
- * 87 for a null or unknown handle; otherwise 0, or the shut-down request's result as it is (-1 for
- * a broken connection). The service process is not waited for.
+ * Gives a drive handle back. The last handle of a service also stops the service, after 1 s, and
+ * frees all that belongs to it; files that are still open are gone with it. The contexts of such
+ * files stay allocated, and their slots must be dropped. Files of a drive that is not the last one
+ * stay open until the last one goes, but no call reaches them: close them before. The call does not
+ * wait for the end of the service's process. `force` has no effect.
+ *
+ * 0; 87 ERROR_INVALID_PARAMETER for a null or unknown handle; or the result of the shut-down
+ * request as it is: the service's error number, or -1 when the connection is broken.
  */
 int tnw_deinit(void* drvhdl, bool force);
-/* The same at once, for every drive handle of the service. 0, or 87. */
+/*
+ * The same at once, for all drive handles of the service. 0, or 87 ERROR_INVALID_PARAMETER.
+ */
 int tnw_deinit_force(void* drvhdl);
 
-/* The text of the service instance's id, or an empty text for an unknown handle. The library's. */
+/*
+ * The id of the drive's service instance as text, or an empty text for an unknown handle. The text
+ * belongs to the library and lives as long as the instance.
+ */
 const char* tnw_get_tninstance_id(void* drvhdl);
 
 /* ------------------------------------------------------------------- open files */
 
 /*
  * Opens or creates a file or folder and returns its handle, or null.
- *   fc          the caller's slot for the file's context, one slot per file: empty (null) at the
- *               first open, then filled by the library and shared by all opens of the file. The
- *               library frees the context with the last close and cannot empty the slot: the caller
- *               does, when its own count of opens reaches zero. A failed first open empties it.
- *   accmode     1 read, 2 and 4 write; 0 attributes only
- *   shmode      Windows share mode
- *   cdisp       native disposition: 0 supersede, 1 open, 2 create, 3 open-if, 4 overwrite,
- *               5 overwrite-if
- *   flags       native create options (0x1 folder, 0x40 file)
- *   origpid     the process that opens; in_procname its name (may be null; 32 bytes are kept)
- *   err         may be null: 0, 160 (null handle or path), 87 (cdisp above 5), 24 (no descriptor
- *               free), 8, or the service's answer
- * On success the thread's last error is 0, or 183 when a create found an existing file.
+ *   fc           the caller's slot for the file's context, one slot for each file. The slot is null
+ *                at the first open; the library then fills it, and all opens of the file share it.
+ *                A failed first open makes the slot null again. The last close frees the context,
+ *                but cannot reach the slot: the caller makes it null when its own count of opens
+ *                reaches zero. `fc` itself may be null; such an open has a context of its own.
+ *   accmode      TNW_ACC_*
+ *   shmode       the Windows share mode, FILE_SHARE_*
+ *   cdisp        TNW_DISP_*
+ *   flags        TNW_OPT_*; other native create options are passed to the service
+ *   origpid      the id of the process that opens the file
+ *   in_procname  the name of that process; the first 32 bytes are kept; may be null
+ *   err          may be null; receives 0 or one of
+ *                  8 ERROR_NOT_ENOUGH_MEMORY
+ *                  24: as many files are open as there can be (the Unix number EMFILE as it is)
+ *                  87 ERROR_INVALID_PARAMETER: cdisp is above 5
+ *                  160 ERROR_BAD_ARGUMENTS: the handle or the path is null
+ *                  what the service answers
+ *                  the Windows error with which the local file could not be emptied
+ * After a success the thread's last error is 0, or 183 ERROR_ALREADY_EXISTS when the open could
+ * have created the file but found it.
  */
 void* tnw_create(void* drvhdl, void** fc, const char* path, ox_u32 accmode, ox_u32 shmode,
                  ox_u32 cdisp, ox_u32 flags, int origpid, const char* in_procname, int* err);
 
 /*
- * The last user handle of the file went; tnw_close is still to come. Nothing is sent for a folder.
- * 0, 160 (null or closed handle), or the service's answer.
+ * Tells the service that the user's last handle of the file was closed. The file handle stays open
+ * until tnw_close. Nothing is sent for a folder. 0, 160 ERROR_BAD_ARGUMENTS (null or closed
+ * handle), or what the service answers.
  */
 int tnw_cleanup_file(void* ophdl);
 
 /*
- * Closes the file; the handle is not to be used again. `out_procname` (32 bytes, may be null)
- * receives the opener's name. 0, 160 (null or closed handle), or the service's answer: a refused
- * close keeps the handle, whose local file is closed already, and may be repeated; so does 1326.
+ * Closes a file; its handle must not be used again. `out_procname` (32 bytes, may be null) receives
+ * the name of the process that opened the file.
+ *
+ * 0, 160 ERROR_BAD_ARGUMENTS (null or closed handle), or what the service answers. A close that the
+ * service refuses, or that returns 1326 ERROR_LOGON_FAILURE, keeps the handle and may be repeated.
+ * The local file is closed even then, so that reads and writes return 6 ERROR_INVALID_HANDLE.
  */
 int tnw_close(void* ophdl, char* out_procname);
 
 /*
- * Read or write `len` bytes (cut to 32 bits) at byte offset `off`. `nbread` and `nbwritten` receive
- * the count; `out_procname` (32 bytes) the opener's name; both may be null. Any number of both may
- * run on one file. Surprises:
- *   - a read at or past the end returns 38 with the count 0; one that straddles it returns 0 and a
- *     short count;
- *   - a region that the service answers with 7 makes a read return 0 with the count untouched;
- *   - a write through a read-only open is told to the service by the next close of a writable one.
- * 0, 6 (null, closed, folder or enumeration handle), 87 (negative offset), the service's answer for
- * a region, or the Windows error of the local file, unchanged.
+ * Read or write `len` bytes at byte offset `off` of a file. Only the low 32 bits of `len` count.
+ * `nbread` and `nbwritten` receive the number of bytes, and `out_procname` (32 bytes) the name of
+ * the process that opened the file; all may be null. Any number of reads and writes may run on one
+ * file at the same time.
+ *
+ * 0; 6 ERROR_INVALID_HANDLE (a handle that is null, closed, of a folder or of an enumeration, or
+ * whose file has no local file); 87 ERROR_INVALID_PARAMETER (a negative offset); what the service
+ * answers when it is asked for a region; or the Windows error of the local file as it is.
+ *
+ * Callers should know:
+ *   - A read that begins at the end of the file or behind it returns 38 ERROR_HANDLE_EOF and counts
+ *     0 bytes. A read that begins before the end and reaches past it returns 0 and a smaller count.
+ *   - When the service answers that there is nothing to fetch (its error number 7), a read returns
+ *     0 without reading, and the count keeps the caller's value.
+ *   - Memory-mapped files are written through opens that may only read. The service hears that
+ *     such a write modified the file from the next close of an open that may write.
  */
 int tnw_read(void* ophdl, void* buffer, ox_u64 len, ox_off off, ox_s64* nbread, char* out_procname);
 int tnw_write(void* ophdl, void* buffer, ox_u64 len, ox_off off, ox_s64* nbwritten,
@@ -208,76 +262,93 @@ int tnw_write(void* ophdl, void* buffer, ox_u64 len, ox_off off, ox_s64* nbwritt
 /* ------------------------------------------------------------------- folders */
 
 /*
- * Lists a folder: one exchange fetches all of it, tnw_findnext hands out the copy. Returns the
- * enumeration handle, or null; `out` receives the first entry. `err` (may be null): 0; 18 with a
- * handle for an empty folder (to be closed too); 160, 24, 8, or the service's answer with null.
+ * Lists a folder and returns an enumeration handle, or null. One request fetches the whole listing;
+ * `out` receives its first entry, and tnw_findnext the others. `in_procname` is as for tnw_create.
+ *   err   may be null; receives 0 or one of
+ *           8 ERROR_NOT_ENOUGH_MEMORY
+ *           18 ERROR_NO_MORE_FILES: the folder is empty. The handle is valid, and must be closed.
+ *           24: as many files are open as there can be (the Unix number EMFILE as it is)
+ *           160 ERROR_BAD_ARGUMENTS: the handle, the path or `out` is null
+ *           what the service answers
  */
 void* tnw_findfirst(void* drvhdl, const char* path, tnw_fileinfo* out, const char* in_procname,
                     int* err);
 /*
- * 0 and the next entry, or 18 at the end; 160 (null argument, closed handle). Asks the service
- * nothing. `out` is cleared first once the drive is found. A handle of tnw_create has no entries.
+ * Gives the next entry of the listing, without asking the service. 0; 18 ERROR_NO_MORE_FILES after
+ * the last entry; 160 ERROR_BAD_ARGUMENTS (a null argument or a closed handle). `out` is cleared as
+ * soon as the drive is known, also when the call then fails. A handle of tnw_create has no entries.
  */
 int tnw_findnext(void* dehdl, tnw_fileinfo* out);
 /*
- * Ends an enumeration and frees its listing. 0, 160 (null or closed handle), or the service's
- * answer; the handle is gone unless 1326, 1467 or 160. Here 1326 goes before a drive's 1467.
+ * Ends an enumeration and frees its listing. 0, 160 ERROR_BAD_ARGUMENTS (null or closed handle), or
+ * what the service answers. The handle is gone after 0 and after an answer of the service; after
+ * 1326, 1467 and 160 it is not. This call looks at the authorisation before it looks at the drive.
  */
 int tnw_findclose(void* dehdl);
 /*
- * Whether the folder had no entries when tnw_findfirst listed it. 0, or 160 (null or closed handle)
- * with `is_empty` (may be null) false; left alone by other codes. Surprise: a handle of tnw_create
- * carries no listing and counts as empty.
+ * Tells in `is_empty` (may be null) whether the folder had no entries when tnw_findfirst listed it.
+ * 0, or 160 ERROR_BAD_ARGUMENTS (null or closed handle) with `is_empty` false; other codes leave
+ * `is_empty` as it was. A handle of tnw_create has no listing and counts as empty.
  */
 int tnw_checkfolderempty(void* dehdl, bool* is_empty);
 
 /* ------------------------------------------------------------------- paths */
 
 /*
- * What `path` names. `out` is written on success only. 0, 160 (a null argument), 8, or the
- * service's answer (2 when there is nothing). `in_procname` as for tnw_create.
+ * Tells what `path` names. `out` is written on success only; a null `out` asks the service and
+ * drops the answer. `in_procname` is as for tnw_create. 0, 8 ERROR_NOT_ENOUGH_MEMORY, 160
+ * ERROR_BAD_ARGUMENTS (the handle or the path is null), or what the service answers:
+ * 2 ERROR_FILE_NOT_FOUND when there is nothing.
  */
 int tnw_getfileinfo(void* drvhdl, const char* path, tnw_fileinfo* out, const char* in_procname);
 
 /*
- * Renames or moves a file or folder; both paths are of the same drive. An existing target is not
- * replaced. 0, 13 (a null argument: deliberately not 160), 8, or the service's answer: 2 (no such
- * file or target folder), 32 (in use), 80 (target exists).
+ * Renames or moves a file or folder within a drive. A file that has the new name is not replaced.
+ * 0, 8 ERROR_NOT_ENOUGH_MEMORY, 13 ERROR_INVALID_DATA (a null argument; this call and the next two
+ * do not return 160 for that), or what the service answers: 2 ERROR_FILE_NOT_FOUND (no such file,
+ * or no such target folder), 32 ERROR_SHARING_VIOLATION (in use), 80 ERROR_FILE_EXISTS.
  */
 int tnw_rename(void* drvhdl, const char* srcpath, const char* dstpath, const char* in_procname);
 
 /*
- * Deletes a file or an empty folder. 0, 13 (a null argument), 8, or the service's answer: 2, 5
- * (read-only), 32 (in use), 145 (folder not empty).
+ * Deletes a file or an empty folder. 0, 8 ERROR_NOT_ENOUGH_MEMORY, 13 ERROR_INVALID_DATA (a null
+ * argument), or what the service answers: 2 ERROR_FILE_NOT_FOUND, 5 ERROR_ACCESS_DENIED
+ * (read-only), 32 ERROR_SHARING_VIOLATION (in use), 145 ERROR_DIR_NOT_EMPTY.
  */
 int tnw_delete(void* drvhdl, const char* path, const char* in_procname);
 
 /*
- * Asks whether a delete would succeed now; nothing is deleted or kept from changing. `can_delete`
- * is written on success only. 0, 13 (a null argument), 8, or the service's answer.
+ * Asks whether a delete would succeed now. Nothing is deleted, and nothing keeps the answer true.
+ * `can_delete` is written on success only; a null `can_delete` asks the service and drops the
+ * answer. 0, 8 ERROR_NOT_ENOUGH_MEMORY, 13 ERROR_INVALID_DATA (the handle or the path is null), or
+ * what the service answers.
  */
 int tnw_canfilebedeleted(void* drvhdl, const char* path, bool* can_delete);
 
 /* ------------------------------------------------------------------- size and locks */
 
 /*
- * Sets the end of an open file to size_high * 2^32 + size_low bytes: grows with zeros, or cuts.
- * `out_procname` (32 bytes, may be null) receives the opener's name. 0, 6 (null, closed, folder or
- * enumeration handle), the service's answer, or the Windows error of the local file, unchanged.
+ * Sets the size of an open file to size_high * 2^32 + size_low bytes. A longer file grows by zeros.
+ * `out_procname` (32 bytes, may be null) receives the name of the process that opened the file.
  *
- * Surprise: the local file has the new size even when the service refused and its code is returned;
- * only a Windows error of the local file itself leaves the size. One call at a time per file: of
- * two that run at once, which size stays is open.
+ * 0; 6 ERROR_INVALID_HANDLE (as for tnw_read); what the service answers; or the Windows error of
+ * the local file as it is. When the service refuses, its code is returned and the local file has
+ * the new size all the same; only a Windows error of the local file leaves the old size. Only one
+ * call at a time should run on a file: of two that run at once, either size may remain.
  */
 int tnw_setfilesize(void* ophdl, ox_u32 size_low, ox_u32 size_high, char* out_procname);
 
 /*
- * Locks or unlocks a range of an open file for process `pid`; the service keeps the locks and
- * decides at once, a conflict is never waited for. `flags`: 0x2 exclusive, else shared; other bits
- * have no effect. Offset and length in bytes, in halves of which the HIGH ONES ARE IGNORED,
- * deliberately: offset 2^32 + 10 locks at 10. An unlock names exactly what was locked; a close
- * lifts all locks of its handle. 0, 13 (null or closed handle, or the service's answer: no such
- * lock), 32 (conflict), or another answer of the service.
+ * Lock or unlock a range of an open file for the process `pid`. The service keeps the locks and
+ * decides at once; no call waits for a lock that is in its way. `flags` takes TNW_LOCK_*; other
+ * bits have no effect.
+ *
+ * Offset and length are in bytes. THE HIGH HALVES ARE NOT USED: a lock at offset 2^32 + 10 is set
+ * at offset 10. An unlock must name the same range as the lock. A close removes all locks of its
+ * handle.
+ *
+ * 0; 13 ERROR_INVALID_DATA (null or closed handle; also the service's answer when there is no such
+ * lock); 32 ERROR_SHARING_VIOLATION (another lock is in the way); or another answer of the service.
  */
 int tnw_lockfile(void* ophdl, ox_u32 flags, ox_u32 off_low, ox_u32 off_high, ox_u32 len_low,
                  ox_u32 len_high, int pid);
@@ -287,31 +358,30 @@ int tnw_unlockfile(void* ophdl, ox_u32 off_low, ox_u32 off_high, ox_u32 len_low,
 /* ------------------------------------------------------------------- service and cache */
 
 /*
- * Hands a renewed access token (text, sent as it is, not kept) to the drive's service. Works while
- * other calls give 1326, and ends that when the answer to it no longer says unauthorised, even with
- * an error. 0, 160 (a null argument), 8, or the service's answer: 5 when it refuses the token.
+ * Hands a renewed access token to the drive's service. The token is sent as it is, and not kept.
+ * The call works while others return 1326 ERROR_LOGON_FAILURE. It ends that state when the
+ * service's answer to it no longer says "unauthorised", even when the answer is an error. 0, 8
+ * ERROR_NOT_ENOUGH_MEMORY, 160 ERROR_BAD_ARGUMENTS (a null argument), or what the service answers:
+ * 5 ERROR_ACCESS_DENIED when it refuses the token.
  */
 int tnw_updatetoken(void* drvhdl, char* enctoken);
 
 /*
- * Tells the drive's service the HTTP proxy to use for the cloud. User name and password may be
- * empty. 0, 160 (a null argument or an empty proxy), 8, or the service's answer. Neither looks at
- * the authorisation nor changes it.
+ * Tells the drive's service which HTTP proxy to use for the cloud. The user name and the password
+ * may be empty. 0, 8 ERROR_NOT_ENOUGH_MEMORY, 160 ERROR_BAD_ARGUMENTS (a null argument or an empty
+ * proxy), or what the service answers. The call works without authorisation, too.
  */
 int tnw_set_http_proxy(void* drvhdl, const char* http_proxy, const char* username,
                        const char* password);
 
-/* Whose cache is purged: the directory workdir\domain\username. */
+/* Names the cache directory to be purged: po_workdir\po_domain\po_username. */
 typedef struct tnw_purge_opt_t {
-  ox_s32 po_flags; /* not examined */
+  ox_s32 po_flags; /* not used */
   char po_workdir[5000];
   char po_domain[51];
   char po_username[64];
 } tnw_purge_opt_t;
 OX_STATIC_ASSERT(sizeof(tnw_purge_opt_t) == 5120, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_purge_opt_t, po_workdir) == 4, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_purge_opt_t, po_domain) == 5004, "layout of the API");
-OX_STATIC_ASSERT(offsetof(tnw_purge_opt_t, po_username) == 5055, "layout of the API");
 
 /*
  * Deletes a user's cache directory, changes that were not yet written back included. No drive is

@@ -6,7 +6,10 @@
 #include <cstring>
 
 #include "ox_errno.h"
+#include "ox_time.h"
 #include "ox_util.h"
+#include "ox_uuid.h"
+#include "tn_text.h"
 #include "tnv_connio_win.h"
 #include "tnw_log.h"
 
@@ -136,12 +139,9 @@ int tnw_send_msg(vfs_handle* vh, tnv_msg* msgp) {
   if (err == 0) {
     return 0;
   }
-
-  char id[OX_UUID_TEXT_SIZE];
-  ox_uuid_unparse(msgp->hdr.hdr_id.id, id);
   TNW_ERROR(vh, err,
             "Could not send messages id %s, opcode %d, len %d. Requesting client to reinitialize.",
-            id, msgp->hdr.hdr_opcode, msgp->hdr.hdr_len);
+            tn_id_text(msgp->hdr.hdr_id).text, msgp->hdr.hdr_opcode, msgp->hdr.hdr_len);
   return broken();
 }
 
@@ -151,12 +151,10 @@ int tnw_recv_response(vfs_handle* vh, const tnv_msg* msgp, tnv_resp* resp) {
   resp->rhdr.rhdr_fd2xfer = -1;
   int err = tnv_conn_recv(vh, &resp->rhdr, sizeof(resp->rhdr));
   if (err != 0) {
-    char id[OX_UUID_TEXT_SIZE];
-    ox_uuid_unparse(msgp->hdr.hdr_id.id, id);
     TNW_ERROR(vh, err,
               "Could not receive response header for message id %s, opcode %d, len %d. Requesting "
               "client to reinitialize.",
-              id, msgp->hdr.hdr_opcode, msgp->hdr.hdr_len);
+              tn_id_text(msgp->hdr.hdr_id).text, msgp->hdr.hdr_opcode, msgp->hdr.hdr_len);
   } else if (!recv_payload(vh, resp, &err)) {
     TNW_ERROR(vh, err, "Could not receive response payload. Requesting client to reinitialize.");
   }
@@ -165,7 +163,7 @@ int tnw_recv_response(vfs_handle* vh, const tnv_msg* msgp, tnv_resp* resp) {
     return broken();
   }
 
-  vh->vfs_utxid = resp->rhdr.rhdr_utxid;
+  tnw_note_utxid(vh, resp->rhdr.rhdr_utxid);
   resp->rhdr.rhdr_fd2xfer = -1;
   tnv_log_resp(vh, msgp, resp);
   return 0;

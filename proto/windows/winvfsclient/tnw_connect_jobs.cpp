@@ -9,6 +9,7 @@
 #include <limits>
 
 #include "ox_errno.h"
+#include "ox_time.h"
 #include "ox_util.h"
 #include "tnv_connio_win.h"
 #include "tnw_connect.h"

@@ -1,6 +1,6 @@
 /*
- * Open files: the entries of an instance's descriptor table. A pointer to an entry is the operation
- * handle that the drive application holds.
+ * Open files: the entries of an instance's descriptor table. The file handle that the drive
+ * application holds is a pointer to an entry.
  */
 #ifndef TNW_FD_H
 #define TNW_FD_H
@@ -11,26 +11,26 @@
 OX_BEGIN_DECLS
 
 /*
- * One per file as the drive application sees it, shared by all its opens. The counters are guarded
- * by tnw_fc_lock (tnw_dll/tnw_open.h); fc_rd_dirty is changed atomically. Freed by the library with
- * the last close.
+ * The context of a file, which all opens of the file share; the drive application keeps the slot
+ * that points to it. tnw_fc_lock (tnw_dll/tnw_open.h) guards the counters and fc_kept. fc_rd_dirty
+ * is changed atomically. The last close frees the context.
  */
 typedef struct tnw_file_context {
-  bool fc_rd_dirty;  /* data went through a read-only open; the next writable close tells */
+  bool fc_rd_dirty;  /* data was written through an open that may only read */
   ox_u32 fc_rdcnt;   /* opens for reading only */
   ox_u32 fc_wrcnt;   /* opens with write access */
   ox_u32 fc_prcnt;   /* opens with neither */
-  ox_u32 fc_opening; /* opens under way */
-  bool fc_kept;      /* stays in the caller's slot although no open succeeded */
+  ox_u32 fc_opening; /* opens that have begun and not ended */
+  bool fc_kept;      /* an open was unauthorised: the context stays in the slot without an open */
 } tnw_file_context;
 
 typedef enum tnv_fd_state {
   TNV_FD_FREE = 0,
-  TNV_FD_RESERVED = 1, /* taken, no answer of the service yet */
+  TNV_FD_RESERVED = 1, /* taken by an open that the service has not answered yet */
   TNV_FD_INUSE = 2
 } tnv_fd_state;
 
-/* A directory-entry buffer; not used by the client calls. */
+/* A buffer for a directory entry. No call of the client uses it. */
 typedef union tnvdent {
   struct {
     ox_s32 d_ino;
@@ -45,9 +45,9 @@ struct cfs_cffl;
 struct cfs_path;
 struct tnvfd;
 
-/* The enumeration part of an entry. One thread at a time: no lock. */
+/* The listing of an open folder. No lock: one thread at a time uses an enumeration handle. */
 typedef struct tnvdir {
-  ox_s64 dir_index; /* not used, nor are the next three */
+  ox_s64 dir_index; /* this field and the next three are not used */
   struct tnvfd* dir_fde;
   struct cfs_path* dir_cfp;
   tnvdent dir_dent;
@@ -58,12 +58,16 @@ typedef struct tnvdir {
 } tnvdir;
 
 /*
- * One open file or folder. Fixed for the table's life: fdt_fd and the three locks. Links and
- * fdt_state's change to and from free: the free list's lock. fdt_rmap and its bytes:
- * fdt_rmap_lock; fdt_dmap, its bytes, both sizes and fdt_rshift: fdt_dmap_lock, or fdt_rmap_lock to
- * read a size or the shift while fdt_rmap is not null (see vfstnw_bmap.h). fdt_tnflags and
- * fdt_stat.st_size are changed atomically by parallel calls. All else is fixed from the open's
- * success to the close.
+ * One open file or folder.
+ *   fixed as long as the table lives: fdt_fd and the three locks
+ *   fdt_lock of the free list: the links, and changes of fdt_state and fdt_drv; a call on the open
+ *     entry reads both without the lock, since nothing changes them until its close
+ *   fdt_rmap_lock: fdt_rmap and the bytes of the cached map
+ *   fdt_dmap_lock: fdt_dmap, the bytes of the dirty map, fdt_rshift and both sizes; a thread that
+ *     holds fdt_rmap_lock and sees that fdt_rmap is not null may read the shift and the sizes, too
+ *     (vfstnw_bmap.h says why)
+ *   changed atomically: fdt_tnflags and fdt_stat.st_size
+ *   fixed from the success of the open to the close: all the others
  */
 typedef struct tnvfd {
   struct tnvfd* fdt_fnext; /* free-list links; null in use */
@@ -73,7 +77,7 @@ typedef struct tnvfd {
   tnvfso fdt_fso;
   ox_statx_t fdt_stat;
   ox_u32 fdt_oflags;
-  ox_u32 fdt_oaccmode; /* bit 0 read, bits 1 and 2 write */
+  ox_u32 fdt_oaccmode; /* TNW_ACC_* */
   ox_u32 fdt_oshmode;
   ox_u16 fdt_state;
   ox_u16 fdt_tnflags; /* TNV_FL_* */
@@ -82,29 +86,30 @@ typedef struct tnvfd {
   ox_handle fdt_ofd; /* the local cache file, or INVALID_HANDLE_VALUE */
   ox_off fdt_off;
   bool fdt_root;
-  void* fdt_drv; /* the drive handle; null once closed */
+  void* fdt_drv; /* the drive handle; null after the close; a drive that goes leaves its address */
   tnw_file_context* fdt_fc;
-  ox_u8* fdt_rmap;      /* one allocation holds both maps; null: no maps */
+  ox_u8* fdt_rmap;      /* points to one allocation with both maps; null: the file has no maps */
   ox_u8* fdt_dmap;      /* fdt_rmap + fdt_rmap_size */
   int fdt_rshift;       /* a region is 2^fdt_rshift bytes */
   ox_u64 fdt_rmap_size; /* bytes of each map */
-  ox_u64 fdt_dmap_size; /* what the service reported; not used */
+  ox_u64 fdt_dmap_size; /* the number that the service reported; not used */
   ox_rwlock_t fdt_rmap_lock;
   ox_rwlock_t fdt_dmap_lock;
   ox_lock_t fdt_psdo2io_lock; /* reserved */
   char fdt_procname[32];      /* not terminated when full */
-  int fdt_osfd; /* the runtime descriptor that owns fdt_ofd, or -1: closing it closes both */
+  int fdt_osfd;               /* the runtime descriptor that owns fdt_ofd, or -1 */
+  bool fdt_overlapped;        /* fdt_ofd was opened for overlapped I/O */
 } tnvfd;
 
-/* The free list. fdt_lock guards links and count. */
+/* The free list. fdt_lock guards the links and the count. */
 typedef struct tnvfdhd {
-  tnvfd* fdt_fnext; /* the head itself, cast, when empty */
+  tnvfd* fdt_fnext; /* points to the head itself when the list is empty */
   tnvfd* fdt_fprev;
-  ox_s32 fdt_count; /* one more than the free entries once debug logging was on at allocation */
+  ox_s32 fdt_count; /* one too many when the table was made with debug logging */
   ox_lock_t fdt_lock;
 } tnvfdhd;
 
-/* The table. The array is fixed from allocation to release. */
+/* The table. The array is fixed as long as the table lives. */
 typedef struct tnw_files {
   tnvfd* vfs_files;
   tnvfdhd vfs_free_fds;

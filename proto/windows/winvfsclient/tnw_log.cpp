@@ -3,6 +3,8 @@
 #include <atomic>
 #include <cerrno>
 
+#include "ox_time.h"
+#include "ox_util.h"
 #include "tn_text.h"
 
 namespace {
@@ -10,8 +12,15 @@ namespace {
 constexpr int PREFIX_SIZE = 2048;
 thread_local char prefix[PREFIX_SIZE]; /* of log lines, and of the events below */
 
-bool is_wanted(const vfs_handle* vh, const struct timespec* s_ts) {
-  return tnw_logs_client_resp(vh) && s_ts->tv_sec != 0;
+std::atomic<bool> saw_utxid = false;
+
+/* Another thread's exchange on the connection may be at work. */
+bool is_due(const vfs_handle* vh) {
+  return std::atomic_ref(const_cast<bool&>(vh->vfs_had_utxid)).load(std::memory_order_relaxed);
+}
+
+ox_u64 response_time(const struct timespec* s_ts) {
+  return s_ts->tv_sec != 0 ? ox_usecs_since(s_ts) : 0;
 }
 
 /* The ids that the argument object of every event shows. */
@@ -24,7 +33,7 @@ struct OpenIds {
 /* READ and WRITE. */
 void log_transfer(vfs_handle* vh, const char* vfs_event, const tnvfd* fde, ox_off off, size_t size,
                   ox_s64 retval, const struct timespec* s_ts) {
-  if (!is_wanted(vh, s_ts)) {
+  if (!is_due(vh)) {
     return;
   }
   const OpenIds ids(fde);
@@ -48,15 +57,20 @@ const char* tnw_log_prefix(vfs_handle* vh, const char* file, const char* level, 
   return prefix;
 }
 
-/* Another thread's exchange on the connection may be at work. */
-bool tnw_logs_client_resp(const vfs_handle* vh) {
-  return std::atomic_ref(const_cast<ox_u64&>(vh->vfs_utxid)).load(std::memory_order_relaxed) != 0;
+void tnw_note_utxid(vfs_handle* vh, ox_u64 utxid) {
+  vh->vfs_utxid = utxid;
+  std::atomic_ref(vh->vfs_had_utxid).store(utxid != 0, std::memory_order_relaxed);
+  if (utxid != 0) {
+    saw_utxid.store(true, std::memory_order_relaxed);
+  }
 }
+
+bool tnw_saw_utxid(void) { return saw_utxid.load(std::memory_order_relaxed); }
 
 void tnw_log_response(vfs_handle* vh, const char* vfs_event, const char* args, ox_s64 retval,
                       const tnvfso* fso, const struct timespec* s_ts, const char* file, int line) {
   const int err = retval < 0 ? errno : 0;
-  if (!is_wanted(vh, s_ts)) {
+  if (!is_due(vh)) {
     return;
   }
   int left = PREFIX_SIZE;
@@ -66,7 +80,7 @@ void tnw_log_response(vfs_handle* vh, const char* vfs_event, const char* args, o
   end += ox_append(end, &left,
                    "\"vfs_response_time\":%llu, \"vfs_event_name\":\"%s\", \"retval\":%llu, "
                    "\"vfs_errno\":%d",
-                   tn_llu(ox_usecs_since(s_ts)), vfs_event, tn_llu(retval), err);
+                   tn_llu(response_time(s_ts)), vfs_event, tn_llu(retval), err);
   if (fso != nullptr) {
     ox_append(end, &left, ", %s", tnv_fso2json(fso));
   }
@@ -89,7 +103,7 @@ void tnw_log_write_client_resp(vfs_handle* vh, const tnvfd* fde, ox_off off, siz
 
 void tnw_log_folderempty_client_resp(vfs_handle* vh, const tnvfd* fde, bool isempty, ox_s64 retval,
                                      const struct timespec* s_ts) {
-  if (!is_wanted(vh, s_ts)) {
+  if (!is_due(vh)) {
     return;
   }
   const OpenIds ids(fde);
@@ -101,7 +115,7 @@ void tnw_log_folderempty_client_resp(vfs_handle* vh, const tnvfd* fde, bool isem
 
 void tnw_log_findnext_client_resp(vfs_handle* vh, const tnvfd* fde, ox_s64 retval,
                                   const struct timespec* s_ts) {
-  if (!is_wanted(vh, s_ts)) {
+  if (!is_due(vh)) {
     return;
   }
   const OpenIds ids(fde);
@@ -112,7 +126,7 @@ void tnw_log_findnext_client_resp(vfs_handle* vh, const tnvfd* fde, ox_s64 retva
 
 void tnw_log_setfsize_client_resp(vfs_handle* vh, const tnvfd* fde, ox_u64 size, ox_s64 retval,
                                   const struct timespec* s_ts) {
-  if (!is_wanted(vh, s_ts)) {
+  if (!is_due(vh)) {
     return;
   }
   const OpenIds ids(fde);

@@ -22,16 +22,19 @@ OX_BEGIN_DECLS
 const char* tnw_log_prefix(vfs_handle* vh, const char* file, const char* level, int line, int err,
                            const ox_alert_t* alert);
 
+/* Keeps the transaction id of a response, or 0, with its connection. */
+void tnw_note_utxid(vfs_handle* vh, ox_u64 utxid);
 /*
- * Whether the calls that the client answers by itself leave event lines: a response on the
- * connection has carried a transaction id. Tells a call whether it needs to know when it began.
+ * Whether any response of this process has carried a transaction id. As long as none has, no event
+ * line is due, and a call need not look at the clock when it begins.
  */
-bool tnw_logs_client_resp(const vfs_handle* vh);
+bool tnw_saw_utxid(void);
 /*
- * The event line of a call that the client answered by itself; nothing while tnw_logs_client_resp
- * is false, nor when `s_ts`, when the call began, was not noted (0 seconds). `args` (an argument
- * object) and `fso` may be null; errno is shown when `retval` is negative; `file` and `line` are
- * the position that the event shows.
+ * The event line of a call that the client answered by itself; nothing unless the last response on
+ * the connection carried a transaction id, also while the next request is under way. `s_ts`: when
+ * the call began; all zero for a call that began before the first id was seen and did not wait for
+ * the service, whose time is shown as 0. `args` (an argument object) and `fso` may be null; errno
+ * is shown when `retval` is negative; `file` and `line` are the position that the event shows.
  */
 void tnw_log_response(vfs_handle* vh, const char* vfs_event, const char* args, ox_s64 retval,
                       const tnvfso* fso, const struct timespec* s_ts, const char* file, int line);

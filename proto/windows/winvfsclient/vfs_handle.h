@@ -3,7 +3,10 @@
  *
  * A connection carries one request at a time. In a service instance each lives in the private block
  * of one pool worker slot and is used by that slot's worker alone; slot 0 is also used by the
- * calling thread for connect, version and shut-down, and read by every call for log prefixes.
+ * calling thread for connect, version and shut-down.
+ *
+ * Every call reads slot 0 for its log prefix and its event line: what these show is fixed from the
+ * connect on. vfs_broken and vfs_had_utxid are changed and read atomically.
  */
 #ifndef VFS_HANDLE_H
 #define VFS_HANDLE_H
@@ -20,12 +23,15 @@ struct vfs_handle;
 typedef bool (*vfs_is_exiting_t)(struct vfs_handle* vh);
 
 typedef struct vfs_handle {
-  ox_s64 vfs_fd; /* the socket; -1 before the connect and after the connection broke */
+  ox_s64 vfs_fd; /* the socket; -1 before the connect; keeps its number when the connection broke */
   cfs_id_t vfs_share_fid;
   ox_u64 vfs_peer_tid;
   ox_u64 vfs_utxid; /* transaction id of the last response; 0 while a request is under way */
   ox_s32 vfs_pid;   /* not set by the client */
-  ox_s32 vfs_pad;
+  bool vfs_broken;  /* the socket is closed, and no request gets through any more */
+  bool
+      vfs_had_utxid; /* the last response had a transaction id; kept while a request is under way */
+  ox_u8 vfs_pad[2];
   char* vfs_share_path;        /* owned */
   const char* vfs_target_path; /* not set by the client; not owned */
   char vfs_rhost[128];         /* this computer */

@@ -1,10 +1,11 @@
 /*
- * Bit-range test and set on a region bitmap: region r is bit r mod 8, least significant first, of
- * byte r / 8; the byte range [off, off + sz) touches the regions of 2^rshift bytes that it
- * overlaps.
+ * Tests and changes the bits of a byte range in a region map. A region has 2^rshift bytes. Region r
+ * is bit r mod 8 of byte r / 8; bit 0 is the least significant one. The byte range [off, off + sz)
+ * stands for all regions that it overlaps.
  *
- * Exact and unguarded: the range must not be empty, must lie within the map, and its region numbers
- * must fit in 31 bits. The caller holds the map's lock (shared to test, exclusive to change).
+ * Nothing is checked here: the range must not be empty, must lie within the map, and the numbers of
+ * its regions must fit into 31 bits. An empty range at offset 0 changes the byte in front of the
+ * map. The caller holds the lock of the map, shared for a test and exclusively for a change.
  */
 #ifndef VFSTNW_BITS_H
 #define VFSTNW_BITS_H

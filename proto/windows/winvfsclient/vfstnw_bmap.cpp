@@ -6,6 +6,7 @@
 
 #include "ox_assert.h"
 #include "ox_errno.h"
+#include "ox_time.h"
 #include "ox_util.h"
 #include "tn_text.h"
 #include "tnw_connect.h"

@@ -3,7 +3,7 @@
 #include <cerrno>
 
 #include "ox_errno.h"
-#include "ox_util.h"
+#include "ox_time.h"
 #include "tnw_connect.h"
 #include "tnw_log.h"
 

@@ -2,8 +2,8 @@
 
 #include <windows.h>
 
+#include "ox_list.h"
 #include "tnw_instance.h"
-#include "tnw_list.h"
 #include "tnw_open.h"
 
 tnw_tnihd tnw_tninstances;
@@ -17,7 +17,7 @@ ox_rwlock_t tnw_glock;
  */
 extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID process_ends) {
   if (reason == DLL_PROCESS_ATTACH) {
-    tnw_list_init(&tnw_tninstances);
+    ox_list_init(&tnw_tninstances);
     tnw_tninstances.tni_cnt = 0;
     ox_init_rwlock(&tnw_tninstances.tni_lock);
     ox_init_rwlock(&tnw_glock);

@@ -12,6 +12,7 @@
 #include "ox_lock.h"
 #include "ox_platform.h"
 #include "ox_util.h"
+#include "tn_text.h"
 #include "tnw_log.h"
 #include "tnw_start.h"
 
@@ -30,7 +31,7 @@ int refuse_file(const char* what, const char* file) {
 
 /* A cut path would name another file, and the same one for both pid files, so none is cut. */
 void compose_pid_path(const tnw_tninstance* tni, const char* name, char (&path)[PID_PATH_SIZE]) {
-  snprintf(path, sizeof path, "%.*s/%s", TNW_FIELD(tni->tni_cachedir), name);
+  snprintf(path, sizeof path, "%.*s/%s", TN_FIELD(tni->tni_cachedir), name);
 }
 
 /* Windows' ReadFile at the end of an empty file fails with 38: nothing to read, no fault. */
@@ -48,8 +49,12 @@ int read_old_pid(int fd, unsigned long* pid) {
 int write_own_pid(int fd) {
   char text[32];
   const int len = snprintf(text, sizeof text, "%lu", GetCurrentProcessId());
-  if (ox_pwrite(fd, text, static_cast<size_t>(len), 0) == len) {
+  const ox_s64 written = ox_pwrite(fd, text, static_cast<size_t>(len), 0);
+  if (written == len) {
     return 0;
+  }
+  if (written >= 0) {
+    errno = OX_EIO; /* a part was written: the system names no error for that */
   }
   return refuse_file("write DA PID to", "da_pid");
 }
@@ -83,7 +88,7 @@ int wait_for_old_service(const tnw_tninstance* tni, int fd) {
     }
     code = errno;
     TNW_ERROR(nullptr, code, "tarnd is still running at %.*s. Sleeping for %d secs.",
-              TNW_FIELD(tni->tni_cachedir), OLD_SERVICE_PAUSE_SECS);
+              TN_FIELD(tni->tni_cachedir), OLD_SERVICE_PAUSE_SECS);
     Sleep(OLD_SERVICE_PAUSE_SECS * 1000);
   }
   return code;
@@ -115,7 +120,7 @@ int check_filled(const tnw_tninstance* tni, tnw_tninit* tninit) {
   const int made = SHCreateDirectoryExA(nullptr, tni->tni_cachedir, nullptr);
   if (made != 0 && made != ERROR_ALREADY_EXISTS) {
     return TNW_REFUSE(made, nullptr, made, "Failed to create dir %.*s",
-                      TNW_FIELD(tni->tni_cachedir));
+                      TN_FIELD(tni->tni_cachedir));
   }
   const int code = update_da_pid_file(tni);
   return code != 0 ? code : check_service_pid_file(tni, tninit);

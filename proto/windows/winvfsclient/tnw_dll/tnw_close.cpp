@@ -2,9 +2,10 @@
 
 #include <atomic>
 
-#include "ox_util.h"
 #include "tnw_call.h"
+#include "tnw_exchange.h"
 #include "tnw_fdtable.h"
+#include "tnw_msg.h"
 #include "tnw_open.h"
 
 namespace {
@@ -27,7 +28,7 @@ int exchange_close(const tnw_call& call, vfs_op op, const tnvfd* fde) {
 
 /* Data that went through a read-only open of the file is told by the close of a writable one. */
 void take_over_read_dirty(tnvfd* fde) {
-  if (fde->fdt_fc == nullptr || ((fde->fdt_oaccmode & TNW_ACC_WRITE) == 0)) {
+  if (fde->fdt_fc == nullptr || ((fde->fdt_oaccmode & TNW_ACC_ANY_WRITE) == 0)) {
     return;
   }
   if (std::atomic_ref(fde->fdt_fc->fc_rd_dirty).exchange(false)) {

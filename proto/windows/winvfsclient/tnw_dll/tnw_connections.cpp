@@ -7,6 +7,7 @@
 
 #include "ox_errno.h"
 #include "ox_util.h"
+#include "tn_text.h"
 #include "tnv_connio_win.h"
 #include "tnw_connect.h"
 #include "tnw_log.h"
@@ -36,8 +37,8 @@ ox_u32 slots(const tnw_tninstance* tni) { return tni->tni_tpool->tp_nblocks; }
 
 int tnw_create_pool(tnw_tninstance* tni, const tnw_tninit* tninit) {
   char name[512];
-  snprintf(name, sizeof name, "TNWIN_VFSC_%.*s@%.*s", TNW_FIELD(tninit->tnw_username),
-           TNW_FIELD(tninit->tnw_domain));
+  snprintf(name, sizeof name, "TNWIN_VFSC_%.*s@%.*s", TN_FIELD(tninit->tnw_username),
+           TN_FIELD(tninit->tnw_domain));
   const int wanted = tninit->tnw_max_threads;
   if (wanted < 1) {
     return OX_EINVAL;

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "ox_util.h"
+#include "ox_uuid.h"
 #include "tnw_log.h"
 #include "tnw_start.h"
 

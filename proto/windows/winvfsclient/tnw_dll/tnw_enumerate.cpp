@@ -9,7 +9,9 @@
 #include "ox_util.h"
 #include "tn_cffl.h"
 #include "tnw_call.h"
+#include "tnw_exchange.h"
 #include "tnw_fdtable.h"
+#include "tnw_msg.h"
 #include "tnw_open.h"
 
 namespace {
@@ -65,10 +67,10 @@ denum_outcome enumerate(const tnw_call& call, tnvfd* fde, const void* drvhdl, co
 }
 
 /* The reserved entry becomes the enumeration handle: 0, or 18 for an empty folder. */
-int open_enumeration(tnvfd* fde, void* drvhdl, const char* procname, tnw_fileinfo* out) {
+int open_enumeration(const tnw_call& call, tnvfd* fde, void* drvhdl, const char* procname,
+                     tnw_fileinfo* out) {
   ox_copy_field(fde->fdt_procname, sizeof fde->fdt_procname, procname);
-  fde->fdt_state = TNV_FD_INUSE;
-  fde->fdt_drv = drvhdl;
+  tnw_use_fd(&call.tni->tni_files, fde, drvhdl);
   if (fde->fdt_dir.dir_fi_len == 0) {
     return ERROR_NO_MORE_FILES;
   }
@@ -97,7 +99,7 @@ tnvfd* find_first(void* drvhdl, const char* path, tnw_fileinfo* out, const char*
     *code = outcome.code;
     return nullptr;
   }
-  *code = open_enumeration(fde, drvhdl, procname, out);
+  *code = open_enumeration(call, fde, drvhdl, procname, out);
   return fde;
 }
 
@@ -136,9 +138,8 @@ int tnw_findnext(void* dehdl, tnw_fileinfo* out) {
   if (fde->fdt_dir.dir_fi_idx == fde->fdt_dir.dir_fi_len) {
     return ERROR_NO_MORE_FILES;
   }
-  const struct timespec start = tnw_call_start(call);
   hand_out(&fde->fdt_dir, out);
-  tnw_log_findnext_client_resp(call.vh, fde, 0, &start);
+  tnw_log_findnext_client_resp(call.vh, fde, 0, &call.start);
   return 0;
 }
 
@@ -184,13 +185,12 @@ int tnw_checkfolderempty(void* dehdl, bool* is_empty) {
   if (code != 0) {
     return code;
   }
-  const struct timespec start = tnw_call_start(call);
   const bool empty = list_is_empty(fde->fdt_dir);
   if (is_empty != nullptr) {
     *is_empty = empty;
   }
   if (!empty) {
-    tnw_log_folderempty_client_resp(call.vh, fde, empty, 0, &start);
+    tnw_log_folderempty_client_resp(call.vh, fde, empty, 0, &call.start);
   }
   return 0;
 }

@@ -1,15 +1,14 @@
-/* The descriptor table: allocation, the free list, and what an entry owns. */
-
 #include "tnw_fdtable.h"
 
 #include <windows.h>
+
 #include <cerrno>
 #include <cstring>
 
 #include "ox_errno.h"
+#include "ox_list.h"
 #include "ox_platform.h"
 #include "ox_util.h"
-#include "tnw_list.h"
 #include "tnw_log.h"
 #include "vfstnw_bmap.h"
 
@@ -27,6 +26,19 @@ void clear_entry(tnvfd* fde) {
   fde->fdt_ofd = INVALID_HANDLE_VALUE;
   fde->fdt_osfd = -1;
 }
+
+/*
+ * Memory at an address that no other table of the process ever had or gets: a caller may still hold
+ * a handle of a session that is over, which must not become another file's. So the addresses stay
+ * reserved for good, half a megabyte of address space for a session of 512 entries; the memory goes
+ * back.
+ */
+tnvfd* alloc_entries(size_t count) {
+  return static_cast<tnvfd*>(
+      VirtualAlloc(nullptr, count * sizeof(tnvfd), MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+}
+
+void free_entries(tnvfd* entries) { VirtualFree(entries, 0, MEM_DECOMMIT); }
 
 void free_entry_memory(tnvfd* fde) {
   vfstnw_remove_bmaps(fde);
@@ -51,6 +63,23 @@ void deinit_entry(tnvfd* fde) {
   ox_deinit_lock(&fde->fdt_psdo2io_lock);
 }
 
+/* `drvhdl` is what the free entry keeps as its drive. */
+void put(vfs_handle* vh, tnw_files* fdt, tnvfd* fde, void* drvhdl) {
+  if (fde->fdt_state == TNV_FD_FREE) {
+    return;
+  }
+  free_entry_memory(fde);
+  const int fd = fde->fdt_fd;
+  tnvfdhd* head = &fdt->vfs_free_fds;
+  ox_lock(&head->fdt_lock);
+  clear_entry(fde);
+  fde->fdt_drv = drvhdl;
+  ox_list_push_front(head, fde);
+  const ox_s32 count = ++head->fdt_count;
+  ox_unlock(&head->fdt_lock);
+  TNW_DEBUG(vh, 2, "putting fd %d, state %d, free count %d", fd, TNV_FD_FREE, count);
+}
+
 }  // namespace
 
 int tnw_alloc_fdtable(vfs_handle* vh, tnw_files* fdt) {
@@ -59,16 +88,16 @@ int tnw_alloc_fdtable(vfs_handle* vh, tnw_files* fdt) {
     const int err = errno ? errno : OX_EINVAL;
     return TNW_REFUSE(err, vh, err, "Failed to get limit for max open files.");
   }
-  fdt->vfs_files = static_cast<tnvfd*>(ox_zalloc(static_cast<size_t>(n) * sizeof(tnvfd)));
+  fdt->vfs_files = alloc_entries(static_cast<size_t>(n));
   if (fdt->vfs_files == nullptr) {
     return TNW_REFUSE(OX_ENOMEM, vh, OX_ENOMEM, "Not enough memory for fd table.");
   }
   tnvfdhd* head = &fdt->vfs_free_fds;
-  tnw_list_init(head);
+  ox_list_init(head);
   int err = ox_init_lock(&head->fdt_lock);
   for (int i = 0; i < n && err == 0; i++) {
     err = init_entry(&fdt->vfs_files[i], i);
-    tnw_list_append(head, &fdt->vfs_files[i]);
+    ox_list_append(head, &fdt->vfs_files[i]);
     head->fdt_count++;
     fdt->vfs_nfiles++;
   }
@@ -92,17 +121,18 @@ void tnw_free_fdtable(tnw_files* fdt) {
     deinit_entry(&fdt->vfs_files[i]);
   }
   ox_deinit_lock(&fdt->vfs_free_fds.fdt_lock);
-  ox_free_safe(fdt->vfs_files);
+  free_entries(fdt->vfs_files);
   memset(fdt, 0, sizeof *fdt);
 }
 
 tnvfd* tnw_fd_dequeue(tnvfdhd* head) {
-  if (tnw_list_empty(head)) {
+  if (ox_list_empty(head)) {
     return nullptr;
   }
   tnvfd* fde = head->fdt_fnext;
-  tnw_list_unlink(fde);
+  ox_list_unlink(fde);
   head->fdt_count--;
+  clear_entry(fde);
   fde->fdt_state = TNV_FD_RESERVED;
   return fde;
 }
@@ -117,26 +147,35 @@ tnvfd* tnw_getfd(vfs_handle* vh, tnw_files* fdt, int* err) {
     *err = TNW_REFUSE(OX_EMFILE, vh, OX_EMFILE, "Too many open files");
     return nullptr;
   }
-  clear_entry(fde);
-  fde->fdt_state = TNV_FD_RESERVED;
   TNW_DEBUG(vh, 2, "Allocated fd %d, state %d, free count %d, cffl %p", fde->fdt_fd, fde->fdt_state,
             count, static_cast<void*>(fde->fdt_dir.dir_cffl));
   return fde;
 }
 
-void tnw_putfd(vfs_handle* vh, tnw_files* fdt, tnvfd* fde) {
-  if (fde->fdt_state == TNV_FD_FREE) {
-    return;
+void tnw_putfd(vfs_handle* vh, tnw_files* fdt, tnvfd* fde) { put(vh, fdt, fde, nullptr); }
+
+void tnw_putfd_of_gone_drive(vfs_handle* vh, tnw_files* fdt, tnvfd* fde) {
+  put(vh, fdt, fde, fde->fdt_drv);
+}
+
+void tnw_use_fd(tnw_files* fdt, tnvfd* fde, void* drvhdl) {
+  ox_lock(&fdt->vfs_free_fds.fdt_lock);
+  fde->fdt_drv = drvhdl;
+  fde->fdt_state = TNV_FD_INUSE;
+  ox_unlock(&fdt->vfs_free_fds.fdt_lock);
+}
+
+tnvfd* tnw_next_in_use(tnw_files* fdt, const void* drvhdl, int* index) {
+  tnvfd* found = nullptr;
+  ox_lock(&fdt->vfs_free_fds.fdt_lock);
+  while (found == nullptr && *index < fdt->vfs_nfiles) {
+    tnvfd* fde = &fdt->vfs_files[(*index)++];
+    if (fde->fdt_state == TNV_FD_INUSE && (drvhdl == nullptr || fde->fdt_drv == drvhdl)) {
+      found = fde;
+    }
   }
-  free_entry_memory(fde);
-  clear_entry(fde); /* a closed entry has no drive handle, and is TNV_FD_FREE */
-  tnvfdhd* head = &fdt->vfs_free_fds;
-  ox_lock(&head->fdt_lock);
-  tnw_list_push_front(head, fde);
-  head->fdt_count++;
-  TNW_DEBUG(vh, 2, "putting fd %d, state %d, free count %d", fde->fdt_fd, fde->fdt_state,
-            head->fdt_count);
-  ox_unlock(&head->fdt_lock);
+  ox_unlock(&fdt->vfs_free_fds.fdt_lock);
+  return found;
 }
 
 bool tnw_is_table_entry(const tnw_files* fdt, const void* ophdl) {

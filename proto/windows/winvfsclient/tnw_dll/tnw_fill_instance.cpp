@@ -5,6 +5,8 @@
 
 #include "ox_errno.h"
 #include "ox_util.h"
+#include "ox_uuid.h"
+#include "tn_text.h"
 #include "tnw_log.h"
 #include "tnw_start.h"
 
@@ -44,7 +46,7 @@ int fill_subdomain(const tnw_tninit* tninit, tnw_tninstance* tni) {
   const void* dot = memchr(tninit->tnw_domain, '.', len);
   if (dot == nullptr) {
     return TNW_REFUSE(OX_EINVAL, nullptr, OX_EINVAL, "Failed to parse subdomain from domain %.*s",
-                      TNW_FIELD(tninit->tnw_domain));
+                      TN_FIELD(tninit->tnw_domain));
   }
   memcpy(tni->tni_subdomain, tninit->tnw_domain,
          static_cast<size_t>(static_cast<const char*>(dot) - tninit->tnw_domain));
@@ -67,7 +69,7 @@ int compose_socket_dir(const tnw_tninstance* tni, char (&dir)[COMPOSE_SIZE]) {
   const char* separator = tni->tni_workgroup_id[0] != 0 ? "\\" : "";
   const int n =
       snprintf(dir, sizeof dir, "%.*s%s%.*s", static_cast<int>(ox_field_len(base, base_size)), base,
-               separator, TNW_FIELD(tni->tni_workgroup_id));
+               separator, TN_FIELD(tni->tni_workgroup_id));
   return check_fit(n, sizeof dir, "Socket dir", dir);
 }
 
@@ -104,8 +106,8 @@ int tnw_fill_tninstance(const tnw_tninit* tninit, tnw_tninstance* tni) {
 
 bool tnw_compose_cachedir(const char (&workdir)[5000], const char (&domain)[51],
                           const char (&username)[64], char (&cachedir)[5000]) {
-  const int n = snprintf(cachedir, sizeof cachedir, "%.*s\\%.*s\\%.*s", TNW_FIELD(workdir),
-                         TNW_FIELD(domain), TNW_FIELD(username));
+  const int n = snprintf(cachedir, sizeof cachedir, "%.*s\\%.*s\\%.*s", TN_FIELD(workdir),
+                         TN_FIELD(domain), TN_FIELD(username));
   return n >= 0 && static_cast<size_t>(n) < sizeof cachedir;
 }
 

@@ -133,7 +133,6 @@ int start_service(start* s) {
   if (s->tni == nullptr) {
     return TNW_REFUSE(code, nullptr, code, "Failed to start tarnd");
   }
-  tnw_add_tninstance(&tnw_tninstances, s->tni);
   return 0;
 }
 
@@ -171,12 +170,14 @@ tnw_drive_handle* try_start(start* s) {
   }
   s->tni->tni_winsock = s->winsock; /* the instance keeps the start-up until it is freed */
   s->winsock = false;
+  /* Last: lookups of other threads read the table of every instance on the list. */
+  tnw_add_tninstance(&tnw_tninstances, s->tni);
   return dh;
 }
 
 /*
  * All that a failed attempt undoes, in one list; each line is a no-op for what was not made. The
- * aborted pool's record is deliberately not freed.
+ * instance is on no list yet. The pool is aborted, not waited for, so its record is never freed.
  */
 void undo_attempt(start* s) {
   tnw_tninstance* tni = s->tni;
@@ -187,7 +188,6 @@ void undo_attempt(start* s) {
   if (tni->tni_tpool != nullptr) {
     tnw_tp_deinit_vfshandle(tni);
   }
-  tnw_remove_tninstance(&tnw_tninstances, tni);
   if (tni->tni_tpool != nullptr) {
     ox_destroy_tpool(tni->tni_tpool, OX_TPOOL_FL_ABORT);
   }

@@ -18,12 +18,10 @@
 
 #include "ox_lock.h"
 #include "ox_tpool.h"
+#include "ox_util.h"
 #include "tnw.h"
 #include "tnw_fd.h"
 #include "vfs_handle.h"
-
-/* The unknown-handle code: no drive handle of ours, or an operation handle of no open file. */
-enum { TNW_ERROR_UNKNOWN_HANDLE = 1467 };
 
 struct tnw_drive_handle;
 
@@ -93,18 +91,27 @@ extern ox_rwlock_t tnw_glock;
 
 /* The instance of a caller's drive handle, which is compared but never dereferenced, or null. */
 tnw_tninstance* tnw_get_tninstance(const void* drvhdl);
-/* The listed instance whose table has `ophdl`, which is not dereferenced, as an entry, or null. */
-tnw_tninstance* tnw_get_entry_instance(const void* ophdl);
+/*
+ * The listed instance whose table has `fde`, which is dereferenced only when it is an entry there,
+ * or null. `on_drive`: whether the drive handle of the entry is one of the instance's, too.
+ * (Another instance may have got a handle at the address that the entry's own drive had.)
+ */
+tnw_tninstance* tnw_get_entry_instance(const tnvfd* fde, bool* on_drive);
 tnw_tninstance* tnw_find_tn_instance(const char* domain, const char* username);
-/* Whether a listed instance uses the cache directory of these names, which a file system that
- * ignores case would give to other spellings, too. */
-bool tnw_is_cache_in_use(const char* domain, const char* username);
+/*
+ * Whether a listed instance would lose something with this cache directory: it serves the domain
+ * and user (in any case: the file system ignores it), or its own cache directory is the same one by
+ * another name ("ada" and "ada."), lies below it or holds it.
+ */
+bool tnw_is_cache_in_use(const char* domain, const char* username, const char* cachedir);
 tnw_drive_handle* tnw_find_handle(tnw_tninstance* tni, const char* drive_id);
 
 void tnw_add_tninstance(tnw_tnihd* head, tnw_tninstance* tni);
 void tnw_remove_tninstance(tnw_tnihd* head, tnw_tninstance* tni);
 void tnw_add_handle(tnw_tninstance* tni, tnw_drive_handle* dh);
 void tnw_remove_handle(tnw_tninstance* tni, tnw_drive_handle* dh); /* does not free it */
+/* Unlinks and frees every drive handle of the instance. */
+void tnw_free_handles(tnw_tninstance* tni);
 
 /* A zero-filled instance with its locks and lists ready, or null; freed by tnw_free_tninstance. */
 tnw_tninstance* tnw_alloc_tninstance(void);
@@ -117,8 +124,5 @@ vfs_handle* tnw_connection(tnw_tninstance* tni, ox_u32 slot);
 /* The mark that the service has no valid authorisation; set and tested by parallel calls. */
 bool tnw_is_unauthorized(tnw_tninstance* tni);
 void tnw_set_unauthorized(tnw_tninstance* tni, bool unauthorized);
-
-/* A fixed text field as the two arguments of "%.*s": it may be full and unterminated. */
-#define TNW_FIELD(field) static_cast<int>(ox_field_len((field), sizeof(field))), (field)
 
 #endif

@@ -1,9 +1,10 @@
 /* tnw_lockfile and tnw_unlockfile: the service keeps the locks, nothing is kept here. */
 
 #include "ox_errno.h"
-#include "ox_util.h"
 #include "tn_text.h"
 #include "tnw_call.h"
+#include "tnw_exchange.h"
+#include "tnw_msg.h"
 
 namespace {
 

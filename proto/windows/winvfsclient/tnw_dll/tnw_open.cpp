@@ -13,7 +13,9 @@
 #include "ox_platform.h"
 #include "ox_util.h"
 #include "tnw_call.h"
+#include "tnw_exchange.h"
 #include "tnw_fdtable.h"
+#include "tnw_msg.h"
 #include "vfstnw_bmap.h"
 
 ox_lock_t tnw_fc_lock;
@@ -82,7 +84,7 @@ void keep_context(tnw_file_context* fc) {
 }
 
 ox_u32* counter(tnw_file_context* fc, ox_u32 accmode) {
-  if ((accmode & TNW_ACC_WRITE) != 0) {
+  if ((accmode & TNW_ACC_ANY_WRITE) != 0) {
     return &fc->fc_wrcnt;
   }
   return (accmode & TNW_ACC_READ) != 0 ? &fc->fc_rdcnt : &fc->fc_prcnt;
@@ -150,7 +152,7 @@ void fill_entry(vfs_handle* vh, tnvfd* fde, const open_args& args, const tnv_msg
   fde->fdt_msgid = msg->hdr.hdr_id; /* the id that the send made */
   if (fde->fdt_fso.fso_isdir == 0) {
     fde->fdt_ofd = answered_handle(resp);
-    if (args.win_disp == CREATE_ALWAYS && ((args.accmode & TNW_ACC_WRITE) != 0)) {
+    if (args.win_disp == CREATE_ALWAYS && ((args.accmode & TNW_ACC_ANY_WRITE) != 0)) {
       truncate_local_file(vh, fde);
     }
   }
@@ -158,8 +160,6 @@ void fill_entry(vfs_handle* vh, tnvfd* fde, const open_args& args, const tnv_msg
   fde->fdt_tnflags |=
       static_cast<ox_u16>(open->wopen_resp_tnflags & (TNV_FL_NEWER | TNV_FL_MAPPED));
   tnw_count_open(fde->fdt_fc, args.accmode);
-  fde->fdt_drv = args.drvhdl;
-  fde->fdt_state = TNV_FD_INUSE;
 }
 
 /*
@@ -186,6 +186,7 @@ open_outcome exchange_open(const tnw_call& call, tnvfd* fde, const open_args& ar
     return {static_cast<int>(unixerr2winerr(err)), 0, false};
   }
   fill_entry(call.vh, fde, args, msg, &resp);
+  tnw_use_fd(&call.tni->tni_files, fde, args.drvhdl);
   return {0, err, false};
 }
 

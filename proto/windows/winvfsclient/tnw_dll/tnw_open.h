@@ -18,7 +18,4 @@ void tnw_uncount_open(tnw_file_context* fc, ox_u32 accmode);
 /* Gives back an entry whose close is done: local file, context, maps and listing go with it. */
 void tnw_release_entry(const tnw_call& call, tnvfd* fde);
 
-/* Access-mode bits of fdt_oaccmode. */
-enum { TNW_ACC_READ = 0x1, TNW_ACC_WRITE = 0x6 };
-
 #endif

@@ -3,6 +3,8 @@
 #include "ox_errno.h"
 #include "ox_util.h"
 #include "tnw_call.h"
+#include "tnw_exchange.h"
+#include "tnw_msg.h"
 
 namespace {
 

@@ -1,12 +1,14 @@
 /* tnw_purge_cache: deletes a user's cache directory while no service of this process uses it. */
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "ox_dirtree.h"
 #include "ox_errno.h"
 #include "ox_platform.h"
 #include "ox_util.h"
+#include "tn_text.h"
 #include "tn_util.h"
 #include "tnw_instance.h"
 #include "tnw_log.h"
@@ -14,34 +16,45 @@
 
 namespace {
 
+constexpr size_t CACHEDIR_SIZE = sizeof(tnw_tninstance::tni_cachedir);
+
 /* What is purged, with texts that are terminated. */
 struct purge {
-  char cachedir[5000];
+  char cachedir[CACHEDIR_SIZE];
   char domain[51 + 1];
   char username[64 + 1];
 };
 
+/* A name behind a colon is no folder but a stream of one, or another name of a folder itself. */
+bool names_a_folder(const char* name) { return name[0] != '\0' && strchr(name, ':') == nullptr; }
+
 /*
- * A name that leads one folder down and nowhere else: ".." would delete the whole work folder, and
- * so might ".. ", for the system drops dots and spaces at a name's end.
+ * Whether both names lead down, as the system reads the whole path: ".." as a user name would
+ * delete the caches of all users, and so might "...", since the system drops dots and spaces at a
+ * path's end. Names that tnw_init takes lead down, also "CORP\ada", which leads down two folders.
  */
-bool is_plain_name(const char* name) {
-  const size_t len = strlen(name);
-  return len != 0 && strpbrk(name, "\\/:") == nullptr && strchr(". ", name[len - 1]) == nullptr;
+bool leads_down(const tnw_purge_opt_t* po, const purge& p) {
+  char domain_folder[CACHEDIR_SIZE + 64];
+  snprintf(domain_folder, sizeof domain_folder, "%.*s\\%s\\x\\..", TN_FIELD(po->po_workdir),
+           p.domain);
+  char workdir[sizeof po->po_workdir + 1] = {};
+  memcpy(workdir, po->po_workdir, sizeof po->po_workdir);
+  return names_a_folder(p.domain) && names_a_folder(p.username) &&
+         ox_is_below(domain_folder, workdir) && ox_is_below(p.cachedir, domain_folder);
 }
 
 /* 0, or an error number. */
 int prepare(const tnw_purge_opt_t* po, purge* p) {
   memcpy(p->domain, po->po_domain, sizeof po->po_domain);
   memcpy(p->username, po->po_username, sizeof po->po_username);
-  if (po->po_workdir[0] == 0 || !is_plain_name(p->domain) || !is_plain_name(p->username)) {
-    return TNW_REFUSE(OX_EINVAL, nullptr, OX_EINVAL,
-                      "Cannot purge a cache of %s@%s in work directory %.*s", p->username,
-                      p->domain, TNW_FIELD(po->po_workdir));
-  }
   if (!tnw_compose_cachedir(po->po_workdir, po->po_domain, po->po_username, p->cachedir)) {
     return TNW_REFUSE(OX_ENAMETOOLONG, nullptr, OX_ENAMETOOLONG, "Failed to purge cachedir %s",
                       p->cachedir);
+  }
+  if (po->po_workdir[0] == '\0' || !leads_down(po, *p)) {
+    return TNW_REFUSE(OX_EINVAL, nullptr, OX_EINVAL,
+                      "Cannot purge a cache of %s@%s in work directory %.*s", p->username,
+                      p->domain, TN_FIELD(po->po_workdir));
   }
   return 0;
 }
@@ -80,7 +93,7 @@ int remove_cache(const purge& p) {
 
 /* With tnw_glock held. */
 int purge_unless_running(const purge& p) {
-  if (!tnw_is_cache_in_use(p.domain, p.username)) {
+  if (!tnw_is_cache_in_use(p.domain, p.username, p.cachedir)) {
     return remove_cache(p);
   }
   return TNW_REFUSE(OX_EBUSY, nullptr, OX_EBUSY,

@@ -10,7 +10,10 @@
 #include "ox_errno.h"
 #include "ox_platform.h"
 #include "ox_util.h"
+#include "ox_uuid.h"
+#include "tn_text.h"
 #include "tnw_call.h"
+#include "tnw_exchange.h"
 #include "tnw_open.h"
 #include "vfstnw_bmap.h"
 
@@ -33,17 +36,10 @@ struct transfer {
   tnvfd* fde;
   ox_off off;
   ox_u64 len;
-  struct timespec start;
 };
 
 int enter(transfer* t, const tnw_refusal& refusal, char* out_procname) {
-  int code = tnw_enter_entry_call(t->fde, true, refusal, &t->call);
-  if (code != 0) {
-    return code;
-  }
-  tnw_copy_procname(out_procname, t->fde);
-  t->start = tnw_call_start(t->call);
-  code = tnw_check_authorized(&t->call);
+  const int code = tnw_enter_file_call(t->fde, refusal, out_procname, &t->call);
   if (code != 0 || t->off >= 0) {
     return code;
   }
@@ -63,7 +59,7 @@ ox_s64 failed(int err) {
 
 /* Runs a region job for the transfer's range: 0 or the service's error number. */
 int ask_for_region(transfer* t, ox_job_func_t job) {
-  tnw_note_start(&t->start);
+  tnw_note_start(&t->call);
   tnw_ioreq request = {};
   request.io_fde = t->fde;
   request.io_off = static_cast<ox_u64>(t->off);
@@ -139,12 +135,9 @@ int local_size(const transfer& t, ox_u64* size) {
     return 0;
   }
   const DWORD code = GetLastError();
-  char id[OX_UUID_TEXT_SIZE];
-  char version[OX_UUID_TEXT_SIZE];
-  ox_uuid_unparse(t.fde->fdt_fso.fso_handle.id, id);
-  ox_uuid_unparse(t.fde->fdt_fso.fso_version.id, version);
   return TNW_REFUSE(static_cast<int>(code), t.call.vh, static_cast<int>(winerr2unixerr(code)),
-                    "Failed to get filesize for %s:%s", id, version);
+                    "Failed to get filesize for %s:%s", tn_id_text(t.fde->fdt_fso.fso_handle).text,
+                    tn_id_text(t.fde->fdt_fso.fso_version).text);
 }
 
 /*
@@ -152,7 +145,7 @@ int local_size(const transfer& t, ox_u64* size) {
  * context instead of the open: the close of a writable open tells the service.
  */
 void note_modified(tnvfd* fde) {
-  if (((fde->fdt_oaccmode & TNW_ACC_READ) != 0) && ((fde->fdt_oaccmode & TNW_ACC_WRITE) == 0)) {
+  if (((fde->fdt_oaccmode & TNW_ACC_READ) != 0) && ((fde->fdt_oaccmode & TNW_ACC_ANY_WRITE) == 0)) {
     std::atomic_ref(fde->fdt_fc->fc_rd_dirty).store(true);
   } else {
     std::atomic_ref(fde->fdt_tnflags).fetch_or(TNV_FL_MODIFIED);
@@ -220,20 +213,20 @@ int write_range(transfer* t, const void* buffer, ox_u64 old_size, ox_s64* nbwrit
 
 int tnw_read(void* ophdl, void* buffer, ox_u64 len, ox_off off, ox_s64* nbread,
              char* out_procname) {
-  transfer t = {{}, static_cast<tnvfd*>(ophdl), off, len, {}};
+  transfer t = {{}, static_cast<tnvfd*>(ophdl), off, len};
   int code = enter(&t, REFUSE_READ, out_procname);
   if (code != 0) {
     return code;
   }
   ox_s64 shown = 0;
   code = read_range(&t, buffer, nbread, &shown);
-  tnw_log_read_client_resp(t.call.vh, t.fde, off, len, shown, &t.start);
+  tnw_log_read_client_resp(t.call.vh, t.fde, off, len, shown, &t.call.start);
   return code;
 }
 
 int tnw_write(void* ophdl, void* buffer, ox_u64 len, ox_off off, ox_s64* nbwritten,
               char* out_procname) {
-  transfer t = {{}, static_cast<tnvfd*>(ophdl), off, len, {}};
+  transfer t = {{}, static_cast<tnvfd*>(ophdl), off, len};
   ox_u64 old_size = 0;
   int code = enter(&t, REFUSE_WRITE, out_procname);
   if (code == 0) {
@@ -244,6 +237,6 @@ int tnw_write(void* ophdl, void* buffer, ox_u64 len, ox_off off, ox_s64* nbwritt
   }
   ox_s64 shown = 0;
   code = write_range(&t, buffer, old_size, nbwritten, &shown);
-  tnw_log_write_client_resp(t.call.vh, t.fde, off, len, shown, &t.start);
+  tnw_log_write_client_resp(t.call.vh, t.fde, off, len, shown, &t.call.start);
   return code;
 }

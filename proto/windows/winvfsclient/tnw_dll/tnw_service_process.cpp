@@ -3,7 +3,10 @@
 #include <cstdio>
 
 #include "ox_errno.h"
+#include "ox_file.h"
+#include "ox_time.h"
 #include "ox_util.h"
+#include "tn_text.h"
 #include "tnw_log.h"
 #include "tnw_start.h"
 #include "vfstnw_client.h"
@@ -27,18 +30,18 @@ int compose_extra_args(const tnw_tninit* init, const tnw_tninstance* tni,
   int total = 0;
   text[0] = '\0';
   if (tni->tni_uds_workdir[0] != 0) {
-    append(text, &total, "--sockdir \"%.*s\" ", TNW_FIELD(tni->tni_uds_workdir));
+    append(text, &total, "--sockdir \"%.*s\" ", TN_FIELD(tni->tni_uds_workdir));
   }
   if (tni->tni_workgroup_id[0] != 0) {
-    append(text, &total, "--wgid \"%.*s\" ", TNW_FIELD(tni->tni_workgroup_id));
+    append(text, &total, "--wgid \"%.*s\" ", TN_FIELD(tni->tni_workgroup_id));
   }
   if (tni->tni_user_id != 0) {
     append(text, &total, "--uid %llu ", static_cast<unsigned long long>(tni->tni_user_id));
   }
   if (init->tnw_proxy_server[0] != 0) {
     append(text, &total, "--proxy-server %.*s --proxy-user %.*s --proxy-password %.*s",
-           TNW_FIELD(init->tnw_proxy_server), TNW_FIELD(init->tnw_proxy_uname),
-           TNW_FIELD(init->tnw_proxy_password));
+           TN_FIELD(init->tnw_proxy_server), TN_FIELD(init->tnw_proxy_uname),
+           TN_FIELD(init->tnw_proxy_password));
   }
   if (total < static_cast<int>(sizeof text)) {
     return 0;
@@ -52,16 +55,16 @@ int compose_extra_args(const tnw_tninit* init, const tnw_tninstance* tni,
 int compose_command(const tnw_tninit* init, const tnw_tninstance* tni, const char* extra,
                     char (&command)[COMMAND_SIZE]) {
   char logfile[sizeof init->tnw_logdir];
-  snprintf(logfile, sizeof logfile, "%.*s/tarnd.%.*s@%.*s.log", TNW_FIELD(init->tnw_logdir),
-           TNW_FIELD(tni->tni_username), TNW_FIELD(tni->tni_domain));
-  const int n = snprintf(
-      command, sizeof command,
-      "%.*s --cfs https://%.*s --user %.*s --cache \"%.*s\" --addr %.*s --confaddr %.*s "
-      "--tn-devid %.*s --da-devid %.*s --access-token %.*s --logfile \"%s\" --vfs %s",
-      TNW_FIELD(tni->tni_binpath), TNW_FIELD(tni->tni_domain), TNW_FIELD(tni->tni_username),
-      TNW_FIELD(tni->tni_cachedir), TNW_FIELD(tni->tni_api_addr), TNW_FIELD(tni->tni_config_addr),
-      TNW_FIELD(tni->tni_tn_device_id), TNW_FIELD(tni->tni_da_device_id),
-      TNW_FIELD(tni->tni_authtoken), logfile, extra);
+  snprintf(logfile, sizeof logfile, "%.*s/tarnd.%.*s@%.*s.log", TN_FIELD(init->tnw_logdir),
+           TN_FIELD(tni->tni_username), TN_FIELD(tni->tni_domain));
+  const int n =
+      snprintf(command, sizeof command,
+               "%.*s --cfs https://%.*s --user %.*s --cache \"%.*s\" --addr %.*s --confaddr %.*s "
+               "--tn-devid %.*s --da-devid %.*s --access-token %.*s --logfile \"%s\" --vfs %s",
+               TN_FIELD(tni->tni_binpath), TN_FIELD(tni->tni_domain), TN_FIELD(tni->tni_username),
+               TN_FIELD(tni->tni_cachedir), TN_FIELD(tni->tni_api_addr),
+               TN_FIELD(tni->tni_config_addr), TN_FIELD(tni->tni_tn_device_id),
+               TN_FIELD(tni->tni_da_device_id), TN_FIELD(tni->tni_authtoken), logfile, extra);
   if (n >= 0 && static_cast<size_t>(n) < sizeof command) {
     return 0;
   }
@@ -108,7 +111,7 @@ int wait_until_ready(tnw_tninstance* tni, const char* event_name) {
                       "Failed to wait for tarnd ready state");
   }
   TNW_INFO(nullptr, "Successully waited for tarnd pid %lu for user %.*s@%.*s",
-           tni->tni_pi.dwProcessId, TNW_FIELD(tni->tni_username), TNW_FIELD(tni->tni_domain));
+           tni->tni_pi.dwProcessId, TN_FIELD(tni->tni_username), TN_FIELD(tni->tni_domain));
   return 0;
 }
 
@@ -166,17 +169,17 @@ void tnw_terminate_service(vfs_handle* vh, PROCESS_INFORMATION* process) {
 
 int tnw_tnstop(tnw_tninstance* tni) {
   vfs_handle* vh = tnw_connection(tni, 0);
-  TNW_INFO(vh, "Stopping tarnd for user %.*s@%.*s", TNW_FIELD(tni->tni_username),
-           TNW_FIELD(tni->tni_domain));
+  TNW_INFO(vh, "Stopping tarnd for user %.*s@%.*s", TN_FIELD(tni->tni_username),
+           TN_FIELD(tni->tni_domain));
   const int result = vfstnw_shutdown(vh);
   CloseHandle(tni->tni_pi.hProcess);
   CloseHandle(tni->tni_pi.hThread);
   if (result != 0) {
-    TNW_ERROR(vh, result, "tarnd shutdown failed for %.*s@%.*s", TNW_FIELD(tni->tni_username),
-              TNW_FIELD(tni->tni_domain));
+    TNW_ERROR(vh, result, "tarnd shutdown failed for %.*s@%.*s", TN_FIELD(tni->tni_username),
+              TN_FIELD(tni->tni_domain));
   } else {
-    TNW_INFO(vh, "tarnd shutdown success for %.*s@%.*s", TNW_FIELD(tni->tni_username),
-             TNW_FIELD(tni->tni_domain));
+    TNW_INFO(vh, "tarnd shutdown success for %.*s@%.*s", TN_FIELD(tni->tni_username),
+             TN_FIELD(tni->tni_domain));
   }
   ox_unlink(vh->vfs_sock_path);
   return result;

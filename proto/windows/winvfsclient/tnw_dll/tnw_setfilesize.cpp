@@ -9,9 +9,10 @@
 #include <limits>
 
 #include "ox_errno.h"
-#include "ox_util.h"
+#include "ox_time.h"
 #include "tn_text.h"
 #include "tnw_call.h"
+#include "tnw_exchange.h"
 #include "vfstnw_bmap.h"
 
 namespace {
@@ -26,7 +27,6 @@ struct resize {
   tnvfd* fde;
   ox_u64 nfsz;
   ox_u64 regsz; /* bytes of a region: a power of two */
-  struct timespec start;
 };
 
 bool has_maps(tnvfd* fde) {
@@ -48,7 +48,6 @@ ox_u64 round_up(const resize& r, ox_u64 size) {
 
 /* Runs a region job over `request`: a failure to run stands in *err, where the service's would. */
 void run_region_job(resize& r, ox_job_func_t job, void* request, ox_s32* err) {
-  tnw_note_start(&r.start);
   tnw_evwi wi = {};
   tnw_create_evtwi(&wi, nullptr, nullptr, 0);
   wi.ev_data = request;
@@ -141,26 +140,21 @@ int set_local_size(const resize& r) {
 }  // namespace
 
 int tnw_setfilesize(void* ophdl, ox_u32 size_low, ox_u32 size_high, char* out_procname) {
-  resize r = {
-      {}, static_cast<tnvfd*>(ophdl), static_cast<ox_u64>(size_high) << 32 | size_low, 0, {}};
-  int code = tnw_enter_entry_call(r.fde, true, REFUSE_SIZE, &r.call);
+  resize r = {{}, static_cast<tnvfd*>(ophdl), static_cast<ox_u64>(size_high) << 32 | size_low, 0};
+  int code = tnw_enter_file_call(r.fde, REFUSE_SIZE, out_procname, &r.call);
   if (code != 0) {
     return code;
   }
-  tnw_copy_procname(out_procname, r.fde);
-  code = tnw_check_authorized(&r.call);
-  if (code != 0) {
-    return code;
-  }
-  r.start = tnw_call_start(r.call);
   r.regsz = vfstnw_region_size(r.fde);
   const int remembered = has_maps(r.fde) ? reconcile_maps(r) : 0;
+  struct timespec start; /* the event measures the local change alone */
+  ox_clock_gettime(0, &start);
   code = set_local_size(r); /* deliberately also after a failure that is remembered */
   if (code != 0) {
     return code;
   }
   std::atomic_ref(r.fde->fdt_stat.st_size).store(r.nfsz);
   set_modified(r.fde);
-  tnw_log_setfsize_client_resp(r.call.vh, r.fde, r.nfsz, remembered, &r.start);
+  tnw_log_setfsize_client_resp(r.call.vh, r.fde, r.nfsz, remembered, &start);
   return remembered;
 }

@@ -50,9 +50,4 @@ int tnw_tp_init_vfshandle(tnw_tninstance* tni, const char* sharepath, const char
 /* Closes every connection. 0. */
 int tnw_tp_deinit_vfshandle(tnw_tninstance* tni);
 
-/* tnw_deinit.cpp */
-
-/* Takes an instance whose service was stopped out of the list and frees all that it owns. */
-void tnw_dismantle(tnw_tninstance* tni);
-
 #endif

@@ -1,0 +1,45 @@
+#include "tnw_exchange.h"
+
+#include <cstring>
+
+#include "ox_uuid.h"
+#include "tn_util.h"
+
+void tnw_create_evtwi(tnw_evwi* emsg, tnv_msg* msg, tnv_resp* resp, int len) {
+  if (msg != nullptr) {
+    ox_uuid_generate(msg->hdr.hdr_id.id);
+    msg->hdr.hdr_len = static_cast<ox_u32>(len);
+  }
+  emsg->ev_msg = msg;
+  emsg->ev_resp = resp;
+  emsg->ev_hdl = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+}
+
+int tnw_queue_work(ox_tpool_t* pool, tnw_evwi* wi) {
+  return ox_queue_work(pool, nullptr, tnw_async_send_msg, wi);
+}
+
+int tnw_run_job(tnw_tninstance* tni, ox_job_func_t job, tnw_evwi* wi) {
+  if (wi->ev_hdl == nullptr) {
+    return static_cast<int>(winerr2unixerr(GetLastError()));
+  }
+  const int err = job == tnw_async_send_msg ? tnw_queue_work(tni->tni_tpool, wi)
+                                            : ox_queue_work(tni->tni_tpool, nullptr, job, wi);
+  if (err == 0) {
+    WaitForSingleObject(wi->ev_hdl, INFINITE);
+  }
+  CloseHandle(wi->ev_hdl);
+  return err;
+}
+
+void tnw_exchange(tnw_tninstance* tni, ox_job_func_t job, tnv_msg* msg, tnv_resp* resp,
+                  void* data) {
+  memset(resp, 0, sizeof *resp);
+  tnw_evwi wi = {};
+  wi.ev_data = data;
+  tnw_create_evtwi(&wi, msg, resp, static_cast<int>(msg->hdr.hdr_len));
+  const int err = tnw_run_job(tni, job, &wi);
+  if (err != 0) {
+    resp->rhdr.rhdr_errno = static_cast<ox_u32>(err);
+  }
+}

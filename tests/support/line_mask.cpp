@@ -1,0 +1,56 @@
+#include "line_mask.h"
+
+namespace {
+
+/* "ERR:005" and "INFO" begin the portability layer's lines, shortened names of the levels. */
+std::string level_of(const std::string& word) {
+  for (const char* level : {"INFO", "WARNING", "ERROR", "FATAL", "DEBUG"}) {
+    if (std::string(level).starts_with(word.substr(0, 3))) {
+      return level;
+    }
+  }
+  return word;
+}
+
+/* " 5" of "005". */
+std::string number_of(const std::string& digits) {
+  return digits.empty() ? "" : " " + std::to_string(std::stoi(digits));
+}
+
+}  // namespace
+
+std::string masked(std::string line, const Masks& masks) {
+  for (const auto& [what, mask] : masks) {
+    line = std::regex_replace(line, what, mask);
+  }
+  return line;
+}
+
+std::string masked(const std::string& line) {
+  static const Masks masks = {
+      {std::regex(R"(^\[[^\]]+\])"), "[TIME]"},
+      {std::regex(R"(^(\[TIME\] \S+ +[^ :]+:)\d+)"), "$1LINE"},
+      {std::regex(R"(("asctime":")[^"]+)"), "$1TIME"},
+      {std::regex(R"(("line":)\d+)"), "$1LINE"},
+      {std::regex(R"(("vfs_response_time":)\d+)"), "$1USECS"},
+  };
+  return masked(line, masks);
+}
+
+std::string brief_line(const std::string& line) {
+  static const std::regex client(
+      R"re(\{"asctime":"[^"]+", "level":"([A-Z]+)", "filename":"[^"]+", "line":\d+, )re"
+      R"re((?:"errno":(-?\d+), )?(?:"vfs_server_handle":.*"vfs_user":"([^"]*)", .*)?)re"
+      R"re("message":"(.*)"\})re");
+  static const std::regex layer(R"(\[[^\]]+\] ([A-Z]+)(?:[:-](-?\d+))? +\S+:\d+ (.*))");
+  std::smatch found;
+  if (std::regex_match(line, found, client)) {
+    const std::string user = found[3].matched ? " " + found[3].str() : "";
+    return found[1].str() + number_of(found[2]) + user + ": " + found[4].str();
+  }
+  if (std::regex_match(line, found, layer)) {
+    const bool error = found[1] == "ERR";
+    return level_of(found[1]) + (error ? number_of(found[2]) : "") + ": " + found[3].str();
+  }
+  return line;
+}

@@ -1,0 +1,47 @@
+#include "process_state.h"
+
+#include <windows.h>
+/* after windows.h */
+#include <fcntl.h>
+#include <io.h>
+
+/* A semaphore: a test may count the events that are made. */
+size_t fresh_handle() {
+  const HANDLE fresh = CreateSemaphoreA(nullptr, 0, 1, nullptr);
+  CloseHandle(fresh);
+  return reinterpret_cast<size_t>(fresh);
+}
+
+int fresh_descriptor() {
+  const int fresh = _open("NUL", _O_RDONLY);
+  _close(fresh);
+  return fresh;
+}
+
+static size_t bytes_of_heap(HANDLE heap) {
+  size_t bytes = 0;
+  PROCESS_HEAP_ENTRY entry = {};
+  HeapLock(heap);
+  while (HeapWalk(heap, &entry)) {
+    if ((entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0) {
+      bytes += entry.cbData;
+    }
+  }
+  HeapUnlock(heap);
+  return bytes;
+}
+
+size_t heap_bytes() {
+  HANDLE heaps[64];
+  const DWORD count = GetProcessHeaps(64, heaps);
+  size_t bytes = 0;
+  for (DWORD i = 0; i < count && i < 64; i++) {
+    bytes += bytes_of_heap(heaps[i]);
+  }
+  return bytes;
+}
+
+bool is_open_handle(const void* handle) {
+  DWORD flags = 0;
+  return GetHandleInformation(const_cast<void*>(handle), &flags) != 0;
+}

@@ -1,0 +1,19 @@
+/*
+ * What a process holds, to be compared before and after.
+ */
+#ifndef PROCESS_STATE_H
+#define PROCESS_STATE_H
+
+#include <cstddef>
+
+/* The number of a new handle, the lowest that is free: it climbs with every handle that stays. It
+ * stands for a count of the handles, which is not to be had under Wine. */
+size_t fresh_handle();
+/* The same for the runtime's descriptors. */
+int fresh_descriptor();
+/* Bytes in use on all heaps of the process, exact to a block. */
+size_t heap_bytes();
+
+bool is_open_handle(const void* handle);
+
+#endif
