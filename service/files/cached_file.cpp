@@ -34,9 +34,10 @@ CloudEntry entry_of_new(const std::string& path, uint64_t size) {
 CachedFile::CachedFile(const CacheEnvironment& environment, FileTable& table, std::string path)
     : env_(environment),
       table_(table),
+      id_(environment.store.new_id()),
       local_(L""),
       fetches_(environment.transfers, *this, uint64_t{1} << environment.region_shift) {
-  record_.id = env_.store.new_id();
+  record_.id = id_;
   record_.path = std::move(path);
   record_.local = text_of_id(new_id());
   record_.store = RegionStore(env_.region_shift);
@@ -46,6 +47,7 @@ CachedFile::CachedFile(const CacheEnvironment& environment, FileTable& table, st
 CachedFile::CachedFile(const CacheEnvironment& environment, FileTable& table, FileRecord record)
     : env_(environment),
       table_(table),
+      id_(record.id),
       record_(std::move(record)),
       local_(L""),
       entry_(entry_of_new(record_.path, record_.size)),
@@ -261,9 +263,9 @@ int CachedFile::note_size(Turn& turn) {
  * is not used again.
  */
 void CachedFile::leave(FileOpen* open, Closing how) {
-  open->attached = false;
   {
     const std::lock_guard guard(lock_);
+    open->attached = false;
     std::erase(opens_, open);
   }
   if (!opens_.empty()) {

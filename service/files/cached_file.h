@@ -135,7 +135,7 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
   ~CachedFile();
 
   RangeLocks& locks() { return locks_; }
-  int64_t id() const { return record_.id; }
+  int64_t id() const { return id_; }
   std::string path() const;
 
   /*
@@ -309,6 +309,7 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
 
   const CacheEnvironment& env_; /* fixed */
   FileTable& table_;            /* fixed */
+  const int64_t id_;
   RangeLocks locks_;            /* has its own lock */
 
   mutable std::mutex lock_;

@@ -125,6 +125,7 @@ int CachedFile::perform(const Step& step, Event event, Work& work) {
       err = keep_change();
       break;
     case Action::ENQUEUE:
+      set_state(step.after);
       table_.enqueue(*this);
       work.enqueued = true;
       break;

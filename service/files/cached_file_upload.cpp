@@ -15,6 +15,7 @@ bool is_definite(CloudCode code) {
 
 CloudResult CachedFile::upload(const CloudContext& context) {
   std::shared_ptr<SealedContent> content;
+  CloudResult result;
   {
     Turn turn(*this);
     Work work;
@@ -22,11 +23,13 @@ CloudResult CachedFile::upload(const CloudContext& context) {
       return {};
     }
     content = std::make_shared<SealedContent>(env_.cloud, context, record_.base, record_.sealed);
+    result.error = content->open(place_of(record_.sealed.file));
     sending_ = content;
     carry_out(turn, Event::UPLOAD_STARTS, work);
   }
   CloudEntry made;
-  CloudResult result = send(*content, context, &made);
+  result = result.error != 0 ? CloudResult::refused(result.error)
+                             : send(*content, context, &made);
   const Event event = event_of(result, *content, context);
   Turn turn(*this);
   return end_of_upload(turn, event, result, made);
@@ -72,9 +75,6 @@ CloudResult CachedFile::end_of_upload(Turn& turn, Event event, CloudResult resul
 /* Only what changed, where the cloud can; else the whole, composed of here and there. */
 CloudResult CachedFile::send(SealedContent& content, const CloudContext& context,
                              CloudEntry* made) {
-  if (const int err = content.open(place_of(record_.sealed.file))) {
-    return CloudResult::refused(err);
-  }
   const PutCondition condition = {record_.is_new ? "" : record_.base.version, true};
   if (!condition.version.empty() && env_.cloud.capabilities().patch) {
     content.compose(false);

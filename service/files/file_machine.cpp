@@ -156,8 +156,8 @@ void restart(Planner& planner, const Facts& facts) {
 } /* namespace */
 
 Plan plan(FileState state, Event event, const Facts& facts) {
-  Planner planner(state);
   const FileState idle = {state.content, waiting(state.change)};
+  Planner planner(event == Event::RESTART ? idle : state);
   switch (event) {
     case Event::CHANGE:
       change(planner);

@@ -251,9 +251,6 @@ class Walk : public testing::Test {
   void kill(World& w) {
     w.opens = {};
     w.state = w.disk.state;
-    if (is_uploading(w.state.change)) { /* only ever in memory, but for a record made meanwhile */
-      w.state.change = w.state.change == Change::ASIDE_UP ? Change::ASIDE : Change::LOCAL;
-    }
     if (!is_on_record(w.state)) {
       w.state = {};
       w.aside = NOTHING;
