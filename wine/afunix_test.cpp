@@ -397,13 +397,24 @@ TEST_F(AfUnix, TheProcessAtTheOtherEndIsTold) {
   EXPECT_EQ(peer_process(service), 0u) << "who listens has no other end";
 }
 
-/* Accepts a connection, says so on it, and waits to be killed. */
+/* Leaves a handle of the socket with the process at its other end, which knows nothing of it. */
+void outlive_this_process(SOCKET s) {
+  HANDLE peer = OpenProcess(PROCESS_DUP_HANDLE, FALSE, peer_process(s));
+  HANDLE left = nullptr;
+  DuplicateHandle(GetCurrentProcess(), reinterpret_cast<HANDLE>(s), peer, &left, 0, FALSE,
+                  DUPLICATE_SAME_ACCESS);
+}
+
+/* Accepts two connections, says so on them, and waits to be killed. */
 int serve(const char* path, const char* ready_event) {
   const Socket service = listener(path);
   HANDLE ready = OpenEventA(EVENT_MODIFY_STATE, FALSE, ready_event);
   SetEvent(ready);
   const Socket accepted(accept(service, nullptr, nullptr));
   send_text(accepted, "last");
+  const Socket kept(accept(service, nullptr, nullptr));
+  outlive_this_process(kept);
+  send_text(kept, "last");
   Sleep(INFINITE);
   return 1;
 }
@@ -432,10 +443,15 @@ TEST_F(AfUnix, AKilledServiceHangsUpAndRefuses) {
   ASSERT_EQ(connect_to(client, path_), 0);
   EXPECT_EQ(poll_one(client, POLLRDNORM), POLLRDNORM);
   EXPECT_EQ(peer_process(client), service.dwProcessId);
+  const Socket kept;
+  ASSERT_EQ(connect_to(kept, path_), 0);
+  EXPECT_EQ(poll_one(kept, POLLRDNORM), POLLRDNORM);
   EXPECT_TRUE(TerminateProcess(service.hProcess, 1));
   WaitForSingleObject(service.hProcess, INFINITE);
   CloseHandle(service.hProcess);
   expect_hang_up_after_data(client);
+  EXPECT_EQ(receive(kept, 4), "last");
+  EXPECT_EQ(poll_one(kept, POLLRDNORM, 100), POLLHUP) << "though its other end is still held";
   EXPECT_EQ(connect_to(path_), WSAECONNREFUSED);
   EXPECT_TRUE(DeleteFileA(path_.c_str()));
 }

@@ -19,6 +19,7 @@ struct UnixSocket {
   std::string secret;    /* of a bound socket */
   HANDLE sign = nullptr; /* stands while it listens */
   DWORD peer = 0;        /* the process at the other end */
+  HANDLE peer_process = nullptr;
 };
 
 SRWLOCK table_lock = SRWLOCK_INIT;
@@ -123,6 +124,14 @@ int connect_loopback(SOCKET s, USHORT port) {
   return error != 0 ? fail(error) : 0;
 }
 
+void note_peer(SOCKET s, DWORD process) {
+  const HANDLE handle = OpenProcess(SYNCHRONIZE, FALSE, process);
+  change(s, [&](UnixSocket& connected) {
+    connected.peer = process;
+    connected.peer_process = handle;
+  });
+}
+
 /* What a connection begins with. */
 struct Hello {
   char secret[kSecretLength];
@@ -172,16 +181,18 @@ SOCKET adopt_unix(SOCKET s) {
 }
 
 void forget_unix(SOCKET s) {
-  HANDLE sign = nullptr;
+  UnixSocket gone;
   AcquireSRWLockExclusive(&table_lock);
   const auto found = table.find(s);
   if (found != table.end()) {
-    sign = found->second.sign;
+    gone = found->second;
     table.erase(found);
   }
   ReleaseSRWLockExclusive(&table_lock);
-  if (sign != nullptr) {
-    CloseHandle(sign);
+  for (const HANDLE handle : {gone.sign, gone.peer_process}) {
+    if (handle != nullptr) {
+      CloseHandle(handle);
+    }
   }
 }
 
@@ -248,10 +259,8 @@ int connect_unix(SOCKET s, const sockaddr* address, int length) {
       sizeof(hello)) {
     return fail(WSAECONNREFUSED);
   }
-  change(s, [&](UnixSocket& connected) {
-    connected.peer_path = path;
-    connected.peer = file->process;
-  });
+  change(s, [&](UnixSocket& connected) { connected.peer_path = path; });
+  note_peer(s, file->process);
   return 0;
 }
 
@@ -272,7 +281,7 @@ SOCKET accept_unix(SOCKET s, sockaddr* address, int* length) {
         give_name({}, address, length);
       }
       adopt_unix(accepted);
-      change(accepted, [&](UnixSocket& connected) { connected.peer = process; });
+      note_peer(accepted, process);
       return accepted;
     }
     system_ws2.closesocket(accepted);
@@ -298,6 +307,15 @@ int peer_process_unix(SOCKET s, void* out, DWORD size, DWORD* returned) {
   memcpy(out, &process, sizeof(process));
   *returned = sizeof(process);
   return 0;
+}
+
+bool mend_timeout_unix(WSAPOLLFD& polled) {
+  const HANDLE process = lookup(polled.fd).peer_process;
+  if (process == nullptr || WaitForSingleObject(process, 0) != WAIT_OBJECT_0) {
+    return false;
+  }
+  polled.revents = POLLHUP;
+  return true;
 }
 
 void mend_poll_unix(WSAPOLLFD& polled) {

@@ -37,4 +37,10 @@ int peer_process_unix(SOCKET s, void* out, DWORD size, DWORD* returned);
  */
 void mend_poll_unix(WSAPOLLFD& polled);
 
+/*
+ * Mends what Wine's WSAPoll does not report: now and then Wine keeps the connection of a process
+ * that was killed while it waited on it. Asked after a time-out; true when the peer is gone.
+ */
+bool mend_timeout_unix(WSAPOLLFD& polled);
+
 #endif

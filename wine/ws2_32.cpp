@@ -190,7 +190,11 @@ int WSAAPI shim_WSAPoll(LPWSAPOLLFD polled, ULONG count, INT timeout) {
   for (ULONG i = 0; ready > 0 && i < count; i++) {
     mend_poll_unix(polled[i]);
   }
-  return ready;
+  int gone = 0;
+  for (ULONG i = 0; ready == 0 && i < count; i++) {
+    gone += mend_timeout_unix(polled[i]) ? 1 : 0;
+  }
+  return ready + gone;
 }
 
 } /* extern "C" */
