@@ -201,6 +201,11 @@ void CachedFile::seal(FileRecord* record, FileState after, const Work& work) con
       sealed.store.mark_dirty({first, end});
     }
   }
+  const bool anywhere = std::any_of(opens_.begin(), opens_.end(),
+                                    [](const FileOpen* open) { return open->without_maps; });
+  if (anywhere && sealed.size > 0) { /* who has no maps does not say where it writes */
+    sealed.store.mark_dirty(sealed.store.regions(0, sealed.size));
+  }
   record->size = sealed.size;
   record->sealed = std::move(sealed);
   record->store.begin_seal();

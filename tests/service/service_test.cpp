@@ -57,7 +57,7 @@ class ServiceTest : public testing::Test {
   std::string get(const std::string& name) const { return text(Cloud(name)); }
   /* The content of a conflict copy. */
   std::string beside(const std::string& name) const {
-    for (const auto& entry : fs::directory_iterator(cloud(""))) {
+    for (const auto& entry : fs::directory_iterator(Cloud(""))) {
       const std::string file = entry.path().filename().string();
       if (file.starts_with(name.substr(0, name.find('.')) + " (conflict of ")) {
         return get(file);
