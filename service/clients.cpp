@@ -1,5 +1,8 @@
 #include "clients.h"
 
+#include <winsock2.h>
+/* after winsock2.h */
+#include <afunix.h>
 #include <windows.h>
 
 #include <algorithm>
@@ -30,6 +33,14 @@ std::set<uint32_t> Clients::leave(uint64_t connection) {
                        [pid](const auto& other) { return other.second.contains(pid); });
   });
   return gone;
+}
+
+uint32_t peer_process(uint64_t socket) {
+  ULONG pid = 0;
+  DWORD size = 0;
+  const int failed = WSAIoctl(static_cast<SOCKET>(socket), SIO_AF_UNIX_GETPEERPID, nullptr, 0, &pid,
+                              sizeof pid, &size, nullptr, nullptr);
+  return failed == 0 && size == sizeof pid ? pid : 0;
 }
 
 uint32_t process_of_thread(uint32_t thread_id) {

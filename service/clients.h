@@ -25,6 +25,8 @@ class Clients {
   std::map<uint64_t, std::set<uint32_t>> processes_; /* by connection; guarded by lock_ */
 };
 
+/* The process at the other end of a connected socket; 0 where the system does not tell. */
+uint32_t peer_process(uint64_t socket);
 /* The process of a living thread; 0 when there is none. */
 uint32_t process_of_thread(uint32_t thread_id);
 

@@ -18,8 +18,16 @@ The cloud and the user:
   --confaddr URL         the configuration service: kept, not used
   --proxy-server TEXT, --proxy-user TEXT, --proxy-password TEXT
                          the HTTP proxy: kept, not used (a folder needs none)
+  --transfers NUMBER     fetches at a time, and uploads at a time: 1 to 64 (8)
+  --write-back-wait MS   how long a close waits for its upload before it answers while that goes on;
+                         until then it tells of a failure (2000)
 This machine:
-  --cache DIR            the cache directory: cache files, journals and the pid file "tarnd_pid"
+  --cache DIR            the cache directory: cache files, database and the pid file "tarnd_pid"
+  --cache-size BYTES     cached files that are closed and saved go, those used longest ago first,
+                         when the cache takes more (0: a tenth of the disk's free space)
+  --keep-free BYTES      with less free space on the disk nothing is fetched: 28 (268435456)
+  --shutdown-wait MS     how long uploads may go on after SHUTDOWN; those that are left go on after
+                         the next start (5000)
   --sockdir DIR          the socket's directory; the cache directory when empty
   --wgid ID              the workgroup: a directory of this name below the socket's directory
   --uid NUMBER           the socket is "NUMBER.sock", and "tnvfs.sock" when 0 or left out
@@ -29,7 +37,10 @@ This machine:
   --vfs                  serve the drive (always done; told in GET_VERSION)
   --help, --version
 
-Environment, for development:
+Environment:
+  TARND_CACHE_SIZE, TARND_KEEP_FREE, TARND_TRANSFERS, TARND_WRITE_BACK_WAIT, TARND_SHUTDOWN_WAIT
+                         as the options of these names, which go before them
+For development:
   TARND_REGION_SHIFT=N   regions of 2^N bytes, 0 to 62 (20)
   TARND_UTXID=N          the first answer's transaction id, counted up with each answer; 0: none (0)
   TARND_LATENCY_MS=N     waits before each answer, up to 60000 (0)
@@ -38,8 +49,8 @@ Environment, for development:
   TARND_DEBUG=N          debug messages up to this verbosity, 0 to 5
 
 Ends with 0 after a SHUTDOWN request or Ctrl-C; 1 when it cannot start; 2 for a wrong command line or
-environment; 3 when data could not be written back (it stays in the cache directory and is written
-back at the next start). At the end it prints its counts.
+environment; 3 when changes are not in the cloud yet (they stay in the cache directory and go up after
+the next start). At the end it prints its counts.
 
 Conventions (more in service/README.md):
   access mode    1 read, 2 and 4 write, 0 attributes only
@@ -59,9 +70,10 @@ Conventions (more in service/README.md):
                  with 0 and as cached, so that the next read there sends no message
   clear marks    for an open whose maps speak of a content that was cut to nothing by another open
   DIRTY_REGION   caches the regions first; 28: past the largest file
-  FTRUNCATE      28: past the largest file. A size that the local file got without it is written back
-  CLOSE          8 in the flags writes the file back. So do a last close of a changed file, and the
-                 end of the client. 9: no such open. A failed write-back refuses the close
+  FTRUNCATE      28: past the largest file. A size that the local file got without it counts, too
+  CLOSE          8 in the flags seals the change, which then goes up. So does a last close of a
+                 changed file. What a client wrote that ended without it goes up under the conflict
+                 name. 9: no such open. A content that the cloud refuses for good refuses the close
   CLEANUP        the open takes no part in sharing any more and loses its range locks
   RENAME         onto an existing name 17 (its own in another case: 0), into itself 22, of a folder
                  with files in use below 16

@@ -10,7 +10,7 @@
 #include <system_error>
 
 #include "ox_logging.h"
-#include "private_folder.h"
+#include "private_access.h"
 #include "tnv_connio_win.h"
 #include "wide_text.h"
 
@@ -73,7 +73,7 @@ bool Listener::start(std::string* error) {
     *error = with_error("Cannot make the socket's folder", static_cast<int>(code));
     return false;
   }
-  return bind_socket(error);
+  return claim_for_user(folder, error) && bind_socket(error);
 }
 
 bool Listener::bind_socket(std::string* error) {
@@ -90,8 +90,14 @@ bool Listener::bind_socket(std::string* error) {
   socket_ = socket(AF_UNIX, SOCK_STREAM, 0);
   const SOCKET listener = static_cast<SOCKET>(socket_);
   if (listener == INVALID_SOCKET ||
-      bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-      listen(listener, SOMAXCONN) != 0 || tnv_setsockopt(static_cast<int>(listener)) != 0) {
+      bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    *error = with_error("Cannot make the socket " + path_, WSAGetLastError());
+    return false;
+  }
+  if (!claim_for_user(wide_path_, error)) {
+    return false;
+  }
+  if (listen(listener, SOMAXCONN) != 0 || tnv_setsockopt(static_cast<int>(listener)) != 0) {
     *error = with_error("Cannot listen on " + path_, WSAGetLastError());
     return false;
   }

@@ -19,8 +19,9 @@ class Listener {
   ~Listener();
 
   /*
-   * Makes the socket's folder (for this user only, when it is not there yet), removes the socket
-   * file of a service that is gone, and listens. False with a text in `*error`.
+   * Makes the socket's folder if need be, removes the socket file of a service that is gone, and
+   * listens. Folder and file are for this user only before anybody can connect. False with a text
+   * in `*error`, also when they belong to somebody else.
    */
   bool start(std::string* error);
   /* Accepts connections until the service stops, then waits until they have ended. */

@@ -6,11 +6,13 @@
 #include <string>
 
 #include "build_info.h"
+#include "cloud/cloud_address.h"
 #include "listener.h"
 #include "ox_errno.h"
 #include "ox_logging.h"
 #include "pid_file.h"
-#include "private_folder.h"
+#include "private_access.h"
+#include "secret_options.h"
 #include "tnv_connio_win.h"
 #include "wide_text.h"
 
@@ -54,8 +56,8 @@ bool read_options(Options* options, std::string* error) {
     *error = "the command line is not well-formed UTF-16";
     return false;
   }
-  return parse_command_line(split_command_line(line), options, error) &&
-         parse_environment(variable, options, error);
+  return parse_environment(variable, options, error) &&
+         parse_command_line(split_command_line(line), options, error);
 }
 
 /* The log facility takes narrow paths. */
@@ -92,7 +94,9 @@ void report_counts(const Service& service) {
 
 /* Serves from here on to the end: recovery, clients, the way back. */
 int serve(Service& service) {
-  service.recover();
+  if (!service.recover()) {
+    return fail(CANNOT_START, "Cannot read the service's database in the cache directory");
+  }
   std::string error;
   {
     Listener listener(service);
@@ -107,8 +111,8 @@ int serve(Service& service) {
   const size_t unsaved = service.finish();
   report_counts(service);
   if (unsaved != 0) {
-    return fail(UNSAVED, std::to_string(unsaved) + " files could not be written back; they are " +
-                             "kept for the next start");
+    return fail(UNSAVED, std::to_string(unsaved) +
+                             " files are not in the cloud yet; they go up after the next start");
   }
   OX_LOG(OX_INFO_LEVEL, 0, "Ended");
   return ENDED;
@@ -126,7 +130,8 @@ int run(const Options& options) {
                                   ? "Another service has the cache directory " + options.cache
                                   : "Cannot write tarnd_pid in " + options.cache);
   }
-  std::unique_ptr<Cloud> cloud = open_cloud(options.addr, &error);
+  CloudCounts counts;
+  std::unique_ptr<Cloud> cloud = open_cloud(options.addr, {&counts, variable("TARND_FAULTS").value_or(""), {}}, &error);
   if (cloud == nullptr) {
     return fail(CANNOT_START, error);
   }
@@ -134,14 +139,16 @@ int run(const Options& options) {
   if (make_private_folder(files) != 0 || tnv_sock_init() != 0) {
     return fail(CANNOT_START, "Cannot use the cache directory or Windows Sockets");
   }
-  Service service(options, std::move(cloud), files);
+  Service service(options, std::move(cloud), cache);
   return serve(service);
 }
 
-int main() {
+int main(int argc, char** argv) {
   Options options;
   std::string error;
-  if (!read_options(&options, &error)) {
+  const bool readable = read_options(&options, &error);
+  hide_own_secret_options(argc, argv);
+  if (!readable) {
     fprintf(stderr, "tarnd: %s\nTry: tarnd --help\n", error.c_str());
     return USAGE;
   }
@@ -163,4 +170,4 @@ int main() {
 }  // namespace
 }  // namespace tarnd
 
-int main() { return tarnd::main(); }
+int main(int argc, char** argv) { return tarnd::main(argc, argv); }

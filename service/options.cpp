@@ -32,6 +32,25 @@ constexpr std::array<TextOption, 14> TEXT_OPTIONS = {{
     {"--proxy-password", &Options::proxy_password},
 }};
 
+struct NumberOption {
+  const char* name;
+  const char* variable; /* of the environment; null: there is none */
+  uint64_t Options::*field;
+  uint64_t min;
+  uint64_t max;
+};
+
+constexpr uint64_t LONGEST_WAIT_MS = 600'000;
+constexpr std::array<NumberOption, 6> NUMBER_OPTIONS = {{
+    {"--uid", nullptr, &Options::uid, 0, UINT64_MAX},
+    {"--cache-size", "TARND_CACHE_SIZE", &Options::cache_size, 0, UINT64_MAX},
+    {"--keep-free", "TARND_KEEP_FREE", &Options::keep_free, 0, UINT64_MAX},
+    {"--write-back-wait", "TARND_WRITE_BACK_WAIT", &Options::write_back_wait_ms, 0,
+     LONGEST_WAIT_MS},
+    {"--shutdown-wait", "TARND_SHUTDOWN_WAIT", &Options::shutdown_wait_ms, 0, LONGEST_WAIT_MS},
+    {"--transfers", "TARND_TRANSFERS", &Options::transfers, 1, 64},
+}};
+
 struct FlagOption {
   const char* name;
   bool Options::*field;
@@ -58,6 +77,22 @@ auto find_option(const Table& table, const std::string& name) {
                       [&](const auto& option) { return name == option.name; });
 }
 
+/* An empty text leaves the option as it is. */
+bool take_number(const NumberOption& option, const char* name, const std::string& text,
+                 Options* options, std::string* error) {
+  uint64_t number = 0;
+  if (text.empty()) {
+    return true;
+  }
+  if (parse_number<uint64_t>(text, option.max, &number) && number >= option.min) {
+    options->*(option.field) = number;
+    return true;
+  }
+  *error = std::string(name) + " wants a number from " + std::to_string(option.min) + " to " +
+           std::to_string(option.max) + ", not \"" + text + '"';
+  return false;
+}
+
 /* One option with the words that follow it. */
 bool take_option(const std::string& name, const std::string& value, Options* options,
                  std::string* error) {
@@ -69,9 +104,8 @@ bool take_option(const std::string& name, const std::string& value, Options* opt
     *error = value.empty() ? "" : name + " takes no value";
     return options->*(flag->field) = value.empty();
   }
-  if (name == "--uid") {
-    *error = "--uid wants a number, not \"" + value + '"';
-    return value.empty() || parse_number<uint64_t>(value, UINT64_MAX, &options->uid);
+  if (const auto number = find_option(NUMBER_OPTIONS, name); number != NUMBER_OPTIONS.end()) {
+    return take_number(*number, number->name, value, options, error);
   }
   *error = "unknown option " + name;
   return false;
@@ -141,6 +175,13 @@ bool parse_environment(const Environment& environment, Options* options, std::st
              *text + '"';
     return false;
   };
+  for (const NumberOption& option : NUMBER_OPTIONS) {
+    if (option.variable != nullptr &&
+        !take_number(option, option.variable, environment(option.variable).value_or(""), options,
+                     error)) {
+      return false;
+    }
+  }
   options->counts_file = environment("TARND_COUNTS").value_or("");
   return number("TARND_REGION_SHIFT", 62, &options->region_shift) &&
          number("TARND_UTXID", UINT64_MAX, &options->first_utxid) &&

@@ -41,7 +41,14 @@ struct Options {
   std::string proxy_user;
   std::string proxy_password;
 
-  /* From TARND_* environment variables. */
+  /* These come from the environment, too: the library's command line has none of them. */
+  uint64_t cache_size = 0;                  /* bytes; 0: a tenth of the free space */
+  uint64_t keep_free = uint64_t{256} << 20; /* bytes of the disk that no fetch may take */
+  uint64_t write_back_wait_ms = 2000;
+  uint64_t shutdown_wait_ms = 5000;
+  uint64_t transfers = 8; /* at a time, in each direction */
+
+  /* From TARND_* environment variables alone. */
   int region_shift = 20;
   uint64_t first_utxid = 0; /* 0: answers carry no transaction id */
   uint32_t latency_ms = 0;
@@ -54,10 +61,13 @@ struct Options {
 using Environment = std::function<std::optional<std::string>(const char* name)>;
 
 std::vector<std::string> split_command_line(const std::string& line);
-/* Both return false with a text in `*error` that names what is wrong. */
+/*
+ * Both return false with a text in `*error` that names what is wrong. The environment goes first:
+ * the command line overrides it.
+ */
+bool parse_environment(const Environment& environment, Options* options, std::string* error);
 bool parse_command_line(const std::vector<std::string>& words, Options* options,
                         std::string* error);
-bool parse_environment(const Environment& environment, Options* options, std::string* error);
 
 /*
  * The socket's path as the library composes it: the directory (and below it the workgroup's) and

@@ -1,51 +1,158 @@
 #include "service.h"
 
-#include "files/recovery.h"
+#include <windows.h>
+
+#include <algorithm>
+
 #include "ox_logging.h"
+#include "wide_text.h"
 
 namespace tarnd {
+namespace {
+
+constexpr std::chrono::seconds CALL_LIMIT{60}; /* of one call that somebody waits for */
+
+uint64_t free_space(const std::wstring& folder) {
+  ULARGE_INTEGER bytes = {};
+  return GetDiskFreeSpaceExW(folder.c_str(), &bytes, nullptr, nullptr) != 0 ? bytes.QuadPart
+                                                                           : UINT64_MAX;
+}
+
+/* The names of the files in a folder. */
+std::vector<std::wstring> files_in(const std::wstring& folder) {
+  std::vector<std::wstring> names;
+  WIN32_FIND_DATAW found;
+  const HANDLE search = FindFirstFileW((folder + L"\\*").c_str(), &found);
+  if (search == INVALID_HANDLE_VALUE) {
+    return names;
+  }
+  do {
+    if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+      names.emplace_back(found.cFileName);
+    }
+  } while (FindNextFileW(search, &found) != 0);
+  FindClose(search);
+  return names;
+}
+
+/* A database that cannot be read may have accounted for any of the local files: all are kept. */
+bool set_aside(const std::wstring& folder, const std::wstring& database) {
+  const std::wstring kept = folder + L"\\kept\\";
+  const std::wstring mark = std::to_wstring(GetTickCount64()) + L"-";
+  bool moved = true;
+  for (const std::wstring& name : files_in(folder)) {
+    moved = MoveFileExW((folder + L'\\' + name).c_str(), (kept + name).c_str(), 0) != 0 && moved;
+  }
+  moved = MoveFileExW(database.c_str(), (kept + mark + L"state.db").c_str(), 0) != 0 && moved;
+  DeleteFileW((database + L"-wal").c_str());
+  OX_LOG(OX_ERROR_LEVEL, 0, "The service's database is damaged; it and all local files %s kept",
+         moved ? "are" : "could not be");
+  return moved;
+}
+
+/* Clean files of an earlier run. */
+void delete_others(const std::wstring& folder, const std::vector<FileRecord>& records) {
+  for (const std::wstring& name : files_in(folder)) {
+    std::string text;
+    utf8_from_wide(name, &text);
+    const bool wanted = std::any_of(records.begin(), records.end(), [&](const auto& record) {
+      return record.local == text || record.sealed.file == text;
+    });
+    if (!wanted) {
+      DeleteFileW((folder + L'\\' + name).c_str());
+    }
+  }
+}
+
+} /* namespace */
+
+/* ------------------------------------------------------------------ credentials */
 
 Credentials::Credentials(const Options& options)
-    : token_(options.access_token),
-      proxy_{options.proxy_server, options.proxy_user, options.proxy_password} {}
+    : now_(std::make_shared<CloudCredentials>(
+          CloudCredentials{options.access_token, options.proxy_server, options.proxy_user,
+                           options.proxy_password})) {}
 
 bool Credentials::set_token(const std::string& token) {
   const std::lock_guard guard(lock_);
-  token_ = token;
-  return token_ != EXPIRED_TOKEN;
+  auto next = std::make_shared<CloudCredentials>(*now_);
+  next->token = token;
+  now_ = std::move(next);
+  return token != EXPIRED_TOKEN;
 }
 
-bool Credentials::authorised() {
+bool Credentials::authorised() { return now()->token != EXPIRED_TOKEN; }
+
+void Credentials::set_proxy(const std::string& server, const std::string& user,
+                            const std::string& password) {
   const std::lock_guard guard(lock_);
-  return token_ != EXPIRED_TOKEN;
+  now_ = std::make_shared<CloudCredentials>(CloudCredentials{now_->token, server, user, password});
 }
 
-void Credentials::set_proxy(Proxy proxy) {
+std::shared_ptr<const CloudCredentials> Credentials::now() {
   const std::lock_guard guard(lock_);
-  proxy_ = std::move(proxy);
+  return now_;
 }
 
-Service::Service(const Options& opts, std::unique_ptr<Cloud> the_cloud, std::wstring cache_files)
+/* ------------------------------------------------------------------ the service */
+
+Service::Service(const Options& opts, std::unique_ptr<Cloud> the_cloud, const std::wstring& cache)
     : options(opts),
       cloud(std::move(the_cloud)),
-      environment{*cloud, counters, std::move(cache_files), opts.region_shift},
-      files(environment),
+      folder(cache + L"\\files"),
       credentials(opts),
+      limits(opts.cache_size, opts.keep_free, [cache] { return free_space(cache); }),
+      transfers(*cloud, static_cast<unsigned>(opts.transfers)),
+      environment{*cloud,
+                  store,
+                  transfers,
+                  counters,
+                  [this] { return context(); },
+                  folder,
+                  opts.region_shift,
+                  std::chrono::milliseconds(opts.write_back_wait_ms),
+                  [this](uint64_t bytes) { return limits.may_fetch(bytes); }},
+      files(environment, limits, opts.user, static_cast<unsigned>(opts.transfers)),
       next_utxid(opts.first_utxid) {}
 
-void Service::recover() { recovered = recover_cache(environment); }
+CloudContext Service::context() {
+  CloudContext context;
+  context.deadline = std::chrono::steady_clock::now() + CALL_LIMIT;
+  context.credentials = credentials.now();
+  return context;
+}
+
+bool Service::recover() {
+  const std::wstring database = folder + L"\\..\\state.db";
+  std::string path;
+  std::vector<FileRecord> records;
+  utf8_from_wide(database, &path);
+  CreateDirectoryW((folder + L"\\kept").c_str(), nullptr);
+  int err = store.open(path, &records);
+  if (err == OX_EINVAL && set_aside(folder, database)) {
+    err = store.open(path, &records);
+  }
+  if (err != 0) {
+    OX_LOG(OX_ERROR_LEVEL, err, "Cannot open the service's database %s", path.c_str());
+    return false;
+  }
+  delete_others(folder, records);
+  recovered = static_cast<uint32_t>(records.size());
+  files.recover(std::move(records));
+  return true;
+}
 
 void Service::connection_ended(uint64_t connection) {
   for (const uint32_t pid : clients.leave(connection)) {
     const std::vector<std::shared_ptr<OpenFile>> left = files.of_client(pid);
-    /* First what others may be refused for, since writing back may take its time. */
+    /* First what others may be refused for, since the rest may take its time. */
     for (const std::shared_ptr<OpenFile>& open : left) {
       files.clean_up(*open);
     }
     for (const std::shared_ptr<OpenFile>& open : left) {
       OX_LOG(OX_WARN_LEVEL, 0, "Process %u left %s open", pid, open->name.c_str());
       if (open->file != nullptr) {
-        open->file->detach(&open->part, Closing::CLIENT_DIED);
+        open->file->detach(&open->part, stopping ? Closing::SERVICE_ENDS : Closing::CLIENT_DIED);
       }
       files.remove(*open);
     }
@@ -53,9 +160,9 @@ void Service::connection_ended(uint64_t connection) {
 }
 
 size_t Service::finish() {
-  const size_t unsaved = files.save_all();
-  files.discard_saved();
-  return unsaved;
+  files.uploads().finish(std::chrono::milliseconds(options.shutdown_wait_ms));
+  transfers.stop();
+  return files.unsaved();
 }
 
-}  // namespace tarnd
+} /* namespace tarnd */

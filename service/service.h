@@ -7,11 +7,14 @@
 #include <mutex>
 #include <string>
 
+#include "cache_limits.h"
 #include "clients.h"
 #include "cloud/cloud.h"
 #include "counters.h"
 #include "files/open_files.h"
 #include "options.h"
+#include "state/state_store.h"
+#include "transfer/transfer_engine.h"
 
 namespace tarnd {
 
@@ -26,46 +29,49 @@ class Credentials {
   /* Both answer whether the token is one that the cloud accepts. */
   bool set_token(const std::string& token);
   bool authorised();
-
-  struct Proxy {
-    std::string server;
-    std::string user;
-    std::string password;
-  };
-  void set_proxy(Proxy proxy);
+  void set_proxy(const std::string& server, const std::string& user, const std::string& password);
+  /* As they are now. */
+  std::shared_ptr<const CloudCredentials> now();
 
  private:
-  std::mutex lock_; /* guards the fields */
-  std::string token_;
-  Proxy proxy_;
+  std::mutex lock_;
+  std::shared_ptr<const CloudCredentials> now_; /* guarded by lock_; never changed, replaced */
 };
 
 /* Fixed after creation, but for what is guarded by its own lock or atomic. */
 class Service {
  public:
-  Service(const Options& options, std::unique_ptr<Cloud> cloud, std::wstring cache_files);
+  /* `cache`: the cache directory. */
+  Service(const Options& options, std::unique_ptr<Cloud> cloud, const std::wstring& cache);
 
   /*
-   * Writes back what a killed service left in the cache directory; call before any client is there.
+   * Reads what the service knows of an earlier run, and begins with an empty cache but for that:
+   * false when it cannot. What is left goes up in the background.
    */
-  void recover();
+  bool recover();
   /* The connection ended; so do the opens of processes that have no other. */
   void connection_ended(uint64_t connection);
-  /* Writes back what waits and empties the cache: the number of files that could not be saved. */
+  /* For one call of the cloud that somebody waits for. */
+  CloudContext context();
+  /* Ends the transfers, in time: the number of files whose change goes up after the next start. */
   size_t finish();
 
   const Options options;
   const std::unique_ptr<Cloud> cloud;
+  const std::wstring folder;          /* of the local files */
   Counters counters;
+  Credentials credentials;
+  CacheLimits limits;
+  StateStore store;
+  TransferEngine transfers;
   const CacheEnvironment environment;
   OpenFiles files;
   Clients clients;
-  Credentials credentials;
   std::atomic<uint64_t> next_utxid;
-  std::atomic<uint32_t> recovered = 0; /* files written back at the start */
+  std::atomic<uint32_t> recovered = 0; /* changes that an earlier run left */
   std::atomic<bool> stopping = false;  /* no new connections; the others end when idle */
 };
 
-}  // namespace tarnd
+} /* namespace tarnd */
 
 #endif

@@ -197,7 +197,7 @@ TEST_F(AfUnix, AStrangerOnThePortIsNotAccepted) {
   if (port.sin_port == 0) {
     GTEST_SKIP() << "this Wine has AF_UNIX sockets of its own";
   }
-  for (const std::string& text : {std::string(), std::string(32, 'a')}) {
+  for (const std::string& text : {std::string(), std::string(36, 'a')}) {
     const Socket stranger(socket(AF_INET, SOCK_STREAM, 0));
     ASSERT_EQ(connect(stranger, reinterpret_cast<const sockaddr*>(&port), sizeof(port)), 0);
     send(stranger, text.data(), static_cast<int>(text.size()), 0);
@@ -379,13 +379,42 @@ TEST_F(AfUnix, SmallMessagesAreNotHeldBack) {
 
 /* --------------------------------------------------------------------- a service that is killed */
 
-/* Accepts a connection, says so on it, and waits to be killed. */
+/* 0 when there is none. */
+ULONG peer_process(SOCKET s) {
+  ULONG process = 0;
+  DWORD size = 0;
+  WSAIoctl(s, SIO_AF_UNIX_GETPEERPID, nullptr, 0, &process, sizeof(process), &size, nullptr,
+           nullptr);
+  return process;
+}
+
+TEST_F(AfUnix, TheProcessAtTheOtherEndIsTold) {
+  const Socket service = listener(path_);
+  const Socket client;
+  ASSERT_EQ(connect_to(client, path_), 0);
+  const Socket accepted(accept(service, nullptr, nullptr));
+  EXPECT_EQ(peer_process(accepted), GetCurrentProcessId());
+  EXPECT_EQ(peer_process(service), 0u) << "who listens has no other end";
+}
+
+/* Leaves a handle of the socket with the process at its other end, which knows nothing of it. */
+void outlive_this_process(SOCKET s) {
+  HANDLE peer = OpenProcess(PROCESS_DUP_HANDLE, FALSE, peer_process(s));
+  HANDLE left = nullptr;
+  DuplicateHandle(GetCurrentProcess(), reinterpret_cast<HANDLE>(s), peer, &left, 0, FALSE,
+                  DUPLICATE_SAME_ACCESS);
+}
+
+/* Accepts two connections, says so on them, and waits to be killed. */
 int serve(const char* path, const char* ready_event) {
   const Socket service = listener(path);
   HANDLE ready = OpenEventA(EVENT_MODIFY_STATE, FALSE, ready_event);
   SetEvent(ready);
   const Socket accepted(accept(service, nullptr, nullptr));
   send_text(accepted, "last");
+  const Socket kept(accept(service, nullptr, nullptr));
+  outlive_this_process(kept);
+  send_text(kept, "last");
   Sleep(INFINITE);
   return 1;
 }
@@ -413,10 +442,16 @@ TEST_F(AfUnix, AKilledServiceHangsUpAndRefuses) {
   const Socket client;
   ASSERT_EQ(connect_to(client, path_), 0);
   EXPECT_EQ(poll_one(client, POLLRDNORM), POLLRDNORM);
+  EXPECT_EQ(peer_process(client), service.dwProcessId);
+  const Socket kept;
+  ASSERT_EQ(connect_to(kept, path_), 0);
+  EXPECT_EQ(poll_one(kept, POLLRDNORM), POLLRDNORM);
   EXPECT_TRUE(TerminateProcess(service.hProcess, 1));
   WaitForSingleObject(service.hProcess, INFINITE);
   CloseHandle(service.hProcess);
   expect_hang_up_after_data(client);
+  EXPECT_EQ(receive(kept, 4), "last");
+  EXPECT_EQ(poll_one(kept, POLLRDNORM, 100), POLLHUP) << "though its other end is still held";
   EXPECT_EQ(connect_to(path_), WSAECONNREFUSED);
   EXPECT_TRUE(DeleteFileA(path_.c_str()));
 }

@@ -7,7 +7,7 @@
 
 namespace {
 
-const char kFormat[] = "af_unix 1 port %hu secret %32[0-9a-f]";
+const char kFormat[] = "af_unix 1 port %hu secret %32[0-9a-f] process %lu";
 
 int bind_error(DWORD error) {
   switch (error) {
@@ -46,8 +46,8 @@ int write_socket_file(const char* path, const SocketFile& file) {
     return bind_error(GetLastError());
   }
   char text[100];
-  const int length = snprintf(text, sizeof(text), "af_unix 1 port %hu secret %s\n", file.port,
-                              file.secret.c_str());
+  const int length = snprintf(text, sizeof(text), "af_unix 1 port %hu secret %s process %lu\n",
+                              file.port, file.secret.c_str(), file.process);
   DWORD written = 0;
   const BOOL done = WriteFile(h, text, static_cast<DWORD>(length), &written, nullptr);
   CloseHandle(h);
@@ -70,10 +70,12 @@ std::optional<SocketFile> read_socket_file(const char* path) {
   CloseHandle(h);
   USHORT port = 0;
   char secret[kSecretLength + 1] = {};
-  if (done == 0 || sscanf(text, kFormat, &port, secret) != 2 || strlen(secret) != kSecretLength) {
+  DWORD process = 0;
+  if (done == 0 || sscanf(text, kFormat, &port, secret, &process) != 3 ||
+      strlen(secret) != kSecretLength) {
     return {};
   }
-  return SocketFile{port, secret};
+  return SocketFile{port, secret, process};
 }
 
 HANDLE raise_sign(const std::string& secret) {

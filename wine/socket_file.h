@@ -1,8 +1,8 @@
 /*
  * The file that stands for a listening AF_UNIX socket: a line of text that names a port of the
- * loopback interface and a random secret. A kernel object named by the secret exists for as long as
- * the socket listens, so that a file left behind by a process that was killed is known to be dead
- * even when its port has a new owner.
+ * loopback interface, a random secret and the process that bound it. A kernel object named by the
+ * secret exists for as long as the socket listens, so that a file left behind by a process that was
+ * killed is known to be dead even when its port has a new owner.
  */
 #ifndef SOCKET_FILE_H
 #define SOCKET_FILE_H
@@ -17,6 +17,7 @@ constexpr size_t kSecretLength = 32;
 struct SocketFile {
   USHORT port; /* network byte order, as in a sockaddr_in */
   std::string secret;
+  DWORD process;
 };
 
 /* A new secret, or an empty string. */

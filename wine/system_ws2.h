@@ -23,6 +23,7 @@ struct System {
   decltype(&::setsockopt) setsockopt;
   decltype(&::WSAAccept) WSAAccept;
   decltype(&::WSAConnect) WSAConnect;
+  decltype(&::WSAIoctl) WSAIoctl;
   decltype(&::WSAPoll) WSAPoll;
   decltype(&::WSASocketA) WSASocketA;
   decltype(&::WSASocketW) WSASocketW;

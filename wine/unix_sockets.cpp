@@ -18,6 +18,8 @@ struct UnixSocket {
   std::string peer_path; /* connected to */
   std::string secret;    /* of a bound socket */
   HANDLE sign = nullptr; /* stands while it listens */
+  DWORD peer = 0;        /* the process at the other end */
+  HANDLE peer_process = nullptr;
 };
 
 SRWLOCK table_lock = SRWLOCK_INIT;
@@ -122,22 +124,37 @@ int connect_loopback(SOCKET s, USHORT port) {
   return error != 0 ? fail(error) : 0;
 }
 
-/* Takes the first bytes of a connection and compares them. */
-bool presents(SOCKET s, const std::string& secret) {
+void note_peer(SOCKET s, DWORD process) {
+  const HANDLE handle = OpenProcess(SYNCHRONIZE, FALSE, process);
+  change(s, [&](UnixSocket& connected) {
+    connected.peer = process;
+    connected.peer_process = handle;
+  });
+}
+
+/* What a connection begins with. */
+struct Hello {
+  char secret[kSecretLength];
+  DWORD process; /* that connects */
+};
+
+/* Takes it and compares the secret. */
+bool presents(SOCKET s, const std::string& secret, DWORD* process) {
   const ULONGLONG deadline = GetTickCount64() + kHandshakeTimeout;
-  std::string got;
-  while (got.size() < kSecretLength) {
-    char bytes[kSecretLength];
+  Hello hello = {};
+  for (size_t got = 0; got < sizeof(hello);) {
     if (!wait_ready(s, POLLRDNORM, deadline)) {
       return false;
     }
-    const int n = system_ws2.recv(s, bytes, static_cast<int>(kSecretLength - got.size()), 0);
+    const int n = system_ws2.recv(s, reinterpret_cast<char*>(&hello) + got,
+                                  static_cast<int>(sizeof(hello) - got), 0);
     if (n <= 0) {
       return false;
     }
-    got.append(bytes, static_cast<size_t>(n));
+    got += static_cast<size_t>(n);
   }
-  return got == secret;
+  *process = hello.process;
+  return secret == std::string(hello.secret, kSecretLength);
 }
 
 }  // namespace
@@ -164,22 +181,24 @@ SOCKET adopt_unix(SOCKET s) {
 }
 
 void forget_unix(SOCKET s) {
-  HANDLE sign = nullptr;
+  UnixSocket gone;
   AcquireSRWLockExclusive(&table_lock);
   const auto found = table.find(s);
   if (found != table.end()) {
-    sign = found->second.sign;
+    gone = found->second;
     table.erase(found);
   }
   ReleaseSRWLockExclusive(&table_lock);
-  if (sign != nullptr) {
-    CloseHandle(sign);
+  for (const HANDLE handle : {gone.sign, gone.peer_process}) {
+    if (handle != nullptr) {
+      CloseHandle(handle);
+    }
   }
 }
 
 int bind_unix(SOCKET s, const sockaddr* address, int length) {
   std::string path;
-  SocketFile file = {0, new_secret()};
+  SocketFile file = {0, new_secret(), GetCurrentProcessId()};
   if (const int error = path_of(address, length, &path)) {
     return fail(error);
   }
@@ -234,10 +253,14 @@ int connect_unix(SOCKET s, const sockaddr* address, int length) {
   if (connect_loopback(s, file->port) != 0) {
     return SOCKET_ERROR;
   }
-  if (system_ws2.send(s, file->secret.data(), kSecretLength, 0) != kSecretLength) {
+  Hello hello = {{}, GetCurrentProcessId()};
+  file->secret.copy(hello.secret, kSecretLength);
+  if (system_ws2.send(s, reinterpret_cast<const char*>(&hello), sizeof(hello), 0) !=
+      sizeof(hello)) {
     return fail(WSAECONNREFUSED);
   }
   change(s, [&](UnixSocket& connected) { connected.peer_path = path; });
+  note_peer(s, file->process);
   return 0;
 }
 
@@ -252,11 +275,14 @@ SOCKET accept_unix(SOCKET s, sockaddr* address, int* length) {
       }
       return accepted;
     }
-    if (presents(accepted, listening.secret)) {
+    DWORD process = 0;
+    if (presents(accepted, listening.secret, &process)) {
       if (address != nullptr) {
         give_name({}, address, length);
       }
-      return adopt_unix(accepted);
+      adopt_unix(accepted);
+      note_peer(accepted, process);
+      return accepted;
     }
     system_ws2.closesocket(accepted);
   }
@@ -268,6 +294,28 @@ int own_name_unix(SOCKET s, sockaddr* address, int* length) {
 
 int peer_name_unix(SOCKET s, sockaddr* address, int* length) {
   return give_name(lookup(s).peer_path, address, length);
+}
+
+int peer_process_unix(SOCKET s, void* out, DWORD size, DWORD* returned) {
+  const ULONG process = lookup(s).peer;
+  if (process == 0) {
+    return fail(WSAENOTCONN);
+  }
+  if (out == nullptr || size < sizeof(process) || returned == nullptr) {
+    return fail(WSAEFAULT);
+  }
+  memcpy(out, &process, sizeof(process));
+  *returned = sizeof(process);
+  return 0;
+}
+
+bool mend_timeout_unix(WSAPOLLFD& polled) {
+  const HANDLE process = lookup(polled.fd).peer_process;
+  if (process == nullptr || WaitForSingleObject(process, 0) != WAIT_OBJECT_0) {
+    return false;
+  }
+  polled.revents = POLLHUP;
+  return true;
 }
 
 void mend_poll_unix(WSAPOLLFD& polled) {

@@ -28,10 +28,19 @@ SOCKET accept_unix(SOCKET s, sockaddr* address, int* length);
 int own_name_unix(SOCKET s, sockaddr* address, int* length);
 int peer_name_unix(SOCKET s, sockaddr* address, int* length);
 
+/* The process at the other end of a connection, as SIO_AF_UNIX_GETPEERPID tells it. */
+int peer_process_unix(SOCKET s, void* out, DWORD size, DWORD* returned);
+
 /*
  * Mends what Wine's WSAPoll reports of a connection that was reset before all was read: without
  * POLLRDNORM, although what had arrived can still be read.
  */
 void mend_poll_unix(WSAPOLLFD& polled);
+
+/*
+ * Mends what Wine's WSAPoll does not report: now and then Wine keeps the connection of a process
+ * that was killed while it waited on it. Asked after a time-out; true when the peer is gone.
+ */
+bool mend_timeout_unix(WSAPOLLFD& polled);
 
 #endif

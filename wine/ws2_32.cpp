@@ -42,9 +42,9 @@ bool fill_system(HMODULE m) {
          find(m, "getsockopt", &ws2.getsockopt) && find(m, "listen", &ws2.listen) &&
          find(m, "recv", &ws2.recv) && find(m, "send", &ws2.send) &&
          find(m, "setsockopt", &ws2.setsockopt) && find(m, "WSAAccept", &ws2.WSAAccept) &&
-         find(m, "WSAConnect", &ws2.WSAConnect) && find(m, "WSAPoll", &ws2.WSAPoll) &&
-         find(m, "WSASocketA", &ws2.WSASocketA) && find(m, "WSASocketW", &ws2.WSASocketW) &&
-         find(m, "socket", &ws2.socket);
+         find(m, "WSAConnect", &ws2.WSAConnect) && find(m, "WSAIoctl", &ws2.WSAIoctl) &&
+         find(m, "WSAPoll", &ws2.WSAPoll) && find(m, "WSASocketA", &ws2.WSASocketA) &&
+         find(m, "WSASocketW", &ws2.WSASocketW) && find(m, "socket", &ws2.socket);
 }
 
 /* A stream socket without a protocol of its own: what AF_UNIX has. */
@@ -176,12 +176,25 @@ int WSAAPI shim_getpeername(SOCKET s, sockaddr* address, int* length) {
                     : system_ws2.getpeername(s, address, length);
 }
 
+int WSAAPI shim_WSAIoctl(SOCKET s, DWORD code, LPVOID in, DWORD in_size, LPVOID out, DWORD out_size,
+                         LPDWORD returned, LPWSAOVERLAPPED overlapped,
+                         LPWSAOVERLAPPED_COMPLETION_ROUTINE completion) {
+  if (code == SIO_AF_UNIX_GETPEERPID && is_unix(s)) {
+    return peer_process_unix(s, out, out_size, returned);
+  }
+  return system_ws2.WSAIoctl(s, code, in, in_size, out, out_size, returned, overlapped, completion);
+}
+
 int WSAAPI shim_WSAPoll(LPWSAPOLLFD polled, ULONG count, INT timeout) {
   const int ready = system_ws2.WSAPoll(polled, count, timeout);
   for (ULONG i = 0; ready > 0 && i < count; i++) {
     mend_poll_unix(polled[i]);
   }
-  return ready;
+  int gone = 0;
+  for (ULONG i = 0; ready == 0 && i < count; i++) {
+    gone += mend_timeout_unix(polled[i]) ? 1 : 0;
+  }
+  return ready + gone;
 }
 
 } /* extern "C" */

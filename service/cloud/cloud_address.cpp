@@ -1,8 +1,10 @@
-/* Which cloud an address means. */
+#include "cloud/cloud_address.h"
+
 #include <cctype>
 #include <string_view>
 
-#include "cloud/directory/cloud_directory.h"
+#include "cloud/directory/directory_cloud.h"
+#include "cloud/fault/fault_cloud.h"
 
 namespace tarnd {
 namespace {
@@ -54,16 +56,24 @@ bool folder_of_address(std::string_view address, std::string* folder, std::strin
 
 }  // namespace
 
-std::unique_ptr<Cloud> open_cloud(const std::string& address, std::string* error) {
+std::unique_ptr<Cloud> open_cloud(const std::string& address, const CloudSettings& settings,
+                                  std::string* error) {
+  constexpr std::string_view FAULTS = "fault+";
+  const bool fails = address.starts_with(FAULTS);
   std::string folder;
   std::unique_ptr<Cloud> cloud;
-  if (folder_of_address(address, &folder, error)) {
-    cloud = CloudDirectory::open(folder, error);
+  if (folder_of_address(std::string_view(address).substr(fails ? FAULTS.size() : 0), &folder,
+                        error)) {
+    cloud = DirectoryCloud::open(folder, error);
+  }
+  if (cloud != nullptr && fails) {
+    cloud = FaultCloud::open(std::move(cloud), settings.faults, error);
   }
   if (cloud == nullptr) {
     *error = "Cloud address \"" + address + "\": " + *error;
+    return nullptr;
   }
-  return cloud;
+  return std::make_unique<RetryingCloud>(std::move(cloud), settings.counts, settings.retry);
 }
 
 }  // namespace tarnd

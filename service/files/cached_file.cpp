@@ -1,296 +1,420 @@
 #include "files/cached_file.h"
 
+#include <algorithm>
+
+#include "names/folded_path.h"
 #include "ox_errno.h"
+#include "ox_logging.h"
 #include "uuid_text.h"
 #include "wide_text.h"
 
 namespace tarnd {
 namespace {
 
-std::wstring new_local_path(const CacheEnvironment& env) {
-  std::wstring name;
-  wide_from_utf8(text_of_id(new_id()), &name);
-  return env.folder + L'\\' + name;
+uint64_t now() {
+  FILETIME time;
+  GetSystemTimeAsFileTime(&time);
+  return join(time.dwHighDateTime, time.dwLowDateTime);
 }
 
-}  // namespace
-
-bool CachedFile::same_content(const CloudEntry& a, const CloudEntry& b) {
-  return same_id(a.version, b.version) && a.size == b.size;
+/* Of a file that the cloud does not have. */
+CloudEntry entry_of_new(const std::string& path, uint64_t size) {
+  CloudEntry entry;
+  entry.name = path.substr(path.rfind('/') + 1);
+  entry.path = path;
+  entry.size = size;
+  entry.attributes = FILE_ATTRIBUTE_NORMAL;
+  entry.created = entry.accessed = entry.modified = now();
+  entry.id = new_id();
+  return entry;
 }
 
-CachedFile::CachedFile(const CacheEnvironment& environment, std::string path)
-    : env_(environment),
-      path_(std::move(path)),
-      local_(new_local_path(environment)),
-      journal_(local_.path() + L".journal"),
-      store_(environment.region_shift) {}
+} /* namespace */
 
-CachedFile::CachedFile(const CacheEnvironment& environment, const std::wstring& local_path,
-                       const std::wstring& journal_path, const JournalState& state)
+CachedFile::CachedFile(const CacheEnvironment& environment, FileTable& table, std::string path)
     : env_(environment),
-      path_(state.path),
-      local_(local_path),
-      journal_(journal_path),
-      store_(state.store),
+      table_(table),
+      id_(environment.store.new_id()),
+      local_(L""),
+      fetches_(environment.transfers, *this, uint64_t{1} << environment.region_shift) {
+  record_.id = id_;
+  record_.path = std::move(path);
+  record_.local = text_of_id(new_id());
+  record_.store = RegionStore(env_.region_shift);
+  local_ = LocalFile(place_of(record_.local));
+}
+
+CachedFile::CachedFile(const CacheEnvironment& environment, FileTable& table, FileRecord record)
+    : env_(environment),
+      table_(table),
+      id_(record.id),
+      record_(std::move(record)),
+      local_(L""),
+      entry_(entry_of_new(record_.path, record_.size)),
       filled_(true),
-      unsaved_(true) {
-  base_.version = state.base_version;
-  base_.size = state.base_size;
+      clean_size_(record_.size),
+      fetches_(environment.transfers, *this, uint64_t{1} << record_.store.shift()) {
+  local_ = LocalFile(place_of(record_.local));
 }
 
-/* ------------------------------------------------------------------ opens */
+CachedFile::~CachedFile() {
+  fetches_.stop();
+  if (!is_on_record(record_.state)) {
+    local_.remove();
+  }
+}
 
-int CachedFile::attach(FileOpen* open, bool truncate, uint32_t client_pid, FileView* view) {
-  Guard guard(lock_);
-  int err = bring_up_to_date();
-  if (err == 0) {
-    err = local_.open_for(client_pid, &view->handle);
+std::wstring CachedFile::place_of(const std::string& name) const {
+  std::wstring wide;
+  wide_from_utf8(name, &wide);
+  return env_.folder + L'\\' + wide;
+}
+
+std::string CachedFile::path() const {
+  const std::lock_guard guard(lock_);
+  return record_.path;
+}
+
+/* ------------------------------------------------------------------ opening */
+
+int CachedFile::attach(FileOpen* open, const std::string& path, const AttachHow& how,
+                       FileView* view) {
+  Turn turn(*this);
+  if (folded_path(record_.path) != folded_path(path) || record_.state.content == Content::GONE) {
+    return OX_EAGAIN;
   }
-  if (err == 0 && truncate) {
-    err = empty();
-    if (err != 0) {
-      LocalFile::take_back(client_pid, view->handle);
-    }
-  }
+  int err = how.create ? begin_new(turn) : bring_up_to_date(how);
+  err = err != 0 ? err : hand_out(turn, how, &view->handle);
   if (err != 0) {
-    close_unused();
+    abandon(turn);
     return err;
   }
-  attached_++;
+  const std::lock_guard guard(lock_);
+  opens_.push_back(open);
   open->attached = true;
-  shown_ = true;
   open->emptied = emptied_;
-  if (open->writable && !store_.dirty().empty()) {
-    become_writer(open);
-  }
-  fill_view(*open, view);
+  open->may_write = open->writable && !record_.store.dirty().empty();
+  fill_view(open, view);
   return 0;
 }
 
-int CachedFile::bring_up_to_date() {
-  CloudEntry entry;
-  if (const int err = env_.cloud.status(path_, &entry)) {
-    return err;
+/* The handle first: an open that is refused has emptied nothing. */
+int CachedFile::hand_out(Turn& turn, const AttachHow& how, uint64_t* handle) {
+  int err = local_.open_for(how.client_pid, handle);
+  uint64_t size = 0;
+  if (err == 0 && how.truncate) {
+    err = local_.size(&size);
+    if (err == 0 && (size != 0 || record_.store.limit() != 0)) {
+      err = cut(turn, 0, true);
+    }
+    if (err != 0) {
+      LocalFile::take_back(how.client_pid, *handle);
+    }
   }
-  if (entry.size > store_.max_file_size()) {
+  return err;
+}
+
+/* After an open that failed: nothing may stay that only a close would end. */
+void CachedFile::abandon(Turn& turn) {
+  if (!opens_.empty()) {
+    return;
+  }
+  Work work;
+  const bool made = record_.is_new && record_.state == FileState{Content::DIRTY, Change::NONE};
+  if (record_.state.content != Content::CLEAN) {
+    carry_out(turn, made ? Event::REMOVE : Event::CLOSE, work);
+  }
+  local_.close();
+}
+
+int CachedFile::bring_up_to_date(const AttachHow& how) {
+  const CloudEntry& entry = how.entry;
+  if (entry.size > record_.store.max_file_size()) {
     return OX_EFBIG;
   }
-  const bool in_use = attached_ > 0 || unsaved_;
-  if (!in_use && !(filled_ && same_content(entry, base_))) {
+  const bool in_use = !opens_.empty() || is_on_record(record_.state);
+  const bool same = entry.version == record_.base.version && entry.size == record_.base.size;
+  if (!in_use && !(filled_ && same)) {
     return refill(entry);
   }
-  const int err = local_.is_open() ? 0 : local_.open();
-  if (err == 0 && !in_use && resized_while_closed()) {
+  if (entry_.version.empty() && same && !record_.is_new) {
+    entry_ = entry;
+  }
+  const int err = local_.is_open() ? 0 : local_.open_existing();
+  if (!in_use && (err != 0 || resized_while_closed())) {
     return refill(entry);
   }
-  return err != 0 ? err : look_up_size();
+  return err;
 }
 
 /* A handle that outlived its open changed the size: nobody's content, and so not to be used. */
 bool CachedFile::resized_while_closed() const {
   uint64_t size = 0;
-  return local_.size(&size) != 0 || size != size_;
-}
-
-int CachedFile::open_local() {
-  const int err = local_.open();
-  return err != 0 ? err : look_up_size();
+  return local_.size(&size) != 0 || size != clean_size_;
 }
 
 /* Forgets the local content: the file is as long as the cloud's, and nothing of it is fetched. */
 int CachedFile::refill(const CloudEntry& entry) {
+  const NoFetches none(*this);
   filled_ = false;
   int err = local_.is_open() ? 0 : local_.open();
-  if (err == 0) {
-    err = local_.set_size(0);
+  err = err != 0 ? err : local_.set_size(0);
+  err = err != 0 ? err : local_.set_size(entry.size);
+  if (err != 0) {
+    return err;
   }
-  if (err == 0) {
-    err = local_.set_size(entry.size);
+  const std::lock_guard guard(lock_);
+  record_.store.fill(entry.size);
+  record_.base = {entry.path, entry.version, entry.size};
+  record_.is_new = false;
+  record_.size = clean_size_ = entry.size;
+  entry_ = entry;
+  filled_ = true;
+  fillings_++;
+  return 0;
+}
+
+/* On record at once: a file that was made goes up with its close, though nothing was written. */
+int CachedFile::begin_new(Turn& turn) {
+  int err = local_.open();
+  err = err != 0 ? err : local_.set_size(0);
+  if (err != 0) {
+    return err;
   }
-  if (err == 0) {
-    store_.fill(entry.size);
-    base_ = entry;
+  {
+    const std::lock_guard guard(lock_);
+    record_.store.fill(0);
+    record_.is_new = true;
+    entry_ = entry_of_new(record_.path, 0);
     filled_ = true;
-    fillings_++;
-    err = look_up_size();
+  }
+  Work work;
+  work.edit = [](FileRecord&) {};
+  return carry_out(turn, Event::CHANGE, work);
+}
+
+void CachedFile::fill_view(FileOpen* open, FileView* view) const {
+  const RegionStore& store = record_.store;
+  const bool newer = is_on_record(record_.state);
+  local_.size(&view->size);
+  view->modified = newer ? local_.modified() : entry_.modified;
+  view->newer = newer;
+  view->shift = store.shift();
+  view->map_bytes = store.map_bytes(view->size);
+  /* A read-only open is deliberately shown no dirty region: whatever it writes (for a mapped file)
+   * it reports, so that its close is known to need an upload. */
+  view->maps = store.maps(view->map_bytes, open->writable);
+  view->entry = entry_;
+  view->fillings = fillings_;
+  open->map_regions = uint64_t{view->map_bytes} * 8;
+}
+
+/* ------------------------------------------------------------------ closing */
+
+int CachedFile::detach(FileOpen* open, Closing how) {
+  bool waits = false;
+  uint64_t attempts = 0;
+  int err = close(open, how, &waits, &attempts);
+  if (err == 0 && waits) {
+    err = wait_for_upload(attempts);
+    if (err != 0) {
+      stay_open(open);
+    }
   }
   return err;
 }
 
-void CachedFile::close_unused() {
-  if (attached_ == 0) {
-    local_.close();
-  }
-}
-
-int CachedFile::empty() {
-  if (size_ == 0 && store_.limit() == 0) {
-    return 0;
-  }
-  if (const int err = local_.set_size(0)) {
-    return err;
-  }
-  store_.truncate(0);
-  emptied_++;
-  const int err = look_up_size();
-  const int noted = note_unsaved({});
-  return err != 0 ? err : noted;
-}
-
-void CachedFile::fill_view(const FileOpen& open, FileView* view) const {
-  view->size = size_;
-  view->modified = unsaved_ ? local_.modified() : base_.modified;
-  view->newer = unsaved_ || writers_ > 0;
-  view->map_bytes = store_.map_bytes(size_);
-  /*
-   * A read-only open is deliberately shown no dirty region: whatever it writes (for a mapped file)
-   * it reports, so that its close is known to need a write-back.
-   */
-  view->maps = store_.maps(view->map_bytes, open.writable);
-  view->entry = base_;
-  view->fillings = fillings_;
-}
-
-int CachedFile::detach(FileOpen* open, Closing how) {
-  Guard guard(lock_);
+int CachedFile::close(FileOpen* open, Closing how, bool* waits, uint64_t* attempts) {
+  Turn turn(*this);
   if (!open->attached) {
     return OX_EBADF;
   }
-  const uint32_t writers = writers_;
-  writers_ -= open->may_write ? 1 : 0;
-  int err = look_up_size();
-  if (err == 0 && must_write_back(*open, how)) {
-    err = write_back();
-  }
+  const bool modified = how == Closing::MODIFIED ||
+                        (how == Closing::SERVICE_ENDS && open->may_write);
+  *attempts = attempts_;
+  Work work;
+  work.leaving = open;
+  int err = note_size(turn);
+  err = err != 0 ? err
+                 : carry_out(turn,
+                             how == Closing::CLIENT_DIED ? Event::CLIENT_DIED
+                             : modified                  ? Event::CLOSE_MODIFIED
+                                                         : Event::CLOSE,
+                             work);
   if (err != 0 && how != Closing::CLIENT_DIED) {
-    writers_ = writers;
     return err;
   }
-  attached_--;
-  open->attached = false;
-  forget_dirty();
-  if (attached_ == 0) {
-    leave_local(how);
-  }
+  *waits = work.enqueued && (how == Closing::MODIFIED || how == Closing::UNMODIFIED);
+  leave(open, how);
   return 0;
 }
 
+/* A size that the client never told of is a change like any other. */
+int CachedFile::note_size(Turn& turn) {
+  uint64_t size = 0;
+  const int err = local_.size(&size);
+  const bool clean = record_.state.content == Content::CLEAN;
+  const bool untold = size < record_.store.limit() || (clean && size != clean_size_);
+  return err != 0 || !untold ? err : cut(turn, size, false);
+}
+
 /*
- * The last open is gone. The handle of a client that "died" by closing its connections could still
- * write: its local file is not used again.
+ * The handle of a client that "died" by closing its connections could still write: its local file
+ * is not used again.
  */
-void CachedFile::leave_local(Closing how) {
-  local_.close();
-  shown_ = unsaved_;
-  if (!unsaved_ && (deleted_ || how == Closing::CLIENT_DIED)) {
-    discard_locked();
+void CachedFile::leave(FileOpen* open, Closing how) {
+  {
+    const std::lock_guard guard(lock_);
+    open->attached = false;
+    std::erase(opens_, open);
+  }
+  if (!opens_.empty()) {
+    return;
+  }
+  const NoFetches none(*this);
+  const std::lock_guard guard(lock_);
+  if (local_.is_open()) {
+    modified_ = local_.modified();
+    local_.close();
+  }
+  if (how == Closing::CLIENT_DIED && record_.state == FileState{}) {
+    local_.remove();
+    record_.local = text_of_id(new_id());
+    local_ = LocalFile(place_of(record_.local));
+    filled_ = false;
+  }
+  if (record_.state.content == Content::GONE) {
+    local_.remove();
   }
 }
 
-bool CachedFile::must_write_back(const FileOpen& open, Closing how) const {
-  const bool silent = open.may_write && (how == Closing::CLIENT_DIED || !open.writable);
-  return how == Closing::MODIFIED || silent || (unsaved_ && attached_ == 1);
-}
-
-/* Dirty regions stay so, and the journal with them, while an open may write to them silently. */
-void CachedFile::forget_dirty() {
-  if (!unsaved_ && writers_ == 0) {
-    store_.clear_dirty();
-    if (journal_.exists()) {
-      journal_.remove();
+/* Its close was refused: it may write on without a word, so the sealed bytes are put aside. */
+void CachedFile::stay_open(FileOpen* open) {
+  Turn turn(*this);
+  const RegionStore sealed = record_.sealed.store;
+  Work work;
+  work.edit = [&](FileRecord& record) {
+    for (const auto& [first, end] : sealed.dirty().runs()) {
+      record.store.mark_dirty({first, end});
     }
+  };
+  if (!local_.is_open()) {
+    local_.open_existing();
   }
-}
-
-void CachedFile::become_writer(FileOpen* open) {
-  if (!open->may_write) {
-    open->may_write = true;
-    writers_++;
-  }
+  carry_out(turn, Event::CHANGE, work);
+  const std::lock_guard guard(lock_);
+  opens_.push_back(open);
+  open->attached = true;
+  open->may_write = true;
 }
 
 /* ------------------------------------------------------------------ names */
 
 bool CachedFile::local_status(uint64_t* size, uint64_t* modified) {
-  if (!shown_) {
+  const std::lock_guard guard(lock_);
+  const bool newer = is_on_record(record_.state);
+  if (record_.state.content == Content::GONE || (opens_.empty() && !newer)) {
     return false;
   }
-  std::unique_lock attempt(lock_, std::try_to_lock);
-  if (!attempt.owns_lock()) {
-    *size = shown_size_;
-    return true;
+  *size = record_.size;
+  if (local_.is_open()) {
+    local_.size(size);
+    modified_ = local_.modified();
   }
-  if (local_.is_open() && look_up_size() == 0 && (unsaved_ || writers_ > 0)) {
-    *modified = local_.modified();
+  if (newer && modified_ != 0) {
+    *modified = modified_;
   }
-  *size = size_;
   return true;
 }
 
-CachedFile::Hold CachedFile::hold_for_move() {
-  Hold hold{std::unique_lock(lock_), false};
-  CloudEntry before;
-  hold.current = filled_ && env_.cloud.status(path_, &before) == 0 && same_content(before, base_);
-  return hold;
-}
-
-cfs_id_t CachedFile::moved(const Hold& hold, const std::string& path) {
-  path_ = path;
-  CloudEntry now;
-  if (env_.cloud.status(path_, &now) == 0) {
-    path_ = now.path;
-    base_ = hold.current ? now : base_;
+bool CachedFile::new_entry(CloudEntry* entry) {
+  const std::lock_guard guard(lock_);
+  if (!record_.is_new || !is_on_record(record_.state)) {
+    return false;
   }
-  renew_journal();
-  return now.id;
+  *entry = entry_;
+  entry->path = record_.path;
+  entry->name = record_.path.substr(record_.path.rfind('/') + 1);
+  return true;
 }
 
-int CachedFile::remove(const std::string& path, bool in_use) {
-  Guard guard(lock_);
+CachedFile::Hold::Hold(std::shared_ptr<CachedFile> file)
+    : file_(std::move(file)), turn_(std::make_unique<Turn>(*file_)) {
+  if (is_uploading(file_->record_.state.change)) {
+    turn_->end_upload();
+  }
+}
+CachedFile::Hold::Hold(Hold&&) noexcept = default;
+CachedFile::Hold::~Hold() = default;
+
+FileRecord CachedFile::moving(const std::string& to) {
+  const std::lock_guard guard(lock_);
+  record_.moving_to = to;
+  return record_;
+}
+
+FileRecord CachedFile::moved(const std::string& path, const CloudEntry& before,
+                             const CloudEntry* now) {
+  const std::lock_guard guard(lock_);
+  if (record_.base.path == record_.path) {
+    record_.base.path = path;
+  }
+  record_.path = path;
+  record_.moving_to.clear();
+  entry_.path = path;
+  entry_.name = path.substr(path.rfind('/') + 1);
+  if (now != nullptr && !now->folder && before.version == record_.base.version) {
+    record_.base.version = now->version;
+    entry_ = *now;
+  }
+  return record_;
+}
+
+int CachedFile::remove(const std::string& version, bool in_use) {
   if (in_use) {
-    int err = look_up_size();
-    err = err != 0 ? err : fetch_all(store_.regions(0, size_));
-    if (err != 0) {
+    if (const int err = fetch_all(record_.store.regions(0, record_.size))) {
       return err;
     }
   }
-  if (const int err = env_.cloud.remove(path)) {
-    return err;
-  }
-  CloudEntry behind_link;
-  if (env_.cloud.status(path_, &behind_link) == 0) {
-    return 0;
-  }
-  deleted_ = true;
-  unsaved_ = false;
-  shown_ = false;
-  journal_.remove();
-  if (attached_ == 0) {
-    discard_locked();
-  }
-  return 0;
+  Turn turn(*this);
+  Work work;
+  work.version = version;
+  return carry_out(turn, Event::REMOVE, work);
 }
 
 /* ------------------------------------------------------------------ without an open */
 
-bool CachedFile::has_unsaved() {
-  Guard guard(lock_);
-  return unsaved_ || writers_ > 0;
+/* A cut that was on record and did not come about is done first. */
+void CachedFile::recover() {
+  Turn turn(*this);
+  uint64_t size = 0;
+  LocalFile file(place_of(record_.local));
+  if (record_.has_cut && file.open_existing() == 0 && file.size(&size) == 0 &&
+      size > record_.cut) {
+    file.set_size(record_.cut);
+  }
+  file.close();
+  Work work;
+  carry_out(turn, Event::RESTART, work);
 }
 
-void CachedFile::discard() {
-  Guard guard(lock_);
-  discard_locked();
+bool CachedFile::has_unsaved() const {
+  const std::lock_guard guard(lock_);
+  return is_on_record(record_.state);
 }
 
-void CachedFile::discard_locked() {
-  local_.remove();
-  journal_.remove();
-  /* A deleted file's name is not free before its last handle is closed. */
-  local_ = LocalFile(new_local_path(env_));
-  journal_ = Journal(local_.path() + L".journal");
-  filled_ = false;
+bool CachedFile::is_gone() const {
+  const std::lock_guard guard(lock_);
+  return record_.state.content == Content::GONE;
 }
 
-}  // namespace tarnd
+uint64_t CachedFile::cached_bytes() const {
+  const std::lock_guard guard(lock_);
+  uint64_t regions = 0;
+  for (const auto& [first, end] : record_.store.present().runs()) {
+    regions += end - first;
+  }
+  return regions << record_.store.shift();
+}
+
+} /* namespace tarnd */

@@ -5,55 +5,97 @@
  * its own, and asks here first for regions that its copy of the maps does not show; so what this
  * object knows is what it told, and the local file's size is looked up, never remembered.
  *
- * When data goes back to the cloud: with a close that has the mark "modified"; with the last close
- * of a file that was truncated or has regions reported dirty since the last time, marked or not;
- * with the close of a read-only open that reported a region (it writes for a mapped file, and its
- * mark travels with another open's close, or with none); and when the client of an open that may
- * have written dies. The whole content is written, composed as region_store.h says.
+ * What is to be done when something happens, and in which order, file_machine.h decides; this class
+ * does it. A change of the content is on record before it happens. A close that has something to
+ * seal flushes the local file, records the seal, puts the file into the upload queue, and waits a
+ * little for the upload.
  *
- * When the cloud's file changes behind the cache: while nothing is open and nothing waits to be
- * written back, the cache is filled anew at the next open. Otherwise no region is fetched any more
- * (EIO), since it would belong to another content; a write-back still replaces the cloud's file
- * when every byte of it is local, and is refused with EIO when not.
+ * When the cloud's file changes behind the cache: while nothing is open and nothing waits, the cache
+ * is filled anew at the next open. Otherwise no region is fetched any more (EIO), since it would
+ * belong to another content, and a change that goes up becomes a file beside the cloud's.
  *
- * Threads: any. `lock_` guards everything but the fields that are fixed after creation, and is held
- * through fetches and write-backs. `path_` changes under it and under the namespace lock of
- * open_files.h, so either is enough to read it.
+ * Threads: any. Two things guard a file:
+ *   - its turn: one thread at a time changes the content, seals it, begins or ends an upload, opens,
+ *     closes, renames or deletes it. It may be held over work on the disk and over the cloud's part
+ *     of a rename or delete, never over a fetch or an upload. Others wait for it, by `moved_on_`;
+ *   - `lock_`, held for moments, guards the fields. Those that only change under the turn may be
+ *     read by its holder without it.
+ * Fetches take neither; who cuts the file ends them first.
  */
 #ifndef SERVICE_CACHED_FILE_H
 #define SERVICE_CACHED_FILE_H
 
-#include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "cloud/cloud.h"
 #include "counters.h"
-#include "files/journal.h"
+#include "files/file_machine.h"
 #include "files/local_file.h"
 #include "files/range_locks.h"
-#include "files/region_store.h"
+#include "files/sealed_content.h"
+#include "state/state_store.h"
+#include "transfer/file_fetches.h"
+#include "transfer/read_ahead.h"
+#include "transfer/transfer_engine.h"
 
 namespace tarnd {
+
+class CachedFile;
+
+/* The table of all cached files, as one of them sees it. Called without any lock of the file. */
+class FileTable {
+ public:
+  virtual ~FileTable() = default;
+
+  /* Another path for a content that lost: the next one that no cached file has or had. */
+  virtual std::string conflict_path(const std::string& path) = 0;
+  /* The file has this path now; its opens go with it. */
+  virtual void took_path(CachedFile& file, const std::string& before) = 0;
+  /* A file that came of another one's torn content. */
+  virtual void adopt(FileRecord record) = 0;
+  /* Its change may go up. */
+  virtual void enqueue(CachedFile& file) = 0;
+  /* Ends its upload soon, and takes it out of the queue. */
+  virtual void cancel_upload(CachedFile& file) = 0;
+};
 
 /* What all cached files of a service share; outlives them. */
 struct CacheEnvironment {
   Cloud& cloud;
+  StateStore& store;
+  TransferEngine& transfers;
   Counters& counters;
-  std::wstring folder; /* where the cache files and journals are */
+  std::function<CloudContext()> context; /* for one call of the cloud */
+  std::wstring folder;                   /* where the local files are */
   int region_shift;
+  std::chrono::milliseconds write_back_wait;
+  std::function<bool(uint64_t bytes)> may_fetch; /* whether the disk has room for them */
 };
 
-/* A file's part of one open. Guarded by the file's lock, but for what is fixed. */
+/* A file's part of one open. Guarded by the file's turn, but for what is fixed. */
 struct FileOpen {
   uint64_t number = 0;       /* fixed; the owner in the file's range locks */
-  bool attached = false;     /* from Attach to Detach: in between alone may it ask for anything */
+  bool attached = false;     /* from attach() to detach(): in between alone may it ask */
   bool writable = false;     /* fixed */
   bool may_write = false;    /* told of a dirty region: may write there again without a word */
   bool without_maps = false; /* told that the file is empty: asks and tells nothing any more */
   uint64_t emptied = 0;      /* the file's count of emptyings that the open's maps have seen */
+  uint64_t map_regions = 0;  /* fixed: regions that its maps have room for */
+  ReadAhead reads;           /* guarded by the file's lock */
+};
+
+/* How a file is to be opened. */
+struct AttachHow {
+  uint32_t client_pid = 0;
+  bool truncate = false;
+  bool create = false; /* not in the cloud yet */
+  CloudEntry entry;    /* the cloud's, just looked up */
 };
 
 /* What an open is told. */
@@ -61,10 +103,11 @@ struct FileView {
   uint64_t size = 0;
   uint64_t modified = 0; /* Windows file time */
   bool newer = false;    /* than the cloud's */
+  int shift = 0;
   size_t map_bytes = 0;
   std::vector<uint8_t> maps; /* the cached one, then the dirty one */
   uint64_t handle = 0;       /* of the local file, in the client's process */
-  CloudEntry entry;          /* the cloud's file that the cache was filled from */
+  CloudEntry entry;          /* of the content that the cache was filled from */
   uint64_t fillings = 0;
 };
 
@@ -76,29 +119,34 @@ struct RegionAnswer {
   bool clear = false;  /* the file was emptied: the open drops its maps */
 };
 
-/* How an open ends. */
-enum class Closing { UNMODIFIED, MODIFIED, CLIENT_DIED };
+/* How an open ends. SERVICE_ENDS: like a close, but nobody waits for the answer. */
+enum class Closing { UNMODIFIED, MODIFIED, CLIENT_DIED, SERVICE_ENDS };
 
 /* Results are 0 or an error number of ox_errno.h. */
-class CachedFile {
+class CachedFile : public std::enable_shared_from_this<CachedFile>, private FetchTarget {
+  class Turn;
+
  public:
-  CachedFile(const CacheEnvironment& environment, std::string path);
-  /* A file that a killed service left: its journal, already loaded, and its local file. */
-  CachedFile(const CacheEnvironment& environment, const std::wstring& local_path,
-             const std::wstring& journal_path, const JournalState& state);
+  /* A clean file, of which nothing is cached yet. */
+  CachedFile(const CacheEnvironment& environment, FileTable& table, std::string path);
+  /* One on record. */
+  CachedFile(const CacheEnvironment& environment, FileTable& table, FileRecord record);
+  /* A file that nothing needs any more takes its local file along. */
+  ~CachedFile();
 
   RangeLocks& locks() { return locks_; }
-  const std::string& path() const { return path_; }
+  int64_t id() const { return id_; }
+  std::string path() const;
 
   /*
    * Adds an open: brings the cache up to date with the cloud where it may, empties the file when
-   * `truncate` is set, and hands out the local file.
+   * asked to, and hands out the local file. OX_EAGAIN: the file has another path than the one
+   * given by now.
    */
-  int attach(FileOpen* open, bool truncate, uint32_t client_pid, FileView* view);
+  int attach(FileOpen* open, const std::string& path, const AttachHow& how, FileView* view);
   /*
-   * Ends an open. An error (the write-back failed) leaves the open as it was; not when the client
-   * died: then the data stays here, and on disk with its journal, for the next open of the file,
-   * the end of this service or the start of the next one.
+   * Ends an open. An error leaves the open as it was: the seal was not recorded, or the cloud
+   * refuses this content for good. Not when the client died.
    */
   int detach(FileOpen* open, Closing how);
 
@@ -109,101 +157,183 @@ class CachedFile {
    */
   int cache_regions(FileOpen* open, uint64_t offset, uint64_t length, bool truncating,
                     RegionAnswer* answer);
-  /*
-   * Marks the regions of a range dirty, fetching what is not there: a region is never half local.
-   */
+  /* Marks the regions of a range dirty, fetching what is not there: none is ever half local. */
   int dirty_regions(FileOpen* open, uint64_t offset, uint64_t length, RegionAnswer* answer);
   /* Sets the file's size; the client does so, too, after the answer. */
   int truncate(FileOpen* open, uint64_t size);
 
-  /* Size and time as they are locally; false when the cloud's are the truth. Never waits. */
+  /* Size and time as they are locally; false when the cloud's are the truth. */
   bool local_status(uint64_t* size, uint64_t* modified);
+  /* The entry of a file that is not in the cloud yet; false for all others. */
+  bool new_entry(CloudEntry* entry);
 
-  /*
-   * A rename of the file, or of a folder above it, in the cloud: as long as the hold lives, every
-   * request of the file waits.
-   */
-  struct Hold {
-    std::unique_lock<std::mutex> lock;
-    bool current = false; /* the cloud's file is still the one that the cache was filled from */
+  /* A rename in the cloud, of the file or of a folder above it; ends an upload and keeps others
+   * from beginning. */
+  class Hold {
+   public:
+    explicit Hold(std::shared_ptr<CachedFile> file);
+    Hold(Hold&&) noexcept;
+    Hold& operator=(Hold&&) = delete;
+    ~Hold();
+
+    CachedFile& file() const { return *file_; }
+
+   private:
+    std::shared_ptr<CachedFile> file_;
+    std::unique_ptr<Turn> turn_;
   };
-  Hold hold_for_move();
   /*
-   * Under the hold: takes the new path on, for all that is still to be written back, and returns
-   * the file's id there; a zero one when it is gone.
+   * Under the hold: where it is to go (empty: nowhere, after all), and that it is there. `before`
+   * and `now` are the cloud's entries of what was renamed; `now` is null for a file that is not in
+   * the cloud. The record is to be saved, unless nothing of the file is on record.
    */
-  cfs_id_t moved(const Hold& hold, const std::string& path);
-  /*
-   * Deletes the cloud's file; what the opens hold lives on until they close, and goes nowhere. With
-   * `in_use` (somebody may still read) it is fetched whole before. `path` as it was asked: a link
-   * to the file may go without it.
-   */
-  int remove(const std::string& path, bool in_use);
+  FileRecord moving(const std::string& to);
+  FileRecord moved(const std::string& path, const CloudEntry& before, const CloudEntry* now);
 
-  /* Whether data waits here to be written back, or may come without a word. */
-  bool has_unsaved();
-  /* Writes back what waits. 0 also when there is nothing. */
-  int save();
-  /* Deletes the local file and its journal. For a file without opens and without unsaved data. */
-  void discard();
-  /* Whether the cloud holds this content already: a service was killed after the write-back. */
-  bool same_as_cloud();
+  /*
+   * Deletes the cloud's file, of this version; what opens hold lives on until they close, and goes
+   * nowhere. With `in_use` (somebody may still read) it is fetched whole before.
+   */
+  int remove(const std::string& version, bool in_use);
+
+  /* Sends the change up, on a thread of the upload queue. */
+  CloudResult upload(const CloudContext& context);
+  /* What a service that was killed left: torn content goes, the change into the queue. */
+  void recover();
+
+  /* Whether something waits here for the cloud, or may come without a word. */
+  bool has_unsaved() const;
+  /* Deleted, or never made after all. */
+  bool is_gone() const;
+  uint64_t cached_bytes() const;
 
  private:
-  using Guard = std::lock_guard<std::mutex>;
-  static constexpr size_t TRANSFER = size_t{1} << 20; /* bytes that are moved at once */
+  /* One event on its way through the machine. */
+  struct Work {
+    const FileOpen* leaving = nullptr; /* the open that ends with it */
+    std::function<void(FileRecord& record)> edit = nullptr; /* of CHANGE and UPLOADED */
+    bool regions_only = false;                    /* the edit marks `regions` dirty, no more */
+    Run regions = {};
+    std::function<int()> apply = nullptr; /* 0 or an error, after which nothing has changed */
+    uint64_t size = 0;                    /* of the local file, when the plan began */
+    std::string version = {};             /* of the file to be removed */
+    bool enqueued = false;                /* the change may go up from now on */
+    std::string aside = {};               /* the copy that was made */
+    std::string old_aside = {};           /* the one that it replaces */
+  };
+  /* Holds the file's turn for its lifetime. */
+  class Turn {
+   public:
+    explicit Turn(CachedFile& file);
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+    ~Turn();
+    /* Gives it away until no upload runs, which ends soon. */
+    void end_upload();
 
-  static bool same_content(const CloudEntry& a, const CloudEntry& b);
-  /* All of these want lock_ held. */
-  int bring_up_to_date();
-  bool resized_while_closed() const;
-  int open_local();
-  void close_unused();
-  int refill(const CloudEntry& entry);
-  int empty();
-  int check(const FileOpen& open);
-  int look_up_size();
-  void become_writer(FileOpen* open);
-  bool tell_emptied(FileOpen* open);
+   private:
+    CachedFile& file_;
+  };
+  using Lock = std::unique_lock<std::mutex>;
+
+  /* cached_file_machine.cpp: a plan and its actions; with the turn. */
+  int carry_out(Turn& turn, Event event, Work& work);
+  Facts facts_of(const FileOpen* leaving) const;
+  int perform(const Step& step, Event event, Work& work);
+  int commit(FileState after, Durability durability, Event event, Work& work);
+  void edit(FileRecord* record, FileState after, Event event, const Work& work) const;
+  void seal(FileRecord* record, FileState after, const Work& work) const;
+  int write_record(const FileRecord& record, Durability durability);
+  void set_state(FileState after);
+  int flush();
+  int copy_aside(Event event, Work& work);
+  int apply(const Work& work);
+  int remove_in_cloud(const Work& work);
+
+  /* cached_file_conflict.cpp: contents that must not replace the cloud's; with the turn. */
+  int spin_off(FileState after);
+  int drop_torn(FileState after);
+  int keep_torn(FileState after);
+  int keep_change();
+  int become_conflict(FileState after);
+  FileRecord rest_of(FileState after) const;
+  void part_from_local(FileRecord rest);
+
+  /* cached_file_upload.cpp */
+  CloudResult send(SealedContent& content, const CloudContext& context, CloudEntry* made);
+  Event event_of(const CloudResult& result, const SealedContent& content,
+                 const CloudContext& context);
+  CloudResult end_of_upload(Turn& turn, Event event, CloudResult result, const CloudEntry& made);
+  bool took_the_other_path(const CloudContext& context);
+  int wait_for_upload(uint64_t attempts);
+
+  /* cached_file_regions.cpp; the first three for the fetches, on any thread. */
+  FetchTarget::Source source() override;
+  int write(uint64_t offset, const char* data, size_t size) override;
+  void arrived(ByteRange range) override;
   int fetch_all(Run regions);
   int fetch_run(Run regions);
-  int fetch_bytes(Extent bytes);
-  int check_base();
-  int note_unsaved(Run dirty);
-  JournalState state_for_journal() const;
-  bool must_write_back(const FileOpen& open, Closing how) const;
-  void leave_local(Closing how);
-  int write_back();
-  void renew_journal();
-  int write_to_cloud();
-  int check_conflict();
-  int read_content(uint64_t size, uint64_t offset, void* buffer, size_t want, size_t* got);
-  int compare_with_cloud(bool* same);
-  void forget_dirty();
-  void discard_locked();
-  void fill_view(const FileOpen& open, FileView* view) const;
+  /* Ends all fetches, and keeps others from beginning for its lifetime. */
+  class NoFetches {
+   public:
+    explicit NoFetches(CachedFile& file);
+    NoFetches(const NoFetches&) = delete;
+    NoFetches& operator=(const NoFetches&) = delete;
+    ~NoFetches();
 
-  const CacheEnvironment& env_;          /* fixed */
-  RangeLocks locks_;                     /* has its own lock */
-  std::atomic<uint64_t> shown_size_ = 0; /* size_, for who does not wait */
-  std::atomic<bool> shown_ = false;      /* whether the local size is the truth */
+   private:
+    CachedFile& file_;
+  };
+  void read_ahead(FileOpen* open, uint64_t offset, uint64_t length);
+  int look_up_size(const FileOpen& open, uint64_t* size);
+  int change(Turn& turn, Work& work);
+  int cut(Turn& turn, uint64_t size, bool told);
+  bool has_stale_maps(const FileOpen& open) const;
+  bool tell_emptied(FileOpen* open, uint64_t size);
+  int report(Turn& turn, FileOpen* open, Run regions, uint64_t size);
+  uint64_t cached_up_to(const FileOpen& open, Run regions) const;
 
-  std::mutex lock_;
-  std::string path_;
+  /* cached_file.cpp; with the turn, but for the last. */
+  int bring_up_to_date(const AttachHow& how);
+  int refill(const CloudEntry& entry);
+  int begin_new(Turn& turn);
+  int hand_out(Turn& turn, const AttachHow& how, uint64_t* handle);
+  void abandon(Turn& turn);
+  bool resized_while_closed() const;
+  void fill_view(FileOpen* open, FileView* view) const;
+  int close(FileOpen* open, Closing how, bool* waits, uint64_t* attempts);
+  int note_size(Turn& turn);
+  void leave(FileOpen* open, Closing how);
+  void stay_open(FileOpen* open);
+  std::wstring place_of(const std::string& name) const;
+
+  const CacheEnvironment& env_; /* fixed */
+  FileTable& table_;            /* fixed */
+  const int64_t id_;
+  RangeLocks locks_;            /* has its own lock */
+
+  mutable std::mutex lock_;
+  std::condition_variable moved_on_; /* a turn, a fetch or an upload ended */
+  bool turn_taken_ = false;
+  /* Change under the turn (but store's present regions, which fetches add). */
+  FileRecord record_;
   LocalFile local_; /* open while there are opens */
-  Journal journal_;
-  RegionStore store_;
-  CloudEntry base_;       /* the cloud's file that the content is composed from */
-  bool filled_ = false;   /* base_, store_ and the local file belong together */
-  bool unsaved_ = false;  /* told of changes since the last write-back */
-  bool deleted_ = false;  /* in the cloud */
-  uint32_t attached_ = 0; /* opens */
-  uint32_t writers_ = 0;  /* opens with may_write */
-  uint64_t emptied_ = 0;  /* how often the file was cut to nothing */
-  uint64_t fillings_ = 0; /* how often the cache was filled from, or written to, the cloud */
-  uint64_t size_ = 0;     /* of the local file, when it was last looked up */
+  CloudEntry entry_;          /* of the content in `record_.base` */
+  bool filled_ = false;       /* record_, entry_ and the local file belong together */
+  uint64_t clean_size_ = 0;   /* of the local file while it is clean */
+  uint64_t modified_ = 0;     /* when the local file was last written, once it is closed */
+  uint64_t emptied_ = 0;      /* how often the file was cut to nothing */
+  uint64_t fillings_ = 0;     /* how often the cache was filled from, or written to, the cloud */
+  std::vector<FileOpen*> opens_;
+  /* Guarded by lock_ alone. */
+  unsigned fetching_ = 0;     /* threads that fetch */
+  bool fetches_stop_ = false; /* none may begin: the file is being cut */
+  std::shared_ptr<SealedContent> sending_;
+  uint64_t attempts_ = 0; /* uploads that ended */
+  CloudResult last_attempt_;
+  FileFetches fetches_; /* has its own lock; goes first, since it writes to the others */
 };
 
-}  // namespace tarnd
+} /* namespace tarnd */
 
 #endif

@@ -1,4 +1,4 @@
-/* A cached file: its regions, and how they are fetched. */
+/* A cached file: its regions, how they are fetched, and how the content changes. */
 #include <algorithm>
 
 #include "files/cached_file.h"
@@ -7,171 +7,292 @@
 
 namespace tarnd {
 
-/* The start of every request of an open: it may be closed already, the file may have a new size. */
-int CachedFile::check(const FileOpen& open) { return open.attached ? look_up_size() : OX_EBADF; }
+/* ------------------------------------------------------------------ fetching */
+
+FetchTarget::Source CachedFile::source() {
+  const std::lock_guard guard(lock_);
+  return {record_.base.path, record_.base.version};
+}
+
+int CachedFile::write(uint64_t offset, const char* data, size_t size) {
+  return local_.write(offset, data, size);
+}
+
+void CachedFile::arrived(ByteRange range) {
+  const std::lock_guard guard(lock_);
+  const Run regions = record_.store.regions(range.offset, range.length);
+  record_.store.mark_present(regions);
+  env_.counters.regions_fetched += regions.end - regions.first;
+  env_.counters.bytes_fetched += range.length;
+}
+
+CachedFile::NoFetches::NoFetches(CachedFile& file) : file_(file) {
+  Lock lock(file_.lock_);
+  file_.fetches_stop_ = true;
+  do {
+    lock.unlock();
+    file_.fetches_.stop();
+    lock.lock();
+  } while (!file_.moved_on_.wait_for(lock, std::chrono::milliseconds(10),
+                                     [&] { return file_.fetching_ == 0; }));
+}
+
+CachedFile::NoFetches::~NoFetches() {
+  const std::lock_guard guard(file_.lock_);
+  file_.fetches_stop_ = false;
+  file_.moved_on_.notify_all();
+}
+
+/* A fetch that a truncation ended begins anew: there may be nothing to fetch any more. */
+int CachedFile::fetch_all(Run regions) {
+  Lock lock(lock_);
+  int err = 0;
+  for (;;) {
+    moved_on_.wait(lock, [&] { return !fetches_stop_; });
+    const Run missing = record_.store.next_to_fetch(regions);
+    if (missing.empty()) {
+      return 0;
+    }
+    fetching_++;
+    lock.unlock();
+    err = fetch_run(missing);
+    lock.lock();
+    fetching_--;
+    moved_on_.notify_all();
+    if (err != 0 && !(err == OX_EAGAIN && fetches_stop_)) {
+      OX_LOG(OX_ERROR_LEVEL, err, "Cannot fetch %s", record_.path.c_str());
+      return err == OX_EAGAIN ? OX_EIO : err;
+    }
+  }
+}
+
+/* OX_EAGAIN: it was ended before its time. */
+int CachedFile::fetch_run(Run regions) {
+  Extent bytes;
+  {
+    const std::lock_guard guard(lock_);
+    bytes = record_.store.cloud_bytes(regions);
+  }
+  const uint64_t length = bytes.end - bytes.offset;
+  if (!env_.may_fetch(length)) {
+    return OX_ENOSPC;
+  }
+  const CloudResult result = fetches_.fetch({bytes.offset, length}, env_.context());
+  switch (result.code) {
+    case CloudCode::CANCELLED:
+      return OX_EAGAIN;
+    case CloudCode::CHANGED:
+    case CloudCode::NOT_FOUND:
+      return OX_EIO; /* a region of another content must not come between the fetched ones */
+    default:
+      return result.error;
+  }
+}
+
+/* Ahead of somebody who reads from front to back. */
+void CachedFile::read_ahead(FileOpen* open, uint64_t offset, uint64_t length) {
+  Lock lock(lock_);
+  const uint64_t limit = record_.store.limit();
+  const ByteRange ahead = open->reads.next(offset, length, limit);
+  const Run missing =
+      ahead.empty() ? Run{} : record_.store.next_to_fetch(record_.store.regions(
+                                  ahead.offset, ahead.length));
+  if (missing.empty() || fetches_stop_) {
+    return;
+  }
+  const Extent bytes = record_.store.cloud_bytes(missing);
+  fetching_++;
+  lock.unlock();
+  if (env_.may_fetch(bytes.end - bytes.offset)) {
+    fetches_.read_ahead({bytes.offset, bytes.end - bytes.offset}, env_.context());
+  }
+  lock.lock();
+  fetching_--;
+  moved_on_.notify_all();
+}
+
+/* ------------------------------------------------------------------ requests of an open */
 
 /*
- * The client may have changed the size, without a word when its truncate request failed: what is
- * past its end is gone, also when it is the cloud's, and the cloud is to get the new size.
+ * The start of every request. The client may have changed the size, without a word when its
+ * truncate request failed: what is past its end is gone, also when it is the cloud's, and the cloud
+ * is to get the new size.
  */
-int CachedFile::look_up_size() {
-  if (const int err = local_.size(&size_)) {
-    return err;
+int CachedFile::look_up_size(const FileOpen& open, uint64_t* size) {
+  {
+    Lock lock(lock_);
+    if (!open.attached) {
+      return OX_EBADF;
+    }
+    const int err = local_.size(size);
+    const bool clean = record_.state.content == Content::CLEAN;
+    if (err != 0 || *size >= record_.store.limit()) {
+      if (err != 0 || !clean || *size == clean_size_) {
+        return err;
+      }
+    }
   }
-  shown_size_ = size_;
-  const bool cut = size_ < store_.limit();
-  if (cut) {
-    store_.truncate(size_);
-  }
-  return cut || (size_ != base_.size && !unsaved_) ? note_unsaved({}) : 0;
+  Turn turn(*this);
+  return open.attached ? cut(turn, *size, false) : OX_EBADF;
 }
 
 /* An open whose maps speak of a content that is gone altogether drops them. */
-bool CachedFile::tell_emptied(FileOpen* open) {
-  if (open->emptied == emptied_ || size_ != 0 || store_.limit() != 0) {
+bool CachedFile::tell_emptied(FileOpen* open, uint64_t size) {
+  if (open->emptied == emptied_ || size != 0 || record_.store.limit() != 0) {
     return false;
   }
   open->emptied = emptied_;
   open->without_maps = true;
-  become_writer(open);
+  open->may_write = true;
   return true;
+}
+
+bool CachedFile::has_stale_maps(const FileOpen& open) const {
+  const std::lock_guard guard(lock_);
+  return open.emptied != emptied_;
+}
+
+/* Up to where all is local behind the regions, as far as the open's maps reach. */
+uint64_t CachedFile::cached_up_to(const FileOpen& open, Run regions) const {
+  const uint64_t file_end = record_.store.regions(0, record_.size).end;
+  const uint64_t last = std::max(regions.end, std::min(file_end, open.map_regions));
+  const Run missing = record_.store.next_to_fetch({regions.first, last});
+  return record_.store.start(missing.empty() ? last : std::max(missing.first, regions.end));
 }
 
 int CachedFile::cache_regions(FileOpen* open, uint64_t offset, uint64_t length, bool truncating,
                               RegionAnswer* answer) {
-  Guard guard(lock_);
-  if (const int err = check(*open)) {
+  if (const int err = look_up_size(*open, &answer->size)) {
     return err;
   }
-  answer->size = size_;
   if (open->without_maps && !truncating) {
     return OX_ENOTTY;
   }
-  if (!truncating && tell_emptied(open)) {
-    answer->clear = true;
-    return 0;
+  if (!truncating && has_stale_maps(*open)) {
+    Turn turn(*this);
+    answer->clear = tell_emptied(open, answer->size);
+    if (answer->clear) {
+      return report(turn, open, {}, answer->size);
+    }
   }
-  const Run regions = store_.regions(offset, length);
+  const Run regions = record_.store.regions(offset, length);
   if (regions.empty()) {
     return length == 0 ? 0 : OX_E2BIG;
   }
+  if (!truncating) {
+    read_ahead(open, offset, length);
+  }
   const int err = fetch_all(regions);
-  answer->start = store_.start(regions.first);
-  answer->cached = err == 0 ? store_.start(regions.end) - offset : 0;
+  const std::lock_guard guard(lock_);
+  answer->start = record_.store.start(regions.first);
+  answer->cached = err == 0 ? cached_up_to(*open, regions) - offset : 0;
+  open->reads.answered(offset + answer->cached);
   return err;
 }
 
 int CachedFile::dirty_regions(FileOpen* open, uint64_t offset, uint64_t length,
                               RegionAnswer* answer) {
-  Guard guard(lock_);
-  if (const int err = check(*open)) {
+  if (const int err = look_up_size(*open, &answer->size)) {
     return err;
   }
-  const uint64_t max = store_.max_file_size();
+  const uint64_t max = record_.store.max_file_size();
   if (offset > max || length > max - offset) {
     return OX_ENOSPC;
   }
   if (open->without_maps || length == 0) {
     return 0;
   }
-  if (tell_emptied(open)) {
-    answer->clear = true;
-    return note_unsaved({});
-  }
-  const Run regions = store_.regions(offset, length);
+  const Run regions = record_.store.regions(offset, length);
   if (const int err = fetch_all(regions)) {
     return err;
   }
-  const Run fresh = store_.dirty().contains(regions) ? Run{} : regions;
-  store_.mark_dirty(regions);
-  become_writer(open);
-  return note_unsaved(fresh);
+  Turn turn(*this);
+  if (!open->attached) {
+    return OX_EBADF;
+  }
+  answer->clear = tell_emptied(open, answer->size);
+  return report(turn, open, answer->clear ? Run{} : regions, answer->size);
+}
+
+/* The open may write to the regions from now on without a word. On record before it is told so. */
+int CachedFile::report(Turn& turn, FileOpen* open, Run regions, uint64_t size) {
+  if (record_.state.content != Content::GONE && open->may_write &&
+      record_.state.content != Content::CLEAN && record_.store.dirty().contains(regions)) {
+    return 0;
+  }
+  Work work;
+  work.regions_only = true;
+  work.regions = regions;
+  work.edit = [=](FileRecord& record) {
+    if (!regions.empty()) {
+      record.store.mark_dirty(regions);
+    }
+    record.size = size;
+  };
+  const int err = carry_out(turn, Event::CHANGE, work);
+  open->may_write = open->may_write || err == 0;
+  return err;
 }
 
 int CachedFile::truncate(FileOpen* open, uint64_t size) {
-  Guard guard(lock_);
-  int err = check(*open);
-  if (err != 0 || size > store_.max_file_size()) {
-    return err != 0 ? err : OX_ENOSPC;
+  uint64_t before = 0;
+  if (const int err = look_up_size(*open, &before)) {
+    return err;
   }
-  const Run grown{store_.regions(0, size_).end, store_.regions(0, size).end};
+  if (size > record_.store.max_file_size()) {
+    return OX_ENOSPC;
+  }
+  Turn turn(*this);
+  if (!open->attached) {
+    return OX_EBADF;
+  }
+  if (const int err = cut(turn, size, true)) {
+    return err;
+  }
+  open->may_write = true;
   if (size == 0) {
-    err = empty();
     open->emptied = emptied_;
     open->without_maps = true;
-  } else {
-    err = local_.set_size(size);
   }
+  return 0;
+}
+
+/*
+ * The file gets another size. `told`: it is still to be cut here; on record first, so that a killed
+ * service does it at its next start. Otherwise the client did so already.
+ */
+int CachedFile::cut(Turn& turn, uint64_t size, bool told) {
+  const NoFetches none(*this);
+  uint64_t before = size;
+  if (const int err = told ? local_.size(&before) : 0) {
+    return err;
+  }
+  const FileRecord old = record_;
+  Work work;
+  work.edit = [=](FileRecord& record) {
+    const Run grown = {record.store.regions(0, before).end, record.store.regions(0, size).end};
+    record.store.truncate(size);
+    if (!grown.empty()) {
+      record.store.mark_dirty(grown);
+    }
+    record.has_cut = told;
+    record.cut = size;
+    record.size = size;
+  };
+  work.apply = [=, this] { return told ? local_.set_size(size) : 0; };
+  const int err = carry_out(turn, Event::CHANGE, work);
+  const std::lock_guard guard(lock_);
   if (err != 0) {
-    return err;
+    record_.store = old.store;
+    record_.size = old.size;
+  } else if (told && size == 0) {
+    emptied_++;
   }
-  store_.truncate(size);
-  store_.mark_dirty(grown);
-  become_writer(open);
-  err = look_up_size();
-  const int noted = note_unsaved(grown);
-  return err != 0 ? err : noted;
+  if (record_.has_cut) {
+    record_.has_cut = false;
+    write_record(record_, Durability::PROCESS); /* failing that, the next report does it */
+  }
+  return err;
 }
 
-int CachedFile::fetch_all(Run regions) {
-  Run missing = store_.next_to_fetch(regions);
-  if (missing.empty()) {
-    return 0;
-  }
-  if (const int err = check_base()) {
-    return err;
-  }
-  /* Pieces of about a transfer: what was fetched counts, also when a later piece fails. */
-  const uint64_t piece = std::max<uint64_t>(1, TRANSFER >> std::min(store_.shift(), 62));
-  for (; !missing.empty(); missing = store_.next_to_fetch(regions)) {
-    missing.end = std::min(missing.end, missing.first + piece);
-    if (const int err = fetch_run(missing)) {
-      OX_LOG(OX_ERROR_LEVEL, err, "Cannot fetch %s", path_.c_str());
-      return err;
-    }
-  }
-  return 0;
-}
-
-int CachedFile::fetch_run(Run regions) {
-  const Extent bytes = store_.cloud_bytes(regions);
-  if (const int err = fetch_bytes(bytes)) {
-    return err;
-  }
-  store_.mark_present(regions);
-  env_.counters.regions_fetched += regions.end - regions.first;
-  env_.counters.bytes_fetched += bytes.end - bytes.offset;
-  return 0;
-}
-
-int CachedFile::fetch_bytes(Extent bytes) {
-  std::vector<char> buffer(std::min<uint64_t>(TRANSFER, bytes.end - bytes.offset));
-  while (bytes.offset < bytes.end) {
-    const size_t want = std::min<uint64_t>(buffer.size(), bytes.end - bytes.offset);
-    size_t got = 0;
-    int err = env_.cloud.read(path_, bytes.offset, buffer.data(), want, &got);
-    if (err == 0) {
-      err = got == want ? local_.write(bytes.offset, buffer.data(), want) : OX_EIO;
-    }
-    if (err != 0) {
-      return err;
-    }
-    bytes.offset += want;
-  }
-  return 0;
-}
-
-/* A region of another content must not come between the fetched ones. */
-int CachedFile::check_base() {
-  CloudEntry entry;
-  if (const int err = env_.cloud.status(path_, &entry)) {
-    return err;
-  }
-  if (!same_content(entry, base_)) {
-    OX_LOG(OX_ERROR_LEVEL, OX_EIO, "%s was changed in the cloud while it is open", path_.c_str());
-    return OX_EIO;
-  }
-  return 0;
-}
-
-}  // namespace tarnd
+} /* namespace tarnd */

@@ -40,6 +40,13 @@ int LocalFile::open() {
   return 0;
 }
 
+int LocalFile::open_existing() {
+  file_ = FileHandle(open_shared(path_, OPEN_EXISTING));
+  return file_.valid() ? 0 : last_error();
+}
+
+int LocalFile::flush() const { return FlushFileBuffers(file_.get()) != 0 ? 0 : last_error(); }
+
 void LocalFile::remove() {
   file_.close();
   DeleteFileW(path_.c_str());
@@ -51,6 +58,15 @@ int LocalFile::size(uint64_t* size) const {
     return last_error();
   }
   *size = static_cast<uint64_t>(found.QuadPart);
+  return 0;
+}
+
+int LocalFile::size_on_disk(uint64_t* size) const {
+  WIN32_FILE_ATTRIBUTE_DATA found;
+  if (GetFileAttributesExW(path_.c_str(), GetFileExInfoStandard, &found) == 0) {
+    return last_error();
+  }
+  *size = join(found.nFileSizeHigh, found.nFileSizeLow);
   return 0;
 }
 

@@ -26,12 +26,18 @@ class LocalFile {
 
   /* Opens the file, creating it when it is not there. */
   int open();
+  /* The same, when it is there: OX_ENOENT otherwise. */
+  int open_existing();
   void close() { file_.close(); }
   /* Closes and deletes it. */
   void remove();
 
   int size(uint64_t* size) const;
+  /* The same of a file that is not open. */
+  int size_on_disk(uint64_t* size) const;
   int set_size(uint64_t size) const;
+  /* What was written is on the disk afterwards. */
+  int flush() const;
   /* Up to `size` bytes; fewer only at the end of the file. */
   int read(uint64_t offset, void* buffer, size_t size, size_t* got) const;
   int write(uint64_t offset, const void* data, size_t size) const;

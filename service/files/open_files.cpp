@@ -3,17 +3,16 @@
 #include <algorithm>
 #include <utility>
 
+#include "names/conflict_name.h"
+#include "names/folded_path.h"
 #include "ox_errno.h"
+#include "ox_logging.h"
 
 namespace tarnd {
 namespace {
 
 /* Files that stay cached; beyond it those that were opened longest ago go. */
 constexpr size_t MAX_CACHED = 4096;
-
-bool is_below(const std::string& path, const std::string& folder) {
-  return path.size() > folder.size() && path.starts_with(folder) && path[folder.size()] == '/';
-}
 
 /* What an open with these access bits needs its neighbours to share. */
 uint32_t needed_share(uint32_t access) {
@@ -29,24 +28,44 @@ void release_locks(const OpenFile& open) {
   }
 }
 
-}  // namespace
+std::string today() {
+  SYSTEMTIME time;
+  GetLocalTime(&time);
+  char text[16];
+  snprintf(text, sizeof text, "%04u-%02u-%02u", unsigned{time.wYear}, unsigned{time.wMonth},
+           unsigned{time.wDay});
+  return text;
+}
+
+} /* namespace */
+
+OpenFiles::OpenFiles(const CacheEnvironment& environment, const CacheLimits& limits,
+                     std::string user, unsigned transfers)
+    : env_(environment),
+      limits_(limits),
+      user_(std::move(user)),
+      uploads_([this](uint64_t id, const CloudContext& context) { return upload(id, context); },
+               [this] { return env_.context().credentials; }, transfers) {}
+
+OpenFiles::~OpenFiles() { uploads_.stop(); }
 
 /* ------------------------------------------------------------------ the tables */
 
-int OpenFiles::add(const std::shared_ptr<OpenFile>& open, const CloudEntry& entry, uint32_t wants) {
+int OpenFiles::add(const std::shared_ptr<OpenFile>& open, const CloudEntry& entry,
+                   uint32_t wants) {
   Guard guard(table_);
   if (opens_.contains(open->id)) {
     return OX_EINVAL;
   }
   open->item = entry.id;
-  open->place = entry.id;
+  open->place = folded_path(entry.path);
   if (!sharing_allows(*open, wants)) {
     return OX_EACCES;
   }
   open->part.number = next_number_++;
   open->part.writable = (open->access & ACCESS_WRITE) != 0;
   if (!entry.folder) {
-    open->file = file_of(entry);
+    open->file = file_of(open->place, entry.path);
   }
   opens_.emplace(open->id, open);
   return 0;
@@ -55,7 +74,7 @@ int OpenFiles::add(const std::shared_ptr<OpenFile>& open, const CloudEntry& entr
 int OpenFiles::add_listing(const std::shared_ptr<OpenFile>& open, const CloudEntry& folder) {
   Guard guard(table_);
   open->item = folder.id;
-  open->place = folder.id;
+  open->place = folded_path(folder.path);
   return opens_.emplace(open->id, open).second ? 0 : OX_EINVAL;
 }
 
@@ -64,36 +83,45 @@ bool OpenFiles::sharing_allows(const OpenFile& open, uint32_t wants) const {
   const uint32_t needs = needed_share(wants);
   return std::all_of(opens_.begin(), opens_.end(), [&](const auto& item) {
     const OpenFile& other = *item.second;
-    return other.cleaned || other.access == 0 || wants == 0 || !same_id(other.place, open.place) ||
+    return other.cleaned || other.access == 0 || wants == 0 || other.place != open.place ||
            (covers(other.share, needs) && covers(open.share, needed_share(other.access)));
   });
 }
 
-std::shared_ptr<CachedFile> OpenFiles::file_of(const CloudEntry& entry) {
-  Cached& cached = files_[entry.id];
+std::shared_ptr<CachedFile> OpenFiles::file_of(const std::string& key, const std::string& path) {
+  Cached& cached = files_[key];
   if (cached.file == nullptr) {
-    cached.file = std::make_shared<CachedFile>(env_, entry.path);
+    cached.file = std::make_shared<CachedFile>(env_, *this, path);
   }
   cached.used = next_number_++;
-  std::shared_ptr<CachedFile> file = cached.file; /* stays, also if it is forgotten */
-  if (files_.size() > MAX_CACHED) {
-    forget_idle();
-  }
-  return file;
+  return cached.file;
 }
 
-/* A file to which only the table points is open nowhere, and its lock is free. */
-void OpenFiles::forget_idle() {
-  auto oldest = files_.end();
-  for (auto it = files_.begin(); it != files_.end(); ++it) {
-    const bool idle = it->second.file.use_count() == 1 && !it->second.file->has_unsaved();
-    if (idle && (oldest == files_.end() || it->second.used < oldest->second.used)) {
-      oldest = it;
+/*
+ * A file to which only the table points is open nowhere. Its local file goes with the pointer, and
+ * outside of the lock.
+ */
+void OpenFiles::trim() {
+  std::vector<std::pair<uint64_t, std::string>> idle; /* when used, key */
+  std::vector<std::shared_ptr<CachedFile>> dropped;
+  Guard guard(table_);
+  uint64_t bytes = 0;
+  for (const auto& [key, cached] : files_) {
+    bytes += cached.file->cached_bytes();
+    if (cached.file.use_count() == 1 && !cached.file->has_unsaved()) {
+      idle.emplace_back(cached.used, key);
     }
   }
-  if (oldest != files_.end()) {
-    oldest->second.file->discard();
-    files_.erase(oldest);
+  std::sort(idle.begin(), idle.end());
+  uint64_t over = limits_.over(bytes);
+  for (const auto& [used, key] : idle) {
+    if (over == 0 && files_.size() <= MAX_CACHED) {
+      break;
+    }
+    const auto it = files_.find(key);
+    over -= std::min(over, it->second.file->cached_bytes());
+    dropped.push_back(std::move(it->second.file));
+    files_.erase(it);
   }
 }
 
@@ -105,22 +133,27 @@ void OpenFiles::remove(const OpenFile& open) {
   {
     Guard guard(table_);
     opens_.erase(open.id);
+    const auto it = files_.find(open.place);
+    if (it != files_.end() && it->second.file == open.file && open.file->is_gone()) {
+      files_.erase(it);
+    }
   }
   release_locks(open);
 }
 
-std::shared_ptr<OpenFile> OpenFiles::find(const cfs_id_t& id) {
+std::shared_ptr<OpenFile> OpenFiles::find(const cfs_id_t& id, uint32_t client_pid) {
   Guard guard(table_);
   const auto it = opens_.find(id);
-  return it == opens_.end() ? nullptr : it->second;
+  const bool theirs = it != opens_.end() && client_pid != 0 && it->second->client_pid != client_pid;
+  return it == opens_.end() || theirs ? nullptr : it->second;
 }
 
-std::shared_ptr<OpenFile> OpenFiles::find_descriptor(const std::set<uint32_t>& clients, int32_t fd,
+std::shared_ptr<OpenFile> OpenFiles::find_descriptor(uint32_t client_pid, int32_t fd,
                                                      const cfs_id_t& item) {
   Guard guard(table_);
   for (const auto& [id, open] : opens_) {
     if (open->file != nullptr && !open->cleaned && open->client_fd == fd &&
-        clients.contains(open->client_pid) && same_id(open->item, item)) {
+        open->client_pid == client_pid && same_id(open->item, item)) {
       return open;
     }
   }
@@ -150,105 +183,26 @@ void OpenFiles::clean_up(OpenFile& open) {
   release_locks(open);
 }
 
-std::shared_ptr<CachedFile> OpenFiles::known(const cfs_id_t& item) {
+std::shared_ptr<CachedFile> OpenFiles::known(const std::string& key) {
   Guard guard(table_);
-  const auto it = files_.find(item);
+  const auto it = files_.find(key);
+  return it == files_.end() ? nullptr : it->second.file;
+}
+
+std::shared_ptr<CachedFile> OpenFiles::of_id(int64_t id) {
+  Guard guard(table_);
+  const auto it = std::find_if(files_.begin(), files_.end(),
+                               [&](const auto& item) { return item.second.file->id() == id; });
   return it == files_.end() ? nullptr : it->second.file;
 }
 
 std::vector<std::shared_ptr<CachedFile>> OpenFiles::all_files() {
   Guard guard(table_);
   std::vector<std::shared_ptr<CachedFile>> all;
-  for (const auto& [id, cached] : files_) {
+  for (const auto& [key, cached] : files_) {
     all.push_back(cached.file);
   }
   return all;
-}
-
-void OpenFiles::overlay(CloudEntry* entry) {
-  const std::shared_ptr<CachedFile> file = entry->folder ? nullptr : known(entry->id);
-  if (file != nullptr) {
-    file->local_status(&entry->size, &entry->modified);
-  }
-}
-
-/* ------------------------------------------------------------------ names */
-
-int OpenFiles::may_move(const CloudEntry& entry) {
-  const Guard guard(table_);
-  const bool blocked = std::any_of(opens_.begin(), opens_.end(), [&](const auto& item) {
-    const OpenFile& open = *item.second;
-    return !open.cleaned && open.access != 0 && (open.share & SHARE_DELETE) == 0 &&
-           same_id(open.place, entry.id);
-  });
-  return blocked ? OX_EACCES : 0;
-}
-
-bool OpenFiles::any_in_use_below(const std::string& folder) {
-  Guard guard(table_);
-  return std::any_of(opens_.begin(), opens_.end(), [&](const auto& item) {
-    const OpenFile& open = *item.second;
-    return open.file != nullptr && !open.cleaned && is_below(open.file->path(), folder);
-  });
-}
-
-/*
- * What a rename of the item moves in the cache. No request of these files goes on before the holds
- * are gone.
- */
-std::vector<OpenFiles::Moving> OpenFiles::hold_for_move(const CloudEntry& entry) {
-  std::vector<Moving> moving;
-  {
-    Guard guard(table_);
-    for (const auto& [id, cached] : files_) {
-      if (same_id(id, entry.id) || is_below(cached.file->path(), entry.path)) {
-        moving.push_back({id, cached.file, {}});
-      }
-    }
-  }
-  for (Moving& item : moving) {
-    item.hold = item.file->hold_for_move();
-  }
-  return moving;
-}
-
-int OpenFiles::rename(const CloudEntry& entry, const std::string& from, const std::string& to) {
-  if (entry.folder && any_in_use_below(entry.path)) {
-    return OX_EBUSY;
-  }
-  std::vector<Moving> moving = hold_for_move(entry);
-  if (const int err = env_.cloud.rename(from, to, false)) {
-    return err;
-  }
-  CloudEntry now;
-  if (env_.cloud.status(to, &now) != 0) {
-    now.path = to; /* gone again already */
-  }
-  std::vector<std::pair<cfs_id_t, cfs_id_t>> moves = {{entry.id, now.id}};
-  for (Moving& item : moving) {
-    const std::string tail = item.file->path().substr(entry.path.size());
-    moves.emplace_back(item.id, item.file->moved(item.hold, now.path + tail));
-  }
-  moving.clear();
-  for (const auto& [before, after] : moves) {
-    moved(before, after);
-  }
-  return 0;
-}
-
-int OpenFiles::remove(const CloudEntry& entry, const std::string& path) {
-  const std::shared_ptr<CachedFile> file = entry.folder ? nullptr : known(entry.id);
-  int err = 0;
-  if (file == nullptr) {
-    err = env_.cloud.remove(path);
-  } else {
-    err = file->remove(path, is_in_use(file));
-  }
-  CloudEntry behind_link;
-  if (err == 0 && env_.cloud.status(entry.path, &behind_link) != 0) {
-    moved(entry.id, {});
-  }
-  return err;
 }
 
 bool OpenFiles::is_in_use(const std::shared_ptr<CachedFile>& file) {
@@ -258,11 +212,211 @@ bool OpenFiles::is_in_use(const std::shared_ptr<CachedFile>& file) {
   });
 }
 
-/* The opens and the cached file of an item follow it; a deleted one is not found any more. */
-void OpenFiles::moved(const cfs_id_t& from, const cfs_id_t& to) {
+/* ------------------------------------------------------------------ names */
+
+int OpenFiles::look_up(const std::string& path, CloudEntry* entry) {
+  const std::shared_ptr<CachedFile> file = known(folded_path(path));
+  if (file != nullptr && file->new_entry(entry)) {
+    return 0;
+  }
+  return env_.cloud.status(env_.context(), path, entry).error;
+}
+
+void OpenFiles::overlay(CloudEntry* entry) {
+  const auto file = entry->folder ? nullptr : known(folded_path(entry->path));
+  if (file != nullptr) {
+    file->local_status(&entry->size, &entry->modified);
+  }
+}
+
+void OpenFiles::complete(const std::string& folder, std::vector<CloudEntry>* entries) {
+  std::set<std::string> listed;
+  for (CloudEntry& entry : *entries) {
+    listed.insert(folded_path(entry.path));
+    overlay(&entry);
+  }
+  const std::string key = folded_path(folder);
+  for (const auto& file : all_files()) {
+    CloudEntry entry;
+    if (file->new_entry(&entry) && folded_path(parent_path(entry.path)) == key &&
+        listed.insert(folded_path(entry.path)).second) {
+      file->local_status(&entry.size, &entry.modified);
+      entries->push_back(std::move(entry));
+    }
+  }
+}
+
+bool OpenFiles::has_new_files_below(const std::string& folder) {
+  const std::string key = folded_path(folder);
+  const auto files = all_files();
+  return std::any_of(files.begin(), files.end(), [&](const auto& file) {
+    CloudEntry entry;
+    return file->new_entry(&entry) && is_below(folded_path(entry.path), key);
+  });
+}
+
+int OpenFiles::may_move(const CloudEntry& entry) {
+  const std::string key = folded_path(entry.path);
+  const Guard guard(table_);
+  const bool blocked = std::any_of(opens_.begin(), opens_.end(), [&](const auto& item) {
+    const OpenFile& open = *item.second;
+    return !open.cleaned && open.access != 0 && (open.share & SHARE_DELETE) == 0 &&
+           open.place == key;
+  });
+  return blocked ? OX_EACCES : 0;
+}
+
+bool OpenFiles::any_in_use_below(const std::string& folder) {
+  const std::string key = folded_path(folder);
   Guard guard(table_);
+  return std::any_of(opens_.begin(), opens_.end(), [&](const auto& item) {
+    const OpenFile& open = *item.second;
+    return open.file != nullptr && !open.cleaned && is_below(open.place, key);
+  });
+}
+
+/* What a rename of the item moves in the cache. */
+std::vector<OpenFiles::Moving> OpenFiles::hold_for_move(const CloudEntry& entry,
+                                                        const std::string& to) {
+  const std::string key = folded_path(entry.path);
+  std::vector<std::shared_ptr<CachedFile>> files;
+  {
+    Guard guard(table_);
+    for (const auto& [place, cached] : files_) {
+      if (place == key || is_below(place, key)) {
+        files.push_back(cached.file);
+      }
+    }
+  }
+  std::vector<Moving> moving;
+  for (const auto& file : files) {
+    moving.push_back({CachedFile::Hold(file), to + file->path().substr(entry.path.size())});
+  }
+  return moving;
+}
+
+int OpenFiles::rename(const CloudEntry& entry, const std::string& from, const std::string& to) {
+  if (entry.folder && any_in_use_below(entry.path)) {
+    return OX_EBUSY;
+  }
+  CloudEntry other;
+  const auto there = known(folded_path(to));
+  if (there != nullptr && folded_path(to) != folded_path(entry.path) && there->new_entry(&other)) {
+    return OX_EEXIST; /* the cloud does not know of it yet */
+  }
+  std::vector<Moving> moving = hold_for_move(entry, to);
+  CloudEntry local;
+  const bool is_new = !entry.folder && !moving.empty() && moving[0].hold.file().new_entry(&local);
+  int err = record_move(&moving, true);
+  CloudEntry made;
+  if (err == 0) {
+    err = is_new ? check_new_place(entry, to, &made)
+                 : env_.cloud
+                       .rename(env_.context(), from, to,
+                               {.source_version = entry.version,
+                                .source_modified = entry.modified},
+                               &made)
+                       .error;
+  }
+  if (err != 0) {
+    record_move(&moving, false);
+    return err;
+  }
+  finish_move(std::move(moving), entry, is_new ? nullptr : &made, made.path);
+  return 0;
+}
+
+/* Where a file that is not in the cloud yet may go: the cloud must have the folder, not the name. */
+int OpenFiles::check_new_place(const CloudEntry& entry, const std::string& to, CloudEntry* made) {
+  CloudEntry other;
+  const int err = look_up(to, &other);
+  if (err == 0 && folded_path(other.path) != folded_path(entry.path)) {
+    return OX_EEXIST;
+  }
+  CloudEntry folder;
+  const int missing = err != 0 && err != OX_ENOENT ? err : look_up(parent_path(to), &folder);
+  if (missing != 0 || !folder.folder) {
+    return missing != 0 ? missing : OX_ENOTDIR;
+  }
+  made->path = join_path(folder.path, to.substr(to.rfind('/') + 1));
+  return 0;
+}
+
+/* On record before the cloud is asked: a killed service looks for the files in both places. */
+int OpenFiles::record_move(std::vector<Moving>* moving, bool starts) {
+  std::vector<FileRecord> records;
+  for (Moving& item : *moving) {
+    FileRecord record = item.hold.file().moving(starts ? item.to : "");
+    if (is_on_record(record.state)) {
+      records.push_back(std::move(record));
+    }
+  }
+  return save(records);
+}
+
+int OpenFiles::save(const std::vector<FileRecord>& records) {
+  std::vector<const FileRecord*> pointers;
+  for (const FileRecord& record : records) {
+    pointers.push_back(&record);
+  }
+  return records.empty() ? 0 : env_.store.save(pointers, {}, Durability::PROCESS);
+}
+
+/* `now`: the cloud's entry of a file that was renamed in the cloud, if it is the one we know. */
+void OpenFiles::finish_move(std::vector<Moving> moving, const CloudEntry& before,
+                            const CloudEntry* now, const std::string& to) {
+  std::vector<FileRecord> records;
+  std::vector<std::pair<std::string, std::string>> keys = {
+      {folded_path(before.path), folded_path(to)}};
+  for (Moving& item : moving) {
+    CachedFile& file = item.hold.file();
+    const std::string path = to + file.path().substr(before.path.size());
+    keys.emplace_back(folded_path(file.path()), folded_path(path));
+    FileRecord record = file.moved(path, before, now);
+    if (is_on_record(record.state)) {
+      records.push_back(std::move(record));
+    }
+  }
+  if (const int err = save(records)) {
+    OX_LOG(OX_ERROR_LEVEL, err, "Cannot record the new path %s", to.c_str());
+  }
+  {
+    Guard guard(table_);
+    for (const auto& [from_key, to_key] : keys) {
+      move_key(from_key, to_key);
+    }
+  }
+  for (Moving& item : moving) {
+    if (item.hold.file().has_unsaved()) {
+      enqueue(item.hold.file());
+    }
+  }
+}
+
+int OpenFiles::remove_item(const CloudEntry& entry, const std::string& path) {
+  const std::string key = folded_path(entry.path);
+  const bool is_link = folded_path(path) != key; /* it goes, what is behind it stays */
+  const auto file = entry.folder || is_link ? nullptr : known(key);
+  if (entry.folder && has_new_files_below(entry.path)) {
+    return OX_ENOTEMPTY;
+  }
+  const int err = file != nullptr
+                      ? file->remove(entry.version, is_in_use(file))
+                      : env_.cloud.remove(env_.context(), path, is_link ? "" : entry.version).error;
+  if (err == 0 && !is_link) {
+    Guard guard(table_);
+    move_key(key, "");
+  }
+  return err;
+}
+
+/* The opens and the cached file of an item follow it; a deleted one is not found any more. */
+void OpenFiles::move_key(const std::string& from, const std::string& to) {
+  if (from == to) {
+    return;
+  }
   for (const auto& [id, open] : opens_) {
-    if (same_id(open->place, from)) {
+    if (open->place == from) {
       open->place = to;
     }
   }
@@ -270,27 +424,76 @@ void OpenFiles::moved(const cfs_id_t& from, const cfs_id_t& to) {
   if (it == files_.end()) {
     return;
   }
-  const Cached cached = it->second;
+  Cached cached = std::move(it->second);
   files_.erase(it);
-  if (!same_id(to, cfs_id_t{})) {
-    files_[to] = cached;
+  if (!to.empty()) {
+    files_[to] = std::move(cached);
   }
 }
 
-/* ------------------------------------------------------------------ the end */
+/* ------------------------------------------------------------------ as the files see it */
 
-size_t OpenFiles::save_all() {
-  const std::vector<std::shared_ptr<CachedFile>> files = all_files();
-  return static_cast<size_t>(std::count_if(files.begin(), files.end(),
-                                           [](const auto& file) { return file->save() != 0; }));
-}
-
-void OpenFiles::discard_saved() {
-  for (const auto& file : all_files()) {
-    if (!file->has_unsaved()) {
-      file->discard();
+std::string OpenFiles::conflict_path(const std::string& path) {
+  Guard guard(table_);
+  for (int number = 1;; number++) {
+    std::string name = conflict_name(path, user_, today(), number);
+    const std::string key = folded_path(name);
+    if (!files_.contains(key) && conflicts_.insert(key).second) {
+      return name;
     }
   }
 }
 
-}  // namespace tarnd
+void OpenFiles::took_path(CachedFile& file, const std::string& before) {
+  const std::string now = folded_path(file.path());
+  Guard guard(table_);
+  move_key(folded_path(before), now);
+}
+
+void OpenFiles::adopt(FileRecord record) {
+  const std::string key = folded_path(record.path);
+  auto file = std::make_shared<CachedFile>(env_, *this, std::move(record));
+  {
+    Guard guard(table_);
+    files_[key] = {file, next_number_++};
+  }
+  enqueue(*file);
+}
+
+void OpenFiles::enqueue(CachedFile& file) { uploads_.add(static_cast<uint64_t>(file.id())); }
+
+void OpenFiles::cancel_upload(CachedFile& file) {
+  uploads_.cancel(static_cast<uint64_t>(file.id()));
+}
+
+CloudResult OpenFiles::upload(uint64_t id, const CloudContext& context) {
+  const std::shared_ptr<CachedFile> file = of_id(static_cast<int64_t>(id));
+  return file != nullptr ? file->upload(context) : CloudResult{};
+}
+
+/* ------------------------------------------------------------------ start and end */
+
+/* Two records of one path cannot be: the second one becomes a conflict. */
+void OpenFiles::recover(std::vector<FileRecord> records) {
+  std::vector<std::shared_ptr<CachedFile>> files;
+  for (FileRecord& record : records) {
+    if (known(folded_path(record.path)) != nullptr) {
+      record.path = conflict_path(record.path);
+      record.is_new = true;
+    }
+    files.push_back(std::make_shared<CachedFile>(env_, *this, record));
+    Guard guard(table_);
+    files_[folded_path(record.path)] = {files.back(), next_number_++};
+  }
+  for (const auto& file : files) {
+    file->recover();
+  }
+}
+
+size_t OpenFiles::unsaved() {
+  const auto files = all_files();
+  return static_cast<size_t>(std::count_if(files.begin(), files.end(),
+                                           [](const auto& file) { return file->has_unsaved(); }));
+}
+
+} /* namespace tarnd */

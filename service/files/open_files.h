@@ -1,12 +1,16 @@
 /*
  * The open files, folders and listings of all clients, and the cached files behind them.
  *
+ * Who needs a name to stay as it is (open, rename, delete) reserves its path first, for as long as
+ * that lasts (names/reservations.h); operations of other paths never wait for it.
+ *
  * Locks, in the order in which they nest:
- *   1. names_: held through every operation that decides by, or changes, which names exist and who
- *      has them open (open, rename, delete), the cloud's part of it included;
- *   2. table_: guards both tables and the sharing state; held for moments only;
- *   3. a CachedFile's lock, which may be held for long: taken under table_ only for a file that
- *      nobody else has a pointer to. Only a rename, under names_, takes those of several files.
+ *   1. a reservation of paths;
+ *   2. the turn of a cached file (cached_file.h). Only a rename takes those of several files, which
+ *      lie under the path that it has reserved;
+ *   3. `table_`: guards both tables and the sharing state; held for moments only;
+ *   4. a cached file's own lock, for moments.
+ * No lock but a reservation and a turn is held over a call of the cloud, and none over a transfer.
  */
 #ifndef SERVICE_OPEN_FILES_H
 #define SERVICE_OPEN_FILES_H
@@ -19,25 +23,28 @@
 #include <string>
 #include <vector>
 
+#include "cache_limits.h"
 #include "files/cached_file.h"
+#include "names/reservations.h"
+#include "transfer/upload_queue.h"
 #include "uuid_text.h"
 
 namespace tarnd {
 
 /*
  * One open of a file or folder, or a folder's listing. Fixed after creation, but for `cleaned` and
- * `place` (guarded by the table's lock) and `part` (by the file's).
+ * `place` (guarded by the table's lock) and `part` (by the file's turn).
  */
 struct OpenFile {
-  cfs_id_t id = {}; /* of the request that opened it: the key */
-  uint32_t client_pid = 0;
+  cfs_id_t id = {};        /* of the request that opened it: the key */
+  uint32_t client_pid = 0; /* the session that it belongs to */
   int32_t client_fd = 0;
-  uint32_t access = 0;              /* ACCESS* bits */
+  uint32_t access = 0;              /* ACCESS_* bits */
   uint32_t share = 0;               /* Windows share mode */
   cfs_id_t item = {};               /* as answered in fso_handle */
   std::string name;                 /* the path that was opened, for messages */
   std::shared_ptr<CachedFile> file; /* null for a folder */
-  cfs_id_t place = {};  /* the item's id now: another one after a rename, zero after a deletion */
+  std::string place;                /* the item's key now; empty once it is deleted */
   bool cleaned = false; /* its user's last handle is closed: blocks nobody any more */
   FileOpen part;
 };
@@ -47,58 +54,66 @@ enum : uint32_t { ACCESS_READ = 1, ACCESS_WRITE = 6, ACCESS_MASK = 7 };
 /* Share-mode bits, those of Windows. */
 enum : uint32_t { SHARE_READ = 1, SHARE_WRITE = 2, SHARE_DELETE = 4, SHARE_MASK = 7 };
 
-class OpenFiles {
+class OpenFiles : public FileTable {
  public:
-  explicit OpenFiles(const CacheEnvironment& environment) : env_(environment) {}
+  /* `user`: in the names of conflicts. All outlive the object. */
+  OpenFiles(const CacheEnvironment& environment, const CacheLimits& limits, std::string user,
+            unsigned transfers);
+  ~OpenFiles() override;
 
-  /* The namespace lock. */
-  std::mutex& names() { return names_; }
+  Reservations& reservations() { return reservations_; }
+  UploadQueue& uploads() { return uploads_; }
+
+  /* What is at a path: a file that is not in the cloud yet, or the cloud's. 0 or OX_ENOENT ... */
+  int look_up(const std::string& path, CloudEntry* entry);
+  /* Adds the names of a folder that are not in the cloud yet, and what is known locally. */
+  void complete(const std::string& folder, std::vector<CloudEntry>* entries);
 
   /*
-   * Adds an open, with names() held: 0; OX_EACCES when share modes conflict; OX_EINVAL when its id
+   * Adds an open, its path reserved: 0; OX_EACCES when share modes conflict; OX_EINVAL when its id
    * is in use. `wants` are the access bits that count for sharing. A file's CachedFile is found or
    * made here.
    */
   int add(const std::shared_ptr<OpenFile>& open, const CloudEntry& entry, uint32_t wants);
-  /*
-   * Adds a folder's listing, which takes no part in sharing and so needs no names(): a listing
-   * never waits for a rename that waits for a file. OX_EINVAL when its id is in use.
-   */
+  /* Adds a folder's listing, which takes no part in sharing. OX_EINVAL when its id is in use. */
   int add_listing(const std::shared_ptr<OpenFile>& open, const CloudEntry& folder);
-  /* The open is no more, its range locks neither. */
+  /* The open is no more, its range locks neither. A file that was not made after all goes, too. */
   void remove(const OpenFile& open);
-  std::shared_ptr<OpenFile> find(const cfs_id_t& id);
-  /*
-   * The open of a file by its client's descriptor; null when none of the processes has it, or it
-   * had its CLEANUP.
-   */
-  std::shared_ptr<OpenFile> find_descriptor(const std::set<uint32_t>& clients, int32_t fd,
-                                            const cfs_id_t& item);
+  /* Null also for an open of another client; 0 as a client is anyone. */
+  std::shared_ptr<OpenFile> find(const cfs_id_t& id, uint32_t client_pid);
+  /* The open of a file by its client's descriptor; null when it had its CLEANUP, too. */
+  std::shared_ptr<OpenFile> find_descriptor(uint32_t client_pid, int32_t fd, const cfs_id_t& item);
   std::vector<std::shared_ptr<OpenFile>> of_client(uint32_t client_pid);
   std::vector<std::shared_ptr<OpenFile>> all();
   /* The open's user is gone: it blocks nobody any more, and its range locks go. */
   void clean_up(OpenFile& open);
 
-  /* Overlays what is known locally (an open file's size and time) on the cloud's entry. */
+  /* Overlays what is known locally (size and time) on the cloud's entry. */
   void overlay(CloudEntry* entry);
 
-  /*
-   * With names() held: 0, or OX_EACCES when an open that does not share deletion keeps the item
-   * from being renamed or deleted.
-   */
+  /* OX_EACCES when an open that does not share deletion keeps the item from going. */
   int may_move(const CloudEntry& entry);
+  bool has_new_files_below(const std::string& folder);
   /*
-   * Rename and delete, with names() held and may_move asked: in the cloud and in the cache. What
-   * the cache holds of the item, and of all below a folder, goes with it, unsaved or not. OX_EBUSY:
-   * files below a folder to be renamed are in use.
+   * Rename and delete, with the paths reserved and may_move() asked: in the cloud and in the cache.
+   * What the cache holds of the item, and of all below a folder, goes with it. OX_EBUSY: files
+   * below a folder to be renamed are in use.
    */
   int rename(const CloudEntry& entry, const std::string& from, const std::string& to);
-  int remove(const CloudEntry& entry, const std::string& path);
+  int remove_item(const CloudEntry& entry, const std::string& path);
 
-  /* Writes back all that waits; the number of files that could not be. */
-  size_t save_all();
-  /* Deletes the local files of everything that is saved. */
-  void discard_saved();
+  /* Takes on what a service that ended left, and goes on with it. */
+  void recover(std::vector<FileRecord> records);
+  /* Files with changes that are not in the cloud. */
+  size_t unsaved();
+  /* Drops files that nobody needs, those opened longest ago first, until the cache fits. */
+  void trim();
+
+  std::string conflict_path(const std::string& path) override;
+  void took_path(CachedFile& file, const std::string& before) override;
+  void adopt(FileRecord record) override;
+  void enqueue(CachedFile& file) override;
+  void cancel_upload(CachedFile& file) override;
 
  private:
   using Guard = std::lock_guard<std::mutex>;
@@ -106,35 +121,43 @@ class OpenFiles {
     std::shared_ptr<CachedFile> file;
     uint64_t used = 0; /* a tick of next_number_ */
   };
-
   /* A cached file that a rename moves: by name or with a folder above it. */
   struct Moving {
-    cfs_id_t id;
-    std::shared_ptr<CachedFile> file;
     CachedFile::Hold hold;
+    std::string to;
   };
 
   /* These want table_ held. */
-  std::shared_ptr<CachedFile> file_of(const CloudEntry& entry);
+  std::shared_ptr<CachedFile> file_of(const std::string& key, const std::string& path);
   bool sharing_allows(const OpenFile& open, uint32_t wants) const;
-  void forget_idle();
+  void move_key(const std::string& from, const std::string& to);
 
-  std::shared_ptr<CachedFile> known(const cfs_id_t& item);
+  std::shared_ptr<CachedFile> known(const std::string& key);
+  std::shared_ptr<CachedFile> of_id(int64_t id);
   bool is_in_use(const std::shared_ptr<CachedFile>& file);
   bool any_in_use_below(const std::string& folder);
-  std::vector<Moving> hold_for_move(const CloudEntry& entry);
-  void moved(const cfs_id_t& from, const cfs_id_t& to);
   std::vector<std::shared_ptr<CachedFile>> all_files();
+  std::vector<Moving> hold_for_move(const CloudEntry& entry, const std::string& to);
+  int check_new_place(const CloudEntry& entry, const std::string& to, CloudEntry* made);
+  int record_move(std::vector<Moving>* moving, bool starts);
+  int save(const std::vector<FileRecord>& records);
+  void finish_move(std::vector<Moving> moving, const CloudEntry& before, const CloudEntry* now,
+                   const std::string& to);
+  CloudResult upload(uint64_t id, const CloudContext& context);
 
-  const CacheEnvironment& env_; /* fixed */
-  std::mutex names_;
+  const CacheEnvironment& env_;  /* fixed */
+  const CacheLimits& limits_;    /* fixed */
+  const std::string user_;       /* fixed */
+  Reservations reservations_;    /* has its own lock */
 
   std::mutex table_;
   uint64_t next_number_ = 1;
-  std::map<cfs_id_t, Cached, IdLess> files_; /* by the cloud's id; without those deleted */
+  std::map<std::string, Cached> files_; /* by folded path; without those deleted */
   std::map<cfs_id_t, std::shared_ptr<OpenFile>, IdLess> opens_;
+  std::set<std::string> conflicts_; /* names given by conflict_path(), folded */
+  UploadQueue uploads_;             /* has its own lock; ends before the tables do */
 };
 
-}  // namespace tarnd
+} /* namespace tarnd */
 
 #endif

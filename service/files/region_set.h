@@ -25,6 +25,8 @@ class RegionSet {
   void clear() { runs_.clear(); }
 
   bool empty() const { return runs_.empty(); }
+  /* First to end of each run, in order. */
+  const std::map<uint64_t, uint64_t>& runs() const { return runs_; }
   bool contains(Run run) const { return next_missing(run).empty(); }
   /* The lowest run within `within` of which no number is in the set; an empty one when all are. */
   Run next_missing(Run within) const;

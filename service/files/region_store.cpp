@@ -57,8 +57,16 @@ void RegionStore::fill(uint64_t size) {
 void RegionStore::truncate(uint64_t size) {
   const Run cut{regions_up_to(size), MAX_REGIONS};
   limit_ = std::min(limit_, size);
+  cut_ = std::min(cut_, size);
   present_.remove(cut);
   dirty_.remove(cut);
+}
+
+void RegionStore::rebase(uint64_t size) {
+  const uint64_t limit = std::max(limit_, std::min(size, cut_));
+  /* The region with the old limit in it may lack what lay before. */
+  present_.add({regions_up_to(limit_), regions_up_to(limit)});
+  limit_ = limit;
 }
 
 void RegionStore::mark_dirty(Run regions) {

@@ -39,6 +39,7 @@ class RegionStore {
 
   int shift() const { return shift_; }
   uint64_t limit() const { return limit_; }
+  const RegionSet& present() const { return present_; }
   const RegionSet& dirty() const { return dirty_; }
 
   /* The largest size that a file may have: its regions count in 31 bits, its offsets in 63. */
@@ -52,6 +53,10 @@ class RegionStore {
   void fill(uint64_t size);
   /* The file was cut to `size`. */
   void truncate(uint64_t size);
+  /* From here on truncations count as later than a content that is to go to the cloud. */
+  void begin_seal() { cut_ = UINT64_MAX; }
+  /* That content, of `size` bytes, is what the cloud has now. */
+  void rebase(uint64_t size);
   void mark_present(Run regions) { present_.add(regions); }
   void mark_dirty(Run regions);
   void clear_dirty() { dirty_.clear(); }
@@ -80,6 +85,7 @@ class RegionStore {
   uint64_t limit_ = 0;
   RegionSet present_; /* regions below the limit only count; the others are local anyway */
   RegionSet dirty_;
+  uint64_t cut_ = UINT64_MAX; /* the smallest size since begin_seal() */
 };
 
 }  // namespace tarnd

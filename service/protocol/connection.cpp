@@ -15,6 +15,7 @@
 namespace tarnd {
 namespace {
 
+constexpr int POLL_MS = 1000;
 constexpr size_t MAX_SEND = size_t{1} << 30;
 
 bool is_stopping(vfs_handle* vh) { return static_cast<const Service*>(vh->vfs_private)->stopping; }
@@ -29,6 +30,8 @@ Connection::Connection(Service& service, uint64_t number, int socket)
   vh_.vfs_fd = socket;
   vh_.vfs_private = &service;
   vh_.vfs_is_exiting = is_stopping;
+  session_.peer_pid = peer_process(static_cast<uint64_t>(socket));
+  session_.client_pid = session_.peer_pid;
 }
 
 void Connection::run() {
@@ -58,6 +61,26 @@ bool Connection::read_bytes(size_t from, size_t count) {
       tnv_recvbytes(&vh_, static_cast<int>(vh_.vfs_fd), nullptr, bytes, static_cast<int>(count)));
 }
 
+/* As read_bytes, but not dumped into the log, which the transport does at higher debug levels. */
+bool Connection::read_unlogged(size_t from, size_t count) {
+  char* next = reinterpret_cast<char*>(storage_.data()) + from;
+  const SOCKET socket = static_cast<SOCKET>(vh_.vfs_fd);
+  while (count > 0) {
+    WSAPOLLFD ready = {socket, POLLRDNORM, 0};
+    const int polled = WSAPoll(&ready, 1, POLL_MS);
+    if (polled == 0 && !session_.service.stopping) {
+      continue;
+    }
+    const int got = polled > 0 ? recv(socket, next, static_cast<int>(count), 0) : 0;
+    if (got <= 0) {
+      return false;
+    }
+    next += got;
+    count -= static_cast<size_t>(got);
+  }
+  return true;
+}
+
 /* The header first: its length decides how much there is to read. */
 bool Connection::read_request() {
   storage_.resize(words_for(TNV_MSG_FIXED));
@@ -72,7 +95,9 @@ bool Connection::read_request() {
     return false;
   }
   storage_.resize(words_for(length));
-  return read_bytes(sizeof(tnv_msghdr), length - sizeof(tnv_msghdr));
+  const size_t rest = length - sizeof(tnv_msghdr);
+  return Request(&storage_).has_secret() ? read_unlogged(sizeof(tnv_msghdr), rest)
+                                         : read_bytes(sizeof(tnv_msghdr), rest);
 }
 
 /* Where the next request would begin is unknown: the connection ends with this answer. */
@@ -91,6 +116,9 @@ bool Connection::answer() {
   Reply reply;
   session_.service.counters.count_request(request->hdr.hdr_opcode);
   serve(request, &reply);
+  if (request.has_secret()) {
+    request.wipe_secret();
+  }
   delay(request->hdr.hdr_opcode);
   const bool sent = send(request, &reply);
   if (session_.stops) {

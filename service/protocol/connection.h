@@ -27,6 +27,7 @@ class Connection {
  private:
   bool read_request();
   bool read_bytes(size_t from, size_t count);
+  bool read_unlogged(size_t from, size_t count);
   void refuse_length();
   bool answer();
   void serve(const Request& request, Reply* reply);

@@ -42,13 +42,4 @@ int request_path(const Session& session, const Request& request, int64_t length,
   return request.text(length, &text) ? normalise_share_path(session.share, text, path) : OX_EINVAL;
 }
 
-const CloudEntry* parent_of(Cloud& cloud, const std::string& path, CloudEntry* parent) {
-  if (path.empty()) {
-    return nullptr;
-  }
-  const size_t slash = path.rfind('/');
-  const std::string folder = slash == std::string::npos ? "" : path.substr(0, slash);
-  return cloud.status(folder, parent) == 0 ? parent : nullptr;
-}
-
-}  // namespace tarnd
+} /* namespace tarnd */

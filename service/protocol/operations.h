@@ -26,6 +26,11 @@ struct Session {
   bool ends = false;      /* the connection is closed after this answer */
   bool stops = false;     /* the service stops after this answer */
   std::string share;      /* normalised */
+  uint32_t peer_pid = 0;  /* the client's process, as the system tells it; 0: it does not */
+  uint32_t client_pid = 0; /* the same, or what CONNECT says of it */
+
+  /* Whether the client is this process, as it says. */
+  bool is_client(uint32_t pid) const { return client_pid == 0 || client_pid == pid; }
 };
 
 /* Fills the reply's payload; the result goes into rhdr_errno. */
@@ -65,8 +70,6 @@ int serve_range_lock(Session& session, const Request& request, Reply* reply);
 
 /* The cloud path of a request's one path, whose length without its NUL is given: 0 or the error. */
 int request_path(const Session& session, const Request& request, int64_t length, std::string* path);
-/* An entry's parent folder; null for the share's root and when it cannot be looked up. */
-const CloudEntry* parent_of(Cloud& cloud, const std::string& path, CloudEntry* parent);
 
 }  // namespace tarnd
 

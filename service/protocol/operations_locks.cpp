@@ -11,8 +11,7 @@ int serve_range_lock(Session& session, const Request& request, Reply* reply) {
   const tnv_wbrl_msg& brl = request->u.wbrl;
   Service& service = session.service;
   const auto find = [&] {
-    return service.files.find_descriptor(service.clients.of(session.number), brl.wbrl_fd,
-                                         brl.wbrl_gid);
+    return service.files.find_descriptor(session.client_pid, brl.wbrl_fd, brl.wbrl_gid);
   };
   const std::shared_ptr<OpenFile> open = find();
   if (open == nullptr) {

@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "names/folded_path.h"
 #include "names/share_path.h"
 #include "ox_errno.h"
 #include "ox_logging.h"
@@ -10,13 +11,12 @@ namespace tarnd {
 namespace {
 
 /* The listing's records, in the order of their names. */
-void append_infos(Service& service, std::vector<CloudEntry> entries, Reply* reply) {
+void append_infos(std::vector<CloudEntry> entries, Reply* reply) {
   std::sort(entries.begin(), entries.end(),
             [](const CloudEntry& a, const CloudEntry& b) { return a.name < b.name; });
   reply->bulk.reserve(entries.size() * sizeof(tnw_fileinfo));
-  for (CloudEntry& entry : entries) {
+  for (const CloudEntry& entry : entries) {
     tnw_fileinfo info;
-    service.files.overlay(&entry);
     if (!info_of(entry, &info)) {
       OX_LOG(OX_WARN_LEVEL, 0, "A name too long for a listing: %s", entry.name.c_str());
       continue;
@@ -33,22 +33,34 @@ void append_infos(Service& service, std::vector<CloudEntry> entries, Reply* repl
  */
 int add_listing(Session& session, const Request& request, const CloudEntry& folder,
                 const std::string& path) {
-  Service& service = session.service;
-  const std::set<uint32_t> processes = service.clients.of(session.number);
   auto open = std::make_shared<OpenFile>();
   open->id = request->hdr.hdr_id;
-  open->client_pid = processes.empty() ? 0 : *processes.begin();
+  open->client_pid = session.client_pid;
   open->name = path;
-  return service.files.add_listing(open, folder);
+  return session.service.files.add_listing(open, folder);
 }
 
-/* The item of a rename, delete or can-delete, and whether it may go. With names() held. */
+/* What the drive has in a folder: the cloud's, and what is not there yet. */
+int list(Service& service, const CloudEntry& folder, const std::string& path,
+         std::vector<CloudEntry>* entries) {
+  const CloudResult result =
+      service.cloud->list(service.context(), path, [&](const CloudEntry& entry) {
+        entries->push_back(entry);
+        return true;
+      });
+  if (result.ok()) {
+    service.files.complete(folder.path, entries);
+  }
+  return result.error;
+}
+
+/* The item of a rename, delete or can-delete, and whether it may go. With the path reserved. */
 int find_movable(Service& service, const std::string& path, const std::string& share,
                  CloudEntry* entry) {
   if (path == share) {
     return OX_EPERM;
   }
-  const int err = service.cloud->status(path, entry);
+  const int err = service.files.look_up(path, entry);
   return err != 0 ? err : service.files.may_move(*entry);
 }
 
@@ -58,7 +70,7 @@ int check_delete(Service& service, const std::string& path, const std::string& s
   std::vector<CloudEntry> children;
   int err = find_movable(service, path, share, &entry);
   if (err == 0 && entry.folder) {
-    err = service.cloud->list(path, &children);
+    err = list(service, entry, path, &children);
   }
   if (err != 0 || !children.empty()) {
     return err != 0 ? err : OX_ENOTEMPTY;
@@ -66,7 +78,7 @@ int check_delete(Service& service, const std::string& path, const std::string& s
   return (entry.attributes & READ_ONLY_ATTRIBUTE) != 0 ? OX_EPERM : 0;
 }
 
-}  // namespace
+} /* namespace */
 
 int serve_enumerate(Session& session, const Request& request, Reply* reply) {
   Service& service = session.service;
@@ -74,21 +86,18 @@ int serve_enumerate(Session& session, const Request& request, Reply* reply) {
   CloudEntry folder;
   std::vector<CloudEntry> entries;
   int err = request_path(session, request, int64_t{request->u.wdenum.wde_pathlen} - 1, &path);
-  if (err == 0) {
-    err = service.cloud->status(path, &folder);
-  }
-  if (err == 0) {
-    err = folder.folder ? service.cloud->list(path, &entries) : OX_ENOTDIR;
-  }
-  if (err == 0) {
-    err = add_listing(session, request, folder, path);
-  }
+  err = err != 0 ? err : service.files.look_up(path, &folder);
+  err = err != 0 || folder.folder ? err : OX_ENOTDIR;
+  err = err != 0 ? err : list(service, folder, path, &entries);
+  err = err != 0 ? err : add_listing(session, request, folder, path);
   if (err != 0) {
     return err;
   }
   CloudEntry parent;
-  reply->resp.u.wdenum.wde_fso = fso_of(folder, parent_of(*service.cloud, path, &parent), 0);
-  append_infos(service, std::move(entries), reply);
+  const bool has_parent =
+      !path.empty() && service.files.look_up(parent_path(path), &parent) == 0;
+  reply->resp.u.wdenum.wde_fso = fso_of(folder, has_parent ? &parent : nullptr, 0);
+  append_infos(std::move(entries), reply);
   return 0;
 }
 
@@ -97,9 +106,7 @@ int serve_stat(Session& session, const Request& request, Reply* reply) {
   std::string path;
   CloudEntry entry;
   int err = request_path(session, request, int64_t{request->u.wstat.wstat_path_len} - 1, &path);
-  if (err == 0) {
-    err = service.cloud->status(path, &entry);
-  }
+  err = err != 0 ? err : service.files.look_up(path, &entry);
   if (err == 0) {
     service.files.overlay(&entry);
     err = info_of(entry, &reply->resp.u.wstat.wstat_fi) ? 0 : OX_EINVAL;
@@ -121,7 +128,8 @@ int serve_rename(Session& session, const Request& request, Reply*) {
   if (err != 0) {
     return err;
   }
-  const std::lock_guard names(service.files.names());
+  const auto reserved = service.files.reservations().reserve(
+      {{folded_path(from), true}, {folded_path(to), true}});
   CloudEntry entry;
   err = find_movable(service, from, session.share, &entry);
   if (err != 0 || to == session.share) {
@@ -137,7 +145,6 @@ int serve_can_delete(Session& session, const Request& request, Reply* reply) {
           request_path(session, request, request->u.wcandelete.wcandelete_msg_plen, &path)) {
     return err;
   }
-  const std::lock_guard names(service.files.names());
   const int err = check_delete(service, path, session.share);
   reply->resp.u.wcandel.wcandel_check = err == 0 ? 1 : 0;
   /* That it may not is an answer; that there is nothing to ask about is an error. */
@@ -152,10 +159,10 @@ int serve_delete(Session& session, const Request& request, Reply*) {
   if (const int err = request_path(session, request, request->u.wdelete.wdelete_msg_plen, &path)) {
     return err;
   }
-  const std::lock_guard names(service.files.names());
+  const auto reserved = service.files.reservations().reserve({{folded_path(path), true}});
   CloudEntry entry;
   const int err = find_movable(service, path, session.share, &entry);
-  return err != 0 ? err : service.files.remove(entry, path);
+  return err != 0 ? err : service.files.remove_item(entry, path);
 }
 
-}  // namespace tarnd
+} /* namespace tarnd */

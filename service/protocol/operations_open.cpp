@@ -1,3 +1,4 @@
+#include "names/folded_path.h"
 #include "ox_errno.h"
 #include "ox_logging.h"
 #include "protocol/operations.h"
@@ -36,35 +37,45 @@ int check_existing(const tnv_wopen_msg& open, const CloudEntry& entry) {
   return writes && (entry.attributes & READ_ONLY_ATTRIBUTE) != 0 ? OX_EPERM : 0;
 }
 
-/*
- * Makes an item that is not there: an empty file, at once, so that it is seen and nobody else makes
- * it.
- */
-int create(Cloud& cloud, const tnv_wopen_msg& open, const std::string& path) {
+/* What an open finds or makes. */
+struct Target {
+  CloudEntry entry;
+  CloudEntry parent;
+  bool has_parent = false;
+  bool existed = false;
+  bool create = false; /* a file that is not in the cloud before its close */
+};
+
+/* Where an item that is not there would be: a folder at once, a file in the cache alone. */
+int create(Service& service, const tnv_wopen_msg& open, const std::string& path, Target* target) {
   if (open.wopen_cdisp == DISP_OPEN_EXISTING || open.wopen_cdisp == DISP_TRUNCATE_EXISTING) {
     return OX_ENOENT;
   }
   if ((open.wopen_flags & WANT_FOLDER) != 0) {
-    return cloud.make_folder(path);
+    return service.cloud->make_folder(service.context(), path, &target->entry).error;
   }
-  return cloud.write(path, 0, [](uint64_t, void*, size_t, size_t*) { return OX_EIO; });
+  if (const int err = service.files.look_up(parent_path(path), &target->parent)) {
+    return err;
+  }
+  if (!target->parent.folder) {
+    return OX_ENOTDIR;
+  }
+  target->has_parent = true;
+  target->create = true;
+  target->entry.name = path.substr(path.rfind('/') + 1);
+  target->entry.path = join_path(target->parent.path, target->entry.name);
+  return 0;
 }
 
-/* Finds or makes the item: 0 or TNV_OPEN_EXISTED, or an error. With names() held. */
-int find_or_create(Cloud& cloud, const tnv_wopen_msg& open, const std::string& path,
-                   CloudEntry* entry) {
-  const int found = cloud.status(path, entry);
-  if (found != 0 && found != OX_ENOENT) {
-    return found;
+/* With the path reserved. */
+int find_or_create(Service& service, const tnv_wopen_msg& open, const std::string& path,
+                   Target* target) {
+  const int found = service.files.look_up(path, &target->entry);
+  if (found == OX_ENOENT) {
+    return create(service, open, path, target);
   }
-  if (found == 0) {
-    const int err = check_existing(open, *entry);
-    const bool may_create =
-        open.wopen_cdisp == DISP_CREATE_ALWAYS || open.wopen_cdisp == DISP_OPEN_ALWAYS;
-    return err != 0 ? err : may_create ? TNV_OPEN_EXISTED : 0;
-  }
-  const int err = create(cloud, open, path);
-  return err != 0 ? err : cloud.status(path, entry);
+  target->existed = found == 0;
+  return found != 0 ? found : check_existing(open, target->entry);
 }
 
 bool is_valid(const tnv_wopen_msg& open) {
@@ -73,7 +84,7 @@ bool is_valid(const tnv_wopen_msg& open) {
          (open.wopen_flags & both) != both;
 }
 
-std::shared_ptr<OpenFile> new_open(const Request& request) {
+std::shared_ptr<OpenFile> new_open(const Request& request, const std::string& path) {
   const tnv_wopen_msg& message = request->u.wopen;
   auto open = std::make_shared<OpenFile>();
   open->id = request->hdr.hdr_id;
@@ -81,36 +92,54 @@ std::shared_ptr<OpenFile> new_open(const Request& request) {
   open->client_fd = message.wopen_newfd;
   open->access = message.wopen_accmode & ACCESS_MASK;
   open->share = message.wopen_shmode & SHARE_MASK;
+  open->name = path;
   return open;
 }
 
-void answer_file(const FileView& view, int shift, tnv_wopen_resp* answer) {
-  answer->wopen_resp_region_shift = shift;
+void answer_file(const FileView& view, tnv_wopen_resp* answer) {
+  answer->wopen_resp_region_shift = view.shift;
   answer->wopen_resp_rmap_size = view.map_bytes;
   answer->wopen_resp_dmap_size = view.map_bytes;
   answer->wopen_resp_tnflags = TNV_FL_MAPPED | (view.newer ? uint32_t{TNV_FL_NEWER} : 0);
   answer->wopen_resp_handle = view.handle;
+  answer->wopen_resp_fso.fso_seqno = view.fillings;
 }
 
-/*
- * The part that concerns one file only: without the namespace lock, since it may wait for a fetch
- * or a write-back of that file.
- */
-int attach_file(Session& session, OpenFile& open, bool truncate, CloudEntry* entry, Reply* reply) {
+int attach_file(OpenFile& open, bool empties, Target* target, Reply* reply) {
   FileView view;
-  if (const int err = open.file->attach(&open.part, truncate, open.client_pid, &view)) {
+  const AttachHow how = {open.client_pid, empties, target->create, target->entry};
+  if (const int err = open.file->attach(&open.part, target->entry.path, how, &view)) {
     return err;
   }
-  answer_file(view, session.service.options.region_shift, &reply->resp.u.wopen);
+  answer_file(view, &reply->resp.u.wopen);
   reply->bulk = std::move(view.maps);
-  *entry = view.entry;
-  entry->size = view.size;
-  entry->modified = view.modified;
-  reply->resp.u.wopen.wopen_resp_fso.fso_seqno = view.fillings;
+  target->entry = view.entry;
+  target->entry.size = view.size;
+  target->entry.modified = view.modified;
   return 0;
 }
 
-}  // namespace
+/* OX_EAGAIN: the file took another path meanwhile, so the name is looked up again. */
+int open_item(Session& session, const Request& request, const std::string& path, Target* target,
+              Reply* reply) {
+  Service& service = session.service;
+  const tnv_wopen_msg& message = request->u.wopen;
+  const bool empties = truncates(message.wopen_cdisp);
+  const std::shared_ptr<OpenFile> open = new_open(request, path);
+  int err = find_or_create(service, message, path, target);
+  err = err != 0 ? err
+                 : service.files.add(open, target->entry,
+                                     open->access | (empties ? uint32_t{ACCESS_WRITE} : 0));
+  if (err == 0 && open->file != nullptr) {
+    err = attach_file(*open, empties && !target->create, target, reply);
+    if (err != 0) {
+      service.files.remove(*open);
+    }
+  }
+  return err;
+}
+
+} /* namespace */
 
 int serve_open(Session& session, const Request& request, Reply* reply) {
   Service& service = session.service;
@@ -120,35 +149,35 @@ int serve_open(Session& session, const Request& request, Reply* reply) {
   if (err != 0 || !is_valid(message)) {
     return err != 0 ? err : OX_EINVAL;
   }
-  service.clients.join(session.number, message.wopen_clientid);
-  const std::shared_ptr<OpenFile> open = new_open(request);
-  const bool empties = truncates(message.wopen_cdisp);
-  CloudEntry entry;
-  int found = 0;
-  {
-    const std::lock_guard names(service.files.names());
-    found = find_or_create(*service.cloud, message, path, &entry);
-    err = found == TNV_OPEN_EXISTED ? 0 : found;
-    if (err == 0) {
-      open->name = path;
-      err = service.files.add(open, entry, open->access | (empties ? uint32_t{ACCESS_WRITE} : 0));
-    }
+  if (!session.is_client(message.wopen_clientid)) {
+    return OX_EPERM;
   }
-  if (err == 0 && open->file != nullptr) {
-    err = attach_file(session, *open, empties, &entry, reply);
-    if (err != 0) {
-      service.files.remove(*open);
+  if (session.client_pid == 0) {
+    session.client_pid = message.wopen_clientid;
+    service.clients.join(session.number, session.client_pid);
+  }
+  Target target;
+  {
+    const auto reserved = service.files.reservations().reserve({{folded_path(path)}});
+    err = OX_EAGAIN;
+    for (int tries = 0; err == OX_EAGAIN && tries < 8; tries++) {
+      target = {};
+      err = open_item(session, request, path, &target, reply);
     }
   }
   if (err != 0) {
     return err;
   }
-  CloudEntry parent;
+  if (!target.has_parent && !path.empty()) {
+    target.has_parent = service.files.look_up(parent_path(path), &target.parent) == 0;
+  }
   tnv_wopen_resp& answer = reply->resp.u.wopen;
-  answer.wopen_resp_fso =
-      fso_of(entry, parent_of(*service.cloud, path, &parent), answer.wopen_resp_fso.fso_seqno);
-  answer.wopen_resp_stat = stat_of(entry);
-  return found;
+  answer.wopen_resp_fso = fso_of(target.entry, target.has_parent ? &target.parent : nullptr,
+                                 answer.wopen_resp_fso.fso_seqno);
+  answer.wopen_resp_stat = stat_of(target.entry);
+  const bool may_create =
+      message.wopen_cdisp == DISP_CREATE_ALWAYS || message.wopen_cdisp == DISP_OPEN_ALWAYS;
+  return target.existed && may_create ? TNV_OPEN_EXISTED : 0;
 }
 
-}  // namespace tarnd
+} /* namespace tarnd */

@@ -8,7 +8,7 @@ namespace {
  * The open file that a region request is about: null, and the error in `*err`, when there is none.
  */
 std::shared_ptr<OpenFile> find_file(Session& session, const cfs_id_t& id, Reply* reply, int* err) {
-  std::shared_ptr<OpenFile> open = session.service.files.find(id);
+  std::shared_ptr<OpenFile> open = session.service.files.find(id, session.client_pid);
   if (open == nullptr || open->file == nullptr) {
     *err = open == nullptr ? OX_EBADF : OX_EISDIR;
     return nullptr;

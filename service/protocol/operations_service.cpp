@@ -1,5 +1,7 @@
 #include <windows.h>
 
+#include <algorithm>
+
 #include "build_info.h"
 #include "names/share_path.h"
 #include "ox_errno.h"
@@ -27,6 +29,11 @@ ox_tn_args_t start_arguments(const Service& service) {
   return args;
 }
 
+/* How many files have changes that are not in the cloud; the field has room for 15 characters. */
+std::string status_text(size_t waiting) {
+  return waiting == 0 ? "ok" : "ok, " + std::to_string(std::min<size_t>(waiting, 99999)) + " wait";
+}
+
 }  // namespace
 
 /* The share must be there; the client's process is that of the connecting thread. */
@@ -40,13 +47,15 @@ int serve_connect(Session& session, const Request& request, Reply* reply) {
   int err = normalise_share_path("", text, &share);
   CloudEntry root;
   if (err == 0) {
-    err = session.service.cloud->status(share, &root);
+    err = session.service.cloud->status(session.service.context(), share, &root).error;
   }
   if (err != 0 || !root.folder) {
     return err != 0 ? err : OX_ENOTDIR;
   }
-  if (const uint32_t pid = process_of_thread(connect.wconmsg_pid)) {
-    session.service.clients.join(session.number, pid);
+  session.client_pid =
+      session.peer_pid != 0 ? session.peer_pid : process_of_thread(connect.wconmsg_pid);
+  if (session.client_pid != 0) {
+    session.service.clients.join(session.number, session.client_pid);
   }
   session.share = share;
   session.connected = true;
@@ -71,7 +80,7 @@ int serve_set_proxy(Session& session, const Request& request, Reply*) {
     return OX_EINVAL;
   }
   OX_LOG(OX_INFO_LEVEL, 0, "Proxy %s for user %s", texts[0].c_str(), texts[1].c_str());
-  session.service.credentials.set_proxy({texts[0], texts[1], texts[2]});
+  session.service.credentials.set_proxy(texts[0], texts[1], texts[2]);
   return 0;
 }
 
@@ -81,6 +90,9 @@ int serve_update_token(Session& session, const Request& request, Reply* reply) {
     return OX_EINVAL;
   }
   const bool accepted = session.service.credentials.set_token(token);
+  if (accepted) {
+    session.service.files.uploads().kick();
+  }
   OX_LOG(OX_INFO_LEVEL, 0, "Token of %zu bytes %s", token.size(),
          accepted ? "accepted" : "not accepted");
   reply->resp.u.updatetoken.wut_success = accepted ? 1 : 0;
@@ -97,7 +109,7 @@ int serve_get_service_version(Session& session, const Request&, Reply* reply) {
   copy_field(version.gv_host, computer_name());
   copy_field(version.gv_mode, "reference");
   copy_field(version.gv_state, service.stopping ? "stopping" : "running");
-  copy_field(version.gv_status, authorised ? "ok" : "unauthorised");
+  copy_field(version.gv_status, authorised ? status_text(service.files.unsaved()) : "unauthorised");
   copy_field(version.gv_build_date, BUILD_DATE);
   copy_field(version.gv_build_host, BUILD_HOST);
   copy_field(version.gv_build_os, BUILD_OS);

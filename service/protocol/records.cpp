@@ -20,15 +20,30 @@ uint16_t mode_of(const CloudEntry& entry) {
   return entry.folder ? 0040755 : read_only ? 0100444 : 0100644;
 }
 
+/* An id for a version's text: two 64-bit FNV-1a hashes of it, with different starts. */
+cfs_id_t id_of_version(const std::string& version) {
+  uint64_t halves[2] = {0xcbf29ce484222325, 0x84222325cbf29ce4};
+  for (uint64_t& half : halves) {
+    for (const char c : version) {
+      half = (half ^ static_cast<unsigned char>(c)) * 0x100000001b3;
+    }
+  }
+  cfs_id_t id = {};
+  if (!version.empty()) {
+    std::memcpy(id.id, halves, sizeof id.id);
+  }
+  return id;
+}
+
 }  // namespace
 
 tnvfso fso_of(const CloudEntry& entry, const CloudEntry* parent, uint64_t seqno) {
   tnvfso fso = {};
   fso.fso_handle = entry.id;
-  fso.fso_version = entry.version;
+  fso.fso_version = id_of_version(entry.version);
   if (parent != nullptr) {
     fso.fso_phandle = parent->id;
-    fso.fso_pversion = parent->version;
+    fso.fso_pversion = id_of_version(parent->version);
   }
   fso.fso_isdir = entry.folder ? 1 : 0;
   fso.fso_seqno = seqno;

@@ -1,5 +1,6 @@
 #include "protocol/request.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace tarnd {
@@ -26,6 +27,22 @@ bool Request::text(int64_t length, std::string* text) const {
   }
   *text = std::move(texts[0]);
   return true;
+}
+
+bool Request::has_secret() const {
+  const uint32_t opcode = msg()->hdr.hdr_opcode;
+  return opcode == TNV_OP_UPDATETOKEN || opcode == TNV_OP_WIN_SETPROXY;
+}
+
+void Request::wipe_secret() const {
+  char* begin = tnv_msg_payload(msg());
+  char* end = begin + (msg()->hdr.hdr_len - TNV_MSG_FIXED);
+  /* A proxy's password comes behind its server and user name. */
+  for (int kept = msg()->hdr.hdr_opcode == TNV_OP_WIN_SETPROXY ? 2 : 0; kept > 0; kept--) {
+    begin = std::find(begin, end, '\0');
+    begin += begin != end ? 1 : 0;
+  }
+  std::fill(begin, end, '\0');
 }
 
 }  // namespace tarnd

@@ -32,6 +32,11 @@ class Request {
   /* The same for one text. */
   bool text(int64_t length, std::string* text) const;
 
+  /* Whether it brings a token or a password, which no log may show. */
+  bool has_secret() const;
+  /* Overwrites that, once it has been read. */
+  void wipe_secret() const;
+
  private:
   std::vector<uint64_t>* storage_; /* aligned as the records are */
 };

@@ -184,7 +184,10 @@ void ModelPlayer::ask_remove(const std::string& name) {
               static_cast<int>(want != ERROR_SHARING_VIOLATION));
 }
 
-/* Everything that was written comes back, whether it was closed or not. */
+/*
+ * Everything that was written comes back: what was closed under its name, what was not beside it,
+ * under the conflict name. It goes up in the background, so the drive works already.
+ */
 void ModelPlayer::kill() {
   drive_.kill_service();
   for (auto& file : files_) {
@@ -195,7 +198,42 @@ void ModelPlayer::kill() {
   if (!drive_.start()) {
     return fail("the start after a kill gives " + std::to_string(drive_.error));
   }
-  compare_folder();
+  killed_ = true;
+  std::string differs = "?";
+  for (int tries = 0; !differs.empty() && tries < 200; tries++) {
+    Sleep(tries == 0 ? 0 : 50);
+    differs = differs_after_kill();
+  }
+  if (!differs.empty()) {
+    fail("after a kill " + differs);
+  }
+}
+
+/* What is not as it should be in the cloud's folder; empty when all is. */
+std::string ModelPlayer::differs_after_kill() const {
+  for (const auto& [name, file] : plain_.files()) {
+    const auto& closed = file->closed;
+    const bool there = fs::exists(drive_.in_cloud(name));
+    const std::string own = there ? drive_.get(name) : "";
+    if (there ? std::find(closed.begin(), closed.end(), own) == closed.end() : !closed.empty()) {
+      return name + " is none of its closed contents";
+    }
+    if (own != file->bytes && !file->bytes.empty() && !has_beside(name, file->bytes)) {
+      return name + ": what was not closed is not beside it";
+    }
+  }
+  return "";
+}
+
+bool ModelPlayer::has_beside(const std::string& name, const std::string& bytes) const {
+  const std::string start = fs::path(name).filename().string() + " (conflict of ";
+  for (const auto& entry : fs::directory_iterator(drive_.in_cloud(folder_))) {
+    const std::string beside = entry.path().filename().string();
+    if (beside.starts_with(start) && drive_.get(folder_ + "/" + beside) == bytes) {
+      return true;
+    }
+  }
+  return false;
 }
 
 void ModelPlayer::close_all() {
@@ -204,7 +242,9 @@ void ModelPlayer::close_all() {
       close(slot);
     }
   }
-  compare_folder();
+  if (!killed_) {
+    compare_folder();
+  }
 }
 
 /* ------------------------------------------------------------------ comparing */

@@ -36,6 +36,8 @@ class ModelPlayer {
   void remove(const Step& step);
   void ask_remove(const std::string& name);
   void kill();
+  std::string differs_after_kill() const;
+  bool has_beside(const std::string& name, const std::string& bytes) const;
   void close_all();
 
   std::string path(size_t name) const;
@@ -58,6 +60,7 @@ class ModelPlayer {
   const bool alone_;
   PlainDrive plain_;
   std::array<std::unique_ptr<DriveFile>, MODEL_SLOTS> files_;
+  bool killed_ = false; /* the service was, at the end: the folder was looked at already */
   std::string failure_;
 };
 

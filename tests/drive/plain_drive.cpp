@@ -22,7 +22,7 @@ bool may_make(ox_u32 disposition) { return disposition != OPEN && disposition !=
 }  // namespace
 
 void PlainDrive::put(const std::string& name, const std::string& bytes) {
-  files_[name] = std::make_shared<PlainFile>(PlainFile{bytes});
+  files_[name] = std::make_shared<PlainFile>(PlainFile{bytes, {bytes}});
 }
 
 std::shared_ptr<PlainFile> PlainDrive::named(const std::string& name) const {
@@ -64,13 +64,36 @@ int PlainDrive::open(size_t slot, const std::string& name, const OpenHow& how, o
   }
   if (!existed) {
     file = files_[name] = std::make_shared<PlainFile>();
+    file->dirty = true;
   }
   if (empties(how.disposition)) {
+    file->dirty = file->dirty || !file->bytes.empty();
     file->bytes.clear();
   }
   opens_[slot] = {file, how.access, how.share, false};
   *last_error = existed && may_make(how.disposition) ? ERROR_ALREADY_EXISTS : 0;
   return 0;
+}
+
+/* A close after a write goes to the cloud for sure, and so does the last one of a changed file. */
+void PlainDrive::close(size_t slot) {
+  const Open closing = opens_.at(slot);
+  opens_.erase(slot);
+  PlainFile& file = *closing.file;
+  const bool last =
+      std::none_of(opens_.begin(), opens_.end(),
+                   [&](const auto& open) { return open.second.file == closing.file; });
+  if (closing.wrote || (last && file.dirty)) {
+    file.closed.clear();
+    file.dirty = false;
+  }
+  file.closed.push_back(file.bytes);
+}
+
+void PlainDrive::resize(size_t slot, size_t size) {
+  Open& open = opens_.at(slot);
+  open.file->bytes.resize(size);
+  open.file->dirty = open.wrote = true;
 }
 
 int PlainDrive::read(size_t slot, size_t off, size_t len, std::string* got) const {
@@ -80,7 +103,9 @@ int PlainDrive::read(size_t slot, size_t off, size_t len, std::string* got) cons
 }
 
 void PlainDrive::write(size_t slot, size_t off, const std::string& data) {
-  std::string& bytes = opens_.at(slot).file->bytes;
+  Open& open = opens_.at(slot);
+  std::string& bytes = open.file->bytes;
+  open.file->dirty = open.wrote = true;
   bytes.resize(std::max(bytes.size(), off + data.size()));
   bytes.replace(off, data.size(), data);
 }

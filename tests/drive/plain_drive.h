@@ -13,7 +13,10 @@
 /* Outlives its name while it is open. */
 struct PlainFile {
   std::string bytes;
-  bool lost = false; /* deleted when only mapped views were left: they may read anything */
+  /* What the cloud may have under its name: the last content that surely went there comes first. */
+  std::vector<std::string> closed = {};
+  bool dirty = false; /* changed since that */
+  bool lost = false;  /* deleted when only mapped views were left: they may read anything */
 };
 
 /* An open lives in a slot of the caller's choice. Results are Windows codes. Calls for a slot want
@@ -26,13 +29,13 @@ class PlainDrive {
   /* `last_error`: the thread's, after a success. */
   int open(size_t slot, const std::string& name, const OpenHow& how, ox_u32* last_error);
   void cleanup(size_t slot) { opens_.at(slot).cleaned = true; }
-  void close(size_t slot) { opens_.erase(slot); }
+  void close(size_t slot);
   void close_all() { opens_.clear(); }
 
   /* `got`: what there is of it. */
   int read(size_t slot, size_t off, size_t len, std::string* got) const;
   void write(size_t slot, size_t off, const std::string& data);
-  void resize(size_t slot, size_t size) { opens_.at(slot).file->bytes.resize(size); }
+  void resize(size_t slot, size_t size);
 
   int rename(const std::string& from, const std::string& to);
   int remove(const std::string& name);
@@ -50,6 +53,7 @@ class PlainDrive {
     ox_u32 access;
     ox_u32 share;
     bool cleaned;
+    bool wrote = false;
     bool counts() const { return access != 0 && !cleaned; }
   };
 

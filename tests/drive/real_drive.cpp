@@ -98,6 +98,17 @@ void RealDrive::put(const std::string& name, const std::string& content) const {
 }
 std::string RealDrive::get(const std::string& name) const { return read_file(in_cloud(name)); }
 
+std::vector<std::string> RealDrive::beside(const std::string& name) const {
+  std::vector<std::string> found;
+  for (const auto& entry : fs::directory_iterator(in_cloud(""))) {
+    const std::string file = entry.path().filename().string();
+    if (file.starts_with(name + " (conflict of ")) {
+      found.push_back(file);
+    }
+  }
+  return found;
+}
+
 std::map<std::string, tnw_fileinfo> RealDrive::list(const std::string& path, int* code) {
   std::map<std::string, tnw_fileinfo> found;
   tnw_fileinfo entry = {};

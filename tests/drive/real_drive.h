@@ -49,6 +49,8 @@ class RealDrive {
   std::filesystem::path in_cloud(const std::string& name) const;
   void put(const std::string& name, const std::string& content) const;
   std::string get(const std::string& name) const;
+  /* The cloud's conflict copies of a file at its root. */
+  std::vector<std::string> beside(const std::string& name) const;
 
   /* A listing: the names with their entries; the code that ended it (18 at the end). */
   std::map<std::string, tnw_fileinfo> list(const std::string& path, int* code = nullptr);

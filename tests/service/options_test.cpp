@@ -43,7 +43,9 @@ TEST(Options, Environment) {
   Options options;
   std::string error;
   const std::map<std::string, std::string> variables = {{"TARND_UTXID", "7"},
-                                                        {"TARND_LATENCY_OPS", "open,denum"}};
+                                                        {"TARND_LATENCY_OPS", "open,denum"},
+                                                        {"TARND_CACHE_SIZE", "123"},
+                                                        {"TARND_TRANSFERS", "3"}};
   const auto environment = [&](const char* name) -> std::optional<std::string> {
     const auto it = variables.find(name);
     return it == variables.end() ? std::nullopt : std::optional(it->second);
@@ -52,6 +54,9 @@ TEST(Options, Environment) {
   EXPECT_EQ(options.region_shift, 20) << "not set";
   EXPECT_EQ(options.first_utxid, 7u);
   EXPECT_THAT(options.latency_ops, testing::ElementsAre(TNV_OP_WIN_OPEN, TNV_OP_WIN_DENUM));
+  ASSERT_TRUE(parse("tarnd --cache c --addr a --cache-size 4000000000000", &options, &error));
+  EXPECT_EQ(options.cache_size, 4'000'000'000'000u) << "the command line goes before it";
+  EXPECT_EQ(options.transfers, 3u);
 }
 
 TEST(Options, WhatIsWrongIsNamed) {
@@ -60,6 +65,7 @@ TEST(Options, WhatIsWrongIsNamed) {
   for (const auto& [line, complaint] :
        std::map<std::string, std::string>{{"tarnd --cache c --addr a --nonsense", "--nonsense"},
                                           {"tarnd --cache c --addr a --uid 12x", "12x"},
+                                          {"tarnd --cache c --addr a --transfers 0", "1 to 64"},
                                           {"tarnd --cache c --addr a --vfs yes", "--vfs"},
                                           {"tarnd --cache c", "--addr"},
                                           {"", "--cache"}}) {
@@ -70,6 +76,7 @@ TEST(Options, WhatIsWrongIsNamed) {
        std::multimap<std::string, std::string>{{"TARND_REGION_SHIFT", "63"},
                                                {"TARND_REGION_SHIFT", "-1"},
                                                {"TARND_LATENCY_MS", "60001"},
+                                               {"TARND_WRITE_BACK_WAIT", "600001"},
                                                {"TARND_LATENCY_OPS", "open,opne"}}) {
     const auto environment = [&](const char* asked) {
       return asked == name ? std::optional(value) : std::nullopt;

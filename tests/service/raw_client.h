@@ -65,6 +65,8 @@ class ServiceProcess {
   }
   std::string socket_path() const { return folder_ + "\\sock\\tnvfs.sock"; }
   uint32_t pid() const { return pid_; }
+  HANDLE handle() const { return process_; }
+  std::string more_options; /* on the command line of the next start */
   /* Waits for its end: the exit code. */
   int wait() {
     DWORD code = 0;
@@ -102,7 +104,7 @@ class ServiceProcess {
            "\\tarnd.exe --cfs https://acme.example.com --user me --cache \"" + folder_ +
            "\\cache\" --addr file:///" + slashes(folder_) +
            "/cloud --tn-devid t-dev --da-devid d-dev --logfile \"" + folder_ +
-           "\\tarnd.log\" --vfs --sockdir \"" + folder_ + "\\sock\"";
+           "\\tarnd.log\" --vfs --sockdir \"" + folder_ + "\\sock\" " + more_options;
   }
 
   std::string folder_;
@@ -243,6 +245,12 @@ class RawConnection {
       u.wrename.wrename_msg_dlen = length(to);
     };
     return ask(TNV_OP_WIN_RENAME, fill, from + '\0' + to + '\0').error();
+  }
+  int set_proxy(const std::string& server, const std::string& user, const std::string& password) {
+    const auto fill = [&](Payload& u) {
+      u.wsetproxy = {length(server), length(user), length(password)};
+    };
+    return ask(TNV_OP_WIN_SETPROXY, fill, server + '\0' + user + '\0' + password + '\0').error();
   }
   int update_token(const std::string& token) {
     const auto fill = [&](Payload& u) { u.updatetoken.ut_len = length(token); };

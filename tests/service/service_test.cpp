@@ -55,6 +55,16 @@ class ServiceTest : public testing::Test {
     std::ofstream(Cloud(name), std::ios::binary) << content;
   }
   std::string get(const std::string& name) const { return text(Cloud(name)); }
+  /* The content of a conflict copy. */
+  std::string beside(const std::string& name) const {
+    for (const auto& entry : fs::directory_iterator(Cloud(""))) {
+      const std::string file = entry.path().filename().string();
+      if (file.starts_with(name.substr(0, name.find('.')) + " (conflict of ")) {
+        return get(file);
+      }
+    }
+    return "";
+  }
   static std::string text(const fs::path& path) {
     std::ostringstream text;
     text << std::ifstream(path, std::ios::binary).rdbuf();
@@ -286,10 +296,11 @@ TEST_F(ServiceTest, AKilledClientHoldsNothingAndLosesNothing) {
   CloseHandle(client.hThread);
   CloseHandle(client.hProcess);
   EXPECT_TRUE(soon([&] { return connection_->lock(file, TN_SMBLK_EX_BRL, 9, 1) == 0; }));
-  EXPECT_TRUE(soon([&] { return get("a.txt") == "new content"; }));
   const RawFile exclusive = connection_->open("b.txt", {.share = 0});
   EXPECT_EQ(exclusive.error, 0);
   EXPECT_EQ(close_file(exclusive) | close_file(file), 0);
+  EXPECT_TRUE(soon([&] { return beside("a.txt") == "new content"; })) << "nobody closed it";
+  EXPECT_EQ(get("a.txt"), "old content");
 }
 
 /* ------------------------------------------------------------------ names */

@@ -1,0 +1,26 @@
+#include "cache_limits.h"
+
+#include <algorithm>
+
+namespace tarnd {
+namespace {
+
+uint64_t excess(uint64_t is, uint64_t may_be) { return is > may_be ? is - may_be : 0; }
+
+}  // namespace
+
+CacheLimits::CacheLimits(uint64_t size, uint64_t keep_free, FreeSpace free_space)
+    : free_space_(std::move(free_space)),
+      keep_free_(keep_free),
+      size_(size != 0 ? size : free_space_() / 10) {}
+
+bool CacheLimits::may_fetch(uint64_t bytes) const {
+  return excess(free_space_(), keep_free_) >= bytes;
+}
+
+uint64_t CacheLimits::over(uint64_t used) const {
+  const uint64_t missing = excess(keep_free_, free_space_());
+  return std::min(used, std::max(excess(used, size_), missing));
+}
+
+}  // namespace tarnd

@@ -1,0 +1,30 @@
+/* Which cloud an address means. */
+#ifndef SERVICE_CLOUD_ADDRESS_H
+#define SERVICE_CLOUD_ADDRESS_H
+
+#include <memory>
+#include <string>
+
+#include "cloud/cloud.h"
+#include "cloud/cloud_retry.h"
+
+namespace tarnd {
+
+struct CloudSettings {
+  CloudCounts* counts = nullptr; /* outlives the cloud */
+  std::string faults = {};       /* the script of a fault cloud (cloud/fault/fault_cloud.h) */
+  RetryPolicy retry = {};
+};
+
+/*
+ * The cloud at an address, with the retries around it: "file:///Z:/a%20folder" (percent-encoded) is
+ * a directory, and "fault+file:///..." the same one, failing as its script says. Null with a text
+ * in
+ * `*error` that says what is wrong with it.
+ */
+std::unique_ptr<Cloud> open_cloud(const std::string& address, const CloudSettings& settings,
+                                  std::string* error);
+
+}  // namespace tarnd
+
+#endif

@@ -1,0 +1,59 @@
+/*
+ * What the fault cloud does wrong, as a text: rules, one a line or separated by ';', of words
+ * separated by blanks. '#' at the start of a rule makes it a comment.
+ *
+ *   seed N                 what chance starts from (1)
+ *   rate BYTES             contents go through at so many bytes a second, in each call; 0: at once
+ *   names MS               how long a status or a listing may be taken for true (the cloud's own)
+ *   latency CALLS MS[-MS]  waits before each call
+ *   busy CALLS WHEN [MS]   is not carried out and answered BUSY, with this pause (100)
+ *   error CALLS WHEN       a server's error: a call that looks is answered OFFLINE, one that
+ * changes something UNKNOWN_OUTCOME, carried out or not by chance lost CALLS WHEN        is carried
+ * out, but the answer gets lost: UNKNOWN_OUTCOME changed CALLS WHEN     is answered CHANGED: a read
+ * before any of its pieces, another call without being carried out short CALLS WHEN       reads
+ * hand out a part of the bytes, and say OK offline CALLS WHEN MS  the cloud goes offline with this
+ * call, for so long, for all calls
+ *
+ * CALLS is "all", or names of calls separated by ',': status list read put patch rename remove
+ * make_folder. WHEN is a chance between 0 and 1, as in 0.05, or "#N" for the Nth of these calls
+ * alone. With reads, "changed" and "short" mean each piece of a content where others mean a call.
+ */
+#ifndef SERVICE_FAULT_SCRIPT_H
+#define SERVICE_FAULT_SCRIPT_H
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "cloud/cloud_counts.h"
+
+namespace tarnd {
+
+enum class Fault { LATENCY, BUSY, ERROR_5XX, LOST, CHANGED, SHORT, OFFLINE };
+
+struct FaultRule {
+  Fault fault = Fault::LATENCY;
+  std::set<CloudCall> calls;
+  double chance = 1;
+  uint64_t nth = 0; /* only this call, counted from 1; 0: by chance */
+  std::chrono::milliseconds least{0};
+  std::chrono::milliseconds most{
+      0}; /* least and most of what the fault takes, when it takes time */
+};
+
+struct FaultScript {
+  uint64_t seed = 1;
+  uint64_t rate = 0; /* bytes a second; 0: as fast as it goes */
+  std::optional<std::chrono::milliseconds> names_fresh;
+  std::vector<FaultRule> rules;
+};
+
+/* False with a text in `*error` that names the rule that is wrong. */
+bool parse_fault_script(const std::string& text, FaultScript* script, std::string* error);
+
+}  // namespace tarnd
+
+#endif

@@ -1,0 +1,46 @@
+#include "names/conflict_name.h"
+
+#include <algorithm>
+
+#include "names/share_path.h"
+
+namespace tarnd {
+namespace {
+
+constexpr const char* MARK = " (conflict of ";
+
+/* What a name may hold of a text that was not meant to be one. */
+std::string clean(std::string text) {
+  std::erase_if(text, [](unsigned char c) {
+    return c < 0x20 || std::string_view("/\\:*?\"<>|").find(static_cast<char>(c)) !=
+                           std::string_view::npos;
+  });
+  return text.substr(0, 64);
+}
+
+/* Cut between two characters of UTF-8. */
+std::string cut(std::string text, size_t bytes) {
+  size_t end = std::min(bytes, text.size());
+  while (end > 0 && end < text.size() && (text[end] & 0xC0) == 0x80) {
+    end--;
+  }
+  return text.substr(0, end);
+}
+
+} /* namespace */
+
+std::string conflict_name(const std::string& path, const std::string& user,
+                          const std::string& date, int number) {
+  const size_t start = path.rfind('/') + 1;
+  const std::string name = path.substr(start);
+  const size_t dot = name.rfind('.');
+  const bool has_end = dot != std::string::npos && dot != 0;
+  const std::string end = has_end ? cut(name.substr(dot), 32) : "";
+  std::string stem = has_end ? name.substr(0, dot) : name;
+  stem = stem.substr(0, stem.find(MARK));
+  const std::string mark = MARK + cut(clean(user), 64) + ' ' + date +
+                           (number > 1 ? ' ' + std::to_string(number) : "") + ')';
+  return path.substr(0, start) + cut(stem, MAX_NAME_BYTES - mark.size() - end.size()) + mark + end;
+}
+
+} /* namespace tarnd */
