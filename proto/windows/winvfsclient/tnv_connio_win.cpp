@@ -18,15 +18,17 @@
 namespace {
 
 constexpr int POLL_MS = 1000;
-/* How long a socket rests that was reported ready and then moved nothing. */
+/* How long a thread waits that was told that a socket is ready, and then moved nothing. */
 constexpr DWORD NOT_READY_REST_MS = 1;
-/* What is polled for where only a hang-up can still come: a poll must name something, and a local
- * socket never has urgent data. */
+/*
+ * What a thread polls for when only a hang-up can still come. A poll must ask for something, and a
+ * local socket never has urgent data.
+ */
 constexpr SHORT HANG_UP_ONLY = POLLRDBAND;
-/* The most bytes of one transfer on a client connection: the transfers count in int. */
+/* The most bytes of one transfer on a client connection, since transfers count in int. */
 constexpr size_t MAX_CHUNK = size_t{1} << 30;
 
-/* A failure is returned and stored in errno: after all logging, which may change errno. */
+/* Returns a failure and stores it in errno. Called after the logging, which may change errno. */
 int fail(int err) {
   errno = err;
   return err;
@@ -34,43 +36,43 @@ int fail(int err) {
 
 /* ------------------------------------------------------------------- the transfer loop */
 
-/* What a send and a receive do not share. */
-struct direction {
+/* How a send and a receive differ. */
+struct Direction {
   const char* verb;
   const char* title;
   short events;
-  int exiting_err; /* the error of a wait that the owner's shut-down ended */
-  bool drains;     /* bytes may still be moved after the peer hung up */
+  int exiting_err; /* what a wait gives that ends because the owner shuts down */
+  bool drains;     /* bytes may still come after the peer hung up */
   int (*move)(SOCKET sock, char* data, int nbytes);
 };
 
 int move_out(SOCKET sock, char* data, int nbytes) { return send(sock, data, nbytes, 0); }
 int move_in(SOCKET sock, char* data, int nbytes) { return recv(sock, data, nbytes, 0); }
 
-/* Deliberately two codes for one event: a receive answers in the runtime's numbering. */
-constexpr direction SEND = {"send", "Send", POLLWRNORM, WSAECONNRESET, false, move_out};
-constexpr direction RECV = {"recv", "Recv", POLLRDNORM | POLLRDBAND, OX_ECONNRESET, true, move_in};
+/* A receive that its owner's shut-down ends gives the runtime's number, a send that of Winsock. */
+constexpr Direction SEND = {"send", "Send", POLLWRNORM, WSAECONNRESET, false, move_out};
+constexpr Direction RECV = {"recv", "Recv", POLLRDNORM | POLLRDBAND, OX_ECONNRESET, true, move_in};
 
-/* A transfer under way; used by one thread. */
-struct transfer {
-  const direction& dir;
+/* A transfer under way. One thread uses it. */
+struct Transfer {
+  const Direction& dir;
   SOCKET sock;
   char* next;
   int left;
-  vfs_handle* owner;   /* null, or asked while nothing moves */
-  bool at_end = false; /* a receive gave 0 bytes: only the hang-up is waited for */
+  vfs_handle* owner;   /* null, or asked whether it shuts down while nothing moves */
+  bool at_end = false; /* a receive gave 0 bytes: only the hang-up can come */
   bool owner_exiting = false;
   bool closed = false; /* the peer hung up, and the socket was closed */
 };
 
-int hung_up(transfer& t) {
+int hung_up(Transfer& t) {
   closesocket(t.sock);
   t.closed = true;
   OX_LOG(OX_ERROR_LEVEL, WSAECONNRESET, "Socket %s connection hungup", t.dir.verb);
   return WSAECONNRESET;
 }
 
-/* The error that a poll reported without naming it. */
+/* The error that a poll reports without its number. */
 int pending_error(SOCKET sock) {
   int err = 0;
   int size = sizeof(err);
@@ -80,7 +82,7 @@ int pending_error(SOCKET sock) {
   return err != 0 ? err : WSAECONNRESET;
 }
 
-int poll_failed(const transfer& t) {
+int poll_failed(const Transfer& t) {
   const int err = WSAGetLastError();
   if (err == WSAEINTR) {
     return 0;
@@ -89,8 +91,8 @@ int poll_failed(const transfer& t) {
   return err != 0 ? err : WSAENOTSOCK;
 }
 
-/* A second passed. A stream that ended a second ago, without a hang-up, brings nothing more. */
-int timed_out(transfer& t) {
+/* A second has passed. From a stream that ended before it, nothing more comes. */
+int timed_out(Transfer& t) {
   if (t.owner != nullptr && t.owner->vfs_is_exiting != nullptr &&
       t.owner->vfs_is_exiting(t.owner)) {
     t.owner_exiting = true;
@@ -99,7 +101,7 @@ int timed_out(transfer& t) {
   return t.at_end ? hung_up(t) : 0;
 }
 
-int faulty(const transfer& t, int ready) {
+int faulty(const Transfer& t, int ready) {
   const int err = pending_error(t.sock);
   if ((ready & POLLNVAL) != 0) {
     OX_LOG(OX_ERROR_LEVEL, err, "Socket %s invalid socket", t.dir.verb);
@@ -109,8 +111,8 @@ int faulty(const transfer& t, int ready) {
   return err;
 }
 
-/* `moved` was not positive: a hang-up, a fault, the end of the stream, or nothing yet. */
-int nothing_moved(transfer& t, int ready, int moved) {
+/* Nothing was moved: because of a hang-up, a fault, the end of the stream, or just not yet. */
+int nothing_moved(Transfer& t, int ready, int moved) {
   const int err = moved < 0 ? WSAGetLastError() : 0;
   if ((ready & POLLHUP) != 0) {
     return hung_up(t);
@@ -130,8 +132,8 @@ int nothing_moved(transfer& t, int ready, int moved) {
   return 0;
 }
 
-/* Waits up to a second and moves what can be moved: 0 to go on, or the error. */
-int step(transfer& t) {
+/* Waits up to a second and moves what can be moved: 0, and the transfer goes on, or the error. */
+int step(Transfer& t) {
   WSAPOLLFD pfd = {t.sock, t.at_end ? HANG_UP_ONLY : t.dir.events, 0};
   const int count = WSAPoll(&pfd, 1, POLL_MS);
   if (count < 0) {
@@ -157,10 +159,10 @@ int step(transfer& t) {
   return 0;
 }
 
-/* Moves all of it: 0, or the error. `closed` tells whether a hang-up closed the socket. */
-int run(const direction& dir, vfs_handle* owner, int sockfd, ox_u8* data, int nbytes,
+/* Moves all bytes: 0, or the error. *closed: whether a hang-up closed the socket. */
+int run(const Direction& dir, vfs_handle* owner, int sockfd, ox_u8* data, int nbytes,
         bool* closed) {
-  transfer t{dir, static_cast<SOCKET>(sockfd), reinterpret_cast<char*>(data), nbytes, owner};
+  Transfer t{dir, static_cast<SOCKET>(sockfd), reinterpret_cast<char*>(data), nbytes, owner};
   int err = nbytes < 0 ? WSAEINVAL : 0;
   while (err == 0 && t.left > 0) {
     err = step(t);
@@ -199,9 +201,9 @@ int recv_all(vfs_handle* owner, int sockfd, ox_u8* data, int nbytes, bool* close
 /* ------------------------------------------------------------------- client connections */
 
 /*
- * A program that the drive application starts must not inherit the socket: it would keep a
- * connection alive that both sides have given up. Not every system takes the flag for a local
- * socket.
+ * A program that the drive application starts must not inherit the socket: the connection would
+ * then stay alive as long as that program. A system that does not take the flag makes the socket
+ * first, and is told afterwards.
  */
 SOCKET make_socket() {
   const SOCKET sock = WSASocketW(AF_UNIX, SOCK_STREAM, 0, nullptr, 0,
@@ -216,21 +218,21 @@ SOCKET make_socket() {
   return inheritable;
 }
 
-using transfer_func = int (*)(vfs_handle* owner, int sockfd, ox_u8* data, int nbytes, bool* closed);
+using TransferFunc = int (*)(vfs_handle* owner, int sockfd, ox_u8* data, int nbytes, bool* closed);
 
-/* 0 is the number of no socket either: that of a record which was only zero-filled. */
+/* 0 is no socket either: a record that is only zero-filled has it. */
 bool has_socket(const vfs_handle* vh) { return vh->vfs_fd > 0; }
 
 bool is_broken(vfs_handle* vh) { return std::atomic_ref(vh->vfs_broken).load(); }
 
-/* False when the connection was broken before: its socket is closed once. */
+/* False when the connection was broken before. Whoever gets true is to close the socket. */
 bool mark_broken(vfs_handle* vh) { return !std::atomic_ref(vh->vfs_broken).exchange(true); }
 
 /*
- * errno is 133 whatever the transport's own error: what failed in the middle of an answer is, for
- * the drive application, the same dead connection that its next request meets.
+ * Sets errno to 133, whatever the transport's own error was: a drive application that fails in the
+ * middle of an answer meets the same dead connection with its next request.
  */
-int conn_transfer(vfs_handle* vh, transfer_func move, ox_u8* data, size_t nbytes) {
+int conn_transfer(vfs_handle* vh, TransferFunc move, ox_u8* data, size_t nbytes) {
   int err = 0;
   while (err == 0 && nbytes > 0) {
     const size_t chunk = std::min(nbytes, MAX_CHUNK);
@@ -259,7 +261,7 @@ constexpr int DUMP_GROUP = 4;
 /* Eight digits for each byte, seven gaps and the NUL. */
 constexpr size_t DUMP_LINE = DUMP_ROW * 8 + DUMP_ROW / DUMP_GROUP;
 
-/* The byte is deliberately taken as a signed char: 0x80 and above print as eight digits. */
+/* The byte is a signed char, so readers of a dump see 0x80 and above with eight digits. */
 int format_hex(char* out, size_t size, char byte) {
   return snprintf(out, size, "%2.2x", static_cast<unsigned>(static_cast<signed char>(byte)));
 }
@@ -325,7 +327,8 @@ int tnv_signal_start(char* vfs_sock_path) {
   ox_event_name_fold(name);
   OX_LOG(OX_INFO_LEVEL, 0, "Signal event name %s", name);
 
-  /* Auto-reset and initially signalled; deliberately never closed, so that it outlives the call. */
+  /* An auto-reset event, signalled from the start. It is not closed, so that it outlives the call.
+   */
   const HANDLE event = CreateEventA(nullptr, FALSE, TRUE, name);
   if (event == nullptr) {
     const int err = static_cast<int>(GetLastError());
@@ -389,7 +392,7 @@ int tnw_setup_socket(vfs_handle* vh, const char* sock) {
 }
 
 int tnv_conn_send(vfs_handle* vh, const void* data, size_t nbytes) {
-  /* A send does not write into its buffer; the primitive's parameter only says so by habit. */
+  /* The parameter of the primitive is not const, but a send does not write into its buffer. */
   return conn_transfer(vh, send_all, static_cast<ox_u8*>(const_cast<void*>(data)), nbytes);
 }
 

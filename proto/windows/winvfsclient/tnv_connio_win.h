@@ -2,9 +2,9 @@
  * Socket transport: whole requests and responses over a local (AF_UNIX) stream socket.
  *
  * The transfer calls move exactly n bytes, polling once a second, without a time-out of their own:
- * a hang-up, a socket error or the owner's exiting callback ends the wait. They keep no state; a
- * socket is used by one thread at a time. Every failure is logged, returned, stored in the
- * runtime's errno, and never 0.
+ * a hang-up, a socket error or the owner's exiting callback ends the wait. They keep no state. One
+ * thread at a time uses a socket. Every failure is logged, returned and stored in the runtime's
+ * errno, and is never 0.
  */
 #ifndef TNV_CONNIO_WIN_H
 #define TNV_CONNIO_WIN_H
@@ -13,31 +13,32 @@
 
 OX_BEGIN_DECLS
 
-/* Starts Windows Sockets 2.2: 0, or the start-up call's error. Each success wants a WSACleanup. */
+/* Starts Windows Sockets 2.2: 0, or the error of WSAStartup. Each success needs a WSACleanup. */
 int tnv_sock_init(void);
 
 /* Puts a socket into non-blocking mode: 0 or a Windows Sockets error. */
 int tnv_setsockopt(int fd);
 
 /*
- * Send or receive exactly `nbytes`: 0, or an error. `vh` may be null; its vfs_is_exiting ends an
- * idle send with 10054 and an idle receive with 108 (deliberately unlike). A peer that hangs up
- * gives 10054 and a CLOSED socket, after all that it sent was received; any other failure leaves
- * the socket open. `fdcp` and `clientfd` are not used on Windows.
+ * Send or receive exactly `nbytes`: 0, or an error. `vh` may be null. When its vfs_is_exiting gives
+ * true, a send that waits ends with 10054 (WSAECONNRESET), but a receive with 108 (the runtime's
+ * ECONNRESET): a service that compares codes must know both. A peer that hangs up gives 10054 and a
+ * CLOSED socket, after all that it sent was received. Any other failure leaves the socket open.
+ * `fdcp` and `clientfd` are not used on Windows.
  */
 int tnv_sendbytes(vfs_handle* vh, int sockfd, tnv_fdcntl* fdcp, ox_u8* data, int nbytes);
 int tnv_recvbytes(vfs_handle* vh, int sockfd, int* clientfd, ox_u8* data, int nbytes);
 
 /*
- * Service side: traces and sends a response (48 + rhdr_len bytes) to the request `msgp`. `vh` is
- * not null here. A response longer than its record is not sent: 10040.
+ * Service side: traces and sends the response to the request `msgp` (48 + rhdr_len bytes). `vh`
+ * must not be null. A response that is longer than its record is not sent: 10040.
  */
 int tnv_send_response(vfs_handle* vh, int fd, tnv_msg* msgp, tnv_resp* resp);
 
 /*
  * Service side: signals that the service listens on `vfs_sock_path`, through the event of that name
- * (lower case, slashes). 0 or a Windows error. The event's handle is deliberately never closed, so
- * that the event outlives the call.
+ * (lower case, slashes). 0 or a Windows error. The handle of the event stays open as long as the
+ * process, so that a client that opens the event later still finds it.
  */
 int tnv_signal_start(char* vfs_sock_path);
 

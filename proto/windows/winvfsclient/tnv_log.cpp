@@ -27,7 +27,7 @@ void log_resp_hdr(const tnv_resphdr& hdr) {
          static_cast<int>(hdr.rhdr_errno));
 }
 
-/* All of an event line but its objects. */
+/* An event line without its objects. */
 const char* event_text(vfs_handle* vh, const tnv_msg* msgp, const tnv_resp* resp,
                        const char* event_name, const char* file, int line) {
   thread_local char event[EVENT_SIZE];
@@ -55,7 +55,7 @@ int tnv_log_prefix(vfs_handle* vh, int* capacity, char* lbuf) {
                           TN_FIELD(vh->vfs_user));
   written += ox_append(lbuf + written, capacity, "\"vfs_share_path\":\"%s\", ",
                        vh->vfs_share_path != nullptr ? vh->vfs_share_path : "(null)");
-  /* Deliberately a decimal number behind the 0x. */
+  /* The number behind the 0x is decimal. Programs that read the log expect it so. */
   written += ox_append(lbuf + written, capacity,
                        "\"vfs_peer_handle\":\"%p\", \"vfs_peer_thread\":\"0x%llu\", "
                        "\"vfs_da_device_id\":\"%.*s\", ",
@@ -86,7 +86,7 @@ void tnv_log_msg(vfs_handle* vh, const tnv_msg* msg) {
 void tnv_log_resp(vfs_handle* vh, const tnv_msg* msg, const tnv_resp* resp) {
   log_resp_hdr(resp->rhdr);
   if (vh->vfs_utxid == 0) {
-    return; /* no event will be written: format nothing */
+    return; /* no event is due, so nothing is formatted */
   }
   const tnv_op_trace* trace = trace_of(resp->rhdr.rhdr_opcode);
   if (trace != nullptr && trace->response != nullptr) {

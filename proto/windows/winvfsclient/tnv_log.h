@@ -7,10 +7,10 @@
  *  - an event for each response that carries a transaction id, at any debug level: one JSON-like
  *    object without a line prefix.
  *
- * All text is built in buffers of the calling thread, bounded by what is left of them: a text that
- * does not fit is cut. A returned text is valid until the same thread builds the next of its kind.
- * No lock is held. Texts inside messages are read within their fields and within hdr_len, whatever
- * their length fields say. Holds no Windows call.
+ * All text is built in buffers of the calling thread, and a text that does not fit is cut. A
+ * returned text is valid until the same thread builds the next of its kind. No lock is held. Texts
+ * inside messages are read within their fields and within hdr_len, whatever their length fields
+ * say. There is no Windows call here.
  */
 #ifndef TNV_LOG_H
 #define TNV_LOG_H
@@ -29,7 +29,7 @@ int tn_common_log_prefix(char* lbuf, int* capacity, const char* file, const char
                          int err, const ox_alert_t* alert);
 /* The connection. */
 int tnv_log_prefix(vfs_handle* vh, int* capacity, char* lbuf);
-/* The request: its id and, but for SETPROXY, drive and process. */
+/* The request: its id, and drive and process, which SETPROXY lacks. */
 int tnv_log_msg_hdr(const tnv_msghdr* hdr, int* capacity, char* lbuf);
 
 /* Trace a request before it is sent, and a response (before the service sends it, or received). */
@@ -37,23 +37,23 @@ void tnv_log_msg(vfs_handle* vh, const tnv_msg* msg);
 void tnv_log_resp(vfs_handle* vh, const tnv_msg* msg, const tnv_resp* resp);
 
 /*
- * Writes the event line of an answered request; nothing when vfs_utxid is 0. `resp`, `fso` and
- * `finfo` may be null; `st` must be. `args` is the argument object, `file` and `line` the position
- * that the event shows.
+ * Writes the event line of an answered request, or nothing when vfs_utxid is 0. `resp`, `fso` and
+ * `finfo` may be null, and `st` must be null. `args` is the argument object; `file` and `line` are
+ * the position that the event shows.
  */
 void tnv_log_vfs_event(vfs_handle* vh, const tnv_msg* msgp, const tnv_resp* resp, const tnvfso* fso,
                        const ox_statx_t* st, const tnw_fileinfo* finfo, const char* event_name,
                        const char* args, const char* file, int line);
 
-/* A record as a JSON member, in a buffer of the thread and kind. */
+/* A record as a JSON member. Each kind of record has a buffer of its own in each thread. */
 const char* tnv_fso2json(const tnvfso* fso);
 const char* tnv_finfo2json(const tnw_fileinfo* finfo);
-/* Has no rendering on this platform: fails an assertion. */
+/* There is no such text on this platform: the call fails an assertion. */
 const char* tnv_st2json(const ox_statx_t* st);
 /* An argument object, formatted into the thread's buffer for it. */
 const char* tnv_event_args(const char* fmt, ...) OX_PRINTF_LIKE(1, 2);
 
-/* How each operation is traced (tnv_log_win.cpp); null: it leaves no such line. */
+/* How an operation is traced (tnv_log_win.cpp). A null function: it leaves no such line. */
 typedef struct tnv_op_trace {
   void (*request)(const vfs_handle* vh, const tnv_msg* msg);
   void (*response)(vfs_handle* vh, const tnv_msg* msg, const tnv_resp* resp);

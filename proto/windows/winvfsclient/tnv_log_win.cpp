@@ -26,7 +26,7 @@ int trailing_len(const tnv_msg* msg) { return static_cast<int>(msg->hdr.hdr_len 
 
 /*
  * The trailing text that begins `skip` bytes behind the fixed part and is `len` bytes long, with or
- * without its NUL. Both may lie: nothing outside hdr_len is read.
+ * without its NUL. Both numbers may be wrong: nothing outside hdr_len is read.
  */
 tn_text trailing(const tnv_msg* msg, ox_s64 skip, ox_s32 len) {
   const ox_u64 size = trailing_size(msg);
@@ -38,7 +38,7 @@ tn_text trailing(const tnv_msg* msg, ox_s64 skip, ox_s32 len) {
   return {static_cast<int>(strnlen(at, room)), at};
 }
 
-/* The second text of a RENAME, the second and third of a SETPROXY: each behind a NUL. */
+/* The second text of a RENAME or SETPROXY, which stands behind the first one's NUL. */
 tn_text rename_target(const tnv_msg* msg) {
   const tnv_wrename_msg& m = msg->u.wrename;
   return trailing(msg, ox_s64{m.wrename_msg_slen} + 1, m.wrename_msg_dlen);
@@ -56,7 +56,7 @@ tn_text target_path(const vfs_handle* vh) {
   return {static_cast<int>(strnlen(path, longest)), path};
 }
 
-/* CLOSE and CLEANUP, whose records differ in their fields' names alone. */
+/* CLOSE or CLEANUP: only the names of the fields differ in their records. */
 struct EndOfOpen {
   int fd;
   const tnvfso& fso;
@@ -79,14 +79,14 @@ EndOfOpen end_of_open(const tnv_wcleanup_msg& m) {
 
 /* ------------------------------------------------------------------- requests */
 
-/* The last two texts of most lines. */
+/* The two texts at the end of most lines. */
 struct Origin {
   tn_id_text drive;
   tn_text proc;
   explicit Origin(const tnv_msghdr& hdr) : drive(hdr.hdr_drvid), proc{TN_FIELD(hdr.hdr_procname)} {}
 };
 
-/* The ids that lines show of a file. */
+/* The ids of a file that a line shows. */
 struct FileIds {
   tn_id_text id;
   tn_id_text eid;
@@ -116,7 +116,7 @@ void request_open(const vfs_handle*, const tnv_msg* msg) {
       trailing_len(msg), from.drive.text, TN_TEXT(from.proc));
 }
 
-/* The requests of one path. */
+/* A request with one path. */
 void request_path(const char* name, const tnv_msg* msg, ox_s32 len) {
   const tn_text path = trailing(msg, 0, len);
   const Origin from(msg->hdr);
@@ -136,7 +136,7 @@ void request_delete(const vfs_handle*, const tnv_msg* msg) {
   request_path("delete", msg, msg->u.wdelete.wdelete_msg_plen);
 }
 
-/* Carries no process name. */
+/* This one carries no process name. */
 void request_candelete(const vfs_handle*, const tnv_msg* msg) {
   const tn_text path = trailing(msg, 0, msg->u.wcandelete.wcandelete_msg_plen);
   REQUEST_LINE("Message: candelete(path %.*s, len %d, drive_id %s)", TN_TEXT(path),
@@ -184,7 +184,7 @@ void request_brl(const vfs_handle*, const tnv_msg* msg) {
       from.drive.text, TN_TEXT(from.proc));
 }
 
-/* The password is never logged. */
+/* Without the password, which only the line of a start shows (tnw_service_process.cpp). */
 void request_setproxy(const vfs_handle*, const tnv_msg* msg) {
   const tn_text server = trailing(msg, 0, msg->u.wsetproxy.wproxy_server_len);
   const tn_text user = proxy_user(msg);
@@ -272,7 +272,7 @@ void response_cleanup(vfs_handle* vh, const tnv_msg* msg, const tnv_resp* resp) 
         end_of_open_args(vh, end_of_open(msg->u.wcleanup)));
 }
 
-/* The argument object of the operations on one path, whose key differs. */
+/* The argument object of an operation on one path, under the key of the operation. */
 const char* path_args(const char* key, const tnv_msg* msg, ox_s32 len) {
   const tn_text path = trailing(msg, 0, len);
   return tnv_event_args("\"vfs_args\":{\"%s\":\"%.*s\"}", key, TN_TEXT(path));
@@ -315,7 +315,7 @@ void response_brl(vfs_handle* vh, const tnv_msg* msg, const tnv_resp* resp) {
                        tn_llu(m.wbrl_len), m.wbrl_pid));
 }
 
-/* The password is never logged. */
+/* Without the password, which only the line of a start shows (tnw_service_process.cpp). */
 void response_setproxy(vfs_handle* vh, const tnv_msg* msg, const tnv_resp* resp) {
   const tn_text server = trailing(msg, 0, msg->u.wsetproxy.wproxy_server_len);
   const tn_text user = proxy_user(msg);

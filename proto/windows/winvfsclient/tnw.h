@@ -11,9 +11,9 @@
  * these codes beside its own:
  *
  *   1467 ERROR_RESTART_APPLICATION (TNW_ERROR_NO_SERVICE)
- *       The drive handle or file handle is none of ours, or is closed. tnw_create, tnw_findfirst,
- *       and tnw_read, tnw_write and tnw_setfilesize also return it when they need the service and
- *       the connection to it is broken.
+ *       The drive handle or file handle is none of ours, or the drive was given back. tnw_create,
+ *       tnw_findfirst, and tnw_read, tnw_write and tnw_setfilesize also return it when they need
+ *       the service and the connection to it is broken.
  *   1326 ERROR_LOGON_FAILURE
  *       The service has no valid authorisation for the user. Call tnw_updatetoken.
  *
@@ -171,18 +171,19 @@ OX_STATIC_ASSERT(sizeof(tnw_fileinfo) == 1168, "wire layout");
 void* tnw_init(tnw_tninit* tninit, int* err);
 
 /*
- * Gives a drive handle back. The last handle of a service also stops the service, after 1 s, and
- * frees all that belongs to it; files that are still open are gone with it. The contexts of such
- * files stay allocated, and their slots must be dropped. Files of a drive that is not the last one
- * stay open until the last one goes, but no call reaches them: close them before. The call does not
- * wait for the end of the service's process. `force` has no effect.
+ * Gives a drive handle back. What is still open on the drive is closed here: its handles are unknown
+ * from now on, and the contexts of its files are freed, so their slots must be cleared. The service
+ * is not told: close files before, or it keeps them open until it stops. The last handle of a
+ * service also stops the service, after 1 s. The call does not wait for the end of the service's
+ * process. `force` has no effect.
  *
  * 0; 87 ERROR_INVALID_PARAMETER for a null or unknown handle; or the result of the shut-down
  * request as it is: the service's error number, or -1 when the connection is broken.
  */
 int tnw_deinit(void* drvhdl, bool force);
 /*
- * The same at once, for all drive handles of the service. 0, or 87 ERROR_INVALID_PARAMETER.
+ * The same for all drive handles of the service, without the pause. Calls that come meanwhile are
+ * refused. 0, or 87 ERROR_INVALID_PARAMETER for a null or unknown handle.
  */
 int tnw_deinit_force(void* drvhdl);
 
@@ -384,17 +385,21 @@ typedef struct tnw_purge_opt_t {
 OX_STATIC_ASSERT(sizeof(tnw_purge_opt_t) == 5120, "layout of the API");
 
 /*
- * Deletes a user's cache directory, changes that were not yet written back included. No drive is
- * needed; no start-up or shut-down of this process runs meanwhile. The directory is moved into the
- * temporary folder first, or deleted in place when it cannot be.
+ * Deletes a user's cache directory, with the changes in it that were not yet written back. No drive
+ * is needed, and no start or stop of a service of this process runs meanwhile. The directory is
+ * moved into the temporary folder first; where that is not possible, it is deleted in place.
  *
- * 0: it is gone. 13: a null record, an empty field, or a domain or user name that is no plain name
- * of a folder (with \, / or :, or a dot or space at its end). 170: this process runs a service for
- * the domain and user, in whatever case they are written, and nothing was touched. 38: the path is
- * too long.
- * Otherwise the failure of the move or of the removal, as a code; that of the move is returned even
- * when the directory was then deleted in place, so look again before trying again. A service that
- * ANOTHER PROCESS runs for the user is not seen: make sure that there is none.
+ * The names may be all that tnw_init takes, also "CORP\ada" or a name with a dot at its end.
+ *
+ * 0: it is gone. 13 ERROR_INVALID_DATA: a null record, an empty field, or a name that does not lead
+ * down from the work directory ("..", "a\..\..") or has a colon. 170 ERROR_BUSY: a service of this
+ * process uses the directory, a part of it or a folder that holds it, or serves the domain and user
+ * in whatever case they are written; nothing was touched. 38: the path is too long. Otherwise the
+ * failure of the move or of the removal, as a code. The failure of the move is returned even when
+ * the directory was then deleted in place, so look before you try again.
+ *
+ * Two services are not seen, and lose their changes: one that ANOTHER PROCESS runs for the user, and
+ * one of this process that still writes back after tnw_deinit. Make sure that neither is there.
  */
 int tnw_purge_cache(tnw_purge_opt_t* po);
 

@@ -10,11 +10,11 @@
 namespace {
 
 constexpr int PREFIX_SIZE = 2048;
-thread_local char prefix[PREFIX_SIZE]; /* of log lines, and of the events below */
+thread_local char prefix[PREFIX_SIZE]; /* used by log lines and by the events below */
 
 std::atomic<bool> saw_utxid = false;
 
-/* Another thread's exchange on the connection may be at work. */
+/* Atomic: a worker may be at work on the connection. */
 bool is_due(const vfs_handle* vh) {
   return std::atomic_ref(const_cast<bool&>(vh->vfs_had_utxid)).load(std::memory_order_relaxed);
 }
@@ -30,7 +30,7 @@ struct OpenIds {
   explicit OpenIds(const tnvfd* fde) : id(fde->fdt_fso.fso_handle), eid(fde->fdt_fso.fso_version) {}
 };
 
-/* READ and WRITE. */
+/* The event of a read or a write. */
 void log_transfer(vfs_handle* vh, const char* vfs_event, const tnvfd* fde, ox_off off, size_t size,
                   ox_s64 retval, const struct timespec* s_ts) {
   if (!is_due(vh)) {

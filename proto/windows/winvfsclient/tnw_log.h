@@ -1,8 +1,8 @@
 /*
  * The client's log lines: {<prefix>"text"} with the prefix of tnw_log_prefix.
  *
- * tnw_dll's files, tnw_connect, vfstnw_bmap and vfstnw_client log with these, whether or not a
- * prefix callback is installed; the rest of the library logs with OX_LOG.
+ * The files of tnw_dll, tnw_connect, vfstnw_bmap and vfstnw_client log with these, whether or not a
+ * prefix callback is installed. The rest of the library logs with OX_LOG.
  */
 #ifndef TNW_LOG_H
 #define TNW_LOG_H
@@ -30,11 +30,12 @@ void tnw_note_utxid(vfs_handle* vh, ox_u64 utxid);
  */
 bool tnw_saw_utxid(void);
 /*
- * The event line of a call that the client answered by itself; nothing unless the last response on
- * the connection carried a transaction id, also while the next request is under way. `s_ts`: when
- * the call began; all zero for a call that began before the first id was seen and did not wait for
- * the service, whose time is shown as 0. `args` (an argument object) and `fso` may be null; errno
- * is shown when `retval` is negative; `file` and `line` are the position that the event shows.
+ * Writes the event line of a call that the client answered by itself, if the last response on the
+ * connection carried a transaction id. (That the next request is under way makes no difference.)
+ * `s_ts`: when the call began. It is zero, and the time is shown as 0, for a call that began before
+ * the first id was seen and did not wait for the service. `args` (an argument object) and `fso` may
+ * be null. errno is shown when `retval` is negative. `file` and `line` are the position that the
+ * event shows.
  */
 void tnw_log_response(vfs_handle* vh, const char* vfs_event, const char* args, ox_s64 retval,
                       const tnvfso* fso, const struct timespec* s_ts, const char* file, int line);

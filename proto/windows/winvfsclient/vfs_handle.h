@@ -19,18 +19,17 @@
 OX_BEGIN_DECLS
 
 struct vfs_handle;
-/* Tells whether the connection's owner shuts down; asked once a second while a transfer waits. */
+/* Whether the connection's owner shuts down. It is asked once a second while a transfer waits. */
 typedef bool (*vfs_is_exiting_t)(struct vfs_handle* vh);
 
 typedef struct vfs_handle {
   ox_s64 vfs_fd; /* the socket; -1 before the connect; keeps its number when the connection broke */
   cfs_id_t vfs_share_fid;
   ox_u64 vfs_peer_tid;
-  ox_u64 vfs_utxid; /* transaction id of the last response; 0 while a request is under way */
-  ox_s32 vfs_pid;   /* not set by the client */
-  bool vfs_broken;  /* the socket is closed, and no request gets through any more */
-  bool
-      vfs_had_utxid; /* the last response had a transaction id; kept while a request is under way */
+  ox_u64 vfs_utxid;   /* transaction id of the last response; 0 while a request is under way */
+  ox_s32 vfs_pid;     /* not set by the client */
+  bool vfs_broken;    /* the socket is closed, and no request gets through any more */
+  bool vfs_had_utxid; /* the last response had a transaction id; kept during the next request */
   ox_u8 vfs_pad[2];
   char* vfs_share_path;        /* owned */
   const char* vfs_target_path; /* not set by the client; not owned */

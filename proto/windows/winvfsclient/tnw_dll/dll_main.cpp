@@ -1,4 +1,4 @@
-/* The library's entry point and its two process-wide locks. */
+/* The library's entry point, the list of service instances and the lock of starts and stops. */
 
 #include <windows.h>
 
@@ -10,10 +10,10 @@ tnw_tnihd tnw_tninstances;
 ox_rwlock_t tnw_glock;
 
 /*
- * Each line of detach undoes one of attach. At the process's end nothing is undone: its other
- * threads were stopped where they stood, and destroying a lock that one of them held (a start holds
- * tnw_glock for up to two minutes) would wait for ever. Instances that are still there are
- * deliberately left.
+ * Each line of the detach undoes one of the attach. When the process ends, nothing is undone: its
+ * other threads were stopped where they stood, and the destruction of a lock that one of them held
+ * would wait for ever (a start holds tnw_glock for up to two minutes). Instances that are still
+ * there are not freed: that would mean to wait for their services.
  */
 extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID process_ends) {
   if (reason == DLL_PROCESS_ATTACH) {

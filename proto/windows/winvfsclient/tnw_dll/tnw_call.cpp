@@ -18,8 +18,8 @@ int refuse(const tnw_refusal& refusal) {
 }  // namespace
 
 int tnw_refuse_unknown(const void* handle) {
-  return TNW_REFUSE(TNW_ERROR_NO_SERVICE, nullptr, -1,
-                    "Could not find handle with address 0x%p", handle);
+  return TNW_REFUSE(TNW_ERROR_NO_SERVICE, nullptr, -1, "Could not find handle with address 0x%p",
+                    handle);
 }
 
 int tnw_enter_drive(const void* drvhdl, tnw_call* call) {

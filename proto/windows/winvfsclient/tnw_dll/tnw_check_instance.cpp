@@ -1,5 +1,6 @@
 /*
- * May a new service be started? The pid files, the fallback event and the wait for an old service.
+ * Whether a new service may be started: the pid files, the fallback event and the wait for an old
+ * service.
  */
 
 #include <shlobj.h>
@@ -20,21 +21,22 @@ namespace {
 
 constexpr int OLD_SERVICE_TRIES = 15;
 constexpr int OLD_SERVICE_PAUSE_SECS = 5;
-constexpr size_t PID_PATH_SIZE = OX_MAXPATH_LEN + 16; /* never cuts: see compose_pid_path */
+constexpr size_t PID_PATH_SIZE = OX_MAXPATH_LEN + 16; /* room for every cache directory */
 constexpr ox_u32 MAX_EVENT_NAME = OX_MAXPATH_LEN;
 
-/* The error of the system call before, which the logging of it may change. */
+/* Logs the error of the last system call and returns it: errno, which logging may change. */
 int refuse_file(const char* what, const char* file) {
   const int err = errno;
   return TNW_REFUSE(err, nullptr, err, "cannot %s %s", what, file);
 }
 
-/* A cut path would name another file, and the same one for both pid files, so none is cut. */
+/* Nothing is cut: a cut path would name another file, and the same one for both pid files. */
 void compose_pid_path(const tnw_tninstance* tni, const char* name, char (&path)[PID_PATH_SIZE]) {
   snprintf(path, sizeof path, "%.*s/%s", TN_FIELD(tni->tni_cachedir), name);
 }
 
-/* Windows' ReadFile at the end of an empty file fails with 38: nothing to read, no fault. */
+/* ReadFile fails with 38 at the end of an empty file. That is no fault: there is nothing to read.
+ */
 int read_old_pid(int fd, unsigned long* pid) {
   char text[129] = {};
   const ox_s64 n = ox_pread(fd, text, sizeof text - 1, 0);
@@ -45,7 +47,10 @@ int read_old_pid(int fd, unsigned long* pid) {
   return 0;
 }
 
-/* The file is deliberately not truncated: a shorter number leaves the tail of the old one. */
+/*
+ * Writes over the old number. The file keeps its length, so the tail of a longer old number stays
+ * behind the new one; nothing but a log line ever depends on what was read.
+ */
 int write_own_pid(int fd) {
   char text[32];
   const int len = snprintf(text, sizeof text, "%lu", GetCurrentProcessId());
@@ -77,8 +82,9 @@ int update_da_pid_file(const tnw_tninstance* tni) {
 }
 
 /*
- * Waits until the service pid file can be locked. The result is not reset when a later try
- * succeeds: a lock that was had only after waiting deliberately still fails this attempt.
+ * Waits until an old service has let go of its pid file. Having waited fails this start attempt
+ * with the last error, also when the lock was taken in the end: tnw_init then pauses and tries
+ * anew, or with TNW_INIT_NO_RETRY gives 31 to its caller.
  */
 int wait_for_old_service(const tnw_tninstance* tni, int fd) {
   int code = 0;
@@ -154,7 +160,7 @@ int tnw_check_instance(tnw_tninit* tninit) {
     return TNW_REFUSE(OX_ENOMEM, nullptr, OX_ENOMEM,
                       "Failed to allocate memory for tnw_tninstance_t");
   }
-  tnw_fill_tninstance(tninit, tni); /* deliberately unchecked: goes on with what is there */
+  tnw_fill_tninstance(tninit, tni); /* what it could not fill stays empty, and the start goes on */
   const int code = check_filled(tni, tninit);
   tnw_free_tninstance(tni);
   return code;

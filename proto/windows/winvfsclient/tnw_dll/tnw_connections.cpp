@@ -16,7 +16,7 @@
 namespace {
 
 /* Instance fields as the texts that the handshake takes. */
-struct connect_texts {
+struct ConnectTexts {
   char domain[sizeof(tnw_tninstance::tni_domain) + 1];
   char user[sizeof(tnw_tninstance::tni_username) + 1];
   char cachedir[sizeof(tnw_tninstance::tni_cachedir) + 1];
@@ -58,7 +58,7 @@ int tnw_create_pool(tnw_tninstance* tni, const tnw_tninit* tninit) {
 }
 
 int tnw_tp_init_vfshandle(tnw_tninstance* tni, const char* sharepath, const char* drive_id) {
-  connect_texts t;
+  ConnectTexts t;
   to_text(t.domain, tni->tni_domain);
   to_text(t.user, tni->tni_username);
   to_text(t.cachedir, tni->tni_cachedir);

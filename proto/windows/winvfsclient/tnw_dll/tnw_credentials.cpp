@@ -8,7 +8,10 @@
 
 namespace {
 
-/* Refuses a call that lacks an argument, or finds its drive; the authorisation has no say. */
+/*
+ * Refuses a call that lacks an argument, or finds its drive. Both calls also work while the service
+ * has no authorisation.
+ */
 int enter(const void* drvhdl, bool complete, const char* refusal, tnw_call* call) {
   if (drvhdl == nullptr || !complete) {
     return TNW_REFUSE(ERROR_BAD_ARGUMENTS, nullptr, OX_EINVAL, "%s", refusal);
@@ -16,7 +19,7 @@ int enter(const void* drvhdl, bool complete, const char* refusal, tnw_call* call
   return tnw_enter_drive(drvhdl, call);
 }
 
-/* Sends the request, which is freed: 0, or a Windows code after a line that `failure` is. */
+/* Sends the request and frees it: 0, or a Windows code after the line `failure`. */
 int exchange(const tnw_call& call, tnv_msg* msg, tnv_resp* resp, const char* failure) {
   tnw_exchange(call.tni, tnw_async_send_msg, msg, resp, nullptr);
   ox_free_safe(msg);
@@ -30,8 +33,8 @@ int exchange(const tnw_call& call, tnv_msg* msg, tnv_resp* resp, const char* fai
 }  // namespace
 
 /*
- * A failed exchange leaves the answer clear and so, deliberately, lifts the mark too: the next call
- * then finds out.
+ * An exchange that fails leaves the answer clear, so it lifts the unauthorised mark like an answer
+ * does: callers may then be told 1326 or 1467 by their next call, not before.
  */
 int tnw_updatetoken(void* drvhdl, char* enctoken) {
   tnw_call call;

@@ -13,14 +13,14 @@ constexpr char ROOT_NAME[] = "HKEY_CURRENT_USER";
 constexpr char VALUE_NAME[] = "TarnDeviceID";
 constexpr size_t KEY_PATH_SIZE = 256;
 
-/* Whose device id, and where it is kept. */
-struct device_key {
+/* Whose device id it is, and where it is kept. */
+struct DeviceKey {
   const char* domain;
   const char* username;
   char path[KEY_PATH_SIZE];
 };
 
-bool read_device_id(const device_key& key, char* idstr) {
+bool read_device_id(const DeviceKey& key, char* idstr) {
   HKEY opened;
   if (RegOpenKeyExA(HKEY_CURRENT_USER, key.path, 0, KEY_READ, &opened) != 0) {
     return false;
@@ -40,7 +40,7 @@ bool read_device_id(const device_key& key, char* idstr) {
   return true;
 }
 
-int store_device_id(const device_key& key, char* idstr) {
+int store_device_id(const DeviceKey& key, char* idstr) {
   HKEY opened;
   const LSTATUS created =
       RegCreateKeyExA(HKEY_CURRENT_USER, key.path, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_WRITE,
@@ -73,7 +73,7 @@ int tnw_setup_tn_device_id(const char* domain, const char* username, char* idstr
   if (idstr[0] != 0) {
     return 0;
   }
-  device_key key = {domain, username, {}};
+  DeviceKey key = {domain, username, {}};
   snprintf(key.path, sizeof key.path, "SOFTWARE\\Oxley\\Oxley Drive\\%s\\%s", domain, username);
   if (read_device_id(key, idstr)) {
     return 0;

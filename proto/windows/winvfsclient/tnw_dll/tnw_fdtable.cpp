@@ -105,9 +105,9 @@ int tnw_alloc_fdtable(vfs_handle* vh, tnw_files* fdt) {
     return TNW_REFUSE(err, vh, err, "Cannot initialize the locks of the fd table.");
   }
   /*
-   * The count grows by one with the log statement, deliberately: with debug logging on it reads one
-   * more than there are free entries. Nothing decides on it; the links tell whether the list is
-   * empty.
+   * With debug logging on, the log statement raises the count once more: from then on the log shows
+   * one more than there are free entries. Nothing decides on the count; the links tell whether the
+   * list is empty.
    */
   TNW_DEBUG(vh, 2, "File descriptor table %d:%d files allocated", n, head->fdt_count++);
   return 0;

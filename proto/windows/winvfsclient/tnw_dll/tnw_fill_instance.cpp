@@ -14,7 +14,7 @@ namespace {
 
 constexpr size_t COMPOSE_SIZE = 4096;
 
-/* A bounded copy between fixed fields; the target may be as full as the source. */
+/* Copies one fixed field into another. A text that fills the target has no NUL there. */
 template <size_t N, size_t M>
 void copy_field(char (&to)[N], const char (&from)[M]) {
   const size_t len = ox_field_len(from, M);
@@ -53,7 +53,7 @@ int fill_subdomain(const tnw_tninit* tninit, tnw_tninstance* tni) {
   return 0;
 }
 
-/* Composing was cut, or not: 0 or 38 after the line that `what` begins. */
+/* 0 when a composed text fits into `size` bytes; else 38 after the line that begins with `what`. */
 int check_fit(int composed, size_t size, const char* what, const char* partial) {
   if (composed >= 0 && static_cast<size_t>(composed) < size) {
     return 0;

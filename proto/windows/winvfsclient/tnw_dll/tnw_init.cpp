@@ -19,13 +19,14 @@
 namespace {
 
 /*
- * Deliberately one more than the starts that are tried: the counter reaches it before a third one.
+ * Where the attempt counter ends. Two starts are tried: the counter reaches this number before a
+ * third one. The log lines of a start say 3.
  */
 constexpr int INIT_ATTEMPTS = 3;
 constexpr int RETRY_PAUSE_SECS = 5;
 
-/* The texts of the start-up record that are needed whole; its fields may be unterminated. */
-struct init_texts {
+/* Texts of the start-up record, each with a NUL, which a full field of the record lacks. */
+struct InitTexts {
   char domain[sizeof(tnw_tninit::tnw_domain) + 1];
   char username[sizeof(tnw_tninit::tnw_username) + 1];
   char sharepath[sizeof(tnw_tninit::tnw_sharepath) + 1];
@@ -33,16 +34,16 @@ struct init_texts {
   char logdir[sizeof(tnw_tninit::tnw_logdir) + 1];
 };
 
-/* One tnw_init call. What an attempt has made and a failure must undo is in `tni`. */
-struct start {
+/* One tnw_init call. All that an attempt has made, and its failure must undo, is in `tni`. */
+struct Start {
   tnw_tninit* init;
-  init_texts texts;
+  InitTexts texts;
   int attempt;
-  bool winsock; /* one start-up of Windows Sockets is this call's to give back */
+  bool winsock; /* this call has started Windows Sockets, and is to end them again */
   tnw_tninstance* tni;
 };
 
-void copy_texts(const tnw_tninit* init, init_texts* texts) {
+void copy_texts(const tnw_tninit* init, InitTexts* texts) {
   memset(texts, 0, sizeof *texts);
   memcpy(texts->domain, init->tnw_domain, sizeof init->tnw_domain);
   memcpy(texts->username, init->tnw_username, sizeof init->tnw_username);
@@ -51,7 +52,7 @@ void copy_texts(const tnw_tninit* init, init_texts* texts) {
   memcpy(texts->logdir, init->tnw_logdir, sizeof init->tnw_logdir);
 }
 
-/* The log path is used whole, whatever its length. */
+/* Makes the folder of the log, and opens the log. Its path is never cut. */
 int open_log(const char* logdir) {
   const int made = SHCreateDirectoryExA(nullptr, logdir, nullptr);
   if (made != 0 && made != ERROR_ALREADY_EXISTS) {
@@ -65,10 +66,10 @@ int open_log(const char* logdir) {
 }
 
 /*
- * What every start needs of the process; done once per call, and tried again by a start attempt
- * that follows a failure before it.
+ * What every start needs of the process. Done once in a call; a start attempt tries it again when
+ * it failed before.
  */
-int open_libraries(start* s) {
+int open_libraries(Start* s) {
   if (s->winsock) {
     return 0;
   }
@@ -84,7 +85,7 @@ int open_libraries(start* s) {
   return 0;
 }
 
-tnw_drive_handle* make_handle(const start& s, tnw_tninstance* tni) {
+tnw_drive_handle* make_handle(const Start& s, tnw_tninstance* tni) {
   tnw_drive_handle* dh = static_cast<tnw_drive_handle*>(ox_zalloc(sizeof(tnw_drive_handle)));
   if (dh == nullptr) {
     return nullptr;
@@ -96,16 +97,16 @@ tnw_drive_handle* make_handle(const start& s, tnw_tninstance* tni) {
   return dh;
 }
 
-void log_joined(const start& s, tnw_tninstance* tni, const char* what) {
+void log_joined(const Start& s, tnw_tninstance* tni, const char* what) {
   TNW_INFO(tnw_connection(tni, 0), "%s for %s@%s, drive handle count %d, drive uuid %s", what,
            s.texts.username, s.texts.domain, tni->tni_drive_handles.tnwh_cnt, s.texts.drive_id);
 }
 
 /*
- * A drive on an instance that runs: the handle it has for this drive, or a new one; null on a
- * failed allocation.
+ * A drive on an instance that runs: the handle that it has for this drive, or a new one; null when
+ * there is no memory for it.
  */
-tnw_drive_handle* join_instance(const start& s, tnw_tninstance* tni) {
+tnw_drive_handle* join_instance(const Start& s, tnw_tninstance* tni) {
   tnw_drive_handle* dh = tnw_find_handle(tni, s.texts.drive_id);
   if (dh != nullptr) {
     log_joined(s, tni, "Return existing handle");
@@ -120,7 +121,7 @@ tnw_drive_handle* join_instance(const start& s, tnw_tninstance* tni) {
   return dh;
 }
 
-int start_service(start* s) {
+int start_service(Start* s) {
   int code = tnw_setup_tn_device_id(s->texts.domain, s->texts.username, s->init->tnw_tn_device_id);
   if (code != 0) {
     return TNW_REFUSE(code, nullptr, code, "Failed to set-get TN device id from registry");
@@ -136,7 +137,7 @@ int start_service(start* s) {
   return 0;
 }
 
-int connect_service(start* s) {
+int connect_service(Start* s) {
   int code = tnw_create_pool(s->tni, s->init);
   if (code != 0) {
     return TNW_REFUSE(code, nullptr, code, "Cannot create thread pool");
@@ -159,7 +160,7 @@ int connect_service(start* s) {
 }
 
 /* One start attempt: a drive handle on a new instance, or null. */
-tnw_drive_handle* try_start(start* s) {
+tnw_drive_handle* try_start(Start* s) {
   if (open_libraries(s) != 0 || start_service(s) != 0 || connect_service(s) != 0) {
     return nullptr;
   }
@@ -168,7 +169,7 @@ tnw_drive_handle* try_start(start* s) {
     TNW_ERROR(tnw_connection(s->tni, 0), OX_ENOMEM, "Cannot allocate memory for vfs handles");
     return nullptr;
   }
-  s->tni->tni_winsock = s->winsock; /* the instance keeps the start-up until it is freed */
+  s->tni->tni_winsock = s->winsock; /* from now on the instance's, until it is freed */
   s->winsock = false;
   /* Last: lookups of other threads read the table of every instance on the list. */
   tnw_add_tninstance(&tnw_tninstances, s->tni);
@@ -176,10 +177,10 @@ tnw_drive_handle* try_start(start* s) {
 }
 
 /*
- * All that a failed attempt undoes, in one list; each line is a no-op for what was not made. The
- * instance is on no list yet. The pool is aborted, not waited for, so its record is never freed.
+ * All that a failed attempt undoes, in one list. A line does nothing for what was not made. The
+ * instance is on no list yet. The pool is aborted, which waits for nobody; so its record stays.
  */
-void undo_attempt(start* s) {
+void undo_attempt(Start* s) {
   tnw_tninstance* tni = s->tni;
   if (tni == nullptr) {
     return;
@@ -195,8 +196,8 @@ void undo_attempt(start* s) {
   s->tni = nullptr;
 }
 
-/* True when another attempt is to be made, after the pause. */
-bool pause_before_retry(const start& s) {
+/* Whether another attempt is to be made; then returns after the pause. */
+bool pause_before_retry(const Start& s) {
   if (s.attempt >= INIT_ATTEMPTS || ((s.init->tnw_flags & TNW_INIT_NO_RETRY) != 0)) {
     TNW_ERROR(nullptr, 0, "%d tarnd init attempts exhausted. Requesting for classic DA fallback",
               INIT_ATTEMPTS);
@@ -208,7 +209,7 @@ bool pause_before_retry(const start& s) {
   return true;
 }
 
-tnw_drive_handle* start_with_retries(start* s) {
+tnw_drive_handle* start_with_retries(Start* s) {
   while (pause_before_retry(*s)) {
     if (++s->attempt == INIT_ATTEMPTS) {
       continue;
@@ -222,7 +223,7 @@ tnw_drive_handle* start_with_retries(start* s) {
   return nullptr;
 }
 
-tnw_drive_handle* first_attempt(start* s) {
+tnw_drive_handle* first_attempt(Start* s) {
   if (open_log(s->texts.logdir) != 0 || open_libraries(s) != 0) {
     return nullptr;
   }
@@ -244,7 +245,7 @@ void* tnw_init(tnw_tninit* tninit, int* err) {
   int code = ERROR_GEN_FAILURE;
   tnw_drive_handle* dh = nullptr;
   if (tninit != nullptr) {
-    start s = {tninit, {}, 0, false, nullptr};
+    Start s = {tninit, {}, 0, false, nullptr};
     copy_texts(tninit, &s.texts);
     ox_rwlock_excl(&tnw_glock);
     dh = first_attempt(&s);

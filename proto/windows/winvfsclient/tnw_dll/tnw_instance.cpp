@@ -33,14 +33,14 @@ tnw_tninstance* find_instance(Match match) {
   return tni;
 }
 
-/* Compares a fixed text field, which may be unterminated, with a text. */
+/* Whether a fixed field, which may have no NUL, holds this text. */
 template <size_t N>
 bool field_equals(const char (&field)[N], const char* text) {
   const size_t len = ox_field_len(field, N);
   return ox_field_len(text, N) == len && memcmp(field, text, len) == 0;
 }
 
-/* A file of the inner folder, whether or not it exists, is below the outer one in both cases. */
+/* A file in the inner folder is below the outer one in both cases. It need not exist. */
 bool is_same_or_below(const char* inner, const char* outer) {
   char file[sizeof(tnw_tninstance::tni_cachedir) + 2];
   snprintf(file, sizeof file, "%s\\x", inner);

@@ -7,9 +7,9 @@
  *   2. tnw_tninstances.tni_lock  the list of instances
  *   3. tnwh_lock                 one instance's list of drive handles
  * The lookups take 2 and 3 and release them before they return: a file call holds no list lock
- * while it works, so that calls run side by side and a slow one blocks no other. The descriptor
- * table's lock, the context lock (tnw_open.h) and the two map locks of a file (never both) are
- * taken alone, after the lookups.
+ * while it works. So calls run side by side, and a slow one holds up no other. The lock of the
+ * descriptor table, the context lock (tnw_open.h) and each of the two map locks of a file are taken
+ * alone, after the lookups.
  */
 #ifndef TNW_INSTANCE_H
 #define TNW_INSTANCE_H
@@ -29,16 +29,19 @@ struct tnw_drive_handle;
 struct tnw_dhhd {
   tnw_drive_handle* tnw_dhnext;
   tnw_drive_handle* tnw_dhprev;
-  /* Deliberately one byte, and it decides when the service is stopped: after 255 handles it wraps,
-   * and a close that brings it to 0 stops the service under those that are left. */
+  /*
+   * One byte, as the log lines show it. It decides when the service is stopped: it wraps after 255
+   * handles, and a close that brings it to 0 stops the service under the handles that are left.
+   */
   ox_u8 tnwh_cnt;
   ox_rwlock_t tnwh_lock;
 };
 
 /*
- * One cache service. Fixed once the instance is listed: everything but the links (the list's
- * lock), tni_authtoken (not changed after start-up by this library), tni_is_tn_unauthorized
- * (atomic) and what tni_files and tni_drive_handles guard themselves.
+ * One cache service. It is listed when all of it is in place, and off the list before any of it
+ * goes. tni_lock of the list: the links changed atomically: tni_is_tn_unauthorized with locks of
+ * their own: tni_files, tni_drive_handles fixed while the instance is listed: all the others, also
+ * tni_authtoken, which keeps the token of the start
  */
 struct tnw_tninstance {
   tnw_tninstance* tni_next;
@@ -64,11 +67,11 @@ struct tnw_tninstance {
   ox_tpool_t* tni_tpool;       /* its private blocks are the connections */
   tnw_files tni_files;
   tnw_dhhd tni_drive_handles;
-  HANDLE tni_ready_event; /* open as long as the instance */
-  bool tni_winsock;       /* the instance holds one start-up of Windows Sockets */
+  HANDLE tni_ready_event; /* stays open until the instance is freed */
+  bool tni_winsock; /* the instance has started Windows Sockets, and ends them when it is freed */
 };
 
-/* One drive on an instance. Fixed once it is listed, but for the links (tnwh_lock). */
+/* One drive on an instance. tnwh_lock guards the links; the rest is fixed once it is listed. */
 struct tnw_drive_handle {
   tnw_drive_handle* tnw_dhnext;
   tnw_drive_handle* tnw_dhprev;
@@ -89,7 +92,7 @@ struct tnw_tnihd {
 extern tnw_tnihd tnw_tninstances;
 extern ox_rwlock_t tnw_glock;
 
-/* The instance of a caller's drive handle, which is compared but never dereferenced, or null. */
+/* The instance of a caller's drive handle, or null. The handle is compared, never dereferenced. */
 tnw_tninstance* tnw_get_tninstance(const void* drvhdl);
 /*
  * The listed instance whose table has `fde`, which is dereferenced only when it is an entry there,
@@ -113,9 +116,12 @@ void tnw_remove_handle(tnw_tninstance* tni, tnw_drive_handle* dh); /* does not f
 /* Unlinks and frees every drive handle of the instance. */
 void tnw_free_handles(tnw_tninstance* tni);
 
-/* A zero-filled instance with its locks and lists ready, or null; freed by tnw_free_tninstance. */
+/* A zero-filled instance whose lock and list are ready, or null. Freed with tnw_free_tninstance. */
 tnw_tninstance* tnw_alloc_tninstance(void);
-/* Frees an unlisted instance: its drive handles, descriptor table, event, start-up of sockets. */
+/*
+ * Frees an instance that is not listed, and what it owns: drive handles, descriptor table, event,
+ * and its start-up of Windows Sockets.
+ */
 void tnw_free_tninstance(tnw_tninstance* tni);
 
 /* The connection of a worker slot; slot 0 is the primary one. Null while there is no pool. */

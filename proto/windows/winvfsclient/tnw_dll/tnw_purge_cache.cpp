@@ -18,14 +18,14 @@ namespace {
 
 constexpr size_t CACHEDIR_SIZE = sizeof(tnw_tninstance::tni_cachedir);
 
-/* What is purged, with texts that are terminated. */
-struct purge {
+/* What is purged. Each text has a NUL. */
+struct Purge {
   char cachedir[CACHEDIR_SIZE];
   char domain[51 + 1];
   char username[64 + 1];
 };
 
-/* A name behind a colon is no folder but a stream of one, or another name of a folder itself. */
+/* A name with a colon is a stream, which no cache can be in, or one more name of a whole folder. */
 bool names_a_folder(const char* name) { return name[0] != '\0' && strchr(name, ':') == nullptr; }
 
 /*
@@ -33,7 +33,7 @@ bool names_a_folder(const char* name) { return name[0] != '\0' && strchr(name, '
  * delete the caches of all users, and so might "...", since the system drops dots and spaces at a
  * path's end. Names that tnw_init takes lead down, also "CORP\ada", which leads down two folders.
  */
-bool leads_down(const tnw_purge_opt_t* po, const purge& p) {
+bool leads_down(const tnw_purge_opt_t* po, const Purge& p) {
   char domain_folder[CACHEDIR_SIZE + 64];
   snprintf(domain_folder, sizeof domain_folder, "%.*s\\%s\\x\\..", TN_FIELD(po->po_workdir),
            p.domain);
@@ -43,8 +43,8 @@ bool leads_down(const tnw_purge_opt_t* po, const purge& p) {
          ox_is_below(domain_folder, workdir) && ox_is_below(p.cachedir, domain_folder);
 }
 
-/* 0, or an error number. */
-int prepare(const tnw_purge_opt_t* po, purge* p) {
+/* Fills in what is purged: 0, or an error number after its line. */
+int prepare(const tnw_purge_opt_t* po, Purge* p) {
   memcpy(p->domain, po->po_domain, sizeof po->po_domain);
   memcpy(p->username, po->po_username, sizeof po->po_username);
   if (!tnw_compose_cachedir(po->po_workdir, po->po_domain, po->po_username, p->cachedir)) {
@@ -65,11 +65,11 @@ int log_failure(const char* what, const char* path) {
 }
 
 /*
- * After the move nothing should be left at the path, and that it is gone is success. After a move
- * that failed the removal in place is the last resort, and the move's failure stays the result even
- * when the removal succeeds.
+ * Removes what is left at the path. After a move that is normally nothing, and that is a success.
+ * After a move that failed (`move_err`) it is the whole cache; the failure of the move stays the
+ * result even when all of it could be removed here.
  */
-int remove_in_place(const purge& p, int move_err) {
+int remove_in_place(const Purge& p, int move_err) {
   if (ox_rmrf(p.cachedir) == 0) {
     return move_err;
   }
@@ -79,8 +79,8 @@ int remove_in_place(const purge& p, int move_err) {
   return log_failure("cachedir", p.cachedir);
 }
 
-/* Moved aside first, so that the path is free at once however long the removal takes. */
-int remove_cache(const purge& p) {
+/* Moves the cache aside first: its path is then free at once, however long the removal takes. */
+int remove_cache(const Purge& p) {
   char moved[OX_MAXPATH_LEN];
   if (ox_movedir2tmp(p.cachedir, moved, sizeof moved) != 0) {
     return remove_in_place(p, log_failure("cachedir", p.cachedir));
@@ -91,8 +91,8 @@ int remove_cache(const purge& p) {
   return remove_in_place(p, 0);
 }
 
-/* With tnw_glock held. */
-int purge_unless_running(const purge& p) {
+/* The caller holds tnw_glock, so no service starts meanwhile. */
+int purge_unless_running(const Purge& p) {
   if (!tnw_is_cache_in_use(p.domain, p.username, p.cachedir)) {
     return remove_cache(p);
   }
@@ -108,7 +108,7 @@ int tnw_purge_cache(tnw_purge_opt_t* po) {
     return static_cast<int>(unixerr2winerr(static_cast<ox_u32>(
         TNW_REFUSE(OX_EINVAL, nullptr, OX_EINVAL, "tnw_purge_opt_t param is NULL"))));
   }
-  purge p = {};
+  Purge p = {};
   int err = prepare(po, &p);
   if (err == 0) {
     ox_rwlock_excl(&tnw_glock);

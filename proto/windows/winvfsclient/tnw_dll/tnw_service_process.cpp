@@ -17,7 +17,7 @@ constexpr DWORD READY_TIMEOUT_MS = 60000;
 constexpr size_t EXTRA_ARGS_SIZE = 512;
 constexpr size_t COMMAND_SIZE = 4096;
 
-/* Appends to a bounded text and counts what a larger one would hold. */
+/* Appends to a text of N bytes; *total counts the characters that a long enough one would hold. */
 template <size_t N, class... Args>
 void append(char (&text)[N], int* total, const char* fmt, Args... args) {
   const size_t at = static_cast<size_t>(*total) < N ? static_cast<size_t>(*total) : N - 1;
@@ -87,8 +87,8 @@ int create_process(tnw_tninstance* tni, char* command) {
 }
 
 /*
- * The event is there before the process, and not signalled: a service that is ready at once is
- * heard, and the signal of one before it is not.
+ * The event is made before the process and is not signalled: no signal of this service is missed,
+ * and none of an earlier service counts.
  */
 int create_ready_event(tnw_tninstance* tni, const char* name) {
   tni->tni_ready_event = CreateEventA(nullptr, FALSE, FALSE, name);
@@ -120,12 +120,13 @@ int start_and_wait(const tnw_tninit* tninit, tnw_tninstance* tni) {
   char extra[EXTRA_ARGS_SIZE];
   char command[COMMAND_SIZE];
   tnw_ready_event_name(tni, event_name);
-  compose_extra_args(tninit, tni, extra); /* deliberately goes on with cut options */
+  compose_extra_args(tninit, tni,
+                     extra); /* options that were cut are logged, and used as they are */
   int code = compose_command(tninit, tni, extra, command);
   if (code != 0) {
     return code;
   }
-  TNW_INFO(nullptr, "Start tarnd with cmd: %s", command);
+  TNW_INFO(nullptr, "Start tarnd with cmd: %s", command); /* with token and proxy password */
   code = create_ready_event(tni, event_name);
   if (code == 0) {
     code = create_process(tni, command);
@@ -149,7 +150,7 @@ tnw_tninstance* tnw_tnstart(const tnw_tninit* tninit, int* err) {
         TNW_REFUSE(OX_ENOMEM, nullptr, OX_ENOMEM, "Failed to allocate memory for tnw_tninstance_t");
     return nullptr;
   }
-  tnw_fill_tninstance(tninit, tni); /* deliberately unchecked: goes on with what is there */
+  tnw_fill_tninstance(tninit, tni); /* what it could not fill stays empty, and the start goes on */
   *err = start_and_wait(tninit, tni);
   if (*err == 0) {
     return tni;
