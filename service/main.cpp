@@ -131,7 +131,8 @@ int run(const Options& options) {
                                   : "Cannot write tarnd_pid in " + options.cache);
   }
   CloudCounts counts;
-  std::unique_ptr<Cloud> cloud = open_cloud(options.addr, {&counts, variable("TARND_FAULTS").value_or(""), {}}, &error);
+  std::unique_ptr<Cloud> cloud =
+      open_cloud(options.addr, {&counts, variable("TARND_FAULTS").value_or(""), {}}, &error);
   if (cloud == nullptr) {
     return fail(CANNOT_START, error);
   }

@@ -15,7 +15,7 @@ constexpr std::chrono::seconds CALL_LIMIT{60}; /* of one call that somebody wait
 uint64_t free_space(const std::wstring& folder) {
   ULARGE_INTEGER bytes = {};
   return GetDiskFreeSpaceExW(folder.c_str(), &bytes, nullptr, nullptr) != 0 ? bytes.QuadPart
-                                                                           : UINT64_MAX;
+                                                                            : UINT64_MAX;
 }
 
 /* The names of the files in a folder. */

@@ -58,7 +58,7 @@ class Service {
 
   const Options options;
   const std::unique_ptr<Cloud> cloud;
-  const std::wstring folder;          /* of the local files */
+  const std::wstring folder; /* of the local files */
   Counters counters;
   Credentials credentials;
   CacheLimits limits;

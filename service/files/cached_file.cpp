@@ -186,7 +186,9 @@ int CachedFile::begin_new(Turn& turn) {
     record_.store.fill(0);
     record_.is_new = true;
     entry_ = entry_of_new(record_.path, 0);
+    entry_.version = text_of_id(new_id()); /* until the cloud gives it one */
     filled_ = true;
+    fillings_++;
   }
   Work work;
   work.edit = [](FileRecord&) {};
@@ -195,8 +197,9 @@ int CachedFile::begin_new(Turn& turn) {
 
 void CachedFile::fill_view(FileOpen* open, FileView* view) const {
   const RegionStore& store = record_.store;
-  const bool newer = is_on_record(record_.state);
   local_.size(&view->size);
+  const bool is_made = record_.is_new && view->size == 0; /* nothing is newer than it */
+  const bool newer = is_on_record(record_.state) && !is_made;
   view->modified = newer ? local_.modified() : entry_.modified;
   view->newer = newer;
   view->shift = store.shift();
@@ -229,8 +232,8 @@ int CachedFile::close(FileOpen* open, Closing how, bool* waits, uint64_t* attemp
   if (!open->attached) {
     return OX_EBADF;
   }
-  const bool modified = how == Closing::MODIFIED ||
-                        (how == Closing::SERVICE_ENDS && open->may_write);
+  const bool modified =
+      how == Closing::MODIFIED || (how == Closing::SERVICE_ENDS && open->may_write);
   *attempts = attempts_;
   Work work;
   work.leaving = open;
@@ -389,8 +392,7 @@ void CachedFile::recover() {
   Turn turn(*this);
   uint64_t size = 0;
   LocalFile file(place_of(record_.local));
-  if (record_.has_cut && file.open_existing() == 0 && file.size(&size) == 0 &&
-      size > record_.cut) {
+  if (record_.has_cut && file.open_existing() == 0 && file.size(&size) == 0 && size > record_.cut) {
     file.set_size(record_.cut);
   }
   file.close();

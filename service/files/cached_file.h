@@ -10,14 +10,14 @@
  * seal flushes the local file, records the seal, puts the file into the upload queue, and waits a
  * little for the upload.
  *
- * When the cloud's file changes behind the cache: while nothing is open and nothing waits, the cache
- * is filled anew at the next open. Otherwise no region is fetched any more (EIO), since it would
- * belong to another content, and a change that goes up becomes a file beside the cloud's.
+ * When the cloud's file changes behind the cache: while nothing is open and nothing waits, the
+ * cache is filled anew at the next open. Otherwise no region is fetched any more (EIO), since it
+ * would belong to another content, and a change that goes up becomes a file beside the cloud's.
  *
  * Threads: any. Two things guard a file:
- *   - its turn: one thread at a time changes the content, seals it, begins or ends an upload, opens,
- *     closes, renames or deletes it. It may be held over work on the disk and over the cloud's part
- *     of a rename or delete, never over a fetch or an upload. Others wait for it, by `moved_on_`;
+ *   - its turn: one thread at a time changes the content, seals it, begins or ends an upload,
+ * opens, closes, renames or deletes it. It may be held over work on the disk and over the cloud's
+ * part of a rename or delete, never over a fetch or an upload. Others wait for it, by `moved_on_`;
  *   - `lock_`, held for moments, guards the fields. Those that only change under the turn may be
  *     read by its holder without it.
  * Fetches take neither; who cuts the file ends them first.
@@ -80,14 +80,15 @@ struct CacheEnvironment {
 
 /* A file's part of one open. Guarded by the file's turn, but for what is fixed. */
 struct FileOpen {
-  uint64_t number = 0;       /* fixed; the owner in the file's range locks */
-  bool attached = false;     /* from attach() to detach(): in between alone may it ask */
-  bool writable = false;     /* fixed */
-  bool may_write = false;    /* told of a dirty region: may write there again without a word */
-  bool without_maps = false; /* told that the file is empty: asks and tells nothing any more */
-  uint64_t emptied = 0;      /* the file's count of emptyings that the open's maps have seen */
-  uint64_t map_regions = 0;  /* fixed: regions that its maps have room for */
-  ReadAhead reads;           /* guarded by the file's lock */
+  uint64_t number = 0;          /* fixed; the owner in the file's range locks */
+  bool attached = false;        /* from attach() to detach(): in between alone may it ask */
+  bool writable = false;        /* fixed */
+  bool may_write = false;       /* told of a dirty region: may write there again without a word */
+  bool without_maps = false;    /* told that the file is empty: asks and tells nothing any more */
+  bool writes_anywhere = false; /* where it may write without a word is not known any more */
+  uint64_t emptied = 0;         /* the file's count of emptyings that the open's maps have seen */
+  uint64_t map_regions = 0;     /* fixed: regions that its maps have room for */
+  ReadAhead reads;              /* guarded by the file's lock */
 };
 
 /* How a file is to be opened. */
@@ -210,9 +211,9 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
  private:
   /* One event on its way through the machine. */
   struct Work {
-    const FileOpen* leaving = nullptr; /* the open that ends with it */
+    const FileOpen* leaving = nullptr;                      /* the open that ends with it */
     std::function<void(FileRecord& record)> edit = nullptr; /* of CHANGE and UPLOADED */
-    bool regions_only = false;                    /* the edit marks `regions` dirty, no more */
+    bool regions_only = false; /* the edit marks `regions` dirty, no more */
     Run regions = {};
     std::function<int()> apply = nullptr; /* 0 or an error, after which nothing has changed */
     uint64_t size = 0;                    /* of the local file, when the plan began */
@@ -310,20 +311,20 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
   const CacheEnvironment& env_; /* fixed */
   FileTable& table_;            /* fixed */
   const int64_t id_;
-  RangeLocks locks_;            /* has its own lock */
+  RangeLocks locks_; /* has its own lock */
 
   mutable std::mutex lock_;
   std::condition_variable moved_on_; /* a turn, a fetch or an upload ended */
   bool turn_taken_ = false;
   /* Change under the turn (but store's present regions, which fetches add). */
   FileRecord record_;
-  LocalFile local_; /* open while there are opens */
-  CloudEntry entry_;          /* of the content in `record_.base` */
-  bool filled_ = false;       /* record_, entry_ and the local file belong together */
-  uint64_t clean_size_ = 0;   /* of the local file while it is clean */
-  uint64_t modified_ = 0;     /* when the local file was last written, once it is closed */
-  uint64_t emptied_ = 0;      /* how often the file was cut to nothing */
-  uint64_t fillings_ = 0;     /* how often the cache was filled from, or written to, the cloud */
+  LocalFile local_;         /* open while there are opens */
+  CloudEntry entry_;        /* of the content in `record_.base` */
+  bool filled_ = false;     /* record_, entry_ and the local file belong together */
+  uint64_t clean_size_ = 0; /* of the local file while it is clean */
+  uint64_t modified_ = 0;   /* when the local file was last written, once it is closed */
+  uint64_t emptied_ = 0;    /* how often the file was cut to nothing */
+  uint64_t fillings_ = 0;   /* how often the cache was filled from, or written to, the cloud */
   std::vector<FileOpen*> opens_;
   /* Guarded by lock_ alone. */
   unsigned fetching_ = 0;     /* threads that fetch */

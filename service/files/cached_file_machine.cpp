@@ -23,8 +23,7 @@ int copy_content(const LocalFile& from, const LocalFile& to, const RegionStore& 
       continue;
     }
     size_t got = 0;
-    const size_t want =
-        static_cast<size_t>(std::min<uint64_t>(buffer.size(), extent.end - offset));
+    const size_t want = static_cast<size_t>(std::min<uint64_t>(buffer.size(), extent.end - offset));
     err = from.read(offset, buffer.data(), want, &got);
     err = err == 0 && got < want ? OX_EIO : err;
     err = err != 0 ? err : to.write(offset, buffer.data(), want);
@@ -52,9 +51,8 @@ void CachedFile::Turn::end_upload() {
   Lock lock(file_.lock_);
   file_.turn_taken_ = false;
   file_.moved_on_.notify_all();
-  file_.moved_on_.wait(lock, [&] {
-    return !file_.turn_taken_ && !is_uploading(file_.record_.state.change);
-  });
+  file_.moved_on_.wait(
+      lock, [&] { return !file_.turn_taken_ && !is_uploading(file_.record_.state.change); });
   file_.turn_taken_ = true;
 }
 
@@ -202,9 +200,11 @@ void CachedFile::seal(FileRecord* record, FileState after, const Work& work) con
     }
   }
   const bool anywhere = std::any_of(opens_.begin(), opens_.end(),
-                                    [](const FileOpen* open) { return open->without_maps; });
-  if (anywhere && sealed.size > 0) { /* who has no maps does not say where it writes */
-    sealed.store.mark_dirty(sealed.store.regions(0, sealed.size));
+                                    [](const FileOpen* open) { return open->writes_anywhere; });
+  if (anywhere) {
+    for (const auto& [first, end] : record->store.present().runs()) {
+      sealed.store.mark_dirty({first, end});
+    }
   }
   record->size = sealed.size;
   record->sealed = std::move(sealed);

@@ -95,8 +95,9 @@ void CachedFile::read_ahead(FileOpen* open, uint64_t offset, uint64_t length) {
   const uint64_t limit = record_.store.limit();
   const ByteRange ahead = open->reads.next(offset, length, limit);
   const Run missing =
-      ahead.empty() ? Run{} : record_.store.next_to_fetch(record_.store.regions(
-                                  ahead.offset, ahead.length));
+      ahead.empty()
+          ? Run{}
+          : record_.store.next_to_fetch(record_.store.regions(ahead.offset, ahead.length));
   if (missing.empty() || fetches_stop_) {
     return;
   }
@@ -142,8 +143,7 @@ bool CachedFile::tell_emptied(FileOpen* open, uint64_t size) {
     return false;
   }
   open->emptied = emptied_;
-  open->without_maps = true;
-  open->may_write = true;
+  open->without_maps = open->may_write = open->writes_anywhere = true;
   return true;
 }
 
@@ -249,7 +249,7 @@ int CachedFile::truncate(FileOpen* open, uint64_t size) {
   if (const int err = cut(turn, size, true)) {
     return err;
   }
-  open->may_write = true;
+  open->may_write = open->writes_anywhere = true;
   if (size == 0) {
     open->emptied = emptied_;
     open->without_maps = true;
@@ -287,6 +287,9 @@ int CachedFile::cut(Turn& turn, uint64_t size, bool told) {
     record_.size = old.size;
   } else if (told && size == 0) {
     emptied_++;
+  }
+  for (FileOpen* open : opens_) { /* their maps may show regions dirty that are not so here */
+    open->writes_anywhere = open->writes_anywhere || open->may_write;
   }
   if (record_.has_cut) {
     record_.has_cut = false;

@@ -28,8 +28,7 @@ CloudResult CachedFile::upload(const CloudContext& context) {
     carry_out(turn, Event::UPLOAD_STARTS, work);
   }
   CloudEntry made;
-  result = result.error != 0 ? CloudResult::refused(result.error)
-                             : send(*content, context, &made);
+  result = result.error != 0 ? CloudResult::refused(result.error) : send(*content, context, &made);
   const Event event = event_of(result, *content, context);
   Turn turn(*this);
   return end_of_upload(turn, event, result, made);
@@ -94,16 +93,15 @@ Event CachedFile::event_of(const CloudResult& result, const SealedContent& conte
   if (content.is_lost() || (code == CloudCode::NOT_FOUND && record_.is_new)) {
     return Event::UPLOAD_IMPOSSIBLE;
   }
-  const bool other = code == CloudCode::EXISTS || code == CloudCode::CHANGED ||
-                     code == CloudCode::NOT_FOUND;
+  const bool other =
+      code == CloudCode::EXISTS || code == CloudCode::CHANGED || code == CloudCode::NOT_FOUND;
   return other && !took_the_other_path(context) ? Event::UPLOAD_LOST : Event::UPLOAD_FAILED;
 }
 
 /* A service that was killed in a rename does not know whether it came about. */
 bool CachedFile::took_the_other_path(const CloudContext& context) {
   CloudEntry entry;
-  if (record_.moving_to.empty() ||
-      !env_.cloud.status(context, record_.moving_to, &entry).ok() ||
+  if (record_.moving_to.empty() || !env_.cloud.status(context, record_.moving_to, &entry).ok() ||
       entry.version != record_.base.version) {
     return false;
   }
@@ -122,9 +120,8 @@ bool CachedFile::took_the_other_path(const CloudContext& context) {
 /* 0 also when it takes longer: it goes on, and the change is safe. */
 int CachedFile::wait_for_upload(uint64_t attempts) {
   Lock lock(lock_);
-  moved_on_.wait_for(lock, env_.write_back_wait, [&] {
-    return record_.state.change == Change::NONE || attempts_ != attempts;
-  });
+  moved_on_.wait_for(lock, env_.write_back_wait,
+                     [&] { return record_.state.change == Change::NONE || attempts_ != attempts; });
   const bool refused = record_.state.change != Change::NONE && attempts_ != attempts &&
                        is_definite(last_attempt_.code);
   return refused ? last_attempt_.error : 0;

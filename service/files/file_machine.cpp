@@ -10,7 +10,7 @@ Change waiting(Change change) {
 }
 
 Change uploading(Change change) {
-  return change == Change::LOCAL ? Change::LOCAL_UP
+  return change == Change::LOCAL   ? Change::LOCAL_UP
          : change == Change::ASIDE ? Change::ASIDE_UP
                                    : change;
 }

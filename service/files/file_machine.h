@@ -4,13 +4,13 @@
  *
  * A plan is a list of steps, to be done in their order. Each names the state that holds once it is
  * done, so a step that fails, or a process that is killed between two of them, leaves the state of
- * the step before: every prefix of a plan is a sound state. What the disk must know before something
- * happens is therefore simply an earlier step. ENQUEUE, REST, UPLOAD, DROP_ASIDE and FORGET never
- * fail.
+ * the step before: every prefix of a plan is a sound state. What the disk must know before
+ * something happens is therefore simply an earlier step. ENQUEUE, REST, UPLOAD, DROP_ASIDE and
+ * FORGET never fail.
  *
  * The rules that all plans keep:
- *   - no acknowledged byte is lost: a close that was answered is in the cloud, or sealed, or part of
- *     a later close;
+ *   - no acknowledged byte is lost: a close that was answered is in the cloud, or sealed, or part
+ * of a later close;
  *   - no two contents are mixed: what is sealed is not written any more;
  *   - nothing goes up that no close and no client's death asked for;
  *   - nothing in the cloud is replaced that nobody looked at.
@@ -30,12 +30,13 @@ enum class Content {
   GONE,  /* deleted: what opens still write goes nowhere */
 };
 
-/* The sealed change that is not in the cloud yet, and where its bytes are. LOCAL only with CLEAN. */
+/* The sealed change that is not in the cloud yet, and where its bytes are. LOCAL only with CLEAN.
+ */
 enum class Change {
   NONE,
-  LOCAL,     /* in the local file, which nobody may write */
-  LOCAL_UP,  /* the same, while it goes up */
-  ASIDE,     /* in a copy beside it */
+  LOCAL,    /* in the local file, which nobody may write */
+  LOCAL_UP, /* the same, while it goes up */
+  ASIDE,    /* in a copy beside it */
   ASIDE_UP,
 };
 
@@ -83,16 +84,16 @@ struct Facts {
 };
 
 enum class Action {
-  RECORD,          /* writes the state, and what of the content is new, into the database */
-  RECORD_FULL,     /* the same, safe against a loss of power; a seal is counted from here on */
-  APPLY,           /* the change itself: marks, truncation */
-  FLUSH,           /* the local file to the disk */
-  COPY_ASIDE,      /* the local file into a new copy beside it, and that to the disk */
-  DROP_ASIDE,      /* a copy that no seal is in any more */
-  SPIN_OFF,        /* makes the torn content a sealed file of the conflict name, on record in full */
-  DROP_TORN,       /* forgets a torn content without bytes */
-  KEEP_TORN,       /* moves the torn local file to the kept ones, with a line in the log */
-  KEEP_CHANGE,     /* copies the sealed bytes to the kept ones, with a line in the log */
+  RECORD,      /* writes the state, and what of the content is new, into the database */
+  RECORD_FULL, /* the same, safe against a loss of power; a seal is counted from here on */
+  APPLY,       /* the change itself: marks, truncation */
+  FLUSH,       /* the local file to the disk */
+  COPY_ASIDE,  /* the local file into a new copy beside it, and that to the disk */
+  DROP_ASIDE,  /* a copy that no seal is in any more */
+  SPIN_OFF,    /* makes the torn content a sealed file of the conflict name, on record in full */
+  DROP_TORN,   /* forgets a torn content without bytes */
+  KEEP_TORN,   /* moves the torn local file to the kept ones, with a line in the log */
+  KEEP_CHANGE, /* copies the sealed bytes to the kept ones, with a line in the log */
   BECOME_CONFLICT, /* the file takes the conflict name and must be new there, on record in full */
   ENQUEUE,         /* its change may go up */
   REST,            /* nothing but the state: the upload queue tries again by itself */

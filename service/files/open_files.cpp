@@ -51,8 +51,7 @@ OpenFiles::~OpenFiles() { uploads_.stop(); }
 
 /* ------------------------------------------------------------------ the tables */
 
-int OpenFiles::add(const std::shared_ptr<OpenFile>& open, const CloudEntry& entry,
-                   uint32_t wants) {
+int OpenFiles::add(const std::shared_ptr<OpenFile>& open, const CloudEntry& entry, uint32_t wants) {
   Guard guard(table_);
   if (opens_.contains(open->id)) {
     return OX_EINVAL;
@@ -313,8 +312,7 @@ int OpenFiles::rename(const CloudEntry& entry, const std::string& from, const st
     err = is_new ? check_new_place(entry, to, &made)
                  : env_.cloud
                        .rename(env_.context(), from, to,
-                               {.source_version = entry.version,
-                                .source_modified = entry.modified},
+                               {.source_version = entry.version, .source_modified = entry.modified},
                                &made)
                        .error;
   }
@@ -326,7 +324,8 @@ int OpenFiles::rename(const CloudEntry& entry, const std::string& from, const st
   return 0;
 }
 
-/* Where a file that is not in the cloud yet may go: the cloud must have the folder, not the name. */
+/* Where a file that is not in the cloud yet may go: the cloud must have the folder, not the name.
+ */
 int OpenFiles::check_new_place(const CloudEntry& entry, const std::string& to, CloudEntry* made) {
   CloudEntry other;
   const int err = look_up(to, &other);

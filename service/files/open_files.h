@@ -45,7 +45,7 @@ struct OpenFile {
   std::string name;                 /* the path that was opened, for messages */
   std::shared_ptr<CachedFile> file; /* null for a folder */
   std::string place;                /* the item's key now; empty once it is deleted */
-  bool cleaned = false; /* its user's last handle is closed: blocks nobody any more */
+  bool cleaned = false;             /* its user's last handle is closed: blocks nobody any more */
   FileOpen part;
 };
 
@@ -145,10 +145,10 @@ class OpenFiles : public FileTable {
                    const std::string& to);
   CloudResult upload(uint64_t id, const CloudContext& context);
 
-  const CacheEnvironment& env_;  /* fixed */
-  const CacheLimits& limits_;    /* fixed */
-  const std::string user_;       /* fixed */
-  Reservations reservations_;    /* has its own lock */
+  const CacheEnvironment& env_; /* fixed */
+  const CacheLimits& limits_;   /* fixed */
+  const std::string user_;      /* fixed */
+  Reservations reservations_;   /* has its own lock */
 
   std::mutex table_;
   uint64_t next_number_ = 1;

@@ -62,13 +62,12 @@ int SealedContent::read_local(uint64_t offset, char* buffer, size_t size) {
 }
 
 int SealedContent::read_cloud(uint64_t offset, char* buffer, size_t size) {
-  const CloudResult result =
-      cloud_.read(context_, base_.path, base_.version, {offset, size},
-                  [&buffer](const char* data, size_t count) {
-                    std::memcpy(buffer, data, count);
-                    buffer += count;
-                    return 0;
-                  });
+  const CloudResult result = cloud_.read(context_, base_.path, base_.version, {offset, size},
+                                         [&buffer](const char* data, size_t count) {
+                                           std::memcpy(buffer, data, count);
+                                           buffer += count;
+                                           return 0;
+                                         });
   is_lost_ = is_lost_ || result.code == CloudCode::CHANGED || result.code == CloudCode::NOT_FOUND;
   return result.error;
 }

@@ -12,8 +12,8 @@ constexpr const char* MARK = " (conflict of ";
 /* What a name may hold of a text that was not meant to be one. */
 std::string clean(std::string text) {
   std::erase_if(text, [](unsigned char c) {
-    return c < 0x20 || std::string_view("/\\:*?\"<>|").find(static_cast<char>(c)) !=
-                           std::string_view::npos;
+    return c < 0x20 ||
+           std::string_view("/\\:*?\"<>|").find(static_cast<char>(c)) != std::string_view::npos;
   });
   return text.substr(0, 64);
 }
@@ -29,8 +29,8 @@ std::string cut(std::string text, size_t bytes) {
 
 } /* namespace */
 
-std::string conflict_name(const std::string& path, const std::string& user,
-                          const std::string& date, int number) {
+std::string conflict_name(const std::string& path, const std::string& user, const std::string& date,
+                          int number) {
   const size_t start = path.rfind('/') + 1;
   const std::string name = path.substr(start);
   const size_t dot = name.rfind('.');

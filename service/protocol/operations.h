@@ -21,12 +21,12 @@ namespace tarnd {
 /* One connection's state. Used by its thread alone. */
 struct Session {
   Service& service;
-  uint64_t number;        /* the connection's */
-  bool connected = false; /* CONNECT succeeded */
-  bool ends = false;      /* the connection is closed after this answer */
-  bool stops = false;     /* the service stops after this answer */
-  std::string share;      /* normalised */
-  uint32_t peer_pid = 0;  /* the client's process, as the system tells it; 0: it does not */
+  uint64_t number;         /* the connection's */
+  bool connected = false;  /* CONNECT succeeded */
+  bool ends = false;       /* the connection is closed after this answer */
+  bool stops = false;      /* the service stops after this answer */
+  std::string share;       /* normalised */
+  uint32_t peer_pid = 0;   /* the client's process, as the system tells it; 0: it does not */
   uint32_t client_pid = 0; /* the same, or what CONNECT says of it */
 
   /* Whether the client is this process, as it says. */

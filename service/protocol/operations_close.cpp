@@ -6,7 +6,8 @@ namespace tarnd {
 /* Also ends a listing and a folder's open, which have nothing to write back. */
 int serve_close(Session& session, const Request& request, Reply* reply) {
   const tnv_wclose_msg& close = request->u.wclose;
-  const std::shared_ptr<OpenFile> open = session.service.files.find(close.wclose_omsgid, session.client_pid);
+  const std::shared_ptr<OpenFile> open =
+      session.service.files.find(close.wclose_omsgid, session.client_pid);
   if (open == nullptr) {
     return OX_EBADF;
   }
@@ -29,7 +30,8 @@ int serve_close(Session& session, const Request& request, Reply* reply) {
  * still read and write, for a mapped file.
  */
 int serve_cleanup(Session& session, const Request& request, Reply* reply) {
-  const std::shared_ptr<OpenFile> open = session.service.files.find(request->u.wcleanup.wcl_omsgid, session.client_pid);
+  const std::shared_ptr<OpenFile> open =
+      session.service.files.find(request->u.wcleanup.wcl_omsgid, session.client_pid);
   if (open == nullptr) {
     return OX_EBADF;
   }

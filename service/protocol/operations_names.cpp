@@ -94,8 +94,7 @@ int serve_enumerate(Session& session, const Request& request, Reply* reply) {
     return err;
   }
   CloudEntry parent;
-  const bool has_parent =
-      !path.empty() && service.files.look_up(parent_path(path), &parent) == 0;
+  const bool has_parent = !path.empty() && service.files.look_up(parent_path(path), &parent) == 0;
   reply->resp.u.wdenum.wde_fso = fso_of(folder, has_parent ? &parent : nullptr, 0);
   append_infos(std::move(entries), reply);
   return 0;
@@ -128,8 +127,8 @@ int serve_rename(Session& session, const Request& request, Reply*) {
   if (err != 0) {
     return err;
   }
-  const auto reserved = service.files.reservations().reserve(
-      {{folded_path(from), true}, {folded_path(to), true}});
+  const auto reserved =
+      service.files.reservations().reserve({{folded_path(from), true}, {folded_path(to), true}});
   CloudEntry entry;
   err = find_movable(service, from, session.share, &entry);
   if (err != 0 || to == session.share) {

@@ -114,6 +114,7 @@ int attach_file(OpenFile& open, bool empties, Target* target, Reply* reply) {
   answer_file(view, &reply->resp.u.wopen);
   reply->bulk = std::move(view.maps);
   target->entry = view.entry;
+  open.item = view.entry.id;
   target->entry.size = view.size;
   target->entry.modified = view.modified;
   return 0;

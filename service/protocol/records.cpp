@@ -20,6 +20,11 @@ uint16_t mode_of(const CloudEntry& entry) {
   return entry.folder ? 0040755 : read_only ? 0100444 : 0100644;
 }
 
+/* A folder has none in the cloud, but one for each time that it was changed. */
+std::string version_of(const CloudEntry& entry) {
+  return entry.folder ? entry.path + '\n' + std::to_string(entry.modified) : entry.version;
+}
+
 /* An id for a version's text: two 64-bit FNV-1a hashes of it, with different starts. */
 cfs_id_t id_of_version(const std::string& version) {
   uint64_t halves[2] = {0xcbf29ce484222325, 0x84222325cbf29ce4};
@@ -40,10 +45,10 @@ cfs_id_t id_of_version(const std::string& version) {
 tnvfso fso_of(const CloudEntry& entry, const CloudEntry* parent, uint64_t seqno) {
   tnvfso fso = {};
   fso.fso_handle = entry.id;
-  fso.fso_version = id_of_version(entry.version);
+  fso.fso_version = id_of_version(version_of(entry));
   if (parent != nullptr) {
     fso.fso_phandle = parent->id;
-    fso.fso_pversion = id_of_version(parent->version);
+    fso.fso_pversion = id_of_version(version_of(*parent));
   }
   fso.fso_isdir = entry.folder ? 1 : 0;
   fso.fso_seqno = seqno;

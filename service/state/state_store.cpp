@@ -145,30 +145,30 @@ int StateStore::write(const FileRecord& record) {
   const SealedChange& sealed = record.sealed;
   int err = erase(record.id);
   if (err == 0) {
-    err = Statement(database_,
-                    "INSERT INTO files VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)")
-              .bind(record.id)
-              .bind(record.path)
-              .bind(record.moving_to)
-              .bind(record.local)
-              .bind(static_cast<int64_t>(record.state.content))
-              .bind(static_cast<int64_t>(record.state.change))
-              .bind(int64_t{record.is_new})
-              .bind(int64_t{record.has_cut})
-              .bind(signed_of(record.cut))
-              .bind(signed_of(record.size))
-              .bind(record.base.path)
-              .bind(record.base.version)
-              .bind(signed_of(record.base.size))
-              .bind(int64_t{record.store.shift()})
-              .bind(signed_of(record.store.limit()))
-              .bind(text_of(record.store.present()))
-              .bind(sealed.file)
-              .bind(signed_of(sealed.size))
-              .bind(signed_of(sealed.store.limit()))
-              .bind(text_of(sealed.store.present()))
-              .bind(text_of(sealed.store.dirty()))
-              .run();
+    err =
+        Statement(database_, "INSERT INTO files VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)")
+            .bind(record.id)
+            .bind(record.path)
+            .bind(record.moving_to)
+            .bind(record.local)
+            .bind(static_cast<int64_t>(record.state.content))
+            .bind(static_cast<int64_t>(record.state.change))
+            .bind(int64_t{record.is_new})
+            .bind(int64_t{record.has_cut})
+            .bind(signed_of(record.cut))
+            .bind(signed_of(record.size))
+            .bind(record.base.path)
+            .bind(record.base.version)
+            .bind(signed_of(record.base.size))
+            .bind(int64_t{record.store.shift()})
+            .bind(signed_of(record.store.limit()))
+            .bind(text_of(record.store.present()))
+            .bind(sealed.file)
+            .bind(signed_of(sealed.size))
+            .bind(signed_of(sealed.store.limit()))
+            .bind(text_of(sealed.store.present()))
+            .bind(text_of(sealed.store.dirty()))
+            .run();
   }
   for (const auto& [first, end] : record.store.dirty().runs()) {
     err = err != 0 ? err

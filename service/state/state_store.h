@@ -40,7 +40,7 @@ struct FileRecord {
   std::string moving_to; /* while a rename is under way; empty otherwise */
   std::string local;     /* the name of the local file */
   FileState state;
-  bool is_new = false; /* nothing may be at the path when the change goes up */
+  bool is_new = false;  /* nothing may be at the path when the change goes up */
   bool has_cut = false; /* the local file is still to be cut to `cut` */
   uint64_t cut = 0;
   uint64_t size = 0; /* of the local file; it has at least as many bytes when it is whole */

@@ -39,8 +39,8 @@ void FileFetches::read_ahead(ByteRange range, const CloudContext& context) {
 
 CloudResult FileFetches::run(const std::shared_ptr<Running>& running, CloudContext context) {
   context.cancel = &running->cancel;
-  const CloudResult result = engine_.is_stopping() ? CloudResult::of(CloudCode::CANCELLED)
-                                                   : read(*running, context);
+  const CloudResult result =
+      engine_.is_stopping() ? CloudResult::of(CloudCode::CANCELLED) : read(*running, context);
   const Lock lock(lock_);
   running_.remove(running);
   ended_.notify_all();

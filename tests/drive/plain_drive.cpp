@@ -80,9 +80,9 @@ void PlainDrive::close(size_t slot) {
   const Open closing = opens_.at(slot);
   opens_.erase(slot);
   PlainFile& file = *closing.file;
-  const bool last =
-      std::none_of(opens_.begin(), opens_.end(),
-                   [&](const auto& open) { return open.second.file == closing.file; });
+  const bool last = std::none_of(opens_.begin(), opens_.end(), [&](const auto& open) {
+    return open.second.file == closing.file;
+  });
   if (closing.wrote || (last && file.dirty)) {
     file.closed.clear();
     file.dirty = false;

@@ -39,18 +39,18 @@ struct World {
   FileState state;
   Record disk;
   std::array<Open, OPENS> opens;
-  int next = 1;          /* the next content */
-  int local = 0;         /* in the local file */
-  int aside = NOTHING;   /* in the copy */
-  int base = 0;          /* of the cloud, that we know */
-  int cloud = 0;         /* at the file's path */
-  bool arrived = false;  /* an upload did, and its answer was lost */
-  bool own_name = true;  /* false: the file has the conflict name, and the cloud's is not touched */
+  int next = 1;         /* the next content */
+  int local = 0;        /* in the local file */
+  int aside = NOTHING;  /* in the copy */
+  int base = 0;         /* of the cloud, that we know */
+  int cloud = 0;        /* at the file's path */
+  bool arrived = false; /* an upload did, and its answer was lost */
+  bool own_name = true; /* false: the file has the conflict name, and the cloud's is not touched */
   bool deleted = false;
-  int closed = 0;        /* the last content whose close was answered */
-  std::set<int> asked = {0};  /* contents that a close or a death asked to go up */
-  std::set<int> saved = {0};  /* contents in the cloud under any name, or kept on this machine */
-  std::set<int> others;       /* contents that somebody else put there */
+  int closed = 0;            /* the last content whose close was answered */
+  std::set<int> asked = {0}; /* contents that a close or a death asked to go up */
+  std::set<int> saved = {0}; /* contents in the cloud under any name, or kept on this machine */
+  std::set<int> others;      /* contents that somebody else put there */
 
   auto key() const {
     return std::tuple(state.content, state.change, disk.key(), opens[0].key(), opens[1].key(), next,
@@ -336,7 +336,9 @@ class Walk : public testing::Test {
   }
 
   /* A later content that was closed, or died, is there instead. */
-  static bool is_superseded(const World& w) { return w.saved.upper_bound(w.closed) != w.saved.end(); }
+  static bool is_superseded(const World& w) {
+    return w.saved.upper_bound(w.closed) != w.saved.end();
+  }
 
   std::set<std::pair<decltype(World().key()), int>> seen_;
   std::vector<size_t> path_;
