@@ -91,7 +91,7 @@ Bytes sample() {
   file.checksum = {1, 3, 4194304, {0xAB}};
   const Item folder = {.name = "sub", .folder = true, .id = {{5}}};
   const Item last = {.name = "caf\xC3\xA9.md", .size = 12, .id = {{6}}};
-  return cfflprint::WriteList(docs, {file, folder, last}, "me", {1800000000, 7, 0});
+  return cfflprint::write_list(docs, {file, folder, last}, "me", {1800000000, 7, 0});
 }
 
 const cfs_cffl* list_in(const Bytes& bytes) {
@@ -330,7 +330,7 @@ TEST(Listing, HeaderEntriesAndHashTable) {
   put(bytes, SIZE, ox_u64{bytes.size()});
   put(bytes, TABLE, ox_u64{1024});
   put(bytes, FIRST, ox_u64{1072});
-  EXPECT_TRUE(cfflprint::CheckList(bytes).empty());
+  EXPECT_TRUE(cfflprint::check_list(bytes).empty());
   std::string text = printed([&] {
     tn_print_cffl(list_in(bytes), 1);
     put(bytes, TABLE, ox_u64{1072}); /* behind the first entry: no entry is shown as a slot */
@@ -350,7 +350,7 @@ TEST(Listing, HeaderEntriesAndHashTable) {
 
 /* Something is written over the sample, and cfflprint --check says this of it first. */
 TEST(Check, NamesTheFieldAndTheEntry) {
-  EXPECT_TRUE(cfflprint::CheckList(sample()).empty());
+  EXPECT_TRUE(cfflprint::check_list(sample()).empty());
   const struct {
     size_t offset;
     std::string bytes;
@@ -379,12 +379,12 @@ TEST(Check, NamesTheFieldAndTheEntry) {
   for (const auto& c : cases) {
     Bytes bytes = sample();
     std::copy(c.bytes.begin(), c.bytes.end(), bytes.begin() + static_cast<ptrdiff_t>(c.offset));
-    const auto faults = cfflprint::CheckList(bytes);
+    const auto faults = cfflprint::check_list(bytes);
     ASSERT_FALSE(faults.empty()) << c.says;
     const auto& fault = faults[0];
     EXPECT_EQ(std::to_string(fault.offset) + ' ' + fault.where + ": " + fault.what, c.says);
   }
-  const auto cut = cfflprint::CheckList(Bytes(1023));
+  const auto cut = cfflprint::check_list(Bytes(1023));
   ASSERT_EQ(cut.size(), 1u);
   EXPECT_EQ(cut[0].what, "it takes 1024 bytes, and the file has 1023");
 }
@@ -421,7 +421,7 @@ TEST(Check, AgreesWithTheWalkOnDamagedLists) {
       put(bytes, SIZE, ox_u64{bytes.size()});
     }
     bytes.shrink_to_fit();
-    const bool can = cfflprint::CanBeWalked(cfflprint::CheckList(bytes));
+    const bool can = cfflprint::can_be_walked(cfflprint::check_list(bytes));
     if (bytes.size() < 1024 || list_in(bytes)->cfh_head.cf_size > bytes.size()) {
       EXPECT_FALSE(can) << round;
       continue;
