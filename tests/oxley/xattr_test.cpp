@@ -147,7 +147,8 @@ TEST_F(Xattr, NamesStreamsUpToTheLongestPath) {
 TEST_F(Xattr, RefusesNamesThatAreNoneWithALine) {
   char value[1] = "";
   for (const std::string name : {"", ":$DATA", "a:$DATA", "a\\b", "../a"}) {
-    const int error = name.empty() ? static_cast<int>(ERROR_INVALID_NAME) : static_cast<int>(OX_EINVAL);
+    const int error =
+        name.empty() ? static_cast<int>(ERROR_INVALID_NAME) : static_cast<int>(OX_EINVAL);
     EXPECT_EQ(-1, ox_setxattr(file_.c_str(), name.c_str(), value, 1, 0));
     EXPECT_EQ(error, errno) << name;
     EXPECT_THAT(log_.lines().back(),

@@ -8,8 +8,8 @@
  *   3. tnwh_lock                 one instance's list of drive handles
  * The lookups take 2 and 3 and release them before they return: a file call holds no list lock
  * while it works. So calls run side by side, and a slow one holds up no other. The lock of the
- * descriptor table, the context lock (tnw_file_context.h) and each of the two map locks of a file are taken
- * alone, after the lookups.
+ * descriptor table, the context lock (tnw_file_context.h) and each of the two map locks of a file
+ * are taken alone, after the lookups.
  */
 #ifndef TNW_INSTANCE_H
 #define TNW_INSTANCE_H
