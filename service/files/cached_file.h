@@ -273,7 +273,6 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
   int write(uint64_t offset, const char* data, size_t size) override;
   void arrived(ByteRange range) override;
   int fetch_all(Run regions);
-  bool moved_since(Lock& lock, const std::string& path, const std::string& version);
   int fetch_run(Run regions);
   /* Ends all fetches, and keeps others from beginning for its lifetime. */
   class NoFetches {

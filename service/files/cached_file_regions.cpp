@@ -53,30 +53,17 @@ int CachedFile::fetch_all(Run regions) {
     if (missing.empty()) {
       return 0;
     }
-    const auto before = record_.base;
     fetching_++;
     lock.unlock();
     err = fetch_run(missing);
     lock.lock();
     fetching_--;
     moved_on_.notify_all();
-    if (err == OX_EIO && moved_since(lock, before.path, before.version)) {
-      continue;
-    }
     if (err != 0 && !(err == OX_EAGAIN && fetches_stop_)) {
       OX_LOG(OX_ERROR_LEVEL, err, "Cannot fetch %s", record_.path.c_str());
       return err == OX_EAGAIN ? OX_EIO : err;
     }
   }
-}
-
-/*
- * Whether a rename, which may still be under way in the cloud, took the content from where a fetch
- * looked for it. Waits for the turn of the rename to end.
- */
-bool CachedFile::moved_since(Lock& lock, const std::string& path, const std::string& version) {
-  moved_on_.wait(lock, [&] { return !turn_taken_; });
-  return record_.base.path != path || record_.base.version != version;
 }
 
 /* OX_EAGAIN: it was ended before its time. */
