@@ -274,6 +274,7 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
   void arrived(ByteRange range) override;
   int fetch_all(Run regions);
   int fetch_run(Run regions);
+  bool moved_from(const FetchTarget::Source& before);
   /* Ends all fetches, and keeps others from beginning for its lifetime. */
   class NoFetches {
    public:

@@ -258,7 +258,12 @@ int CachedFile::remove_in_cloud(const Work& work) {
   if (record_.is_new) {
     return 0;
   }
-  return env_.cloud.remove(env_.context(), record_.path, work.version).error;
+  CloudResult result = env_.cloud.remove(env_.context(), record_.path, work.version);
+  if (result.code == CloudCode::CHANGED && record_.base.version != work.version) {
+    /* An upload of ours ended after the name was looked up. */
+    result = env_.cloud.remove(env_.context(), record_.path, record_.base.version);
+  }
+  return result.error;
 }
 
 } /* namespace tarnd */

@@ -6,6 +6,11 @@
 #include "ox_logging.h"
 
 namespace tarnd {
+namespace {
+
+constexpr int PATH_CHANGED = -1; /* a fetch is to begin anew */
+
+} /* namespace */
 
 /* ------------------------------------------------------------------ fetching */
 
@@ -59,15 +64,26 @@ int CachedFile::fetch_all(Run regions) {
     lock.lock();
     fetching_--;
     moved_on_.notify_all();
-    if (err != 0 && !(err == OX_EAGAIN && fetches_stop_)) {
+    if (err != 0 && err != PATH_CHANGED && !(err == OX_EAGAIN && fetches_stop_)) {
       OX_LOG(OX_ERROR_LEVEL, err, "Cannot fetch %s", record_.path.c_str());
       return err == OX_EAGAIN ? OX_EIO : err;
     }
   }
 }
 
+/*
+ * Whether the file has another path or base than when its fetch began. A rename may be under way, so
+ * its end is awaited; not that of a truncation, which itself waits for the fetch.
+ */
+bool CachedFile::moved_from(const FetchTarget::Source& before) {
+  Lock lock(lock_);
+  moved_on_.wait(lock, [&] { return !turn_taken_ || fetches_stop_; });
+  return record_.base.path != before.path || record_.base.version != before.version;
+}
+
 /* OX_EAGAIN: it was ended before its time. */
 int CachedFile::fetch_run(Run regions) {
+  const FetchTarget::Source before = source();
   Extent bytes;
   {
     const std::lock_guard guard(lock_);
@@ -83,7 +99,8 @@ int CachedFile::fetch_run(Run regions) {
       return OX_EAGAIN;
     case CloudCode::CHANGED:
     case CloudCode::NOT_FOUND:
-      return OX_EIO; /* a region of another content must not come between the fetched ones */
+      /* A region of another content must not come between the fetched ones. */
+      return moved_from(before) ? PATH_CHANGED : OX_EIO;
     default:
       return result.error;
   }

@@ -306,7 +306,13 @@ int OpenFiles::rename(const CloudEntry& entry, const std::string& from, const st
   std::vector<Moving> moving = hold_for_move(entry, to);
   CloudEntry local;
   const bool is_new = !entry.folder && !moving.empty() && moving[0].hold.file().new_entry(&local);
-  int err = record_move(&moving, true);
+  CloudEntry current = entry;
+  int err = 0;
+  if (!entry.folder && !is_new && !moving.empty()) {
+    /* Again: an upload of ours may have ended after the name was looked up. */
+    err = env_.cloud.status(env_.context(), from, &current).error;
+  }
+  err = err != 0 ? err : record_move(&moving, true);
   CloudEntry made;
   if (err == 0) {
     err = is_new ? check_new_place(entry, to, &made)
@@ -320,7 +326,7 @@ int OpenFiles::rename(const CloudEntry& entry, const std::string& from, const st
     record_move(&moving, false);
     return err;
   }
-  finish_move(std::move(moving), entry, is_new ? nullptr : &made, made.path);
+  finish_move(std::move(moving), current, is_new ? nullptr : &made, made.path);
   return 0;
 }
 
