@@ -72,8 +72,8 @@ int CachedFile::fetch_all(Run regions) {
 }
 
 /*
- * Whether the file has another path or base than when its fetch began. A rename may be under way, so
- * its end is awaited; not that of a truncation, which itself waits for the fetch.
+ * Whether the file has another path or base than when its fetch began. A rename may be under way,
+ * so its end is awaited; not that of a truncation, which itself waits for the fetch.
  */
 bool CachedFile::moved_from(const FetchTarget::Source& before) {
   Lock lock(lock_);
