@@ -19,7 +19,9 @@ namespace {
 constexpr ox_u32 REFUSED = 13; /* the service's error; the calls give 32 for it */
 
 const std::string NO_PATH = "ERROR 22: Invalid drive handle or no path specified.";
-const std::string NO_SIZE = "ERROR 22: Invalid handle specified";
+/* The error number of the second line comes out of a table that does not know the first. */
+const std::string NO_SIZE =
+    "INFO: Unidentified windows error 6\nERROR 22: Invalid handle specified";
 const std::string NO_LOCK = "ERROR 22: Invalid open handle or lock request.";
 const std::string NO_UNLOCK = "ERROR 22: Invalid open handle passed.";
 const std::string NO_TOKEN = "ERROR 22: Invalid drive handle or no token specified.";

@@ -8,6 +8,8 @@
 #include <set>
 #include <thread>
 
+#include <windows.h>
+
 #include "cloud/cloud_address.h"
 #include "memory_cloud.h"
 #include "names/share_path.h"
