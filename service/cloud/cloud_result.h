@@ -7,12 +7,11 @@
 #ifndef SERVICE_CLOUD_RESULT_H
 #define SERVICE_CLOUD_RESULT_H
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "ox_errno.h"
@@ -64,9 +63,8 @@ class CancelFlag {
   bool wait_until(std::chrono::steady_clock::time_point time) const;
 
  private:
-  mutable std::mutex lock_; /* guards raised_ */
-  mutable std::condition_variable changed_;
-  bool raised_ = false;
+  /* No condition variable: one for each upload would leave its system objects behind. */
+  std::atomic<bool> raised_ = false;
 };
 
 /* By what the cloud knows its user. Never changed once it is shared. */

@@ -30,15 +30,17 @@ struct MadeUpPoll {
   int last_error;
 };
 using Polls = std::deque<MadeUpPoll>;
-/* A poll of this thread (the peer polls, too) takes one of these instead of the system's answer. */
-thread_local Polls made_up_polls;
-thread_local std::function<void()> when_all_are_taken; /* called by the poll after the last */
-thread_local int polls = 0;
-thread_local SHORT last_events = 0; /* of the last of them */
+/* The peer polls and closes, too: what follows is about the thread of the tests alone. */
+const DWORD test_thread = GetCurrentThreadId();
+/* A poll takes one of these instead of the system's answer. */
+Polls made_up_polls;
+std::function<void()> when_all_are_taken; /* called by the poll after the last */
+int polls = 0;
+SHORT last_events = 0; /* of the last of them */
 
 /* Closings of sockets that were closed already, by any thread; and all that this one closed. */
 std::atomic<int> failed_closes = 0;
-thread_local std::vector<SOCKET> closed_here;
+std::vector<SOCKET> closed_here;
 
 int WSAAPI close_and_count(SOCKET sock) {
   static const auto system_close = reinterpret_cast<decltype(&closesocket)>(
@@ -47,7 +49,9 @@ int WSAAPI close_and_count(SOCKET sock) {
   if (result != 0) {
     failed_closes++;
   }
-  closed_here.push_back(sock);
+  if (GetCurrentThreadId() == test_thread) {
+    closed_here.push_back(sock);
+  }
   return result;
 }
 
@@ -74,6 +78,9 @@ decltype(&WSASocketW) __imp_WSASocketW = make_if_flag_is_taken;
 int WSAAPI WSAPoll(WSAPOLLFD* fds, ULONG count, INT timeout) {
   static const auto system_poll = reinterpret_cast<decltype(&WSAPoll)>(
       reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ws2_32.dll"), "WSAPoll")));
+  if (GetCurrentThreadId() != test_thread) {
+    return system_poll(fds, count, timeout);
+  }
   polls++;
   last_events = fds->events;
   if (made_up_polls.empty() && when_all_are_taken) {
