@@ -171,10 +171,10 @@ OX_STATIC_ASSERT(sizeof(tnw_fileinfo) == 1168, "wire layout");
 void* tnw_init(tnw_tninit* tninit, int* err);
 
 /*
- * Gives a drive handle back. What is still open on the drive is closed here: its handles are unknown
- * from now on, and the contexts of its files are freed, so their slots must be cleared. The service
- * is not told: close files before, or it keeps them open until it stops. The last handle of a
- * service also stops the service, after 1 s. The call does not wait for the end of the service's
+ * Gives a drive handle back. What is still open on the drive is closed here: its handles are
+ * unknown from now on, and the contexts of its files are freed, so their slots must be cleared. The
+ * service is not told: close files before, or it keeps them open until it stops. The last handle of
+ * a service also stops the service, after 1 s. The call does not wait for the end of the service's
  * process. `force` has no effect.
  *
  * 0; 87 ERROR_INVALID_PARAMETER for a null or unknown handle; or the result of the shut-down
@@ -398,8 +398,8 @@ OX_STATIC_ASSERT(sizeof(tnw_purge_opt_t) == 5120, "layout of the API");
  * failure of the move or of the removal, as a code. The failure of the move is returned even when
  * the directory was then deleted in place, so look before you try again.
  *
- * Two services are not seen, and lose their changes: one that ANOTHER PROCESS runs for the user, and
- * one of this process that still writes back after tnw_deinit. Make sure that neither is there.
+ * Two services are not seen, and lose their changes: one that ANOTHER PROCESS runs for the user,
+ * and one of this process that still writes back after tnw_deinit. Make sure that neither is there.
  */
 int tnw_purge_cache(tnw_purge_opt_t* po);
 
