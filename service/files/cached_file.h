@@ -268,12 +268,13 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
   bool took_the_other_path(const CloudContext& context);
   int wait_for_upload(uint64_t attempts);
 
-  /* cached_file_regions.cpp; the first three for the fetches, on any thread. */
+  /* cached_file_regions.cpp; the first four for the fetches, on any thread. */
   FetchTarget::Source source() override;
+  std::vector<ByteRange> missing(ByteRange range) override;
   int write(uint64_t offset, const char* data, size_t size) override;
   void arrived(ByteRange range) override;
-  int fetch_all(Run regions);
-  int fetch_run(Run regions);
+  int fetch_all(Run regions, ByteRange ahead = {});
+  int fetch_ranges(const std::vector<ByteRange>& ranges, ByteRange ahead);
   bool moved_from(const FetchTarget::Source& before);
   /* Ends all fetches, and keeps others from beginning for its lifetime. */
   class NoFetches {
@@ -286,7 +287,8 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
    private:
     CachedFile& file_;
   };
-  void read_ahead(FileOpen* open, uint64_t offset, uint64_t length);
+  ByteRange read_ahead(FileOpen* open, uint64_t offset, uint64_t length);
+  std::vector<ByteRange> missing_of(Run regions) const;
   int look_up_size(const FileOpen& open, uint64_t* size);
   int change(Turn& turn, Work& work);
   int cut(Turn& turn, uint64_t size, bool told);

@@ -197,15 +197,16 @@ TEST_F(Drive, AServiceThatIsKilledLosesNoByte) {
   drive.put("file", original);
   DriveFile file(drive, "file");
   ASSERT_EQ(file.read(0, 10), original.substr(0, 10));
-  ASSERT_EQ(file.write(REGION, "written before the kill"), 0);
+  ASSERT_EQ(file.write(2 * REGION, "written before the kill"), 0)
+      << "not behind the read: nothing is fetched ahead";
   drive.kill_service();
   EXPECT_EQ(DriveFile(drive, "file").error(), NO_SERVICE);
   int code = -1;
   drive.list("/", &code);
   EXPECT_EQ(code, NO_SERVICE);
   EXPECT_EQ(file.read(0, 10), original.substr(0, 10)) << "warm";
-  EXPECT_EQ(file.write(REGION + 8, "AFTER!"), 0) << "dirty already";
-  expected.replace(REGION, 23, "written AFTER! the kill");
+  EXPECT_EQ(file.write(2 * REGION + 8, "AFTER!"), 0) << "dirty already";
+  expected.replace(2 * REGION, 23, "written AFTER! the kill");
   file.read(4 * REGION, 10, &code);
   EXPECT_EQ(code, NO_SERVICE) << "not cached";
   EXPECT_EQ(file.write(3 * REGION, "x"), NO_SERVICE) << "not dirty";
