@@ -70,8 +70,8 @@ std::string log_path(const std::string& utf8) {
   return bytes > 0 ? narrow : utf8;
 }
 
-void report_counts(const Service& service) {
-  const std::string text = service.counters.text();
+void report_counts(const Service& service, const CloudCounts& cloud_counts) {
+  const std::string text = service.counters.text() + text_of(cloud_counts);
   fputs(text.c_str(), stdout);
   fflush(stdout);
   for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos;
@@ -93,7 +93,7 @@ void report_counts(const Service& service) {
 }
 
 /* Serves from here on to the end: recovery, clients, the way back. */
-int serve(Service& service) {
+int serve(Service& service, const CloudCounts& cloud_counts) {
   if (!service.recover()) {
     return fail(CANNOT_START, "Cannot read the service's database in the cache directory");
   }
@@ -109,7 +109,7 @@ int serve(Service& service) {
     running = nullptr;
   }
   const size_t unsaved = service.finish();
-  report_counts(service);
+  report_counts(service, cloud_counts);
   if (unsaved != 0) {
     return fail(UNSAVED, std::to_string(unsaved) +
                              " files are not in the cloud yet; they go up after the next start");
@@ -132,7 +132,7 @@ int run(const Options& options) {
   }
   CloudCounts counts;
   std::unique_ptr<Cloud> cloud =
-      open_cloud(options.addr, {&counts, variable("TARND_FAULTS").value_or(""), {}}, &error);
+      open_cloud(options.addr, {.counts = &counts, .faults = options.faults, .retry = {}}, &error);
   if (cloud == nullptr) {
     return fail(CANNOT_START, error);
   }
@@ -141,7 +141,7 @@ int run(const Options& options) {
     return fail(CANNOT_START, "Cannot use the cache directory or Windows Sockets");
   }
   Service service(options, std::move(cloud), cache);
-  return serve(service);
+  return serve(service, counts);
 }
 
 int main(int argc, char** argv) {

@@ -16,8 +16,9 @@
  *
  * Threads: any. Two things guard a file:
  *   - its turn: one thread at a time changes the content, seals it, begins or ends an upload,
- * opens, closes, renames or deletes it. It may be held over work on the disk and over the cloud's
- * part of a rename or delete, never over a fetch or an upload. Others wait for it, by `moved_on_`;
+ * opens, closes, renames or deletes it. It may be held over work on the disk, over the cloud's
+ * part of a rename or delete and over one look at the cloud, never over a fetch or an upload.
+ * Others wait for it, by `moved_on_`;
  *   - `lock_`, held for moments, guards the fields. Those that only change under the turn may be
  *     read by its holder without it.
  * Fetches take neither; who cuts the file ends them first.
@@ -299,6 +300,7 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
 
   /* cached_file.cpp; with the turn, but for the last. */
   int bring_up_to_date(const AttachHow& how);
+  int refill_from_now();
   int refill(const CloudEntry& entry);
   int begin_new(Turn& turn);
   int hand_out(Turn& turn, const AttachHow& how, uint64_t* handle);

@@ -93,11 +93,13 @@ int CachedFile::fetch_all(Run regions, ByteRange ahead) {
 
 /*
  * Whether the file has another path or base than when its fetch began. A rename may be under way,
- * so its end is awaited; not that of a truncation, which itself waits for the fetch.
+ * or an upload that is in the cloud already, so their end is awaited; not that of a truncation,
+ * which itself waits for the fetch.
  */
 bool CachedFile::moved_from(const FetchTarget::Source& before) {
   Lock lock(lock_);
-  moved_on_.wait(lock, [&] { return !turn_taken_ || fetches_stop_; });
+  moved_on_.wait(
+      lock, [&] { return fetches_stop_ || (!turn_taken_ && !is_uploading(record_.state.change)); });
   return record_.base.path != before.path || record_.base.version != before.version;
 }
 
