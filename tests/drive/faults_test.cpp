@@ -162,7 +162,7 @@ const FailedStart FAILED_STARTS[] = {
     {"unwritable pid file", [](PeerDrive&) { faults.writes = true; }, 2,
      "ERROR 23: cannot write DA PID to da_pid"},
     {"a pid file written by half", [](PeerDrive&) { faults.half_writes = true; }, 2,
-     "ERROR 5: cannot write DA PID to da_pid"},
+     "ERROR 29: cannot write DA PID to da_pid"},
     {"no service's pid file", [](PeerDrive& d) { make_cache_dir(d, "\\tarnd_pid"); }, 2,
      "ERROR 5: cannot open FOLDER\\drive.test\\ada/tarnd_pid"},
     {"no instance", [](PeerDrive&) { faults.allocation = sizeof(tnw_tninstance); }, 1,
