@@ -68,7 +68,7 @@ Standing standing(const RealDrive& drive) {
 void cycle(RealDrive& drive, int number) {
   const std::string content = "content " + std::to_string(number);
   DriveFile file(drive, "folder\\file" + std::to_string(number % FILES),
-                 {.disposition = OVERWRITE_IF});
+                 {.disposition = TNW_DISP_OVERWRITE_IF});
   ASSERT_EQ(file.error(), 0);
   ASSERT_EQ(file.write(0, content), 0);
   int code = -1;
