@@ -35,8 +35,6 @@ bool begins_like(const std::string& text, int* file, int* version) {
 
 namespace {
 
-constexpr ox_u32 SHARE_DELETE = 4;
-
 struct Ended {};
 
 class Worker {
@@ -131,10 +129,10 @@ class Worker {
   void write_file(int number) {
     KillFile& file = notes_.files[number];
     const bool anew = file.closed == 0 || below(3) == 0;
-    const OpenHow how = {.disposition = file.closed == 0 ? CREATE
-                                        : anew           ? OVERWRITE
-                                                         : ::OPEN,
-                         .share = below(2) == 0 ? ox_u32{SHARE_ALL} : SHARE_DELETE};
+    const OpenHow how = {.disposition = file.closed == 0 ? TNW_DISP_CREATE
+                                        : anew           ? TNW_DISP_OVERWRITE
+                                                         : TNW_DISP_OPEN,
+                         .share = below(2) == 0 ? ox_u32{SHARE_ALL} : ox_u32{FILE_SHARE_DELETE}};
     DriveFile one(drive_, path_of(number), how);
     if (!is_open(one)) {
       return;
@@ -155,7 +153,8 @@ class Worker {
   void read_file(int number) {
     const int least = notes_.files[number].closed;
     const std::string path = path_of(number);
-    DriveFile open(drive_, path, {.access = ACC_READ, .share = SHARE_READ | ox_u32{SHARE_DELETE}});
+    DriveFile open(drive_, path,
+                   {.access = TNW_ACC_READ, .share = FILE_SHARE_READ | FILE_SHARE_DELETE});
     if (!is_open(open)) {
       return;
     }
