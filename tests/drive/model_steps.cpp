@@ -122,39 +122,13 @@ Step any_step(Dice& dice, Act act) {
   return step;
 }
 
+/* All that a step has, also what its act does not look at. */
 std::string step_text(const Step& step) {
   std::ostringstream text;
-  text << ACT_NAMES[static_cast<size_t>(step.act)];
-  const auto slot = [&] { return " slot " + std::to_string(step.slot); };
-  const auto name = [&] { return " file " + std::to_string(step.name); };
-  switch (step.act) {
-    case Act::PUT:
-      text << name() << ", size " << step.len;
-      break;
-    case Act::OPEN:
-      text << slot() << name() << ", disposition " << step.how.disposition << ", access "
-           << step.how.access << ", share " << step.how.share;
-      break;
-    case Act::READ:
-    case Act::WRITE:
-      text << slot() << ", " << step.len << " at " << step.off;
-      break;
-    case Act::RESIZE:
-      text << slot() << " to " << step.len;
-      break;
-    case Act::RENAME:
-      text << name() << " to " << step.target;
-      break;
-    case Act::REMOVE:
-    case Act::ASK_REMOVE:
-      text << name();
-      break;
-    case Act::KILL:
-      break;
-    default:
-      text << slot();
-  }
-  text << " (" << step.data << ")\n";
+  text << ACT_NAMES[static_cast<size_t>(step.act)] << ": slot " << step.slot << ", file "
+       << step.name << " to " << step.target << ", " << step.len << " at " << step.off
+       << ", disposition " << step.how.disposition << ", access " << step.how.access << ", share "
+       << step.how.share << " (" << step.data << ")\n";
   return text.str();
 }
 

@@ -321,6 +321,10 @@ TEST_F(Refusals, OfADeadConnectionAreFew) {
   for (const Call& c : calls_) {
     handles.push_back(open_for(c));
   }
+  tnv_wopen_resp unmapped = open_answer();
+  unmapped.wopen_resp_handle = local_file(drive_.folder / "warm", "x");
+  drive_.answer_opens(unmapped);
+  void* const warm = drive_.open("warm");
   drive_.peer->hang_up();
   EXPECT_TRUE(drive_.peer->wait_for_ended(1));
   const LogCapture log;
@@ -335,6 +339,9 @@ TEST_F(Refusals, OfADeadConnectionAreFew) {
       expect(c, handles[i], c.dead_code, both(c.notice, both(BROKEN, c.dead_lines)));
     }
   }
+  EXPECT_EQ(tnw_read(warm, &byte_, 1, 0, nullptr, nullptr), 0) << "it needs no service";
+  EXPECT_EQ(tnw_write(warm, &byte_, 1, 0, nullptr, nullptr), 0);
+  EXPECT_EQ(tnw_deinit(std::exchange(drive_.drive, nullptr), false), -1) << "as the request gave";
 }
 
 TEST_F(Refusals, OfNullArguments) {

@@ -5,10 +5,15 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+/* after windows.h */
+#include <tlhelp32.h>
+
 #include <thread>
+#include <utility>
 
 #include "eventually.h"
 #include "peer_drive.h"
+#include "process_state.h"
 #include "tnv_connio_win.h"
 
 namespace {
@@ -35,6 +40,19 @@ std::thread begin_a_start(tnw_tninit& record, const std::string& begun) {
   EXPECT_TRUE(eventually([&] { return file_exists(begun); }));
   SetEnvironmentVariableA("STAND_IN_COMMAND", nullptr);
   return start;
+}
+
+/* Of this process. */
+size_t threads() {
+  const HANDLE all = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+  THREADENTRY32 thread = {};
+  thread.dwSize = sizeof thread;
+  size_t count = 0;
+  for (BOOL more = Thread32First(all, &thread); more; more = Thread32Next(all, &thread)) {
+    count += thread.th32OwnerProcessID == GetCurrentProcessId() ? 1 : 0;
+  }
+  CloseHandle(all);
+  return count;
 }
 
 }  // namespace
@@ -120,8 +138,18 @@ TEST_F(Start, CutsOptionsThatDoNotFit) {
 TEST_F(Start, BindsEveryConnectionToTheShareAndUser) {
   drive_.record.tnw_max_threads = 5;
   set_field(drive_.record.tnw_sharepath, "/share");
+  tnv_conn_resp answer = {};
+  answer.conresp_shandle = 0x1122334455667788;
+  answer.conresp_stid = 99;
+  std::filesystem::create_directories(cache_dir(drive_.record));
+  drive_.peer = std::make_unique<ScriptedPeer>(
+      [=](PeerConnection& conn) { conn.answer(0, bytes_of(answer)); }, socket_path(drive_.record));
   ASSERT_NE(drive_.start(), nullptr);
   EXPECT_EQ(drive_.error, 0);
+  EXPECT_EQ(tnw_set_http_proxy(drive_.drive, "p", "", ""), 0);
+  EXPECT_NE(
+      log_.lines().back().find(R"("vfs_peer_handle":"1122334455667788", "vfs_peer_thread":"0x99")"),
+      std::string::npos);
   EXPECT_EQ(drive_.peer->count(TNV_OP_WIN_CONNECT), 5u);
   EXPECT_EQ(drive_.peer->count(TNV_OP_GET_VERSION), 1u);
   const PeerRequest connect = drive_.peer->requests().front();
@@ -129,6 +157,24 @@ TEST_F(Start, BindsEveryConnectionToTheShareAndUser) {
   EXPECT_STREQ(connect.msg().u.wconn.wconmsg_user, "ada");
   EXPECT_EQ(connect.msg().u.wconn.wconmsg_pid, GetCurrentThreadId());
   EXPECT_STREQ(connect.msg().u.wconn.wconmsg_devid, drive_.record.tnw_da_device_id);
+}
+
+TEST_F(Start, AndStopLeaveNoHandleAndNoThread) {
+  drive_.record.tnw_max_threads = 3;
+  const auto cycle = [&] {
+    EXPECT_NE(drive_.start(), nullptr);
+    EXPECT_EQ(tnw_close(drive_.open("f"), nullptr), 0);
+    EXPECT_EQ(tnw_deinit_force(std::exchange(drive_.drive, nullptr)), 0);
+    drive_.peer.reset();
+  };
+  cycle();
+  cycle();
+  const size_t handle = fresh_handle(), running = threads();
+  for (int i = 0; i < 4; i++) {
+    cycle();
+  }
+  EXPECT_EQ(threads(), running);
+  EXPECT_EQ(fresh_handle(), handle);
 }
 
 /* ------------------------------------------------------------------- several drives */
