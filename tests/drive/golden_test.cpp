@@ -4,16 +4,15 @@
  * lower levels have the same lines but for those that they leave out.
  *
  * One worker and one calling thread, since an event line depends on its connection's last
- * transaction id. After a wanted change of the lines, take over what a failure leaves in
- * golden_lines.new beside the program.
+ * transaction id.
  */
 #include <gtest/gtest.h>
 #include <windows.h>
 
 #include <map>
 #include <regex>
-#include <sstream>
 
+#include "golden_text.h"
 #include "line_mask.h"
 #include "log_capture.h"
 #include "ox_logging.h"
@@ -65,7 +64,7 @@ void use_a_file(RealDrive& drive) {
   ASSERT_EQ(file.error(), 0);
   EXPECT_EQ(file.write(10, "0123456789"), 0);
   EXPECT_EQ(file.read(15, 10), "56789");
-  EXPECT_EQ(tnw_lockfile(file.handle(), 2, 1, 0, 2, 0, 77), 0);
+  EXPECT_EQ(tnw_lockfile(file.handle(), TNW_LOCK_EXCLUSIVE, 1, 0, 2, 0, 77), 0);
   EXPECT_EQ(tnw_unlockfile(file.handle(), 1, 0, 2, 0, 77), 0);
   EXPECT_EQ(tnw_setfilesize(file.handle(), 5000, 0, nullptr), 0);
   EXPECT_EQ(tnw_cleanup_file(file.handle()), 0);
@@ -146,31 +145,17 @@ Lines at_level(int level, const Lines& of_level_3) {
   return left;
 }
 
-Lines golden() {
-  Lines lines;
-  std::istringstream text(read_file(beside_test("golden_lines.txt")));
-  for (std::string line; std::getline(text, line);) {
-    lines.push_back(line);
-  }
-  return lines;
-}
-
 }  // namespace
 
 TEST(GoldenLines, EveryOperationAtEachLevel) {
   const Lines found = trace_lines(3);
   IdNumbers ids;
-  Lines numbered;
   std::string text;
   for (const std::string& line : found) {
-    numbered.push_back(ids.numbered(line));
-    text += numbered.back() + "\n";
+    text += ids.numbered(line) + "\n";
   }
   EXPECT_EQ(text.find("secret"), std::string::npos) << "the proxy's password";
-  if (numbered != golden()) {
-    write_file(beside_test("golden_lines.new"), text);
-  }
-  EXPECT_EQ(numbered, golden());
+  expect_text_of("golden_lines", text);
   for (const int level : {1, 2}) {
     EXPECT_EQ(at_level(level, trace_lines(level)), at_level(level, found));
   }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <random>
+#include <regex>
 #include <sstream>
 
 #include "log_capture.h"
@@ -17,19 +18,10 @@ constexpr DWORD STOP_LIMIT_MS = 20000;
 
 std::string counts_file(const TestFolder& folder) { return folder / "counts"; }
 
-/* The address of a folder, percent-encoded, as the service's command line takes it. */
+/* The address of a folder, as the service's command line takes it. */
 std::string file_url(const std::string& path) {
-  std::string url = "file:///";
-  for (const char c : path) {
-    if (c == '\\') {
-      url += '/';
-    } else if ((isalnum(static_cast<unsigned char>(c)) != 0) || strchr("/:.-_", c) != nullptr) {
-      url += c;
-    } else {
-      url += "%" + std::string{"0123456789ABCDEF"[(c >> 4) & 15], "0123456789ABCDEF"[c & 15]};
-    }
-  }
-  return url;
+  const std::string slashes = std::regex_replace(path, std::regex(R"(\\)"), "/");
+  return "file:///" + std::regex_replace(slashes, std::regex(" "), "%20");
 }
 
 }  // namespace

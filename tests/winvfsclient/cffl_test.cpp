@@ -7,12 +7,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <deque>
 #include <random>
 #include <regex>
 
+#include "golden_text.h"
 #include "log_capture.h"
 #include "ox_assert.h"
 #include "ox_errno.h"
@@ -163,37 +165,6 @@ TEST(Walk, FirstEntryByVersionAndFolder) {
   }
 }
 
-/* Each ends the process, and nothing was read outside the list before (which ASan watches). */
-TEST(Walk, ContradictionsAreFatal) {
-  const PrefixCallback no_end;
-  const Bytes good = sample();
-  ASSERT_EQ(good.size(), SAMPLE_SIZE);
-  const std::string all = "a.txt|sub|caf\xC3\xA9.md|", two = "a.txt|sub|", end = "(0) tn_util:91";
-  const struct {
-    size_t offset;
-    ox_u64 value;
-    std::string walked;
-  } cases[] = {{VERSION, 1, all},
-               {VERSION, 0, "((0)) tn_util:57"},
-               {VERSION, 4, "((0)) tn_util:57"},
-               {SIZE, 1024, ""},
-               {SIZE, SAMPLE_SIZE - 1, all + end},
-               {FIRST, SAMPLE_SIZE, ""},
-               {FIRST, SAMPLE_SIZE + 1, end},
-               {ENTRY_2 + RECLEN, 368, two + end},
-               {ENTRY_2 + RECLEN, ~ox_u64{0} - 375, two + end},
-               {ENTRY_3 + RECLEN, 385, all + end}};
-  for (const auto& c : cases) {
-    Bytes bytes = good;
-    put(bytes, c.offset, c.value);
-    EXPECT_EQ(walked(bytes), c.walked) << c.offset << ' ' << c.value;
-  }
-  EXPECT_THAT(no_end.log.lines().back(),
-              AllOf(StartsWith("{FATAL:22 \"corrupt cffl for folder docs:00000001-0000-0000-0000-"
-                               "000000000000, current entry:caf\xC3\xA9.md, next cfp:"),
-                    EndsWith(" exceeds cffl-size:2160\"}")));
-}
-
 /* Without a callback, the line at FATAL ends the process before the walk's own assertion does. */
 TEST(Walk, EndsTheProcessWithTheLogsAssertion) {
   Bytes bytes = sample();
@@ -321,7 +292,7 @@ std::string printed(Print print) {
   return text;
 }
 
-/* Against listings.txt. After a wanted change, take over what a failure leaves in listings.new. */
+/* Against listings.txt. */
 TEST(Listing, HeaderEntriesAndHashTable) {
   Bytes bytes = sample();
   const cfs_cffl_hash slot = {-5, 1, 2, 1072, {0x0A, 0xBC, 0, 1, 2, 3, 4, 0xFF, 9}};
@@ -339,54 +310,63 @@ TEST(Listing, HeaderEntriesAndHashTable) {
     tn_print_cffl_finfo(list_in(bytes));
   });
   text = std::regex_replace(text, std::regex(R"((Current time: )[\d.]+|\([^)]*\))"), "$1(TIME)");
-  const std::string expected = read_file(beside_test("listings.txt"));
-  EXPECT_EQ(text, expected);
-  if (text != expected) {
-    write_file(beside_test("listings.new"), text);
-  }
+  expect_text_of("listings", text);
 }
 
-/* ------------------------------------------------------------------- the checks of cfflprint */
+/* ------------------------------------------------------------------- damage */
 
-/* Something is written over the sample, and cfflprint --check says this of it first. */
-TEST(Check, NamesTheFieldAndTheEntry) {
-  EXPECT_TRUE(cfflprint::check_list(sample()).empty());
+/* What the walk of a list finds, and what cfflprint --check says of it first. */
+std::string found_in(const Bytes& bytes) {
+  const auto faults = cfflprint::check_list(bytes);
+  const bool whole = bytes.size() >= 1024 && list_in(bytes)->cfh_head.cf_size <= bytes.size();
+  std::string text = whole ? walked(bytes) : "not whole";
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return c < ' '; }, '?');
+  return faults.empty() ? text
+                        : text + " - " + std::to_string(faults[0].offset) + ' ' + faults[0].where +
+                              ": " + faults[0].what;
+}
+
+/* Against damage.txt: each field of the sample takes each value at an edge, and texts that have no
+ * end. The walk reads nothing outside the list (which ASan watches). */
+TEST(Damage, IsFoundByTheWalkAndByTheChecks) {
+  const PrefixCallback no_end;
   const struct {
-    size_t offset;
-    std::string bytes;
-    const char* says;
-  } cases[] = {
-      {VERSION, "\4", "0 cf_version: 4 is none of 1, 2 and 3"},
-      {8, "\1", "8 cf_hbsize: 1025 instead of 1024"},
-      {16, "\2", "16 cf_dcount: 2, and the list has 1"},
-      {20, "\3", "20 cf_fcount: 3, and the list has 2"},
-      {SIZE, "\x71", "56 cf_size: 2161 bytes, and the file has 2160"},
-      {128, "\x8", "128 cf_perms: 8 is no permission"},
-      {TABLE, "\1", "136 cf_ihtoff: the hash table is at 1, inside the header block"},
-      {TABLE, "\1\4", "136 cf_ihtoff: the hash table is at 1025, among the entries"},
-      {FIRST, "\1\1", "144 cf_cfpoff: the first entry is at 257, inside the header block"},
-      {FIRST, "\x71\x8", "144 cf_cfpoff: the first entry is at 2161, past the list's end"},
-      {NAME, std::string(256, 'n'), "768 cfh_name: its 256 bytes have no NUL"},
-      {ENTRY_1 + 240, std::string(64, 'n'),
-       "1264 mp_lastuser of entry 1: its 64 bytes have no NUL"},
-      {ENTRY_2 + 368, std::string(8, 'n'), "1768 mp_name of entry 2: its 8 bytes have no NUL"},
-      {ENTRY_2 + 368, std::string(1, '\0'), "1768 mp_name of entry 2: it is empty"},
-      {ENTRY_2 + RECLEN, std::string("\x70\x1", 2),
-       "1456 mp_reclen of entry 2: 368 bytes, and an entry takes at least 369"},
-      {ENTRY_2 + RECLEN, "\xf9\x2", "1456 mp_reclen of entry 2: 761 bytes, and 760 are left"},
-      {ENTRY_2 + RECLEN, "\xf7\x2",
-       "2159 entry 3: 1 bytes are left, and an entry takes at least 369"}};
-  for (const auto& c : cases) {
-    Bytes bytes = sample();
-    std::copy(c.bytes.begin(), c.bytes.end(), bytes.begin() + static_cast<ptrdiff_t>(c.offset));
-    const auto faults = cfflprint::check_list(bytes);
-    ASSERT_FALSE(faults.empty()) << c.says;
-    const auto& fault = faults[0];
-    EXPECT_EQ(std::to_string(fault.offset) + ' ' + fault.where + ": " + fault.what, c.says);
+    size_t offset, size;
+  } fields[] = {{VERSION, 8},
+                {8, 4},
+                {16, 4},
+                {20, 4},
+                {SIZE, 8},
+                {128, 4},
+                {TABLE, 8},
+                {FIRST, 8},
+                {NAME, 256},
+                {ENTRY_1 + 240, 64},
+                {ENTRY_2 + 368, 8},
+                {ENTRY_2 + RECLEN, 8},
+                {ENTRY_3 + RECLEN, 8}};
+  const ox_u64 values[] = {
+      0, 1, 4, 8, 257, 368, 376, 385, 752, 759, 1024, 2159, 2160, 2161, ~ox_u64{0} - 375};
+  std::string text = "sound: " + found_in(sample()) + "\ncut: " + found_in(Bytes(1023)) + "\n";
+  for (const auto& field : fields) {
+    for (const ox_u64 value : values) {
+      if (field.size > 8 && value > 1) {
+        break; /* a text is all 'n' or all NUL */
+      }
+      Bytes bytes = sample();
+      field.size > 8 ? (void)memset(bytes.data() + field.offset, value == 0 ? 0 : 'n', field.size)
+                     : (void)memcpy(bytes.data() + field.offset, &value, field.size);
+      text += std::to_string(field.offset) + '=' + std::to_string(value) + ": " + found_in(bytes) +
+              "\n";
+    }
   }
-  const auto cut = cfflprint::check_list(Bytes(1023));
-  ASSERT_EQ(cut.size(), 1u);
-  EXPECT_EQ(cut[0].what, "it takes 1024 bytes, and the file has 1023");
+  expect_text_of("damage", text);
+  EXPECT_THAT(no_end.log.lines(),
+              testing::Contains(AllOf(
+                  StartsWith("{FATAL:22 \"corrupt cffl for folder docs:00000001-0000-0000-0000-"
+                             "000000000000, current entry:caf\xC3\xA9.md, next cfp:"),
+                  EndsWith(" exceeds cffl-size:2160\"}"))));
 }
 
 /*
