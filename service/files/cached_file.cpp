@@ -180,7 +180,7 @@ int CachedFile::refill(const CloudEntry& entry) {
   }
   const std::lock_guard guard(lock_);
   record_.store.fill(entry.size);
-  record_.base = {entry.path, entry.version, entry.size};
+  record_.base = {entry.path, entry.version, entry.size, entry.modified};
   record_.is_new = false;
   record_.size = clean_size_ = entry.size;
   entry_ = entry;
@@ -383,6 +383,7 @@ FileRecord CachedFile::moved(const std::string& path, const CloudEntry& before,
   entry_.name = path.substr(path.rfind('/') + 1);
   if (now != nullptr && !now->folder && before.version == record_.base.version) {
     record_.base.version = now->version;
+    record_.base.modified = now->modified;
     entry_ = *now;
   }
   return record_;

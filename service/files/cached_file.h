@@ -263,10 +263,9 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
 
   /* cached_file_upload.cpp */
   CloudResult send(SealedContent& content, const CloudContext& context, CloudEntry* made);
-  Event event_of(const CloudResult& result, const SealedContent& content,
-                 const CloudContext& context);
+  Event event_of(const CloudResult& result, const SealedContent& content);
   CloudResult end_of_upload(Turn& turn, Event event, CloudResult result, const CloudEntry& made);
-  bool took_the_other_path(const CloudContext& context);
+  CloudResult settle_move(const CloudContext& context);
   int wait_for_upload(uint64_t attempts);
 
   /* cached_file_regions.cpp; the first four for the fetches, on any thread. */

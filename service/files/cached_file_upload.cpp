@@ -22,6 +22,9 @@ CloudResult CachedFile::upload(const CloudContext& context) {
     if (record_.state.change == Change::NONE || is_uploading(record_.state.change)) {
       return {};
     }
+    if (result = settle_move(context); !result.ok()) {
+      return result;
+    }
     content = std::make_shared<SealedContent>(env_.cloud, context, record_.base, record_.sealed);
     result.error = content->open(place_of(record_.sealed.file));
     sending_ = content;
@@ -29,7 +32,7 @@ CloudResult CachedFile::upload(const CloudContext& context) {
   }
   CloudEntry made;
   result = result.error != 0 ? CloudResult::refused(result.error) : send(*content, context, &made);
-  const Event event = event_of(result, *content, context);
+  const Event event = event_of(result, *content);
   Turn turn(*this);
   return end_of_upload(turn, event, result, made);
 }
@@ -38,7 +41,7 @@ CloudResult CachedFile::end_of_upload(Turn& turn, Event event, CloudResult resul
                                       const CloudEntry& made) {
   Work work;
   work.edit = [&](FileRecord& record) {
-    record.base = {record.path, made.version, made.size};
+    record.base = {record.path, made.version, made.size, made.modified};
     record.is_new = false;
     record.store.rebase(record.sealed.size);
     record.sealed = {};
@@ -84,8 +87,7 @@ CloudResult CachedFile::send(SealedContent& content, const CloudContext& context
 }
 
 /* A new file that the cloud has no folder for is lost, too: its bytes are kept here. */
-Event CachedFile::event_of(const CloudResult& result, const SealedContent& content,
-                           const CloudContext& context) {
+Event CachedFile::event_of(const CloudResult& result, const SealedContent& content) {
   const CloudCode code = result.code;
   if (result.ok()) {
     return Event::UPLOADED;
@@ -95,26 +97,45 @@ Event CachedFile::event_of(const CloudResult& result, const SealedContent& conte
   }
   const bool other =
       code == CloudCode::EXISTS || code == CloudCode::CHANGED || code == CloudCode::NOT_FOUND;
-  return other && !took_the_other_path(context) ? Event::UPLOAD_LOST : Event::UPLOAD_FAILED;
+  return other ? Event::UPLOAD_LOST : Event::UPLOAD_FAILED;
 }
 
-/* A service that was killed in a rename does not know whether it came about. */
-bool CachedFile::took_the_other_path(const CloudContext& context) {
-  CloudEntry entry;
-  if (record_.moving_to.empty() || !env_.cloud.status(context, record_.moving_to, &entry).ok() ||
-      entry.version != record_.base.version) {
-    return false;
+/*
+ * A service that was killed in a rename, or had no answer, does not know whether it came about. The
+ * file is where its version is, or else where its size and time are: a rename may change the
+ * version. With the turn.
+ */
+CloudResult CachedFile::settle_move(const CloudContext& context) {
+  if (record_.moving_to.empty() || record_.base.version.empty()) {
+    return {};
   }
-  Turn turn(*this);
+  FileRecord next = record_;
+  next.moving_to.clear();
+  CloudEntry entry;
+  CloudResult result = env_.cloud.status(context, record_.base.path, &entry);
+  if (result.code == CloudCode::NOT_FOUND || entry.version != record_.base.version) {
+    result = env_.cloud.status(context, record_.moving_to, &entry);
+    if (result.ok() && !entry.folder && entry.size == record_.base.size &&
+        entry.modified == record_.base.modified) {
+      next.path = record_.path == record_.base.path ? record_.moving_to : record_.path;
+      next.base = {record_.moving_to, entry.version, entry.size, entry.modified};
+    }
+  }
+  if (!result.ok() && result.code != CloudCode::NOT_FOUND) {
+    return result;
+  }
+  write_record(next, Durability::PROCESS);
   const std::string before = record_.path;
   {
     const std::lock_guard guard(lock_);
-    record_.path = record_.base.path = record_.moving_to;
+    record_.path = next.path;
+    record_.base = next.base;
     record_.moving_to.clear();
   }
-  write_record(record_, Durability::PROCESS);
-  table_.took_path(*this, before);
-  return true;
+  if (next.path != before) {
+    table_.took_path(*this, before);
+  }
+  return {};
 }
 
 /* 0 also when it takes longer: it goes on, and the change is safe. */

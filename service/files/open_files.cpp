@@ -314,17 +314,21 @@ int OpenFiles::rename(const CloudEntry& entry, const std::string& from, const st
   }
   err = err != 0 ? err : record_move(&moving, true);
   CloudEntry made;
-  if (err == 0) {
-    err = is_new ? check_new_place(entry, to, &made)
-                 : env_.cloud
-                       .rename(
-                           env_.context(), from, to,
-                           {.source_version = current.version, .source_modified = current.modified},
-                           &made)
-                       .error;
+  bool unknown = false;
+  if (err == 0 && is_new) {
+    err = check_new_place(entry, to, &made);
+  } else if (err == 0) {
+    const CloudResult result = env_.cloud.rename(
+        env_.context(), from, to,
+        {.source_version = current.version, .source_modified = current.modified}, &made);
+    err = result.error;
+    unknown = result.code == CloudCode::UNKNOWN_OUTCOME;
   }
   if (err != 0) {
-    record_move(&moving, false);
+    if (!unknown) { /* else the next upload looks in both places */
+      record_move(&moving, false);
+    }
+    enqueue_unsaved(moving);
     return err;
   }
   finish_move(std::move(moving), current, is_new ? nullptr : &made, made.path);
@@ -392,7 +396,12 @@ void OpenFiles::finish_move(std::vector<Moving> moving, const CloudEntry& before
       move_key(from_key, to_key);
     }
   }
-  for (Moving& item : moving) {
+  enqueue_unsaved(moving);
+}
+
+/* The hold took them out of the queue. */
+void OpenFiles::enqueue_unsaved(const std::vector<Moving>& moving) {
+  for (const Moving& item : moving) {
     if (item.hold.file().has_unsaved()) {
       enqueue(item.hold.file());
     }

@@ -143,6 +143,7 @@ class OpenFiles : public FileTable {
   int save(const std::vector<FileRecord>& records);
   void finish_move(std::vector<Moving> moving, const CloudEntry& before, const CloudEntry* now,
                    const std::string& to);
+  void enqueue_unsaved(const std::vector<Moving>& moving);
   CloudResult upload(uint64_t id, const CloudContext& context);
 
   const CacheEnvironment& env_; /* fixed */

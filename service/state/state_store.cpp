@@ -15,7 +15,8 @@ CREATE TABLE IF NOT EXISTS files (
   id INTEGER PRIMARY KEY, path TEXT, moving_to TEXT, local TEXT, content INTEGER, change INTEGER,
   is_new INTEGER, has_cut INTEGER, cut INTEGER, size INTEGER, base_path TEXT, base_version TEXT,
   base_size INTEGER, shift INTEGER, file_limit INTEGER, present TEXT, sealed_file TEXT,
-  sealed_size INTEGER, sealed_limit INTEGER, sealed_present TEXT, sealed_changed TEXT);
+  sealed_size INTEGER, sealed_limit INTEGER, sealed_present TEXT, sealed_changed TEXT,
+  base_modified INTEGER);
 CREATE TABLE IF NOT EXISTS dirty_runs (file INTEGER, first INTEGER, past INTEGER);
 CREATE INDEX IF NOT EXISTS dirty_runs_of ON dirty_runs (file);
 )";
@@ -64,7 +65,7 @@ FileRecord record_of(const Statement& row) {
   record.has_cut = row.number(7) != 0;
   record.cut = number(8);
   record.size = number(9);
-  record.base = {row.text(10), row.text(11), number(12)};
+  record.base = {row.text(10), row.text(11), number(12), number(21)};
   const int shift = static_cast<int>(row.number(13));
   record.store = store_of(shift, row.number(14), row.text(15), "");
   record.sealed = {row.text(16), number(17),
@@ -145,30 +146,31 @@ int StateStore::write(const FileRecord& record) {
   const SealedChange& sealed = record.sealed;
   int err = erase(record.id);
   if (err == 0) {
-    err =
-        Statement(database_, "INSERT INTO files VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)")
-            .bind(record.id)
-            .bind(record.path)
-            .bind(record.moving_to)
-            .bind(record.local)
-            .bind(static_cast<int64_t>(record.state.content))
-            .bind(static_cast<int64_t>(record.state.change))
-            .bind(int64_t{record.is_new})
-            .bind(int64_t{record.has_cut})
-            .bind(signed_of(record.cut))
-            .bind(signed_of(record.size))
-            .bind(record.base.path)
-            .bind(record.base.version)
-            .bind(signed_of(record.base.size))
-            .bind(int64_t{record.store.shift()})
-            .bind(signed_of(record.store.limit()))
-            .bind(text_of(record.store.present()))
-            .bind(sealed.file)
-            .bind(signed_of(sealed.size))
-            .bind(signed_of(sealed.store.limit()))
-            .bind(text_of(sealed.store.present()))
-            .bind(text_of(sealed.store.dirty()))
-            .run();
+    err = Statement(database_,
+                    "INSERT INTO files VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)")
+              .bind(record.id)
+              .bind(record.path)
+              .bind(record.moving_to)
+              .bind(record.local)
+              .bind(static_cast<int64_t>(record.state.content))
+              .bind(static_cast<int64_t>(record.state.change))
+              .bind(int64_t{record.is_new})
+              .bind(int64_t{record.has_cut})
+              .bind(signed_of(record.cut))
+              .bind(signed_of(record.size))
+              .bind(record.base.path)
+              .bind(record.base.version)
+              .bind(signed_of(record.base.size))
+              .bind(int64_t{record.store.shift()})
+              .bind(signed_of(record.store.limit()))
+              .bind(text_of(record.store.present()))
+              .bind(sealed.file)
+              .bind(signed_of(sealed.size))
+              .bind(signed_of(sealed.store.limit()))
+              .bind(text_of(sealed.store.present()))
+              .bind(text_of(sealed.store.dirty()))
+              .bind(signed_of(record.base.modified))
+              .run();
   }
   for (const auto& [first, end] : record.store.dirty().runs()) {
     err = err != 0 ? err

@@ -24,6 +24,7 @@ struct CloudBase {
   std::string path;
   std::string version; /* empty: there is none, and no byte comes from the cloud */
   uint64_t size = 0;
+  uint64_t modified = 0; /* as the cloud tells it: stays the same in a rename */
 };
 
 /* A content as it was when it was sealed. */

@@ -146,6 +146,7 @@ class MemoryCloud : public tarnd::Cloud {
       for (auto it = items_.begin(); it != items_.end();) {
         const bool moves = it->first == from || it->first.starts_with(from + '/');
         if (moves) {
+          it->second.renames++;
           moved[to + it->first.substr(from.size())] = it->second;
         }
         it = moves ? items_.erase(it) : std::next(it);
@@ -186,8 +187,11 @@ class MemoryCloud : public tarnd::Cloud {
     bool folder = false;
     std::string content;
     uint64_t version = 0;
+    uint64_t renames = 0; /* part of the version, as on a directory */
 
-    std::string text() const { return folder ? "" : "v" + std::to_string(version); }
+    std::string text() const {
+      return folder ? "" : "v" + std::to_string(version) + '.' + std::to_string(renames);
+    }
   };
 
   static Result none() { return Result::of(tarnd::CloudCode::NOT_FOUND); }
