@@ -107,10 +107,11 @@ void close(Planner& planner, bool modified, const Facts& facts) {
   }
 }
 
+/* On record the content is dirty already, and after a restart that means the same as torn. */
 void client_died(Planner& planner, const Facts& facts) {
   const FileState state = planner.state();
   if (state.content == Content::DIRTY && (facts.silent || facts.last)) {
-    planner.add(Action::RECORD, {Content::TORN, state.change});
+    planner.add(Action::REST, {Content::TORN, state.change});
   }
   if (planner.state().content == Content::TORN && facts.last) {
     part_from_torn(planner, facts);

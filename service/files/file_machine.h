@@ -96,7 +96,7 @@ enum class Action {
   KEEP_CHANGE, /* copies the sealed bytes to the kept ones, with a line in the log */
   BECOME_CONFLICT, /* the file takes the conflict name and must be new there, on record in full */
   ENQUEUE,         /* its change may go up */
-  REST,            /* nothing but the state: the upload queue tries again by itself */
+  REST,            /* nothing but the state; the upload queue tries again by itself */
   UPLOAD,          /* begins */
   CANCEL_UPLOAD,   /* and waits for its end; then the event is planned anew */
   REMOVE_IN_CLOUD,

@@ -61,7 +61,7 @@ class KillRounds : public testing::Test {
     for (const ULONGLONG end = GetTickCount64() + PATIENCE_MS;
          !complaint(true, !power_fails).empty() && GetTickCount64() < end; Sleep(20)) {
     }
-    ASSERT_EQ(complaint(true, !power_fails), "");
+    ASSERT_EQ(complaint(true, !power_fails), "") << what_the_services_said();
     open_every_file();
     ASSERT_EQ(drive_.stop(), 0);
     note_what_is_there();
@@ -94,6 +94,18 @@ class KillRounds : public testing::Test {
         write_file(entry.path(), kept + std::string(zeros, '\0'));
       }
     }
+  }
+
+  std::string what_the_services_said() const {
+    std::string said;
+    for (const auto& entry : fs::directory_iterator(drive_.folder / "log")) {
+      for (const std::string& line : lines_of(read_file(entry.path()))) {
+        const bool counts =
+            line.find("ERR:") != std::string::npos && line.find("tnv_connio") == std::string::npos;
+        said += counts || line.find("main.cpp") != std::string::npos ? line + '\n' : "";
+      }
+    }
+    return said;
   }
 
   /* Where the file is, of the places where it may be. */

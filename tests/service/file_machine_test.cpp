@@ -16,6 +16,7 @@ using namespace tarnd;
 
 constexpr int NOTHING = -1;
 constexpr int REMOVED = -2;
+constexpr int BROKEN = -3; /* what a loss of power left of a content */
 constexpr size_t OPENS = 2;
 constexpr int WRITES = 3; /* per life, so that the walk ends */
 
@@ -47,15 +48,20 @@ struct World {
   bool arrived = false; /* an upload did, and its answer was lost */
   bool own_name = true; /* false: the file has the conflict name, and the cloud's is not touched */
   bool deleted = false;
+  bool queued = false;       /* the change is in the upload queue */
+  int flying = NOTHING;      /* what is being uploaded */
   int closed = 0;            /* the last content whose close was answered */
+  int told = NOTHING;        /* the last one whose writing was answered */
   std::set<int> asked = {0}; /* contents that a close or a death asked to go up */
-  std::set<int> saved = {0}; /* contents in the cloud under any name, or kept on this machine */
+  std::set<int> saved = {0}; /* contents in the cloud for a close, or kept on this machine */
   std::set<int> others;      /* contents that somebody else put there */
+  std::set<int> torn;        /* contents whose writer died; nobody closed them */
+  std::set<int> beside;      /* those of them that went to the conflict name */
 
   auto key() const {
     return std::tuple(state.content, state.change, disk.key(), opens[0].key(), opens[1].key(), next,
-                      local, aside, base, cloud, arrived, own_name, deleted, closed, asked, saved,
-                      others);
+                      local, aside, base, cloud, arrived, own_name, deleted, queued, flying, closed,
+                      told, asked, saved, others, torn, beside);
   }
   bool operator<(const World& other) const { return key() < other.key(); }
 
@@ -101,7 +107,7 @@ class Walk : public testing::Test {
     }
   }
 
-  static constexpr size_t MOVES = 16;
+  static constexpr size_t MOVES = 18;
   size_t worlds() const { return seen_.size(); }
 
  private:
@@ -122,9 +128,12 @@ class Walk : public testing::Test {
       case 5:
         return move % 2 == 0 ? lose_reply(w) : foreign_change(w);
       case 6:
-        return move % 2 == 0 ? remove(w) : restart(w);
+        return move % 2 == 0 ? remove(w) : kill(w, false);
+      case 7:
+        return move % 2 == 0 ? close(w, w.opens[0], Event::CLOSE)
+                             : upload_ends(w, Event::UPLOAD_IMPOSSIBLE);
       default:
-        return move % 2 == 0 ? close(w, w.opens[0], Event::CLOSE) : false;
+        return move % 2 == 0 ? cut(w, w.opens[0]) : kill(w, true);
     }
   }
 
@@ -152,7 +161,22 @@ class Walk : public testing::Test {
       return true;
     }
     open.silent = open.wrote = true;
-    w.local = w.next++;
+    w.local = w.told = w.next++;
+    w.torn.clear();
+    return true;
+  }
+
+  /* The service itself changes the content, once that is on record. */
+  bool cut(World& w, Open& open) {
+    if (!open.attached || w.next > WRITES || w.deleted) {
+      return false;
+    }
+    cut_to_ = w.next++;
+    if (run(w, Event::CHANGE, {})) {
+      open.silent = open.wrote = true;
+      w.torn.clear();
+    }
+    cut_to_ = NOTHING;
     return true;
   }
 
@@ -166,6 +190,11 @@ class Walk : public testing::Test {
     facts.silent = open.silent;
     facts.others_write = other.attached;
     w.asked.insert(w.local);
+    if (event == Event::CLIENT_DIED && open.silent) {
+      tear(w);
+    } else if (event == Event::CLOSE_MODIFIED) {
+      w.torn.clear();
+    }
     const Plan steps = plan(w.state, event, facts);
     if (!steps.empty() && steps[0].action == Action::CANCEL_UPLOAD) {
       return false; /* the driver ends the upload first: a move of its own */
@@ -178,9 +207,20 @@ class Walk : public testing::Test {
     return true;
   }
 
+  /* Its writer died. What was closed before stays so. */
+  static void tear(World& w) {
+    const bool sealed = w.state.change != Change::NONE && w.sealed() == w.local;
+    if (!sealed && !w.saved.contains(w.local)) {
+      w.torn.insert(w.local);
+    }
+  }
+
   bool upload_starts(World& w) {
-    return w.state.change != Change::NONE && !is_uploading(w.state.change) &&
-           run(w, Event::UPLOAD_STARTS, {});
+    if (!w.queued || w.state.change == Change::NONE || is_uploading(w.state.change)) {
+      return false;
+    }
+    w.flying = w.sealed();
+    return run(w, Event::UPLOAD_STARTS, {});
   }
 
   /* What the cloud answers decides which event it is. */
@@ -191,8 +231,18 @@ class Walk : public testing::Test {
     if (event == Event::UPLOADED) {
       event = put(w) ? Event::UPLOADED : Event::UPLOAD_LOST;
     }
-    run(w, event, {});
+    end_upload(w, event);
     return true;
+  }
+
+  void end_upload(World& w, Event event) {
+    w.flying = NOTHING;
+    const bool ended = run(w, event, {});
+    EXPECT_FALSE(ended && event == Event::UPLOADED && w.state.change != Change::NONE);
+    if (!ended && trouble_.failure == Failure::STEP_FAILS) {
+      trouble_ = {};
+      run(w, Event::UPLOAD_FAILED, {});
+    }
   }
 
   bool lose_reply(World& w) {
@@ -200,7 +250,7 @@ class Walk : public testing::Test {
       return false;
     }
     w.arrived = true;
-    run(w, Event::UPLOAD_FAILED, {});
+    end_upload(w, Event::UPLOAD_FAILED);
     return true;
   }
 
@@ -208,7 +258,8 @@ class Walk : public testing::Test {
   bool put(World& w) {
     const int content = w.sealed();
     EXPECT_TRUE(w.asked.contains(content)) << "content " << content << " was not asked for";
-    EXPECT_NE(content, NOTHING);
+    EXPECT_GE(content, 0);
+    EXPECT_FALSE(w.own_name && w.torn.contains(content)) << "torn content over the good one";
     if (w.own_name && w.cloud != w.base && w.cloud != content) {
       return false;
     }
@@ -238,27 +289,30 @@ class Walk : public testing::Test {
     }
     Facts facts;
     facts.last = !w.opens[0].attached && !w.opens[1].attached;
-    run(w, Event::REMOVE, facts);
+    EXPECT_FALSE(run(w, Event::REMOVE, facts) && is_on_record(w.state)) << "it comes back";
     return true;
   }
 
-  bool restart(World& w) {
-    kill(w);
-    return true;
-  }
-
-  /* The process ends: what counts is on record. */
-  void kill(World& w) {
+  /* The process ends: what counts is on record. Without power what was not sealed is incomplete. */
+  bool kill(World& w, bool power) {
     w.opens = {};
+    w.queued = false;
+    w.flying = NOTHING;
     w.state = w.disk.state;
     if (!is_on_record(w.state)) {
       w.state = {};
       w.aside = NOTHING;
-      return;
+      return true;
+    }
+    if (w.state.content != Content::CLEAN) {
+      w.local = power ? BROKEN : w.local;
+      w.told = power ? NOTHING : w.told;
+      tear(w);
     }
     w.asked.insert(w.local); /* the clients' death asks for it, under the conflict name */
     trouble_ = {};
-    run(w, Event::RESTART, {.last = true});
+    run(w, Event::RESTART, {.last = true, .is_short = power});
+    return true;
   }
 
   /* False when a step failed, or the service was killed. */
@@ -274,7 +328,7 @@ class Walk : public testing::Test {
       perform(w, steps[i], event, &copy);
       if (trouble_.failure == Failure::KILLED && trouble_.step == i) {
         hit_ = true;
-        kill(w);
+        kill(w, false);
         return false;
       }
     }
@@ -294,9 +348,16 @@ class Walk : public testing::Test {
       case Action::COPY_ASIDE:
         *copy = event == Event::CHANGE ? w.sealed() : w.local;
         break;
+      case Action::APPLY:
+        if (cut_to_ != NOTHING) {
+          w.local = w.told = cut_to_;
+        }
+        break;
       case Action::SPIN_OFF: /* the torn content is a sealed file of its own now */
-        EXPECT_TRUE(w.asked.contains(w.local));
-        w.saved.insert(w.local);
+        EXPECT_TRUE(w.asked.contains(w.local) && w.local != BROKEN);
+        w.beside.insert(w.local);
+        [[fallthrough]];
+      case Action::KEEP_TORN:
         w.local = is_aside(w.state.change) ? w.aside : w.base;
         w.disk = {step.after, false};
         break;
@@ -310,6 +371,9 @@ class Walk : public testing::Test {
         break;
       case Action::KEEP_CHANGE:
         w.saved.insert(w.sealed());
+        break;
+      case Action::ENQUEUE:
+        w.queued = true;
         break;
       default:
         break;
@@ -326,6 +390,14 @@ class Walk : public testing::Test {
     EXPECT_FALSE(pending && !w.asked.contains(w.sealed())) << "what is sealed was written over";
     EXPECT_TRUE(is_on_record(w.state) == is_on_record(w.disk.state) || w.deleted)
         << "the record differs";
+    EXPECT_TRUE(w.told == NOTHING || w.told == w.local || (pending && w.told == w.sealed()) ||
+                w.saved.contains(w.told) || w.beside.contains(w.told) || w.deleted)
+        << "what was written is lost";
+    EXPECT_TRUE(!pending || is_uploading(w.state.change) || w.queued) << "nobody uploads it";
+    EXPECT_EQ(is_uploading(w.state.change), w.flying != NOTHING);
+    EXPECT_TRUE(w.state != FileState() || w.local == w.base || !w.own_name || w.deleted ||
+                w.saved.contains(w.local))
+        << "a clean file is another one";
     if (HasFailure()) {
       std::string moves;
       for (const size_t step : path_) {
@@ -343,6 +415,7 @@ class Walk : public testing::Test {
   std::set<std::pair<decltype(World().key()), int>> seen_;
   std::vector<size_t> path_;
   Trouble trouble_;
+  int cut_to_ = NOTHING;
   bool hit_ = false;
 };
 
