@@ -50,6 +50,8 @@ std::string text_of(const CloudCounts& counts) {
     add_line(&text, (std::string("cloud_") + CLOUD_CALL_NAMES[i]).c_str(), counts.calls[i]);
   }
   add_line(&text, "cloud_calls", counts.all());
+  add_line(&text, "cloud_bytes_down", counts.bytes_down);
+  add_line(&text, "cloud_bytes_up", counts.bytes_up);
   return text;
 }
 

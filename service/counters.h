@@ -41,7 +41,7 @@ class Counters {
   std::array<std::atomic<uint64_t>, TNV_OP_MAX + 1> requests_ = {}; /* last: unknown codes */
 };
 
-/* The same for the calls of the cloud: "cloud_put" and so on, then "cloud_calls" (their sum). */
+/* The same for the cloud: "cloud_put" and so on, then "cloud_calls" (their sum) and the bytes. */
 std::string text_of(const CloudCounts& counts);
 
 }  // namespace tarnd

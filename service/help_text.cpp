@@ -20,6 +20,8 @@ The cloud and the user:
   --proxy-server TEXT, --proxy-user TEXT, --proxy-password TEXT
                          the HTTP proxy: kept, not used (a folder needs none)
   --transfers NUMBER     fetches at a time, and uploads at a time: 1 to 64 (8)
+  --names-fresh MS       for how long listings and looks at names may show what the cloud said before:
+                         up to 600000 (0: the cloud is asked each time)
   --write-back-wait MS   how long a close waits for its upload before it answers while that goes on;
                          until then it tells of a failure (2000)
 This machine:
@@ -39,8 +41,8 @@ This machine:
   --help, --version
 
 Environment:
-  TARND_CACHE_SIZE, TARND_KEEP_FREE, TARND_TRANSFERS, TARND_WRITE_BACK_WAIT, TARND_SHUTDOWN_WAIT
-                         as the options of these names, which go before them
+  TARND_CACHE_SIZE, TARND_KEEP_FREE, TARND_TRANSFERS, TARND_NAMES_FRESH, TARND_WRITE_BACK_WAIT,
+  TARND_SHUTDOWN_WAIT    as the options of these names, which go before them
 For development:
   TARND_REGION_SHIFT=N   regions of 2^N bytes, 0 to 62 (20)
   TARND_UTXID=N          the first answer's transaction id, counted up with each answer; 0: none (0)

@@ -132,7 +132,11 @@ int run(const Options& options) {
   }
   CloudCounts counts;
   std::unique_ptr<Cloud> cloud =
-      open_cloud(options.addr, {.counts = &counts, .faults = options.faults, .retry = {}}, &error);
+      open_cloud(options.addr,
+                 {.counts = &counts,
+                  .faults = options.faults,
+                  .names_fresh = std::chrono::milliseconds(options.names_fresh_ms)},
+                 &error);
   if (cloud == nullptr) {
     return fail(CANNOT_START, error);
   }

@@ -41,7 +41,7 @@ struct NumberOption {
 };
 
 constexpr uint64_t LONGEST_WAIT_MS = 600'000;
-constexpr std::array<NumberOption, 6> NUMBER_OPTIONS = {{
+constexpr std::array<NumberOption, 7> NUMBER_OPTIONS = {{
     {"--uid", nullptr, &Options::uid, 0, UINT64_MAX},
     {"--cache-size", "TARND_CACHE_SIZE", &Options::cache_size, 0, UINT64_MAX},
     {"--keep-free", "TARND_KEEP_FREE", &Options::keep_free, 0, UINT64_MAX},
@@ -49,6 +49,7 @@ constexpr std::array<NumberOption, 6> NUMBER_OPTIONS = {{
      LONGEST_WAIT_MS},
     {"--shutdown-wait", "TARND_SHUTDOWN_WAIT", &Options::shutdown_wait_ms, 0, LONGEST_WAIT_MS},
     {"--transfers", "TARND_TRANSFERS", &Options::transfers, 1, 64},
+    {"--names-fresh", "TARND_NAMES_FRESH", &Options::names_fresh_ms, 0, LONGEST_WAIT_MS},
 }};
 
 struct FlagOption {

@@ -96,10 +96,7 @@ struct RenameConditions {
 /* What a cloud can do, and what its callers should know. Fixed for its lifetime. */
 struct CloudCapabilities {
   bool patch = false;            /* patch() works */
-  bool cheap_patch = false;      /* and costs about the changed bytes, not the whole content */
   bool case_insensitive = false; /* names that differ in case only are the same name */
-  /* For how long a status or a listing may be taken for true; 0: look again each time. */
-  std::chrono::milliseconds names_fresh{0};
 };
 
 /* Takes the next entry; false ends the listing, which is then OK. */

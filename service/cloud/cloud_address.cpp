@@ -5,6 +5,8 @@
 
 #include "cloud/directory/directory_cloud.h"
 #include "cloud/fault/fault_cloud.h"
+#include "names/folded_path.h"
+#include "names/name_caching_cloud.h"
 
 namespace tarnd {
 namespace {
@@ -73,7 +75,11 @@ std::unique_ptr<Cloud> open_cloud(const std::string& address, const CloudSetting
     *error = "Cloud address \"" + address + "\": " + *error;
     return nullptr;
   }
-  return std::make_unique<RetryingCloud>(std::move(cloud), settings.counts, settings.retry);
+  cloud = std::make_unique<RetryingCloud>(std::move(cloud), settings.counts, settings.retry);
+  if (settings.names_fresh.count() > 0) {
+    cloud = std::make_unique<NameCachingCloud>(std::move(cloud), settings.names_fresh, folded_path);
+  }
+  return cloud;
 }
 
 }  // namespace tarnd

@@ -14,6 +14,7 @@ struct CloudSettings {
   CloudCounts* counts = nullptr; /* outlives the cloud */
   std::string faults = {};       /* the script of a fault cloud (cloud/fault/fault_cloud.h) */
   RetryPolicy retry = {};
+  std::chrono::milliseconds names_fresh{0}; /* of names/name_caching_cloud.h; 0: none */
 };
 
 /*

@@ -89,6 +89,7 @@ struct CloudContext {
    * again, too. Empty: nobody asks.
    */
   std::function<void(uint64_t bytes)> progress = {};
+  bool may_be_old = false; /* of status and listings: what a cache of names remembers will do */
 };
 
 /* OK; CANCELLED when the caller gave up; OFFLINE when the deadline has passed. */

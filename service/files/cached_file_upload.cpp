@@ -1,4 +1,6 @@
 /* A cached file: how its sealed change goes to the cloud. */
+#include <numeric>
+
 #include "files/cached_file.h"
 #include "ox_errno.h"
 #include "ox_logging.h"
@@ -9,6 +11,19 @@ namespace {
 /* The cloud will not take this content, however often it is asked. */
 bool is_definite(CloudCode code) {
   return code == CloudCode::REFUSED || code == CloudCode::NO_SPACE;
+}
+
+/*
+ * A patch of most of a content costs more than the whole: the cloud copies it first. When some of
+ * the bytes are not here, it still costs less than to fetch them.
+ */
+bool saves_by_patch(const Snapshot& content) {
+  const auto length_of = [](const std::vector<ByteRange>& ranges) {
+    return std::accumulate(ranges.begin(), ranges.end(), uint64_t{0},
+                           [](uint64_t sum, const ByteRange& range) { return sum + range.length; });
+  };
+  return length_of(content.changed()) < content.size() / 2 ||
+         length_of(content.held()) < content.size();
 }
 
 } /* namespace */
@@ -74,12 +89,12 @@ CloudResult CachedFile::end_of_upload(Turn& turn, Event event, CloudResult resul
                                        : result;
 }
 
-/* Only what changed, where the cloud can; else the whole, composed of here and there. */
+/* Only what changed, where that saves; else the whole, composed of here and there. */
 CloudResult CachedFile::send(SealedContent& content, const CloudContext& context,
                              CloudEntry* made) {
   const PutCondition condition = {record_.is_new ? "" : record_.base.version, true};
-  if (!condition.version.empty() && env_.cloud.capabilities().patch) {
-    content.compose(false);
+  content.compose(false);
+  if (!condition.version.empty() && env_.cloud.capabilities().patch && saves_by_patch(content)) {
     return env_.cloud.patch(context, record_.path, condition, content, made);
   }
   content.compose(true);

@@ -214,11 +214,21 @@ bool OpenFiles::is_in_use(const std::shared_ptr<CachedFile>& file) {
 /* ------------------------------------------------------------------ names */
 
 int OpenFiles::look_up(const std::string& path, CloudEntry* entry) {
+  return look_up_in(env_.context(), path, entry);
+}
+
+int OpenFiles::look_up_remembered(const std::string& path, CloudEntry* entry) {
+  CloudContext context = env_.context();
+  context.may_be_old = true;
+  return look_up_in(context, path, entry);
+}
+
+int OpenFiles::look_up_in(const CloudContext& context, const std::string& path, CloudEntry* entry) {
   const std::shared_ptr<CachedFile> file = known(folded_path(path));
   if (file != nullptr && file->new_entry(entry)) {
     return 0;
   }
-  return env_.cloud.status(env_.context(), path, entry).error;
+  return env_.cloud.status(context, path, entry).error;
 }
 
 void OpenFiles::overlay(CloudEntry* entry) {

@@ -9,7 +9,10 @@
  *   2. the turn of a cached file (cached_file.h). Only a rename takes those of several files, which
  *      lie under the path that it has reserved;
  *   3. `table_`: guards both tables and the sharing state; held for moments only;
- *   4. a cached file's own lock, for moments.
+ *   4. a cached file's own lock, for moments;
+ *   5. the locks of single parts, under which no other one is taken: those of the transfer engine
+ *      (and with it of all fetches), the upload queue, the database, a file's range locks, and the
+ *      remembered names.
  * No lock but a reservation and a turn is held over a call of the cloud, and none over a transfer.
  */
 #ifndef SERVICE_OPEN_FILES_H
@@ -66,6 +69,8 @@ class OpenFiles : public FileTable {
 
   /* What is at a path: a file that is not in the cloud yet, or the cloud's. 0 or OX_ENOENT ... */
   int look_up(const std::string& path, CloudEntry* entry);
+  /* The same, or as it was a moment ago: for those who only show it. */
+  int look_up_remembered(const std::string& path, CloudEntry* entry);
   /* Adds the names of a folder that are not in the cloud yet, and what is known locally. */
   void complete(const std::string& folder, std::vector<CloudEntry>* entries);
 
@@ -132,6 +137,7 @@ class OpenFiles : public FileTable {
   bool sharing_allows(const OpenFile& open, uint32_t wants) const;
   void move_key(const std::string& from, const std::string& to);
 
+  int look_up_in(const CloudContext& context, const std::string& path, CloudEntry* entry);
   std::shared_ptr<CachedFile> known(const std::string& key);
   std::shared_ptr<CachedFile> of_id(int64_t id);
   bool is_in_use(const std::shared_ptr<CachedFile>& file);

@@ -14,19 +14,4 @@ std::string folded_path(const std::string& path) {
   return utf8_from_wide(wide, &folded) ? folded : path;
 }
 
-std::string parent_path(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "" : path.substr(0, slash);
-}
-
-std::string join_path(const std::string& folder, const std::string& name) {
-  return folder.empty() ? name : folder + '/' + name;
-}
-
-bool is_below(const std::string& path, const std::string& folder) {
-  return folder.empty() ? !path.empty()
-                        : path.size() > folder.size() && path.starts_with(folder) &&
-                              path[folder.size()] == '/';
-}
-
 } /* namespace tarnd */

@@ -41,13 +41,14 @@ int add_listing(Session& session, const Request& request, const CloudEntry& fold
 }
 
 /* What the drive has in a folder: the cloud's, and what is not there yet. */
-int list(Service& service, const CloudEntry& folder, const std::string& path,
+int list(Service& service, const CloudEntry& folder, const std::string& path, bool may_be_old,
          std::vector<CloudEntry>* entries) {
-  const CloudResult result =
-      service.cloud->list(service.context(), path, [&](const CloudEntry& entry) {
-        entries->push_back(entry);
-        return true;
-      });
+  CloudContext context = service.context();
+  context.may_be_old = may_be_old;
+  const CloudResult result = service.cloud->list(context, path, [&](const CloudEntry& entry) {
+    entries->push_back(entry);
+    return true;
+  });
   if (result.ok()) {
     service.files.complete(folder.path, entries);
   }
@@ -70,7 +71,7 @@ int check_delete(Service& service, const std::string& path, const std::string& s
   std::vector<CloudEntry> children;
   int err = find_movable(service, path, share, &entry);
   if (err == 0 && entry.folder) {
-    err = list(service, entry, path, &children);
+    err = list(service, entry, path, false, &children);
   }
   if (err != 0 || !children.empty()) {
     return err != 0 ? err : OX_ENOTEMPTY;
@@ -86,15 +87,16 @@ int serve_enumerate(Session& session, const Request& request, Reply* reply) {
   CloudEntry folder;
   std::vector<CloudEntry> entries;
   int err = request_path(session, request, int64_t{request->u.wdenum.wde_pathlen} - 1, &path);
-  err = err != 0 ? err : service.files.look_up(path, &folder);
+  err = err != 0 ? err : service.files.look_up_remembered(path, &folder);
   err = err != 0 || folder.folder ? err : OX_ENOTDIR;
-  err = err != 0 ? err : list(service, folder, path, &entries);
+  err = err != 0 ? err : list(service, folder, path, true, &entries);
   err = err != 0 ? err : add_listing(session, request, folder, path);
   if (err != 0) {
     return err;
   }
   CloudEntry parent;
-  const bool has_parent = !path.empty() && service.files.look_up(parent_path(path), &parent) == 0;
+  const bool has_parent =
+      !path.empty() && service.files.look_up_remembered(parent_path(path), &parent) == 0;
   reply->resp.u.wdenum.wde_fso = fso_of(folder, has_parent ? &parent : nullptr, 0);
   append_infos(std::move(entries), reply);
   return 0;
@@ -105,7 +107,7 @@ int serve_stat(Session& session, const Request& request, Reply* reply) {
   std::string path;
   CloudEntry entry;
   int err = request_path(session, request, int64_t{request->u.wstat.wstat_path_len} - 1, &path);
-  err = err != 0 ? err : service.files.look_up(path, &entry);
+  err = err != 0 ? err : service.files.look_up_remembered(path, &entry);
   if (err == 0) {
     service.files.overlay(&entry);
     err = info_of(entry, &reply->resp.u.wstat.wstat_fi) ? 0 : OX_EINVAL;

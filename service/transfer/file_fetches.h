@@ -46,7 +46,7 @@ class FetchTarget {
 
 class FileFetches {
  public:
-  static constexpr uint64_t LONGEST_READ = uint64_t{8} << 20; /* bytes */
+  static constexpr uint64_t LONGEST_READ = uint64_t{4} << 20; /* bytes */
   using TimePoint = std::chrono::steady_clock::time_point;
 
   /* Both outlive it. `grain`: the size of a region; all ranges begin at one. */

@@ -17,7 +17,7 @@ ByteRange ReadAhead::next(ByteRange asked, uint64_t size) {
     *this = {};
     return {};
   }
-  window_ = std::clamp(4 * window_, FIRST_WINDOW, LARGEST_WINDOW);
+  window_ = std::clamp(2 * window_, FIRST_WINDOW, LARGEST_WINDOW);
   const uint64_t from = std::max(ahead_, end);
   ahead_ = std::max(from, std::min(end + window_, size));
   tell_until_ = ahead_ >= size ? UINT64_MAX : end + (ahead_ - end) / 2;

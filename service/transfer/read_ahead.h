@@ -17,7 +17,7 @@ namespace tarnd {
 
 class ReadAhead {
  public:
-  static constexpr uint64_t FIRST_WINDOW = uint64_t{4} << 20;
+  static constexpr uint64_t FIRST_WINDOW = uint64_t{16} << 20;
   static constexpr uint64_t LARGEST_WINDOW = uint64_t{32} << 20;
 
   /*

@@ -8,9 +8,10 @@
 namespace tarnd {
 namespace {
 
-/* Read-ahead leaves one place free, unless there is but one, and that is free. */
-bool has_place(size_t running, size_t places, bool ahead) {
-  return ahead && running > 0 ? running + 1 < places : running < places;
+/* What read-ahead, and any one file, may have of the places: a quarter is left for others. */
+size_t most_of(size_t places) {
+  const size_t left = std::max<size_t>(places / 4, 1);
+  return std::max<size_t>(places - left, 1);
 }
 
 } /* namespace */
@@ -49,9 +50,9 @@ void TransferEngine::enqueue(FileFetches* file) {
 /* Takes the file out of the queue; it comes back at the end if it has more. */
 FileFetches* TransferEngine::next() {
   for (const bool ahead : {false, true}) {
+    const bool has_place = reading_.size() < (ahead ? most_of(places_) : places_);
     const auto next = std::find_if(queue_.begin(), queue_.end(), [&](const FileFetches* file) {
-      return file->wants(ahead) && has_place(reading_.size(), places_, ahead) &&
-             has_place(file->reads_.size(), std::max<size_t>(places_ / 2, 1), ahead);
+      return has_place && file->wants(ahead) && file->reads_.size() < most_of(places_);
     });
     if (next != queue_.end()) {
       FileFetches* file = *next;

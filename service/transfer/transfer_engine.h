@@ -2,9 +2,9 @@
  * The threads that read contents of the cloud for the fetches of all files (file_fetches.h), a few
  * reads at a time.
  *
- * What somebody waits for goes before read-ahead, of whatever file, and one thread is always left
- * for it. Files take turns, and none has more than half of the threads. Uploads have threads of
- * their own (upload_queue.h): neither direction keeps the other one waiting.
+ * What somebody waits for goes before read-ahead, of whatever file. Files take turns. A quarter of
+ * the threads is left free by read-ahead, and by any one file. Uploads have threads of their own
+ * (upload_queue.h): neither direction keeps the other one waiting.
  *
  * Threads: any thread may call anything. One lock guards this object and the fetches of all files.
  * It is held for moments, never over a read or a call of a file; and it is one for all because a

@@ -47,7 +47,7 @@ class MemoryCloud : public tarnd::Cloud {
 
  public:
   size_t piece = 256 * 1024;
-  tarnd::CloudCapabilities can = {.patch = true, .cheap_patch = true};
+  tarnd::CloudCapabilities can = {.patch = true};
   tarnd::CloudCounts counts;
   /* Runs before each call, without a lock; a failure is the call's answer. */
   std::function<Result(tarnd::CloudCall call, const Path& path)> before;

@@ -21,74 +21,67 @@
 namespace {
 
 using namespace tarnd;
+using enum CloudCode;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 using Ranges = std::vector<ByteRange>;
 
 constexpr uint64_t MIB = uint64_t{1} << 20;
 constexpr size_t GRAIN = 16;
+constexpr milliseconds LONG{20000};
+constexpr auto NOBODY = [] { return nullptr; }; /* whose credentials are needed */
 
 /* Some regions. */
 ByteRange grains(uint64_t first, uint64_t count) { return {first * GRAIN, count * GRAIN}; }
-Run run_of(ByteRange range) { return {range.offset, range.end()}; }
 
 /* A local file that looks closely at what is written to it, and when. */
 class LocalCopy : public FetchTarget {
-  template <typename Work>
-  auto locked(const Work& work) {
-    const std::lock_guard guard(lock_);
-    return work();
-  }
+  using Guard = std::lock_guard<std::mutex>;
 
  public:
   LocalCopy(std::string path, std::string version, size_t size)
       : source_{std::move(path), std::move(version)}, bytes_(size, '.') {}
 
   Source source() override {
-    return locked([&] { return source_; });
+    const Guard guard(lock_);
+    return source_;
   }
   Ranges missing(ByteRange range) override {
-    return locked([&] {
-      Ranges missing;
-      const uint64_t end = std::min<uint64_t>(range.end(), bytes_.size());
-      for (Run run = present_.next_missing({range.offset, end}); !run.empty();
-           run = present_.next_missing({run.end, end})) {
-        missing.push_back({run.first, run.end - run.first});
-      }
-      return missing;
-    });
+    const Guard guard(lock_);
+    Ranges missing;
+    const uint64_t end = std::min<uint64_t>(range.end(), bytes_.size());
+    for (Run run = present_.next_missing({range.offset, end}); !run.empty();
+         run = present_.next_missing({run.end, end})) {
+      missing.push_back({run.first, run.end - run.first});
+    }
+    return missing;
   }
   int write(uint64_t offset, const char* data, size_t size) override {
-    if (before_write) {
-      before_write(offset);
-    }
-    return locked([&] {
-      EXPECT_TRUE(present_.next_present({offset, offset + size}).empty()) << "written over";
-      bytes_.replace(offset, size, data, size);
-      return write_error.load();
-    });
+    const int err = before_write ? before_write(offset) : 0;
+    const Guard guard(lock_);
+    EXPECT_TRUE(present_.next_present({offset, offset + size}).empty()) << "written over";
+    bytes_.replace(offset, size, data, size);
+    return err;
   }
   void arrived(ByteRange range) override {
-    locked([&] { present_.add(run_of(range)); });
+    const Guard guard(lock_);
+    present_.add({range.offset, range.end()});
   }
 
   void set_source(Source source) {
-    locked([&] { source_ = std::move(source); });
+    const Guard guard(lock_);
+    source_ = std::move(source);
   }
   bool has(ByteRange range) { return missing(range).empty(); }
-  std::string bytes() {
-    return locked([&] { return bytes_; });
-  }
+  const std::string& bytes() const { return bytes_; } /* while nothing is fetched */
   /* As a client does with regions that were fetched; all else would be written over. */
   void write_ones(ByteRange range) {
-    locked([&] { bytes_.replace(range.offset, range.length, range.length, '1'); });
-  }
-  void forget_all() {
-    locked([&] { present_.clear(); });
+    const Guard guard(lock_);
+    bytes_.replace(range.offset, range.length, range.length, '1');
   }
 
-  std::function<void(uint64_t offset)> before_write; /* without a lock; fixed while reads run */
-  std::atomic<int> write_error = 0;
+  /* Without a lock; an error number is the write's. Set while no read runs. */
+  std::function<int(uint64_t offset)> before_write;
 
  private:
   std::mutex lock_; /* guards the fields below */
@@ -105,31 +98,52 @@ std::string pattern(size_t size) {
 
 /* ------------------------------------------------------------------ fetches */
 
+struct File {
+  File(const char* path, MemoryCloud& cloud, TransferEngine& engine, const std::string& content)
+      : copy(path, cloud.set(path, content), content.size()), fetches(engine, copy, GRAIN) {}
+  CloudCode fetch(const Ranges& ranges, ByteRange ahead = {}, milliseconds time = LONG) {
+    return fetches.fetch(ranges, ahead, Clock::now() + time).code;
+  }
+
+  LocalCopy copy;
+  FileFetches fetches;
+};
+
 class FetchTest : public testing::Test {
  protected:
-  CloudCode fetch(const Ranges& ranges, ByteRange ahead = {},
-                  milliseconds time = milliseconds(20000)) {
-    return fetches_.fetch(ranges, ahead, Clock::now() + time).code;
+  CloudCode fetch(const Ranges& ranges, ByteRange ahead = {}, milliseconds time = LONG) {
+    return file_.fetch(ranges, ahead, time);
   }
   /* On a thread of its own. */
   std::future<CloudCode> fetching(ByteRange range) {
     return std::async(std::launch::async, [this, range] { return fetch({range}); });
   }
   uint64_t reads() const { return cloud_.counts.of(CloudCall::READ); }
-  /* Reads wait until they are let through. */
+  /* Reads are noted by their paths, and wait until they are let through. */
   void close_gate() {
-    cloud_.before = [this](CloudCall, const std::string&) {
+    cloud_.before = [this](CloudCall, const std::string& path) {
+      std::unique_lock lock(lock_);
+      started_ += path;
+      lock.unlock();
       gate_.acquire();
       return CloudResult{};
     };
   }
+  bool have_started(const std::string& paths) {
+    return eventually([&] {
+      const std::lock_guard guard(lock_);
+      return started_ == paths;
+    });
+  }
 
   std::counting_semaphore<> gate_{0};
+  std::mutex lock_;
+  std::string started_; /* guarded by lock_ */
   MemoryCloud cloud_;
   const std::string content_ = pattern(40 * GRAIN + 5);
-  LocalCopy copy_{"file", cloud_.set("file", content_), content_.size()};
-  TransferEngine engine_{cloud_, [] { return nullptr; }, 2};
-  FileFetches fetches_{engine_, copy_, GRAIN};
+  TransferEngine engine_{cloud_, NOBODY, 2};
+  File file_{"file", cloud_, engine_, content_};
+  LocalCopy& copy_ = file_.copy;
 };
 
 TEST_F(FetchTest, EqualAndNeighbouringBytesAreReadOnce) {
@@ -137,40 +151,38 @@ TEST_F(FetchTest, EqualAndNeighbouringBytesAreReadOnce) {
   auto first = fetching(grains(0, 1));
   EXPECT_TRUE(eventually([&] { return reads() == 1; }));
   auto same = fetching(grains(0, 1));
-  EXPECT_EQ(fetch({}, grains(1, 10)), CloudCode::OK) << "nobody waits for read-ahead";
+  EXPECT_EQ(fetch({}, grains(1, 10)), OK) << "nobody waits for read-ahead";
   auto inside = fetching(grains(2, 1));
   auto behind = fetching(grains(11, 1));
   gate_.release(100);
   EXPECT_THAT((std::vector{first.get(), same.get(), inside.get(), behind.get()}),
-              testing::Each(CloudCode::OK));
+              testing::Each(OK));
   ASSERT_TRUE(eventually([&] { return copy_.has(grains(0, 12)); }));
   EXPECT_LE(reads(), 5u) << "for 12 regions and 5 wishes";
-  EXPECT_EQ(fetch({grains(20, 2), grains(30, 1)}), CloudCode::OK);
-  EXPECT_EQ(copy_.bytes().substr(20 * GRAIN, 2 * GRAIN), content_.substr(20 * GRAIN, 2 * GRAIN));
 }
 
 TEST_F(FetchTest, WhoWaitsForTheFirstBytesDoesNotWaitForTheLast) {
   cloud_.piece = GRAIN;
   std::atomic<bool> goes_on = false;
   copy_.before_write = [&](uint64_t offset) {
-    EXPECT_TRUE(offset < 2 * GRAIN || eventually([&] { return goes_on.load(); }));
+    return offset < 2 * GRAIN || eventually([&] { return goes_on.load(); }) ? 0 : OX_EIO;
   };
-  EXPECT_EQ(fetch({grains(0, 2)}, grains(2, 39)), CloudCode::OK);
+  EXPECT_EQ(fetch({grains(0, 2)}, grains(2, 39)), OK);
   EXPECT_FALSE(copy_.has(grains(3, 1)));
   EXPECT_EQ(reads(), 1u);
   goes_on = true;
-  EXPECT_EQ(fetch({grains(0, 41)}), CloudCode::OK);
+  EXPECT_EQ(fetch({grains(0, 41)}), OK);
   EXPECT_EQ(copy_.bytes(), content_);
 }
 
 TEST_F(FetchTest, AFailureReachesThoseWhoWaitedWhenItsReadBegan) {
-  cloud_.before = [](CloudCall, const std::string&) { return CloudResult::of(CloudCode::OFFLINE); };
-  EXPECT_EQ(fetch({grains(4, 1)}, grains(0, 2)), CloudCode::OFFLINE);
+  cloud_.before = [](CloudCall, const std::string&) { return CloudResult::of(OFFLINE); };
+  EXPECT_EQ(fetch({grains(4, 1)}, grains(0, 2)), OFFLINE);
   cloud_.before = nullptr;
-  EXPECT_EQ(fetch({grains(4, 1)}), CloudCode::OK) << "a failure is not kept";
-  copy_.write_error = OX_ENOSPC;
-  EXPECT_EQ(fetch({grains(8, 1)}), CloudCode::REFUSED);
-  copy_.write_error = 0;
+  EXPECT_EQ(fetch({grains(4, 1)}), OK) << "a failure is not kept";
+  copy_.before_write = [](uint64_t) { return OX_ENOSPC; };
+  EXPECT_EQ(fetch({grains(8, 1)}), REFUSED);
+  copy_.before_write = nullptr;
 
   /* The file gets another path while a read of the old one is under way. */
   const uint64_t reads_before = reads();
@@ -182,8 +194,8 @@ TEST_F(FetchTest, AFailureReachesThoseWhoWaitedWhenItsReadBegan) {
   auto after = fetching(grains(12, 1));
   std::this_thread::sleep_for(milliseconds(20));
   gate_.release(100);
-  EXPECT_EQ(before.get(), CloudCode::CHANGED);
-  EXPECT_EQ(after.get(), CloudCode::OK) << "it never asked for the old path";
+  EXPECT_EQ(before.get(), CHANGED);
+  EXPECT_EQ(after.get(), OK) << "it never asked for the old path";
 }
 
 TEST_F(FetchTest, WhoGivesUpTakesNobodyAlong) {
@@ -192,114 +204,82 @@ TEST_F(FetchTest, WhoGivesUpTakesNobodyAlong) {
     EXPECT_TRUE(eventually([&] { return !hangs; }));
     return CloudResult{};
   };
-  EXPECT_EQ(fetch({grains(0, 1)}, {}, milliseconds(5)), CloudCode::OFFLINE);
+  EXPECT_EQ(fetch({grains(0, 1)}, {}, milliseconds(5)), OFFLINE);
   auto later = fetching(grains(0, 2));
   std::this_thread::sleep_for(milliseconds(20));
   hangs = false;
-  EXPECT_EQ(later.get(), CloudCode::OK);
+  EXPECT_EQ(later.get(), OK);
   hangs = true;
   const uint64_t reads_before = reads();
   auto stopped = fetching(grains(12, 1));
   EXPECT_TRUE(eventually([&] { return reads() > reads_before; }));
-  std::thread stopping([&] { fetches_.stop(); });
-  EXPECT_EQ(stopped.get(), CloudCode::CANCELLED) << "at once";
+  std::thread stopping([&] { file_.fetches.stop(); });
+  EXPECT_EQ(stopped.get(), CANCELLED) << "at once";
   hangs = false;
   stopping.join();
   EXPECT_FALSE(copy_.has(grains(12, 1)));
-  EXPECT_EQ(fetch({grains(12, 1)}), CloudCode::OK);
+  EXPECT_EQ(fetch({grains(12, 1)}), OK);
   engine_.stop();
-  EXPECT_EQ(fetch({grains(16, 1)}), CloudCode::CANCELLED);
+  EXPECT_EQ(fetch({grains(16, 1)}), CANCELLED);
 }
 
 /* One reader of each file at a time, so that the order in which they come is seen. */
 TEST_F(FetchTest, WhatSomebodyWaitsForGoesBeforeReadAheadOfWhateverFile) {
-  std::mutex lock;
-  std::string order;
-  cloud_.before = [&](CloudCall, const std::string& path) {
-    {
-      const std::lock_guard guard(lock);
-      order += path;
-    }
-    gate_.acquire();
-    return CloudResult{};
+  close_gate();
+  std::list<File> files;
+  const auto want = [&](const char* path, const Ranges& ranges, ByteRange ahead) {
+    File& file = files.emplace_back(path, cloud_, engine_, content_);
+    return std::async(std::launch::async, [=, &file] { return file.fetch(ranges, ahead); });
   };
-  const auto started = [&] {
-    const std::lock_guard guard(lock);
-    return order;
-  };
-  const auto copy = [&](const char* path) {
-    return LocalCopy(path, cloud_.set(path, content_), content_.size());
-  };
-  LocalCopy copies[] = {copy("a"), copy("b"), copy("c"), copy("d")};
-  std::list<FileFetches> files;
-  for (LocalCopy& target : copies) {
-    files.emplace_back(engine_, target, GRAIN);
-  }
-  auto file = files.begin();
-  const auto wants = [&](bool ahead) {
-    return std::async(std::launch::async, [&, ahead, fetches = &*file++] {
-      const ByteRange range = grains(0, 1);
-      return fetches->fetch(ahead ? Ranges{} : Ranges{range}, ahead ? range : ByteRange{},
-                            Clock::now() + std::chrono::seconds(20));
-    });
-  };
-  wants(true).wait();
-  ASSERT_TRUE(eventually([&] { return started() == "a"; }));
-  wants(true).wait();
-  const auto fetched = wants(false);
-  ASSERT_TRUE(eventually([&] { return started() == "ac"; })) << "one place is left for it";
-  const auto fetched_next = wants(false);
+  want("a", {}, grains(0, 1)).wait();
+  EXPECT_TRUE(have_started("a"));
+  want("b", {}, grains(0, 1)).wait();
+  const auto fetched = want("c", {grains(0, 1)}, {});
+  EXPECT_TRUE(have_started("ac")) << "one place is left for it";
+  const auto fetched_next = want("d", {grains(0, 1)}, {});
   std::this_thread::sleep_for(milliseconds(20));
   gate_.release();
-  ASSERT_TRUE(eventually([&] { return started() == "acd"; }));
+  EXPECT_TRUE(have_started("acd"));
   gate_.release(100);
-  EXPECT_TRUE(eventually([&] { return started() == "acdb"; }));
+  EXPECT_TRUE(have_started("acdb"));
 }
 
 /* Several threads, faults, stops, renames and clients that write what was fetched, by seeds. */
 TEST_F(FetchTest, InAnyOrderTheCopyGetsTheContentAndNothingIsWrittenOver) {
+  const char* const FAULTS =
+      "latency read 0-1; short read 0.1; error read 0.1; changed read 0.02; busy read 0.05 1";
   for (unsigned seed = 1; seed <= 20; seed++) {
     auto memory = std::make_unique<MemoryCloud>();
     memory->piece = 24;
-    LocalCopy copy("file", memory->set("file", content_), content_.size());
-    const auto cloud = with_faults(std::move(memory),
-                                   "latency read 0-1; short read 0.1; error read 0.1; changed read "
-                                   "0.02; busy read 0.05 1; seed " +
-                                       std::to_string(seed),
-                                   &test_counts, 3);
-    TransferEngine engine(
-        *cloud, [] { return nullptr; }, 3);
-    FileFetches fetches(engine, copy, GRAIN);
-    const auto fetch = [&](ByteRange range, ByteRange ahead) {
-      return fetches.fetch({range}, ahead, Clock::now() + std::chrono::seconds(20)).ok();
-    };
+    MemoryCloud& below = *memory;
+    const std::string script = "seed " + std::to_string(seed) + ';' + FAULTS;
+    const auto cloud = with_faults(std::move(memory), script, &test_counts, 3);
+    TransferEngine engine(*cloud, NOBODY, 3);
+    File file("file", below, engine, content_);
     const auto client = [&](unsigned number) {
       std::mt19937 random(seed * 100 + number);
       for (int step = 0; step < 60; step++) {
         const ByteRange range = grains(random() % 37, 1 + random() % 4);
-        if (fetch(range, grains(random() % 37, random() % 4))) {
-          EXPECT_TRUE(copy.has(range));
-          copy.write_ones(range);
+        if (file.fetch({range, grains(38, 1)}, grains(random() % 37, random() % 4)) == OK) {
+          EXPECT_TRUE(file.copy.has(range));
+          file.copy.write_ones(range);
         }
       }
     };
-    std::vector<std::thread> threads;
+    std::vector<std::future<void>> clients;
     for (unsigned number = 0; number < 3; number++) {
-      threads.emplace_back(client, number);
+      clients.push_back(std::async(std::launch::async, client, number));
     }
     for (int i = 0; i < 5; i++) {
       std::this_thread::sleep_for(milliseconds(seed % 4));
-      fetches.stop();
+      file.fetches.stop();
     }
-    for (std::thread& thread : threads) {
-      thread.join();
+    clients.clear(); /* when they have ended */
+    while (file.fetch({{0, content_.size()}}) != OK) {
     }
-    while (!fetch({0, content_.size()}, {})) {
-    }
-    const std::string got = copy.bytes();
-    for (size_t i = 0; i < got.size(); i++) {
-      EXPECT_TRUE(got[i] == '1' || got[i] == content_[i]) << i;
-    }
+    const std::string got = file.copy.bytes();
+    EXPECT_TRUE(std::equal(got.begin(), got.end(), content_.begin(),
+                           [](char is, char was) { return is == '1' || is == was; }));
     EXPECT_NE(got.find('1'), std::string::npos);
   }
 }
@@ -318,14 +298,12 @@ struct Reader {
     EXPECT_LE(next.end(), size);
     fetched += next.length;
     const uint64_t region_end = std::min((range.end() + MIB - 1) / MIB * MIB, size);
-    const uint64_t there = next.empty() && fetched == 0 ? region_end : size;
-    told = std::min(there, std::max(region_end, ahead.tell_until()));
+    told = fetched == 0 ? region_end : std::clamp(ahead.tell_until(), region_end, size);
     ahead.told(told);
     asked++;
   }
-  void read_in_order(uint64_t from, uint64_t to, uint64_t size) {
-    told = from;
-    for (uint64_t offset = from; offset < to; offset += MIB / 16) {
+  void read_from(uint64_t from, uint64_t size) {
+    for (uint64_t offset = from; offset < size; offset += MIB / 16) {
       if (offset >= told) {
         read({offset, MIB / 16}, size);
       }
@@ -336,12 +314,9 @@ struct Reader {
 TEST(ReadAhead, FollowsReadersInOrderAndLeavesOthersAlone) {
   constexpr uint64_t SIZE = 256 * MIB;
   Reader sequential;
-  sequential.read_in_order(0, SIZE, SIZE);
-  EXPECT_EQ(sequential.fetched, SIZE - MIB - MIB / 16) << "all but what was asked for first";
-  EXPECT_LE(sequential.asked, 30) << "instead of 256";
-  Reader from_the_middle;
-  from_the_middle.read_in_order(100 * MIB, 120 * MIB, SIZE);
-  EXPECT_GE(from_the_middle.fetched, 20 * MIB);
+  sequential.read_from(20 * MIB, SIZE);
+  EXPECT_EQ(sequential.fetched, SIZE - 21 * MIB - MIB / 16) << "all but what was asked for first";
+  EXPECT_LE(sequential.asked, 30) << "instead of 236";
 
   Reader header_again_and_again;
   Reader jumping;
@@ -354,84 +329,74 @@ TEST(ReadAhead, FollowsReadersInOrderAndLeavesOthersAlone) {
   Reader of_a_small_file;
   of_a_small_file.read({0, 4096}, 5000);
   of_a_small_file.read({4096, 904}, 5000);
-  of_a_small_file.read({0, 4096}, 0);
   EXPECT_LE(of_a_small_file.fetched, 904u);
 }
 
 /* ------------------------------------------------------------------ uploads */
 
-/* Answers each try as it was told, and counts the tries. */
+/* Answers each try as it was told, then OK. */
 class UploadTest : public testing::Test {
  protected:
   CloudResult upload(uint64_t key, const CloudContext& context) {
-    CloudCode answer = CloudCode::OK;
-    {
-      const std::lock_guard guard(lock_);
-      const size_t tried = tries_[key].size();
-      tries_[key].push_back(Clock::now());
-      answer = tried < answers_[key].size() ? answers_[key][tried] : answer;
-    }
-    if (answer == CloudCode::CANCELLED) { /* it takes its time until it is told to end */
-      context.cancel->wait_until(Clock::now() + std::chrono::seconds(20));
+    std::unique_lock lock(lock_);
+    auto& answers = answers_[key];
+    answers.push_back(OK);
+    const CloudCode answer = answers.front();
+    answers.erase(answers.begin());
+    tries_[key].push_back(Clock::now());
+    lock.unlock();
+    all_tries_++;
+    if (answer == CANCELLED) { /* it takes its time until it is told to end */
+      context.cancel->wait_until(Clock::now() + LONG);
     }
     return CloudResult::of(answer);
   }
-  size_t tries(uint64_t key) {
-    const std::lock_guard guard(lock_);
-    return tries_[key].size();
+  bool have_been(size_t tries) {
+    return eventually([&] { return all_tries_ == tries; });
   }
 
   std::mutex lock_; /* guards the maps */
   std::map<uint64_t, std::vector<CloudCode>> answers_;
   std::map<uint64_t, std::vector<Clock::time_point>> tries_;
+  std::atomic<size_t> all_tries_ = 0;
   UploadQueue queue_{
-      [this](uint64_t key, const CloudContext& context) { return upload(key, context); },
-      [] { return nullptr; }, 2};
+      [this](uint64_t key, const CloudContext& context) { return upload(key, context); }, NOBODY,
+      2};
 };
 
 TEST_F(UploadTest, WhatFailsIsTriedAgainWithGrowingPauses) {
-  using enum CloudCode;
   answers_ = {{1, {OFFLINE, NO_SPACE}}, {2, {REFUSED}}};
   for (uint64_t key = 1; key <= 3; key++) {
     queue_.add(key);
   }
-  ASSERT_TRUE(eventually([&] { return tries(1) + tries(2) + tries(3) == 6; }));
-  EXPECT_EQ(tries(3), 1u);
-  const auto& at = tries_[1];
-  EXPECT_GE(at[1] - at[0], milliseconds(400));
-  EXPECT_GE(at[2] - at[1], milliseconds(900));
+  ASSERT_TRUE(have_been(6));
+  EXPECT_EQ(tries_[3].size(), 1u);
+  EXPECT_GE(tries_[1][1] - tries_[1][0], milliseconds(400));
+  EXPECT_GE(tries_[1][2] - tries_[1][1], milliseconds(900));
 }
 
 TEST_F(UploadTest, OnesCanBeKickedCancelledAndAddedOnceMore) {
-  using enum CloudCode;
-  answers_ = {{1, {OFFLINE, OFFLINE, OFFLINE, OFFLINE}},
-              {2, {OFFLINE}},
-              {3, {CANCELLED}},
-              {4, {CANCELLED}},
-              {5, {CANCELLED}}};
+  answers_ = {{1, {OFFLINE}}, {2, {OFFLINE}}, {3, {CANCELLED}}, {4, {CANCELLED}}, {5, {CANCELLED}}};
   queue_.add(1);
   queue_.add(2);
-  ASSERT_TRUE(eventually([&] { return tries(1) + tries(2) == 2; }));
+  ASSERT_TRUE(have_been(2));
   queue_.cancel(2);
-  const auto start = Clock::now();
-  for (size_t kicked = 1; kicked <= 4; kicked++) {
-    ASSERT_TRUE(eventually([&] {
-      queue_.kick();
-      return tries(1) > kicked;
-    }));
-  }
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(5)) << "long before the pauses are over";
+  ASSERT_TRUE(eventually([&] {
+    queue_.kick(); /* its pause may not have begun */
+    return all_tries_ == 3;
+  }));
   queue_.add(3);
   queue_.add(4);
-  ASSERT_TRUE(eventually([&] { return tries(3) + tries(4) == 2; }));
+  ASSERT_TRUE(have_been(5));
   queue_.cancel(3);
   queue_.cancel(4);
   queue_.add(4);
-  ASSERT_TRUE(eventually([&] { return tries(4) == 2; })) << "it was added while it ended";
+  ASSERT_TRUE(have_been(6)) << "it was added while it ended";
   queue_.add(5);
-  ASSERT_TRUE(eventually([&] { return tries(5) == 1; }));
+  ASSERT_TRUE(have_been(7));
   queue_.finish(milliseconds(5));
-  EXPECT_EQ((std::vector{tries(2), tries(3), tries(5)}), (std::vector<size_t>{1, 1, 1}));
+  EXPECT_TRUE(have_been(7));
+  EXPECT_EQ(tries_[2].size() + tries_[3].size() + tries_[5].size(), 3u);
 }
 
 }  // namespace

@@ -11,7 +11,7 @@
 namespace tarnd {
 namespace {
 
-constexpr uint64_t PIECE = uint64_t{1} << 20;
+constexpr uint64_t PIECE = uint64_t{2} << 20;
 constexpr size_t LISTED_AT_ONCE = size_t{1} << 16;
 /* Others may read, rename and delete, but not write. */
 constexpr DWORD SHARE_UNCHANGED = FILE_SHARE_READ | FILE_SHARE_DELETE;
@@ -49,7 +49,7 @@ std::unique_ptr<Cloud> DirectoryCloud::open(const std::string& folder, std::stri
 }
 
 CloudCapabilities DirectoryCloud::capabilities() const {
-  return {.patch = true, .cheap_patch = root_->clone_grain() != 0, .case_insensitive = true};
+  return {.patch = true, .case_insensitive = true};
 }
 
 /* ------------------------------------------------------------------ looking */
@@ -129,8 +129,9 @@ bool DirectoryCloud::listed(const DirectoryItem& folder, const FILE_ID_BOTH_DIR_
 CloudResult DirectoryCloud::read(const CloudContext& context, const std::string& path,
                                  const std::string& version, ByteRange range,
                                  const DataSink& sink) {
+  std::string piece;
   while (!range.empty()) {
-    std::string piece(std::min(PIECE, range.length), '\0');
+    piece.resize(std::min(PIECE, range.length));
     CloudResult result = check(context);
     if (result.ok()) {
       result = read_piece(path, version, range.offset, &piece);

@@ -231,13 +231,6 @@ CloudResult FaultCloud::patch(const CloudContext& context, const std::string& pa
 
 /* ------------------------------------------------------------------ the other calls */
 
-CloudCapabilities FaultCloud::capabilities() const {
-  CloudCapabilities can = below_->capabilities();
-  const std::lock_guard guard(lock_);
-  can.names_fresh = script_.names_fresh.value_or(can.names_fresh);
-  return can;
-}
-
 CloudResult FaultCloud::status(const CloudContext& context, const std::string& path,
                                CloudEntry* entry) {
   return run(context, CloudCall::STATUS, [&] { return below_->status(context, path, entry); });

@@ -29,7 +29,7 @@ class FaultCloud : public Cloud {
   static std::unique_ptr<FaultCloud> open(std::unique_ptr<Cloud> below, const std::string& script,
                                           std::string* error);
 
-  CloudCapabilities capabilities() const override;
+  CloudCapabilities capabilities() const override { return below_->capabilities(); }
   CloudResult status(const CloudContext& context, const std::string& path,
                      CloudEntry* entry) override;
   CloudResult list(const CloudContext& context, const std::string& path,

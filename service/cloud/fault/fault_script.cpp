@@ -88,9 +88,6 @@ bool parse_setting(const Words& words, FaultScript* script) {
   if (words.size() != 2) {
     return false;
   }
-  if (words[0] == "names") {
-    return parse_time(words[1], &script->names_fresh.emplace());
-  }
   return (words[0] == "seed" && parse_number(words[1], &script->seed)) ||
          (words[0] == "rate" && parse_number(words[1], &script->rate));
 }

@@ -4,7 +4,6 @@
  *
  *   seed N                 what chance starts from (1)
  *   rate BYTES             contents go through at so many bytes a second, in each call; 0: at once
- *   names MS               how long a status or a listing may be taken for true (the cloud's own)
  *   latency CALLS MS[-MS]  waits before each call
  *   busy CALLS WHEN [MS]   is not carried out and answered BUSY, with this pause (100)
  *   error CALLS WHEN       a server's error: a call that looks is answered OFFLINE, one that
@@ -23,7 +22,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -47,7 +45,6 @@ struct FaultRule {
 struct FaultScript {
   uint64_t seed = 1;
   uint64_t rate = 0; /* bytes a second; 0: as fast as it goes */
-  std::optional<std::chrono::milliseconds> names_fresh;
   std::vector<FaultRule> rules;
 };
 

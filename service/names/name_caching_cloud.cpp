@@ -1,0 +1,73 @@
+#include "names/name_caching_cloud.h"
+
+#include <algorithm>
+
+namespace tarnd {
+
+CloudResult NameCachingCloud::status(const CloudContext& context, const std::string& path,
+                                     CloudEntry* entry) {
+  if (const auto known = context.may_be_old ? names_.status(path, entry) : std::nullopt) {
+    return CloudResult::of(*known);
+  }
+  NameCache::Look look(names_, path, false);
+  const CloudResult result = below_->status(context, path, entry);
+  if (result.ok() || result.code == CloudCode::NOT_FOUND) {
+    look.keep_status(result.ok() ? entry : nullptr);
+  }
+  return result;
+}
+
+CloudResult NameCachingCloud::list(const CloudContext& context, const std::string& path,
+                                   const EntrySink& sink) {
+  if (const auto known = context.may_be_old ? names_.listing(path) : std::nullopt) {
+    std::all_of(known->begin(), known->end(), sink);
+    return {};
+  }
+  NameCache::Look look(names_, path, true);
+  std::vector<CloudEntry> entries;
+  bool whole = true;
+  const CloudResult result = below_->list(context, path, [&](const CloudEntry& entry) {
+    entries.push_back(entry);
+    whole = sink(entry);
+    return whole;
+  });
+  if (result.ok() && whole) {
+    look.keep_listing(entries);
+  }
+  return result;
+}
+
+CloudResult NameCachingCloud::forgetting(const std::string& path, CloudResult result) {
+  names_.forget(path);
+  return result;
+}
+
+CloudResult NameCachingCloud::put(const CloudContext& context, const std::string& path,
+                                  const PutCondition& condition, Snapshot& content,
+                                  CloudEntry* made) {
+  return forgetting(path, below_->put(context, path, condition, content, made));
+}
+
+CloudResult NameCachingCloud::patch(const CloudContext& context, const std::string& path,
+                                    const PutCondition& condition, Snapshot& content,
+                                    CloudEntry* made) {
+  return forgetting(path, below_->patch(context, path, condition, content, made));
+}
+
+CloudResult NameCachingCloud::rename(const CloudContext& context, const std::string& from,
+                                     const std::string& to, const RenameConditions& conditions,
+                                     CloudEntry* made) {
+  return forgetting(to, forgetting(from, below_->rename(context, from, to, conditions, made)));
+}
+
+CloudResult NameCachingCloud::remove(const CloudContext& context, const std::string& path,
+                                     const std::string& version) {
+  return forgetting(path, below_->remove(context, path, version));
+}
+
+CloudResult NameCachingCloud::make_folder(const CloudContext& context, const std::string& path,
+                                          CloudEntry* made) {
+  return forgetting(path, below_->make_folder(context, path, made));
+}
+
+} /* namespace tarnd */
