@@ -1,7 +1,6 @@
-# GLib, ICU, PCRE2 and SQLite: targets glib, icu_uc, pcre2 and sqlite, found with pkg-config. For
-# Windows they are
-# static and lie in the prefix that tools/build-cross-prefix makes when cross-building; on the
-# development host they are the system's.
+# Defines the targets glib, icu_uc, pcre2 and sqlite, which pkg-config finds. For Windows they are
+# static and lie in the prefix that tools/build-cross-prefix makes. On the development host they are
+# the system's.
 find_package(PkgConfig REQUIRED)
 
 set(CROSS_PREFIX "")

@@ -21,7 +21,7 @@
 
 OX_BEGIN_DECLS
 
-/* Written by the acquiring thread, read by the releasing one; indicative for shared holders. */
+/* The acquiring thread writes it, the releasing one reads it. With shared holders it is a hint. */
 typedef struct ox_lock_stat {
   ox_u64 lst_acq_usecs;         /* how long the last acquisition waited, in microseconds */
   struct timespec lst_acquired; /* real-time clock when the last acquisition began */
@@ -78,12 +78,15 @@ bool ox_cv_wait(pthread_cond_t* cv, ox_lock_t* l, const struct timespec* deadlin
  * OX_ASSERT_HELD(lock) is the first line of a function that wants its caller to hold the lock. It
  * works in debug builds (no NDEBUG), which note the locks of each thread; other builds have none of
  * it. A reader/writer lock may be held in either mode. Include ox_assert.h, too.
+ * OX_ASSERT_EITHER_HELD is for a function to which one of two locks is enough.
  */
 #ifdef NDEBUG
 #define OX_ASSERT_HELD(lock) ((void)(lock))
+#define OX_ASSERT_EITHER_HELD(a, b) ((void)(a), (void)(b))
 #else
 bool ox_lock_is_held(const void* lock);
 #define OX_ASSERT_HELD(lock) OX_ASSERT(ox_lock_is_held(lock))
+#define OX_ASSERT_EITHER_HELD(a, b) OX_ASSERT(ox_lock_is_held(a) || ox_lock_is_held(b))
 #endif
 
 OX_END_DECLS

@@ -1,5 +1,5 @@
 /*
- * The parts of a log line: levels, timestamp and prefix; the one-shot start and the knobs.
+ * The parts of a log line: levels, timestamp and prefix; the start, which happens once, and the settings.
  */
 #include <cerrno>
 #include <cstdarg>
@@ -53,9 +53,9 @@ void ox_init_logging(const char* logger_name, const char* logfile, ox_logfunc_t 
   if (ox_logfp != nullptr) {
     return;
   }
-  constexpr size_t file_size = 52428800;
-  constexpr size_t file_count = 10;
-  ox_init_spdlogger(logger_name, logfile, file_size, file_count);
+  constexpr size_t FILE_SIZE = 52428800;
+  constexpr size_t FILE_COUNT = 10;
+  ox_init_spdlogger(logger_name, logfile, FILE_SIZE, FILE_COUNT);
   ox_logfp = stdout;
   if (logfunc != nullptr) {
     ox_logfunc = logfunc;

@@ -96,7 +96,7 @@ class ResilientFile final : public spdlog::sinks::base_sink<std::mutex> {
   ResilientFile(std::string path, size_t max_size, size_t max_files)
       : path_(std::move(path)), max_size_(max_size), max_files_(max_files) {
     line_.reserve(OX_LOG_LINE_SIZE + EOL_SIZE);
-    RotatingFile(path_, max_size_, max_files_, false); /* throws for sizes that cannot be */
+    const RotatingFile trial(path_, max_size_, max_files_, false); /* throws for impossible sizes */
     open();
   }
 

@@ -2,23 +2,7 @@
  * The lock wrappers: results, statistics, and the profiling warnings with their thresholds. The
  * clock that the locks read is the tests' own, so no test waits for time to pass.
  */
-#include "ox_lock.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <functional>
-#include <thread>
-
-#include "eventually.h"
-#include "log_capture.h"
-#include "ox_assert.h"
-#include "ox_errno.h"
-#include "ox_logging.h"
-
-using testing::ElementsAre;
-using testing::IsEmpty;
+#include "oxley_test.h"
 
 static std::atomic<ox_s64> now_usecs = 1000000000; /* since 1970 */
 

@@ -2,23 +2,13 @@
  * The log facility: line formats, both ways of writing a line, the rotating file and its failures,
  * the end of the process. Lines are read back from the log file.
  */
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <new>
-#include <set>
-#include <thread>
 
-#include "ox_assert.h"
-#include "ox_logging.h"
-#include "test_folder.h"
+#include "oxley_test.h"
 
 /* What this program takes from the heap, all but the runtime's own. */
 static std::atomic<size_t> allocations;
@@ -47,10 +37,6 @@ int __wrap_rename(const char* from, const char* to) {
   return -1;
 }
 }
-
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
 
 namespace {
 

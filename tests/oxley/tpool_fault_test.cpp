@@ -3,13 +3,9 @@
  * thread names. The linker's --wrap leads these calls, and the pool's waits, through the functions
  * below.
  */
-#include <cerrno>
 #include <map>
 
-#include "ox_time.h"
 #include "tpool_fixture.h"
-
-using testing::ElementsAre;
 
 std::atomic<int> threads_to_join = 0;
 

@@ -5,25 +5,12 @@
 #ifndef TPOOL_FIXTURE_H
 #define TPOOL_FIXTURE_H
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
 #include <deque>
-#include <functional>
 #include <mutex>
 #include <semaphore>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
-#include "eventually.h"
-#include "log_capture.h"
-#include "ox_errno.h"
-#include "ox_logging.h"
 #include "ox_tpool.h"
+#include "oxley_test.h"
 
 /*
  * Whether the pool's timed waits are over at once. Otherwise they have no end here, so that a lost

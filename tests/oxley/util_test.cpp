@@ -1,20 +1,12 @@
 /*
  * Identifiers, time, memory, fixed text fields and thread names.
  */
-#include "ox_time.h"
 #include "ox_util.h"
 #include "ox_uuid.h"
 
-#include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <cerrno>
-#include <cstring>
-#include <string>
-#include <thread>
-#include <utility>
-
-#include "ox_errno.h"
+#include "oxley_test.h"
 
 TEST(Uuid, TextAndBinaryInTheWindowsLayout) {
   const ox_u8 binary[OX_UUID_SIZE] = {0x33, 0x22, 0x11, 0x00, 0x55, 0x44, 0x77, 0x66,

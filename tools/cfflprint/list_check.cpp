@@ -21,7 +21,7 @@ class Checker {
       return std::move(faults_);
     }
     memcpy(&list_, bytes_.data(), sizeof(list_));
-    if (head_.cf_size < sizeof(list_)) { /* of such a list the library reads no more */
+    if (head_.cf_size < sizeof(list_)) { /* the library reads no more of such a list */
       memset(reinterpret_cast<uint8_t*>(&list_) + head_.cf_size, 0, sizeof(list_) - head_.cf_size);
     }
     check_header();
@@ -77,7 +77,7 @@ class Checker {
     return at_ <= end_;
   }
 
-  /* Whether they lead to the list's end. */
+  /* Whether the entries lead to the list's end. */
   bool check_entries() {
     while (at_ != end_) {
       const uint64_t room = end_ - at_;

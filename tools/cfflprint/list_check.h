@@ -10,8 +10,8 @@
 namespace cfflprint {
 
 struct Fault {
-  uint64_t offset;   /* in bytes from the list's start */
-  std::string where; /* the field, and the entry's number from 1 */
+  uint64_t offset;   /* in bytes, from the start of the list */
+  std::string where; /* the name of the field and the number of the entry, which counts from 1 */
   std::string what;
   bool fatal; /* the library does not read or walk the list: it ends the process, or waits */
 };

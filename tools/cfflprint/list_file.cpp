@@ -16,7 +16,7 @@ using tools::LocalFile;
 
 constexpr size_t CHUNK = 1 << 24;
 
-/* A descriptor of the library's. */
+/* A descriptor of the library's runtime, which this closes. */
 class Descriptor {
  public:
   /* Our manifest makes the process's code page UTF-8, from Windows 10, version 1903, on. */
@@ -44,7 +44,7 @@ std::vector<uint8_t> file_bytes(const std::string& path) {
              file.read(bytes.data() + done, std::min(bytes.size() - done, CHUNK))) {
     done += count;
   }
-  bytes.resize(done); /* it may have become shorter */
+  bytes.resize(done); /* the file may have become shorter meanwhile */
   return bytes;
 }
 

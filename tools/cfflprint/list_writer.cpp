@@ -6,7 +6,7 @@
 namespace cfflprint {
 namespace {
 
-/* Longer texts are cut to leave room for their NUL; the field is zero already. */
+/* Cuts a text that is too long, to leave room for its NUL. The field is zero already. */
 template <size_t N>
 void fill_field(char (&field)[N], const std::string& text) {
   memcpy(field, text.data(), std::min(text.size(), N - 1));

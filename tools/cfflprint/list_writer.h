@@ -10,7 +10,7 @@
 
 namespace cfflprint {
 
-/* A list's entry, or its folder itself, which has no size and no checksum. */
+/* An entry of a list, or the folder of the list itself. A folder has no size and no checksum. */
 struct Item {
   std::string name;
   bool folder = false;

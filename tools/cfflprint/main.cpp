@@ -115,7 +115,7 @@ void print(const cfs_cffl* list, const Options& options) {
   }
 }
 
-/* The library ends the process over a damaged list: such a one does not get that far. */
+/* Refuses a damaged list: the library would end the process when it walks over one. */
 tools::ExitStatus check_and_print(const Options& options) {
   const List list = read_list(options.file);
   const auto* bytes = reinterpret_cast<const uint8_t*>(list.get());

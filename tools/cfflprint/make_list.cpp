@@ -17,10 +17,10 @@ namespace {
 using tools::Failure;
 using tools::LocalEntry;
 
-/* What a file information's name holds with its NUL; the folder's own field is longer. */
+/* The longest name that fits into a tnw_fileinfo with its NUL. A folder's own field is longer. */
 constexpr size_t MAX_NAME = 244;
 
-/* Of a Windows file time. */
+/* Converts a Windows file time. */
 ox_timespec_t time_of(uint64_t file_time) {
   constexpr int64_t TICKS = 10000000; /* in a second */
   const int64_t ticks = static_cast<int64_t>(file_time) - 11644473600 * TICKS;
@@ -62,7 +62,7 @@ void fill_from_content(const std::string& path, Item* item) {
   item->revision = id_of({digest, Sha512::SIZE});
 }
 
-/* Without what the content tells. */
+/* The entry without the size and the checksum, which come from the content. */
 Item item_of(const LocalEntry& entry) {
   if (entry.name.size() > MAX_NAME) {
     throw Failure(entry.name, fmt::format("its name takes {} bytes, and at most {} fit in a list",
@@ -77,7 +77,7 @@ Item item_of(const LocalEntry& entry) {
   return item;
 }
 
-/* Sorted by name, byte by byte. */
+/* The names in the folder, sorted byte by byte. */
 std::vector<Item> items_of(const std::string& folder, const cfs_id_t& folder_id) {
   std::vector<Item> items;
   for (const LocalEntry& entry : tools::list_local(folder)) {

@@ -12,13 +12,13 @@ class Sha512 {
  public:
   static constexpr size_t SIZE = 64;
 
-  /* All throw a std::runtime_error when Windows refuses. */
+  /* All calls throw a std::runtime_error when Windows refuses them. */
   Sha512();
   Sha512(const Sha512&) = delete;
   Sha512& operator=(const Sha512&) = delete;
   ~Sha512();
   void add(std::string_view data);
-  /* Once, at the end. */
+  /* Gives the digest. Call it once, after the last byte. */
   void finish(uint8_t (&digest)[SIZE]);
 
  private:

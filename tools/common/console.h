@@ -32,9 +32,9 @@ int terminal_width();
 /* The next line of standard input without its end; false at the end of the input. */
 bool read_line(std::string* line);
 
-/* The same, not shown on a terminal. */
+/* Reads a line in the same way. A terminal does not show what is typed. */
 bool read_secret(std::string* line);
-/* Asks on a terminal; elsewhere the answer is no. */
+/* Asks the user on a terminal. Where there is no terminal, the answer is no. */
 bool confirm(const std::string& question);
 
 }  // namespace tools

@@ -10,7 +10,7 @@ volatile std::sig_atomic_t was_interrupted = 0;
 
 void on_interrupt(int) {
   was_interrupted = 1;
-  std::signal(SIGINT, SIG_DFL); /* a second one ends the program */
+  std::signal(SIGINT, SIG_DFL); /* a second Ctrl-C ends the program */
 }
 
 }  // namespace

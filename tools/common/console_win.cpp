@@ -41,7 +41,7 @@ bool read_console_line(std::string* line) {
     DWORD count = 0;
     if ((ReadConsoleW(handle_of(stdin), part, static_cast<DWORD>(std::size(part)), &count,
                       nullptr) == 0) ||
-        count == 0 || part[0] == L'\x1a') { /* Ctrl-Z */
+        count == 0 || part[0] == L'\x1a') { /* Ctrl-Z ends the input */
       return false;
     }
     text.append(part, count);

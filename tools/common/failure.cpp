@@ -7,7 +7,7 @@
 namespace tools {
 namespace {
 
-/* Where Windows' own text would mislead, or says less. */
+/* Texts for the codes whose text from Windows would mislead or says too little. */
 const char* plain_meaning(uint32_t code) {
   switch (code) {
     case ERROR_SHARING_VIOLATION:
@@ -27,7 +27,7 @@ std::string windows_meaning(uint32_t code) {
   wchar_t text[512];
   const DWORD length =
       FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS |
-                         FORMAT_MESSAGE_MAX_WIDTH_MASK, /* no line breaks of its own */
+                         FORMAT_MESSAGE_MAX_WIDTH_MASK, /* without line breaks in the text */
                      nullptr, code, 0, text, static_cast<DWORD>(std::size(text)), nullptr);
   std::string meaning = utf8_from_wide(std::wstring_view(text, length));
   meaning.erase(meaning.find_last_not_of(" .\r\n") + 1);

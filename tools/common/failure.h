@@ -23,7 +23,7 @@ class Failure : public std::runtime_error {
         code_(code) {}
   Failure(const std::string& path, const std::string& what, uint32_t code)
       : Failure(path, what, code, meaning_of(code)) {}
-  /* A failure of our own finding, without a code. */
+  /* A failure that this program has found by itself. It has no Windows code. */
   Failure(const std::string& path, const std::string& what)
       : std::runtime_error(path + ": " + what), code_(0) {}
 

@@ -84,9 +84,9 @@ bool is_local_folder(const std::string& path) {
   return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
 }
 
+/* The value that says "there is nothing" has the bit of a folder, too. */
 bool is_local_file(const std::string& path) {
-  return (attributes_of(path) & FILE_ATTRIBUTE_DIRECTORY) ==
-         0; /* set in the value for "not there" */
+  return (attributes_of(path) & FILE_ATTRIBUTE_DIRECTORY) == 0;
 }
 
 void make_local_folders(const std::string& path) {

@@ -12,7 +12,7 @@ namespace tools {
 
 /* The absolute form of a path as typed, with backslashes. */
 std::string absolute_path(const std::string& path);
-/* The same for calls that would otherwise end at 260 characters. */
+/* The absolute form with a \\?\ lead, for calls that otherwise refuse paths of 260 characters. */
 std::wstring verbatim_path(const std::string& path);
 /* The absolute form in the process's code page, in which the library takes paths. */
 std::string code_page_path(const std::string& path);
@@ -21,14 +21,14 @@ bool is_local_folder(const std::string& path);
 bool is_local_file(const std::string& path);
 /* Makes a folder with its parents. */
 void make_local_folders(const std::string& path);
-/* Makes the folder alone, unless it is there. */
+/* Makes the folder unless it is there. The folder above it must be there. */
 void make_local_folder(const std::string& path);
 
 struct LocalEntry {
   std::string name;
   bool folder = false;
-  bool link = false;    /* a folder that is elsewhere */
-  uint64_t created = 0; /* a Windows file time, as the next two */
+  bool link = false;    /* a link to a folder elsewhere */
+  uint64_t created = 0; /* a Windows file time, like the next two */
   uint64_t modified = 0;
   uint64_t accessed = 0;
 };
@@ -45,7 +45,7 @@ class LocalFile {
   ~LocalFile();
 
   static LocalFile open_to_read(const std::string& path);
-  /* The same, and meanwhile others may write, rename and delete the file. */
+  /* Opens a file to be read. Others may write, rename and delete it meanwhile. */
   static LocalFile open_shared(const std::string& path);
   /*
    * A new content: it is kept in a file beside `path` until commit puts it in its place, and is
@@ -56,7 +56,7 @@ class LocalFile {
   static LocalFile open_lock(const std::string& path);
 
   uint64_t size() const;
-  size_t read(void* buffer, size_t size); /* 0 at the end */
+  size_t read(void* buffer, size_t size); /* returns 0 at the end of the file */
   void write(const void* data, size_t size);
   void commit();
 
@@ -67,7 +67,7 @@ class LocalFile {
 
   std::string path_;    /* as typed */
   std::wstring target_; /* verbatim */
-  std::wstring part_;   /* verbatim; empty but for a new content */
+  std::wstring part_;   /* the verbatim path of the new content; empty in the other cases */
   void* file_ = nullptr;
 };
 

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <array>
+#include <cmath>
 
 namespace tools {
 
@@ -26,13 +27,13 @@ std::string bytes_text(double bytes) {
 }
 
 std::string duration_text(double seconds) {
-  const std::chrono::seconds whole(static_cast<int64_t>(seconds + 0.5));
+  const std::chrono::seconds whole(std::llround(seconds));
   return whole < std::chrono::hours(1) ? fmt::format("{:%M:%S}", whole)
                                        : fmt::format("{:%H:%M:%S}", whole);
 }
 
 std::string local_time_text(uint64_t file_time) {
-  constexpr uint64_t TICKS = 10000000;                         /* in a second */
+  constexpr uint64_t TICKS = 10000000;                         /* in one second */
   constexpr uint64_t FIRST_SECOND = 11644473600;               /* 1970, from 1601 */
   constexpr uint64_t LAST_SECOND = FIRST_SECOND + 32500000000; /* the runtime knows no later ones */
   const uint64_t seconds = file_time / TICKS;

@@ -174,6 +174,7 @@ std::vector<std::string> find_log_files(const std::vector<std::string>& names) {
     return a.log != b.log ? a.log < b.log : a.number > b.number;
   });
   std::vector<std::string> files;
+  files.reserve(found.size());
   for (const Found& file : found) {
     files.push_back(file.file);
   }
@@ -231,12 +232,12 @@ void Follower::poll(const LineSink& sink) {
     try {
       reader_ = std::make_unique<LineReader>(file_);
     } catch (const std::system_error&) {
-      return; /* between a rotation's two steps */
+      return; /* the file is missing between the two steps of a rotation */
     }
   }
   const bool is_renamed = reader_->is_renamed();
   reader_->read(sink);
-  if (is_renamed) { /* and so nothing more will be written to it */
+  if (is_renamed) { /* so nothing more will be written to this one */
     reader_->finish(sink);
     reader_.reset();
     poll(sink);

@@ -34,9 +34,9 @@ class LineReader {
   ~LineReader();
   LineReader(const LineReader&) = delete;
 
-  /* Gives the lines that are whole by now. A later call goes on from there. */
+  /* Gives the lines that are complete by now. A later call goes on behind them. */
   void read(const LineSink& sink);
-  /* Gives what stands behind the last line end, if anything. */
+  /* Gives the text behind the last line end, if there is any. */
   void finish(const LineSink& sink);
   /* Whether the file's name now leads to another file, or to none. */
   bool is_renamed() const;

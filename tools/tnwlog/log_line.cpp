@@ -11,9 +11,9 @@
 namespace tnwlog {
 namespace {
 
-/* A longer line is cut. */
+/* The log cuts lines that are longer. */
 constexpr size_t LONGEST_LINE = OX_LOG_LINE_SIZE - 1;
-/* A request with three long texts is shorter. */
+/* Every request is shorter, also one with three long texts. */
 constexpr ox_u32 LONGEST_REQUEST = 1 << 16;
 
 #define COMMON R"({"asctime":"<t:time>", "level":"<w>", "filename":"<w>", "line":<d>, )"
@@ -23,26 +23,26 @@ constexpr ox_u32 LONGEST_REQUEST = 1 << 16;
   R"("vfs_peer_thread":"0x<d>", "vfs_da_device_id":"<N>", )"
 
 const TextPattern& event_pattern() {
-  static const TextPattern pattern(
+  static const TextPattern PATTERN(
       COMMON CONNECTION
       R"(<[>"vfs_msg_id":"<m:id>", <]><[>"vfs_drive_id":"<N>", "vfs_proc_name":"<N:process>", <]>)"
       R"("vfs_response_time":<d:micros>, <[>"utxid":<d:utxid>, <]>"vfs_event_name":"<w:event>", )"
       R"(<[>"retval":<d>, <]>"vfs_errno":<d:errno><R:text>)");
-  return pattern;
+  return PATTERN;
 }
 
 const TextPattern& client_pattern() {
-  static const TextPattern pattern(
+  static const TextPattern PATTERN(
       COMMON
       R"(<[>"errno":<d>, <]><[>"alert_level":<d>, "alert_reason":"<S>", "alert_ticket":<w>, <]>)"
       R"(<[>)" CONNECTION R"(<]>"message":"<P:text>"})");
-  return pattern;
+  return PATTERN;
 }
 
 /* Lines of the portability layer: the level, with its number where it has one, and the position. */
 const TextPattern& layer_pattern() {
-  static const TextPattern pattern("[<t:time> <d>] <[><l><_><w>:<d> <]><R:text>");
-  return pattern;
+  static const TextPattern PATTERN("[<t:time> <d>] <[><l><_><w>:<d> <]><R:text>");
+  return PATTERN;
 }
 
 bool is_hex_row(std::string_view line) {
@@ -73,7 +73,7 @@ ox_u32 number_at(const ox_u8* bytes) {
   return bytes[0] | ox_u32{bytes[1]} << 8 | ox_u32{bytes[2]} << 16 | ox_u32{bytes[3]} << 24;
 }
 
-/* The begin of a message, as far as it is looked at: operation, length and id. */
+/* The part of a message that this program looks at: operation, length and id. */
 using MessageBegin = std::array<ox_u8, offsetof(tnv_msghdr, hdr_id) + OX_UUID_SIZE>;
 
 bool begins_request(const MessageBegin& bytes) {
@@ -85,8 +85,8 @@ bool begins_request(const MessageBegin& bytes) {
 }  // namespace
 
 const TextPattern& header_pattern() {
-  static const TextPattern pattern("id <m:id>, opcode <d:opcode>, len <d>, errno <d:errno>");
-  return pattern;
+  static const TextPattern PATTERN("id <m:id>, opcode <d:opcode>, len <d>, errno <d:errno>");
+  return PATTERN;
 }
 
 const LogLine& LineParser::parse(std::string_view line) {

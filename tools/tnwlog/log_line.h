@@ -31,10 +31,10 @@ struct LogLine {
   LineKind kind = LineKind::UNREADABLE;
   OperationCode operation = NO_OPERATION;
   Match prefix;          /* the whole line; its value "text" is what `text` shows */
-  std::string_view text; /* behind the prefix; of an event what stands behind its vfs_errno */
+  std::string_view text; /* the text behind the prefix; in an event, the text behind vfs_errno */
   bool is_cut = false;   /* as long as a line can be */
   RequestId id = {};     /* of a dumped request */
-  std::string_view row;  /* of a dumped request: its operation, length and id, as dumped */
+  std::string_view row; /* operation, length and id of a dumped request, as they were dumped */
 };
 
 /* Takes lines apart, in the order in which they were logged. */

@@ -32,19 +32,19 @@ using enum tools::ExitStatus;
 
 struct Options {
   std::vector<std::string> logs;
-  size_t slowest = 0; /* 0: the table */
+  size_t slowest = 0; /* 0: shows the table */
   std::string request;
   std::string redacted;
   bool follow = false;
   bool json = false;
 };
 
-/* Empty, or what is wrong with it. */
+/* Returns what is wrong with the id, or an empty text. */
 std::string check_id(const std::string& id) {
-  static const TextPattern request("<m>");
-  static const TextPattern transaction("<d>");
+  static const TextPattern REQUEST("<m>");
+  static const TextPattern TRANSACTION("<d>");
   Match match;
-  return request.match(id, &match) || transaction.match(id, &match)
+  return REQUEST.match(id, &match) || TRANSACTION.match(id, &match)
              ? ""
              : '"' + id + "\" is neither a request's id nor a transaction's number";
 }

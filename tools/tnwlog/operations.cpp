@@ -21,7 +21,7 @@ namespace {
 #define FILE_OF_REQUEST "id <N>, eid <N>, pfid <N>"
 #define CLIENT_EVENT(args) FSO R"(, "vfs_args":{"fd":<d>, "id":"<N>", "eid":"<N>")" args "}}"
 
-/* `request` and `arguments` as in Operation; both may be empty. */
+/* `request` and `arguments` are those of Operation. Both may be empty. */
 Operation make(std::string_view event, std::string_view request, std::string_view arguments) {
   std::string_view name = event.substr(7); /* behind "TNV_OP_" */
   if (name.starts_with("WIN_")) {
@@ -31,7 +31,7 @@ Operation make(std::string_view event, std::string_view request, std::string_vie
           TextPattern(arguments)};
 }
 
-/* In the order of the operation codes, then those without one. */
+/* The operations in the order of their codes, then the calls that have no code. */
 std::vector<Operation> make_operations() {
   return {
       make("TNV_OP_WIN_CONNECT",
@@ -95,8 +95,8 @@ std::vector<Operation> make_operations() {
 }  // namespace
 
 const std::vector<Operation>& operations() {
-  static const std::vector<Operation> operations = make_operations();
-  return operations;
+  static const std::vector<Operation> OPERATIONS = make_operations();
+  return OPERATIONS;
 }
 
 OperationCode operation_of_event(std::string_view event) {

@@ -17,11 +17,11 @@ namespace tnwlog {
 using OperationCode = unsigned;
 
 struct Operation {
-  std::string_view name;          /* "OPEN" */
-  std::string_view event;         /* "TNV_OP_WIN_OPEN" */
-  std::string_view request_start; /* "Message: open(clfd "; empty: leaves no such line */
+  std::string_view name;  /* "OPEN" */
+  std::string_view event; /* "TNV_OP_WIN_OPEN" */
+  std::string_view request_start; /* "Message: open(clfd "; empty: it has no such line */
   TextPattern request;
-  TextPattern event_arguments; /* all of an event line behind its vfs_errno */
+  TextPattern event_arguments; /* the rest of an event line behind vfs_errno */
 };
 
 const std::vector<Operation>& operations();

@@ -16,7 +16,7 @@ namespace {
 
 const std::string REMOVED = "[removed]";
 
-/* What the library itself puts in a name's or path's place. */
+/* What the library itself writes in the place of a name or a path. */
 constexpr std::array<std::string_view, 6> NO_NAMES = {"", ".", "..", "*", "(null)", "[unknown]"};
 constexpr std::array<std::string_view, 3> SCHEMES = {"file:", "http:", "https:"};
 
@@ -27,12 +27,12 @@ constexpr std::array<std::string_view, 44> EXTENSIONS = {
     "jpeg", "jpg",  "json", "lnk", "log", "md",  "mov", "mp3", "mp4",  "msg",  "pdf",
     "png",  "ppt",  "pptx", "psd", "rtf", "tmp", "txt", "xls", "xlsx", "xml",  "zip"};
 
-/* What GET_VERSION answers, beside words that the library has, too. */
+/* Words in the answer to GET_VERSION that the library does not have. */
 constexpr std::array<std::string_view, 9> SERVICE_WORDS = {"debug",   "ok",           "reference",
                                                            "release", "running",      "stopping",
                                                            "Linux",   "unauthorised", "Windows"};
 
-/* The one text with values that name more than a path and hold a secret. */
+/* This is the only text whose values are names as well as paths, and also hold a secret. */
 constexpr std::string_view SERVICE_COMMAND =
     "Start tarnd with cmd: <P> --cfs <P> --user <N> --cache \"<P>\" --addr <P> --confaddr <P> "
     "--tn-devid <N> --da-devid <N> --access-token <S> --logfile \"<P>\" --vfs<S>";
@@ -51,25 +51,25 @@ std::string lower_case(std::string_view text) {
 }
 
 bool is_known_word(std::string_view word) {
-  static const std::unordered_set<std::string_view> known(LOG_WORDS.begin(), LOG_WORDS.end());
-  return word.empty() || known.contains(word) || has(SERVICE_WORDS, word);
+  static const std::unordered_set<std::string_view> KNOWN(LOG_WORDS.begin(), LOG_WORDS.end());
+  return word.empty() || KNOWN.contains(word) || has(SERVICE_WORDS, word);
 }
 
 const std::vector<TextPattern>& other_texts() {
-  static const std::vector<TextPattern> patterns = [] {
+  static const std::vector<TextPattern> PATTERNS = [] {
     std::vector<TextPattern> all = {header_pattern(), TextPattern(SERVICE_COMMAND)};
     for (const std::string_view text : LOG_TEXTS) {
       all.emplace_back(text);
     }
     return all;
   }();
-  return patterns;
+  return PATTERNS;
 }
 
 bool is_uuid(std::string_view text) {
-  static const TextPattern uuid("<m>");
+  static const TextPattern UUID("<m>");
   Match match;
-  return uuid.match(text, &match);
+  return UUID.match(text, &match);
 }
 
 bool is_drive_letter(std::string_view text) {
@@ -77,7 +77,7 @@ bool is_drive_letter(std::string_view text) {
   return text.size() == 2 && text[1] == ':' && letter >= 'a' && letter <= 'z';
 }
 
-/* The end that was cut off from a client's line, without which it is none. */
+/* Puts back the end of a client's line that was cut off. Without it the line could not be read. */
 std::string whole_line(std::string copy, const LogLine& line) {
   const bool lacks_end = line.is_cut && line.kind != LineKind::EVENT && copy.front() == '{';
   return lacks_end && !copy.ends_with("\"}") ? copy + "\"}" : copy;
@@ -216,7 +216,7 @@ void write_redacted(const std::vector<std::string>& files, const std::string& co
     if (!stream) {
       throw std::runtime_error(copy + ": cannot be written");
     }
-  } catch (...) { /* half a copy could pass for a whole one */
+  } catch (...) { /* nobody must take a part of a copy for a whole one */
     stream.close();
     std::error_code ignored;
     std::filesystem::remove(path, ignored);

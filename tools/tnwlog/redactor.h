@@ -27,7 +27,7 @@ class Pseudonyms {
  public:
   /* "n12", "n12.docx" (of common extensions), "n1@n2", a UUID for a UUID. */
   std::string of_name(std::string_view name);
-  /* Each folder's name for itself. Separators, a drive's letter and a URL's scheme stay. */
+  /* Replaces each folder's name separately. Separators, drive letters and URL schemes stay. */
   std::string of_path(std::string_view path);
   std::string of_owner(std::string_view number);
 
@@ -44,7 +44,8 @@ class Redactor {
 
   uint64_t without_text() const { return without_text_; } /* lines whose text was replaced */
   uint64_t left_out() const { return left_out_; }         /* lines that could not be read */
-  uint64_t dump_rows() const { return dump_rows_; } /* left out, but for the id of a request */
+  /* Rows of dumps that were left out. Only the id of a request is kept of them. */
+  uint64_t dump_rows() const { return dump_rows_; }
 
  private:
   /* A text that fitted a pattern, with `text` in place of the value of that name. */

@@ -27,14 +27,14 @@ using Table = std::map<OperationCode, OperationSummary>;
 
 class Report {
  public:
-  /* Keeps the slowest requests, so many of them, beside the table. */
+  /* Keeps this number of the slowest requests beside the table. */
   explicit Report(size_t slowest = 0) : most_(slowest) {}
 
   void add(const Request& request);
 
-  /* Those operations that the log has, in the order of their codes. */
+  /* The operations that stand in the log, in the order of their codes. */
   Table table(const Trace& trace) const;
-  /* By their microseconds, the slowest first. */
+  /* Sorted by microseconds; the slowest request comes first. */
   const std::multimap<int64_t, Request, std::greater<>>& slowest() const { return slowest_; }
 
  private:

@@ -11,7 +11,7 @@
 namespace tnwlog {
 namespace {
 
-/* By what a line is known to belong to the request. */
+/* The marks of the lines that belong to the request. */
 struct Marks {
   std::set<std::string> texts;
   std::set<uint64_t> lines; /* their numbers, from 1 */

@@ -10,7 +10,7 @@
 namespace tnwlog {
 namespace {
 
-/* More attempts than any line takes but one that was made to take them. */
+/* No ordinary line takes so many attempts. Only a line that somebody made for the purpose does. */
 constexpr uint32_t MOST_ATTEMPTS = 1000000;
 
 const char* regex_of(char kind) {
@@ -68,7 +68,7 @@ struct TextPattern::Regex {
     if (code == nullptr) {
       throw std::logic_error("no pattern at " + regex.substr(at));
     }
-    pcre2_jit_compile(code, PCRE2_JIT_COMPLETE); /* where it cannot, the slower way is taken */
+    pcre2_jit_compile(code, PCRE2_JIT_COMPLETE); /* otherwise the slower way is taken */
     data = pcre2_match_data_create_from_pattern(code, nullptr);
     limits = pcre2_match_context_create(nullptr);
     pcre2_set_match_limit(limits, MOST_ATTEMPTS);
@@ -120,10 +120,10 @@ bool TextPattern::fits(const Regex& regex, std::string_view text, Match* match) 
   const size_t* ends = pcre2_get_ovector_pointer(regex.data);
   match->text = text;
   match->values.clear();
-  for (int i = 1; i < groups; i++) {
+  for (size_t i = 1; static_cast<int>(i) < groups; i++) {
     const size_t start = ends[2 * i];
     if (start != PCRE2_UNSET) {
-      Value value = values_[static_cast<size_t>(i - 1)];
+      Value value = values_[i - 1];
       value.text = text.substr(start, ends[2 * i + 1] - start);
       match->values.push_back(value);
     }

@@ -8,8 +8,7 @@
 
 namespace tnwlog {
 
-/* What a value is: what it looks like in a line, and what becomes of it in a copy that is shared.
- */
+/* The kinds of values: how each looks in a line, and what a shared copy has in its place. */
 enum class Kind : char {
   TIME = 't',     /* 2026-11-21 14:21:52.589 */
   NUMBER = 'd',   /* also negative */
@@ -19,13 +18,13 @@ enum class Kind : char {
   WORD = 'w',     /* of the library or the service, or none; any other word is a name */
   VERSION = 'v',  /* 1.0.0, 2026-11-21, or a commit */
   /* Free text, which may hold anything: quotes, and what looks like other values. */
-  NAME = 'N',       /* of people and machines; an id of a device, drive or file */
+  NAME = 'N',       /* the name of a person or a machine; the id of a device, a drive or a file */
   OWNER = 'o',      /* a person's number */
-  PATH = 'P',       /* reaches to the last place where the rest of the pattern fits */
-  FIRST_PATH = 'p', /* a path that reaches to the first such place */
+  PATH = 'P',       /* a path that reaches to the last place where the rest of the pattern fits */
+  FIRST_PATH = 'p', /* a path that reaches to the first place where the rest of the pattern fits */
   TEXT_VALUE = 'T', /* a word of the library, or a path */
   SECRET = 'S',
-  REST = 'R', /* whatever is left */
+  REST = 'R', /* the rest of the line */
 };
 
 /* A value in a line. */

@@ -5,7 +5,7 @@
 namespace tnwlog {
 namespace {
 
-/* A request line whose dump is not there any more must not be kept for ever. */
+/* The dump of a request may be missing. Its line must not be kept for ever. */
 constexpr size_t MOST_TEXTS = 256;
 constexpr std::string_view UNKNOWN_PATH = "[unknown]";
 constexpr std::string_view NO_FILE = "00000000-0000-0000-0000-000000000000";

@@ -21,8 +21,8 @@ struct Request {
   int64_t time;     /* when it was answered (time_of) */
   int64_t micros;   /* the response time; -1 when the log does not tell */
   uint64_t utxid;   /* 0: none */
-  RequestId id;     /* all zero characters: the client answered */
-  std::string path; /* empty: the log does not tell */
+  RequestId id;     /* only zeros when the client answered by itself */
+  std::string path; /* empty when the log does not tell it */
   uint64_t line;    /* the number of the line that tells that it is sent, from 1; 0: none */
 
   bool has_id() const { return id[0] != '\0'; }
@@ -56,7 +56,7 @@ class Trace {
    * answer has up to two lines. */
   std::vector<Request> take_settled();
 
-  /* By id. Empty unless the log shows that answers are logged. */
+  /* The unanswered requests, by their id. Empty unless the log has answers at all. */
   std::vector<std::pair<RequestId, Unanswered>> unanswered_requests() const;
 
   uint64_t lines() const { return lines_; }
@@ -81,14 +81,14 @@ class Trace {
   bool has_headers_ = false;
   LineParser parser_;
   Match match_;
-  std::vector<std::deque<Unanswered>> texts_{TNV_OP_MAX}; /* whose dump has not come */
+  std::vector<std::deque<Unanswered>> texts_{TNV_OP_MAX}; /* the dump of these has not come yet */
   std::unordered_map<RequestId, Unanswered, IdHash> sent_;
   std::deque<Request> answered_;
   size_t settled_ = 0; /* of these, the first */
   uint64_t taken_ = 0; /* before these */
   /* Those whose event has not come, by their number from the first one ever. */
   std::unordered_map<RequestId, uint64_t, IdHash> from_headers_;
-  std::unordered_map<std::string, std::string> paths_of_files_; /* by the file's id */
+  std::unordered_map<std::string, std::string> paths_of_files_; /* paths by the id of the file */
 };
 
 }  // namespace tnwlog

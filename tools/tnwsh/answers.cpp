@@ -5,7 +5,7 @@
 namespace tnwsh {
 namespace {
 
-/* What codes always mean, where the library or the service gives them a meaning of its own. */
+/* The meaning of the codes to which the library or the service gives a meaning of its own. */
 constexpr Answer MEANINGS[] = {
     {TNW_ERROR_NO_SERVICE,
      "the connection to the cache service is broken, or the service has ended"},

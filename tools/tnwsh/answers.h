@@ -12,7 +12,7 @@
 
 namespace tnwsh {
 
-/* What a code means as the answer of one operation; without a text, what it always means. */
+/* What a code means as the answer of an operation. A null text stands for the general meaning. */
 struct Answer {
   uint32_t code;
   const char* meaning;
@@ -23,10 +23,10 @@ std::string meaning_of(uint32_t code, Answers answers);
 Failure drive_failure(const std::string& path, const std::string& what, int code,
                       Answers answers = {});
 
-/* Of every operation on the drive; an operation's own meaning of a code goes before. */
+/* The answers of every operation on the drive. An operation's own meaning goes before these. */
 inline constexpr Answer DRIVE_ANSWERS[] = {{ERROR_LOGON_FAILURE, nullptr},
                                            {TNW_ERROR_NO_SERVICE, nullptr}};
-/* Of every operation on a path. */
+/* The answers of every operation on a path. */
 inline constexpr Answer PATH_ANSWERS[] = {
     {ERROR_FILE_NOT_FOUND, "there is no such file or folder"},
     {ERROR_ACCESS_DENIED, "the path leads out of the drive's folder, or the cloud denies access"},

@@ -24,7 +24,7 @@ using Action = std::function<void(Shell&)>;
 /* Adds every command to `app`; parsing a command sets `*action`. */
 void declare_commands(CLI::App* app, Action* action);
 
-/* Those of one group. */
+/* Each adds the commands of one group. */
 void declare_listings(CLI::App* app, Action* action);
 void declare_transfers(CLI::App* app, Action* action);
 void declare_name_commands(CLI::App* app, Action* action);

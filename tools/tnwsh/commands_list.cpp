@@ -76,13 +76,13 @@ class TreePrinter {
   const Totals& sum() const { return totals_; }
 
  private:
-  /* A link to a folder that leads to it. */
+  /* A link to a folder that is being printed already. */
   bool leads_back(const Entry& entry) const {
     return std::find(above_.begin(), above_.end(), entry.id) != above_.end();
   }
 
   Drive& drive_;
-  const int depth_;                /* 0: all */
+  const int depth_;                /* 0: all levels */
   std::vector<std::string> above_; /* the ids of the folders that are being printed */
   Totals totals_;
 };

@@ -29,7 +29,7 @@ struct RangeArguments {
   uint64_t length = 0;
 };
 
-/* The library would cut them and lock another range. */
+/* The library would cut larger numbers and lock another range. */
 FileRange checked(const RangeArguments& arguments) {
   if (arguments.offset > UINT32_MAX || arguments.length > UINT32_MAX) {
     throw UsageError(fmt::format("Offset and length of a lock must be below 4 GiB: {} {}",
@@ -41,7 +41,8 @@ FileRange checked(const RangeArguments& arguments) {
 struct LockArguments {
   RangeArguments range;
   bool shared = false;
-  double seconds = 0; /* 0: at the prompt until it is lifted, else until Ctrl-C */
+  /* With 0 the lock stays until an unlock at the prompt, or until Ctrl-C on the command line. */
+  double seconds = 0;
 };
 
 void wait_or_interrupt(double seconds) {
@@ -65,7 +66,7 @@ void list_locks(const Shell& shell) {
   }
 }
 
-/* Waits while the lock is held, since it goes with the program; or at the prompt with --for. */
+/* Waits as long as the lock is to be held. A lock ends with the program. */
 void hold_lock(HeldLock& lock, double seconds) {
   print_lock(lock, seconds > 0 ? fmt::format(": for {:g} s or until Ctrl-C", seconds)
                                : ": until Ctrl-C; the lock goes with this program");

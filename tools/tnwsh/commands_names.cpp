@@ -53,7 +53,7 @@ struct MvArguments {
   std::string target;
 };
 
-/* A folder takes the item; but the item itself in another spelling is a rename of its own. */
+/* A target folder takes the item, unless it is the item itself in another spelling. */
 void run_mv(Shell& shell, const MvArguments& mv) {
   Drive& drive = shell.drive();
   const std::optional<Entry> there = drive.find(mv.target);

@@ -13,8 +13,8 @@ namespace {
 
 struct Arguments {
   std::string path;
-  std::vector<uint64_t> read;    /* none, or offset and length */
-  std::vector<uint64_t> rewrite; /* the same */
+  std::vector<uint64_t> read;    /* empty, or the offset and the length */
+  std::vector<uint64_t> rewrite; /* empty, or the offset and the length */
   bool json = false;
 };
 
@@ -57,7 +57,7 @@ void print_map(const char* name, const std::vector<RegionRun>& runs, uint64_t re
 }
 
 void print_text(const std::string& path, const RegionMaps& maps) {
-  constexpr int NUMBERS_WIDTH = 34; /* beside the strip */
+  constexpr int NUMBERS_WIDTH = 34; /* the columns beside the strip */
   const std::string size = grouped_digits(maps.file_size) + " bytes";
   if (!maps.there) {
     fmt::print("{}: {}, without region maps: all of it counts as cached and dirty\n", path, size);
@@ -84,7 +84,7 @@ RemoteFile* held_file(Shell& shell, const std::string& path) {
   return nullptr;
 }
 
-/* The open of a lock shows its own maps; a write wants an open of its own. */
+/* The handle of a lock shows its own maps. A write needs a handle that may write. */
 void run_regions(Shell& shell, const Arguments& arguments) {
   const bool write = !arguments.rewrite.empty();
   Drive& drive = shell.drive();

@@ -6,7 +6,7 @@
 namespace tnwsh {
 namespace {
 
-/* A secret need not stand on a command line, which is kept and seen by others. */
+/* "-" asks for the secret, because a command line is stored and other users can see it. */
 std::string secret(const std::string& argument) {
   std::string secret = argument;
   if (argument == "-" && !read_secret(&secret)) {
@@ -15,7 +15,7 @@ std::string secret(const std::string& argument) {
   return secret;
 }
 
-/* The parser would show the words that it does not expect, and they may be of a secret. */
+/* The parser would print the words that it does not expect. They may belong to a secret. */
 void refuse_extras(CLI::App* command, const char* usage) {
   command->allow_extras();
   command->parse_complete_callback([=] {
@@ -27,7 +27,7 @@ void refuse_extras(CLI::App* command, const char* usage) {
 
 constexpr char SECRET_HELP[] = "; \"-\" reads it from the next line of standard input";
 
-/* The start record is asked first: what it does not take would be lost with the service. */
+/* Checks the value with the start record first: the next start of the service needs it, too. */
 void run_token(Shell& shell, const std::string& token) {
   Options next = shell.options();
   next.token = secret(token);

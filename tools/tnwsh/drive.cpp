@@ -16,7 +16,7 @@ Entry entry_of(const tnw_fileinfo& info) {
           .id = field_text(info.fi_id)};
 }
 
-/* As Windows compares names: without regard to case. */
+/* Compares names as Windows does, without regard to case. */
 int compare_names(const std::string& a, const std::string& b) {
   const std::wstring wide_a = wide_from_utf8(a);
   const std::wstring wide_b = wide_from_utf8(b);
@@ -35,7 +35,7 @@ bool name_less(const Entry& a, const Entry& b) {
  * its pid file locked until then. False when it still runs after 15 seconds.
  */
 bool wait_for_service_end(const std::string& cache_folder) {
-  constexpr int TRIES = 750; /* of 20 ms */
+  constexpr int TRIES = 750; /* each takes 20 ms */
   constexpr DWORD PAUSE = 20;
   const std::wstring path = wide_from_utf8(cache_folder + "\\tarnd_pid");
   for (int tried = 0; tried < TRIES; tried++) {
@@ -117,7 +117,7 @@ Drive::Drive(const Options& options) : cache_folder_(cache_folder(options)) {
   }
 }
 
-/* Without the pause of tnw_deinit, which waits for requests under way: here is none. */
+/* tnw_deinit would pause for requests that are under way. Here there are none. */
 Drive::~Drive() {
   tnw_deinit_force(handle_);
   wait_for_service_end(cache_folder_);
@@ -146,7 +146,7 @@ std::vector<Entry> Drive::list(const std::string& path) {
   return entries;
 }
 
-/* An answer that never came reads as success, and leaves the record empty. */
+/* When the answer never came, the call reports success and leaves the record empty. */
 int Drive::try_info(const std::string& path, tnw_fileinfo* info) {
   const int err = tnw_getfileinfo(handle_, path.c_str(), info, PROCESS_NAME);
   return err == 0 && info->fi_id[0] == '\0' ? TNW_ERROR_NO_SERVICE : err;

@@ -16,14 +16,15 @@
 
 namespace tnwsh {
 
-inline constexpr char PROCESS_NAME[] = "tnwsh"; /* as the service knows us */
+/* The name under which the service knows this program. */
+inline constexpr char PROCESS_NAME[] = "tnwsh";
 
 struct Entry {
   std::string name;
   bool folder = false;
   uint64_t size = 0;
   uint64_t modified = 0; /* a Windows file time */
-  std::string id;        /* of the item itself, however a path leads to it */
+  std::string id;        /* the id of the item, which does not depend on the path */
 };
 
 /* The last name of a path, of this machine or of the drive, whose root has an empty name. */
@@ -40,19 +41,19 @@ class Drive {
   Drive(const Drive&) = delete;
   Drive& operator=(const Drive&) = delete;
 
-  /* Sorted by name. */
+  /* The entries of a folder, sorted by name. */
   std::vector<Entry> list(const std::string& path);
   tnw_fileinfo info(const std::string& path);
   /* What a path names, if anything; a name in another case is found, too. */
   std::optional<Entry> find(const std::string& path);
-  /* The same, or a Failure with Windows' "file not found". */
+  /* What a path names. Throws a Failure with the code 2 when there is nothing. */
   Entry get(const std::string& path);
 
   void rename(const std::string& from, const std::string& to);
   void remove(const std::string& path);
   bool can_delete(const std::string& path);
   void make_folder(const std::string& path);
-  /* Makes it unless it is there. */
+  /* Makes the folder unless it is there. */
   void ensure_folder(const std::string& path);
 
   void update_token(std::string token);
@@ -77,7 +78,7 @@ class Drive {
   void check_answer(const std::string& path, const char* what, int err, Answers answers);
 
   const std::string cache_folder_;
-  LocalFile lock_; /* the work folder is ours */
+  LocalFile lock_; /* the lock that makes the work folder ours */
   void* handle_ = nullptr;
   std::map<std::string, Slot> slots_; /* by path_key */
 };

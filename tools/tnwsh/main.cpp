@@ -50,7 +50,7 @@ void declare_options(CLI::App* app, Options* options) {
       ->option_text("WHEN=auto");
 }
 
-/* The parser would show all words that it does not know: the value of a mistyped --token, too. */
+/* The parser would print the words that it does not know. One may follow a mistyped --token. */
 void refuse_extras(const CLI::App& app) {
   const std::vector<std::string> extras = app.remaining();
   if (!extras.empty()) {

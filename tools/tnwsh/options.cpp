@@ -18,7 +18,7 @@ constexpr char DRIVE_ID[] = "c0b7a1d4-52f3-4a66-8a43-0f6f0e9d7c21";
 constexpr size_t MAX_SOCKET_PATH = 107;
 constexpr char SOCKET_NAME[] = "\\tnvfs.sock";
 
-/* What does not fit is not shown: it may be a token or a password. */
+/* The value is not shown, since it may be a token or a password. */
 template <size_t N>
 void fill_field(char (&field)[N], const std::string& text, const char* name) {
   if (text.size() >= N) {
@@ -97,7 +97,7 @@ std::string file_address(const std::string& folder) {
 tnw_tninit start_record(const Options& options) {
   tnw_tninit init = {};
   check_domain(options.domain);
-  init.tnw_flags = TNW_INIT_NO_RETRY; /* a second try would fail as the first one */
+  init.tnw_flags = TNW_INIT_NO_RETRY; /* a second attempt would fail like the first one */
   init.tnw_min_threads = 1;
   init.tnw_max_threads = options.threads;
   fill_word(init.tnw_username, options.user, "The user");

@@ -76,7 +76,8 @@ void Progress::draw(uint64_t done) {
   std::string line =
       fmt::format("{}  [{:#<{}}{:-<{}}]{}", label_, "", full, "", cells_ - full, numbers);
   const size_t width = static_cast<size_t>(width_of(line));
-  line.append(drawn_width_ > width ? drawn_width_ - width : 0, ' '); /* over a longer one */
+  /* Blanks cover the rest of a longer line. */
+  line.append(drawn_width_ > width ? drawn_width_ - width : 0, ' ');
   drawn_width_ = width;
   fmt::print(stderr, "\r{}", line);
 }

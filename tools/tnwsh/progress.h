@@ -10,7 +10,7 @@ namespace tnwsh {
 
 enum class ProgressMode {
   AUTO,   /* on a terminal, once a transfer has taken a second */
-  ALWAYS, /* from the start, also into a file or pipe */
+  ALWAYS, /* from the start, also when the output is a file or a pipe */
   NEVER,
 };
 

@@ -112,10 +112,10 @@ class Prompt {
     });
     CLI::App* exit = app->add_subcommand("exit", "Ends the prompt (also: quit)");
     exit->group("Commands")->alias("quit")->callback([this] { done_ = true; });
-    app->set_help_flag(); /* which is "help" here */
+    app->set_help_flag(); /* the command "help" does this here */
   }
 
-  /* With a parser of its own: one that has parsed shows the help of what it has parsed. */
+  /* Uses a new parser, because a used one shows the help of what it has parsed. */
   void declare_help(CLI::App* app, Action* action) {
     auto topic = std::make_shared<std::string>();
     CLI::App* help = app->add_subcommand("help", "Shows the commands, or one of them");

@@ -18,11 +18,12 @@ using RegionRun = std::pair<uint64_t, uint64_t>;
 
 /* The maps at the time of the construction, as runs of set bits. */
 struct RegionMaps {
-  /* Of a handle of tnw_create. */
+  /* `open_file` is a handle of tnw_create. */
   explicit RegionMaps(void* open_file);
 
   uint64_t file_size = 0; /* of the local cache file */
-  bool there = false; /* without maps all counts as cached and dirty, and what follows is empty */
+  /* Without maps all of the file counts as cached and dirty, and the members below are empty. */
+  bool there = false;
   uint64_t region_size = 0;
   uint64_t regions = 0;
   std::vector<RegionRun> cached;

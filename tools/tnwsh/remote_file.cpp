@@ -18,7 +18,7 @@ struct OpenMode {
   Answers answers;
 };
 
-/* By RemoteFile::Mode. */
+/* Indexed by RemoteFile::Mode. */
 constexpr OpenMode MODES[] = {
     {TNW_ACC_READ, SHARE_READ, TNW_DISP_OPEN, "cannot open", PATH_ANSWERS},
     {TNW_ACC_READ, SHARE_BOTH, TNW_DISP_OPEN, "cannot open", PATH_ANSWERS},
@@ -77,7 +77,7 @@ size_t RemoteFile::read(uint64_t offset, void* buffer, size_t size) {
   if (err == ERROR_HANDLE_EOF) {
     return 0;
   }
-  if (err == 0 && count == 0) { /* the service could not fetch the region, and says no more */
+  if (err == 0 && count == 0) { /* the service could not fetch the region; it gives no reason */
     err = ERROR_READ_FAULT;
   }
   if (err != 0) {
@@ -95,7 +95,7 @@ void RemoteFile::write(uint64_t offset, const void* data, size_t size) {
   }
 }
 
-/* In halves, as the call takes it. */
+/* The call takes the size in two halves. */
 void RemoteFile::set_size(uint64_t size) {
   const int err =
       tnw_setfilesize(handle_, static_cast<ox_u32>(size), static_cast<ox_u32>(size >> 32), nullptr);

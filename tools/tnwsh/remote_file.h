@@ -10,7 +10,7 @@
 
 namespace tnwsh {
 
-/* Locks take 32 bits of each. */
+/* A lock uses only the low 32 bits of each number. */
 struct FileRange {
   uint32_t offset = 0;
   uint32_t length = 0;
@@ -29,16 +29,16 @@ class RemoteFile {
   };
 
   RemoteFile(Drive& drive, const std::string& path, Mode mode);
-  ~RemoteFile(); /* closes without a word; written data wants Close */
+  ~RemoteFile(); /* closes the file and reports no failure: after a write, call close */
   RemoteFile(const RemoteFile&) = delete;
   RemoteFile& operator=(const RemoteFile&) = delete;
 
-  size_t read(uint64_t offset, void* buffer, size_t size); /* 0 at the end */
+  size_t read(uint64_t offset, void* buffer, size_t size); /* returns 0 at the end of the file */
   void write(uint64_t offset, const void* data, size_t size);
   void set_size(uint64_t size);
   void lock(const FileRange& range, bool exclusive);
   void unlock(const FileRange& range);
-  /* Written data reaches the cloud here. */
+  /* Closes the file. The service sends written data to the cloud from now on. */
   void close();
 
   void* handle() const { return handle_; }

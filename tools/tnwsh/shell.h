@@ -33,10 +33,10 @@ class Shell {
   void stop_drive();
 
   const Options& options() const { return options_; }
-  /* For the next start of the drive. */
+  /* Changes the options for the next start of the drive. */
   void change(Options options) { options_ = std::move(options); }
 
-  /* At the prompt a lock may stay; on the command line it would end with the command. */
+  /* Whether a lock may stay. On the command line it would end with the command. */
   bool at_prompt() const { return at_prompt_; }
   void enter_prompt() { at_prompt_ = true; }
   std::vector<HeldLock>& locks() { return locks_; }
@@ -52,7 +52,7 @@ class Shell {
   Options options_;
   bool at_prompt_ = false;
   std::unique_ptr<Drive> drive_;
-  std::vector<HeldLock> locks_; /* go before the drive */
+  std::vector<HeldLock> locks_; /* these are destroyed before the drive */
 };
 
 }  // namespace tnwsh

@@ -83,7 +83,7 @@ void print_transfer(const std::string& from, const std::string& to, const std::s
              bytes_text(static_cast<double>(sum.bytes) / std::max(sum.seconds, 0.001)));
 }
 
-/* The connection may break without a word from close: the status tells what arrived. */
+/* A close reports nothing when the connection is broken, so the status tells what arrived. */
 void check_arrival(Drive& drive, const std::string& path, uint64_t size) {
   const Entry entry = drive.get(path);
   if (entry.size != size) {

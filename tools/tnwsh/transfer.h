@@ -24,17 +24,17 @@ using Taker = std::function<void(const char* data, size_t count, uint64_t done)>
 
 /*
  * Hands a whole file of the drive to `take` in chunks. A file whose size is not what was said of it
- * was changed meanwhile, and what was read of it may be of two ages: that throws, too.
+ * was changed meanwhile, and parts of it may be old and others new: the call throws then, too.
  */
 void read_all(Drive& drive, const std::string& path, uint64_t size, const Taker& take);
 
-/* The local file is replaced when the new one is complete. */
+/* Replaces the local file as soon as the new content is complete. */
 Transferred get_file(Drive& drive, const std::string& remote, uint64_t size,
                      const std::string& local, ProgressMode mode);
 Transferred put_file(Drive& drive, const std::string& local, const std::string& remote,
                      ProgressMode mode);
 
-/* What was copied, for the end. */
+/* What was copied, for the last line. */
 void print_transfer(const std::string& from, const std::string& to, const std::string& what,
                     const Transferred& sum);
 

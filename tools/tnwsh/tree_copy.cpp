@@ -19,7 +19,7 @@ std::string join_below(const std::string& below, const std::string& name) {
   return below.empty() ? name : below + '/' + name;
 }
 
-/* After these nothing else succeeds. */
+/* After one of these codes, no other item can succeed. */
 bool ends_the_work(uint32_t code) {
   return code == ERROR_CANCELLED || code == TNW_ERROR_NO_SERVICE || code == ERROR_LOGON_FAILURE;
 }
@@ -97,7 +97,7 @@ void TreeCopy::add(Item item, const Step& collect) {
 void TreeCopy::copy_all(const std::string& from, const std::string& to,
                         const std::function<void(const Item& item)>& copy) {
   const auto start = std::chrono::steady_clock::now();
-  std::string failed_folder; /* with its slash */
+  std::string failed_folder; /* with the slash at its end */
   try {
     for (const Item& item : items_) {
       if (!failed_folder.empty() && item.path.starts_with(failed_folder)) {

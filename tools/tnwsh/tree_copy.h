@@ -52,7 +52,7 @@ class TreeCopy {
   const ProgressMode mode_;
   std::vector<Item> items_; /* a folder before what is below it */
   std::vector<std::string> failures_;
-  uint64_t left_out_ = 0; /* below folders that failed */
+  uint64_t left_out_ = 0; /* items below folders that failed */
   uint64_t files_ = 0;
   uint64_t folders_ = 0;
   uint64_t bytes_ = 0;

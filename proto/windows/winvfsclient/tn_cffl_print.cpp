@@ -11,8 +11,8 @@
 
 namespace {
 
-using ll = long long;
-using ull = unsigned long long;
+using Signed = long long;
+using Unsigned = unsigned long long;
 
 /* A time in the local zone, or "-" for a time that the machine's calendar does not have. */
 struct TimeText {
@@ -33,8 +33,8 @@ struct TimeText {
 };
 
 void print_time(const char* what, ox_s64 seconds, ox_s64 nanoseconds) {
-  printf("%s: %lld.%lld (%s)\n", what, static_cast<ll>(seconds), static_cast<ll>(nanoseconds),
-         TimeText(seconds).text);
+  printf("%s: %lld.%lld (%s)\n", what, static_cast<Signed>(seconds),
+         static_cast<Signed>(nanoseconds), TimeText(seconds).text);
 }
 
 void print_time(const char* what, const ox_timespec_t& time) {
@@ -52,9 +52,9 @@ void print_header(const cfs_cffl* cffl) {
   printf(
       "Version:%lld Header-Block-Size:%u Size:%llu Dirs:%d Files:%d Cfp-Offset: %llu "
       "Fht-Offset %llu\n",
-      static_cast<ll>(head.cf_version), head.cf_hbsize, static_cast<ull>(head.cf_size),
+      static_cast<Signed>(head.cf_version), head.cf_hbsize, static_cast<Unsigned>(head.cf_size),
       static_cast<int>(head.cf_dcount), static_cast<int>(head.cf_fcount),
-      static_cast<ull>(head.cf_cfpoff), static_cast<ull>(head.cf_ihtoff));
+      static_cast<Unsigned>(head.cf_cfpoff), static_cast<Unsigned>(head.cf_ihtoff));
   printf("Name:%.*s Fid: %-37.37s\tRev: %-37.37s\n", static_cast<int>(sizeof(cffl->cfh_name)),
          cffl->cfh_name, tn_id_text(head.cf_fid).text, tn_id_text(head.cf_rev).text);
   printf("Etag: %-64.64s \n", head.cf_etag);
@@ -74,14 +74,14 @@ void print_checksum(const cfs_path* cfp, FILE* stream) {
   const cfs_cksum ck = cfp->mp_checksum;
   char digits[129];
   fprintf(stream, "Checksum:%u-%u-%llu-%s\n", ck.ck_version, ck.ck_nchunks,
-          static_cast<ull>(ck.ck_csize), tn_sha512_tostr(ck.ck_sha512, digits));
+          static_cast<Unsigned>(ck.ck_csize), tn_sha512_tostr(ck.ck_sha512, digits));
 }
 
 void print_entry(const cfs_cffl* cffl, const cfs_path* cfp) {
   printf("%-36.36s %-36.36s ", tn_id_text(cfp->mp_id).text, tn_id_text(cfp->mp_rev).text);
   printf("%-4.4s %8llu %4.4d %8.8d %16.16s %lld  %-.*s\n", type_word(cfp),
-         static_cast<ull>(cfp->mp_size), static_cast<int>(cfp->mp_nrev), cfp->mp_perms,
-         cfp->mp_username, static_cast<ll>(cfp->mp_cmtime.tv_sec),
+         static_cast<Unsigned>(cfp->mp_size), static_cast<int>(cfp->mp_nrev), cfp->mp_perms,
+         cfp->mp_username, static_cast<Signed>(cfp->mp_cmtime.tv_sec),
          static_cast<int>(tn_cfp_name_len(cffl, cfp)), cfs_path_name(cfp));
   print_checksum(cfp, stdout);
 }
@@ -142,9 +142,9 @@ void tn_print_cffl_ffinfo(const cfs_cffl* cffl, FILE* stream) {
   for (const cfs_path* cfp = tn_get_first_cfp(cffl); cfp != nullptr;
        cfp = tn_get_next_cfp(cffl, cfp)) {
     fprintf(stream, "%-5.5s %8llu %4.4d %16.16s %lld %-.*s\n", type_word(cfp),
-            static_cast<ull>(cfp->mp_size), static_cast<int>(cfp->mp_nrev), cfp->mp_username,
-            static_cast<ll>(cfp->mp_cmtime.tv_sec), static_cast<int>(tn_cfp_name_len(cffl, cfp)),
-            cfs_path_name(cfp));
+            static_cast<Unsigned>(cfp->mp_size), static_cast<int>(cfp->mp_nrev), cfp->mp_username,
+            static_cast<Signed>(cfp->mp_cmtime.tv_sec),
+            static_cast<int>(tn_cfp_name_len(cffl, cfp)), cfs_path_name(cfp));
     fprintf(stream, "Cfp Version: 0x%x Cfp perms = 0x%x\n", cfp->mp_ver, cfp->mp_perms);
     print_checksum(cfp, stream);
   }

@@ -30,7 +30,7 @@ struct Translation {
 };
 
 /* This is not the inverse of the table below: 5 comes in as EACCES, and EACCES goes out as 32. */
-constexpr Translation unix_to_windows[] = {
+constexpr Translation UNIX_TO_WINDOWS[] = {
     {0, WIN_SUCCESS},
     {OX_EPERM, WIN_ACCESS_DENIED},
     {OX_ENOENT, WIN_FILE_NOT_FOUND},
@@ -47,7 +47,7 @@ constexpr Translation unix_to_windows[] = {
     {OX_EOWNERDEAD, TNW_ERROR_NO_SERVICE},
 };
 
-constexpr Translation windows_to_unix[] = {
+constexpr Translation WINDOWS_TO_UNIX[] = {
     {WIN_SUCCESS, 0},
     {WIN_FILE_NOT_FOUND, OX_ENOENT},
     {WIN_ACCESS_DENIED, OX_EACCES},
@@ -61,7 +61,7 @@ constexpr Translation windows_to_unix[] = {
 }  // namespace
 
 ox_u32 unixerr2winerr(ox_u32 err) {
-  for (const Translation& t : unix_to_windows) {
+  for (const Translation& t : UNIX_TO_WINDOWS) {
     if (t.from == err) {
       return t.to;
     }
@@ -71,7 +71,7 @@ ox_u32 unixerr2winerr(ox_u32 err) {
 }
 
 ox_u32 winerr2unixerr(ox_u32 code) {
-  for (const Translation& t : windows_to_unix) {
+  for (const Translation& t : WINDOWS_TO_UNIX) {
     if (t.from == code) {
       return t.to;
     }

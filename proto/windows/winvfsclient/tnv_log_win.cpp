@@ -51,9 +51,9 @@ tn_text proxy_user(const tnv_msg* msg) {
 
 /* The file name of a request that carries none. */
 tn_text target_path(const vfs_handle* vh) {
-  constexpr size_t longest = 5000;
+  constexpr size_t LONGEST = 5000;
   const char* path = vh->vfs_target_path != nullptr ? vh->vfs_target_path : "[unknown]";
-  return {static_cast<int>(strnlen(path, longest)), path};
+  return {static_cast<int>(strnlen(path, LONGEST)), path};
 }
 
 /* CLOSE or CLEANUP: only the names of the fields differ in their records. */

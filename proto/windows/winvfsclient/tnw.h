@@ -159,9 +159,11 @@ OX_STATIC_ASSERT(sizeof(tnw_fileinfo) == 1168, "wire layout");
 
 /*
  * Starts the cache service of the domain and user, or joins the one that runs already, and returns
- * a drive handle, or null. The same drive id gets the same handle again. err   may be null;
- * receives 0, or 31 ERROR_GEN_FAILURE when the start-up gave up. 31 asks the drive application to
- * work in its classic way, without the service. A null record gives null and 31, too.
+ * a drive handle, or null. The same drive id gets the same handle again.
+ *
+ *   err   may be null. Receives 0, or 31 ERROR_GEN_FAILURE when the start-up gave up or the record
+ *         is null. The code 31 asks the drive application to work in its classic way, without the
+ *         service.
  *
  * The call may take long. It tries to start the service twice, with a pause of 5 s, and waits up to
  * 60 s each time until the service is ready. Where an old service of the same user still runs, it
@@ -171,21 +173,36 @@ OX_STATIC_ASSERT(sizeof(tnw_fileinfo) == 1168, "wire layout");
 void* tnw_init(tnw_tninit* tninit, int* err);
 
 /*
- * Gives a drive handle back. What is still open on the drive is closed here: its handles
- * must not be used any more, and the contexts of its files are freed, so their slots must be
- * cleared. A call on such a handle gives 1467, until the other drives of the service have so many
- * files open that its place in the table is needed for another one. The service is not told: close
- * files before, or it keeps them open until it stops. The last handle of a service also stops the
- * service, after 1 s. The call does not wait for the end of the service's process. `force` has no
- * effect.
+ * Gives a drive handle back, which must not be used afterwards. The last handle of a service also
+ * stops the service.
  *
- * 0; 87 ERROR_INVALID_PARAMETER for a null or unknown handle; or the result of the shut-down
- * request as it is: the service's error number, or -1 when the connection is broken.
+ * Open files: close them first. The library closes what is still open on the drive, but it does not
+ * tell the service, which keeps these files open until it stops. The handles of these files must
+ * not be used any more. A call on one returns 1467, until the other drives of the service have so
+ * many files open that they need its place in the table. The contexts of the files are freed, so
+ * make their slots null.
+ *
+ * Time: a handle that is not the last one is given back at once. With the last one the call first
+ * sleeps for 1 s, so that requests which are under way can end. Then it asks the service to shut
+ * down and waits for the answer, without a time-out. It does not wait until the process of the
+ * service has ended: the service may write changes back for some time after the call. The call
+ * waits while another thread is in tnw_init, tnw_deinit, tnw_deinit_force or tnw_purge_cache. A
+ * handle that is null or unknown is refused without waiting.
+ *
+ * Threads: no other call may run on the drive or on its files. Calls on other drives may run.
+ *
+ * Returns 0, 87 ERROR_INVALID_PARAMETER (null or unknown handle), or the failure of the shut-down
+ * request: the service's error number, which is not translated, or -1 when the connection is
+ * broken. The handle is gone after such a failure, too. `force` has no effect.
  */
 int tnw_deinit(void* drvhdl, bool force);
 /*
- * The same for all drive handles of the service, without the pause. Calls that come meanwhile are
- * refused. 0, or 87 ERROR_INVALID_PARAMETER for a null or unknown handle.
+ * Gives back all drive handles of the service that `drvhdl` belongs to, and stops the service. It
+ * differs from tnw_deinit in three ways: it does not sleep before the shut-down, it does not return
+ * the failure of the shut-down request, and calls that begin meanwhile on one of the drives are
+ * refused with 1467 or 87. Calls that have begun before must have returned.
+ *
+ * Returns 0, or 87 ERROR_INVALID_PARAMETER (null or unknown handle).
  */
 int tnw_deinit_force(void* drvhdl);
 
@@ -377,7 +394,10 @@ int tnw_updatetoken(void* drvhdl, char* enctoken);
 int tnw_set_http_proxy(void* drvhdl, const char* http_proxy, const char* username,
                        const char* password);
 
-/* Names the cache directory to be purged: po_workdir\po_domain\po_username. */
+/*
+ * Names the cache directory that tnw_purge_cache deletes: po_workdir\po_domain\po_username. The
+ * names may be all that tnw_init takes, also "CORP\ada" or a name with a dot at its end.
+ */
 typedef struct tnw_purge_opt_t {
   ox_s32 po_flags; /* not used */
   char po_workdir[5000];
@@ -387,21 +407,29 @@ typedef struct tnw_purge_opt_t {
 OX_STATIC_ASSERT(sizeof(tnw_purge_opt_t) == 5120, "layout of the API");
 
 /*
- * Deletes a user's cache directory, with the changes in it that were not yet written back. No drive
- * is needed, and no start or stop of a service of this process runs meanwhile. The directory is
- * moved into the temporary folder first; where that is not possible, it is deleted in place.
+ * Deletes a user's cache directory for good, with the changes in it that were not yet written back.
+ * The call needs no drive. It moves the directory into the temporary folder and deletes it there.
+ * Where the move is not possible, it deletes the directory in place.
  *
- * The names may be all that tnw_init takes, also "CORP\ada" or a name with a dot at its end.
+ * THE CALL DOES NOT SEE TWO KINDS OF SERVICES, which then lose their changes: a service that
+ * ANOTHER PROCESS runs for the user, and a service of this process that still writes back after
+ * tnw_deinit. Make sure that there is neither.
  *
- * 0: it is gone. 13 ERROR_INVALID_DATA: a null record, an empty field, or a name that does not lead
- * down from the work directory ("..", "a\..\..") or has a colon. 170 ERROR_BUSY: a service of this
- * process uses the directory, a part of it or a folder that holds it, or serves the domain and user
- * in whatever case they are written; nothing was touched. 38: the path is too long. Otherwise the
- * failure of the move or of the removal, as a code. The failure of the move is returned even when
- * the directory was then deleted in place, so look before you try again.
+ * The record stays the caller's; it is not changed. Any thread may call, also while files of other
+ * users' drives are in use. The call may take long, as it deletes every file on the calling thread.
+ * No service is started or stopped meanwhile: tnw_init, tnw_deinit and tnw_deinit_force wait until
+ * it returns, and it waits for them.
  *
- * Two services are not seen, and lose their changes: one that ANOTHER PROCESS runs for the user,
- * and one of this process that still writes back after tnw_deinit. Make sure that neither is there.
+ * Returns a Windows code:
+ *     0: the directory is gone
+ *     2 ERROR_FILE_NOT_FOUND: there is no such directory
+ *     13 ERROR_INVALID_DATA: the record is null, a field is empty, or a name has a colon or does
+ *     not lead down from the work directory ("..", "a\..\..")
+ *     170 ERROR_BUSY: a service of this process uses the directory, a part of it or a folder that
+ *     holds it, or serves the domain and user in any case of the letters. Nothing was touched.
+ *     38: the path is too long
+ *     other codes: the move or the removal failed. The code of the move is returned even when the
+ *     directory was then deleted in place, so look whether it is there before you try again.
  */
 int tnw_purge_cache(tnw_purge_opt_t* po);
 

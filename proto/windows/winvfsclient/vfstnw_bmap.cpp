@@ -27,6 +27,7 @@ struct Inside {
 
 /* Both maps have fdt_rmap_size bytes. The caller holds one of their locks. */
 Inside inside_map(const tnvfd* fde, ox_off off, ox_u64 sz) {
+  OX_ASSERT_EITHER_HELD(&fde->fdt_rmap_lock, &fde->fdt_dmap_lock);
   const ox_u64 regions = fde->fdt_rmap_size * 8;
   if (sz == 0 || off < 0 || (static_cast<ox_u64>(off) >> fde->fdt_rshift) >= regions) {
     return {0, false};
@@ -130,8 +131,8 @@ void file_became_empty(tnvfd* fde) {
 }
 
 bool carries_file_size(const tnv_resp& resp) {
-  constexpr size_t end = offsetof(tnv_cache_region_resp, cr_fsz) + sizeof(ox_u64);
-  return resp.rhdr.rhdr_len >= end;
+  constexpr size_t END = offsetof(tnv_cache_region_resp, cr_fsz) + sizeof(ox_u64);
+  return resp.rhdr.rhdr_len >= END;
 }
 
 /* Does what the answer to a cache request says, and gives the result of the request. */

@@ -12,7 +12,7 @@
 #include "tnw_instance.h"
 #include "tnw_log.h"
 
-/* What a call works on once its handle was found. Of the calling thread alone. */
+/* What a call works on once its handle was found. Only the calling thread uses it. */
 struct tnw_call {
   tnw_tninstance* tni;
   vfs_handle* vh;        /* the primary connection, for log prefixes */
@@ -29,17 +29,19 @@ struct tnw_refusal {
 };
 extern const tnw_refusal TNW_REFUSE_NO_PATH;
 
-/* Each check returns 0, or the Windows code for the caller after the line that tells. */
+/* Each check returns 0. On a failure it logs a line and returns the Windows code for the caller. */
 
-/* The line of an unknown drive or operation handle, and its code: 1467. */
+/* Logs that a drive or operation handle is unknown. Returns 1467. */
 int tnw_refuse_unknown(const void* handle);
 
-/* Finds the instance of a drive handle: 0 or 1467. */
+/* Finds the instance of a drive handle. Returns 0 or 1467. */
 int tnw_enter_drive(const void* drvhdl, tnw_call* call);
-/* 1326 while the service has no valid authorisation. */
+/* Returns 1326 while the service has no valid authorisation. */
 int tnw_check_authorized(const tnw_call* call);
-/* A call with a drive handle and a path (or another pointer that it needs): `refusal`'s code when
- * one of both is null, 1467, 1326. */
+/*
+ * The checks of a call on a drive handle and a path (or another pointer that it needs). Returns the
+ * code of `refusal` when one of the two is null, else what the two checks above return.
+ */
 int tnw_enter_path_call(const void* drvhdl, const void* path, const tnw_refusal& refusal,
                         tnw_call* call);
 
@@ -49,14 +51,14 @@ int tnw_enter_path_call(const void* drvhdl, const void* path, const tnw_refusal&
  * local file give `refusal`'s code; an address that is no entry of a listed instance gives 1467.
  */
 int tnw_enter_entry(const tnvfd* fde, bool needs_file, const tnw_refusal& refusal, tnw_call* call);
-/* 1467 for an entry whose drive handle is gone. */
+/* Returns 1467 for an entry whose drive handle is gone. */
 int tnw_check_drive(const tnvfd* fde, const tnw_call* call);
-/* Both. */
+/* Makes the two checks above, the entry first. */
 int tnw_enter_entry_call(const tnvfd* fde, bool needs_file, const tnw_refusal& refusal,
                          tnw_call* call);
 /*
- * All checks of a call on an open file: both, then the opener's name (32 bytes) for the caller, who
- * may have given no place for it, then the authorisation.
+ * All checks of a call on an open file: the entry, the drive and the authorisation. Before the
+ * last one it copies the opener's name to `out_procname`.
  */
 int tnw_enter_file_call(const tnvfd* fde, const tnw_refusal& refusal, char* out_procname,
                         tnw_call* call);
@@ -68,15 +70,15 @@ int tnw_enter_file_call(const tnvfd* fde, const tnw_refusal& refusal, char* out_
  */
 void tnw_note_start(tnw_call* call);
 
-/* Copies the opener's name (32 bytes) to the caller, who may have given no place for it. */
+/* Copies the opener's name to `out_procname` (32 bytes), which may be null. */
 void tnw_copy_procname(char* out_procname, const tnvfd* fde);
 
-/* Whether the answer says that the service has no authorisation; marks the instance. */
+/* Whether the answer says that the service has no authorisation. Marks the instance, too. */
 bool tnw_answered_unauthorized(const tnw_call* call, const tnv_resp* resp);
 
-/* The line for a request that could not be built, and the call's code. */
+/* Logs that a request could not be built. Returns the code of the call. */
 int tnw_refuse_no_memory(const tnw_call& call);
-/* The line of a request that the service refused with `err`, and the call's code. */
+/* Logs that the service refused a request with `err`. Gives the code of the call. */
 #define TNW_REFUSE_ANSWER(vh, err, fmt, ...)                                   \
   TNW_REFUSE(static_cast<int>(unixerr2winerr(static_cast<ox_u32>(err))), (vh), \
              static_cast<int>(err), fmt, ##__VA_ARGS__)

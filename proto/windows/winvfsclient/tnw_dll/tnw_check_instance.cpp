@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "ox_assert.h"
 #include "ox_errno.h"
 #include "ox_lock.h"
 #include "ox_platform.h"
@@ -35,8 +36,7 @@ void compose_pid_path(const tnw_tninstance* tni, const char* name, char (&path)[
   snprintf(path, sizeof path, "%.*s/%s", TN_FIELD(tni->tni_cachedir), name);
 }
 
-/* ReadFile fails with 38 at the end of an empty file. That is no fault: there is nothing to read.
- */
+/* ReadFile fails with 38 when the file is empty. That is no fault: there is nothing to read. */
 int read_old_pid(int fd, unsigned long* pid) {
   char text[129] = {};
   const ox_s64 n = ox_pread(fd, text, sizeof text - 1, 0);
@@ -135,6 +135,7 @@ int check_filled(const tnw_tninstance* tni, tnw_tninit* tninit) {
 }  // namespace
 
 int tnw_tfi_fallback(const char* cachedir) {
+  OX_ASSERT_HELD(&tnw_glock);
   char name[MAX_EVENT_NAME + 32];
   const int n = snprintf(name, sizeof name, "Global\\%s/%s", cachedir, "tfi.force_fallback");
   if (n < 0 || static_cast<ox_u32>(n) > MAX_EVENT_NAME) {
@@ -155,6 +156,7 @@ int tnw_tfi_fallback(const char* cachedir) {
 }
 
 int tnw_check_instance(tnw_tninit* tninit) {
+  OX_ASSERT_HELD(&tnw_glock);
   tnw_tninstance* tni = tnw_alloc_tninstance();
   if (tni == nullptr) {
     return TNW_REFUSE(OX_ENOMEM, nullptr, OX_ENOMEM,

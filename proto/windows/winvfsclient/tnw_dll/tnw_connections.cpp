@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "ox_assert.h"
 #include "ox_errno.h"
 #include "ox_util.h"
 #include "tn_text.h"
@@ -36,6 +37,7 @@ ox_u32 slots(const tnw_tninstance* tni) { return tni->tni_tpool->tp_nblocks; }
 }  // namespace
 
 int tnw_create_pool(tnw_tninstance* tni, const tnw_tninit* tninit) {
+  OX_ASSERT_HELD(&tnw_glock);
   char name[512];
   snprintf(name, sizeof name, "TNWIN_VFSC_%.*s@%.*s", TN_FIELD(tninit->tnw_username),
            TN_FIELD(tninit->tnw_domain));
@@ -58,6 +60,7 @@ int tnw_create_pool(tnw_tninstance* tni, const tnw_tninit* tninit) {
 }
 
 int tnw_tp_init_vfshandle(tnw_tninstance* tni, const char* sharepath, const char* drive_id) {
+  OX_ASSERT_HELD(&tnw_glock);
   ConnectTexts t;
   to_text(t.domain, tni->tni_domain);
   to_text(t.user, tni->tni_username);
@@ -74,6 +77,7 @@ int tnw_tp_init_vfshandle(tnw_tninstance* tni, const char* sharepath, const char
 }
 
 int tnw_tp_deinit_vfshandle(tnw_tninstance* tni) {
+  OX_ASSERT_HELD(&tnw_glock);
   for (ox_u32 i = 0; i < slots(tni); i++) {
     vfs_handle* vh = tnw_connection(tni, i);
     tnv_conn_break(vh);

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "ox_assert.h"
 #include "ox_uuid.h"
 #include "tnw_log.h"
 #include "tnw_start.h"
@@ -70,6 +71,7 @@ int store_device_id(const DeviceKey& key, char* idstr) {
 }  // namespace
 
 int tnw_setup_tn_device_id(const char* domain, const char* username, char* idstr) {
+  OX_ASSERT_HELD(&tnw_glock);
   if (idstr[0] != 0) {
     return 0;
   }

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "ox_assert.h"
 #include "ox_errno.h"
 #include "ox_list.h"
 #include "ox_platform.h"
@@ -132,6 +133,7 @@ void tnw_free_fdtable(tnw_files* fdt) {
 }
 
 tnvfd* tnw_fd_dequeue(tnvfdhd* head) {
+  OX_ASSERT_HELD(&head->fdt_lock);
   if (ox_list_empty(head)) {
     return nullptr;
   }

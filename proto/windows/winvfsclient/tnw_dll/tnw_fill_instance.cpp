@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "ox_assert.h"
 #include "ox_errno.h"
 #include "ox_util.h"
 #include "ox_uuid.h"
@@ -94,6 +95,7 @@ int compose_socket_path(tnw_tninstance* tni) {
 }  // namespace
 
 int tnw_fill_tninstance(const tnw_tninit* tninit, tnw_tninstance* tni) {
+  OX_ASSERT_HELD(&tnw_glock);
   const int code = fill_subdomain(tninit, tni);
   if (code != 0) {
     return code;

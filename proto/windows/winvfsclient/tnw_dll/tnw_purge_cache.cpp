@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "ox_assert.h"
 #include "ox_dirtree.h"
 #include "ox_errno.h"
 #include "ox_platform.h"
@@ -93,6 +94,7 @@ int remove_cache(const Purge& p) {
 
 /* The caller holds tnw_glock, so no service starts meanwhile. */
 int purge_unless_running(const Purge& p) {
+  OX_ASSERT_HELD(&tnw_glock);
   if (!tnw_is_cache_in_use(p.domain, p.username, p.cachedir)) {
     return remove_cache(p);
   }

@@ -20,7 +20,7 @@ constexpr tnw_refusal REFUSE_READ = {"Read from invalid handle.", ERROR_INVALID_
 constexpr tnw_refusal REFUSE_WRITE = {"Write to invalid handle.", ERROR_INVALID_HANDLE,
                                       ERROR_INVALID_HANDLE};
 
-/* One call. */
+/* One call of either kind. */
 struct Transfer {
   tnw_call call;
   tnvfd* fde;

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "ox_assert.h"
 #include "ox_errno.h"
 #include "ox_file.h"
 #include "ox_time.h"
@@ -154,6 +155,7 @@ int start_and_wait(const tnw_tninit* tninit, tnw_tninstance* tni) {
 }  // namespace
 
 tnw_tninstance* tnw_tnstart(const tnw_tninit* tninit, int* err) {
+  OX_ASSERT_HELD(&tnw_glock);
   tnw_tninstance* tni = tnw_alloc_tninstance();
   if (tni == nullptr) {
     *err =
@@ -170,6 +172,7 @@ tnw_tninstance* tnw_tnstart(const tnw_tninit* tninit, int* err) {
 }
 
 void tnw_terminate_service(vfs_handle* vh, PROCESS_INFORMATION* process) {
+  OX_ASSERT_HELD(&tnw_glock);
   if (TerminateProcess(process->hProcess, 1) == 0) {
     const int code = static_cast<int>(GetLastError());
     TNW_ERROR(vh, code, "Could not terminate tarnd");
@@ -179,6 +182,7 @@ void tnw_terminate_service(vfs_handle* vh, PROCESS_INFORMATION* process) {
 }
 
 int tnw_tnstop(tnw_tninstance* tni) {
+  OX_ASSERT_HELD(&tnw_glock);
   vfs_handle* vh = tnw_connection(tni, 0);
   TNW_INFO(vh, "Stopping tarnd for user %.*s@%.*s", TN_FIELD(tni->tni_username),
            TN_FIELD(tni->tni_domain));
