@@ -1,5 +1,6 @@
 /*
- * The parts of a log line: levels, timestamp and prefix; the start, which happens once, and the settings.
+ * The parts of a log line: levels, timestamp and prefix; the start, which happens once, and the
+ * settings.
  */
 #include <cerrno>
 #include <cstdarg>

@@ -34,7 +34,7 @@ struct LogLine {
   std::string_view text; /* the text behind the prefix; in an event, the text behind vfs_errno */
   bool is_cut = false;   /* as long as a line can be */
   RequestId id = {};     /* of a dumped request */
-  std::string_view row; /* operation, length and id of a dumped request, as they were dumped */
+  std::string_view row;  /* operation, length and id of a dumped request, as they were dumped */
 };
 
 /* Takes lines apart, in the order in which they were logged. */

@@ -18,13 +18,10 @@ int exchange_close(const tnw_call& call, vfs_op op, const tnvfd* fde) {
   tnv_msg msg;
   tnv_resp resp;
   tnw_fill_close(&msg, op, fde);
-  tnw_exchange(call.tni, tnw_async_send_msg, &msg, &resp, nullptr);
-  if (tnw_answered_unauthorized(&call, &resp)) {
-    return ERROR_LOGON_FAILURE;
-  }
+  const int code = tnw_exchange_msg(call, &msg, &resp);
   const ox_u32 err = resp.rhdr.rhdr_errno;
-  if (err == 0) {
-    return 0;
+  if (code != 0 || err == 0) {
+    return code;
   }
   return TNW_REFUSE_ANSWER(call.vh, err, "Failed to close file.");
 }

@@ -36,15 +36,12 @@ int tnw_canfilebedeleted(void* drvhdl, const char* path, bool* can_delete) {
   msg->u.wcandelete.wcandelete_msg_plen = tnw_text_len(path);
   tnv_resp resp;
   code = tnw_exchange_path_msg(call, msg, &resp);
-  if (code != 0) {
-    return code;
-  }
   const ox_u32 err = resp.rhdr.rhdr_errno;
-  if (err != 0) {
+  if (code == 0 && err != 0) {
     return TNW_REFUSE_ANSWER(call.vh, err, "Failed to check if file %s can be deleted.", path);
   }
-  if (can_delete != nullptr) {
+  if (code == 0 && can_delete != nullptr) {
     *can_delete = (resp.u.wcandel.wcandel_check & 1) != 0;
   }
-  return 0;
+  return code;
 }

@@ -45,6 +45,11 @@ bool tnw_exchange(tnw_tninstance* tni, ox_job_func_t job, tnv_msg* msg, tnv_resp
   return wi.ev_granted;
 }
 
+int tnw_exchange_msg(const tnw_call& call, tnv_msg* msg, tnv_resp* resp) {
+  tnw_exchange(call.tni, tnw_async_send_msg, msg, resp, nullptr);
+  return tnw_answered_unauthorized(&call, resp) ? ERROR_LOGON_FAILURE : 0;
+}
+
 void tnw_run_region_job(tnw_tninstance* tni, ox_job_func_t job, void* request, ox_s32* err) {
   tnw_evwi wi = {};
   wi.ev_data = request;

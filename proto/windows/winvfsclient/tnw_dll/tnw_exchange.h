@@ -5,6 +5,7 @@
 #ifndef TNW_EXCHANGE_H
 #define TNW_EXCHANGE_H
 
+#include "tnw_call.h"
 #include "tnw_connect.h"
 #include "tnw_instance.h"
 
@@ -26,6 +27,11 @@ int tnw_run_job(tnw_tninstance* tni, ox_job_func_t job, tnw_evwi* wi);
  * the job could not take.
  */
 bool tnw_exchange(tnw_tninstance* tni, ox_job_func_t job, tnv_msg* msg, tnv_resp* resp, void* data);
+/*
+ * The same for a request that the plain exchange carries. Returns 0, or 1326 when the answer says
+ * "unauthorised". After 0 the caller looks at the error number in the answer.
+ */
+int tnw_exchange_msg(const tnw_call& call, tnv_msg* msg, tnv_resp* resp);
 /*
  * Runs a region job with its tnw_ioreq or tnw_truncreq. `err` is the error of the request, which
  * also receives an error number when the job could not run.

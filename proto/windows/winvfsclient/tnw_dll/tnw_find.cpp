@@ -171,9 +171,9 @@ int tnw_findclose(void* dehdl) {
   tnv_msg msg;
   tnv_resp resp;
   tnw_fill_close(&msg, TNV_OP_WIN_CLOSE, fde);
-  tnw_exchange(call.tni, tnw_async_send_msg, &msg, &resp, nullptr);
-  if (tnw_answered_unauthorized(&call, &resp)) {
-    return ERROR_LOGON_FAILURE;
+  code = tnw_exchange_msg(call, &msg, &resp);
+  if (code != 0) {
+    return code;
   }
   const ox_u32 err = resp.rhdr.rhdr_errno;
   if (err != 0) {

@@ -17,15 +17,12 @@ int tnw_getfileinfo(void* drvhdl, const char* path, tnw_fileinfo* out, const cha
   msg->u.wstat.wstat_path_len = tnw_text_len(path) + 1; /* STAT counts the NUL */
   tnv_resp resp;
   code = tnw_exchange_path_msg(call, msg, &resp);
-  if (code != 0) {
-    return code;
-  }
   const ox_u32 err = resp.rhdr.rhdr_errno;
-  if (err != 0) {
+  if (code == 0 && err != 0) {
     return TNW_REFUSE_ANSWER(call.vh, err, "Failed to get file info for %s.", path);
   }
-  if (out != nullptr) {
+  if (code == 0 && out != nullptr) {
     *out = resp.u.wstat.wstat_fi;
   }
-  return 0;
+  return code;
 }

@@ -52,13 +52,10 @@ int exchange_brl(const tnvfd* fde, const tnw_refusal& refusal, const Range& what
   tnv_msg msg;
   tnv_resp resp;
   fill_brl(&msg, fde, what);
-  tnw_exchange(call.tni, tnw_async_send_msg, &msg, &resp, nullptr);
-  if (tnw_answered_unauthorized(&call, &resp)) {
-    return ERROR_LOGON_FAILURE;
-  }
+  code = tnw_exchange_msg(call, &msg, &resp);
   const ox_u32 err = resp.rhdr.rhdr_errno;
-  if (err == 0) {
-    return 0;
+  if (code != 0 || err == 0) {
+    return code;
   }
   return TNW_REFUSE_ANSWER(call.vh, err, "Failed to %s file %s.",
                            what.type == TN_SMBLK_UNLOCK_BRL ? "unlock" : "lock",

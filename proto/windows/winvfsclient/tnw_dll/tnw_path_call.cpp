@@ -8,7 +8,7 @@ const tnw_refusal TNW_REFUSE_CHANGE = {"Invalid drive handle or no path specifie
                                        ERROR_INVALID_DATA};
 
 int tnw_exchange_path_msg(const tnw_call& call, tnv_msg* msg, tnv_resp* resp) {
-  tnw_exchange(call.tni, tnw_async_send_msg, msg, resp, nullptr);
+  const int code = tnw_exchange_msg(call, msg, resp);
   ox_free_safe(msg);
-  return tnw_answered_unauthorized(&call, resp) ? ERROR_LOGON_FAILURE : 0;
+  return code;
 }

@@ -14,8 +14,7 @@
 extern const tnw_refusal TNW_REFUSE_CHANGE;
 
 /*
- * Sends a request that tnw_build_msg made, frees it and gets the answer: 0, or 1326 when the answer
- * says "unauthorised". The caller then looks at the error number in the answer.
+ * Does what tnw_exchange_msg does with a request that tnw_build_msg made, and frees the request.
  */
 int tnw_exchange_path_msg(const tnw_call& call, tnv_msg* msg, tnv_resp* resp);
 
