@@ -17,8 +17,8 @@ namespace tnwlog {
 using OperationCode = unsigned;
 
 struct Operation {
-  std::string_view name;  /* "OPEN" */
-  std::string_view event; /* "TNV_OP_WIN_OPEN" */
+  std::string_view name;          /* "OPEN" */
+  std::string_view event;         /* "TNV_OP_WIN_OPEN" */
   std::string_view request_start; /* "Message: open(clfd "; empty: it has no such line */
   TextPattern request;
   TextPattern event_arguments; /* the rest of an event line behind vfs_errno */

@@ -39,21 +39,12 @@ struct tnw_dhhd {
 };
 
 /*
-<<<<<<< HEAD
  * One cache service. It is listed when all of it is in place, and off the list before any of it
  * goes.
  *
  * The list's tni_lock guards the links. tni_files and tni_drive_handles have locks of their own.
  * tni_is_tn_unauthorized is changed and read atomically. All other fields stay as they are while
  * the instance is listed, also tni_authtoken, which keeps the token of the start.
-=======
- * One cache service. It is put on the list when all of it is in place, and taken off the list
- * before any of it is freed.
- *   guarded by tni_lock of the list: the links
- *   changed atomically: tni_is_tn_unauthorized
- *   guarded by locks of their own: tni_files, tni_drive_handles
- *   fixed while the instance is listed: all the others. tni_authtoken keeps the token of the start.
->>>>>>> 3b2fe09 (Constants are upper case everywhere, helpers assert their locks, plainer comments, shorter tests of the portability layer)
  */
 struct tnw_tninstance {
   tnw_tninstance* tni_next;
