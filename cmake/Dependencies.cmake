@@ -20,8 +20,8 @@ target_link_libraries(spdlog_headers INTERFACE fmt_headers)
 header_only_library(cli11_headers CLI CLI.hpp)
 header_only_library(json_headers nlohmann json.hpp)
 
-# GoogleTest comes as sources on Debian, to be compiled like the tests; as a package on MSYS2. It is
-# not what is tested: neither optimised nor described to a debugger, it is ready in seconds.
+# Debian has GoogleTest as sources, which are compiled like the tests; MSYS2 has it as a package. It
+# is compiled without optimisation and without debug information, which takes only seconds.
 set(GOOGLETEST_SOURCE /usr/src/googletest CACHE PATH "GoogleTest's sources")
 if(EXISTS ${GOOGLETEST_SOURCE})
   set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)

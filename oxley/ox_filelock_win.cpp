@@ -60,14 +60,14 @@ int ox_flock(int fd, ox_u32 flags) {
   if (handle == INVALID_HANDLE_VALUE) {
     return -1;
   }
-  constexpr DWORD whole_file = 0xffffffff;
+  constexpr DWORD WHOLE_FILE = 0xffffffff;
   OVERLAPPED start = {};
-  if (LockFileEx(handle, flags, 0, whole_file, whole_file, &start) == 0) {
+  if (LockFileEx(handle, flags, 0, WHOLE_FILE, WHOLE_FILE, &start) == 0) {
     ox_set_errno();
     OX_LOG(OX_ERROR_LEVEL, errno,
            "ox_flock: Failed to LockFile on fd %d fh %p flags 0x%x low_bytes_locked %u "
            "high_bytes_locked %u",
-           fd, handle, flags, static_cast<unsigned>(whole_file), static_cast<unsigned>(whole_file));
+           fd, handle, flags, static_cast<unsigned>(WHOLE_FILE), static_cast<unsigned>(WHOLE_FILE));
     return -1;
   }
   return 0;

@@ -66,8 +66,8 @@ DWORD buffering(ox_u32 flags) {
 /* Opens `path`, shared for everything, and wraps the handle; -1 with errno. */
 int open_descriptor(const char* path, ox_u32 access_flags, DWORD disposition, DWORD attributes,
                     int descriptor_flags) {
-  constexpr DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-  HANDLE handle = CreateFileA(path, desired_access(access_flags), share, nullptr, disposition,
+  constexpr DWORD SHARE = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+  HANDLE handle = CreateFileA(path, desired_access(access_flags), SHARE, nullptr, disposition,
                               attributes | buffering(access_flags), nullptr);
   if (handle == INVALID_HANDLE_VALUE) {
     ox_set_errno();
@@ -190,14 +190,14 @@ int ox_close_fhdl(ox_handle handle) {
 }
 
 ox_off ox_lseek(int fd, ox_off offset, int whence) {
-  static const DWORD methods[] = {FILE_BEGIN, FILE_CURRENT, FILE_END};
+  static const DWORD METHODS[] = {FILE_BEGIN, FILE_CURRENT, FILE_END};
   if (whence < 0 || whence > 2) {
     return OX_EINVAL; /* callers compare the result with this number, and not with -1 */
   }
   LARGE_INTEGER distance;
   distance.QuadPart = offset;
   LARGE_INTEGER position;
-  if (SetFilePointerEx(ox_fd_handle(fd), distance, &position, methods[whence]) == 0) {
+  if (SetFilePointerEx(ox_fd_handle(fd), distance, &position, METHODS[whence]) == 0) {
     ox_set_errno();
     return -1;
   }

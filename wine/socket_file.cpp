@@ -7,7 +7,7 @@
 
 namespace {
 
-const char kFormat[] = "af_unix 1 port %hu secret %32[0-9a-f] process %lu";
+const char FORMAT[] = "af_unix 1 port %hu secret %32[0-9a-f] process %lu";
 
 int bind_error(DWORD error) {
   switch (error) {
@@ -27,7 +27,7 @@ std::string sign_name(const std::string& secret) { return "af_unix-" + secret; }
 
 std::string new_secret() {
   std::string secret;
-  while (secret.size() < kSecretLength) {
+  while (secret.size() < SECRET_LENGTH) {
     unsigned value = 0;
     char text[9];
     if (rand_s(&value) != 0) {
@@ -69,10 +69,10 @@ std::optional<SocketFile> read_socket_file(const char* path) {
   const BOOL done = ReadFile(h, text, sizeof(text) - 1, &length, nullptr);
   CloseHandle(h);
   USHORT port = 0;
-  char secret[kSecretLength + 1] = {};
+  char secret[SECRET_LENGTH + 1] = {};
   DWORD process = 0;
-  if (done == 0 || sscanf(text, kFormat, &port, secret, &process) != 3 ||
-      strlen(secret) != kSecretLength) {
+  if (done == 0 || sscanf(text, FORMAT, &port, secret, &process) != 3 ||
+      strlen(secret) != SECRET_LENGTH) {
     return {};
   }
   return SocketFile{port, secret, process};

@@ -12,7 +12,7 @@
 
 #include "system_ws2.h"
 
-constexpr size_t kSecretLength = 32;
+constexpr size_t SECRET_LENGTH = 32;
 
 struct SocketFile {
   USHORT port; /* network byte order, as in a sockaddr_in */

@@ -11,7 +11,7 @@
 namespace {
 
 /* How long the two sides wait for one another's part of a connect: both act at once. */
-constexpr DWORD kHandshakeTimeout = 10000;
+constexpr DWORD HANDSHAKE_TIMEOUT = 10000;
 
 struct UnixSocket {
   std::string own_path;  /* bound to */
@@ -71,7 +71,7 @@ int bind_loopback(SOCKET s, USHORT* port) {
 
 /* The path of an AF_UNIX address: 0 or an error. Abstract (unnamed) addresses are refused. */
 int path_of(const sockaddr* address, int length, std::string* path) {
-  constexpr int offset = offsetof(sockaddr_un, sun_path);
+  constexpr int PATH_OFFSET = offsetof(sockaddr_un, sun_path);
   if (address == nullptr || length < static_cast<int>(sizeof(address->sa_family))) {
     return WSAEFAULT;
   }
@@ -79,7 +79,7 @@ int path_of(const sockaddr* address, int length, std::string* path) {
     return WSAEAFNOSUPPORT;
   }
   const char* text = reinterpret_cast<const sockaddr_un*>(address)->sun_path;
-  const size_t room = length > offset ? static_cast<size_t>(length - offset) : 0;
+  const size_t room = length > PATH_OFFSET ? static_cast<size_t>(length - PATH_OFFSET) : 0;
   const size_t used = strnlen(text, room < UNIX_PATH_MAX ? room : UNIX_PATH_MAX);
   if (used == 0 || used == UNIX_PATH_MAX) {
     return WSAEINVAL;
@@ -115,7 +115,7 @@ int connect_loopback(SOCKET s, USHORT port) {
   if (GetLastError() != WSAEWOULDBLOCK) {
     return SOCKET_ERROR;
   }
-  if (!wait_ready(s, POLLWRNORM, GetTickCount64() + kHandshakeTimeout)) {
+  if (!wait_ready(s, POLLWRNORM, GetTickCount64() + HANDSHAKE_TIMEOUT)) {
     return fail(WSAETIMEDOUT);
   }
   int error = 0;
@@ -134,13 +134,13 @@ void note_peer(SOCKET s, DWORD process) {
 
 /* What a connection begins with. */
 struct Hello {
-  char secret[kSecretLength];
+  char secret[SECRET_LENGTH];
   DWORD process; /* that connects */
 };
 
 /* Takes it and compares the secret. */
 bool presents(SOCKET s, const std::string& secret, DWORD* process) {
-  const ULONGLONG deadline = GetTickCount64() + kHandshakeTimeout;
+  const ULONGLONG deadline = GetTickCount64() + HANDSHAKE_TIMEOUT;
   Hello hello = {};
   for (size_t got = 0; got < sizeof(hello);) {
     if (!wait_ready(s, POLLRDNORM, deadline)) {
@@ -154,7 +154,7 @@ bool presents(SOCKET s, const std::string& secret, DWORD* process) {
     got += static_cast<size_t>(n);
   }
   *process = hello.process;
-  return secret == std::string(hello.secret, kSecretLength);
+  return secret == std::string(hello.secret, SECRET_LENGTH);
 }
 
 }  // namespace
@@ -254,7 +254,7 @@ int connect_unix(SOCKET s, const sockaddr* address, int length) {
     return SOCKET_ERROR;
   }
   Hello hello = {{}, GetCurrentProcessId()};
-  file->secret.copy(hello.secret, kSecretLength);
+  file->secret.copy(hello.secret, SECRET_LENGTH);
   if (system_ws2.send(s, reinterpret_cast<const char*>(&hello), sizeof(hello), 0) !=
       sizeof(hello)) {
     return fail(WSAECONNREFUSED);

@@ -15,7 +15,7 @@ namespace {
 size_t comment_start(const std::string& line) {
   bool quoted = false;
   for (size_t i = 0; i < line.size(); i++) {
-    quoted ^= line[i] == '"';
+    quoted = quoted != (line[i] == '"');
     if (line[i] == '#' && !quoted && (i == 0 || line[i - 1] == ' ' || line[i - 1] == '\t')) {
       return i;
     }
