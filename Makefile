@@ -70,7 +70,7 @@ check-format: ## Fails when some code is not formatted
 	@echo '==> Checking the format'
 	@$(OWN_CODE) | xargs -d '\n' clang-format-16 --dry-run -Werror
 
-tidy: cross-prefix ## Looks for likely faults and for other names with clang-tidy
+tidy: cross-prefix ## Looks for likely faults, and for names that differ from the rest, with clang-tidy
 	@tools/install-packages clang-tidy-16
 	@$(call configure,host)
 	@$(call configure,windows)
