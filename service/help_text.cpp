@@ -12,7 +12,7 @@ follow a value belong to it. A quote groups words; a backslash is never an escap
 
 The cloud and the user:
   --addr URL             the cloud: file:///Z:/a%20folder (percent-encoded); with "fault+" before it
-                         the same cloud as one that is far away and fails
+                         the fault cloud: the same folder, but far away and failing, for tests
   --cfs URL              the cloud's own name: https://domain
   --user NAME            the user
   --access-token TOKEN   the user's token; "expired" is one that the cloud does not accept
@@ -49,7 +49,8 @@ For development:
   TARND_LATENCY_MS=N     waits before each answer, up to 60000 (0)
   TARND_LATENCY_OPS=LIST only before the answers of these operations: "open,cache_region"
   TARND_COUNTS=FILE      writes the counts there at the end: "name value", one a line
-  TARND_FAULTS=SCRIPT    what the cloud of an address that begins with "fault+" does wrong: see
+  TARND_FAULTS=SCRIPT    what the fault cloud does wrong, as "latency all 50; lost put 0.1", or
+                         "@FILE", which may change while the service runs. All rules are in
                          service/cloud/fault/fault_script.h
   TARND_DEBUG=N          debug messages up to this verbosity, 0 to 5
 

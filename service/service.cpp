@@ -44,7 +44,7 @@ bool set_aside(const std::wstring& folder, const std::wstring& database) {
     moved = MoveFileExW((folder + L'\\' + name).c_str(), (kept + name).c_str(), 0) != 0 && moved;
   }
   moved = MoveFileExW(database.c_str(), (kept + mark + L"state.db").c_str(), 0) != 0 && moved;
-  DeleteFileW((database + L"-wal").c_str());
+  MoveFileExW((database + L"-wal").c_str(), (kept + mark + L"state.db-wal").c_str(), 0);
   OX_LOG(OX_ERROR_LEVEL, 0, "The service's database is damaged; it and all local files %s kept",
          moved ? "are" : "could not be");
   return moved;

@@ -16,9 +16,9 @@
  *
  * Threads: any. Two things guard a file:
  *   - its turn: one thread at a time changes the content, seals it, begins or ends an upload,
- * opens, closes, renames or deletes it. It may be held over work on the disk, over the cloud's
- * part of a rename or delete and over one look at the cloud, never over a fetch or an upload.
- * Others wait for it, by `moved_on_`;
+ *     opens, closes, renames or deletes it. It may be held over work on the disk, over the cloud's
+ *     part of a rename or delete and over a look at the cloud, never over a fetch or an upload.
+ *     Others wait for it, by `moved_on_`;
  *   - `lock_`, held for moments, guards the fields. Those that only change under the turn may be
  *     read by its holder without it.
  * Fetches take neither; who cuts the file ends them first.
@@ -265,6 +265,8 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
   CloudResult send(SealedContent& content, const CloudContext& context, CloudEntry* made);
   Event event_of(const CloudResult& result, const SealedContent& content);
   CloudResult end_of_upload(Turn& turn, Event event, CloudResult result, const CloudEntry& made);
+  CloudResult find_base(const CloudContext& context, FileRecord* record);
+  CloudResult find_folder(const CloudContext& context, FileRecord* record);
   CloudResult settle_move(const CloudContext& context);
   int wait_for_upload(uint64_t attempts);
 

@@ -2,6 +2,7 @@
 #include <numeric>
 
 #include "files/cached_file.h"
+#include "names/folded_path.h"
 #include "ox_errno.h"
 #include "ox_logging.h"
 
@@ -117,28 +118,54 @@ Event CachedFile::event_of(const CloudResult& result, const SealedContent& conte
 
 /*
  * A service that was killed in a rename, or had no answer, does not know whether it came about. The
- * file is where its version is, or else where its size and time are: a rename may change the
- * version. With the turn.
+ * base is where its version is, or else where its size and time are: a rename may change the
+ * version.
  */
+CloudResult CachedFile::find_base(const CloudContext& context, FileRecord* record) {
+  CloudEntry entry;
+  CloudResult result = env_.cloud.status(context, record->base.path, &entry);
+  if (result.code == CloudCode::NOT_FOUND || entry.version != record->base.version) {
+    result = env_.cloud.status(context, record->moving_to, &entry);
+    if (result.ok() && !entry.folder && entry.size == record->base.size &&
+        entry.modified == record->base.modified) {
+      record->path = record->path == record->base.path ? record->moving_to : record->path;
+      record->base = {record->moving_to, entry.version, entry.size, entry.modified};
+    }
+  }
+  return result;
+}
+
+/* A file that is not in the cloud has followed its folder, when that has the new name only. */
+CloudResult CachedFile::find_folder(const CloudContext& context, FileRecord* record) {
+  const std::string folder = parent_path(record->moving_to);
+  CloudEntry entry;
+  CloudResult result = env_.cloud.status(context, parent_path(record->path), &entry);
+  if (result.code == CloudCode::NOT_FOUND) {
+    result = env_.cloud.status(context, folder, &entry);
+    if (result.ok()) {
+      record->path = join_path(folder, record->path.substr(record->path.rfind('/') + 1));
+    }
+  }
+  return result;
+}
+
+/* With the turn. */
 CloudResult CachedFile::settle_move(const CloudContext& context) {
-  if (record_.moving_to.empty() || record_.base.version.empty()) {
+  if (record_.moving_to.empty()) {
     return {};
   }
   FileRecord next = record_;
-  next.moving_to.clear();
-  CloudEntry entry;
-  CloudResult result = env_.cloud.status(context, record_.base.path, &entry);
-  if (result.code == CloudCode::NOT_FOUND || entry.version != record_.base.version) {
-    result = env_.cloud.status(context, record_.moving_to, &entry);
-    if (result.ok() && !entry.folder && entry.size == record_.base.size &&
-        entry.modified == record_.base.modified) {
-      next.path = record_.path == record_.base.path ? record_.moving_to : record_.path;
-      next.base = {record_.moving_to, entry.version, entry.size, entry.modified};
-    }
+  CloudResult result;
+  if (!next.base.version.empty()) {
+    result = find_base(context, &next);
+  }
+  if (next.is_new && (result.ok() || result.code == CloudCode::NOT_FOUND)) {
+    result = find_folder(context, &next);
   }
   if (!result.ok() && result.code != CloudCode::NOT_FOUND) {
     return result;
   }
+  next.moving_to.clear();
   write_record(next, Durability::PROCESS);
   const std::string before = record_.path;
   {

@@ -9,8 +9,8 @@
  * FORGET never fail.
  *
  * The rules that all plans keep:
- *   - no acknowledged byte is lost: a close that was answered is in the cloud, or sealed, or part
- * of a later close;
+ *   - no acknowledged byte is lost: what a close was answered for is in the cloud, or sealed, or
+ *     part of a later close;
  *   - no two contents are mixed: what is sealed is not written any more;
  *   - nothing goes up that no close and no client's death asked for;
  *   - nothing in the cloud is replaced that nobody looked at.

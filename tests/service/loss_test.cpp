@@ -353,41 +353,54 @@ TEST_F(Loss, AFailedCallDuringARenameLosesNoFileAndMakesNoSecondOne) {
   }
 }
 
-/* The service ends when the cloud has renamed the file, or had no answer: it looks in both places.
+/*
+ * The service ends when the cloud has renamed the file or the folder above it, or had no answer: it
+ * looks in both places.
  */
 TEST_F(Loss, AFileIsFoundWhereARenameWithoutAnAnswerLeftIt) {
-  for (const bool closed : {false, true}) {
-    for (const bool arrives : {false, true}) {
-      SCOPED_TRACE(testing::Message() << "closed " << closed << " arrives " << arrives);
-      TestFolder folder;
-      MemoryCloud cloud;
-      const std::string rest(60, '.'); /* of which nothing is local */
-      cloud.set("f", "old content" + rest);
-      cloud.before = [&](CloudCall call, const std::string&) {
-        if (call == CloudCall::RENAME && arrives) {
-          const auto hook = std::exchange(cloud.before, nullptr);
-          CloudEntry made;
-          EXPECT_TRUE(cloud.rename({}, "f", "g", {}, &made).ok());
-          cloud.before = hook;
-        }
-        return call == CloudCall::RENAME ? CloudResult::of(CloudCode::UNKNOWN_OUTCOME)
-               : changes(call)           ? CloudResult::of(CloudCode::OFFLINE)
-                                         : CloudResult();
-      };
-      {
-        Cache cache(cloud, folder, {.wait = milliseconds(1)});
-        const auto opened = cache.open("f");
-        EXPECT_EQ(cache.write(opened, "new"), 0);
-        EXPECT_EQ(closed ? cache.close(opened) : 0, 0);
-        EXPECT_NE(cache.rename("f", "g"), 0);
-      }
-      cloud.before = nullptr;
-      Cache cache(cloud, folder);
-      EXPECT_TRUE(cache.settles());
-      const std::string name = arrives ? "g" : "f";
-      EXPECT_EQ(cloud.content(name), (closed ? "new content" : "old content") + rest);
-      EXPECT_EQ(cloud.files(), closed ? 1u : 2u);
+  for (int way = 0; way < 16; way++) {
+    const bool closed = (way & 1) != 0;
+    const bool arrives = (way & 2) != 0;
+    const bool whole = (way & 4) != 0; /* the folder is renamed */
+    const bool fresh = (way & 8) != 0; /* the file is not in the cloud yet */
+    SCOPED_TRACE(way);
+    TestFolder folder;
+    MemoryCloud cloud;
+    CloudEntry made;
+    ASSERT_TRUE(cloud.make_folder({}, "d", &made).ok());
+    const std::string rest(fresh ? 0 : 60, '.'); /* of which nothing is local */
+    if (!fresh) {
+      cloud.set("d/f", "old content" + rest);
     }
+    const std::string from = whole ? "d" : "d/f";
+    const std::string to = whole ? "e" : "d/g";
+    {
+      Cache cache(cloud, folder, {.wait = milliseconds(1)});
+      const std::function<CloudResult(CloudCall, const std::string&)> hook =
+          [&](CloudCall call, const std::string&) {
+            return call == CloudCall::RENAME ? CloudResult::of(CloudCode::UNKNOWN_OUTCOME)
+                   : changes(call)           ? CloudResult::of(CloudCode::OFFLINE)
+                                             : CloudResult();
+          };
+      cloud.before = hook;
+      const auto opened = cache.open("d/f");
+      EXPECT_EQ(cache.write(opened, fresh ? "new content" : "new"), 0);
+      EXPECT_EQ(closed ? cache.close(opened) : 0, 0);
+      cache->clean_up(*opened.open);
+      EXPECT_EQ(cache.rename(from, to) == 0, fresh && !whole) << "of what the cloud does not have";
+    }
+    cloud.before = nullptr;
+    if (arrives && (whole || !fresh)) {
+      EXPECT_TRUE(cloud.rename({}, from, to, {}, &made).ok());
+    }
+    Cache cache(cloud, folder);
+    EXPECT_TRUE(cache.settles());
+    const std::string parent = whole && arrives ? "e" : "d";
+    const bool moved = !whole && (arrives || fresh);
+    const std::string name = parent + (moved ? "/g" : "/f");
+    const std::string old = fresh ? "none" : "old content" + rest;
+    EXPECT_EQ(cloud.content(name), closed ? "new content" + rest : old);
+    EXPECT_EQ(cloud.files(), closed || fresh ? 2u : 3u) << "with the folder";
   }
 }
 

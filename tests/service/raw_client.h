@@ -127,6 +127,7 @@ struct RawOpen {
   uint32_t share = 7;
   uint32_t disposition = 3;
   uint32_t flags = 0;
+  uint32_t client = 0; /* 0: this process */
 };
 
 /* What an open gave. */
@@ -213,7 +214,7 @@ class RawConnection {
       u.wopen.wopen_shmode = how.share;
       u.wopen.wopen_cdisp = how.disposition;
       u.wopen.wopen_flags = how.flags;
-      u.wopen.wopen_clientid = GetCurrentProcessId();
+      u.wopen.wopen_clientid = how.client != 0 ? how.client : GetCurrentProcessId();
     };
     const RawAnswer answer = ask(TNV_OP_WIN_OPEN, fill, path + '\0');
     return {answer.error(), answer.resp.u.wopen, answer.id, fd, answer.bulk};

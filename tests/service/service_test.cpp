@@ -268,11 +268,13 @@ TEST(KilledClient, DISABLED_HoldsAFile) {
   change(connection, file, 0, "new");
   ASSERT_EQ(connection.lock(file, TN_SMBLK_EX_BRL, 0, 10), 0);
   ASSERT_EQ(connection.open("b.txt", {.share = 0}).error, 0);
-  std::ofstream(folder + "/held") << "x";
+  std::ofstream(folder + "/opening", std::ios::binary).write(
+      reinterpret_cast<const char*>(&file.id), sizeof file.id);
+  fs::rename(folder + "/opening", folder + "/held");
   Sleep(INFINITE);
 }
 
-TEST_F(ServiceTest, AKilledClientHoldsNothingAndLosesNothing) {
+TEST_F(ServiceTest, AClientsOpensAreItsOwnAndEndWithItWithoutALoss) {
   put("a.txt", "old content");
   put("b.txt", "");
   start_and_connect();
@@ -291,6 +293,14 @@ TEST_F(ServiceTest, AKilledClientHoldsNothingAndLosesNothing) {
   const RawFile file = connection_->open("a.txt");
   EXPECT_EQ(connection_->lock(file, TN_SMBLK_SH_BRL, 9, 1), OX_EACCES);
   EXPECT_EQ(connection_->open("b.txt").error, OX_EACCES);
+  RawFile theirs = file; /* what belongs to one process is nobody else's */
+  text(folder_.path() / "held").copy(reinterpret_cast<char*>(&theirs.id), sizeof theirs.id);
+  EXPECT_EQ(connection_->close(theirs.id, MODIFIED), OX_EBADF);
+  EXPECT_EQ(connection_->cache_region(theirs, 0, 1).error(), OX_EBADF);
+  EXPECT_EQ(connection_->dirty_region(theirs, 0, 1).error(), OX_EBADF);
+  EXPECT_EQ(connection_->truncate(theirs, 0), OX_EBADF);
+  EXPECT_EQ(connection_->cleanup(theirs), OX_EBADF);
+  EXPECT_EQ(connection_->open("a.txt", {.client = service_.pid()}).error, OX_EPERM);
   TerminateProcess(client.hProcess, 1);
   WaitForSingleObject(client.hProcess, INFINITE);
   CloseHandle(client.hThread);

@@ -6,12 +6,13 @@
  *   rate BYTES             contents go through at so many bytes a second, in each call; 0: at once
  *   latency CALLS MS[-MS]  waits before each call
  *   busy CALLS WHEN [MS]   is not carried out and answered BUSY, with this pause (100)
- *   error CALLS WHEN       a server's error: a call that looks is answered OFFLINE, one that
- * changes something UNKNOWN_OUTCOME, carried out or not by chance lost CALLS WHEN        is carried
- * out, but the answer gets lost: UNKNOWN_OUTCOME changed CALLS WHEN     is answered CHANGED: a read
- * before any of its pieces, another call without being carried out short CALLS WHEN       reads
- * hand out a part of the bytes, and say OK offline CALLS WHEN MS  the cloud goes offline with this
- * call, for so long, for all calls
+ *   error CALLS WHEN       is a server's error: a call that looks is answered OFFLINE; one that
+ *                          changes something is carried out or not, by chance: UNKNOWN_OUTCOME
+ *   lost CALLS WHEN        is carried out, but the answer gets lost: UNKNOWN_OUTCOME
+ *   changed CALLS WHEN     is answered CHANGED: a read before any of its pieces, another call
+ *                          without being carried out
+ *   short CALLS WHEN       reads hand out a part of the bytes, and say OK
+ *   offline CALLS WHEN MS  the cloud goes offline with this call, for so long, for all calls
  *
  * CALLS is "all", or names of calls separated by ',': status list read put patch rename remove
  * make_folder. WHEN is a chance between 0 and 1, as in 0.05, or "#N" for the Nth of these calls
@@ -38,8 +39,8 @@ struct FaultRule {
   double chance = 1;
   uint64_t nth = 0; /* only this call, counted from 1; 0: by chance */
   std::chrono::milliseconds least{0};
-  std::chrono::milliseconds most{
-      0}; /* least and most of what the fault takes, when it takes time */
+  /* `least` to `most` is the time that the fault takes, if it takes time. */
+  std::chrono::milliseconds most{0};
 };
 
 struct FaultScript {
