@@ -170,8 +170,7 @@ int serve_open(Session& session, const Request& request, Reply* reply) {
     return err;
   }
   if (!target.has_parent && !path.empty()) {
-    target.has_parent =
-        service.files.look_up_remembered(parent_path(path), &target.parent) == 0;
+    target.has_parent = service.files.look_up_remembered(parent_path(path), &target.parent) == 0;
   }
   tnv_wopen_resp& answer = reply->resp.u.wopen;
   answer.wopen_resp_fso = fso_of(target.entry, target.has_parent ? &target.parent : nullptr,

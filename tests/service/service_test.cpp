@@ -268,8 +268,8 @@ TEST(KilledClient, DISABLED_HoldsAFile) {
   change(connection, file, 0, "new");
   ASSERT_EQ(connection.lock(file, TN_SMBLK_EX_BRL, 0, 10), 0);
   ASSERT_EQ(connection.open("b.txt", {.share = 0}).error, 0);
-  std::ofstream(folder + "/opening", std::ios::binary).write(
-      reinterpret_cast<const char*>(&file.id), sizeof file.id);
+  std::ofstream(folder + "/opening", std::ios::binary)
+      .write(reinterpret_cast<const char*>(&file.id), sizeof file.id);
   fs::rename(folder + "/opening", folder + "/held");
   Sleep(INFINITE);
 }
