@@ -6,15 +6,6 @@
 
 namespace fs = std::filesystem;
 
-namespace {
-
-constexpr bool needs_open(Act act) {
-  return act == Act::CLOSE || act == Act::CLEANUP || act == Act::READ || act == Act::READ_ALL ||
-         act == Act::WRITE || act == Act::RESIZE;
-}
-
-}  // namespace
-
 ModelPlayer::ModelPlayer(RealDrive& drive, const std::string& folder, bool alone)
     : drive_(drive), folder_(folder), alone_(alone) {
   fs::create_directory(drive_.in_cloud(folder_));
@@ -63,15 +54,23 @@ void ModelPlayer::apply(const Step& step) {
   }
 }
 
+/* A file that was lost may only be closed any more. */
 bool ModelPlayer::is_playable(const Step& step) const {
   const auto file = plain_.opened(step.slot);
-  if (step.act == Act::OPEN) {
-    return !file;
+  switch (step.act) {
+    case Act::OPEN:
+      return !file;
+    case Act::CLOSE:
+      return file != nullptr;
+    case Act::CLEANUP:
+    case Act::READ:
+    case Act::READ_ALL:
+    case Act::WRITE:
+    case Act::RESIZE:
+      return file && !file->lost;
+    default:
+      return true;
   }
-  if (!needs_open(step.act)) {
-    return true;
-  }
-  return file && (!file->lost || step.act == Act::CLOSE);
 }
 
 std::string ModelPlayer::path(size_t name) const { return folder_ + "/" + std::to_string(name); }

@@ -10,6 +10,7 @@
 #include <future>
 #include <utility>
 
+#include "golden_text.h"
 #include "page_end.h"
 #include "peer_drive.h"
 #include "tnw_fd.h"
@@ -31,11 +32,6 @@ const std::string UNKNOWN = "ERROR -1: Could not find handle with address 0xADDR
 const std::string UNKNOWN_DRIVE =
     UNKNOWN + "\nERROR 22: Drive handle is not associated with any tninstance";
 const std::string UNAUTHORIZED = "ERROR 13 ada: tarn is unauthorized";
-const std::string BROKEN =
-    "ERROR 10057 ada: Could not send messages id ID, opcode N, len N. Requesting client to "
-    "reinitialize.";
-const std::string ID = "00000001-0000-0000-0000-000000000000";
-
 enum class On { DRIVE, FILE };
 
 /* The lines are those of PeerDrive::said. */
@@ -45,11 +41,10 @@ struct Call {
   std::function<int(void* handle)> call; /* with arguments that are good otherwise */
   int null_code;                         /* for a null handle and for a closed file */
   std::string null_lines;
-  std::string refused_lines = ""; /* for REFUSED; empty: the call asks the service nothing */
-  bool heeds_mark = true;         /* the mark "unauthorised" of an answer, and of the service */
-  int dead_code = 0;              /* on a broken connection */
-  std::string dead_lines = "";    /* after that of the request that could not be sent */
-  std::string notice = "";        /* what it says before it asks */
+  bool asks = true;        /* the service */
+  bool heeds_mark = true;  /* the mark "unauthorised" of an answer, and of the service */
+  int dead_code = 0;       /* on a broken connection */
+  std::string notice = ""; /* what it says before it asks */
   int unknown_code = TNW_ERROR_NO_SERVICE;
   std::string unknown_lines = UNKNOWN;
 };
@@ -83,6 +78,12 @@ class Refusals : public testing::Test {
     EXPECT_EQ(c.call(handle), code);
     EXPECT_EQ(drive_.said(log), lines);
   }
+  /* With the lines of a section of refusals_lines.txt. */
+  void expect_said(const Call& c, void* handle, int code, const std::string& how) {
+    const LogCapture log;
+    EXPECT_EQ(c.call(handle), code) << c.name;
+    expect_section("refusals_lines", c.name + how, drive_.said(log));
+  }
   void expect_unknown(const Call& c, void* handle) {
     expect(c, handle, c.unknown_code, c.unknown_lines);
   }
@@ -109,78 +110,44 @@ class Refusals : public testing::Test {
   const std::vector<Call> calls_ = {
       {"create", On::DRIVE,
        [&](void* d) { return tnw_create(d, nullptr, "p", 1, 7, 1, 0, 0, "", &err_), err_; }, 160,
-       NO_PATH, "ERROR 13 ada: Server returned error for open msg.", true, 1467,
-       "ERROR 133 ada: Failed to send open message.\n"
-       "ERROR 133 ada: Server returned error for open msg."},
+       NO_PATH, true, true, TNW_ERROR_NO_SERVICE},
       {"findfirst", On::DRIVE,
        [&](void* d) { return tnw_findfirst(d, "p", &info_, nullptr, &err_), err_; }, 160, NO_PATH,
-       "ERROR 13 ada: Failed to send directory enumeration message for path p.", true, 1467,
-       "ERROR 133 ada: Failed to send directory enumeration message.\n"
-       "ERROR 133 ada: Failed to send directory enumeration message for path p."},
+       true, true, TNW_ERROR_NO_SERVICE},
       {"getfileinfo", On::DRIVE, [&](void* d) { return tnw_getfileinfo(d, "p", &info_, nullptr); },
-       160, NO_PATH, "ERROR 13 ada: Failed to get file info for p."},
-      {"rename", On::DRIVE, [&](void* d) { return tnw_rename(d, "p", "q", nullptr); }, 13, NO_PATH,
-       "ERROR 13 ada: Failed to rename p->q."},
-      {"delete", On::DRIVE, [&](void* d) { return tnw_delete(d, "p", nullptr); }, 13, NO_PATH,
-       "ERROR 13 ada: Failed to delete file p."},
+       160, NO_PATH},
+      {"rename", On::DRIVE, [&](void* d) { return tnw_rename(d, "p", "q", nullptr); }, 13, NO_PATH},
+      {"delete", On::DRIVE, [&](void* d) { return tnw_delete(d, "p", nullptr); }, 13, NO_PATH},
       {"canfilebedeleted", On::DRIVE, [&](void* d) { return tnw_canfilebedeleted(d, "p", &flag_); },
-       13, NO_PATH, "ERROR 13 ada: Failed to check if file p can be deleted."},
+       13, NO_PATH},
       {"updatetoken", On::DRIVE, [&](void* d) { return tnw_updatetoken(d, token_); }, 160, NO_TOKEN,
-       "ERROR 13 ada: Failed to update token", false, 0, "", "INFO ada: Updating auth token"},
+       true, false, 0, "INFO ada: Updating auth token"},
       {"set_http_proxy", On::DRIVE, [&](void* d) { return tnw_set_http_proxy(d, "p", "", ""); },
-       160, NO_PROXY, "ERROR 13 ada: Failed to update proxy", false, 0, "",
-       "INFO ada: Setting http proxy"},
-      {"deinit", On::DRIVE, [&](void* d) { return tnw_deinit(d, false); }, 87, NO_DRIVE, "", false,
-       0, "", "", 87, UNKNOWN_DRIVE},
-      {"deinit_force", On::DRIVE, [&](void* d) { return tnw_deinit_force(d); }, 87, NO_DRIVE, "",
-       false, 0, "", "", 87, UNKNOWN_DRIVE},
+       160, NO_PROXY, true, false, 0, "INFO ada: Setting http proxy"},
+      {"deinit", On::DRIVE, [&](void* d) { return tnw_deinit(d, false); }, 87, NO_DRIVE, false,
+       false, 0, "", 87, UNKNOWN_DRIVE},
+      {"deinit_force", On::DRIVE, [&](void* d) { return tnw_deinit_force(d); }, 87, NO_DRIVE, false,
+       false, 0, "", 87, UNKNOWN_DRIVE},
       {"read", On::FILE, [&](void* f) { return tnw_read(f, &byte_, 1, 0, nullptr, nullptr); }, 6,
-       "ERROR 6: Read from invalid handle.",
-       "ERROR 13 ada: cache_region(FD, 0, 1 : " + ID +
-           ") failed\n"
-           "ERROR 13 ada: Failed to cache regions off:0, len:1, trunc: 0",
-       false, 1467, "ERROR 133 ada: Failed to cache regions off:0, len:1, trunc: 0"},
+       "ERROR 6: Read from invalid handle.", true, false, TNW_ERROR_NO_SERVICE},
       {"write", On::FILE, [&](void* f) { return tnw_write(f, &byte_, 1, 0, nullptr, nullptr); }, 6,
-       "ERROR 6: Write to invalid handle.",
-       "ERROR 13 ada: cache_region(FD, 0, 1 : " + ID +
-           ") failed\n"
-           "ERROR 13 ada: Failed to cache regions off:0, len:1, trunc: 0",
-       false, 1467, "ERROR 133 ada: Failed to cache regions off:0, len:1, trunc: 0"},
+       "ERROR 6: Write to invalid handle.", true, false, TNW_ERROR_NO_SERVICE},
       {"setfilesize", On::FILE, [](void* f) { return tnw_setfilesize(f, 20, 0, nullptr); }, 6,
-       NO_SIZE,
-       "ERROR 13 ada: cache_region(FD, 16, 16 : " + ID +
-           ") failed\n"
-           "ERROR 13 ada: Failed to cache regions off:16, len:16, trunc: 1\n"
-           "ERROR 13 ada: Cache regions message sent as part of setfilesize() to 20 failed.\n"
-           "ERROR 13 ada: ftruncate(FD, 20: " +
-           ID +
-           ") failed\n"
-           "ERROR 13 ada: Failed to truncate to new size: 20",
-       false, 1467,
-       "ERROR 133 ada: Failed to cache regions off:16, len:16, trunc: 1\n"
-       "ERROR 133 ada: Cache regions message sent as part of setfilesize() to 20 failed.\n" +
-           BROKEN + "\nERROR 133 ada: Failed to truncate to new size: 20"},
-      {"lockfile", On::FILE, [](void* f) { return tnw_lockfile(f, 0, 0, 0, 1, 0, 1); }, 13, NO_LOCK,
-       "ERROR 13 ada: Failed to lock file " + ID + "."},
+       NO_SIZE, true, false, TNW_ERROR_NO_SERVICE},
+      {"lockfile", On::FILE, [](void* f) { return tnw_lockfile(f, 0, 0, 0, 1, 0, 1); }, 13,
+       NO_LOCK},
       {"unlockfile", On::FILE, [](void* f) { return tnw_unlockfile(f, 0, 0, 1, 0, 1); }, 13,
-       NO_UNLOCK, "ERROR 13 ada: Failed to unlock file " + ID + "."},
-      {"findnext", On::FILE, [&](void* f) { return tnw_findnext(f, &info_); }, 160, NO_PATH},
+       NO_UNLOCK},
+      {"findnext", On::FILE, [&](void* f) { return tnw_findnext(f, &info_); }, 160, NO_PATH, false},
       {"checkfolderempty", On::FILE, [&](void* f) { return tnw_checkfolderempty(f, &flag_); }, 160,
-       NO_PATH},
-      {"cleanup_file", On::FILE, [](void* f) { return tnw_cleanup_file(f); }, 160, NO_PATH,
-       "ERROR 13 ada: Failed to close file."},
-      {"findclose", On::FILE, [](void* f) { return tnw_findclose(f); }, 160, NO_PATH,
-       "ERROR 13 ada: Failed to close diretory enumeration context."},
-      {"close", On::FILE, [](void* f) { return tnw_close(f, nullptr); }, 160, NO_PATH,
-       "ERROR 13 ada: Failed to close file."},
+       NO_PATH, false},
+      {"cleanup_file", On::FILE, [](void* f) { return tnw_cleanup_file(f); }, 160, NO_PATH},
+      {"findclose", On::FILE, [](void* f) { return tnw_findclose(f); }, 160, NO_PATH},
+      {"close", On::FILE, [](void* f) { return tnw_close(f, nullptr); }, 160, NO_PATH},
   };
 };
 
 void* moved(void* handle, ptrdiff_t bytes) { return static_cast<char*>(handle) + bytes; }
-
-std::string both(const std::string& one, const std::string& other) {
-  return one.empty() || other.empty() ? one + other : one + "\n" + other;
-}
 
 }  // namespace
 
@@ -262,14 +229,14 @@ TEST_F(Refusals, OfCallsThatComeDuringAForcedShutDownComeAtOnce) {
 
 TEST_F(Refusals, OfTheService) {
   for (const Call& c : calls_) {
-    if (c.refused_lines.empty()) {
+    if (!c.asks) {
       continue;
     }
     void* handle = open_for(c);
     info_.fi_size = 5;
     flag_ = false;
     answer(REFUSED);
-    expect(c, handle, ERROR_SHARING_VIOLATION, both(c.notice, c.refused_lines));
+    expect_said(c, handle, ERROR_SHARING_VIOLATION, ": refused");
     EXPECT_EQ(info_.fi_size, 5u);
     EXPECT_FALSE(flag_);
     if (c.on == On::FILE) { /* a refused findclose alone gives its entry back */
@@ -335,8 +302,8 @@ TEST_F(Refusals, OfADeadConnectionAreFew) {
             "reinitialize.");
   for (size_t i = 0; i < calls_.size(); i++) {
     const Call& c = calls_[i];
-    if (!c.refused_lines.empty()) {
-      expect(c, handles[i], c.dead_code, both(c.notice, both(BROKEN, c.dead_lines)));
+    if (c.asks) {
+      expect_said(c, handles[i], c.dead_code, ": dead");
     }
   }
   EXPECT_EQ(tnw_read(warm, &byte_, 1, 0, nullptr, nullptr), 0) << "it needs no service";

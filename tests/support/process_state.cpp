@@ -5,11 +5,19 @@
 #include <fcntl.h>
 #include <io.h>
 
-/* A semaphore: a test may count the events that are made. */
+#include <algorithm>
+#include <iterator>
+
+/* Semaphores: a test may count the events that are made. */
 size_t fresh_handle() {
-  const HANDLE fresh = CreateSemaphoreA(nullptr, 0, 1, nullptr);
-  CloseHandle(fresh);
-  return reinterpret_cast<size_t>(fresh);
+  HANDLE fresh[64];
+  for (HANDLE& handle : fresh) {
+    handle = CreateSemaphoreA(nullptr, 0, 1, nullptr);
+  }
+  for (const HANDLE handle : fresh) {
+    CloseHandle(handle);
+  }
+  return reinterpret_cast<size_t>(*std::max_element(std::begin(fresh), std::end(fresh))) / 4;
 }
 
 int fresh_descriptor() {

@@ -6,8 +6,9 @@
 
 #include <cstddef>
 
-/* The number of a new handle, the lowest that is free: it climbs with every handle that stays. It
- * stands for a count of the handles, which is not to be had under Wine. */
+/* The highest place in the process's table of handles that one of 64 new handles gets: it climbs
+ * with every handle that stays, also with one that fills a gap. It stands for a count of the
+ * handles, which is not to be had under Wine. */
 size_t fresh_handle();
 /* The same for the runtime's descriptors. */
 int fresh_descriptor();

@@ -402,19 +402,16 @@ TEST(Check, AgreesWithTheWalkOnDamagedLists) {
     }
     bytes.shrink_to_fit();
     const bool can = cfflprint::can_be_walked(cfflprint::check_list(bytes));
-    if (bytes.size() < 1024 || list_in(bytes)->cfh_head.cf_size > bytes.size()) {
-      EXPECT_FALSE(can) << round;
-      continue;
-    }
-    bool did = true;
+    const bool whole = bytes.size() >= 1024 && list_in(bytes)->cfh_head.cf_size <= bytes.size();
+    bool did = whole;
     try {
-      tn_print_cffl(list_in(bytes), 1);
+      whole ? tn_print_cffl(list_in(bytes), 1) : void();
     } catch (const std::string&) {
       did = false;
     }
     /* The walk knows neither the file's size nor that entries do not start in the header. */
-    if (list_in(bytes)->cfh_head.cf_size == bytes.size() &&
-        tn_first_cfp_offset(list_in(bytes)) >= 1024) {
+    const bool same_size = whole && list_in(bytes)->cfh_head.cf_size == bytes.size();
+    if (!whole || (same_size && tn_first_cfp_offset(list_in(bytes)) >= 1024)) {
       EXPECT_EQ(can, did) << round;
     }
     walkable += can ? 1 : 0;
