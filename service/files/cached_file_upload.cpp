@@ -9,6 +9,9 @@
 namespace tarnd {
 namespace {
 
+/* Before an upload is tried again whose end could not be recorded: the disk may be full. */
+constexpr std::chrono::milliseconds STEP_PAUSE{1000};
+
 /* The cloud will not take this content, however often it is asked. */
 bool is_definite(CloudCode code) {
   return code == CloudCode::REFUSED || code == CloudCode::NO_SPACE;
@@ -39,6 +42,8 @@ CloudResult CachedFile::upload(const CloudContext& context) {
       return {};
     }
     if (result = settle_move(context); !result.ok()) {
+      OX_LOG(OX_ERROR_LEVEL, result.error, "Cannot look where %s is in the cloud (%s)",
+             record_.path.c_str(), name_of(result.code));
       return result;
     }
     content = std::make_shared<SealedContent>(env_.cloud, context, record_.base, record_.sealed);
@@ -66,7 +71,7 @@ CloudResult CachedFile::end_of_upload(Turn& turn, Event event, CloudResult resul
   if (carry_out(turn, event, work) != 0) {
     event = Event::UPLOAD_FAILED;
     carry_out(turn, event, work);
-    result = CloudResult::busy(std::chrono::milliseconds(0));
+    result = CloudResult::busy(STEP_PAUSE);
   }
   if (event == Event::UPLOADED) {
     env_.counters.files_written_back++;

@@ -160,7 +160,10 @@ class KillRounds : public testing::Test {
     return path.filename().string().find("(conflict of ") != std::string::npos;
   }
 
-  /* Whether a conflict copy has what was written of the newest version. */
+  /*
+   * Whether a conflict copy has what was written of the newest version, or the service has kept it
+   * aside: it does so when the client cut the file before the service had that on record.
+   */
   bool is_kept_beside(int number) const {
     const std::string written =
         content_of(number, notes_.files[number].begun)
@@ -168,6 +171,10 @@ class KillRounds : public testing::Test {
     bool kept = written.empty();
     for (const auto& entry : fs::recursive_directory_iterator(drive_.in_cloud(""))) {
       kept = kept || (is_conflict(entry.path()) && read_file(entry.path()).starts_with(written));
+    }
+    const fs::path aside = fs::path(cache_dir(drive_.record)) / "files" / "kept";
+    for (const auto& entry : fs::directory_iterator(aside)) {
+      kept = kept || read_file(entry.path()).starts_with(written);
     }
     return kept;
   }

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <atomic>
 #include <future>
 
 #include "files/open_files.h"
@@ -376,13 +377,14 @@ TEST_F(Loss, AFileIsFoundWhereARenameWithoutAnAnswerLeftIt) {
     const std::string to = whole ? "e" : "d/g";
     {
       Cache cache(cloud, folder, {.wait = milliseconds(1)});
-      const std::function<CloudResult(CloudCall, const std::string&)> hook =
-          [&](CloudCall call, const std::string&) {
-            return call == CloudCall::RENAME ? CloudResult::of(CloudCode::UNKNOWN_OUTCOME)
-                   : changes(call)           ? CloudResult::of(CloudCode::OFFLINE)
-                                             : CloudResult();
-          };
-      cloud.before = hook;
+      std::atomic<bool> away = false; /* from the rename on, so that nobody looks too early */
+      cloud.before = [&](CloudCall call, const std::string&) {
+        const bool is_rename = call == CloudCall::RENAME;
+        away = away || is_rename;
+        return is_rename               ? CloudResult::of(CloudCode::UNKNOWN_OUTCOME)
+               : away || changes(call) ? CloudResult::of(CloudCode::OFFLINE)
+                                       : CloudResult();
+      };
       const auto opened = cache.open("d/f");
       EXPECT_EQ(cache.write(opened, fresh ? "new content" : "new"), 0);
       EXPECT_EQ(closed ? cache.close(opened) : 0, 0);
