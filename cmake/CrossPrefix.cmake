@@ -1,7 +1,6 @@
-# GLib, ICU, PCRE2 and SQLite: targets glib, icu_uc, pcre2 and sqlite, found with pkg-config. For
-# Windows they are
-# static and lie in the prefix that tools/build-cross-prefix makes when cross-building; on the
-# development host they are the system's.
+# GLib, ICU, PCRE2, SQLite and pugixml: targets glib, icu_uc, pcre2, sqlite and pugixml, found with
+# pkg-config. For Windows they are static and lie in the prefix that tools/build-cross-prefix makes
+# when cross-building; on the development host they are the system's.
 find_package(PkgConfig REQUIRED)
 
 set(CROSS_PREFIX "")
@@ -37,3 +36,4 @@ packaged_library(glib GLIB glib-2.0)
 packaged_library(icu_uc ICU_UC icu-uc)
 packaged_library(pcre2 PCRE2 libpcre2-8)
 packaged_library(sqlite SQLITE sqlite3)
+packaged_library(pugixml PUGIXML pugixml)

@@ -7,6 +7,7 @@
 
 #include "build_info.h"
 #include "cloud/cloud_address.h"
+#include "cloud/webdav/webdav_cloud.h"
 #include "listener.h"
 #include "ox_errno.h"
 #include "ox_logging.h"
@@ -118,6 +119,39 @@ int serve(Service& service) {
   return ENDED;
 }
 
+CloudSettings cloud_settings(const Options& options, CloudCounts* counts) {
+  CloudSettings settings;
+  settings.counts = counts;
+  settings.faults = variable("TARND_FAULTS").value_or("");
+  settings.connections = static_cast<unsigned>(options.connections);
+  settings.ca_file = options.ca;
+  return settings;
+}
+
+int probe(const Options& options) {
+  std::string error;
+  WebdavAbilities found;
+  const auto cloud = is_web_address(options.probe)
+                         ? WebdavCloud::open(options.probe, {1, options.ca}, &error)
+                         : nullptr;
+  CloudContext context;
+  context.deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+  context.credentials = Credentials(options).now();
+  if (cloud == nullptr) {
+    fprintf(stderr, "tarnd: %s: %s\n", options.probe.c_str(),
+            error.empty() ? "no http:// or https:// address" : error.c_str());
+    return CANNOT_START;
+  }
+  const CloudResult result = cloud->abilities(context, &found);
+  if (!result.ok()) {
+    fprintf(stderr, "tarnd: %s cannot be tried out: %s\n", options.probe.c_str(),
+            name_of(result.code));
+    return CANNOT_START;
+  }
+  printf("%s\n%s", options.probe.c_str(), table_of(found).c_str());
+  return ENDED;
+}
+
 int run(const Options& options) {
   std::wstring cache;
   PidFile pid_file;
@@ -131,8 +165,7 @@ int run(const Options& options) {
                                   : "Cannot write tarnd_pid in " + options.cache);
   }
   CloudCounts counts;
-  std::unique_ptr<Cloud> cloud =
-      open_cloud(options.addr, {&counts, variable("TARND_FAULTS").value_or(""), {}}, &error);
+  std::unique_ptr<Cloud> cloud = open_cloud(options.addr, cloud_settings(options, &counts), &error);
   if (cloud == nullptr) {
     return fail(CANNOT_START, error);
   }
@@ -156,6 +189,9 @@ int main(int argc, char** argv) {
   if (options.help || options.version) {
     fputs((options.help ? help_text() : "tarnd " + std::string(VERSION) + '\n').c_str(), stdout);
     return ENDED;
+  }
+  if (!options.probe.empty()) {
+    return probe(options);
   }
   ox_init_logging("TARND_LOGGER", log_path(options.logfile).c_str(), nullptr, nullptr);
   if (options.debug_level >= 0) {
