@@ -7,7 +7,8 @@
 namespace tarnd {
 namespace {
 
-constexpr size_t PIECE = size_t{256} << 10;
+constexpr uint64_t PIECE = uint64_t{256} << 10;
+constexpr uint64_t SMALL = uint64_t{32} << 10;
 
 std::string header_lines(const HttpRequest& request, const CloudCredentials& credentials) {
   std::string lines;
@@ -17,7 +18,7 @@ std::string header_lines(const HttpRequest& request, const CloudCredentials& cre
   for (const auto& [name, value] : request.headers) {
     add(name, value);
   }
-  if (request.body || request.method == "PUT") {
+  if (request.body_size == 0 ? request.method == "PUT" : request.body_size > SMALL) {
     add("Content-Length", std::to_string(request.body_size));
   }
   add("Authorization", authorisation_of(credentials.token));
@@ -96,9 +97,13 @@ CloudResult HttpClient::exchange(const CloudContext& context, const HttpRequest&
   }
   WinHttpExchange exchange(way, authority_.loaded() ? &authority_ : nullptr,
                            settings_.longest_wait);
+  std::string body(request.body_size <= SMALL ? static_cast<size_t>(request.body_size) : 0, '\0');
+  if (const int err = body.empty() ? 0 : request.body(0, body.data(), body.size())) {
+    return CloudResult::refused(err);
+  }
   CloudResult result = exchange.begin(context, request.method, request.target,
-                                      header_lines(request, credentials), address_.secure);
-  if (result.ok()) {
+                                      header_lines(request, credentials), body, address_.secure);
+  if (result.ok() && body.empty()) {
     result = send_body(context, request, exchange);
   }
   if (result.ok()) {

@@ -228,7 +228,7 @@ WinHttpExchange::~WinHttpExchange() { state_->close(); }
 
 CloudResult WinHttpExchange::begin(const CloudContext& context, const std::string& method,
                                    const std::string& target, const std::string& headers,
-                                   bool secure) {
+                                   const std::string& body, bool secure) {
   const DWORD flags = WINHTTP_FLAG_ESCAPE_DISABLE | (secure ? WINHTTP_FLAG_SECURE : 0);
   HINTERNET request =
       WinHttpOpenRequest(connection_->connect.get(), wide(method).c_str(), wide(target).c_str(),
@@ -254,8 +254,10 @@ CloudResult WinHttpExchange::begin(const CloudContext& context, const std::strin
                           user.c_str(), wide(connection_->proxy.proxy_password).c_str(), nullptr);
   }
   const std::wstring wide_headers = wide(headers);
+  const auto body_size = static_cast<DWORD>(body.size());
+  state_->buffer.assign(body.begin(), body.end());
   if (WinHttpSendRequest(request, wide_headers.c_str(), static_cast<DWORD>(wide_headers.size()),
-                         WINHTTP_NO_REQUEST_DATA, 0, WINHTTP_IGNORE_REQUEST_TOTAL_LENGTH,
+                         state_->buffer.data(), body_size, body_size,
                          reinterpret_cast<DWORD_PTR>(holder)) == FALSE) {
     return failure(GetLastError());
   }

@@ -65,9 +65,13 @@ class WinHttpExchange {
   WinHttpExchange(const WinHttpExchange&) = delete;
   WinHttpExchange& operator=(const WinHttpExchange&) = delete;
 
-  /* Each of them is OK, or why the step did not come to an end. `headers` end in CRLF. */
+  /*
+   * Each of them is OK, or why the step did not come to an end. `headers` end in CRLF; `body` is
+   * the whole of a small one, which leaves in one piece with them, or empty.
+   */
   CloudResult begin(const CloudContext& context, const std::string& method,
-                    const std::string& target, const std::string& headers, bool secure);
+                    const std::string& target, const std::string& headers, const std::string& body,
+                    bool secure);
   CloudResult write(const CloudContext& context, const char* data, size_t size);
   CloudResult receive_headers(const CloudContext& context);
   /* `size` is 0 at the end of the body; the bytes stay until the next step. */
