@@ -27,7 +27,10 @@ constexpr ox_u64 REGION = 4096;
 /* Not thread-safe but for what DriveFile does with it. */
 class RealDrive {
  public:
-  /* An empty cloud; nothing runs yet. */
+  /*
+   * An empty cloud; nothing runs yet. With TNW_CLOUD "RCLONE" or "APACHE" it is a folder of this
+   * server of web_servers.
+   */
   RealDrive();
   /* Stops the service. */
   ~RealDrive();
@@ -56,6 +59,7 @@ class RealDrive {
   std::map<std::string, tnw_fileinfo> list(const std::string& path, int* code = nullptr);
 
   TestFolder folder;
+  const std::filesystem::path cloud; /* the cloud's folder */
   tnw_tninit record;
   void* drive = nullptr;
   int error = -1; /* what tnw_init gave */

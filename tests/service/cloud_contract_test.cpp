@@ -258,7 +258,7 @@ TEST_P(CloudContract, AgreesWithPlainMemory) {
   std::map<std::string, std::string> model;
   std::map<std::string, std::string> versions;
   const auto any = [&] { return std::string(1, static_cast<char>('a' + random() % 4)); };
-  for (int step = 0; step < 300; step++) {
+  for (int step = 0; step < GetParam().model_steps; step++) {
     const std::string path = any();
     const std::string other = any();
     const std::string content = path + std::to_string(step);

@@ -19,6 +19,7 @@ struct CloudVariant {
   bool loses_answers = false;
   /* What a patch can do: nothing, change and add bytes, or cut as well. */
   enum Patches { NONE, GROWING, ALL } patches = ALL;
+  int model_steps = 300; /* fewer where each takes long */
 };
 
 /* Those of this platform; defined beside each test program's main source. */

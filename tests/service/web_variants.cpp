@@ -24,6 +24,6 @@ std::shared_ptr<tarnd::Cloud> open_web(const char* variable) {
 }  // namespace
 
 std::vector<CloudVariant> web_variants() {
-  return {{"Rclone", [] { return open_web("TNW_RCLONE"); }, false, CloudVariant::NONE},
-          {"Apache", [] { return open_web("TNW_APACHE"); }, false, CloudVariant::GROWING}};
+  return {{"Rclone", [] { return open_web("TNW_RCLONE"); }, false, CloudVariant::NONE, 80},
+          {"Apache", [] { return open_web("TNW_APACHE"); }, false, CloudVariant::GROWING, 80}};
 }

@@ -25,7 +25,8 @@ bool is_tag(const std::string& version) { return version.starts_with('"'); }
 /* An answer that may mean that something is not as it was expected. */
 bool wants_explanation(const CloudResult& result) {
   return result.code == CloudCode::CHANGED || result.code == CloudCode::NOT_FOUND ||
-         result.code == CloudCode::UNAUTHORISED || result.code == CloudCode::REFUSED;
+         result.code == CloudCode::UNAUTHORISED || result.code == CloudCode::REFUSED ||
+         result.code == CloudCode::UNKNOWN_OUTCOME;
 }
 
 /* A condition did not hold, and now it does: somebody was in between. */
@@ -258,12 +259,13 @@ CloudResult WebdavCloud::under_lock(const CloudContext& context, const std::stri
 CloudResult WebdavCloud::explain(const CloudContext& context, const Move& what,
                                  const CloudResult& result) {
   DavItem item;
-  CloudResult found = server_->look(context, what.from, &item);
+  CloudResult found = server_->look(context, parent_path(what.to), &item);
+  if (!found.ok() || result.code == CloudCode::UNKNOWN_OUTCOME) {
+    return found.code == CloudCode::NOT_FOUND ? found : result;
+  }
+  found = server_->look(context, what.from, &item);
   if (found.ok() && !what.from_version.empty() && version_of(item) != what.from_version) {
     return CloudResult::of(CloudCode::CHANGED);
-  }
-  if (found.ok()) {
-    found = server_->look(context, parent_path(what.to), &item);
   }
   if (found.ok()) {
     found = expect(context, what.to, what.to_version);

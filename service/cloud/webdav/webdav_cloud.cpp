@@ -20,6 +20,63 @@ constexpr std::chrono::milliseconds NAMES_FRESH{1000};
 
 std::string last_name(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
+/* What the answer to a ranged request hands out, once its headers have told what the bytes are. */
+class RangeReader {
+ public:
+  RangeReader(const std::string& version, ByteRange range, const DataSink& sink)
+      : version_(version), range_(range), sink_(sink), left_(range.length) {}
+
+  int take(const HttpAnswer& answer, const char* data, size_t size) {
+    const bool ranged = answer.status == 206;
+    if (!ranged && answer.status != 200) {
+      return 0;
+    }
+    if (!judged_) {
+      verdict_ = judge(answer, ranged);
+      judged_ = true;
+    }
+    if (!verdict_.ok()) {
+      return verdict_.error;
+    }
+    const auto past = static_cast<size_t>(std::min<uint64_t>(skip_, size));
+    const auto count = static_cast<size_t>(std::min<uint64_t>(left_, size - past));
+    skip_ -= past;
+    left_ -= count;
+    if (const int err = count == 0 ? 0 : sink_(data + past, count)) {
+      verdict_ = CloudResult::refused(err);
+      return err;
+    }
+    return left_ != 0 || ranged ? 0 : static_cast<int>(OX_EEXIST); /* only to end the call */
+  }
+
+  /* All came, or no more of it is wanted. */
+  bool has_ended() const { return left_ == 0 || !verdict_.ok(); }
+  CloudResult verdict() const { return verdict_; }
+
+ private:
+  /* Servers may answer with the whole, or with another part. */
+  CloudResult judge(const HttpAnswer& answer, bool ranged) {
+    ContentRange part = {{0, 0}, strtoull(answer.length.c_str(), nullptr, 10)};
+    if (ranged &&
+        (!parse_content_range(answer.content_range, &part) || part.range.offset != range_.offset)) {
+      return CloudResult::of(CloudCode::OFFLINE);
+    }
+    if (version_of(answer.tag, answer.last_modified, part.size) != version_) {
+      return CloudResult::of(CloudCode::CHANGED);
+    }
+    skip_ = ranged ? 0 : range_.offset;
+    return range_.end() > part.size ? CloudResult::refused(OX_EINVAL) : CloudResult{};
+  }
+
+  const std::string& version_;
+  const ByteRange range_;
+  const DataSink& sink_;
+  bool judged_ = false;
+  CloudResult verdict_;
+  uint64_t skip_ = 0; /* bytes of the body before the range */
+  uint64_t left_;
+};
+
 uint64_t now_as_file_time() {
   FILETIME now;
   GetSystemTimeAsFileTime(&now);
@@ -152,55 +209,24 @@ CloudResult WebdavCloud::list(const CloudContext& context, const std::string& pa
   return is_file ? CloudResult::refused(OX_ENOTDIR) : result;
 }
 
-/* The bytes are looked at only after the answer's headers have told what they are. */
 CloudResult WebdavCloud::read(const CloudContext& context, const std::string& path,
                               const std::string& version, ByteRange range, const DataSink& sink) {
   if (range.empty()) {
     return {};
   }
-  HttpAnswer answer;
-  CloudResult verdict;
-  uint64_t skip = 0;
-  uint64_t left = range.length;
-  bool judged = false;
-  const auto judge = [&] {
-    ContentRange part = {{0, 0}, 0};
-    const bool ranged = answer.status == 206;
-    judged = true;
-    if ((ranged && !parse_content_range(answer.content_range, &part)) ||
-        (ranged && part.range.offset != range.offset)) {
-      return CloudResult::of(CloudCode::OFFLINE);
-    }
-    const uint64_t size = ranged ? part.size : strtoull(answer.length.c_str(), nullptr, 10);
-    if (version_of(answer.tag, answer.last_modified, size) != version) {
-      return CloudResult::of(CloudCode::CHANGED);
-    }
-    skip = ranged ? 0 : range.offset;
-    return range.end() > size ? CloudResult::refused(OX_EINVAL) : CloudResult{};
-  };
-  const auto take = [&](const char* data, size_t size) {
-    if (answer.status != 200 && answer.status != 206) {
-      return 0;
-    }
-    verdict = judged ? verdict : judge();
-    const size_t past = static_cast<size_t>(std::min<uint64_t>(skip, size));
-    skip -= past;
-    const size_t count = static_cast<size_t>(std::min<uint64_t>(left, size - past));
-    left -= verdict.ok() ? count : 0;
-    const int err = !verdict.ok() ? verdict.error : count == 0 ? 0 : sink(data + past, count);
-    if (err != 0 && verdict.ok()) {
-      verdict = CloudResult::refused(err);
-    }
-    return err != 0 || left != 0 ? err : static_cast<int>(OX_EEXIST); /* only to end the call */
-  };
+  RangeReader reader(version, range, sink);
+  const std::string target = spelled_for_cloud(path);
   const std::string asked =
       "bytes=" + std::to_string(range.offset) + '-' + std::to_string(range.end() - 1);
-  CloudResult result = server_->get(context, spelled_for_cloud(path), asked, &answer, take);
-  if (!verdict.ok() || left == 0) {
-    return verdict;
+  HttpAnswer answer;
+  CloudResult result =
+      server_->get(context, target, asked, &answer,
+                   [&](const char* data, size_t size) { return reader.take(answer, data, size); });
+  if (reader.has_ended()) {
+    return reader.verdict();
   }
   if (answer.status == 416) {
-    result = expect(context, spelled_for_cloud(path), version);
+    result = expect(context, target, version);
     return result.ok() ? CloudResult::refused(OX_EINVAL) : result;
   }
   return result.ok() ? CloudResult::of(CloudCode::OFFLINE) : result; /* the body was cut short */
