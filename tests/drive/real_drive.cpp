@@ -38,8 +38,7 @@ std::string variable(const std::string& name) {
 }
 
 /* The server's folder, or a folder with a blank in its name, which is made. */
-fs::path make_cloud(const TestFolder& folder) {
-  const std::string server = variable("TNW_CLOUD");
+fs::path make_cloud(const TestFolder& folder, const std::string& server) {
   const fs::path cloud =
       server.empty() ? fs::path(folder / "my cloud")
                      : fs::path(variable("TNW_" + server + "_FOLDER")) / folder.path().filename();
@@ -47,8 +46,7 @@ fs::path make_cloud(const TestFolder& folder) {
   return cloud;
 }
 
-std::string cloud_address(const fs::path& cloud) {
-  const std::string server = variable("TNW_CLOUD");
+std::string cloud_address(const fs::path& cloud, const std::string& server) {
   return server.empty() ? file_url(cloud.string())
                         : variable("TNW_" + server) + cloud.filename().string() + '/';
 }
@@ -58,11 +56,13 @@ std::string cloud_address(const fs::path& cloud) {
 /*
  * The log goes beside the test only if it is opened before the first start.
  */
-RealDrive::RealDrive()
-    : cloud(make_cloud(folder)), record(start_record(folder, beside_test("tarnd.exe"))) {
+RealDrive::RealDrive(const std::string& server)
+    : server_(server.empty() ? variable("TNW_CLOUD") : server),
+      cloud(make_cloud(folder, server_)),
+      record(start_record(folder, beside_test("tarnd.exe"))) {
   LogCapture opens_the_log;
   set_field(record.tnw_workdir, folder / "work");
-  set_field(record.tnw_api_addr, cloud_address(cloud));
+  set_field(record.tnw_api_addr, cloud_address(cloud, server_));
   record.tnw_max_threads = 4;
   SetEnvironmentVariableA("TARND_REGION_SHIFT", "12");
   SetEnvironmentVariableA("TARND_COUNTS", counts_file(folder).c_str());

@@ -28,10 +28,10 @@ constexpr ox_u64 REGION = 4096;
 class RealDrive {
  public:
   /*
-   * An empty cloud; nothing runs yet. With TNW_CLOUD "RCLONE" or "APACHE" it is a folder of this
-   * server of web_servers.
+   * An empty cloud; nothing runs yet. It is a folder of this server of web_servers ("RCLONE"); an
+   * empty text means the one that TNW_CLOUD names, or a plain folder.
    */
-  RealDrive();
+  explicit RealDrive(const std::string& server = "");
   /* Stops the service. */
   ~RealDrive();
 
@@ -59,6 +59,11 @@ class RealDrive {
   std::map<std::string, tnw_fileinfo> list(const std::string& path, int* code = nullptr);
 
   TestFolder folder;
+
+ private:
+  const std::string server_; /* empty: a plain folder */
+
+ public:
   const std::filesystem::path cloud; /* the cloud's folder */
   tnw_tninit record;
   void* drive = nullptr;

@@ -78,7 +78,7 @@ bool CertificateAuthority::load(const std::string& path, std::string* error) {
   const std::string bytes = without_pem(text);
   roots_ = CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, 0, nullptr);
   CERT_CHAIN_ENGINE_CONFIG config = {};
-  config.cbSize = sizeof config;
+  config.cbSize = offsetof(CERT_CHAIN_ENGINE_CONFIG, dwExclusiveFlags); /* all systems take this */
   config.hExclusiveRoot = roots_;
   if (roots_ == nullptr ||
       CertAddEncodedCertificateToStore(
@@ -293,7 +293,7 @@ CloudResult WinHttpExchange::read(const CloudContext& context, const char** data
 }
 
 CloudResult WinHttpExchange::failure(DWORD error) const {
-  OX_LOG(OX_DEBUG_LEVEL, static_cast<ox_s32>(error), "A request failed");
+  OX_LOG(OX_DEBUG_LEVEL, static_cast<ox_s32>(error), "A request failed (%lu)", error);
   return CloudResult::of(never_sent(error) ? CloudCode::OFFLINE : CloudCode::UNKNOWN_OUTCOME);
 }
 
