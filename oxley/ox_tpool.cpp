@@ -145,7 +145,7 @@ void serve_leftovers_locked(ox_tpool_t* tp) {
 void finish_jobs_locked(ox_tpool_t* tp) {
   OX_ASSERT_HELD(&tp->tp_lock);
   tp->tp_flags &= ~ox_u32{OX_TPOOL_FL_PAUSE};
-  (void)pthread_cond_broadcast(&tp->tp_worker_cv);
+  ox_tpool_rouse_all_locked(tp);
   while (tp->tp_cur_count != 0 || !ox_tpool_queue_empty_locked(tp)) {
     if (tp->tp_state == OX_TPOOL_ACTIVE) {
       tp->tp_state = OX_TPOOL_DRAINING;
@@ -177,17 +177,24 @@ void abort_and_unlock(ox_tpool_t* tp) {
   ox_tpool_unlock_and_join(tp);
 }
 
-/* True for the one call that may abort or destroy the pool, which is then locked. False, without
- * the lock, when the pool was aborted or another call is destroying it. */
+/*
+ * True for the one call that may abort or destroy the pool, which is then locked. False, without
+ * the lock, when the pool was aborted or another call is destroying it, which gets the flags: a
+ * STOP hurries a destroy that still works on a long queue.
+ */
 bool claim_and_lock(ox_tpool_t* tp, ox_u32 flags) {
   if (ox_tpool_lock(tp) != 0) {
     return false;
   }
-  if (tp->tp_state == OX_TPOOL_ABORTED || tp->tp_closing) {
+  const bool destroyed_by_other = tp->tp_closing;
+  if (tp->tp_state != OX_TPOOL_ABORTED) {
+    tp->tp_flags |= flags;
+  }
+  if (tp->tp_state == OX_TPOOL_ABORTED || destroyed_by_other) {
+    (void)pthread_cond_broadcast(&tp->tp_worker_cv);
     (void)ox_unlock(&tp->tp_lock);
     return false;
   }
-  tp->tp_flags |= flags;
   tp->tp_closing = (flags & OX_TPOOL_FL_ABORT) == 0;
   return true;
 }

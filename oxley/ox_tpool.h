@@ -137,12 +137,15 @@ ox_tpool_t* ox_tpool_create_external(const char* name, ox_tpool_init_func_t init
 
 /*
  * Queues `func(args, ...)`. 0, or an error, after which the job is not queued: 22 while the pool
- * drains and the caller is not one of its workers (which it tells by the thread's name); a lock
- * error; errno after a failed allocation. `notify` may be null; it stays the caller's.
+ * drains and the caller is not one of its workers (which it tells by the thread's name; a thread
+ * whose name is too long to be a worker's, or that has none, is no worker); the error of any other
+ * failure to read that name; a lock error; errno after a failed allocation. `notify` may be null;
+ * it stays the caller's.
  *
  * The call starts a worker when none is idle, and also when more jobs wait than workers are idle,
  * so that a burst of jobs does not queue up behind one idle worker; there are never more than
- * max_threads. A worker that cannot be started is not an error: the next call tries again.
+ * max_threads. What was queued during a pause starts its workers when the pause ends. A worker that
+ * cannot be started is not an error: the next call tries again.
  */
 int ox_queue_work(ox_tpool_t* tp, ox_job_notify_t* notify, ox_job_func_t func, void* args);
 
@@ -170,7 +173,9 @@ void ox_drain_tpool(ox_tpool_t* tp, ox_u32 flags);
  *
  * Otherwise: lifts a pause, waits for the workers as ox_drain_tpool does (they run the queued jobs,
  * or drop them with OX_TPOOL_FL_STOP), waits until no other thread is inside a drain or a
- * drain_wait of the pool, and frees it. On return the worker threads have ended, so that their code
+ * drain_wait of the pool, and frees it. A second destroy that comes meanwhile only adds its flags,
+ * and returns at once: with OX_TPOOL_FL_STOP the queued jobs are then dropped. On return of the
+ * first the worker threads have ended, so that their code
  * may be unloaded.
  */
 void ox_destroy_tpool(ox_tpool_t* tp, ox_u32 flags);

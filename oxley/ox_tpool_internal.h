@@ -47,6 +47,11 @@ void ox_tpool_wait_for_others_locked(ox_tpool_t* tp);
 
 /* Starts a worker; a failure is logged and leaves the counts as they were. */
 bool ox_tpool_start_worker_locked(ox_tpool_t* tp);
+/*
+ * Wakes the workers at the end of a pause, and starts more when more jobs wait than workers are
+ * idle, as a queueing call does outside of a pause.
+ */
+void ox_tpool_rouse_all_locked(ox_tpool_t* tp);
 /* Does a worker's work on the calling thread until a worker would leave. The lock is free while a
  * job runs. */
 void ox_tpool_work_here_locked(ox_tpool_t* tp);

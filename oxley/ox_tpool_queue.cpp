@@ -100,6 +100,16 @@ int ox_queue_work(ox_tpool_t* tp, ox_job_notify_t* notify, ox_job_func_t func, v
   return rc;
 }
 
+void ox_tpool_rouse_all_locked(ox_tpool_t* tp) {
+  OX_ASSERT_HELD(&tp->tp_lock);
+  (void)pthread_cond_broadcast(&tp->tp_worker_cv);
+  ox_u32 waiting = ox_tpool_stopping_locked(tp) ? 0 : tp->tp_qlen;
+  while (waiting > tp->tp_idle_count && tp->tp_cur_count < tp->tp_max_threads &&
+         ox_tpool_start_worker_locked(tp)) {
+    --waiting;
+  }
+}
+
 int ox_tpool_pause(ox_tpool_t* tp) {
   const int rc = lock_for_flag(tp, OX_TPOOL_FL_PAUSE);
   if (rc == 0) {
@@ -116,11 +126,7 @@ int ox_tpool_resume(ox_tpool_t* tp) {
   }
   OX_LOG(OX_INFO_LEVEL, 0, "Thread pool [%s] resuming.", tp->tp_name);
   tp->tp_flags &= ~ox_u32{OX_TPOOL_FL_PAUSE};
-  (void)pthread_cond_broadcast(&tp->tp_worker_cv);
-  /* Surplus workers leave during a pause. The jobs that waited for its end need a new one. */
-  if (tp->tp_cur_count == 0 && tp->tp_max_threads > 0 && !ox_tpool_queue_empty_locked(tp)) {
-    (void)ox_tpool_start_worker_locked(tp);
-  }
+  ox_tpool_rouse_all_locked(tp);
   (void)ox_unlock(&tp->tp_lock);
   return 0;
 }

@@ -44,4 +44,13 @@ std::string Counters::text() const {
   return text;
 }
 
+std::string text_of(const CloudCounts& counts) {
+  std::string text;
+  for (size_t i = 0; i < CLOUD_CALLS; i++) {
+    add_line(&text, (std::string("cloud_") + CLOUD_CALL_NAMES[i]).c_str(), counts.calls[i]);
+  }
+  add_line(&text, "cloud_calls", counts.all());
+  return text;
+}
+
 }  // namespace tarnd

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "cloud/cloud_counts.h"
 #include "tnv_proto.h"
 
 namespace tarnd {
@@ -39,6 +40,9 @@ class Counters {
  private:
   std::array<std::atomic<uint64_t>, TNV_OP_MAX + 1> requests_ = {}; /* last: unknown codes */
 };
+
+/* The same for the calls of the cloud: "cloud_put" and so on, then "cloud_calls" (their sum). */
+std::string text_of(const CloudCounts& counts);
 
 }  // namespace tarnd
 

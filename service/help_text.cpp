@@ -12,7 +12,8 @@ follow a value belong to it. A quote groups words; a backslash is never an escap
 
 The cloud and the user:
   --addr URL             the cloud: file:///Z:/a%20folder (percent-encoded), or a folder of a
-                         WebDAV server: https://host:port/folder/
+                         WebDAV server: https://host:port/folder/; with "fault+" before it the same
+                         cloud as one that is far away and fails
   --cfs URL              the cloud's own name: https://domain
   --user NAME            the user
   --access-token TOKEN   the user's token; "expired" is one that the cloud does not accept. A web
@@ -54,6 +55,8 @@ For development:
   TARND_LATENCY_MS=N     waits before each answer, up to 60000 (0)
   TARND_LATENCY_OPS=LIST only before the answers of these operations: "open,cache_region"
   TARND_COUNTS=FILE      writes the counts there at the end: "name value", one a line
+  TARND_FAULTS=SCRIPT    what the cloud of an address that begins with "fault+" does wrong: see
+                         service/cloud/fault/fault_script.h
   TARND_DEBUG=N          debug messages up to this verbosity, 0 to 5
 
 Ends with 0 after a SHUTDOWN request or Ctrl-C; 1 when it cannot start; 2 for a wrong command line or

@@ -71,8 +71,8 @@ std::string log_path(const std::string& utf8) {
   return bytes > 0 ? narrow : utf8;
 }
 
-void report_counts(const Service& service) {
-  const std::string text = service.counters.text();
+void report_counts(const Service& service, const CloudCounts& cloud_counts) {
+  const std::string text = service.counters.text() + text_of(cloud_counts);
   fputs(text.c_str(), stdout);
   fflush(stdout);
   for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos;
@@ -94,7 +94,7 @@ void report_counts(const Service& service) {
 }
 
 /* Serves from here on to the end: recovery, clients, the way back. */
-int serve(Service& service) {
+int serve(Service& service, const CloudCounts& cloud_counts) {
   if (!service.recover()) {
     return fail(CANNOT_START, "Cannot read the service's database in the cache directory");
   }
@@ -110,7 +110,7 @@ int serve(Service& service) {
     running = nullptr;
   }
   const size_t unsaved = service.finish();
-  report_counts(service);
+  report_counts(service, cloud_counts);
   if (unsaved != 0) {
     return fail(UNSAVED, std::to_string(unsaved) +
                              " files are not in the cloud yet; they go up after the next start");
@@ -122,7 +122,7 @@ int serve(Service& service) {
 CloudSettings cloud_settings(const Options& options, CloudCounts* counts) {
   CloudSettings settings;
   settings.counts = counts;
-  settings.faults = variable("TARND_FAULTS").value_or("");
+  settings.faults = options.faults;
   settings.connections = static_cast<unsigned>(options.connections);
   settings.ca_file = options.ca;
   return settings;
@@ -174,7 +174,7 @@ int run(const Options& options) {
     return fail(CANNOT_START, "Cannot use the cache directory or Windows Sockets");
   }
   Service service(options, std::move(cloud), cache);
-  return serve(service);
+  return serve(service, counts);
 }
 
 int main(int argc, char** argv) {

@@ -187,6 +187,7 @@ bool parse_environment(const Environment& environment, Options* options, std::st
   }
   options->ca = environment("TARND_CA").value_or("");
   options->counts_file = environment("TARND_COUNTS").value_or("");
+  options->faults = environment("TARND_FAULTS").value_or("");
   return number("TARND_REGION_SHIFT", 62, &options->region_shift) &&
          number("TARND_UTXID", UINT64_MAX, &options->first_utxid) &&
          number("TARND_LATENCY_MS", uint32_t{60000}, &options->latency_ms) &&

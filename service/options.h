@@ -57,6 +57,7 @@ struct Options {
   uint32_t latency_ms = 0;
   std::set<uint32_t> latency_ops; /* operation codes; empty: all */
   std::string counts_file;
+  std::string faults;   /* the script of a fault cloud */
   int debug_level = -1; /* -1: the library's own */
 };
 

@@ -106,7 +106,8 @@ Service::Service(const Options& opts, std::unique_ptr<Cloud> the_cloud, const st
       folder(cache + L"\\files"),
       credentials(opts),
       limits(opts.cache_size, opts.keep_free, [cache] { return free_space(cache); }),
-      transfers(*cloud, static_cast<unsigned>(opts.transfers)),
+      transfers(
+          *cloud, [this] { return credentials.now(); }, static_cast<unsigned>(opts.transfers)),
       environment{*cloud,
                   store,
                   transfers,

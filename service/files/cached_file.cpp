@@ -134,7 +134,10 @@ int CachedFile::bring_up_to_date(const AttachHow& how) {
   }
   const bool in_use = !opens_.empty() || is_on_record(record_.state);
   const bool same = entry.version == record_.base.version && entry.size == record_.base.size;
-  if (!in_use && !(filled_ && same)) {
+  if (!in_use && filled_ && !same) {
+    return refill_from_now();
+  }
+  if (!in_use && !filled_) {
     return refill(entry);
   }
   if (entry_.version.empty() && same && !record_.is_new) {
@@ -151,6 +154,18 @@ int CachedFile::bring_up_to_date(const AttachHow& how) {
 bool CachedFile::resized_while_closed() const {
   uint64_t size = 0;
   return local_.size(&size) != 0 || size != clean_size_;
+}
+
+/* The entry was looked up before the turn: an upload of ours may have ended since. */
+int CachedFile::refill_from_now() {
+  CloudEntry entry;
+  const CloudResult result = env_.cloud.status(env_.context(), record_.path, &entry);
+  const bool same = entry.version == record_.base.version && entry.size == record_.base.size;
+  if (!result.ok() || entry.folder) {
+    return result.code == CloudCode::NOT_FOUND || result.ok() ? OX_EAGAIN : result.error;
+  }
+  const bool usable = same && (local_.is_open() || local_.open_existing() == 0);
+  return usable && !resized_while_closed() ? 0 : refill(entry);
 }
 
 /* Forgets the local content: the file is as long as the cloud's, and nothing of it is fetched. */

@@ -16,8 +16,9 @@
  *
  * Threads: any. Two things guard a file:
  *   - its turn: one thread at a time changes the content, seals it, begins or ends an upload,
- * opens, closes, renames or deletes it. It may be held over work on the disk and over the cloud's
- * part of a rename or delete, never over a fetch or an upload. Others wait for it, by `moved_on_`;
+ * opens, closes, renames or deletes it. It may be held over work on the disk, over the cloud's
+ * part of a rename or delete and over one look at the cloud, never over a fetch or an upload.
+ * Others wait for it, by `moved_on_`;
  *   - `lock_`, held for moments, guards the fields. Those that only change under the turn may be
  *     read by its holder without it.
  * Fetches take neither; who cuts the file ends them first.
@@ -268,12 +269,13 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
   bool took_the_other_path(const CloudContext& context);
   int wait_for_upload(uint64_t attempts);
 
-  /* cached_file_regions.cpp; the first three for the fetches, on any thread. */
+  /* cached_file_regions.cpp; the first four for the fetches, on any thread. */
   FetchTarget::Source source() override;
+  std::vector<ByteRange> missing(ByteRange range) override;
   int write(uint64_t offset, const char* data, size_t size) override;
   void arrived(ByteRange range) override;
-  int fetch_all(Run regions);
-  int fetch_run(Run regions);
+  int fetch_all(Run regions, ByteRange ahead = {});
+  int fetch_ranges(const std::vector<ByteRange>& ranges, ByteRange ahead);
   bool moved_from(const FetchTarget::Source& before);
   /* Ends all fetches, and keeps others from beginning for its lifetime. */
   class NoFetches {
@@ -286,7 +288,8 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
    private:
     CachedFile& file_;
   };
-  void read_ahead(FileOpen* open, uint64_t offset, uint64_t length);
+  ByteRange read_ahead(FileOpen* open, uint64_t offset, uint64_t length);
+  std::vector<ByteRange> missing_of(Run regions) const;
   int look_up_size(const FileOpen& open, uint64_t* size);
   int change(Turn& turn, Work& work);
   int cut(Turn& turn, uint64_t size, bool told);
@@ -297,6 +300,7 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
 
   /* cached_file.cpp; with the turn, but for the last. */
   int bring_up_to_date(const AttachHow& how);
+  int refill_from_now();
   int refill(const CloudEntry& entry);
   int begin_new(Turn& turn);
   int hand_out(Turn& turn, const AttachHow& how, uint64_t* handle);

@@ -1,5 +1,7 @@
 /* A cached file: its regions, how they are fetched, and how the content changes. */
 #include <algorithm>
+#include <numeric>
+#include <utility>
 
 #include "files/cached_file.h"
 #include "ox_errno.h"
@@ -17,6 +19,22 @@ constexpr int PATH_CHANGED = -1; /* a fetch is to begin anew */
 FetchTarget::Source CachedFile::source() {
   const std::lock_guard guard(lock_);
   return {record_.base.path, record_.base.version};
+}
+
+std::vector<ByteRange> CachedFile::missing(ByteRange range) {
+  const std::lock_guard guard(lock_);
+  return missing_of(record_.store.regions(range.offset, range.length));
+}
+
+/* With lock_ held. */
+std::vector<ByteRange> CachedFile::missing_of(Run regions) const {
+  std::vector<ByteRange> missing;
+  for (Run run = record_.store.next_to_fetch(regions); !run.empty();
+       run = record_.store.next_to_fetch({run.end, regions.end})) {
+    const Extent bytes = record_.store.cloud_bytes(run);
+    missing.push_back({bytes.offset, bytes.end - bytes.offset});
+  }
+  return missing;
 }
 
 int CachedFile::write(uint64_t offset, const char* data, size_t size) {
@@ -48,19 +66,21 @@ CachedFile::NoFetches::~NoFetches() {
   file_.moved_on_.notify_all();
 }
 
-/* A fetch that a truncation ended begins anew: there may be nothing to fetch any more. */
-int CachedFile::fetch_all(Run regions) {
+/*
+ * A fetch that a truncation ended begins anew: there may be nothing to fetch any more. `ahead` is
+ * fetched behind it, and not waited for.
+ */
+int CachedFile::fetch_all(Run regions, ByteRange ahead) {
   Lock lock(lock_);
-  int err = 0;
   for (;;) {
     moved_on_.wait(lock, [&] { return !fetches_stop_; });
-    const Run missing = record_.store.next_to_fetch(regions);
-    if (missing.empty()) {
+    const std::vector<ByteRange> missing = missing_of(regions);
+    if (missing.empty() && ahead.empty()) {
       return 0;
     }
     fetching_++;
     lock.unlock();
-    err = fetch_run(missing);
+    const int err = fetch_ranges(missing, std::exchange(ahead, {}));
     lock.lock();
     fetching_--;
     moved_on_.notify_all();
@@ -73,27 +93,28 @@ int CachedFile::fetch_all(Run regions) {
 
 /*
  * Whether the file has another path or base than when its fetch began. A rename may be under way,
- * so its end is awaited; not that of a truncation, which itself waits for the fetch.
+ * or an upload that is in the cloud already, so their end is awaited; not that of a truncation,
+ * which itself waits for the fetch.
  */
 bool CachedFile::moved_from(const FetchTarget::Source& before) {
   Lock lock(lock_);
-  moved_on_.wait(lock, [&] { return !turn_taken_ || fetches_stop_; });
+  moved_on_.wait(
+      lock, [&] { return fetches_stop_ || (!turn_taken_ && !is_uploading(record_.state.change)); });
   return record_.base.path != before.path || record_.base.version != before.version;
 }
 
 /* OX_EAGAIN: it was ended before its time. */
-int CachedFile::fetch_run(Run regions) {
+int CachedFile::fetch_ranges(const std::vector<ByteRange>& ranges, ByteRange ahead) {
   const FetchTarget::Source before = source();
-  Extent bytes;
-  {
-    const std::lock_guard guard(lock_);
-    bytes = record_.store.cloud_bytes(regions);
-  }
-  const uint64_t length = bytes.end - bytes.offset;
-  if (!env_.may_fetch(length)) {
+  const uint64_t bytes =
+      std::accumulate(ranges.begin(), ranges.end(), uint64_t{0},
+                      [](uint64_t sum, const ByteRange& range) { return sum + range.length; });
+  if (!ranges.empty() && !env_.may_fetch(bytes)) {
     return OX_ENOSPC;
   }
-  const CloudResult result = fetches_.fetch({bytes.offset, length}, env_.context());
+  const bool room = !ahead.empty() && env_.may_fetch(bytes + ahead.length);
+  const CloudResult result =
+      fetches_.fetch(ranges, room ? ahead : ByteRange{}, env_.context().deadline);
   switch (result.code) {
     case CloudCode::CANCELLED:
       return OX_EAGAIN;
@@ -106,27 +127,17 @@ int CachedFile::fetch_run(Run regions) {
   }
 }
 
-/* Ahead of somebody who reads from front to back. */
-void CachedFile::read_ahead(FileOpen* open, uint64_t offset, uint64_t length) {
-  Lock lock(lock_);
-  const uint64_t limit = record_.store.limit();
-  const ByteRange ahead = open->reads.next(offset, length, limit);
-  const Run missing =
-      ahead.empty()
-          ? Run{}
-          : record_.store.next_to_fetch(record_.store.regions(ahead.offset, ahead.length));
-  if (missing.empty() || fetches_stop_) {
-    return;
+/* What to fetch ahead of somebody who reads from front to back. */
+ByteRange CachedFile::read_ahead(FileOpen* open, uint64_t offset, uint64_t length) {
+  const std::lock_guard guard(lock_);
+  const ByteRange ahead = open->reads.next({offset, length}, record_.store.limit());
+  const Run regions = record_.store.regions(ahead.offset, ahead.length);
+  const Run missing = record_.store.next_to_fetch(regions);
+  if (missing.empty()) {
+    return {};
   }
-  const Extent bytes = record_.store.cloud_bytes(missing);
-  fetching_++;
-  lock.unlock();
-  if (env_.may_fetch(bytes.end - bytes.offset)) {
-    fetches_.read_ahead({bytes.offset, bytes.end - bytes.offset}, env_.context());
-  }
-  lock.lock();
-  fetching_--;
-  moved_on_.notify_all();
+  const Extent bytes = record_.store.cloud_bytes({missing.first, regions.end});
+  return {bytes.offset, bytes.end - bytes.offset};
 }
 
 /* ------------------------------------------------------------------ requests of an open */
@@ -196,14 +207,16 @@ int CachedFile::cache_regions(FileOpen* open, uint64_t offset, uint64_t length, 
   if (regions.empty()) {
     return length == 0 ? 0 : OX_E2BIG;
   }
-  if (!truncating) {
-    read_ahead(open, offset, length);
-  }
-  const int err = fetch_all(regions);
+  const ByteRange ahead = truncating ? ByteRange{} : read_ahead(open, offset, length);
+  const int err = fetch_all(regions, ahead);
   const std::lock_guard guard(lock_);
   answer->start = record_.store.start(regions.first);
-  answer->cached = err == 0 ? cached_up_to(*open, regions) - offset : 0;
-  open->reads.answered(offset + answer->cached);
+  if (err == 0) {
+    const uint64_t until = std::max(record_.store.start(regions.end), open->reads.tell_until());
+    const uint64_t told = std::min(cached_up_to(*open, regions), until);
+    open->reads.told(told);
+    answer->cached = told - offset;
+  }
   return err;
 }
 

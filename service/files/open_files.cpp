@@ -317,9 +317,10 @@ int OpenFiles::rename(const CloudEntry& entry, const std::string& from, const st
   if (err == 0) {
     err = is_new ? check_new_place(entry, to, &made)
                  : env_.cloud
-                       .rename(env_.context(), from, to,
-                               {.source_version = entry.version, .source_modified = entry.modified},
-                               &made)
+                       .rename(
+                           env_.context(), from, to,
+                           {.source_version = current.version, .source_modified = current.modified},
+                           &made)
                        .error;
   }
   if (err != 0) {

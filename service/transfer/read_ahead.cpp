@@ -3,22 +3,25 @@
 #include <algorithm>
 
 namespace tarnd {
-namespace {
 
-constexpr uint64_t FIRST_WINDOW = uint64_t{8} << 20;
-constexpr uint64_t LAST_WINDOW = uint64_t{64} << 20;
+/* A window's length off is in order, too: several threads may read for one reader. */
+bool ReadAhead::goes_on(ByteRange asked) const {
+  return told_ != 0 && asked.offset + window_ >= told_ && asked.offset <= told_ + window_;
+}
 
-} /* namespace */
+void ReadAhead::told(uint64_t end) { told_ = window_ == 0 ? end : std::max(told_, end); }
 
-ByteRange ReadAhead::next(uint64_t offset, uint64_t length, uint64_t size) {
-  const uint64_t end = offset + length;
-  const bool follows = expected_ != 0 && offset <= expected_ && expected_ < end;
-  in_a_row_ = follows ? in_a_row_ + 1 : 0;
-  window_ = in_a_row_ < 2 ? 0 : std::clamp(2 * window_, FIRST_WINDOW, LAST_WINDOW);
-  if (window_ == 0 || end >= size) {
+ByteRange ReadAhead::next(ByteRange asked, uint64_t size) {
+  const uint64_t end = std::min(asked.end(), size);
+  if (!goes_on(asked)) {
+    *this = {};
     return {};
   }
-  return {end, std::min(window_, size - end)};
+  window_ = std::clamp(4 * window_, FIRST_WINDOW, LARGEST_WINDOW);
+  const uint64_t from = std::max(ahead_, end);
+  ahead_ = std::max(from, std::min(end + window_, size));
+  tell_until_ = ahead_ >= size ? UINT64_MAX : end + (ahead_ - end) / 2;
+  return {from, ahead_ - from};
 }
 
 } /* namespace tarnd */

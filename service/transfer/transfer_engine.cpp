@@ -1,24 +1,25 @@
 #include "transfer/transfer_engine.h"
 
-namespace tarnd {
+#include <algorithm>
+#include <utility>
 
-TransferEngine::TransferEngine(Cloud& cloud, unsigned threads) : cloud_(cloud) {
-  for (unsigned i = 0; i < threads; i++) {
+#include "transfer/file_fetches.h"
+
+namespace tarnd {
+namespace {
+
+/* Read-ahead leaves one place free, unless there is but one, and that is free. */
+bool has_place(size_t running, size_t places, bool ahead) {
+  return ahead && running > 0 ? running + 1 < places : running < places;
+}
+
+} /* namespace */
+
+TransferEngine::TransferEngine(Cloud& cloud, Credentials credentials, unsigned reads)
+    : cloud_(cloud), credentials_(std::move(credentials)), places_(std::max(reads, 1u)) {
+  for (size_t i = 0; i < places_; i++) {
     threads_.emplace_back([this] { work(); });
   }
-}
-
-TransferEngine::~TransferEngine() { stop(); }
-
-void TransferEngine::run(Job job) {
-  const std::lock_guard guard(lock_);
-  jobs_.push_back(std::move(job));
-  changed_.notify_one();
-}
-
-bool TransferEngine::is_stopping() {
-  const std::lock_guard guard(lock_);
-  return stopping_;
 }
 
 void TransferEngine::stop() {
@@ -26,26 +27,50 @@ void TransferEngine::stop() {
   {
     const std::lock_guard guard(lock_);
     stopping_ = true;
+    for (CancelFlag* flag : reading_) {
+      flag->raise();
+    }
     threads.swap(threads_);
-    changed_.notify_all();
+    work_.notify_all();
+    arrived_.notify_all();
   }
   for (std::thread& thread : threads) {
     thread.join();
   }
 }
 
+void TransferEngine::enqueue(FileFetches* file) {
+  if (std::find(queue_.begin(), queue_.end(), file) == queue_.end()) {
+    queue_.push_back(file);
+  }
+  work_.notify_one();
+}
+
+/* Takes the file out of the queue; it comes back at the end if it has more. */
+FileFetches* TransferEngine::next() {
+  for (const bool ahead : {false, true}) {
+    const auto next = std::find_if(queue_.begin(), queue_.end(), [&](const FileFetches* file) {
+      return file->wants(ahead) && has_place(reading_.size(), places_, ahead) &&
+             has_place(file->reads_.size(), std::max<size_t>(places_ / 2, 1), ahead);
+    });
+    if (next != queue_.end()) {
+      FileFetches* file = *next;
+      queue_.erase(next);
+      return file;
+    }
+  }
+  return nullptr;
+}
+
 void TransferEngine::work() {
-  std::unique_lock lock(lock_);
+  Lock lock(lock_);
   for (;;) {
-    changed_.wait(lock, [this] { return stopping_ || !jobs_.empty(); });
-    if (jobs_.empty()) {
+    FileFetches* file = nullptr;
+    work_.wait(lock, [&] { return stopping_ || (file = next()) != nullptr; });
+    if (stopping_) {
       return;
     }
-    const Job job = std::move(jobs_.front());
-    jobs_.pop_front();
-    lock.unlock();
-    job();
-    lock.lock();
+    file->serve(&lock);
   }
 }
 

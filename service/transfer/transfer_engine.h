@@ -1,13 +1,22 @@
 /*
- * Runs transfers that nobody waits for, several at a time. What somebody waits for runs on the
- * thread that waits. Any thread.
+ * The threads that read contents of the cloud for the fetches of all files (file_fetches.h), a few
+ * reads at a time.
+ *
+ * What somebody waits for goes before read-ahead, of whatever file, and one thread is always left
+ * for it. Files take turns, and none has more than half of the threads. Uploads have threads of
+ * their own (upload_queue.h): neither direction keeps the other one waiting.
+ *
+ * Threads: any thread may call anything. One lock guards this object and the fetches of all files.
+ * It is held for moments, never over a read or a call of a file; and it is one for all because a
+ * lock that somebody had to wait for keeps a system object for as long as the process lives.
  */
 #ifndef SERVICE_TRANSFER_ENGINE_H
 #define SERVICE_TRANSFER_ENGINE_H
 
 #include <condition_variable>
-#include <deque>
 #include <functional>
+#include <list>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -16,26 +25,37 @@
 
 namespace tarnd {
 
+class FileFetches;
+
 class TransferEngine {
  public:
-  using Job = std::function<void()>;
+  using Credentials = std::function<std::shared_ptr<const CloudCredentials>()>;
 
-  TransferEngine(Cloud& cloud, unsigned threads);
-  ~TransferEngine();
+  /* `reads`: how many at a time, at least 1. The cloud outlives it; it outlives all fetches. */
+  TransferEngine(Cloud& cloud, Credentials credentials, unsigned reads);
+  ~TransferEngine() { stop(); }
 
-  Cloud& cloud() const { return cloud_; }
-  void run(Job job);
-  bool is_stopping();
-  /* What waits runs out, and should look at is_stopping(); returns when nothing runs. */
+  /* Ends all reads. Who waits for one, or comes later, is answered CANCELLED. */
   void stop();
 
  private:
+  friend class FileFetches;
+  using Lock = std::unique_lock<std::mutex>;
+
   void work();
+  /* These want lock_ held. */
+  FileFetches* next();
+  void enqueue(FileFetches* file);
 
   Cloud& cloud_;
-  std::mutex lock_; /* guards the fields below */
-  std::condition_variable changed_;
-  std::deque<Job> jobs_;
+  const Credentials credentials_;
+  const size_t places_; /* reads at a time */
+
+  std::mutex lock_;                 /* guards the fields below, and those of all FileFetches */
+  std::condition_variable work_;    /* a file has something to read */
+  std::condition_variable arrived_; /* bytes came, or will not come any more */
+  std::list<FileFetches*> queue_;   /* files with something to read; the next one first */
+  std::list<CancelFlag*> reading_;  /* of the reads under way */
   bool stopping_ = false;
   std::vector<std::thread> threads_; /* fixed until stop() */
 };

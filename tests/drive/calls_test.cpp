@@ -53,6 +53,13 @@ class Calls : public testing::Test {
   const std::string local_ = drive_.folder / "local";
 };
 
+/* An answer with a transaction id, so that the client's own events are written, too. */
+void answer_with_id(PeerConnection& conn, ox_u32 err, const Bytes& payload = {}) {
+  tnv_resphdr header = conn.header(err, static_cast<ox_u32>(payload.size()));
+  header.rhdr_utxid = 5;
+  conn.send(bytes_of(header) + payload);
+}
+
 /* A text with NULs inside. */
 template <size_t N>
 std::string raw(const char (&text)[N]) {
@@ -141,7 +148,6 @@ std::string not_fetched(int err, const std::string& range) {
 
 }  // namespace
 
-/* Every answer carries a transaction id, so that the client's own events are written, too. */
 TEST_F(Calls, TransferWhatTheServicesAnswersLetThem) {
   const std::string not_reported =
       "EVENT TNV_OP_DIRTY_REGION 28\nERROR 28 ada: dirty_region(FD, 1, 2 : " + ID +
@@ -190,9 +196,7 @@ TEST_F(Calls, TransferWhatTheServicesAnswersLetThem) {
     drive_.peer->on_request([&](PeerConnection& conn) {
       const tnv_cache_region_resp fetched = {0, 1, CONTENT.size(), 0, {}};
       const bool fetch = conn.opcode() == TNV_OP_CACHE_REGION;
-      tnv_resphdr header = conn.header(fetch ? c.fetch_err : c.report_err, sizeof fetched);
-      header.rhdr_utxid = 5;
-      conn.send(bytes_of(header) + bytes_of(fetched));
+      answer_with_id(conn, fetch ? c.fetch_err : c.report_err, bytes_of(fetched));
     });
     char data[] = "----";
     ox_s64 count = UNTOUCHED;
@@ -208,6 +212,11 @@ TEST_F(Calls, TransferWhatTheServicesAnswersLetThem) {
     EXPECT_EQ(count, c.write_code != 0 ? UNTOUCHED : 2);
     const std::string written = std::string("0") + data[0] + data[1] + CONTENT.substr(3);
     EXPECT_EQ(read_file(local_), c.write_code != 0 ? CONTENT : written);
+    const LogCapture end_log;
+    if (c.read_count == 4) {
+      EXPECT_EQ(tnw_read(file, data, 4, 10, &count, nullptr), ERROR_HANDLE_EOF);
+      EXPECT_TRUE(drive_.said(end_log).ends_with(event("READ", "0, 0")));
+    }
     drive_.peer->on_request(ScriptedPeer::answer_success);
     EXPECT_EQ(tnw_close(file, nullptr), 0);
   }
@@ -322,13 +331,21 @@ TEST_F(Calls, ResizeTheLocalFileAndItsMaps) {
       const tnv_cache_region_resp fetched = {0, 16, r.from, clear, {}};
       const bool fetch = conn.opcode() == TNV_OP_CACHE_REGION;
       const bool has_size = fetch && r.answer != Resize::NO_SIZE;
-      conn.answer(fetch ? r.fetch_err : r.truncate_err, has_size ? bytes_of(fetched) : Bytes());
+      answer_with_id(conn, fetch ? r.fetch_err : r.truncate_err,
+                     has_size ? bytes_of(fetched) : Bytes());
     });
+    const LogCapture log;
     const size_t before = drive_.peer->requests().size();
     const auto high = static_cast<ox_u32>(r.to >> 32);
     char procname[32] = "";
     EXPECT_EQ(tnw_setfilesize(file, static_cast<ox_u32>(r.to), high, procname), r.code);
     EXPECT_STREQ(procname, "writer.exe");
+    const std::string line =
+        "Failed to cache regions off:" + std::to_string(r.fetched) + ", len:16, trunc: 1";
+    EXPECT_EQ(log.count(static_cast<int>(r.fetch_err), line),
+              r.fetch_err == 0 || r.fetch_err == 25 ? 0u : 1u);
+    EXPECT_EQ(log.brief_lines().back(),
+              "EVENT TNV_OP_WIN_SETFSIZE " + std::to_string(r.code) + ", 0");
     EXPECT_EQ(std::filesystem::file_size(local_), r.to) << "whatever the service answered";
 
     const auto requests = drive_.peer->requests();
@@ -363,7 +380,7 @@ TEST_F(Calls, ResizeAFileThatIsMarkedAsMappedButHasNoMaps) {
 
 TEST_F(Calls, KeepTheSizeThatTheLocalFileKeeps) {
   auto* const file = static_cast<tnvfd*>(open(CONTENT, Bytes(4), GENERIC_READ));
-  drive_.peer->on_request([](PeerConnection& conn) { conn.answer(28); });
+  drive_.peer->on_request([](PeerConnection& conn) { answer_with_id(conn, 28); });
   FILE_END_OF_FILE_INFO end = {};
   end.EndOfFile.QuadPart = 20;
   ASSERT_FALSE(SetFileInformationByHandle(file->fdt_ofd, FileEndOfFileInfo, &end, sizeof end));
@@ -374,7 +391,8 @@ TEST_F(Calls, KeepTheSizeThatTheLocalFileKeeps) {
   EXPECT_EQ(file->fdt_stat.st_size, CONTENT.size());
   EXPECT_TRUE(drive_.said(log).ends_with("\nERROR " + std::to_string(winerr2unixerr(code)) +
                                          " ada: Failed to set filesize for " + ID +
-                                         ":00000000-0000-0000-0000-000000000000"));
+                                         ":00000000-0000-0000-0000-000000000000"))
+      << "and leaves no event";
 }
 
 /* ------------------------------------------------------------------- listings */
@@ -383,15 +401,20 @@ TEST_F(Calls, HandOutEveryEntryOfAListingOnceInOneExchange) {
   constexpr ox_u64 COUNT = 300;
   drive_.peer->on_request([](PeerConnection& conn) {
     tnv_wdenum_resp answer = {};
-    answer.wde_fi_len = COUNT;
+    answer.wde_fi_len = conn.request().text() == "\\d" ? COUNT : 0;
     answer.wde_fso.fso_handle.id[15] = 9;
-    conn.answer(0, answer);
-    for (tnw_fileinfo entry = {}; entry.fi_size < COUNT; entry.fi_size++) {
+    answer_with_id(conn, 0, bytes_of(answer));
+    for (tnw_fileinfo entry = {}; entry.fi_size < answer.wde_fi_len; entry.fi_size++) {
       conn.send(bytes_of(entry));
     }
   });
+  const LogCapture log;
   tnw_fileinfo entry = {};
   int err = -1;
+  bool empty = false;
+  void* const nothing = tnw_findfirst(drive_.drive, "\\e", &entry, "lister", &err);
+  EXPECT_EQ(tnw_checkfolderempty(nothing, &empty), 0);
+  EXPECT_TRUE(empty);
   void* const listing = tnw_findfirst(drive_.drive, "\\d", &entry, "lister", &err);
   for (ox_u64 i = 0; i < COUNT; i++) {
     ASSERT_EQ(err, 0);
@@ -400,10 +423,11 @@ TEST_F(Calls, HandOutEveryEntryOfAListingOnceInOneExchange) {
   }
   EXPECT_EQ(err, ERROR_NO_MORE_FILES);
   EXPECT_EQ(entry.fi_size, 0u) << "cleared before the end is tested";
-  EXPECT_EQ(drive_.peer->count(TNV_OP_WIN_DENUM), 1u);
-  bool empty = true;
+  EXPECT_EQ(drive_.peer->count(TNV_OP_WIN_DENUM), 2u);
   EXPECT_EQ(tnw_checkfolderempty(listing, &empty), 0);
   EXPECT_FALSE(empty);
+  EXPECT_EQ(log.count("TNV_OP_WIN_FINDNEXT"), COUNT - 1) << "none at the end";
+  EXPECT_EQ(log.count("TNV_OP_WIN_FOLDEREMPTY"), 1u) << "none of an empty folder";
   drive_.peer->on_request(ScriptedPeer::answer_success);
   EXPECT_EQ(tnw_findclose(listing), 0);
   EXPECT_EQ(drive_.peer->requests().back().msg().u.wclose.wclose_id.id[15], 9);

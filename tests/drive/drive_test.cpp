@@ -19,8 +19,7 @@ using testing::IsEmpty;
 using testing::Key;
 using testing::UnorderedElementsAre;
 
-constexpr int NO_SERVICE = 1467;
-constexpr OpenHow READING = {.access = ACC_READ};
+constexpr OpenHow READING = {.access = TNW_ACC_READ};
 
 class Drive : public testing::Test {
  protected:
@@ -99,7 +98,8 @@ TEST_F(Drive, StaysInItsShare) {
   for (const char* path :
        {"..\\secret", "/../secret", "sub/..\\../secret", "..\\my cloud\\..\\secret"}) {
     EXPECT_EQ(DriveFile(drive, path).error(), ERROR_ACCESS_DENIED) << path;
-    EXPECT_EQ(DriveFile(drive, path, {.disposition = OVERWRITE_IF}).error(), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(DriveFile(drive, path, {.disposition = TNW_DISP_OVERWRITE_IF}).error(),
+              ERROR_ACCESS_DENIED);
   }
   EXPECT_EQ(read_file(drive.folder / "secret"), "secret");
 }
@@ -129,7 +129,7 @@ TEST_F(Drive, EmptyFiles) {
   EXPECT_EQ(file.read(0, 10, &code), "");
   EXPECT_EQ(code, ERROR_HANDLE_EOF);
   EXPECT_EQ(file.close(), 0);
-  DriveFile made(drive, "made", {.disposition = CREATE});
+  DriveFile made(drive, "made", {.disposition = TNW_DISP_CREATE});
   EXPECT_EQ(made.close(), 0);
   EXPECT_TRUE(file_exists(drive.in_cloud("made"))) << "though nothing was written";
   DriveFile filled(drive, "empty");
@@ -197,18 +197,19 @@ TEST_F(Drive, AServiceThatIsKilledLosesNoByte) {
   drive.put("file", original);
   DriveFile file(drive, "file");
   ASSERT_EQ(file.read(0, 10), original.substr(0, 10));
-  ASSERT_EQ(file.write(REGION, "written before the kill"), 0);
+  ASSERT_EQ(file.write(2 * REGION, "written before the kill"), 0)
+      << "not behind the read: nothing is fetched ahead";
   drive.kill_service();
-  EXPECT_EQ(DriveFile(drive, "file").error(), NO_SERVICE);
+  EXPECT_EQ(DriveFile(drive, "file").error(), TNW_ERROR_NO_SERVICE);
   int code = -1;
   drive.list("/", &code);
-  EXPECT_EQ(code, NO_SERVICE);
+  EXPECT_EQ(code, TNW_ERROR_NO_SERVICE);
   EXPECT_EQ(file.read(0, 10), original.substr(0, 10)) << "warm";
-  EXPECT_EQ(file.write(REGION + 8, "AFTER!"), 0) << "dirty already";
-  expected.replace(REGION, 23, "written AFTER! the kill");
+  EXPECT_EQ(file.write(2 * REGION + 8, "AFTER!"), 0) << "dirty already";
+  expected.replace(2 * REGION, 23, "written AFTER! the kill");
   file.read(4 * REGION, 10, &code);
-  EXPECT_EQ(code, NO_SERVICE) << "not cached";
-  EXPECT_EQ(file.write(3 * REGION, "x"), NO_SERVICE) << "not dirty";
+  EXPECT_EQ(code, TNW_ERROR_NO_SERVICE) << "not cached";
+  EXPECT_EQ(file.write(3 * REGION, "x"), TNW_ERROR_NO_SERVICE) << "not dirty";
   EXPECT_EQ(file.close(), 0) << "a broken connection reads as success";
   EXPECT_EQ(drive.stop_gently(), -1) << "the shut-down's result, as it is";
   EXPECT_TRUE(same(drive.get("file"), original));
@@ -226,15 +227,15 @@ TEST_F(Drive, DeinitWritesBackWhatIsLeftOpen) {
   drive.put("file", "old content");
   void* slot = nullptr;
   int err = -1;
-  void* file =
-      tnw_create(drive.drive, &slot, "file", ACC_BOTH, SHARE_ALL, OPEN, 0, 0, nullptr, &err);
+  void* file = tnw_create(drive.drive, &slot, "file", ACC_BOTH, SHARE_ALL, TNW_DISP_OPEN, 0, 0,
+                          nullptr, &err);
   ASSERT_NE(file, nullptr);
   ox_s64 count = 0;
   char data[] = "new";
   EXPECT_EQ(tnw_write(file, data, 3, 0, &count, nullptr), 0);
   EXPECT_EQ(drive.stop(), 0);
   EXPECT_EQ(drive.get("file"), "new content");
-  EXPECT_EQ(tnw_close(file, nullptr), NO_SERVICE);
+  EXPECT_EQ(tnw_close(file, nullptr), TNW_ERROR_NO_SERVICE);
 }
 
 TEST(DriveStart, NeedsNoToken) {

@@ -18,7 +18,10 @@
 #include "ox_tpool.h"
 #include "ox_util.h"
 #include "peer_drive.h"
+#include "process_state.h"
+#include "tnw_connect.h"
 #include "tnw_dll/tnw_instance.h"
+#include "vfstnw_bmap.h"
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID reserved);
 
@@ -33,6 +36,7 @@ struct Faults {
   bool reads = false; /* as on a broken disk */
   bool writes = false;
   bool half_writes = false;
+  bool events = false;
 } faults;
 
 int listed_at_table = -1; /* instances on the list when a table was made last */
@@ -73,8 +77,17 @@ static void* WINAPI alloc_or_fail(void* at, SIZE_T size, DWORD kind, DWORD prote
       reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("kernel32.dll"), "VirtualAlloc")));
   return size == faults.allocation ? nullptr : system_alloc(at, size, kind, protection);
 }
-/* The linker takes this in the place of the import library's. */
+/* Looked up each time: a static would be guarded by a lock, which makes an event. */
+static HANDLE WINAPI event_or_fail(SECURITY_ATTRIBUTES* who, BOOL manual, BOOL set,
+                                   const char* name) {
+  const auto system_event = reinterpret_cast<decltype(&CreateEventA)>(
+      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("kernel32.dll"), "CreateEventA")));
+  SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+  return faults.events ? nullptr : system_event(who, manual, set, name);
+}
+/* The linker takes these in the place of the import library's. */
 decltype(&VirtualAlloc) __imp_VirtualAlloc = alloc_or_fail;
+decltype(&CreateEventA) __imp_CreateEventA = event_or_fail;
 int __wrap_ox_init_tpool(void) { return faults.pool ? 12 : __real_ox_init_tpool(); }
 }
 
@@ -162,7 +175,7 @@ const FailedStart FAILED_STARTS[] = {
     {"unwritable pid file", [](PeerDrive&) { faults.writes = true; }, 2,
      "ERROR 23: cannot write DA PID to da_pid"},
     {"a pid file written by half", [](PeerDrive&) { faults.half_writes = true; }, 2,
-     "ERROR 5: cannot write DA PID to da_pid"},
+     "ERROR 29: cannot write DA PID to da_pid"},
     {"no service's pid file", [](PeerDrive& d) { make_cache_dir(d, "\\tarnd_pid"); }, 2,
      "ERROR 5: cannot open FOLDER\\drive.test\\ada/tarnd_pid"},
     {"no instance", [](PeerDrive&) { faults.allocation = sizeof(tnw_tninstance); }, 1,
@@ -211,6 +224,8 @@ const FailedStart FAILED_STARTS[] = {
      "ERROR 1021: Failed to call RegCreateKeyExA with err 1021\n"
      "ERROR 1021: Failed to set-get TN device id from registry"},
     {"no threads", [](PeerDrive& d) { d.record.tnw_max_threads = 0; }, 6,
+     "ERROR 22: Cannot create thread pool"},
+    {"fewer threads than none", [](PeerDrive& d) { d.record.tnw_max_threads = -1; }, 6,
      "ERROR 22: Cannot create thread pool"},
     {"no message", [](PeerDrive&) { faults.allocation = TNV_MSG_FIXED + 2; }, 7,
      "ERROR 12 : Failed to allocate memory to message structure.\n"
@@ -413,6 +428,195 @@ TEST_F(Fails, CallsWithoutMemorySayWhatForAndGoOn) {
     EXPECT_EQ(drive.said(log), row.lines) << &row - rows;
   }
 }
+
+/* A call that could not begin is not waited for, and leaves no event. */
+TEST_F(Fails, CallsThatCannotBeQueuedSayWhy) {
+  PeerDrive drive;
+  void* const d = drive.start();
+  ASSERT_NE(d, nullptr);
+  const auto remove = [&] { return tnw_delete(d, "p", nullptr); };
+  faults.events = true;
+  EXPECT_EQ(remove(), ERROR_NOT_ENOUGH_MEMORY);
+  faults.events = false;
+  auto& flags = tnw_tninstances.tni_next->tni_tpool->tp_flags;
+  flags |= OX_TPOOL_FL_DRAIN; /* refuses every thread but its own workers */
+  EXPECT_EQ(remove(), ERROR_INVALID_DATA);
+  const size_t handle = fresh_handle();
+  for (int i = 0; i < 10; i++) {
+    remove();
+  }
+  EXPECT_EQ(fresh_handle(), handle);
+  flags &= ~ox_u32{OX_TPOOL_FL_DRAIN};
+  EXPECT_EQ(drive.peer->count(TNV_OP_WIN_DELETE), 0u);
+  EXPECT_EQ(remove(), 0);
+}
+
+/* ------------------------------------------------------------------- answers that are none */
+
+namespace {
+
+/* What the peer answers with, and what becomes of the call: an open, or a listing where the answer
+ * is one of DENUM. */
+struct Answer {
+  const char* name;
+  ox_u32 err;
+  Bytes payload;
+  size_t follows; /* bytes that the peer sends behind it; then it closes, if it does not stand */
+  size_t allocation;
+  int code;
+  bool stands; /* the connection goes on */
+  std::string lines;
+};
+
+void PrintTo(const Answer& answer, std::ostream* out) { *out << answer.name; }
+
+Bytes opened(ox_u64 map_size, int shift = 16, ox_u32 isdir = 0) {
+  tnv_wopen_resp open = open_answer();
+  open.wopen_resp_region_shift = shift;
+  open.wopen_resp_rmap_size = map_size;
+  open.wopen_resp_dmap_size = 3; /* noted, and not used */
+  open.wopen_resp_fso.fso_isdir = isdir;
+  return bytes_of(open);
+}
+Bytes listed(ox_u64 count) {
+  tnv_wdenum_resp denum = {};
+  denum.wde_fi_len = count;
+  return bytes_of(denum);
+}
+
+Bytes promised(ox_u32 size) {
+  tnv_resphdr header = {};
+  header.rhdr_len = size;
+  header.rhdr_tn_unauthd = 1; /* half an answer marks nothing */
+  return bytes_of(header);
+}
+
+constexpr ox_u32 RAW = 999; /* instead of an error: the payload is all that is sent */
+constexpr size_t THREE = 3 * sizeof(tnw_fileinfo);
+const std::string EIGHT = "\nINFO: Unidentified unix error 8";
+const std::string OPEN_FAILED = "ada: Server returned error for open msg.";
+const std::string LIST_FAILED = "ada: Failed to send directory enumeration message for path p.";
+const std::string NO_ROOM_FOR_MAPS = "ERROR 12 ada: Failed to allocate memory to rmap/dmap.\n";
+const std::string NO_MAPS = NO_ROOM_FOR_MAPS + "ERROR 8 " + OPEN_FAILED + EIGHT;
+const std::string NO_LIST =
+    "ERROR 12 ada: Failed to allocate memory to cffl.\nERROR 8 " + LIST_FAILED + EIGHT;
+const std::string GONE =
+    "ERROR 10054: Socket recv connection hungup\n"
+    "ERROR 10054: Recv failed on sockfd N\n\n";
+const std::string NO_HEADER =
+    "ada: Could not receive response header for message id ID, opcode N, len N. Requesting client "
+    "to reinitialize.\n";
+const std::string NO_PAYLOAD =
+    "ada: Could not receive response payload. Requesting client to reinitialize.\n";
+const std::string NO_OPEN = "ERROR 133 ada: Failed to send open message.\nERROR 133 " + OPEN_FAILED;
+
+const Answer ANSWERS[] = {
+    {"maps", 183, opened(8), 16, 0, 0, true, ""},
+    {"refused open", 2, opened(8), 0, 0, 2, true, "ERROR 2 " + OPEN_FAILED},
+    {"refused listing", 2, listed(5), 0, 0, 2, true, "ERROR 2 " + LIST_FAILED},
+    {"no use for a shift", 0, opened(0, 63), 0, 0, 0, true, ""},
+    {"half a map", 0, opened(8), 15, 0, 1467, false, GONE + "ERROR 133 " + OPEN_FAILED},
+    {"no such size", 0, opened(VFSTNW_MAX_MAP_SIZE + 1), 15, 0, 8, false, NO_MAPS},
+    {"a size that wraps", 0, opened(ox_u64{1} << 63), 15, 0, 8, false, NO_MAPS},
+    {"shift 63", 0, opened(8, 63), 15, 0, 1467, false,
+     "ERROR 22 ada: Unusable region shift 63.\nERROR 133 " + OPEN_FAILED},
+    {"folder", 0, opened(8, -1, 1), 15, 0, 1467, false,
+     "ERROR 22 ada: Unusable region shift -1.\nERROR 133 " + OPEN_FAILED},
+    {"no memory", 0, opened(20000), 40000, 40000, 8, true, NO_MAPS},
+    {"no memory for half", 0, opened(20000), 39999, 40000, 1467, false,
+     NO_ROOM_FOR_MAPS + GONE + "ERROR 133 " + OPEN_FAILED},
+    {"half a listing", 0, listed(3), THREE - 1, 0, 1467, false, GONE + "ERROR 133 " + LIST_FAILED},
+    {"no such count", 0, listed(TNW_MAX_LISTING + 1), THREE, 0, 8, false, NO_LIST},
+    {"a count that wraps", 0, listed((ox_u64{1} << 61) + 3), THREE, 0, 8, false, NO_LIST},
+    {"no memory to list", 0, listed(3), THREE, THREE, 8, true, NO_LIST},
+    {"nothing", RAW, {}, 0, 0, 1467, false, GONE + "ERROR 10054 " + NO_HEADER + NO_OPEN},
+    {"half a header", RAW, Bytes(24, 0xff), 0, 0, 1467, false,
+     GONE + "ERROR 10054 " + NO_HEADER + NO_OPEN},
+    {"half a payload", RAW, promised(100), 99, 0, 1467, false,
+     GONE + "ERROR 10054 " + NO_PAYLOAD + NO_OPEN},
+    {"too long", 0, Bytes(1169), 0, 0, 1467, false, "ERROR 27 " + NO_PAYLOAD + NO_OPEN},
+    {"garbage", RAW, Bytes(4000, 0xff), 0, 0, 1467, false, "ERROR 27 " + NO_PAYLOAD + NO_OPEN},
+};
+
+class Answers : public Fails {
+ protected:
+  void SetUp() override { ASSERT_NE(drive_.start(), nullptr); }
+
+  /* An open, or a listing. */
+  void* call(bool opens, int* code) {
+    return opens ? drive_.open("p", 3, code)
+                 : tnw_findfirst(drive_.drive, "p", &entry_, nullptr, code);
+  }
+  /* The connection is closed, and the next call asks nobody. */
+  void expect_broken() {
+    EXPECT_TRUE(drive_.peer->wait_for_ended(1));
+    const size_t sent = drive_.peer->requests().size();
+    const LogCapture log;
+    EXPECT_EQ(drive_.open("p", 3, &drive_.error), nullptr);
+    EXPECT_EQ(log.count("\"vfs_socket_fd\":-"), 0u) << "lines keep the socket's number";
+    EXPECT_EQ(drive_.error, TNW_ERROR_NO_SERVICE);
+    EXPECT_EQ(drive_.peer->requests().size(), sent);
+  }
+  /* Nobody has the file open any more. */
+  bool is_free(const std::string& path) {
+    const HANDLE alone =
+        CreateFileA(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    return alone != INVALID_HANDLE_VALUE && CloseHandle(alone) != 0;
+  }
+
+  PeerDrive drive_;
+  tnw_fileinfo entry_ = {};
+};
+
+class EachAnswer : public Answers, public testing::WithParamInterface<Answer> {};
+
+}  // namespace
+
+TEST_P(EachAnswer, IsTakenOrRefusedWhole) {
+  const Answer& a = GetParam();
+  const bool opens = a.payload.size() != sizeof(tnv_wdenum_resp);
+  const bool carries = a.payload.size() == sizeof(tnv_wopen_resp);
+  Bytes payload = a.payload;
+  const ox_u64 local = local_file(drive_.folder / "local", "x");
+  memcpy(payload.data() + offsetof(tnv_wopen_resp, wopen_resp_handle), &local, carries ? 8 : 0);
+  drive_.peer->on_request([&](PeerConnection& conn) {
+    if (conn.opcode() != (opens ? TNV_OP_WIN_OPEN : TNV_OP_WIN_DENUM)) {
+      return conn.answer();
+    }
+    a.err == RAW ? conn.send(payload) : conn.answer(a.err, payload);
+    conn.send(Bytes(a.follows, 0xff));
+    if (!a.stands) {
+      conn.close();
+    }
+  });
+  faults.allocation = a.allocation;
+  const LogCapture log;
+  int code = -1;
+  const auto* const fde = static_cast<const tnvfd*>(call(opens, &code));
+  EXPECT_EQ(code, a.code);
+  EXPECT_EQ(drive_.said(log), a.lines);
+  ASSERT_EQ(fde != nullptr, a.code == 0);
+  const bool closed = carries && a.err == 0 && a.code != 0 && a.name != std::string("folder");
+  EXPECT_EQ(is_free(drive_.folder / "local"), closed);
+  if (fde != nullptr) {
+    const bool mapped = a.follows != 0;
+    EXPECT_EQ(fde->fdt_rmap != nullptr, mapped);
+    EXPECT_EQ(fde->fdt_dmap, mapped ? fde->fdt_rmap + 8 : nullptr);
+    EXPECT_EQ(fde->fdt_dmap_size, 3u);
+    EXPECT_EQ(fde->fdt_rshift, mapped ? 16 : 0);
+  }
+  const size_t closes = a.allocation != 0 && a.stands ? 1 : 0;
+  EXPECT_EQ(drive_.peer->count(TNV_OP_WIN_CLOSE), closes) << "what was granted is taken back";
+  if (!a.stands) {
+    return expect_broken();
+  }
+  faults = {};
+  EXPECT_EQ(tnw_getfileinfo(drive_.drive, "p", &entry_, nullptr), 0) << "the next answer is found";
+  EXPECT_EQ(drive_.peer->count(TNV_OP_WIN_STAT), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, EachAnswer, testing::ValuesIn(ANSWERS),
+                         [](const auto& info) { return std::to_string(info.index); });
 
 /* ------------------------------------------------------------------- a drive's life */
 

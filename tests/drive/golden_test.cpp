@@ -61,7 +61,7 @@ class IdNumbers {
 };
 
 void use_a_file(RealDrive& drive) {
-  DriveFile file(drive, "/golden/new", {CREATE, ACC_BOTH});
+  DriveFile file(drive, "/golden/new", {TNW_DISP_CREATE, ACC_BOTH});
   ASSERT_EQ(file.error(), 0);
   EXPECT_EQ(file.write(10, "0123456789"), 0);
   EXPECT_EQ(file.read(15, 10), "56789");
@@ -70,7 +70,7 @@ void use_a_file(RealDrive& drive) {
   EXPECT_EQ(tnw_setfilesize(file.handle(), 5000, 0, nullptr), 0);
   EXPECT_EQ(tnw_cleanup_file(file.handle()), 0);
   EXPECT_EQ(file.close(), 0);
-  DriveFile old(drive, "/golden/old", {OPEN, ACC_READ});
+  DriveFile old(drive, "/golden/old", {TNW_DISP_OPEN, TNW_ACC_READ});
   EXPECT_EQ(old.read(0, 3), "old");
 }
 

@@ -97,9 +97,11 @@ Act any_act(Dice& dice, const Weight (&weights)[N]) {
 
 OpenHow any_open(Dice& dice) {
   OpenHow how;
-  how.disposition =
-      dice.one_in(4) ? static_cast<ox_u32>(dice.below(6)) : dice.any_of({OPEN, OPEN, OPEN_IF});
-  how.access = dice.any_of({ACC_BOTH, ACC_BOTH, ACC_BOTH, ACC_READ, ACC_READ, ACC_WRITE, ACC_NONE});
+  how.disposition = dice.one_in(4)
+                        ? static_cast<ox_u32>(dice.below(6))
+                        : dice.any_of<ox_u32>({TNW_DISP_OPEN, TNW_DISP_OPEN, TNW_DISP_OPEN_IF});
+  how.access = dice.any_of<ox_u32>({ACC_BOTH, ACC_BOTH, ACC_BOTH, TNW_ACC_READ, TNW_ACC_READ,
+                                    TNW_ACC_WRITE, TNW_ACC_ATTRIBUTES});
   how.share = dice.one_in(6) ? static_cast<ox_u32>(dice.below(8)) : SHARE_ALL;
   return how;
 }

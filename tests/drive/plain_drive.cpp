@@ -10,14 +10,17 @@ constexpr ox_u32 SHARES_DELETE = 4;
 
 /* The share bits that an access needs from the others. */
 ox_u32 needed(ox_u32 access) {
-  return ((access & ACC_READ) != 0 ? ox_u32{SHARE_READ} : 0) |
-         ((access & ~ox_u32{ACC_READ}) != 0 ? ox_u32{SHARE_WRITE} : 0);
+  return ((access & TNW_ACC_READ) != 0 ? ox_u32{FILE_SHARE_READ} : 0) |
+         ((access & ~ox_u32{TNW_ACC_READ}) != 0 ? ox_u32{FILE_SHARE_WRITE} : 0);
 }
 
 bool empties(ox_u32 disposition) {
-  return disposition == SUPERSEDE || disposition == OVERWRITE || disposition == OVERWRITE_IF;
+  return disposition == TNW_DISP_SUPERSEDE || disposition == TNW_DISP_OVERWRITE ||
+         disposition == TNW_DISP_OVERWRITE_IF;
 }
-bool may_make(ox_u32 disposition) { return disposition != OPEN && disposition != OVERWRITE; }
+bool may_make(ox_u32 disposition) {
+  return disposition != TNW_DISP_OPEN && disposition != TNW_DISP_OVERWRITE;
+}
 
 }  // namespace
 
@@ -52,8 +55,8 @@ bool PlainDrive::shares(const std::shared_ptr<PlainFile>& file, ox_u32 wants, ox
 int PlainDrive::open(size_t slot, const std::string& name, const OpenHow& how, ox_u32* last_error) {
   auto file = named(name);
   const bool existed = file != nullptr;
-  const ox_u32 writes = empties(how.disposition) ? ox_u32{ACC_WRITE} : 0;
-  if (existed && how.disposition == CREATE) {
+  const ox_u32 writes = empties(how.disposition) ? ox_u32{TNW_ACC_WRITE} : 0;
+  if (existed && how.disposition == TNW_DISP_CREATE) {
     return ERROR_FILE_EXISTS;
   }
   if (!existed && !may_make(how.disposition)) {

@@ -5,6 +5,7 @@
 #include <windows.h>
 
 #include "eventually.h"
+#include "ox_logging.h"
 #include "peer_drive.h"
 
 namespace fs = std::filesystem;
@@ -57,13 +58,19 @@ TEST_F(Purge, RemovesWhateverIsThereAndNothingElse) {
   write_file(fs::path(dir_) / L"\u65e5\u0416\U0001f600", "x");
   write_file(dir_ + "\\read-only", "x");
   SetFileAttributesA((dir_ + "\\read-only").c_str(), FILE_ATTRIBUTE_READONLY);
+  SetEnvironmentVariableA("TMP", target_.c_str());
+  const LogCapture moved;
+  ox_debug = 2;
   EXPECT_EQ(purge(), 0);
+  ox_debug = 1;
   EXPECT_FALSE(file_exists(dir_));
   EXPECT_TRUE(file_exists(neighbour_ + "\\file"));
-  EXPECT_EQ(drive_.said(log_), "");
-  SetEnvironmentVariableA("TMP", target_.c_str());
+  EXPECT_EQ(drive_.said(moved),
+            "DEBUG: Folder moved successfully from FOLDER\\drive.test\\ada to "
+            "FOLDER\\target\\\\ada_N");
+  const LogCapture missing;
   EXPECT_EQ(purge(), ERROR_FILE_NOT_FOUND);
-  EXPECT_EQ(drive_.said(log_),
+  EXPECT_EQ(drive_.said(missing),
             "ERROR 2: Unable to move folder from FOLDER\\drive.test\\ada to "
             "FOLDER\\target\\\\ada_N\n" +
                 FAILED + "\n" + FAILED)

@@ -14,12 +14,8 @@
 
 #include "drive_files.h"
 
-/* Native create dispositions. */
-enum Disposition : ox_u32 { SUPERSEDE, OPEN, CREATE, OPEN_IF, OVERWRITE, OVERWRITE_IF };
-/* Access modes, share modes, create options. */
-enum : ox_u32 { ACC_NONE = 0, ACC_READ = 1, ACC_WRITE = 2, ACC_BOTH = 3 };
-enum : ox_u32 { SHARE_NONE = 0, SHARE_READ = 1, SHARE_WRITE = 2, SHARE_ALL = 7 };
-enum : ox_u32 { WANT_FOLDER = 0x1, WANT_FILE = 0x40 };
+constexpr ox_u32 ACC_BOTH = TNW_ACC_READ | TNW_ACC_WRITE;
+constexpr ox_u32 SHARE_ALL = 7; /* FILE_SHARE_READ, FILE_SHARE_WRITE and FILE_SHARE_DELETE */
 
 /* Regions are small, so that small files have many. */
 constexpr ox_u64 REGION = 4096;
@@ -77,7 +73,7 @@ class RealDrive {
 
 /* How a file is opened. */
 struct OpenHow {
-  ox_u32 disposition = OPEN;
+  ox_u32 disposition = TNW_DISP_OPEN;
   ox_u32 access = ACC_BOTH;
   ox_u32 share = SHARE_ALL;
   ox_u32 flags = 0;

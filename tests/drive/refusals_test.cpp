@@ -272,6 +272,11 @@ TEST_F(Refusals, OfTheService) {
     expect(c, handle, ERROR_SHARING_VIOLATION, both(c.notice, c.refused_lines));
     EXPECT_EQ(info_.fi_size, 5u);
     EXPECT_FALSE(flag_);
+    if (c.on == On::FILE) { /* a refused findclose alone gives its entry back */
+      tnw_fileinfo entry;
+      EXPECT_EQ(tnw_findnext(handle, &entry),
+                c.name == std::string("findclose") ? ERROR_BAD_ARGUMENTS : ERROR_NO_MORE_FILES);
+    }
     handle = open_for(c);
     answer(0, true);
     expect(c, handle, c.heeds_mark ? ERROR_LOGON_FAILURE : 0, c.notice);

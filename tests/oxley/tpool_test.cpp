@@ -474,3 +474,34 @@ TEST(Tpool, EveryJobRunsOnceWhateverHappensMeanwhile) {
 }
 
 }  // namespace
+
+/* Of two jobs that were queued in a pause, the first needs the second. */
+TEST(Tpool, ABurstInAPauseStartsItsWorkersWhenThePauseEnds) {
+  for (const bool drain : {false, true}) {
+    Gate second;
+    bool met = false;
+    TestPool pool(1, 2);
+    pool.start_worker();
+    ox_tpool_pause(pool.tp);
+    pool.queue([&](Blocks) { met = second.wait(); });
+    pool.queue([&](Blocks) { second.post(); });
+    drain ? ox_drain_tpool(pool.tp, 0) : (void)ox_tpool_resume(pool.tp);
+    pool.destroy(OX_TPOOL_FL_DRAIN);
+    EXPECT_TRUE(met);
+  }
+}
+
+TEST(Tpool, ASecondDestroyWithStopHurriesTheFirst) {
+  Gate release;
+  std::atomic<bool> ran = false;
+  TestPool pool(0, 1);
+  pool.block_workers(1, release);
+  pool.queue([&](Blocks) { ran = true; });
+  std::thread first([&] { ox_destroy_tpool(pool.tp, OX_TPOOL_FL_DRAIN); });
+  EXPECT_TRUE(pool.becomes(&ox_tpool_t::tp_state, OX_TPOOL_DRAINING));
+  ox_destroy_tpool(pool.tp, OX_TPOOL_FL_STOP);
+  release.post();
+  first.join();
+  pool.tp = nullptr;
+  EXPECT_FALSE(ran);
+}

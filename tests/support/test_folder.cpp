@@ -32,14 +32,23 @@ TestFolder::TestFolder() {
   } while (!fs::create_directory(path_));
 }
 
+namespace {
+
+/* Not fs::remove_all: it tries for ever when a file stays because some process has it open. */
+bool remove_whole(const fs::path& folder) {
+  std::error_code failed;
+  for (const auto& entry : fs::directory_iterator(folder, failed)) {
+    std::error_code ignored;
+    entry.is_directory() ? remove_whole(entry) : fs::remove(entry, ignored);
+  }
+  return fs::remove(folder, failed);
+}
+
+} /* namespace */
+
 /* Under Wine a process that has ended may hold a file for a moment still. */
 TestFolder::~TestFolder() {
-  for (int tries = 0; tries < 5; tries++) {
-    std::error_code failed;
-    fs::remove_all(path_, failed);
-    if (!failed) {
-      return;
-    }
+  for (int tries = 0; tries < 5 && !remove_whole(path_); tries++) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
 }

@@ -53,21 +53,27 @@ int move_in(SOCKET sock, char* data, int nbytes) { return recv(sock, data, nbyte
 constexpr Direction SEND = {"send", "Send", POLLWRNORM, WSAECONNRESET, false, move_out};
 constexpr Direction RECV = {"recv", "Recv", POLLRDNORM | POLLRDBAND, OX_ECONNRESET, true, move_in};
 
+/* The socket of a transfer, and what becomes of it. */
+struct Endpoint {
+  SOCKET sock;
+  vfs_handle* owner;     /* null, or asked whether it shuts down while nothing moves */
+  bool closes_on_hangup; /* else the caller closes the socket after every failure */
+};
+
 /* A transfer under way. One thread uses it. */
 struct Transfer {
   const Direction& dir;
-  SOCKET sock;
+  const Endpoint& at;
   char* next;
   int left;
-  vfs_handle* owner;   /* null, or asked whether it shuts down while nothing moves */
   bool at_end = false; /* a receive gave 0 bytes: only the hang-up can come */
   bool owner_exiting = false;
-  bool closed = false; /* the peer hung up, and the socket was closed */
 };
 
-int hung_up(Transfer& t) {
-  closesocket(t.sock);
-  t.closed = true;
+int hung_up(const Transfer& t) {
+  if (t.at.closes_on_hangup) {
+    closesocket(t.at.sock);
+  }
   OX_LOG(OX_ERROR_LEVEL, WSAECONNRESET, "Socket %s connection hungup", t.dir.verb);
   return WSAECONNRESET;
 }
@@ -93,8 +99,8 @@ int poll_failed(const Transfer& t) {
 
 /* A second has passed. From a stream that ended before it, nothing more comes. */
 int timed_out(Transfer& t) {
-  if (t.owner != nullptr && t.owner->vfs_is_exiting != nullptr &&
-      t.owner->vfs_is_exiting(t.owner)) {
+  if (t.at.owner != nullptr && t.at.owner->vfs_is_exiting != nullptr &&
+      t.at.owner->vfs_is_exiting(t.at.owner)) {
     t.owner_exiting = true;
     return t.dir.exiting_err;
   }
@@ -102,7 +108,7 @@ int timed_out(Transfer& t) {
 }
 
 int faulty(const Transfer& t, int ready) {
-  const int err = pending_error(t.sock);
+  const int err = pending_error(t.at.sock);
   if ((ready & POLLNVAL) != 0) {
     OX_LOG(OX_ERROR_LEVEL, err, "Socket %s invalid socket", t.dir.verb);
   } else {
@@ -134,7 +140,7 @@ int nothing_moved(Transfer& t, int ready, int moved) {
 
 /* Waits up to a second and moves what can be moved: 0, and the transfer goes on, or the error. */
 int step(Transfer& t) {
-  WSAPOLLFD pfd = {t.sock, t.at_end ? HANG_UP_ONLY : t.dir.events, 0};
+  WSAPOLLFD pfd = {t.at.sock, t.at_end ? HANG_UP_ONLY : t.dir.events, 0};
   const int count = WSAPoll(&pfd, 1, POLL_MS);
   if (count < 0) {
     return poll_failed(t);
@@ -150,7 +156,7 @@ int step(Transfer& t) {
     return faulty(t, ready);
   }
 
-  const int moved = t.dir.move(t.sock, t.next, t.left);
+  const int moved = t.dir.move(t.at.sock, t.next, t.left);
   if (moved <= 0) {
     return nothing_moved(t, ready, moved);
   }
@@ -159,39 +165,35 @@ int step(Transfer& t) {
   return 0;
 }
 
-/* Moves all bytes: 0, or the error. *closed: whether a hang-up closed the socket. */
-int run(const Direction& dir, vfs_handle* owner, int sockfd, ox_u8* data, int nbytes,
-        bool* closed) {
-  Transfer t{dir, static_cast<SOCKET>(sockfd), reinterpret_cast<char*>(data), nbytes, owner};
+/* Moves all bytes: 0, or the error. */
+int run(const Direction& dir, const Endpoint& at, ox_u8* data, int nbytes) {
+  Transfer t{dir, at, reinterpret_cast<char*>(data), nbytes};
   int err = nbytes < 0 ? WSAEINVAL : 0;
   while (err == 0 && t.left > 0) {
     err = step(t);
   }
-  *closed = t.closed;
   if (err == 0) {
     return 0;
   }
   if (!t.owner_exiting) {
-    OX_LOG(OX_ERROR_LEVEL, err, "%s failed on sockfd %d\n", dir.title, sockfd);
+    OX_LOG(OX_ERROR_LEVEL, err, "%s failed on sockfd %d\n", dir.title, static_cast<int>(at.sock));
   }
   return fail(err);
 }
 
-int send_all(vfs_handle* owner, int sockfd, ox_u8* data, int nbytes, bool* closed) {
-  *closed = false;
+int send_all(const Endpoint& to, ox_u8* data, int nbytes) {
   if (nbytes == 0) {
     return 0;
   }
   tnv_debug_dump_msg(reinterpret_cast<char*>(data), nbytes);
-  return run(SEND, owner, sockfd, data, nbytes, closed);
+  return run(SEND, to, data, nbytes);
 }
 
-int recv_all(vfs_handle* owner, int sockfd, ox_u8* data, int nbytes, bool* closed) {
-  *closed = false;
+int recv_all(const Endpoint& from, ox_u8* data, int nbytes) {
   if (nbytes == 0) {
     return 0;
   }
-  const int err = run(RECV, owner, sockfd, data, nbytes, closed);
+  const int err = run(RECV, from, data, nbytes);
   if (err == 0) {
     tnv_debug_dump_msg(reinterpret_cast<char*>(data), nbytes);
   }
@@ -218,7 +220,7 @@ SOCKET make_socket() {
   return inheritable;
 }
 
-using TransferFunc = int (*)(vfs_handle* owner, int sockfd, ox_u8* data, int nbytes, bool* closed);
+using TransferFunc = int (*)(const Endpoint& at, ox_u8* data, int nbytes);
 
 /* 0 is no socket either: a record that is only zero-filled has it. */
 bool has_socket(const vfs_handle* vh) { return vh->vfs_fd > 0; }
@@ -229,20 +231,18 @@ bool is_broken(vfs_handle* vh) { return std::atomic_ref(vh->vfs_broken).load(); 
 bool mark_broken(vfs_handle* vh) { return !std::atomic_ref(vh->vfs_broken).exchange(true); }
 
 /*
- * Sets errno to 133, whatever the transport's own error was: a drive application that fails in the
- * middle of an answer meets the same dead connection with its next request.
+ * The connection is marked as broken before its socket is closed, also after a hang-up: a shut-down
+ * that comes meanwhile must not close the number a second time, which may be another socket's by
+ * then. Sets errno to 133, whatever the transport's own error was: a drive application that fails
+ * in the middle of an answer meets the same dead connection with its next request.
  */
 int conn_transfer(vfs_handle* vh, TransferFunc move, ox_u8* data, size_t nbytes) {
   int err = 0;
   while (err == 0 && nbytes > 0) {
     const size_t chunk = std::min(nbytes, MAX_CHUNK);
-    bool closed = false;
-    err = has_socket(vh) && !is_broken(vh)
-              ? move(nullptr, static_cast<int>(vh->vfs_fd), data, static_cast<int>(chunk), &closed)
-              : WSAENOTCONN;
-    if (closed) {
-      mark_broken(vh);
-    }
+    err = has_socket(vh) && !is_broken(vh) ? move({static_cast<SOCKET>(vh->vfs_fd), nullptr, false},
+                                                  data, static_cast<int>(chunk))
+                                           : WSAENOTCONN;
     data += chunk;
     nbytes -= chunk;
   }
@@ -303,13 +303,11 @@ int tnv_setsockopt(int fd) {
 }
 
 int tnv_sendbytes(vfs_handle* vh, int sockfd, tnv_fdcntl*, ox_u8* data, int nbytes) {
-  bool closed;
-  return send_all(vh, sockfd, data, nbytes, &closed);
+  return send_all({static_cast<SOCKET>(sockfd), vh, true}, data, nbytes);
 }
 
 int tnv_recvbytes(vfs_handle* vh, int sockfd, int*, ox_u8* data, int nbytes) {
-  bool closed;
-  return recv_all(vh, sockfd, data, nbytes, &closed);
+  return recv_all({static_cast<SOCKET>(sockfd), vh, true}, data, nbytes);
 }
 
 int tnv_send_response(vfs_handle* vh, int fd, tnv_msg* msgp, tnv_resp* resp) {

@@ -367,7 +367,9 @@ OX_STATIC_ASSERT(sizeof(tnv_conn_resp) == 160, "wire layout");
 
 /*
  * OPEN. Two maps of wopen_resp_rmap_size bytes each follow the response; wopen_resp_dmap_size is
- * recorded and not used. The region shift counts only when maps follow.
+ * recorded and not used. The region shift counts only when maps follow. Maps with a shift that
+ * cannot be break the connection, since nobody could say which bytes they mean: the open then ends
+ * like one whose service is gone (1467).
  */
 typedef struct tnv_wopen_resp {
   ox_s32 wopen_resp_region_shift; /* log2 of the region size: 0 to 62 */

@@ -171,11 +171,13 @@ OX_STATIC_ASSERT(sizeof(tnw_fileinfo) == 1168, "wire layout");
 void* tnw_init(tnw_tninit* tninit, int* err);
 
 /*
- * Gives a drive handle back. What is still open on the drive is closed here: its handles are
- * unknown from now on, and the contexts of its files are freed, so their slots must be cleared. The
- * service is not told: close files before, or it keeps them open until it stops. The last handle of
- * a service also stops the service, after 1 s. The call does not wait for the end of the service's
- * process. `force` has no effect.
+ * Gives a drive handle back. What is still open on the drive is closed here: its handles
+ * must not be used any more, and the contexts of its files are freed, so their slots must be
+ * cleared. A call on such a handle gives 1467, until the other drives of the service have so many
+ * files open that its place in the table is needed for another one. The service is not told: close
+ * files before, or it keeps them open until it stops. The last handle of a service also stops the
+ * service, after 1 s. The call does not wait for the end of the service's process. `force` has no
+ * effect.
  *
  * 0; 87 ERROR_INVALID_PARAMETER for a null or unknown handle; or the result of the shut-down
  * request as it is: the service's error number, or -1 when the connection is broken.

@@ -60,7 +60,8 @@ int vfstnw_dirty_regions(vfs_handle* vh, tnvfd* fde, ox_off off, ox_u64 sz);
 int vfstnw_ftruncate(vfs_handle* vh, tnvfd* fde, ox_u64 nfsz);
 /*
  * Drops both maps and clears the flags TNV_FL_MAPPED and TNV_FL_NEWER. Other threads may test and
- * change the maps at the same time.
+ * change the maps at the same time. The caller holds none of the map locks, for the call takes
+ * both.
  */
 void vfstnw_remove_bmaps(tnvfd* fde);
 

@@ -1,7 +1,5 @@
 #include "cloud/directory/file_gates.h"
 
-#include <windows.h>
-
 #include "wide_text.h"
 
 namespace tarnd {
@@ -14,10 +12,10 @@ FileGates::Gate FileGates::of(const std::string& path) {
   Gate gate = gates_[key].lock();
   if (gate == nullptr) {
     std::erase_if(gates_, [](const auto& item) { return item.second.expired(); });
-    gate = std::make_shared<std::shared_mutex>();
+    gate = std::make_shared<FileGate>();
     gates_[key] = gate;
   }
   return gate;
 }
 
-}  // namespace tarnd
+} /* namespace tarnd */

@@ -9,6 +9,8 @@
 #ifndef SERVICE_FILE_GATES_H
 #define SERVICE_FILE_GATES_H
 
+#include <windows.h>
+
 #include <map>
 #include <memory>
 #include <mutex>
@@ -17,18 +19,34 @@
 
 namespace tarnd {
 
+/*
+ * For std::shared_lock and std::unique_lock. Gates come and go with every upload: a
+ * std::shared_mutex would leave two semaphores behind each time, since this runtime's one has no
+ * destructor.
+ */
+class FileGate {
+ public:
+  void lock() { AcquireSRWLockExclusive(&lock_); }
+  void unlock() { ReleaseSRWLockExclusive(&lock_); }
+  void lock_shared() { AcquireSRWLockShared(&lock_); }
+  void unlock_shared() { ReleaseSRWLockShared(&lock_); }
+
+ private:
+  SRWLOCK lock_ = SRWLOCK_INIT;
+};
+
 class FileGates {
  public:
-  using Gate = std::shared_ptr<std::shared_mutex>;
+  using Gate = std::shared_ptr<FileGate>;
 
   /* Lives for as long as somebody has it. */
   Gate of(const std::string& path);
 
  private:
   std::mutex lock_;
-  std::map<std::wstring, std::weak_ptr<std::shared_mutex>> gates_; /* guarded by lock_ */
+  std::map<std::wstring, std::weak_ptr<FileGate>> gates_; /* guarded by lock_ */
 };
 
-}  // namespace tarnd
+} /* namespace tarnd */
 
 #endif

@@ -59,7 +59,7 @@ int write_own_pid(int fd) {
     return 0;
   }
   if (written >= 0) {
-    errno = OX_EIO; /* a part was written: the system names no error for that */
+    errno = ERROR_WRITE_FAULT; /* a part was written: the system names no error for that */
   }
   return refuse_file("write DA PID to", "da_pid");
 }

@@ -203,7 +203,9 @@ void* tnw_create(void* drvhdl, void** fc, const char* path, ox_u32 accmode, ox_u
   if (err != nullptr) {
     *err = outcome.code;
   }
-  if (fde != nullptr) {
+  if (fde == nullptr) {
+    ox_free_safe(own_slot); /* what an unauthorised open keeps for a caller with a slot */
+  } else {
     SetLastError(outcome.last_error); /* at the very end, for any call may change it */
   }
   return fde;

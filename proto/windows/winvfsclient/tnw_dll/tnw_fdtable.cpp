@@ -64,8 +64,8 @@ void deinit_entry(tnvfd* fde) {
   ox_deinit_lock(&fde->fdt_psdo2io_lock);
 }
 
-/* `drvhdl` is what the free entry keeps as its drive. */
-void put(vfs_handle* vh, tnw_files* fdt, tnvfd* fde, void* drvhdl) {
+/* `gone_drive` is what the free entry keeps as its drive; such an entry is the last to be taken. */
+void put(vfs_handle* vh, tnw_files* fdt, tnvfd* fde, void* gone_drive) {
   if (fde->fdt_state == TNV_FD_FREE) {
     return;
   }
@@ -74,8 +74,12 @@ void put(vfs_handle* vh, tnw_files* fdt, tnvfd* fde, void* drvhdl) {
   tnvfdhd* head = &fdt->vfs_free_fds;
   ox_lock(&head->fdt_lock);
   clear_entry(fde);
-  fde->fdt_drv = drvhdl;
-  ox_list_push_front(head, fde);
+  fde->fdt_drv = gone_drive;
+  if (gone_drive != nullptr) {
+    ox_list_append(head, fde);
+  } else {
+    ox_list_push_front(head, fde);
+  }
   const ox_s32 count = ++head->fdt_count;
   ox_unlock(&head->fdt_lock);
   TNW_DEBUG(vh, 2, "putting fd %d, state %d, free count %d", fd, TNV_FD_FREE, count);
@@ -84,9 +88,10 @@ void put(vfs_handle* vh, tnw_files* fdt, tnvfd* fde, void* drvhdl) {
 }  // namespace
 
 int tnw_alloc_fdtable(vfs_handle* vh, tnw_files* fdt) {
+  errno = 0;
   const int n = ox_get_max_openfiles();
   if (n <= 0) {
-    const int err = errno ? errno : OX_EINVAL;
+    const int err = errno != 0 ? errno : OX_EINVAL;
     return TNW_REFUSE(err, vh, err, "Failed to get limit for max open files.");
   }
   fdt->vfs_files = alloc_entries(static_cast<size_t>(n));

@@ -30,8 +30,10 @@ void tnw_use_fd(tnw_files* fdt, tnvfd* fde, void* drvhdl);
  */
 void tnw_putfd(vfs_handle* vh, tnw_files* fdt, tnvfd* fde);
 /*
- * The same for an entry whose drive handle goes: until the entry is taken again, calls on it are
- * told that the drive is unknown (1467), not that the file was closed.
+ * The same for an entry whose drive handle goes, but it is put at the end of the free list. Until
+ * the entry is taken again, calls on it are told that the drive is unknown (1467), not that the
+ * file was closed; and it is taken as late as can be, since a late call through its handle would
+ * then reach another drive's file.
  */
 void tnw_putfd_of_gone_drive(vfs_handle* vh, tnw_files* fdt, tnvfd* fde);
 /* Takes the first free entry; null when none is left. The caller holds fdt_lock. */

@@ -11,7 +11,7 @@
 
 /*
  * Guards the counters of every context, and the callers' slots while a call uses them. No other
- * lock is taken under it, and it is taken under no other.
+ * lock is taken under it.
  */
 extern ox_lock_t tnw_fc_lock;
 

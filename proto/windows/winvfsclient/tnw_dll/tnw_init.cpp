@@ -188,8 +188,6 @@ void undo_attempt(Start* s) {
   tnw_terminate_service(tnw_connection(tni, 0), &tni->tni_pi);
   if (tni->tni_tpool != nullptr) {
     tnw_tp_deinit_vfshandle(tni);
-  }
-  if (tni->tni_tpool != nullptr) {
     ox_destroy_tpool(tni->tni_tpool, OX_TPOOL_FL_ABORT);
   }
   tnw_free_tninstance(tni);

@@ -9,7 +9,8 @@
  * The lookups take 2 and 3 and release them before they return: a file call holds no list lock
  * while it works. So calls run side by side, and a slow one holds up no other. The lock of the
  * descriptor table, the context lock (tnw_file_context.h) and each of the two map locks of a file
- * are taken alone, after the lookups.
+ * are taken one at a time, after the lookups; a deinit takes them under tnw_glock. No other lock is
+ * taken under them.
  */
 #ifndef TNW_INSTANCE_H
 #define TNW_INSTANCE_H
@@ -39,9 +40,11 @@ struct tnw_dhhd {
 
 /*
  * One cache service. It is listed when all of it is in place, and off the list before any of it
- * goes. tni_lock of the list: the links changed atomically: tni_is_tn_unauthorized with locks of
- * their own: tni_files, tni_drive_handles fixed while the instance is listed: all the others, also
- * tni_authtoken, which keeps the token of the start
+ * goes.
+ *
+ * The list's tni_lock guards the links. tni_files and tni_drive_handles have locks of their own.
+ * tni_is_tn_unauthorized is changed and read atomically. All other fields stay as they are while
+ * the instance is listed, also tni_authtoken, which keeps the token of the start.
  */
 struct tnw_tninstance {
   tnw_tninstance* tni_next;

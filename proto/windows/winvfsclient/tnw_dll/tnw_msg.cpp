@@ -1,5 +1,6 @@
 #include "tnw_msg.h"
 
+#include <atomic>
 #include <climits>
 
 #include "ox_util.h"
@@ -56,6 +57,6 @@ void tnw_fill_close(tnv_msg* msg, vfs_op op, const tnvfd* fde) {
   close->wclose_oamode = fde->fdt_oaccmode;
   close->wclose_oshmode = fde->fdt_oshmode;
   close->wclose_oflags = fde->fdt_oflags;
-  close->wclose_tnflags = fde->fdt_tnflags;
+  close->wclose_tnflags = std::atomic_ref(const_cast<ox_u16&>(fde->fdt_tnflags)).load();
   close->wclose_omsgid = fde->fdt_msgid;
 }

@@ -72,7 +72,7 @@ int dirty_range(Transfer* t) {
 
 /* The path of the local file for an error line, or an empty text after a warning. */
 void find_local_path(const Transfer& t, char (&path)[OX_MAXPATH_LEN]) {
-  if (!ox_handle2path(t.fde->fdt_ofd, path, sizeof path, nullptr)) {
+  if (ox_handle2path(t.fde->fdt_ofd, path, sizeof path, nullptr) == 0) {
     TNW_WARN(t.call.vh, 0, "Failed to get path from handle.");
   }
 }

@@ -17,11 +17,18 @@ constexpr DWORD READY_TIMEOUT_MS = 60000;
 constexpr size_t EXTRA_ARGS_SIZE = 512;
 constexpr size_t COMMAND_SIZE = 4096;
 
-/* Appends to a text of N bytes; *total counts the characters that a long enough one would hold. */
+/*
+ * Appends to a text of N bytes. *total counts the characters that a long enough one would hold; it
+ * becomes and stays negative when one could not be formatted.
+ */
 template <size_t N, class... Args>
 void append(char (&text)[N], int* total, const char* fmt, Args... args) {
+  if (*total < 0) {
+    return;
+  }
   const size_t at = static_cast<size_t>(*total) < N ? static_cast<size_t>(*total) : N - 1;
-  *total += snprintf(text + at, N - at, fmt, args...);
+  const int added = snprintf(text + at, N - at, fmt, args...);
+  *total = added < 0 ? added : *total + added;
 }
 
 /* Options that do not fit are cut, and the start goes on with what is left of them. */
@@ -43,7 +50,7 @@ int compose_extra_args(const tnw_tninit* init, const tnw_tninstance* tni,
            TN_FIELD(init->tnw_proxy_server), TN_FIELD(init->tnw_proxy_uname),
            TN_FIELD(init->tnw_proxy_password));
   }
-  if (total < static_cast<int>(sizeof text)) {
+  if (total >= 0 && total < static_cast<int>(sizeof text)) {
     return 0;
   }
   return TNW_REFUSE(
@@ -52,6 +59,10 @@ int compose_extra_args(const tnw_tninit* init, const tnw_tninstance* tni,
       sizeof text);
 }
 
+/*
+ * A command line that does not fit fails the start: cut, it would start a service with another
+ * log file, or on another address, than the caller asked for.
+ */
 int compose_command(const tnw_tninit* init, const tnw_tninstance* tni, const char* extra,
                     char (&command)[COMMAND_SIZE]) {
   char logfile[sizeof init->tnw_logdir];
@@ -120,8 +131,7 @@ int start_and_wait(const tnw_tninit* tninit, tnw_tninstance* tni) {
   char extra[EXTRA_ARGS_SIZE];
   char command[COMMAND_SIZE];
   tnw_ready_event_name(tni, event_name);
-  compose_extra_args(tninit, tni,
-                     extra); /* options that were cut are logged, and used as they are */
+  (void)compose_extra_args(tninit, tni, extra); /* options that were cut are used as they are */
   int code = compose_command(tninit, tni, extra, command);
   if (code != 0) {
     return code;
