@@ -7,7 +7,7 @@
 
 #include "build_info.h"
 #include "cloud/cloud_address.h"
-#include "cloud/webdav/webdav_cloud.h"
+#include "cloud/webdav/webdav_abilities.h"
 #include "listener.h"
 #include "ox_errno.h"
 #include "ox_logging.h"
@@ -129,26 +129,29 @@ CloudSettings cloud_settings(const Options& options, CloudCounts* counts) {
 }
 
 int probe(const Options& options) {
-  std::string error;
-  WebdavAbilities found;
-  const auto cloud = is_web_address(options.probe)
-                         ? WebdavCloud::open(options.probe, {1, options.ca}, &error)
-                         : nullptr;
+  const std::string& url = options.probe;
+  std::string error = "no http:// or https:// address";
+  WebAddress address;
+  std::unique_ptr<HttpClient> client;
+  if (is_web_address(url) && parse_web_address(url, &address, &error)) {
+    client = HttpClient::open(address, {1, options.ca}, &error);
+  }
+  if (client == nullptr) {
+    fprintf(stderr, "tarnd: %s: %s\n", url.c_str(), error.c_str());
+    return CANNOT_START;
+  }
   CloudContext context;
   context.deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
   context.credentials = Credentials(options).now();
-  if (cloud == nullptr) {
-    fprintf(stderr, "tarnd: %s: %s\n", options.probe.c_str(),
-            error.empty() ? "no http:// or https:// address" : error.c_str());
-    return CANNOT_START;
-  }
-  const CloudResult result = cloud->abilities(context, &found);
+  ox_debug = 0; /* what servers refuse is what is asked here */
+  WebdavServer server(address, std::move(client));
+  WebdavAbilities found;
+  const CloudResult result = find_abilities(context, server, &found);
   if (!result.ok()) {
-    fprintf(stderr, "tarnd: %s cannot be tried out: %s\n", options.probe.c_str(),
-            name_of(result.code));
+    fprintf(stderr, "tarnd: %s cannot be tried out: %s\n", url.c_str(), name_of(result.code));
     return CANNOT_START;
   }
-  printf("%s\n%s", options.probe.c_str(), table_of(found).c_str());
+  printf("%s\n%s", url.c_str(), table_of(found).c_str());
   return ENDED;
 }
 

@@ -46,8 +46,11 @@ void read_headers(const WinHttpExchange& exchange, HttpAnswer* answer) {
 std::unique_ptr<HttpClient> HttpClient::open(const WebAddress& address,
                                              const HttpSettings& settings, std::string* error) {
   std::unique_ptr<HttpClient> client(new HttpClient(address, settings));
-  if (!client->authority_.load(settings.ca_file, error)) {
-    return nullptr;
+  if (!settings.ca_file.empty()) {
+    client->authority_ = std::make_shared<CertificateAuthority>();
+    if (!client->authority_->load(settings.ca_file, error)) {
+      return nullptr;
+    }
   }
   if (client->connection({}) == nullptr) {
     *error = "the system's HTTP client does not start";
@@ -95,8 +98,7 @@ CloudResult HttpClient::exchange(const CloudContext& context, const HttpRequest&
   if (way == nullptr) {
     return CloudResult::of(CloudCode::OFFLINE);
   }
-  WinHttpExchange exchange(way, authority_.loaded() ? &authority_ : nullptr,
-                           settings_.longest_wait);
+  WinHttpExchange exchange(way, authority_, settings_.longest_wait);
   std::string body(request.body_size <= SMALL ? static_cast<size_t>(request.body_size) : 0, '\0');
   if (const int err = body.empty() ? 0 : request.body(0, body.data(), body.size())) {
     return CloudResult::refused(err);

@@ -87,7 +87,8 @@ class HttpClient {
 
   const WebAddress address_;
   const HttpSettings settings_;
-  CertificateAuthority authority_; /* fixed after open() */
+  /* Fixed after open(); null: the system's. */
+  std::shared_ptr<CertificateAuthority> authority_;
   std::counting_semaphore<64> free_;
   std::mutex lock_;
   std::shared_ptr<WinHttpConnection> connection_; /* guarded by lock_; for one proxy */

@@ -68,9 +68,6 @@ CertificateAuthority::~CertificateAuthority() {
 
 bool CertificateAuthority::load(const std::string& path, std::string* error) {
   std::string text;
-  if (path.empty()) {
-    return true;
-  }
   if (!read_file(path, &text)) {
     *error = "cannot read the authority's certificate in " + path;
     return false;
@@ -150,8 +147,8 @@ struct WinHttpExchange::State {
   DWORD error = 0;             /* of WinHTTP */
   size_t size = 0;             /* that was read */
   HINTERNET request = nullptr; /* null when it is closed */
-  const CertificateAuthority* authority = nullptr; /* fixed after creation */
-  std::vector<char> buffer = {};                   /* of the step that is under way */
+  std::shared_ptr<const CertificateAuthority> authority; /* fixed after creation */
+  std::vector<char> buffer = {};                         /* of the step that is under way */
 
   void end_step(DWORD code, size_t bytes) {
     const std::lock_guard guard(lock);
@@ -216,12 +213,12 @@ struct WinHttpExchange::State {
 };
 
 WinHttpExchange::WinHttpExchange(std::shared_ptr<WinHttpConnection> connection,
-                                 const CertificateAuthority* authority,
+                                 std::shared_ptr<const CertificateAuthority> authority,
                                  std::chrono::milliseconds longest_wait)
     : connection_(std::move(connection)),
       longest_wait_(longest_wait),
       state_(std::make_shared<State>()) {
-  state_->authority = authority;
+  state_->authority = std::move(authority);
 }
 
 WinHttpExchange::~WinHttpExchange() { state_->close(); }

@@ -33,9 +33,8 @@ class CertificateAuthority {
  public:
   ~CertificateAuthority();
 
-  /* False with a text in `*error`. An empty path loads none. */
+  /* False with a text in `*error`. */
   bool load(const std::string& path, std::string* error);
-  bool loaded() const { return engine_ != nullptr; }
   /* Whether the certificate that a request's server has shown is the authority's. */
   bool trusts_server_of(HINTERNET request) const;
 
@@ -58,9 +57,10 @@ struct WinHttpConnection {
 
 class WinHttpExchange {
  public:
-  /* `authority` is null or outlives every callback of the process. */
+  /* `authority` may be null: the system's count. */
   WinHttpExchange(std::shared_ptr<WinHttpConnection> connection,
-                  const CertificateAuthority* authority, std::chrono::milliseconds longest_wait);
+                  std::shared_ptr<const CertificateAuthority> authority,
+                  std::chrono::milliseconds longest_wait);
   ~WinHttpExchange();
   WinHttpExchange(const WinHttpExchange&) = delete;
   WinHttpExchange& operator=(const WinHttpExchange&) = delete;
