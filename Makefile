@@ -27,16 +27,16 @@ test_sanitized = $(call configure,$(1)); $(call build,$(1)); \
 DEMO_TARGETS := tnw tarnd tnwsh ws2_32_wine afunix_probe
 OWN_CODE = git ls-files -co --exclude-standard -- '*.cpp' '*.h' '*.c'
 
-.PHONY: help demo test test-slow build host-build host-test format check-format tidy lines clean \
-        packages cross-prefix
+.PHONY: help demo test test-slow bench-cloud build host-build host-test format check-format tidy \
+        lines clean packages cross-prefix
 
 help: ## Lists these commands
 	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1@\2/p' $(firstword $(MAKEFILE_LIST)) | \
 	  while IFS=@ read -r name text; do printf '%-18s %s\n' "$$name" "$$text"; done
 
-demo: cross-prefix build/windows/build.ninja ## Builds a cloud drive and watches it work on real files
+demo: cross-prefix build/windows/build.ninja ## Watches a cloud drive on real files (CLOUD=rclone: over WebDAV)
 	@$(call build,windows,$(DEMO_TARGETS))
-	@tools/demo
+	@tools/demo $(CLOUD)
 
 test: build host-build ## Builds everything and runs the tests, but for the slow ones
 	@status=0; \
@@ -75,6 +75,11 @@ tidy: cross-prefix ## Looks for likely faults, and for names that differ from th
 	@$(call configure,host)
 	@$(call configure,windows)
 	@tools/tidy
+
+bench-cloud: cross-prefix build/windows/build.ninja ## Compares the drive with rclone's own mount over a slow line
+	@tools/install-packages fuse3
+	@$(call build,windows,$(DEMO_TARGETS))
+	@tools/bench-cloud
 
 lines: ## Counts the lines of the product and of its tests, which are to be 0.40 of them at most
 	@tools/count-lines

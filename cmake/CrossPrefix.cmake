@@ -1,6 +1,6 @@
-# Defines the targets glib, icu_uc, pcre2 and sqlite, which pkg-config finds. For Windows they are
-# static and lie in the prefix that tools/build-cross-prefix makes. On the development host they are
-# the system's.
+# Defines the targets glib, icu_uc, pcre2, sqlite and pugixml, which pkg-config finds. For Windows
+# they are static and lie in the prefix that tools/build-cross-prefix makes. On the development host
+# they are the system's.
 find_package(PkgConfig REQUIRED)
 
 set(CROSS_PREFIX "")
@@ -36,3 +36,4 @@ packaged_library(glib GLIB glib-2.0)
 packaged_library(icu_uc ICU_UC icu-uc)
 packaged_library(pcre2 PCRE2 libpcre2-8)
 packaged_library(sqlite SQLITE sqlite3)
+packaged_library(pugixml PUGIXML pugixml)

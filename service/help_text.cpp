@@ -11,14 +11,19 @@ An option's value is the next word, unless that begins with "--": then it is emp
 follow a value belong to it. A quote groups words; a backslash is never an escape.
 
 The cloud and the user:
-  --addr URL             the cloud: file:///Z:/a%20folder (percent-encoded); with "fault+" before it
-                         the fault cloud: the same folder, but far away and failing, for tests
+  --addr URL             the cloud: file:///Z:/a%20folder (percent-encoded), or a folder of a
+                         WebDAV server: https://host:port/folder/; with "fault+" before it the same
+                         cloud as one that is far away and fails
   --cfs URL              the cloud's own name: https://domain
   --user NAME            the user
-  --access-token TOKEN   the user's token; "expired" is one that the cloud does not accept
+  --access-token TOKEN   the user's token; "expired" is one that the cloud does not accept. A web
+                         server gets it as a bearer's, and basic:USER:PASSWORD as these two
   --confaddr URL         the configuration service: kept, not used
   --proxy-server TEXT, --proxy-user TEXT, --proxy-password TEXT
-                         the HTTP proxy: kept, not used (a folder needs none)
+                         the HTTP proxy, HOST:PORT, of a web server's cloud
+  --ca FILE              the certificate of an own authority, PEM or DER: then only servers that it
+                         vouches for are talked to
+  --connections NUMBER   requests to a web server at a time: 1 to 64 (8)
   --transfers NUMBER     fetches at a time, and uploads at a time: 1 to 64 (8)
   --names-fresh MS       for how long listings and looks at names may show what the cloud said before:
                          up to 600000 (0: the cloud is asked each time)
@@ -38,11 +43,14 @@ This machine:
   --tn-devid ID, --da-devid ID
                          the library's and the drive application's device, as GET_VERSION tells
   --vfs                  serve the drive (always done; told in GET_VERSION)
+  --probe URL            tries out what a WebDAV server can, shows it and ends. It takes a folder
+                         that may be written to; --access-token, --proxy-... and --ca count
   --help, --version
 
 Environment:
   TARND_CACHE_SIZE, TARND_KEEP_FREE, TARND_TRANSFERS, TARND_NAMES_FRESH, TARND_WRITE_BACK_WAIT,
-  TARND_SHUTDOWN_WAIT    as the options of these names, which go before them
+  TARND_SHUTDOWN_WAIT, TARND_CONNECTIONS, TARND_CA
+                         as the options of these names, which go before them
 For development:
   TARND_REGION_SHIFT=N   regions of 2^N bytes, 0 to 62 (20)
   TARND_UTXID=N          the first answer's transaction id, counted up with each answer; 0: none (0)

@@ -7,6 +7,7 @@
 
 #include "build_info.h"
 #include "cloud/cloud_address.h"
+#include "cloud/webdav/webdav_abilities.h"
 #include "listener.h"
 #include "ox_errno.h"
 #include "ox_logging.h"
@@ -118,6 +119,43 @@ int serve(Service& service, const CloudCounts& cloud_counts) {
   return ENDED;
 }
 
+CloudSettings cloud_settings(const Options& options, CloudCounts* counts) {
+  CloudSettings settings;
+  settings.counts = counts;
+  settings.faults = options.faults;
+  settings.names_fresh = std::chrono::milliseconds(options.names_fresh_ms);
+  settings.connections = static_cast<unsigned>(options.connections);
+  settings.ca_file = options.ca;
+  return settings;
+}
+
+int probe(const Options& options) {
+  const std::string& url = options.probe;
+  std::string error = "no http:// or https:// address";
+  WebAddress address;
+  std::unique_ptr<HttpClient> client;
+  if (is_web_address(url) && parse_web_address(url, &address, &error)) {
+    client = HttpClient::open(address, {1, options.ca}, &error);
+  }
+  if (client == nullptr) {
+    fprintf(stderr, "tarnd: %s: %s\n", url.c_str(), error.c_str());
+    return CANNOT_START;
+  }
+  CloudContext context;
+  context.deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+  context.credentials = Credentials(options).now();
+  ox_debug = 0; /* what servers refuse is what is asked here */
+  WebdavServer server(address, std::move(client));
+  WebdavAbilities found;
+  const CloudResult result = find_abilities(context, server, &found);
+  if (!result.ok()) {
+    fprintf(stderr, "tarnd: %s cannot be tried out: %s\n", url.c_str(), name_of(result.code));
+    return CANNOT_START;
+  }
+  printf("%s\n%s", url.c_str(), table_of(found).c_str());
+  return ENDED;
+}
+
 int run(const Options& options) {
   std::wstring cache;
   PidFile pid_file;
@@ -131,12 +169,7 @@ int run(const Options& options) {
                                   : "Cannot write tarnd_pid in " + options.cache);
   }
   CloudCounts counts;
-  std::unique_ptr<Cloud> cloud =
-      open_cloud(options.addr,
-                 {.counts = &counts,
-                  .faults = options.faults,
-                  .names_fresh = std::chrono::milliseconds(options.names_fresh_ms)},
-                 &error);
+  std::unique_ptr<Cloud> cloud = open_cloud(options.addr, cloud_settings(options, &counts), &error);
   if (cloud == nullptr) {
     return fail(CANNOT_START, error);
   }
@@ -160,6 +193,9 @@ int main(int argc, char** argv) {
   if (options.help || options.version) {
     fputs((options.help ? help_text() : "tarnd " + std::string(VERSION) + '\n').c_str(), stdout);
     return ENDED;
+  }
+  if (!options.probe.empty()) {
+    return probe(options);
   }
   ox_init_logging("TARND_LOGGER", log_path(options.logfile).c_str(), nullptr, nullptr);
   if (options.debug_level >= 0) {

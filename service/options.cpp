@@ -15,7 +15,7 @@ struct TextOption {
   std::string Options::*field;
 };
 
-constexpr std::array<TextOption, 14> TEXT_OPTIONS = {{
+constexpr std::array<TextOption, 16> TEXT_OPTIONS = {{
     {"--cfs", &Options::cfs},
     {"--user", &Options::user},
     {"--cache", &Options::cache},
@@ -30,6 +30,8 @@ constexpr std::array<TextOption, 14> TEXT_OPTIONS = {{
     {"--proxy-server", &Options::proxy_server},
     {"--proxy-user", &Options::proxy_user},
     {"--proxy-password", &Options::proxy_password},
+    {"--ca", &Options::ca},
+    {"--probe", &Options::probe},
 }};
 
 struct NumberOption {
@@ -41,7 +43,7 @@ struct NumberOption {
 };
 
 constexpr uint64_t LONGEST_WAIT_MS = 600'000;
-constexpr std::array<NumberOption, 7> NUMBER_OPTIONS = {{
+constexpr std::array<NumberOption, 8> NUMBER_OPTIONS = {{
     {"--uid", nullptr, &Options::uid, 0, UINT64_MAX},
     {"--cache-size", "TARND_CACHE_SIZE", &Options::cache_size, 0, UINT64_MAX},
     {"--keep-free", "TARND_KEEP_FREE", &Options::keep_free, 0, UINT64_MAX},
@@ -50,6 +52,7 @@ constexpr std::array<NumberOption, 7> NUMBER_OPTIONS = {{
     {"--shutdown-wait", "TARND_SHUTDOWN_WAIT", &Options::shutdown_wait_ms, 0, LONGEST_WAIT_MS},
     {"--transfers", "TARND_TRANSFERS", &Options::transfers, 1, 64},
     {"--names-fresh", "TARND_NAMES_FRESH", &Options::names_fresh_ms, 0, LONGEST_WAIT_MS},
+    {"--connections", "TARND_CONNECTIONS", &Options::connections, 1, 64},
 }};
 
 struct FlagOption {
@@ -159,7 +162,7 @@ bool parse_command_line(const std::vector<std::string>& words, Options* options,
       return false;
     }
   }
-  if (options->help || options->version) {
+  if (options->help || options->version || !options->probe.empty()) {
     return true;
   }
   *error = options->cache.empty() ? "--cache is missing" : "--addr is missing";
@@ -183,6 +186,7 @@ bool parse_environment(const Environment& environment, Options* options, std::st
       return false;
     }
   }
+  options->ca = environment("TARND_CA").value_or("");
   options->counts_file = environment("TARND_COUNTS").value_or("");
   options->faults = environment("TARND_FAULTS").value_or("");
   return number("TARND_REGION_SHIFT", 62, &options->region_shift) &&

@@ -23,6 +23,7 @@ namespace tarnd {
 struct Options {
   bool help = false;
   bool version = false;
+  std::string probe; /* the address of a server that is only tried out */
 
   std::string cfs; /* the cloud's https address, with the domain */
   std::string user;
@@ -40,6 +41,7 @@ struct Options {
   std::string proxy_server;
   std::string proxy_user;
   std::string proxy_password;
+  std::string ca; /* the file of an own authority's certificate */
 
   /* These come from the environment, too: the library's command line has none of them. */
   uint64_t cache_size = 0;                  /* bytes; 0: a tenth of the free space */
@@ -48,6 +50,7 @@ struct Options {
   uint64_t shutdown_wait_ms = 5000;
   uint64_t transfers = 8;      /* at a time, in each direction */
   uint64_t names_fresh_ms = 0; /* for how long the cloud's names are remembered */
+  uint64_t connections = 8;    /* to a web server */
 
   /* From TARND_* environment variables alone. */
   int region_shift = 20;

@@ -71,22 +71,26 @@ void delete_others(const std::wstring& folder, const std::vector<FileRecord>& re
 Credentials::Credentials(const Options& options)
     : now_(std::make_shared<CloudCredentials>(
           CloudCredentials{options.access_token, options.proxy_server, options.proxy_user,
-                           options.proxy_password})) {}
+                           options.proxy_password, std::make_shared<std::atomic<bool>>(false)})) {}
 
 bool Credentials::set_token(const std::string& token) {
   const std::lock_guard guard(lock_);
   auto next = std::make_shared<CloudCredentials>(*now_);
   next->token = token;
+  next->refused = std::make_shared<std::atomic<bool>>(false);
   now_ = std::move(next);
   return token != EXPIRED_TOKEN;
 }
 
 bool Credentials::authorised() { return now()->token != EXPIRED_TOKEN; }
 
+bool Credentials::refused() { return *now()->refused; }
+
 void Credentials::set_proxy(const std::string& server, const std::string& user,
                             const std::string& password) {
   const std::lock_guard guard(lock_);
-  now_ = std::make_shared<CloudCredentials>(CloudCredentials{now_->token, server, user, password});
+  now_ = std::make_shared<CloudCredentials>(
+      CloudCredentials{now_->token, server, user, password, now_->refused});
 }
 
 std::shared_ptr<const CloudCredentials> Credentials::now() {

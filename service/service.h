@@ -29,6 +29,8 @@ class Credentials {
   /* Both answer whether the token is one that the cloud accepts. */
   bool set_token(const std::string& token);
   bool authorised();
+  /* Whether the cloud refused the token when it was last asked. */
+  bool refused();
   void set_proxy(const std::string& server, const std::string& user, const std::string& password);
   /* As they are now. */
   std::shared_ptr<const CloudCredentials> now();

@@ -93,7 +93,10 @@ struct RenameConditions {
   uint64_t source_modified = 0;
 };
 
-/* What a cloud can do, and what its callers should know. Fixed for its lifetime. */
+/*
+ * What a cloud can do, and what its callers should know. Once it can do something it always can; it
+ * may come to know more of its server.
+ */
 struct CloudCapabilities {
   bool patch = false;            /* patch() works */
   bool case_insensitive = false; /* names that differ in case only are the same name */
@@ -133,7 +136,8 @@ class Cloud {
                           const PutCondition& condition, Snapshot& content, CloudEntry* made) = 0;
   /*
    * The same, made from a copy in the cloud of the version that the condition names: only the
-   * changed bytes of the snapshot go up. REFUSED with OX_ENOSYS where the cloud cannot.
+   * changed bytes of the snapshot go up. REFUSED with OX_ENOSYS where the cloud cannot, also of one
+   * content alone: then put() can.
    */
   virtual CloudResult patch(const CloudContext& context, const std::string& path,
                             const PutCondition& condition, Snapshot& content, CloudEntry* made) = 0;

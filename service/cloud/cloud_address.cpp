@@ -1,45 +1,24 @@
 #include "cloud/cloud_address.h"
 
+#include <algorithm>
 #include <cctype>
 #include <string_view>
 
 #include "cloud/directory/directory_cloud.h"
 #include "cloud/fault/fault_cloud.h"
+#include "cloud/percent.h"
+#include "cloud/webdav/webdav_cloud.h"
 #include "names/folded_path.h"
 #include "names/name_caching_cloud.h"
 
 namespace tarnd {
 namespace {
 
-int hex_digit(char c) {
-  const std::string_view digits = "0123456789abcdef";
-  const size_t at = digits.find(c >= 'A' && c <= 'F' ? static_cast<char>(c - 'A' + 'a') : c);
-  return at == std::string_view::npos ? -1 : static_cast<int>(at);
-}
-
-bool decode_percent(std::string_view text, std::string* out) {
-  out->clear();
-  for (size_t i = 0; i < text.size(); i++) {
-    if (text[i] != '%') {
-      out->push_back(text[i]);
-      continue;
-    }
-    const int high = i + 2 < text.size() ? hex_digit(text[i + 1]) : -1;
-    const int low = i + 2 < text.size() ? hex_digit(text[i + 2]) : -1;
-    if (high < 0 || low < 0 || (high == 0 && low == 0)) {
-      return false;
-    }
-    out->push_back(static_cast<char>(high * 16 + low));
-    i += 2;
-  }
-  return true;
-}
-
 /* "Z:/folder" of "file:///Z:/folder". */
 bool folder_of_address(std::string_view address, std::string* folder, std::string* error) {
   constexpr std::string_view SCHEME = "file:///";
   if (!address.starts_with(SCHEME)) {
-    *error = "no file:/// address";
+    *error = "it begins with none of file:///, http:// and https://";
     return false;
   }
   if (!decode_percent(address.substr(SCHEME.size()), folder)) {
@@ -56,18 +35,32 @@ bool folder_of_address(std::string_view address, std::string* folder, std::strin
   return true;
 }
 
+std::unique_ptr<Cloud> open_plain(const std::string& address, const CloudSettings& settings,
+                                  std::string* error) {
+  if (is_web_address(address)) {
+    return WebdavCloud::open(address, {settings.connections, settings.ca_file}, error);
+  }
+  std::string folder;
+  return folder_of_address(address, &folder, error) ? DirectoryCloud::open(folder, error) : nullptr;
+}
+
+/* A request over a network takes its time, so there are fewer. */
+RetryPolicy policy_for(const std::string& address, RetryPolicy policy) {
+  constexpr unsigned WEB_TRIES = 3;
+  if (is_web_address(address)) {
+    policy.tries = std::min(policy.tries, WEB_TRIES);
+  }
+  return policy;
+}
+
 }  // namespace
 
 std::unique_ptr<Cloud> open_cloud(const std::string& address, const CloudSettings& settings,
                                   std::string* error) {
   constexpr std::string_view FAULTS = "fault+";
   const bool fails = address.starts_with(FAULTS);
-  std::string folder;
-  std::unique_ptr<Cloud> cloud;
-  if (folder_of_address(std::string_view(address).substr(fails ? FAULTS.size() : 0), &folder,
-                        error)) {
-    cloud = DirectoryCloud::open(folder, error);
-  }
+  const std::string plain = fails ? address.substr(FAULTS.size()) : address;
+  std::unique_ptr<Cloud> cloud = open_plain(plain, settings, error);
   if (cloud != nullptr && fails) {
     cloud = FaultCloud::open(std::move(cloud), settings.faults, error);
   }
@@ -75,7 +68,8 @@ std::unique_ptr<Cloud> open_cloud(const std::string& address, const CloudSetting
     *error = "Cloud address \"" + address + "\": " + *error;
     return nullptr;
   }
-  cloud = std::make_unique<RetryingCloud>(std::move(cloud), settings.counts, settings.retry);
+  cloud = std::make_unique<RetryingCloud>(std::move(cloud), settings.counts,
+                                          policy_for(plain, settings.retry));
   if (settings.names_fresh.count() > 0) {
     cloud = std::make_unique<NameCachingCloud>(std::move(cloud), settings.names_fresh, folded_path);
   }

@@ -15,13 +15,16 @@ struct CloudSettings {
   std::string faults = {};       /* the script of a fault cloud (cloud/fault/fault_cloud.h) */
   RetryPolicy retry = {};
   std::chrono::milliseconds names_fresh{0}; /* of names/name_caching_cloud.h; 0: none */
+  /* Of web servers alone: */
+  unsigned connections = 8; /* requests at a time */
+  std::string ca_file = {}; /* an own authority's certificate; empty: the system's authorities */
 };
 
 /*
  * The cloud at an address, with the retries around it: "file:///Z:/a%20folder" (percent-encoded) is
- * a directory, and "fault+file:///..." the same one, failing as its script says. Null with a text
- * in
- * `*error` that says what is wrong with it.
+ * a directory, "https://host:port/folder/" a WebDAV server, and either with "fault+" before it the
+ * same one, failing as its script says. Null with a text in `*error` that says what is wrong with
+ * it.
  */
 std::unique_ptr<Cloud> open_cloud(const std::string& address, const CloudSettings& settings,
                                   std::string* error);

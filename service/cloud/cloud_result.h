@@ -67,12 +67,14 @@ class CancelFlag {
   std::atomic<bool> raised_ = false;
 };
 
-/* By what the cloud knows its user. Never changed once it is shared. */
+/* By what the cloud knows its user. Never changed once it is shared, but for the mark. */
 struct CloudCredentials {
   std::string token;
   std::string proxy_server;
   std::string proxy_user;
   std::string proxy_password;
+  /* The cloud's last answer refused this token. Set by the cloud; each token has its own mark. */
+  std::shared_ptr<std::atomic<bool>> refused = std::make_shared<std::atomic<bool>>(false);
 };
 
 /*

@@ -101,7 +101,10 @@ CloudResult CachedFile::send(SealedContent& content, const CloudContext& context
   const PutCondition condition = {record_.is_new ? "" : record_.base.version, true};
   content.compose(false);
   if (!condition.version.empty() && env_.cloud.capabilities().patch && saves_by_patch(content)) {
-    return env_.cloud.patch(context, record_.path, condition, content, made);
+    const CloudResult result = env_.cloud.patch(context, record_.path, condition, content, made);
+    if (result.error != OX_ENOSYS) {
+      return result;
+    }
   }
   content.compose(true);
   return env_.cloud.put(context, record_.path, condition, content, made);

@@ -4,8 +4,8 @@
 #include <array>
 #include <vector>
 
+#include "names/utf8.h"
 #include "ox_errno.h"
-#include "wide_text.h"
 
 namespace tarnd {
 namespace {
@@ -63,11 +63,10 @@ int append_names(std::string_view path, size_t floor, std::vector<std::string_vi
 int check_name(std::string_view name) {
   if (name.empty() || name.size() > MAX_NAME_BYTES ||
       std::any_of(name.begin(), name.end(), is_forbidden) || name.back() == '.' ||
-      name.back() == ' ' || is_device(name)) {
+      name.back() == ' ' || is_device(name) || !is_utf8(name)) {
     return OX_EINVAL;
   }
-  std::wstring wide;
-  return wide_from_utf8(name, &wide) ? 0 : OX_EINVAL;
+  return 0;
 }
 
 int normalise_share_path(const std::string& share, const std::string& path, std::string* out) {

@@ -142,6 +142,8 @@ void Connection::serve(const Request& request, Reply* reply) {
     header.rhdr_tn_unauthd = 1;
   } else {
     header.rhdr_errno = static_cast<ox_u32>(operation->run(session_, request, reply));
+    const bool refused = header.rhdr_errno == OX_EPERM && session_.service.credentials.refused();
+    header.rhdr_tn_unauthd |= refused ? 1 : 0;
   }
   if (request->hdr.hdr_opcode == TNV_OP_WIN_CONNECT && header.rhdr_errno == 0) {
     note_connect(request);

@@ -102,7 +102,7 @@ int serve_update_token(Session& session, const Request& request, Reply* reply) {
 
 int serve_get_service_version(Session& session, const Request&, Reply* reply) {
   Service& service = session.service;
-  const bool authorised = service.credentials.authorised();
+  const bool authorised = service.credentials.authorised() && !service.credentials.refused();
   ox_get_version_t& version = reply->resp.u.get_version.ver_fields;
   copy_field(version.gv_version, VERSION);
   copy_field(version.gv_git_hash, GIT_HASH);

@@ -24,17 +24,37 @@ std::string file_url(const std::string& path) {
   return "file:///" + std::regex_replace(slashes, std::regex(" "), "%20");
 }
 
+std::string variable(const std::string& name) {
+  const char* value = getenv(name.c_str());
+  return value != nullptr ? value : "";
+}
+
+/* The server's folder, or a folder with a blank in its name, which is made. */
+fs::path make_cloud(const TestFolder& folder, const std::string& server) {
+  const fs::path cloud =
+      server.empty() ? fs::path(folder / "my cloud")
+                     : fs::path(variable("TNW_" + server + "_FOLDER")) / folder.path().filename();
+  fs::create_directory(cloud);
+  return cloud;
+}
+
+std::string cloud_address(const fs::path& cloud, const std::string& server) {
+  return server.empty() ? file_url(cloud.string())
+                        : variable("TNW_" + server) + cloud.filename().string() + '/';
+}
+
 }  // namespace
 
 /*
- * A folder with a blank in its name. The log goes beside the test only if it is opened before the
- * first start.
+ * The log goes beside the test only if it is opened before the first start.
  */
-RealDrive::RealDrive() : record(start_record(folder, beside_test("tarnd.exe"))) {
+RealDrive::RealDrive(const std::string& server)
+    : server_(server.empty() ? variable("TNW_CLOUD") : server),
+      cloud(make_cloud(folder, server_)),
+      record(start_record(folder, beside_test("tarnd.exe"))) {
   LogCapture opens_the_log;
-  fs::create_directory(folder / "my cloud");
   set_field(record.tnw_workdir, folder / "work");
-  set_field(record.tnw_api_addr, file_url(folder / "my cloud"));
+  set_field(record.tnw_api_addr, cloud_address(cloud, server_));
   record.tnw_max_threads = 4;
   SetEnvironmentVariableA("TARND_REGION_SHIFT", "12");
   SetEnvironmentVariableA("TARND_COUNTS", counts_file(folder).c_str());
@@ -82,7 +102,7 @@ ox_u64 RealDrive::count(const std::string& name) const {
 }
 
 fs::path RealDrive::in_cloud(const std::string& name) const {
-  return fs::path(folder / "my cloud") / std::u8string(name.begin(), name.end());
+  return cloud / std::u8string(name.begin(), name.end());
 }
 void RealDrive::put(const std::string& name, const std::string& content) const {
   fs::create_directories(in_cloud(name).parent_path());

@@ -23,8 +23,11 @@ constexpr ox_u64 REGION = 4096;
 /* Not thread-safe but for what DriveFile does with it. */
 class RealDrive {
  public:
-  /* An empty cloud; nothing runs yet. */
-  RealDrive();
+  /*
+   * An empty cloud; nothing runs yet. It is a folder of this server of web_servers ("RCLONE"); an
+   * empty text means the one that TNW_CLOUD names, or a plain folder.
+   */
+  explicit RealDrive(const std::string& server = "");
   /* Stops the service. */
   ~RealDrive();
 
@@ -52,6 +55,12 @@ class RealDrive {
   std::map<std::string, tnw_fileinfo> list(const std::string& path, int* code = nullptr);
 
   TestFolder folder;
+
+ private:
+  const std::string server_; /* empty: a plain folder */
+
+ public:
+  const std::filesystem::path cloud; /* the cloud's folder */
   tnw_tninit record;
   void* drive = nullptr;
   int error = -1; /* what tnw_init gave */

@@ -17,10 +17,16 @@ struct CloudVariant {
    * delete of what was never there may be OK.
    */
   bool loses_answers = false;
+  /* What a patch can do: nothing, change and add bytes, or cut as well. */
+  enum Patches { NONE, GROWING, ALL } patches = ALL;
+  int model_steps = 300; /* fewer where each takes long */
 };
 
 /* Those of this platform; defined beside each test program's main source. */
 std::vector<CloudVariant> cloud_variants();
+
+/* The servers that web_servers has started. */
+std::vector<CloudVariant> web_variants();
 
 inline tarnd::CloudCounts test_counts;
 

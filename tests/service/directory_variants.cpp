@@ -35,6 +35,8 @@ std::shared_ptr<tarnd::Cloud> open_directory(const char* faults) {
 }  // namespace
 
 std::vector<CloudVariant> cloud_variants() {
-  return {{"Directory", [] { return open_directory(nullptr); }},
-          {"FaultsAndDirectory", [] { return open_directory(PASSING_FAULTS); }, true}};
+  std::vector<CloudVariant> all = web_variants();
+  all.push_back({"Directory", [] { return open_directory(nullptr); }});
+  all.push_back({"FaultsAndDirectory", [] { return open_directory(PASSING_FAULTS); }, true});
+  return all;
 }

@@ -69,7 +69,7 @@ LocalFile lock_work_folder(const Options& options) {
 }
 
 void check_start(const Options& options) {
-  if (!is_local_folder(options.cloud)) {
+  if (!is_web_address(options.cloud) && !is_local_folder(options.cloud)) {
     throw Failure(options.cloud, "is no folder that can play the cloud", ERROR_PATH_NOT_FOUND);
   }
   if (!is_local_file(options.service)) {

@@ -26,7 +26,9 @@ void declare_options(CLI::App* app, Options* options) {
   const auto text = [app](const char* name, std::string& value, const char* help) {
     return app->add_option(name, value, help)->type_name("TEXT");
   };
-  text("--cloud", options->cloud, "The folder that plays the cloud")->required()->type_name("DIR");
+  text("--cloud", options->cloud, "A folder that plays the cloud, or a WebDAV server's address")
+      ->required()
+      ->type_name("DIR|URL");
   text("--work", options->work, "The folder for cache, socket and logs; made when it is not there")
       ->required()
       ->type_name("DIR");

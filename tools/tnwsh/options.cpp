@@ -94,6 +94,10 @@ std::string file_address(const std::string& folder) {
   return address;
 }
 
+bool is_web_address(const std::string& cloud) {
+  return cloud.starts_with("http://") || cloud.starts_with("https://");
+}
+
 tnw_tninit start_record(const Options& options) {
   tnw_tninit init = {};
   check_domain(options.domain);
@@ -106,7 +110,9 @@ tnw_tninit start_record(const Options& options) {
   fill_optional_word(init.tnw_proxy_server, options.proxy, "The proxy");
   fill_optional_word(init.tnw_proxy_uname, options.proxy_user, "The proxy's user");
   fill_optional_word(init.tnw_proxy_password, options.proxy_password, "The proxy's password");
-  fill_word(init.tnw_api_addr, file_address(options.cloud), "The cloud folder's address");
+  fill_word(init.tnw_api_addr,
+            is_web_address(options.cloud) ? options.cloud : file_address(options.cloud),
+            "The cloud's address");
   fill_word(init.tnw_config_addr, "none", "The configuration address");
   fill_field(init.tnw_sharepath, options.share, "The share");
   fill_field(init.tnw_workdir, code_page_path(options.work), "The --work folder");

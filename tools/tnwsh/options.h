@@ -12,7 +12,7 @@ namespace tnwsh {
 
 /* As given on the command line; UTF-8. */
 struct Options {
-  std::string cloud;   /* the folder that plays the cloud */
+  std::string cloud;   /* a folder that plays the cloud, or the address of a WebDAV server */
   std::string work;    /* cache, socket and logs */
   std::string service; /* tarnd.exe */
   std::string share = "/";
@@ -34,6 +34,9 @@ tnw_tninit start_record(const Options& options);
 
 /* Whose cache to purge. Throws in the same way. */
 tnw_purge_opt_t purge_record(const Options& options);
+
+/* Whether the cloud is a web server and not a folder. */
+bool is_web_address(const std::string& cloud);
 
 /* The percent-encoded address of a folder: "file:///Z:/a%20folder". */
 std::string file_address(const std::string& folder);

@@ -1,13 +1,10 @@
 #include "cloud/directory/directory_item.h"
 
-#include <bcrypt.h>
-
 #include <algorithm>
-#include <array>
-#include <cstring>
 #include <sstream>
 
 #include "cloud/directory/part_file.h"
+#include "cloud/path_id.h"
 #include "wide_text.h"
 
 namespace tarnd {
@@ -15,24 +12,9 @@ namespace {
 
 /* Of volumes: files can share their bytes. MinGW's headers do not have it. */
 constexpr DWORD BLOCK_REFCOUNTING = 0x08000000;
-/* The algorithm provider that needs no opening; MinGW's headers do not have it either. */
-const BCRYPT_ALG_HANDLE SHA256 = reinterpret_cast<BCRYPT_ALG_HANDLE>(0x41);
 
 constexpr DWORD MAX_PATH_UNITS = 32767; /* the longest path of Windows */
 constexpr size_t DRIVE_UNITS = 6;       /* the lead of a verbatim path on a drive: \\?\Z: */
-
-/* A UUID named by a text (version 8: an own scheme): the head of the text's SHA-256. */
-cfs_id_t id_of(const std::string& text) {
-  std::array<UCHAR, 32> digest = {};
-  std::string input = text;
-  BCryptHash(SHA256, nullptr, 0, reinterpret_cast<PUCHAR>(input.data()),
-             static_cast<ULONG>(input.size()), digest.data(), static_cast<ULONG>(digest.size()));
-  cfs_id_t id;
-  std::memcpy(id.id, digest.data(), sizeof id.id);
-  id.id[7] = static_cast<ox_u8>((id.id[7] & 0x0f) | 0x80);
-  id.id[8] = static_cast<ox_u8>((id.id[8] & 0x3f) | 0x80);
-  return id;
-}
 
 std::string version_text(uint64_t number, uint64_t change_time, uint64_t size) {
   std::ostringstream text;
@@ -168,7 +150,7 @@ CloudEntry DirectoryItem::entry() const {
           .created = time_of(info.ftCreationTime),
           .accessed = time_of(info.ftLastAccessTime),
           .modified = time_of(info.ftLastWriteTime),
-          .id = id_of(path),
+          .id = id_of_path(path),
           .version = version()};
 }
 
@@ -185,7 +167,7 @@ CloudEntry listed_entry(const std::string& folder, const std::string& name,
                       .created = number(found.CreationTime),
                       .accessed = number(found.LastAccessTime),
                       .modified = number(found.LastWriteTime),
-                      .id = id_of(path)};
+                      .id = id_of_path(path)};
   if (!is_folder) {
     entry.version = version_text(number(found.FileId), number(found.ChangeTime), entry.size);
   }
