@@ -24,17 +24,22 @@ std::string file_url(const std::string& path) {
   return "file:///" + std::regex_replace(slashes, std::regex(" "), "%20");
 }
 
+std::string cloud_prefix() {
+  const char* prefix = getenv("TNW_CLOUD_PREFIX");
+  return prefix != nullptr ? prefix : "";
+}
+
 }  // namespace
 
 /*
- * A folder with a blank in its name. The log goes beside the test only if it is opened before the
- * first start.
+ * A folder with a blank in its name; with TNW_CLOUD_PREFIX=fault+ through the fault cloud. The log
+ * goes beside the test only if it is opened before the first start.
  */
 RealDrive::RealDrive() : record(start_record(folder, beside_test("tarnd.exe"))) {
   LogCapture opens_the_log;
   fs::create_directory(folder / "my cloud");
   set_field(record.tnw_workdir, folder / "work");
-  set_field(record.tnw_api_addr, file_url(folder / "my cloud"));
+  set_field(record.tnw_api_addr, cloud_prefix() + file_url(folder / "my cloud"));
   record.tnw_max_threads = 4;
   SetEnvironmentVariableA("TARND_REGION_SHIFT", "12");
   SetEnvironmentVariableA("TARND_COUNTS", counts_file(folder).c_str());
