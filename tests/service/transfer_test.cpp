@@ -6,13 +6,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <future>
 #include <random>
 
 #include "cloud_variants.h"
 #include "eventually.h"
 #include "files/region_set.h"
+#include "gate.h"
 #include "memory_cloud.h"
 #include "transfer/file_fetches.h"
 #include "transfer/read_ahead.h"
@@ -109,26 +109,6 @@ struct File {
   FileFetches fetches;
 };
 
-/* Lets so many through; a semaphore of this runtime loses wake-ups under Wine. */
-class Gate {
- public:
-  void acquire() {
-    std::unique_lock lock(lock_);
-    opened_.wait(lock, [&] { return free_ > 0; });
-    free_--;
-  }
-  void release(int count = 1) {
-    const std::lock_guard guard(lock_);
-    free_ += count;
-    opened_.notify_all();
-  }
-
- private:
-  std::mutex lock_;
-  std::condition_variable opened_;
-  int free_ = 0;
-};
-
 class FetchTest : public testing::Test {
  protected:
   CloudCode fetch(const Ranges& ranges, ByteRange ahead = {}, milliseconds time = LONG) {
@@ -145,7 +125,7 @@ class FetchTest : public testing::Test {
       std::unique_lock lock(lock_);
       started_ += path;
       lock.unlock();
-      gate_.acquire();
+      gate_.wait();
       return CloudResult{};
     };
   }
@@ -174,7 +154,7 @@ TEST_F(FetchTest, EqualAndNeighbouringBytesAreReadOnce) {
   EXPECT_EQ(fetch({}, grains(1, 10)), OK) << "nobody waits for read-ahead";
   auto inside = fetching(grains(2, 1));
   auto behind = fetching(grains(11, 1));
-  gate_.release(100);
+  gate_.post(100);
   EXPECT_THAT((std::vector{first.get(), same.get(), inside.get(), behind.get()}),
               testing::Each(OK));
   ASSERT_TRUE(eventually([&] { return copy_.has(grains(0, 12)); }));
@@ -213,7 +193,7 @@ TEST_F(FetchTest, AFailureReachesThoseWhoWaitedWhenItsReadBegan) {
   cloud_.set("file", "another content");
   auto after = fetching(grains(12, 1));
   std::this_thread::sleep_for(milliseconds(20));
-  gate_.release(100);
+  gate_.post(100);
   EXPECT_EQ(before.get(), CHANGED);
   EXPECT_EQ(after.get(), OK) << "it never asked for the old path";
 }
@@ -258,9 +238,9 @@ TEST_F(FetchTest, WhatSomebodyWaitsForGoesBeforeReadAheadOfWhateverFile) {
   EXPECT_TRUE(have_started("ac")) << "one place is left for it";
   const auto fetched_next = want("d", {grains(0, 1)}, {});
   std::this_thread::sleep_for(milliseconds(20));
-  gate_.release();
+  gate_.post();
   EXPECT_TRUE(have_started("acd"));
-  gate_.release(100);
+  gate_.post(100);
   EXPECT_TRUE(have_started("acdb"));
 }
 
