@@ -20,8 +20,6 @@ void add_line(std::string* text, const char* name, uint64_t value) {
 
 }  // namespace
 
-const char* Counters::operation_name(uint32_t opcode) { return NAMES[index(opcode)]; }
-
 uint32_t Counters::operation_of_name(const std::string& name) {
   return static_cast<uint32_t>(std::find(NAMES.begin(), NAMES.end() - 1, name) - NAMES.begin());
 }

@@ -18,8 +18,6 @@ namespace tarnd {
 
 class Counters {
  public:
-  /* Names by operation code; a code past the last one is "unknown". */
-  static const char* operation_name(uint32_t opcode);
   /* TNV_OP_MAX when no operation has the name. */
   static uint32_t operation_of_name(const std::string& name);
 

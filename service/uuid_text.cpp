@@ -14,10 +14,6 @@ std::string text_of_id(const cfs_id_t& id) {
   return text;
 }
 
-bool id_of_text(const std::string& text, cfs_id_t* id) {
-  return text.size() == OX_UUID_TEXT_SIZE - 1 && ox_uuid_parse(text.c_str(), id->id) == 0;
-}
-
 cfs_id_t new_id() {
   cfs_id_t id;
   ox_uuid_generate(id.id);

@@ -10,8 +10,6 @@ namespace tarnd {
 
 /* 36 lower-case characters. */
 std::string text_of_id(const cfs_id_t& id);
-/* False when the text is no UUID. */
-bool id_of_text(const std::string& text, cfs_id_t* id);
 cfs_id_t new_id();
 
 struct IdLess {

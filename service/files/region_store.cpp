@@ -98,8 +98,6 @@ Extent RegionStore::at(uint64_t offset, uint64_t size) const {
   return {offset, std::min(cloud.end, size), Source::CLOUD};
 }
 
-bool RegionStore::is_local(uint64_t size) const { return next_to_fetch(regions(0, size)).empty(); }
-
 size_t RegionStore::map_bytes(uint64_t size) const {
   const uint64_t bytes = regions_up_to(size) / 8 + 1;
   return static_cast<size_t>(std::min<uint64_t>(2 * bytes + ROOM_BYTES, MAX_MAP_BYTES));

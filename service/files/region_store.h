@@ -67,8 +67,6 @@ class RegionStore {
   Extent cloud_bytes(Run regions) const;
   /* Where the content comes from at `offset`, for at most up to `size`. */
   Extent at(uint64_t offset, uint64_t size) const;
-  /* Whether a content of `size` bytes is all in the local file. */
-  bool is_local(uint64_t size) const;
 
   /*
    * The length of each map for a file of `size` bytes: with room for the file to double and 512

@@ -39,14 +39,15 @@ fs::path make_cloud(const TestFolder& folder, const std::string& server) {
 }
 
 std::string cloud_address(const fs::path& cloud, const std::string& server) {
-  return server.empty() ? file_url(cloud.string())
+  return server.empty() ? variable("TNW_CLOUD_PREFIX") + file_url(cloud.string())
                         : variable("TNW_" + server) + cloud.filename().string() + '/';
 }
 
 }  // namespace
 
 /*
- * The log goes beside the test only if it is opened before the first start.
+ * With TNW_CLOUD_PREFIX=fault+ the folder is reached through the fault cloud. The log goes beside
+ * the test only if it is opened before the first start.
  */
 RealDrive::RealDrive(const std::string& server)
     : server_(server.empty() ? variable("TNW_CLOUD") : server),

@@ -7,8 +7,8 @@
 
 #include <deque>
 #include <mutex>
-#include <semaphore>
 
+#include "gate.h"
 #include "ox_tpool.h"
 #include "oxley_test.h"
 
@@ -23,21 +23,6 @@ time_t longest_wait(const pthread_cond_t* cv);
 
 /* The threads that were started and not joined yet. */
 extern std::atomic<int> threads_to_join;
-
-/* A semaphore whose wait gives up after a time that only a failing test needs. */
-class Gate {
- public:
-  void post(int count = 1) { free_.release(count); }
-  bool wait(int count = 1) {
-    while (count > 0 && free_.try_acquire_for(std::chrono::seconds(10))) {
-      --count;
-    }
-    return count == 0;
-  }
-
- private:
-  std::counting_semaphore<> free_{0};
-};
 
 struct Blocks {
   void* stats;

@@ -146,7 +146,7 @@ class MemoryCloud : public tarnd::Cloud {
       for (auto it = items_.begin(); it != items_.end();) {
         const bool moves = it->first == from || it->first.starts_with(from + '/');
         if (moves) {
-          it->second.renames++;
+          it->second.renames += from != to ? 1 : 0;
           moved[to + it->first.substr(from.size())] = it->second;
         }
         it = moves ? items_.erase(it) : std::next(it);

@@ -8,11 +8,11 @@
 #include <atomic>
 #include <future>
 #include <random>
-#include <semaphore>
 
 #include "cloud_variants.h"
 #include "eventually.h"
 #include "files/region_set.h"
+#include "gate.h"
 #include "memory_cloud.h"
 #include "transfer/file_fetches.h"
 #include "transfer/read_ahead.h"
@@ -125,7 +125,7 @@ class FetchTest : public testing::Test {
       std::unique_lock lock(lock_);
       started_ += path;
       lock.unlock();
-      gate_.acquire();
+      gate_.wait();
       return CloudResult{};
     };
   }
@@ -136,7 +136,7 @@ class FetchTest : public testing::Test {
     });
   }
 
-  std::counting_semaphore<> gate_{0};
+  Gate gate_;
   std::mutex lock_;
   std::string started_; /* guarded by lock_ */
   MemoryCloud cloud_;
@@ -154,7 +154,7 @@ TEST_F(FetchTest, EqualAndNeighbouringBytesAreReadOnce) {
   EXPECT_EQ(fetch({}, grains(1, 10)), OK) << "nobody waits for read-ahead";
   auto inside = fetching(grains(2, 1));
   auto behind = fetching(grains(11, 1));
-  gate_.release(100);
+  gate_.post(100);
   EXPECT_THAT((std::vector{first.get(), same.get(), inside.get(), behind.get()}),
               testing::Each(OK));
   ASSERT_TRUE(eventually([&] { return copy_.has(grains(0, 12)); }));
@@ -193,7 +193,7 @@ TEST_F(FetchTest, AFailureReachesThoseWhoWaitedWhenItsReadBegan) {
   cloud_.set("file", "another content");
   auto after = fetching(grains(12, 1));
   std::this_thread::sleep_for(milliseconds(20));
-  gate_.release(100);
+  gate_.post(100);
   EXPECT_EQ(before.get(), CHANGED);
   EXPECT_EQ(after.get(), OK) << "it never asked for the old path";
 }
@@ -238,9 +238,9 @@ TEST_F(FetchTest, WhatSomebodyWaitsForGoesBeforeReadAheadOfWhateverFile) {
   EXPECT_TRUE(have_started("ac")) << "one place is left for it";
   const auto fetched_next = want("d", {grains(0, 1)}, {});
   std::this_thread::sleep_for(milliseconds(20));
-  gate_.release();
+  gate_.post();
   EXPECT_TRUE(have_started("acd"));
-  gate_.release(100);
+  gate_.post(100);
   EXPECT_TRUE(have_started("acdb"));
 }
 
