@@ -26,7 +26,8 @@ The cloud and the user:
   --connections NUMBER   requests to a web server at a time: 1 to 64 (8)
   --transfers NUMBER     fetches at a time, and uploads at a time: 1 to 64 (8)
   --names-fresh MS       for how long listings and looks at names may show what the cloud said before:
-                         up to 600000 (0: the cloud is asked each time)
+                         up to 600000; 0: the cloud is asked each time (0 for a directory,
+                         2000 for a web server)
   --write-back-wait MS   how long a close waits for its upload before it answers while that goes on;
                          until then it tells of a failure (2000)
 This machine:

@@ -119,13 +119,17 @@ int serve(Service& service, const CloudCounts& cloud_counts) {
   return ENDED;
 }
 
-CloudSettings cloud_settings(const Options& options, CloudCounts* counts) {
+CloudSettings cloud_settings(const Options& options, const std::wstring& cache,
+                             CloudCounts* counts) {
   CloudSettings settings;
   settings.counts = counts;
   settings.faults = options.faults;
-  settings.names_fresh = std::chrono::milliseconds(options.names_fresh_ms);
+  if (options.names_fresh_ms != Options::BY_THE_CLOUD) {
+    settings.names_fresh = std::chrono::milliseconds(options.names_fresh_ms);
+  }
   settings.connections = static_cast<unsigned>(options.connections);
   settings.ca_file = options.ca;
+  settings.abilities_file = cache + L"\\server_abilities";
   return settings;
 }
 
@@ -169,7 +173,8 @@ int run(const Options& options) {
                                   : "Cannot write tarnd_pid in " + options.cache);
   }
   CloudCounts counts;
-  std::unique_ptr<Cloud> cloud = open_cloud(options.addr, cloud_settings(options, &counts), &error);
+  std::unique_ptr<Cloud> cloud =
+      open_cloud(options.addr, cloud_settings(options, cache, &counts), &error);
   if (cloud == nullptr) {
     return fail(CANNOT_START, error);
   }

@@ -48,9 +48,10 @@ struct Options {
   uint64_t keep_free = uint64_t{256} << 20; /* bytes of the disk that no fetch may take */
   uint64_t write_back_wait_ms = 2000;
   uint64_t shutdown_wait_ms = 5000;
-  uint64_t transfers = 8;      /* at a time, in each direction */
-  uint64_t names_fresh_ms = 0; /* for how long the cloud's names are remembered */
-  uint64_t connections = 8;    /* to a web server */
+  uint64_t transfers = 8; /* at a time, in each direction */
+  static constexpr uint64_t BY_THE_CLOUD = UINT64_MAX;
+  uint64_t names_fresh_ms = BY_THE_CLOUD; /* for how long the cloud's names are remembered */
+  uint64_t connections = 8;               /* to a web server */
 
   /* From TARND_* environment variables alone. */
   int region_shift = 20;

@@ -8,11 +8,14 @@
 #include "cloud/fault/fault_cloud.h"
 #include "cloud/percent.h"
 #include "cloud/webdav/webdav_cloud.h"
+#include "names/any_case_cloud.h"
 #include "names/folded_path.h"
 #include "names/name_caching_cloud.h"
 
 namespace tarnd {
 namespace {
+
+constexpr std::chrono::milliseconds WEB_NAMES_FRESH{2000};
 
 /* "Z:/folder" of "file:///Z:/folder". */
 bool folder_of_address(std::string_view address, std::string* folder, std::string* error) {
@@ -38,7 +41,8 @@ bool folder_of_address(std::string_view address, std::string* folder, std::strin
 std::unique_ptr<Cloud> open_plain(const std::string& address, const CloudSettings& settings,
                                   std::string* error) {
   if (is_web_address(address)) {
-    return WebdavCloud::open(address, {settings.connections, settings.ca_file}, error);
+    return WebdavCloud::open(address, {settings.connections, settings.ca_file},
+                             KeptAbilities(settings.abilities_file), error);
   }
   std::string folder;
   return folder_of_address(address, &folder, error) ? DirectoryCloud::open(folder, error) : nullptr;
@@ -70,10 +74,13 @@ std::unique_ptr<Cloud> open_cloud(const std::string& address, const CloudSetting
   }
   cloud = std::make_unique<RetryingCloud>(std::move(cloud), settings.counts,
                                           policy_for(plain, settings.retry));
-  if (settings.names_fresh.count() > 0) {
-    cloud = std::make_unique<NameCachingCloud>(std::move(cloud), settings.names_fresh, folded_path);
+  const auto fresh = settings.names_fresh.value_or(
+      is_web_address(plain) ? WEB_NAMES_FRESH : std::chrono::milliseconds{0});
+  if (fresh.count() > 0) {
+    cloud = std::make_unique<NameCachingCloud>(std::move(cloud), fresh, folded_path);
   }
-  return cloud;
+  return is_web_address(plain) ? std::make_unique<AnyCaseCloud>(std::move(cloud), folded_path)
+                               : std::move(cloud);
 }
 
 }  // namespace tarnd

@@ -3,6 +3,7 @@
 #define SERVICE_CLOUD_ADDRESS_H
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "cloud/cloud.h"
@@ -14,10 +15,12 @@ struct CloudSettings {
   CloudCounts* counts = nullptr; /* outlives the cloud */
   std::string faults = {};       /* the script of a fault cloud (cloud/fault/fault_cloud.h) */
   RetryPolicy retry = {};
-  std::chrono::milliseconds names_fresh{0}; /* of names/name_caching_cloud.h; 0: none */
+  /* Of names/name_caching_cloud.h; 0: none. Not set: none for a directory, 2 s for a server. */
+  std::optional<std::chrono::milliseconds> names_fresh = {};
   /* Of web servers alone: */
   unsigned connections = 8; /* requests at a time */
   std::string ca_file = {}; /* an own authority's certificate; empty: the system's authorities */
+  std::wstring abilities_file = {}; /* keeps what the server can; empty: nothing is kept */
 };
 
 /*

@@ -26,7 +26,6 @@
 #ifndef SERVICE_CACHED_FILE_H
 #define SERVICE_CACHED_FILE_H
 
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -40,6 +39,7 @@
 #include "files/local_file.h"
 #include "files/range_locks.h"
 #include "files/sealed_content.h"
+#include "slim_lock.h"
 #include "state/state_store.h"
 #include "transfer/file_fetches.h"
 #include "transfer/read_ahead.h"
@@ -236,7 +236,7 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
    private:
     CachedFile& file_;
   };
-  using Lock = std::unique_lock<std::mutex>;
+  using Lock = std::unique_lock<SlimLock>;
 
   /* cached_file_machine.cpp: a plan and its actions; with the turn. */
   int carry_out(Turn& turn, Event event, Work& work);
@@ -319,8 +319,8 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
   const int64_t id_;
   RangeLocks locks_; /* has its own lock */
 
-  mutable std::mutex lock_;
-  std::condition_variable moved_on_; /* a turn, a fetch or an upload ended */
+  mutable SlimLock lock_;
+  SlimCondition moved_on_; /* a turn, a fetch or an upload ended */
   bool turn_taken_ = false;
   /* Change under the turn (but store's present regions, which fetches add). */
   FileRecord record_;

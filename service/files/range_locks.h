@@ -14,6 +14,8 @@
 #include <mutex>
 #include <vector>
 
+#include "slim_lock.h"
+
 namespace tarnd {
 
 class RangeLocks {
@@ -44,7 +46,7 @@ class RangeLocks {
     bool exclusive;
   };
 
-  std::mutex lock_;
+  SlimLock lock_;
   std::vector<Entry> entries_; /* guarded by lock_ */
 };
 

@@ -11,6 +11,7 @@
 
 #include "cloud/cloud.h"
 #include "files/local_file.h"
+#include "slim_lock.h"
 #include "state/state_store.h"
 
 namespace tarnd {
@@ -41,7 +42,7 @@ class SealedContent : public Snapshot {
   const CloudContext context_;
   const CloudBase base_;
   const SealedChange change_;
-  std::mutex lock_; /* guards file_ */
+  SlimLock lock_; /* guards file_ */
   LocalFile file_{L""};
   bool composes_ = true;
   std::atomic<bool> is_lost_ = false;

@@ -61,14 +61,12 @@ std::optional<CloudCode> NameCache::status(const std::string& path, CloudEntry* 
   return CloudCode::OK;
 }
 
-void NameCache::forget(const std::string& path) {
-  const std::string key = fold_(path);
-  const Guard guard(lock_);
+/* All but the listing of the folder above. */
+void NameCache::forget(const std::string& key) {
   statuses_.erase(key);
   erase_below(&statuses_, key);
   listings_.erase(key);
   erase_below(&listings_, key);
-  listings_.erase(parent_path(key));
   for (Look* look : looks_) {
     look->outdated_ = look->outdated_ || look->key_ == key || is_below(look->key_, key) ||
                       (look->listing_ && look->key_ == parent_path(key));
@@ -82,6 +80,49 @@ void NameCache::make_room(size_t names) {
     listings_.clear();
     names_ = names;
   }
+}
+
+/* Puts it into the listing of the folder above: false when that is not known. */
+bool NameCache::learn(const std::string& path, const CloudEntry* now) {
+  const auto known = listings_.find(fold_(parent_path(path)));
+  if (known == listings_.end() || known->second.path != parent_path(path) ||
+      (now != nullptr && now->path != path)) {
+    return false;
+  }
+  auto& entries = known->second.entries;
+  const std::string name = last_name(path);
+  const std::string key = fold_(name);
+  const auto [first, last] = entries.equal_range(key);
+  const auto same = std::find_if(first, last, [&](const auto& e) { return e.second.name == name; });
+  if (same != last) {
+    entries.erase(same);
+  }
+  if (now != nullptr) {
+    entries.emplace(key, *now);
+  }
+  return true;
+}
+
+/* ------------------------------------------------------------------ changes of ours */
+
+NameCache::Change::Change(NameCache& cache, const std::string& path)
+    : cache_(cache), path_(path), key_(cache.fold_(path)) {
+  const Guard guard(cache_.lock_);
+  for (Change* other : cache_.changes_) {
+    if (other->key_ == key_ || is_below(other->key_, key_) || is_below(key_, other->key_)) {
+      overlaps_ = other->overlaps_ = true;
+    }
+  }
+  cache_.changes_.push_back(this);
+}
+
+NameCache::Change::~Change() {
+  const Guard guard(cache_.lock_);
+  cache_.forget(key_);
+  if (!worked_ || overlaps_ || !cache_.learn(path_, now_ ? &*now_ : nullptr)) {
+    cache_.listings_.erase(parent_path(key_));
+  }
+  cache_.changes_.remove(this);
 }
 
 /* ------------------------------------------------------------------ questions to the cloud */

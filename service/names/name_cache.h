@@ -2,8 +2,8 @@
  * What is known of names without asking the cloud: status, also of what is not there, and listings,
  * each for a time.
  *
- * What we change ourselves is forgotten at once, and what the cloud was asked before such a change
- * and answers after it is not taken in. What others change is seen when the time is over.
+ * What we change ourselves is seen at once, and what the cloud was asked before such a change and
+ * answers after it is not taken in. What others change is seen when the time is over.
  *
  * Threads: any thread may call anything.
  */
@@ -62,8 +62,33 @@ class NameCache {
     bool outdated_ = false; /* guarded by the cache's lock */
   };
 
-  /* Something else is at the path now, or may be; at all paths below it, too. */
-  void forget(const std::string& path);
+  /*
+   * A change of ours, from before the cloud is asked for it until it has answered. Then something
+   * else is at the path, or may be, and at all paths below it.
+   */
+  class Change {
+   public:
+    Change(NameCache& cache, const std::string& path);
+    Change(const Change&) = delete;
+    Change& operator=(const Change&) = delete;
+    ~Change();
+
+    /* This is at the path now, or nothing. The listing of the folder above learns it. */
+    void worked(const std::optional<CloudEntry>& now) {
+      worked_ = true;
+      now_ = now;
+    }
+
+   private:
+    friend class NameCache;
+
+    NameCache& cache_;
+    const std::string path_;
+    const std::string key_;
+    bool worked_ = false;
+    std::optional<CloudEntry> now_;
+    bool overlaps_ = false; /* another change; guarded by the cache's lock */
+  };
 
  private:
   struct KnownStatus {
@@ -80,6 +105,8 @@ class NameCache {
   /* These want lock_ held. */
   const KnownListing* known_listing(const std::string& path) const;
   void make_room(size_t names);
+  void forget(const std::string& key);
+  bool learn(const std::string& path, const CloudEntry* now);
 
   const std::chrono::milliseconds fresh_;
   const Fold fold_;
@@ -88,6 +115,7 @@ class NameCache {
   std::map<std::string, KnownStatus> statuses_;  /* by key */
   std::map<std::string, KnownListing> listings_; /* by key */
   std::list<Look*> looks_;
+  std::list<Change*> changes_;
   size_t names_ = 0; /* kept since it began anew */
 };
 

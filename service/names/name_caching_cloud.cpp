@@ -37,37 +37,43 @@ CloudResult NameCachingCloud::list(const CloudContext& context, const std::strin
   return result;
 }
 
-CloudResult NameCachingCloud::forgetting(const std::string& path, CloudResult result) {
-  names_.forget(path);
+CloudResult NameCachingCloud::change(const std::string& path, CloudEntry* made, const Call& call) {
+  NameCache::Change change(names_, path);
+  const CloudResult result = call();
+  if (result.ok()) {
+    change.worked(made != nullptr ? std::optional(*made) : std::nullopt);
+  }
   return result;
 }
 
 CloudResult NameCachingCloud::put(const CloudContext& context, const std::string& path,
                                   const PutCondition& condition, Snapshot& content,
                                   CloudEntry* made) {
-  return forgetting(path, below_->put(context, path, condition, content, made));
+  return change(path, made, [&] { return below_->put(context, path, condition, content, made); });
 }
 
 CloudResult NameCachingCloud::patch(const CloudContext& context, const std::string& path,
                                     const PutCondition& condition, Snapshot& content,
                                     CloudEntry* made) {
-  return forgetting(path, below_->patch(context, path, condition, content, made));
+  return change(path, made, [&] { return below_->patch(context, path, condition, content, made); });
 }
 
 CloudResult NameCachingCloud::rename(const CloudContext& context, const std::string& from,
                                      const std::string& to, const RenameConditions& conditions,
                                      CloudEntry* made) {
-  return forgetting(to, forgetting(from, below_->rename(context, from, to, conditions, made)));
+  return change(from, nullptr, [&] {
+    return change(to, made, [&] { return below_->rename(context, from, to, conditions, made); });
+  });
 }
 
 CloudResult NameCachingCloud::remove(const CloudContext& context, const std::string& path,
                                      const std::string& version) {
-  return forgetting(path, below_->remove(context, path, version));
+  return change(path, nullptr, [&] { return below_->remove(context, path, version); });
 }
 
 CloudResult NameCachingCloud::make_folder(const CloudContext& context, const std::string& path,
                                           CloudEntry* made) {
-  return forgetting(path, below_->make_folder(context, path, made));
+  return change(path, made, [&] { return below_->make_folder(context, path, made); });
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

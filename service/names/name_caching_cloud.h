@@ -40,8 +40,10 @@ class NameCachingCloud : public Cloud {
                           CloudEntry* made) override;
 
  private:
-  /* After a change, whatever became of it. */
-  CloudResult forgetting(const std::string& path, CloudResult result);
+  using Call = std::function<CloudResult()>;
+
+  /* `made`: what the call tells of the path; null when nothing is there after it. */
+  CloudResult change(const std::string& path, CloudEntry* made, const Call& call);
 
   const std::unique_ptr<Cloud> below_;
   NameCache names_;

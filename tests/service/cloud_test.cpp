@@ -129,7 +129,7 @@ TEST_F(CloudTest, AddressesThatAreWrongSaySo) {
     EXPECT_THAT(text, HasSubstr(address));
     return text;
   };
-  EXPECT_THAT(error("https://example.com"), HasSubstr("no file:/// address"));
+  EXPECT_THAT(error("ftp://example.com"), HasSubstr("it begins with none of"));
   EXPECT_THAT(error("file:///tmp/x"), HasSubstr("drive letter"));
   EXPECT_THAT(error("file:///C:/a%2"), HasSubstr("hexadecimal"));
   EXPECT_THAT(error("file:///C:/%ff"), HasSubstr("UTF-8"));

@@ -71,18 +71,33 @@ std::shared_ptr<WinHttpConnection> HttpClient::connection(const CloudCredentials
 
 CloudResult HttpClient::send(const CloudContext& context, const HttpRequest& request,
                              HttpAnswer* answer, const BodySink& sink) {
-  constexpr std::chrono::seconds LONGEST{3600};
-  const CloudResult may = check(context);
-  if (!may.ok()) {
-    return may;
+  CloudResult result = take_turn(context);
+  if (result.ok()) {
+    result = exchange(context, request, answer, sink);
+    end_turn();
   }
-  const auto end = std::min(context.deadline, std::chrono::steady_clock::now() + LONGEST);
-  if (!free_.try_acquire_until(end)) {
-    return CloudResult::of(CloudCode::OFFLINE);
-  }
-  const CloudResult result = exchange(context, request, answer, sink);
-  free_.release();
   return result;
+}
+
+/* Waits until fewer requests are under way than connections are allowed. */
+CloudResult HttpClient::take_turn(const CloudContext& context) {
+  constexpr std::chrono::milliseconds STEP{20}; /* after which the caller may have given up */
+  std::unique_lock lock(lock_);
+  CloudResult may = check(context);
+  while (may.ok() && free_ == 0) {
+    freed_.wait_for(lock, STEP);
+    may = check(context);
+  }
+  if (may.ok()) {
+    free_--;
+  }
+  return may;
+}
+
+void HttpClient::end_turn() {
+  const std::lock_guard guard(lock_);
+  free_++;
+  freed_.notify_one();
 }
 
 CloudResult HttpClient::exchange(const CloudContext& context, const HttpRequest& request,

@@ -11,11 +11,11 @@
 #define SERVICE_HTTP_CLIENT_H
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <semaphore>
 #include <string>
 #include <utility>
 #include <vector>
@@ -77,6 +77,8 @@ class HttpClient {
   HttpClient(const WebAddress& address, const HttpSettings& settings)
       : address_(address), settings_(settings), free_(settings.connections) {}
 
+  CloudResult take_turn(const CloudContext& context);
+  void end_turn();
   CloudResult exchange(const CloudContext& context, const HttpRequest& request, HttpAnswer* answer,
                        const BodySink& sink);
   CloudResult send_body(const CloudContext& context, const HttpRequest& request,
@@ -89,9 +91,10 @@ class HttpClient {
   const HttpSettings settings_;
   /* Fixed after open(); null: the system's. */
   std::shared_ptr<CertificateAuthority> authority_;
-  std::counting_semaphore<64> free_;
-  std::mutex lock_;
-  std::shared_ptr<WinHttpConnection> connection_; /* guarded by lock_; for one proxy */
+  std::mutex lock_;                               /* guards the next two */
+  unsigned free_;                                 /* requests that may begin */
+  std::shared_ptr<WinHttpConnection> connection_; /* for one proxy */
+  std::condition_variable freed_;
 };
 
 }  // namespace tarnd

@@ -3,6 +3,8 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <random>
 #include <string_view>
 
@@ -12,6 +14,29 @@ namespace {
 constexpr std::string_view PART_LEAD = ".tarnd-part-";
 constexpr size_t PART_DIGITS = 16;
 constexpr const char* WRONG_TAG = "\"not-this-one\"";
+constexpr int64_t SECONDS_KEPT = 24 * 3600;
+
+struct Row {
+  const char* text;
+  bool WebdavAbilities::*has;
+};
+
+/* Their order is that of the flags on disk. */
+constexpr std::array<Row, 7> ROWS = {{
+    {"a MOVE to a name that is taken is refused when it is to be new",
+     &WebdavAbilities::strict_new_names},
+    {"a MOVE under a condition on the contents (If) is kept", &WebdavAbilities::tagged_moves},
+    {"a LOCK keeps other clients out", &WebdavAbilities::locks},
+    {"a MOVE keeps the entity tag", &WebdavAbilities::moves_keep_tag},
+    {"a part of a file can be read (Range)", &WebdavAbilities::ranged_get},
+    {"a part of a file can be written (Content-Range)", &WebdavAbilities::ranged_put},
+    {"names that differ in case only are the same", &WebdavAbilities::case_insensitive},
+}};
+
+int64_t seconds_now() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::seconds>(now).count();
+}
 
 /* The scratch files of one probe, which go with it. */
 class Scratch {
@@ -129,25 +154,43 @@ CloudResult find_abilities(const CloudContext& context, WebdavServer& server,
 }
 
 std::string table_of(const WebdavAbilities& abilities) {
-  struct Row {
-    const char* text;
-    bool has;
-  };
-  const std::array<Row, 7> rows = {{
-      {"a MOVE to a name that is taken is refused when it is to be new",
-       abilities.strict_new_names},
-      {"a MOVE under a condition on the contents (If) is kept", abilities.tagged_moves},
-      {"a LOCK keeps other clients out", abilities.locks},
-      {"a MOVE keeps the entity tag", abilities.moves_keep_tag},
-      {"a part of a file can be read (Range)", abilities.ranged_get},
-      {"a part of a file can be written (Content-Range)", abilities.ranged_put},
-      {"names that differ in case only are the same", abilities.case_insensitive},
-  }};
   std::string table;
-  for (const Row& row : rows) {
-    table += (row.has ? "  yes  " : "  no   ") + std::string(row.text) + '\n';
+  for (const Row& row : ROWS) {
+    table += (abilities.*row.has ? "  yes  " : "  no   ") + std::string(row.text) + '\n';
   }
   return table;
+}
+
+/* ------------------------------------------------------------------ on disk */
+
+bool KeptAbilities::load(const std::string& address, WebdavAbilities* abilities) const {
+  std::ifstream file{std::filesystem::path(path_)};
+  std::string of;
+  int64_t found_at = 0;
+  std::string flags;
+  if (path_.empty() || !std::getline(file, of) || !(file >> found_at >> flags)) {
+    return false;
+  }
+  const int64_t age = seconds_now() - found_at;
+  if (of != address || age < 0 || age > SECONDS_KEPT || flags.size() != ROWS.size()) {
+    return false;
+  }
+  for (size_t i = 0; i < ROWS.size(); i++) {
+    abilities->*ROWS[i].has = flags[i] == '1';
+  }
+  return true;
+}
+
+void KeptAbilities::save(const std::string& address, const WebdavAbilities& abilities) const {
+  if (path_.empty()) {
+    return;
+  }
+  std::ofstream file{std::filesystem::path(path_)};
+  file << address << '\n' << seconds_now() << ' ';
+  for (const Row& row : ROWS) {
+    file << (abilities.*row.has ? '1' : '0');
+  }
+  file << '\n';
 }
 
 std::string new_part_path(const std::string& folder) {

@@ -16,7 +16,6 @@ namespace {
 
 constexpr uint64_t TICKS_A_DAY = uint64_t{24} * 3600 * 10'000'000;
 constexpr size_t PARTS_REMOVED_AT_ONCE = 16;
-constexpr std::chrono::milliseconds NAMES_FRESH{1000};
 
 std::string last_name(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
@@ -107,7 +106,8 @@ std::string version_of(const DavItem& item) {
 /* ------------------------------------------------------------------ the server */
 
 std::unique_ptr<WebdavCloud> WebdavCloud::open(const std::string& address,
-                                               const HttpSettings& settings, std::string* error) {
+                                               const HttpSettings& settings,
+                                               const KeptAbilities& kept, std::string* error) {
   WebAddress parts;
   if (!parse_web_address(address, &parts, error)) {
     return nullptr;
@@ -117,11 +117,19 @@ std::unique_ptr<WebdavCloud> WebdavCloud::open(const std::string& address,
     return nullptr;
   }
   return std::unique_ptr<WebdavCloud>(
-      new WebdavCloud(std::make_unique<WebdavServer>(parts, std::move(client))));
+      new WebdavCloud(std::make_unique<WebdavServer>(parts, std::move(client)), kept));
+}
+
+WebdavCloud::WebdavCloud(std::unique_ptr<WebdavServer> server, const KeptAbilities& kept)
+    : server_(std::move(server)), kept_(kept) {
+  WebdavAbilities known;
+  if (kept_.load(server_->address().server() + server_->address().target(""), &known)) {
+    use(known);
+  }
 }
 
 CloudCapabilities WebdavCloud::capabilities() const {
-  return {.patch = can_patch_, .cheap_patch = can_patch_, .names_fresh = NAMES_FRESH};
+  return {.patch = can_patch_, .case_insensitive = case_insensitive_};
 }
 
 /* One thread tries, and the others wait for it. */
@@ -134,26 +142,36 @@ CloudResult WebdavCloud::abilities(const CloudContext& context, WebdavAbilities*
       return may;
     }
   }
-  CloudResult result;
-  if (found_ == nullptr) {
-    trying_ = true;
-    lock.unlock();
-    auto tried = std::make_unique<WebdavAbilities>();
-    result = find_abilities(context, *server_, tried.get());
-    lock.lock();
-    trying_ = false;
-    tried_.notify_all();
-    if (result.ok()) {
-      OX_LOG(OX_INFO_LEVEL, 0, "The server %s:\n%s", server_->address().server().c_str(),
-             table_of(*tried).c_str());
-      can_patch_ = tried->ranged_put && tried->tagged_moves;
-      found_ = std::move(tried);
-    }
-  }
-  if (result.ok()) {
+  if (found_ != nullptr) {
     *found = *found_;
+    return {};
+  }
+  trying_ = true;
+  lock.unlock();
+  const CloudResult result = try_out(context, found);
+  lock.lock();
+  trying_ = false;
+  tried_.notify_all();
+  if (result.ok()) {
+    use(*found);
   }
   return result;
+}
+
+CloudResult WebdavCloud::try_out(const CloudContext& context, WebdavAbilities* found) {
+  const CloudResult result = find_abilities(context, *server_, found);
+  if (result.ok()) {
+    OX_LOG(OX_INFO_LEVEL, 0, "The server %s:\n%s", server_->address().server().c_str(),
+           table_of(*found).c_str());
+    kept_.save(server_->address().server() + server_->address().target(""), *found);
+  }
+  return result;
+}
+
+void WebdavCloud::use(const WebdavAbilities& abilities) {
+  can_patch_ = abilities.ranged_put && abilities.tagged_moves;
+  case_insensitive_ = abilities.case_insensitive;
+  found_ = std::make_unique<const WebdavAbilities>(abilities);
 }
 
 /* ------------------------------------------------------------------ looking */

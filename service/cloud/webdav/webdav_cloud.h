@@ -10,7 +10,7 @@
  *     and looked at before; where there are no locks either, only looked at: then a change by
  *     another client in the moment between may be replaced.
  *   - A folder is deleted under a hidden name, after another look at it there: a server would
- * delete what somebody put there just before. What a kill leaves under such a name is shown.
+ *     delete what somebody put there just before. What a kill leaves under such a name is shown.
  *   - Hidden files that a killed upload left go a day later, when their folder is listed.
  *   - Names that Windows cannot hold have another spelling (name_spelling.h). Those that are too
  *     long for it are left out of listings.
@@ -43,7 +43,7 @@ class WebdavCloud : public Cloud {
  public:
   /* Asks the server nothing yet. Null with a text in `*error`. */
   static std::unique_ptr<WebdavCloud> open(const std::string& address, const HttpSettings& settings,
-                                           std::string* error);
+                                           const KeptAbilities& kept, std::string* error);
 
   /* Until the first change has been made, no more than every server can. */
   CloudCapabilities capabilities() const override;
@@ -79,8 +79,10 @@ class WebdavCloud : public Cloud {
   class Part;
   using Step = std::function<CloudResult(const std::string& condition)>;
 
-  explicit WebdavCloud(std::unique_ptr<WebdavServer> server) : server_(std::move(server)) {}
+  WebdavCloud(std::unique_ptr<WebdavServer> server, const KeptAbilities& kept);
 
+  CloudResult try_out(const CloudContext& context, WebdavAbilities* found);
+  void use(const WebdavAbilities& abilities);
   CloudResult look_first(const CloudContext& context, const std::string& path,
                          const PutCondition& condition, uint64_t size);
   CloudResult fill(const CloudContext& context, Part& part, const PutCondition& condition,
@@ -106,12 +108,14 @@ class WebdavCloud : public Cloud {
                          CloudEntry* made);
 
   const std::unique_ptr<WebdavServer> server_;
+  const KeptAbilities kept_;
   FileGates gates_; /* has its own lock */
   std::mutex lock_; /* guards the next two */
   bool trying_ = false;
   std::unique_ptr<const WebdavAbilities> found_; /* null: not tried yet */
   std::condition_variable tried_;
   std::atomic<bool> can_patch_ = false;
+  std::atomic<bool> case_insensitive_ = false;
 };
 
 }  // namespace tarnd

@@ -5,6 +5,7 @@
 
 #include "files/windows_file.h"
 #include "ox_logging.h"
+#include "slim_lock.h"
 #include "wide_text.h"
 
 namespace tarnd {
@@ -141,8 +142,8 @@ std::shared_ptr<WinHttpConnection> WinHttpConnection::open(const std::string& ho
 /* What the callbacks write and the caller reads; it lives until WinHTTP is done with the request.
  */
 struct WinHttpExchange::State {
-  std::mutex lock;
-  std::condition_variable moved_on;
+  SlimLock lock;
+  SlimCondition moved_on;
   bool done = false;           /* guarded by lock, as the next three: the step has ended */
   DWORD error = 0;             /* of WinHTTP */
   size_t size = 0;             /* that was read */

@@ -1,0 +1,114 @@
+#include "names/any_case_cloud.h"
+
+#include "names/folded_path.h"
+
+namespace tarnd {
+namespace {
+
+std::string last_name(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+}  // namespace
+
+CloudCapabilities AnyCaseCloud::capabilities() const {
+  CloudCapabilities can = below_->capabilities();
+  can.case_insensitive = true;
+  return can;
+}
+
+/* ------------------------------------------------------------------ a path's own spelling */
+
+/* The call again, with the cases that the cloud has, when there is nothing as the path says. */
+CloudResult AnyCaseCloud::with_own_path(const CloudContext& context, const std::string& path,
+                                        const Call& call) {
+  const CloudResult result = call(path);
+  if (result.code != CloudCode::NOT_FOUND || path.empty() ||
+      below_->capabilities().case_insensitive) {
+    return result;
+  }
+  std::string own;
+  const CloudResult found = own_path(context, path, &own);
+  const bool is_below_file = found.code == CloudCode::REFUSED && found.error == OX_ENOTDIR;
+  if (!found.ok()) {
+    return is_below_file ? result : found;
+  }
+  return own == path ? result : call(own);
+}
+
+/* The folder in the cloud's case. A last name that is not there stays as it is. */
+CloudResult AnyCaseCloud::own_path(const CloudContext& context, const std::string& path,
+                                   std::string* own) {
+  std::string folder = parent_path(path);
+  CloudResult result = find_in(context, folder, last_name(path), own);
+  if (result.code != CloudCode::NOT_FOUND || folder.empty()) {
+    return result;
+  }
+  const std::string asked = folder;
+  result = own_path(context, asked, &folder);
+  if (!result.ok() || folder == asked) {
+    return result.ok() ? CloudResult::of(CloudCode::NOT_FOUND) : result;
+  }
+  return find_in(context, folder, last_name(path), own);
+}
+
+CloudResult AnyCaseCloud::find_in(const CloudContext& context, const std::string& folder,
+                                  const std::string& name, std::string* own) {
+  CloudContext remembered = context;
+  remembered.may_be_old = true;
+  const std::string wanted = fold_(name);
+  *own = join_path(folder, name);
+  return below_->list(remembered, folder, [&](const CloudEntry& entry) {
+    const bool found = fold_(entry.name) == wanted;
+    *own = found ? join_path(folder, entry.name) : *own;
+    return !found || entry.name == name;
+  });
+}
+
+/* ------------------------------------------------------------------ the calls */
+
+CloudResult AnyCaseCloud::status(const CloudContext& context, const std::string& path,
+                                 CloudEntry* entry) {
+  return with_own_path(context, path,
+                       [&](const std::string& own) { return below_->status(context, own, entry); });
+}
+
+CloudResult AnyCaseCloud::list(const CloudContext& context, const std::string& path,
+                               const EntrySink& sink) {
+  return with_own_path(context, path,
+                       [&](const std::string& own) { return below_->list(context, own, sink); });
+}
+
+CloudResult AnyCaseCloud::rename(const CloudContext& context, const std::string& from,
+                                 const std::string& to, const RenameConditions& conditions,
+                                 CloudEntry* made) {
+  std::string target = to;
+  if (!below_->capabilities().case_insensitive) {
+    std::string own;
+    const CloudResult found = own_path(context, to, &own);
+    if (!found.ok()) {
+      return found;
+    }
+    const bool other_item = last_name(own) != last_name(to) && fold_(own) != fold_(from);
+    if (other_item && conditions.target_version.empty()) {
+      return CloudResult::of(CloudCode::EXISTS);
+    }
+    target = other_item ? own : join_path(parent_path(own), last_name(to));
+  }
+  return with_own_path(context, from, [&](const std::string& own) {
+    return below_->rename(context, own, target, conditions, made);
+  });
+}
+
+CloudResult AnyCaseCloud::remove(const CloudContext& context, const std::string& path,
+                                 const std::string& version) {
+  return with_own_path(
+      context, path, [&](const std::string& own) { return below_->remove(context, own, version); });
+}
+
+CloudResult AnyCaseCloud::make_folder(const CloudContext& context, const std::string& path,
+                                      CloudEntry* made) {
+  return with_own_path(context, path, [&](const std::string& own) {
+    return below_->make_folder(context, own, made);
+  });
+}
+
+}  // namespace tarnd
