@@ -16,7 +16,6 @@ namespace {
 
 constexpr uint64_t TICKS_A_DAY = uint64_t{24} * 3600 * 10'000'000;
 constexpr size_t PARTS_REMOVED_AT_ONCE = 16;
-constexpr std::chrono::milliseconds NAMES_FRESH{1000};
 
 std::string last_name(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
@@ -121,7 +120,7 @@ std::unique_ptr<WebdavCloud> WebdavCloud::open(const std::string& address,
 }
 
 CloudCapabilities WebdavCloud::capabilities() const {
-  return {.patch = can_patch_, .cheap_patch = can_patch_, .names_fresh = NAMES_FRESH};
+  return {.patch = can_patch_};
 }
 
 /* One thread tries, and the others wait for it. */
