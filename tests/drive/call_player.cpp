@@ -52,7 +52,7 @@ class Opener : Out<char> {
   explicit Opener(const Arguments& a) : Out(32), wanted_(a.has("opener")) {}
   char* place() const { return wanted_ ? at() : nullptr; }
   std::string text() const {
-    return is_touched() ? " opener " + quoted({at(), strnlen(at(), 32)}) : "";
+    return is_touched() ? " opener " + as_word({at(), strnlen(at(), 32)}) : "";
   }
 
  private:
@@ -161,7 +161,7 @@ std::string CallPlayer::read(const Arguments& a) const {
   const Opener opener(a);
   const int code = tnw_read(handle(a, 0), buffer.at(), len, static_cast<ox_off>(number(a, 2, 0)),
                             a.has("uncounted") ? nullptr : count.at(), opener.place());
-  const std::string data = buffer.is_touched() ? ' ' + quoted(buffer.bytes()) : "";
+  const std::string data = buffer.is_touched() ? ' ' + as_word(buffer.bytes()) : "";
   return code_text(code, count.number() + data + opener.text());
 }
 

@@ -234,8 +234,10 @@ void PeerPlayer::add_local_commands() {
     if (!fs::exists(path)) {
       return std::string("none");
     }
-    const std::string size = std::to_string(fs::file_size(path));
-    return size.size() > 3 ? size : size + ' ' + quoted(drive_.without_names(read_file(path)));
+    const auto size = fs::file_size(path);
+    const std::string content = size < 1000 ? drive_.without_names(read_file(path)) : "";
+    return size < 1000 ? std::to_string(content.size()) + ' ' + as_word(content)
+                       : std::to_string(size);
   };
   commands_["is_free"] =
       [this](auto& a) { /* nobody has it open */

@@ -11,15 +11,11 @@ class Scripts : public testing::TestWithParam<ScriptCase> {};
 
 TEST_P(Scripts, Play) { PeerPlayer().play_case(GetParam()); }
 
-std::string name_of(const testing::TestParamInfo<ScriptCase>& info) {
-  return identifier_of(info.param);
-}
-
-INSTANTIATE_TEST_SUITE_P(Calls, Scripts, testing::ValuesIn(script_cases("calls")), name_of);
-INSTANTIATE_TEST_SUITE_P(Limits, Scripts, testing::ValuesIn(script_cases("limits")), name_of);
-INSTANTIATE_TEST_SUITE_P(Opens, Scripts, testing::ValuesIn(script_cases("opens")), name_of);
-INSTANTIATE_TEST_SUITE_P(Purges, Scripts, testing::ValuesIn(script_cases("purges")), name_of);
-INSTANTIATE_TEST_SUITE_P(Refusals, Scripts, testing::ValuesIn(script_cases("refusals")), name_of);
-INSTANTIATE_TEST_SUITE_P(Starts, Scripts, testing::ValuesIn(script_cases("starts")), name_of);
+INSTANTIATE_TEST_SUITE_P(Calls, Scripts, testing::ValuesIn(script_cases("calls")), case_name);
+INSTANTIATE_TEST_SUITE_P(Limits, Scripts, testing::ValuesIn(script_cases("limits")), case_name);
+INSTANTIATE_TEST_SUITE_P(Opens, Scripts, testing::ValuesIn(script_cases("opens")), case_name);
+INSTANTIATE_TEST_SUITE_P(Purges, Scripts, testing::ValuesIn(script_cases("purges")), case_name);
+INSTANTIATE_TEST_SUITE_P(Refusals, Scripts, testing::ValuesIn(script_cases("refusals")), case_name);
+INSTANTIATE_TEST_SUITE_P(Starts, Scripts, testing::ValuesIn(script_cases("starts")), case_name);
 
 }  // namespace

@@ -88,7 +88,7 @@ std::string value_text(const Field& field, const ox_u8* bytes) {
   }
   if (field.kind == 's') {
     const auto* text = reinterpret_cast<const char*>(bytes);
-    return quoted({text, strnlen(text, field.size)});
+    return as_word({text, strnlen(text, field.size)});
   }
   size_t size = field.size;
   while (field.kind == 'h' && bytes[size - 1] == 0) {
@@ -156,7 +156,7 @@ std::string request_text(const PeerRequest& request) {
   text += fields_text(operation.request, Bytes(body, texts));
   return texts == request.bytes.end()
              ? text
-             : text + ' ' + quoted(std::string(texts, request.bytes.end()));
+             : text + ' ' + as_word(std::string(texts, request.bytes.end()));
 }
 
 std::string fileinfo_text(const tnw_fileinfo& info) {

@@ -153,6 +153,12 @@ void play(const ScriptCase& script_case, const Commands& commands) {
   }
 }
 
+/* Ends the part in quotes that a word ends with; an empty one goes. */
+static void end_part(std::string* word) {
+  const bool is_empty = *word == "\"" || (word->ends_with('"') && isdigit(word->end()[-2]) != 0);
+  is_empty ? word->pop_back() : word->push_back('"');
+}
+
 std::string as_word(const std::string& text) {
   std::string word = "\"";
   for (size_t at = 0; at < text.size();) {
@@ -164,14 +170,16 @@ std::string as_word(const std::string& text) {
       snprintf(shown, sizeof shown, "\\%c", text[at]);
     }
     const bool repeats = run >= SHORTEST_RUN;
-    word += repeats ? "\"\"" + std::string(shown) + "\"*" + std::to_string(run) + '"' : shown;
+    if (repeats) {
+      end_part(&word);
+      word += '"' + std::string(shown) + "\"*" + std::to_string(run) + '"';
+    } else {
+      word += shown;
+    }
     at += repeats ? run : 1;
   }
-  word += '"';
-  for (size_t empty = 0; word.size() > 2 && (empty = word.find("\"\"")) != std::string::npos;) {
-    word.erase(empty, 2); /* before, behind and between repetitions */
-  }
-  return word;
+  end_part(&word);
+  return word.empty() ? "\"\"" : word;
 }
 
 std::string error_name(int error) {
