@@ -6,7 +6,7 @@
 
 #include "line_mask.h"
 
-static void replace_all(std::string& text, const std::string& what, const std::string& by) {
+void replace_all(std::string& text, const std::string& what, const std::string& by) {
   for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size()) {
     text.replace(at, what.size(), by);
   }
@@ -36,7 +36,7 @@ void* PeerDrive::start() {
   std::error_code failed; /* the start then fails, too */
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), failed);
   if (!peer && !failed && path.size() < 108) {
-    peer = std::make_unique<ScriptedPeer>(ScriptedPeer::answer_success, path);
+    peer = std::make_unique<ScriptedPeer>(script, path);
   }
   SetEnvironmentVariableA("STAND_IN_READY", event_name(path).c_str());
   drive = init_drive(&record, &error);
@@ -53,17 +53,21 @@ std::string PeerDrive::said(const LogCapture& log) const {
       {std::regex("(_region|ftruncate|Uncached read)[(][0-9]+"), "$1(FD"},
       {std::regex("[0-9]+[.][0-9]+ seconds"), "N seconds"},
       {std::regex("d{20,}"), "d"},
+      {std::regex("^[{]\"asctime\".*\"message\":\""), "CUT: "},
       {std::regex("ada_[0-9]+[.][0-9]+"), "ada_N"},
   };
   std::string lines;
   for (const std::string& line : log.brief_lines()) {
-    std::string text = masked(line, masks);
-    replace_all(text, record.tnw_binpath, "PROGRAM");
-    replace_all(text, folder.path().string(), "FOLDER");
-    replace_all(text, event_name(folder.path().string()), "folder");
-    lines += (lines.empty() ? "" : "\n") + text;
+    lines += (lines.empty() ? "" : "\n") + without_names(masked(line, masks));
   }
   return lines;
+}
+
+std::string PeerDrive::without_names(std::string text) const {
+  replace_all(text, record.tnw_binpath, "PROGRAM");
+  replace_all(text, folder.path().string(), "FOLDER");
+  replace_all(text, event_name(folder.path().string()), "folder");
+  return text;
 }
 
 void PeerDrive::answer_opens(const tnv_wopen_resp& opened, const Bytes& maps, ox_u32 err) {
@@ -81,8 +85,9 @@ void* PeerDrive::open(const char* path, ox_u32 accmode, int* err) {
   return tnw_create(drive, &slot, path, accmode, 7, 1, 0, 4711, "writer.exe", err);
 }
 
-ox_u64 local_file(const std::string& path, const std::string& content, ox_u32 access) {
+ox_u64 local_file(const std::string& path, const std::string& content, ox_u32 access,
+                  ox_u32 flags) {
   write_file(path, content);
-  HANDLE handle = CreateFileA(path.c_str(), access, 7, nullptr, OPEN_EXISTING, 0, nullptr);
+  HANDLE handle = CreateFileA(path.c_str(), access, 7, nullptr, OPEN_EXISTING, flags, nullptr);
   return reinterpret_cast<ox_u64>(handle);
 }

@@ -24,6 +24,8 @@ class PeerDrive {
   /* The lines of a capture as brief_line has them, one after the other, without what differs from
    * run to run: FOLDER is this drive's folder, "folder" the same in the name of an event. */
   std::string said(const LogCapture& log) const;
+  /* The same for the names of this run in any text. */
+  std::string without_names(std::string text) const;
   /* Answers OPEN with `opened` and then `maps`, everything else with success. */
   void answer_opens(const tnv_wopen_resp& opened, const Bytes& maps = {}, ox_u32 err = 0);
   /* Opens a path with its own slot: disposition "open", share everything. */
@@ -31,6 +33,7 @@ class PeerDrive {
 
   TestFolder folder;
   tnw_tninit record;
+  ScriptedPeer::Script script = ScriptedPeer::answer_success; /* of the peer that start() makes */
   std::unique_ptr<ScriptedPeer> peer;
   void* drive = nullptr;
   int error = -1; /* what tnw_init gave */
@@ -38,6 +41,9 @@ class PeerDrive {
 
 /* A new local file with this content, and a handle of it as an answer carries it; `access` is a
  * Windows access mask. */
-ox_u64 local_file(const std::string& path, const std::string& content, ox_u32 access = READ_WRITE);
+ox_u64 local_file(const std::string& path, const std::string& content, ox_u32 access = READ_WRITE,
+                  ox_u32 flags = 0);
+
+void replace_all(std::string& text, const std::string& what, const std::string& by);
 
 #endif

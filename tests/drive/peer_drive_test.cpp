@@ -1,0 +1,207 @@
+/*
+ * What the scripts cannot say of a drive whose service is a scripted peer: races, times, and what a
+ * process holds. Starts that fail are in faults_test.
+ */
+#include <gtest/gtest.h>
+#include <windows.h>
+
+/* after windows.h */
+#include <tlhelp32.h>
+
+#include <regex>
+#include <thread>
+#include <utility>
+
+#include "eventually.h"
+#include "peer_drive.h"
+#include "process_state.h"
+#include "tnv_connio_win.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class Start : public testing::Test {
+ protected:
+  PeerDrive drive_;
+  const LogCapture log_;
+};
+
+/* A start whose service's process has begun, as `begun` shows, and does not say that it is ready.
+ */
+std::thread begin_a_start(tnw_tninit& record, const std::string& begun) {
+  SetEnvironmentVariableA("STAND_IN_READY", nullptr);
+  SetEnvironmentVariableA("STAND_IN_COMMAND", begun.c_str());
+  std::thread start([&] { EXPECT_EQ(tnw_init(&record, nullptr), nullptr); });
+  EXPECT_TRUE(eventually([&] { return file_exists(begun); }));
+  SetEnvironmentVariableA("STAND_IN_COMMAND", nullptr);
+  return start;
+}
+
+/* Of this process. */
+size_t threads() {
+  const HANDLE all = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+  THREADENTRY32 thread = {};
+  thread.dwSize = sizeof thread;
+  size_t count = 0;
+  for (BOOL more = Thread32First(all, &thread); more != 0; more = Thread32Next(all, &thread)) {
+    count += thread.th32OwnerProcessID == GetCurrentProcessId() ? 1 : 0;
+  }
+  CloseHandle(all);
+  return count;
+}
+
+/* Runs a program of the host that Wine runs on, in `folder`. */
+void run_on_host(std::string command, const std::string& folder) {
+  STARTUPINFOA start = {};
+  PROCESS_INFORMATION run = {};
+  const std::string program = "Z:\\bin\\" + command.substr(0, command.find(' '));
+  EXPECT_TRUE(CreateProcessA(program.c_str(), command.data(), nullptr, nullptr, FALSE, 0, nullptr,
+                             folder.c_str(), &start, &run));
+}
+
+}  // namespace
+
+/* The end of a process stops its other threads where they stand. */
+TEST(StartDeathTest, DoesNotHoldUpTheEndOfTheProcess) {
+  const TestFolder folder;
+  SetEnvironmentVariableA("TMP", folder.path().string().c_str()); /* for the other process's own */
+  tnw_tninit record = start_record(folder, beside_test("stand_in_service.exe"));
+  EXPECT_EXIT((begin_a_start(record, folder / "begun").detach(), ExitProcess(3)),
+              testing::ExitedWithCode(3), "");
+  SetEnvironmentVariableA("TMP", nullptr);
+}
+
+TEST_F(Start, WritesItsPidOverTheOldOneWithoutTruncating) {
+  const std::string pid_file = cache_dir(drive_.record) + "/da_pid";
+  fs::create_directories(cache_dir(drive_.record));
+  write_file(pid_file, "99999999999999");
+  ASSERT_NE(drive_.start(), nullptr);
+  const std::string own = std::to_string(GetCurrentProcessId());
+  EXPECT_EQ(read_file(pid_file), own + std::string(14 - own.size(), '9'));
+  EXPECT_EQ(log_.count("real DA PID: " + own + ", file DA PID: "), 1u);
+}
+
+TEST_F(Start, KeepsTheDeviceIdInTheRegistry) {
+  const std::string key = "SOFTWARE\\Oxley\\Oxley Drive\\drive.test\\ada";
+  RegDeleteTreeA(HKEY_CURRENT_USER, key.c_str());
+  std::string made;
+  for (const char* what : {" is set", " already exist"}) {
+    set_field(drive_.record.tnw_tn_device_id, "");
+    ASSERT_NE(drive_.start(), nullptr);
+    made = made.empty() ? drive_.record.tnw_tn_device_id : made;
+    EXPECT_EQ(drive_.record.tnw_tn_device_id, made);
+    EXPECT_EQ(log_.count("\"Tarn device id: " + made + what +
+                         " for domain: drive.test and user: ada at path: HKEY_CURRENT_USER\\" +
+                         key + "\\TarnDeviceID\"}"),
+              1u);
+    tnw_deinit_force(drive_.drive);
+    drive_.peer.reset();
+  }
+  EXPECT_EQ(made.size(), 36u);
+  RegDeleteTreeA(HKEY_CURRENT_USER, key.c_str());
+}
+
+TEST_F(Start, AndStopLeaveNoHandleAndNoThread) {
+  drive_.record.tnw_max_threads = 3;
+  const auto cycle = [&] {
+    EXPECT_NE(drive_.start(), nullptr);
+    EXPECT_EQ(tnw_close(drive_.open("f"), nullptr), 0);
+    EXPECT_EQ(tnw_deinit_force(std::exchange(drive_.drive, nullptr)), 0);
+    drive_.peer.reset();
+  };
+  cycle();
+  cycle();
+  const size_t handle = fresh_handle(), running = threads();
+  for (int i = 0; i < 8; i++) {
+    cycle();
+  }
+  EXPECT_EQ(threads(), running);
+  EXPECT_LT(fresh_handle(), handle + 8) << "one in each cycle";
+}
+
+TEST_F(Start, OfAnotherUserHoldsUpNoRefusal) {
+  std::thread start = begin_a_start(drive_.record, drive_.folder / "begun");
+  EXPECT_EQ(tnw_deinit(this, false), ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(tnw_deinit_force(this), ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(log_.count("Waited for"), 0u);
+  std::string ready = socket_path(drive_.record);
+  EXPECT_EQ(tnv_signal_start(ready.data()), 0) << "nothing listens there, so the start fails";
+  start.join();
+}
+
+TEST_F(Start, IsUndoneByOneOfTwoDeinitsAtOnce) {
+  ASSERT_NE(drive_.start(), nullptr);
+  int codes[2];
+  std::thread other([&] { codes[0] = tnw_deinit(drive_.drive, false); });
+  codes[1] = tnw_deinit(drive_.drive, false);
+  other.join();
+  EXPECT_EQ(codes[0] + codes[1], ERROR_INVALID_PARAMETER);
+}
+
+TEST_F(Start, GivesTheLastFreeDescriptorToOneOfTwoThreads) {
+  ASSERT_NE(drive_.start(), nullptr);
+  drive_.answer_opens(open_answer());
+  std::vector<void*> files;
+  while (void* const file = drive_.open("f")) {
+    files.push_back(file);
+  }
+  ASSERT_GE(files.size(), 100u);
+  for (int round = 0; round < 50; round++) {
+    EXPECT_EQ(tnw_close(files.back(), nullptr), 0);
+    void* got[2];
+    int errs[2];
+    std::thread other([&] { got[0] = drive_.open("f", 3, &errs[0]); });
+    got[1] = drive_.open("f", 3, &errs[1]);
+    other.join();
+    ASSERT_NE(got[0] == nullptr, got[1] == nullptr);
+    EXPECT_EQ(errs[0] + errs[1], 24);
+    files.back() = got[0] != nullptr ? got[0] : got[1];
+  }
+}
+
+/* The event of a resize measures the change of the local file, and not the requests before it. */
+TEST_F(Start, LeavesTheRequestsOutOfTheTimeOfAResize) {
+  ASSERT_NE(drive_.start(), nullptr);
+  tnv_wopen_resp opened = open_answer();
+  opened.wopen_resp_tnflags = TNV_FL_MAPPED;
+  opened.wopen_resp_handle = local_file(drive_.folder / "local", "0123456789");
+  drive_.answer_opens(opened);
+  void* const file = drive_.open("f");
+  drive_.peer->on_request([](PeerConnection& conn) {
+    Sleep(conn.opcode() == TNV_OP_FTRUNCATE ? 700 : 0);
+    tnv_resphdr header = conn.header();
+    header.rhdr_utxid = 7;
+    conn.send(bytes_of(header));
+  });
+  EXPECT_EQ(tnw_setfilesize(file, 5, 0, nullptr), 0);
+  std::smatch time;
+  const std::string event = log_.lines().back();
+  ASSERT_TRUE(
+      std::regex_search(event, time, std::regex(R"("vfs_response_time":(\d+), .*SETFSIZE)")));
+  EXPECT_LT(std::stoi(time[1]), 700'000);
+}
+
+/* Wine's own kind of link, which it lists but cannot remove; a relative one, so that the moved one
+ * leads to the same target. */
+TEST_F(Start, AndPurgeDoNotFollowALink) {
+  const std::string all = drive_.folder / "drive.test", dir = cache_dir(drive_.record);
+  const std::string target = drive_.folder / "target";
+  fs::create_directories(dir);
+  fs::create_directories(target);
+  write_file(target + "\\file", "x");
+  SetEnvironmentVariableA("TMP", all.c_str());
+  run_on_host("ln -s ../../target link", dir);
+  ASSERT_TRUE(eventually([&] { return file_exists(dir + "\\link\\file"); }));
+  tnw_purge_opt_t po = {};
+  set_field(po.po_workdir, drive_.record.tnw_workdir);
+  set_field(po.po_domain, drive_.record.tnw_domain);
+  set_field(po.po_username, drive_.record.tnw_username);
+  EXPECT_NE(tnw_purge_cache(&po), 0);
+  SetEnvironmentVariableA("TMP", nullptr);
+  EXPECT_TRUE(file_exists(target + "\\file"));
+  EXPECT_FALSE(file_exists(dir));
+  EXPECT_EQ(log_.count("Failed to purge tmp/cachedir "), 1u);
+  run_on_host("rm -r drive.test", drive_.folder.path().string());
+  EXPECT_TRUE(eventually([&] { return !file_exists(all); }));
+}

@@ -1,0 +1,344 @@
+#include "peer_player.h"
+
+#include <windows.h>
+
+#include <filesystem>
+#include <regex>
+
+#include "eventually.h"
+#include "line_mask.h"
+#include "ox_logging.h"
+#include "process_state.h"
+#include "tnw_fd.h"
+#include "wire_text.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+Bytes bytes_of_text(const std::string& text) { return Bytes(text.begin(), text.end()); }
+
+/* Hexadecimal, with a blank before them. */
+std::string hex_text(const ox_u8* bytes, size_t size) {
+  return fields_text(":" + std::to_string(size) + "m", Bytes(bytes, bytes + size));
+}
+
+/* Without blanks at the ends of lines, and with long runs of a character as <x*5000>. */
+std::string tidied(const std::string& text) {
+  std::string tidy;
+  for (size_t at = 0; at < text.size();) {
+    const size_t run = std::min(text.find_first_not_of(text[at], at), text.size()) - at;
+    if (run >= 40) { /* lines that are cut have runs of any length */
+      tidy +=
+          '<' + std::string(1, text[at]) + '*' + (run < 2000 ? std::to_string(run) : "many") + '>';
+    } else if (text[at] != ' ' || (at + run < text.size() && text[at + run] != '\n')) {
+      tidy.append(run, text[at]);
+    }
+    at += run;
+  }
+  return tidy;
+}
+
+/* What an open file is like; its maps are hexadecimal, the cached one and the dirty one. */
+std::string state_of(const tnvfd* file) {
+  const ox_u8* const maps = file->fdt_rmap;
+  const size_t size = file->fdt_rmap_size;
+  std::string text =
+      "fd " + std::to_string(file->fdt_fd) + ", size " + std::to_string(file->fdt_stat.st_size) +
+      ", tnflags " + std::to_string(file->fdt_tnflags) + ", shift " +
+      std::to_string(file->fdt_rshift) + ", dmap_size " + std::to_string(file->fdt_dmap_size);
+  if (maps == nullptr || file->fdt_dmap != maps + size) {
+    return text + (maps == nullptr && file->fdt_dmap == nullptr ? ", no maps" : ", odd maps");
+  }
+  return text + ", maps" + hex_text(maps, size) + hex_text(maps + size, size);
+}
+
+}  // namespace
+
+PeerPlayer::PeerPlayer() {
+  handles_["memory"] = this;
+  handles_["unmapped"] = AtPageEnd("x").at;
+  log_.emplace();
+  drive_.script = [this](PeerConnection& conn) { answer(conn); };
+  add_peer_commands();
+  add_local_commands();
+  add_start_commands();
+}
+
+/* A drive that is gone already is refused. */
+PeerPlayer::~PeerPlayer() {
+  ox_debug = 1;
+  for (const auto& [name, handle] : handles_) {
+    if (name == "d" || name == "e") {
+      tnw_deinit_force(handle);
+    }
+  }
+}
+
+/* ------------------------------------------------------------------- what is seen */
+
+std::vector<PeerRequest> PeerPlayer::requests() const {
+  return drive_.peer ? drive_.peer->requests() : std::vector<PeerRequest>();
+}
+
+std::string PeerPlayer::seen() {
+  std::string text = drive_.said(*log_);
+  const auto all = requests();
+  log_.emplace();
+  for (size_t i = std::exchange(shown_, all.size()); i < all.size(); i++) {
+    text += (text.empty() ? "< " : "\n< ") + request_text(all[i]);
+  }
+  for (size_t i = 0; i < all.size(); i++) {
+    const tnv_msgid_t id = all[i].msg().hdr.hdr_id;
+    replace_all(text, hex_text(id.id, sizeof id.id).substr(1), "=#" + std::to_string(i + 1));
+  }
+  replace_all(text, " client=" + std::to_string(GetCurrentProcessId()), " client=OWN");
+  replace_all(text, " thread=" + std::to_string(GetCurrentThreadId()), " thread=OWN");
+  static const Masks masks = {{std::regex(" cache=\\S+"), ""},
+                              {std::regex(" host=\"[^\"]+\""), " host=HOST"},
+                              {std::regex(" drive=2{32}"), " drive=d"},
+                              {std::regex(" drive=4{32}"), " drive=e"}};
+  return tidied(masked(text, masks));
+}
+
+std::string PeerPlayer::expanded(const std::string& text) const {
+  std::string whole = text;
+  replace_all(whole, "FOLDER", drive_.folder.path().string());
+  return whole;
+}
+
+/* ------------------------------------------------------------------- the peer */
+
+Arguments PeerPlayer::rule_for(ox_u32 opcode) {
+  const std::lock_guard guard(rules_lock_);
+  const auto own = rules_.find(wire_operation(opcode).name);
+  Arguments rule = own != rules_.end() ? own->second : rules_["any"];
+  if (opcode == TNV_OP_WIN_OPEN) {
+    rule.options.insert({{"shift", "4"}, {"id", "1"}});
+  }
+  return rule;
+}
+
+/* A file with access=MASK, perhaps overlapped, or a pipe. */
+ox_u64 PeerPlayer::carry(const Arguments& rule) {
+  const std::lock_guard guard(rules_lock_);
+  const DWORD flags = rule.has("overlapped") ? FILE_FLAG_OVERLAPPED : 0;
+  if (rule.has("pipe")) {
+    const std::string name = "\\\\.\\pipe\\" + drive_.folder.path().filename().string();
+    carried_ = CreateNamedPipeA(name.c_str(), PIPE_ACCESS_DUPLEX | flags, 0, 1, 64, 64, 0, nullptr);
+    pipe_ = CreateFileA(name.c_str(), READ_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+  } else {
+    const auto access = static_cast<ox_u32>(rule.option("access", READ_WRITE));
+    carried_ = reinterpret_cast<void*>(
+        local_file(drive_.folder / "local", option(rule, "file"), access, flags));
+  }
+  return reinterpret_cast<ox_u64>(carried_);
+}
+
+/*
+ * stalls: waits for the command "resume" first; delay=MS: so long
+ * err=N, utxid=N, unauthorized, length=N: of the header
+ * payload="...": instead of fields; raw="...": all that is sent, without a header
+ * entries=N: a listing, whose entries have the sizes 0, 1, 2 ...
+ * closes, resets: ends the connection
+ */
+void PeerPlayer::answer(PeerConnection& conn) {
+  Arguments rule = rule_for(conn.opcode());
+  if (rule.has("stalls")) {
+    conn.stall();
+  }
+  Sleep(static_cast<DWORD>(rule.option("delay", 0)));
+  const ox_u64 entries = rule.option("entries", 0);
+  if (entries != 0) {
+    rule.options["count"] = std::to_string(entries);
+  }
+  if (rule.options.contains("file") || rule.has("pipe")) {
+    rule.options["handle"] = std::to_string(carry(rule));
+  }
+  const Bytes payload = rule.options.contains("payload")
+                            ? bytes_of_text(rule.options["payload"])
+                            : record_of(wire_operation(conn.opcode()).response, rule.options);
+  tnv_resphdr header = conn.header(static_cast<ox_u32>(rule.option("err", 0)),
+                                   static_cast<ox_u32>(rule.option("length", payload.size())));
+  header.rhdr_utxid = rule.option("utxid", 0);
+  header.rhdr_tn_unauthd = rule.has("unauthorized") ? 1 : 0;
+  conn.send(rule.options.contains("raw") ? bytes_of_text(rule.options["raw"])
+                                         : bytes_of(header) + payload);
+  for (tnw_fileinfo entry = {}; entry.fi_size < entries; entry.fi_size++) {
+    conn.send(bytes_of(entry));
+  }
+  conn.send(bytes_of_text(rule.options["then"]));
+  rule.has("closes") ? conn.close() : rule.has("resets") ? conn.reset() : void();
+}
+
+void PeerPlayer::add_peer_commands() {
+  commands_["peer"] = [this](auto& a) {
+    const std::lock_guard guard(rules_lock_);
+    a[0].empty() ? rules_.clear() : void(rules_[a[0]] = a);
+    return "";
+  };
+  /* Waits until a request has come that was not shown yet. */
+  commands_["asked"] = [this](auto& a) {
+    const ox_u32 opcode = wire_opcode(a[0]);
+    const bool came = eventually([&] {
+      const auto all = requests();
+      return std::any_of(all.begin() + static_cast<ptrdiff_t>(shown_), all.end(),
+                         [&](const PeerRequest& request) { return request.opcode() == opcode; });
+    });
+    return came ? "" : "it never came";
+  };
+  commands_["resume"] = [this](auto&) { return drive_.peer->resume(), ""; };
+  commands_["hang_up"] = [this](auto&) { return drive_.peer->hang_up(), ""; };
+  commands_["ended"] = [this](auto& a) {
+    return drive_.peer->wait_for_ended(a.number(0)) ? "" : "not ended";
+  };
+  commands_["new_peer"] = [this](auto&) { return drive_.peer.reset(), shown_ = 0, ""; };
+}
+
+/* ------------------------------------------------------------------- local files */
+
+void PeerPlayer::add_local_commands() {
+  commands_["state"] = [this](auto& a) {
+    return state_of(static_cast<const tnvfd*>(handle(a, 0)));
+  };
+  commands_["close_local"] = [this](auto& a) {
+    return CloseHandle(static_cast<const tnvfd*>(handle(a, 0))->fdt_ofd) != 0 ? "" : "not open";
+  };
+  commands_["forget_local"] = [this](auto& a) {
+    return static_cast<tnvfd*>(handle(a, 0))->fdt_ofd = INVALID_HANDLE_VALUE, "";
+  };
+  commands_["memory_of"] = [this](auto& a) {
+    MEMORY_BASIC_INFORMATION page = {};
+    VirtualQuery(handle(a, 0), &page, sizeof page);
+    return page.State == MEM_RESERVE ? "reserved" : "used";
+  };
+  /* Another handle gets the number of the last one that was carried and has been closed. */
+  commands_["stranger"] = [this](auto&) {
+    std::vector<HANDLE> others;
+    do {
+      others.push_back(CreateEventA(nullptr, FALSE, FALSE, nullptr));
+    } while (others.back() != carried_ && others.size() < 1000);
+    std::for_each(others.begin(), others.end() - 1, CloseHandle);
+    return others.back() == carried_ ? "" : "there is none";
+  };
+  commands_["close_carried"] = [this](auto&) { return CloseHandle(carried_) != 0 ? "" : "no"; };
+  commands_["write_pipe"] = [this](auto& a) {
+    DWORD written = 0;
+    WriteFile(pipe_, a[0].data(), static_cast<DWORD>(a[0].size()), &written, nullptr);
+    CloseHandle(pipe_);
+    return std::to_string(written);
+  };
+  commands_["carried"] = [this](auto&) { return is_open_handle(carried_) ? "open" : "closed"; };
+  commands_["file"] = [this](auto& a) {
+    const std::string path = text(a, 0, "FOLDER\\local");
+    if (!fs::exists(path)) {
+      return std::string("none");
+    }
+    const auto size = fs::file_size(path);
+    const std::string content = size < 1000 ? drive_.without_names(read_file(path)) : "";
+    return size < 1000 ? std::to_string(content.size()) + ' ' + as_word(content)
+                       : std::to_string(size);
+  };
+  commands_["is_free"] =
+      [this](auto& a) { /* nobody has it open */
+                        const HANDLE alone =
+                            CreateFileA(text(a, 0, "FOLDER\\local").c_str(), GENERIC_READ, 0,
+                                        nullptr, OPEN_EXISTING, 0, nullptr);
+                        return alone != INVALID_HANDLE_VALUE && CloseHandle(alone) != 0 ? "free"
+                                                                                        : "in use";
+      };
+  commands_["put"] = [this](auto& a) {
+    const std::string name = text(a, 0);
+    const fs::path path = std::u8string(name.begin(), name.end());
+    fs::create_directories(path.parent_path());
+    write_file(path, text(a, 1));
+    return "";
+  };
+  commands_["read_only"] = [this](auto& a) {
+    return SetFileAttributesA(text(a, 0).c_str(), FILE_ATTRIBUTE_READONLY) != 0 ? "" : "no";
+  };
+  commands_["mkdir"] = [this](auto& a) { return fs::create_directories(text(a, 0)), ""; };
+  commands_["lines_with"] = [this](auto& a) { /* as they stand in the log, of the whole case */
+                                              return std::to_string(whole_log_.count(text(a, 0)));
+  };
+  commands_["debug"] = [](auto& a) { return ox_debug = static_cast<int>(a.number(0)), ""; };
+  commands_["env"] = [this](auto& a) {
+    return SetEnvironmentVariableA(a[0].c_str(), text(a, 1).c_str()), "";
+  };
+}
+
+/* ------------------------------------------------------------------- starts */
+
+/* Fields without their prefix. "pad=95" fills texts to so many characters. */
+std::string PeerPlayer::set_record(const Arguments& a) {
+  tnw_tninit& r = drive_.record;
+  if (a.options.contains("everything")) {
+    memset(&r, option(a, "everything")[0], sizeof r);
+    set_field(r.tnw_logdir, drive_.folder / "log");
+    r.tnw_flags = TNW_INIT_NO_RETRY;
+  }
+  const auto set = [&](auto& field, const char* name) {
+    if (a.options.contains(name)) {
+      std::string value = option(a, name);
+      value.append(std::max<size_t>(a.option("pad", 0), value.size()) - value.size(), 'd');
+      set_field(field, value);
+    }
+  };
+  set(r.tnw_username, "username");
+  set(r.tnw_domain, "domain");
+  set(r.tnw_workdir, "workdir");
+  set(r.tnw_uds_workdir, "uds_workdir");
+  set(r.tnw_logdir, "logdir");
+  set(r.tnw_sharepath, "sharepath");
+  set(r.tnw_binpath, "binpath");
+  set(r.tnw_api_addr, "api_addr");
+  set(r.tnw_config_addr, "config_addr");
+  set(r.tnw_workgroup_id, "workgroup_id");
+  set(r.tnw_da_device_id, "da_device_id");
+  set(r.tnw_da_drive_id, "da_drive_id");
+  set(r.tnw_tn_device_id, "tn_device_id");
+  set(r.tnw_authtoken, "authtoken");
+  set(r.tnw_proxy_server, "proxy_server");
+  set(r.tnw_proxy_password, "proxy_password");
+  r.tnw_user_id = a.option("user_id", r.tnw_user_id);
+  r.tnw_max_threads = static_cast<int>(a.option("max_threads", r.tnw_max_threads));
+  r.tnw_flags = static_cast<int>(a.option("flags", r.tnw_flags));
+  return "";
+}
+
+/* tnw_init on the record as it stands, for another drive of the service or for the same. */
+std::string PeerPlayer::init(const Arguments& a) {
+  AtPageEnd record(&drive_.record, sizeof drive_.record);
+  if (a.has("other")) {
+    set_field(record.as<tnw_tninit>()->tnw_da_drive_id, "44444444-4444-4444-4444-444444444444");
+  }
+  int err = -1;
+  void* const drive = tnw_init(a.has("null") ? nullptr : record.as<tnw_tninit>(), &err);
+  if (drive != nullptr && drive == handles_["d"]) {
+    return "0 again";
+  }
+  handles_[option(a, "as", "e")] = drive;
+  return std::to_string(err);
+}
+
+std::string PeerPlayer::purge(const Arguments& a) {
+  tnw_purge_opt_t po = {};
+  set_field(po.po_workdir, option(a, "workdir", drive_.folder.path().string()));
+  set_field(po.po_domain, option(a, "domain", drive_.record.tnw_domain));
+  set_field(po.po_username, option(a, "user", drive_.record.tnw_username));
+  if (a.options.contains("everything")) {
+    memset(&po, option(a, "everything")[0], sizeof po);
+  }
+  const AtPageEnd options(&po, sizeof po);
+  return std::to_string(tnw_purge_cache(a.has("null") ? nullptr : options.as<tnw_purge_opt_t>()));
+}
+
+void PeerPlayer::add_start_commands() {
+  commands_["record"] = [this](auto& a) { return set_record(a); };
+  commands_["start"] = [this](auto& a) {
+    handles_[option(a, "as", "d")] = drive_.start();
+    return std::to_string(drive_.error);
+  };
+  commands_["init"] = [this](auto& a) { return init(a); };
+  commands_["purge"] = [this](auto& a) { return purge(a); };
+}
