@@ -1,7 +1,7 @@
 /*
  * What the client does, and the whole of what it says, where the system, the service or the
- * start-up record fail it. Linked with the library's objects, some of whose functions can be made
- * to fail here.
+ * start-up record fail it: scripts with one more command, "fail". Linked with the library's
+ * objects, some of whose functions can be made to fail here.
  *
  * Without a row are system calls that do not fail on a sound machine: the start of Windows Sockets,
  * a new socket and its options, the computer's name, the end of a process.
@@ -9,20 +9,17 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include <functional>
-#include <thread>
+#include <regex>
 
 #include "eventually.h"
-#include "golden_text.h"
 #include "ox_logging.h"
 #include "ox_platform.h"
 #include "ox_tpool.h"
 #include "ox_util.h"
-#include "peer_drive.h"
+#include "peer_player.h"
 #include "process_state.h"
 #include "tnw_connect.h"
 #include "tnw_dll/tnw_instance.h"
-#include "vfstnw_bmap.h"
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID reserved);
 
@@ -92,107 +89,112 @@ decltype(&CreateEventA) __imp_CreateEventA = event_or_fail;
 int __wrap_ox_init_tpool(void) { return faults.pool ? 12 : __real_ox_init_tpool(); }
 }
 
-/* ------------------------------------------------------------------- starts */
+/* ------------------------------------------------------------------- scripts */
 
 namespace {
 
-struct FailedStart {
-  const char* name;
-  std::function<void(PeerDrive&)> cause;
-  bool connects = false; /* or tries to, so that the same drive may be started afterwards */
-};
-
-std::string below_a_file(const PeerDrive& d) {
-  write_file(d.folder / "file", "");
-  return d.folder / "file\\below";
-}
-void make_cache_dir(const PeerDrive& d, const std::string& below = "") {
-  std::filesystem::create_directories(cache_dir(d.record) + below);
-}
-void serve(PeerDrive& d, const ScriptedPeer::Script& script) {
-  make_cache_dir(d);
-  d.peer = std::make_unique<ScriptedPeer>(script, socket_path(d.record));
-}
-
-HANDLE taken = nullptr; /* by one of the causes, and free or signalled */
 const std::string DEVICE_KEYS = "SOFTWARE\\Oxley\\Oxley Drive";
 
 /* Under a key that does not last, no lasting one can be made. */
-void make_volatile_key(PeerDrive& d) {
+void make_volatile_key() {
   HKEY key = nullptr;
   RegCreateKeyA(HKEY_CURRENT_USER, DEVICE_KEYS.c_str(), &key); /* a lasting one, for other tests */
   RegCloseKey(key);
   RegCreateKeyExA(HKEY_CURRENT_USER, (DEVICE_KEYS + "\\volatile.test").c_str(), 0, nullptr,
                   REG_OPTION_VOLATILE, KEY_ALL_ACCESS, nullptr, &key, nullptr);
   RegCloseKey(key);
-  set_field(d.record.tnw_domain, "volatile.test");
-  set_field(d.record.tnw_tn_device_id, "");
 }
 
-const FailedStart FAILED_STARTS[] = {
-    {"no log folder", [](PeerDrive& d) { set_field(d.record.tnw_logdir, below_a_file(d)); }},
-    {"no pools", [](PeerDrive&) { faults.pool = true; }},
-    {"no cache folder",
-     [](PeerDrive& d) {
-       set_field(d.record.tnw_uds_workdir, d.folder.path().string());
-       set_field(d.record.tnw_workdir, below_a_file(d));
-     }},
-    {"no own pid file", [](PeerDrive& d) { make_cache_dir(d, "\\da_pid"); }},
-    {"unreadable pid file", [](PeerDrive&) { faults.reads = true; }},
-    {"unwritable pid file", [](PeerDrive&) { faults.writes = true; }},
-    {"a pid file written by half", [](PeerDrive&) { faults.half_writes = true; }},
-    {"no service's pid file", [](PeerDrive& d) { make_cache_dir(d, "\\tarnd_pid"); }},
-    {"no instance", [](PeerDrive&) { faults.allocation = sizeof(tnw_tninstance); }},
-    {"no program", [](PeerDrive& d) { set_field(d.record.tnw_binpath, "missing.exe"); }},
-    {"a domain without a dot", [](PeerDrive& d) { set_field(d.record.tnw_domain, "nodot"); }},
-    {"a socket path of 108",
-     [](PeerDrive& d) {
-       std::string dir = d.folder / "";
-       dir.append(95 - dir.size(), 'd');
-       set_field(d.record.tnw_uds_workdir, dir);
-       set_field(d.record.tnw_workgroup_id, "g");
-       set_field(d.record.tnw_binpath, "missing.exe");
-       d.record.tnw_user_id = 10000; /* 95 + "\g" + "\10000.sock" is 108 */
-     }},
-    {"a command that does not fit",
-     [](PeerDrive& d) { set_field(d.record.tnw_binpath, std::string(4000, 'b')); }},
-    {"a taken event name",
-     [](PeerDrive& d) {
-       taken = CreateMutexA(nullptr, FALSE, event_name(socket_path(d.record)).c_str());
-     }},
-    {"a wish for the fallback",
-     [](PeerDrive& d) {
-       make_cache_dir(d);
-       write_file(cache_dir(d.record) + "/tarnd_pid", "1");
-       d.record.tnw_flags = 0; /* no retry all the same */
-       const std::string name =
-           "Global\\" + event_name(cache_dir(d.record) + "/tfi.force_fallback");
-       taken = CreateEventA(nullptr, FALSE, FALSE, name.c_str());
-     }},
-    {"no lasting device id", make_volatile_key},
-    {"no threads", [](PeerDrive& d) { d.record.tnw_max_threads = 0; }},
-    {"fewer threads than none", [](PeerDrive& d) { d.record.tnw_max_threads = -1; }},
-    {"no message", [](PeerDrive&) { faults.allocation = TNV_MSG_FIXED + 2; }, true},
-    {"a refused connection",
-     [](PeerDrive& d) { serve(d, [](PeerConnection& conn) { conn.answer(13); }); }, true},
-    {"no version",
-     [](PeerDrive& d) {
-       serve(d, [](PeerConnection& conn) {
-         conn.answer(conn.opcode() == TNV_OP_GET_VERSION ? 5 : 0);
-       });
-     },
-     true},
-    {"no open files", [](PeerDrive&) { faults.most_open_files = 0; }, true},
-    {"no table",
-     [](PeerDrive&) {
-       faults.most_open_files = 7;
-       faults.allocation = 7 * sizeof(tnvfd);
-     },
-     true},
-    {"no handle", [](PeerDrive&) { faults.allocation = sizeof(tnw_drive_handle); }, true},
+class FaultPlayer : public PeerPlayer {
+ public:
+  FaultPlayer() {
+    commands_["fail"] = [](auto& a) { return fail(a), ""; };
+    /* An object that has the name of an event, and whether it is free or signalled. */
+    commands_["name_mutex"] = [this](auto& a) {
+      named_ = CreateMutexA(nullptr, FALSE, event_name(text(a, 0)).c_str());
+      return "";
+    };
+    commands_["name_event"] = [this](auto& a) {
+      named_ = CreateEventA(nullptr, FALSE, FALSE, ("Global\\" + event_name(text(a, 0))).c_str());
+      return "";
+    };
+    commands_["named"] = [this](auto&) {
+      const DWORD state = WaitForSingleObject(named_, 0);
+      CloseHandle(named_);
+      return state == WAIT_OBJECT_0 ? "free" : "waits";
+    };
+    commands_["volatile_key"] = [](auto&) { return make_volatile_key(), ""; };
+    commands_["remove_key"] = [](auto&) {
+      return RegDeleteTreeA(HKEY_CURRENT_USER, (DEVICE_KEYS + "\\volatile.test").c_str()), "";
+    };
+    /* A lock on a file, as of another service. */
+    commands_["hold"] = [this](auto& a) {
+      held_ = CreateFileA(text(a, 0).c_str(), READ_WRITE, 7, nullptr, OPEN_EXISTING, 0, nullptr);
+      return LockFile(held_, 0, 0, MAXDWORD, MAXDWORD) != 0 ? "" : "not held";
+    };
+    commands_["release"] = [this](auto&) { return CloseHandle(held_) != 0 ? "" : "not held"; };
+    commands_["wait_for_line"] = [this](auto& a) {
+      return eventually([&] { return whole_log_.count(a[0]) != 0; }) ? "" : "it never came";
+    };
+    /* The pool refuses every thread but its own workers. */
+    commands_["toggle_drain"] = [](auto&) {
+      return tnw_tninstances.tni_next->tni_tpool->tp_flags ^= OX_TPOOL_FL_DRAIN, "";
+    };
+    /* handles_of COMMAND ...: whether ten of them leave handles */
+    commands_["handles_of"] = [this](auto& a) {
+      const size_t handle = fresh_handle();
+      for (int i = 0; i < 10; i++) {
+        answer_of(a[0], {{}, {}});
+      }
+      return fresh_handle() < handle + 10 ? "none" : "some";
+    };
+    commands_["without_traces"] = [this](auto&) { return without_traces_ = true, ""; };
+    commands_["listed_at_table"] = [](auto&) { return std::to_string(listed_at_table); };
+    /* takes SECONDS COMMAND ...: at least so long, and not 15 seconds longer */
+    commands_["takes"] = [this](auto& a) {
+      const ULONGLONG begin = GetTickCount64();
+      const std::string answer = answer_of(a[1], {{}, {}});
+      const ULONGLONG time = GetTickCount64() - begin, least = 1000 * a.number(0) - 100;
+      return answer + (time < least ? ", too early" : time > least + 15000 ? ", too late" : "");
+    };
+  }
+  ~FaultPlayer() override { faults = {}; }
+
+ protected:
+  /* Traces, the pool's lines and the dumps of what was sent have tests of their own. */
+  std::string seen() override {
+    static const std::regex others(
+        "(DEBUG: Message|DEBUG: id |.*\\[TNWIN|(?!INFO|DEBUG|ERROR|< [A-Z])).*");
+    std::string all;
+    for (const std::string& line : lines_of(PeerPlayer::seen())) {
+      all += without_traces_ && std::regex_match(line, others) ? "" : line + '\n';
+    }
+    return all;
+  }
+
+ private:
+  /* Nothing more, without a word. */
+  static void fail(const Arguments& a) {
+    const std::map<std::string, size_t> sizes = {{"instance", sizeof(tnw_tninstance)},
+                                                 {"context", sizeof(tnw_file_context)},
+                                                 {"drive_handle", sizeof(tnw_drive_handle)},
+                                                 {"table", 7 * sizeof(tnvfd)}};
+    faults = {};
+    const auto named = sizes.find(a[0]);
+    faults.allocation = named != sizes.end() ? named->second : a.option("allocation", 0);
+    faults.most_open_files = static_cast<int>(a.option("open_files", -1));
+    faults.pool = a.has("pool");
+    faults.reads = a.has("reads");
+    faults.writes = a.has("writes");
+    faults.half_writes = a.has("half_writes");
+    faults.events = a.has("events");
+  }
+
+  HANDLE named_ = nullptr, held_ = nullptr;
+  bool without_traces_ = false;
 };
 
-class Fails : public testing::Test {
+class Fails : public testing::TestWithParam<ScriptCase> {
  protected:
   /* The objects have no loader that would tell them. */
   static void SetUpTestSuite() {
@@ -200,348 +202,13 @@ class Fails : public testing::Test {
       DllMain(nullptr, DLL_PROCESS_ATTACH, nullptr);
     }
   }
-  ~Fails() override {
-    faults = {};
-    ox_debug = 1;
-  }
 };
+
+TEST_P(Fails, Play) { FaultPlayer().play_case(GetParam()); }
+
+INSTANTIATE_TEST_SUITE_P(Answers, Fails, testing::ValuesIn(script_cases("answers")), case_name);
+INSTANTIATE_TEST_SUITE_P(Faults, Fails, testing::ValuesIn(script_cases("faults")), case_name);
+INSTANTIATE_TEST_SUITE_P(NeverReady, Fails, testing::ValuesIn(script_cases("never_ready")),
+                         case_name);
 
 }  // namespace
-
-TEST_F(Fails, AFailedStartSaysWhyAndLeavesNothingInTheWay) {
-  for (const FailedStart& start : FAILED_STARTS) {
-    SCOPED_TRACE(start.name);
-    PeerDrive drive;
-    start.cause(drive);
-    const LogCapture log;
-    EXPECT_EQ(drive.start(), nullptr);
-    EXPECT_EQ(drive.error, ERROR_GEN_FAILURE);
-    expect_section("faults_lines", start.name, drive.said(log));
-    if (taken != nullptr) {
-      EXPECT_EQ(WaitForSingleObject(taken, 0), WAIT_OBJECT_0);
-      CloseHandle(std::exchange(taken, nullptr));
-    }
-    faults = {};
-    if (start.connects) {
-      drive.peer->on_request(ScriptedPeer::answer_success);
-      EXPECT_NE(drive.start(), nullptr);
-    }
-  }
-  RegDeleteTreeA(HKEY_CURRENT_USER, (DEVICE_KEYS + "\\volatile.test").c_str());
-}
-
-TEST_F(Fails, AFailedStartIsTriedTwiceWithTwoPauses) {
-  PeerDrive drive;
-  drive.record.tnw_flags = 0;
-  set_field(drive.record.tnw_binpath, drive.folder / "missing.exe");
-  const ULONGLONG begin = GetTickCount64();
-  const LogCapture log;
-  EXPECT_EQ(drive.start(), nullptr);
-  EXPECT_GE(GetTickCount64() - begin, 9900u);
-  expect_section("faults_lines", "tried twice", drive.said(log));
-}
-
-TEST_F(Fails, AnAttemptThatHadToWaitForAnOldServiceFails) {
-  PeerDrive drive;
-  make_cache_dir(drive);
-  const std::string pid_file = cache_dir(drive.record) + "/tarnd_pid";
-  write_file(pid_file, "1");
-  HANDLE held = CreateFileA(pid_file.c_str(), GENERIC_READ | GENERIC_WRITE, 7, nullptr,
-                            OPEN_EXISTING, 0, nullptr);
-  ASSERT_TRUE(LockFile(held, 0, 0, MAXDWORD, MAXDWORD));
-  const LogCapture log;
-  std::thread old_service([&] {
-    EXPECT_TRUE(eventually([&] { return log.count("tarnd is still running") != 0; }));
-    CloseHandle(held);
-  });
-  EXPECT_EQ(drive.start(), nullptr);
-  old_service.join();
-  expect_section("faults_lines", "an old service", drive.said(log));
-  EXPECT_NE(drive.start(), nullptr) << "the lock is gone: the next call starts";
-}
-
-TEST_F(Fails, ASocketFolderThatFitsNowhereIsToldInALineThatIsCutItself) {
-  PeerDrive drive;
-  const std::string dir = drive.folder / std::string(4500, 'w');
-  set_field(drive.record.tnw_workdir, dir);
-  const LogCapture log;
-  EXPECT_EQ(tnw_init(&drive.record, nullptr), nullptr);
-  EXPECT_EQ(log.count("Socket dir does not fit in char[4096]. Partial path " + dir.substr(0, 3000)),
-            1u);
-}
-
-/* ------------------------------------------------------------------- a service that is never ready
- */
-
-namespace {
-
-void expect_never_ready(int flags, ULONGLONG seconds, const char* section) {
-  PeerDrive drive;
-  drive.record.tnw_flags = flags;
-  SetEnvironmentVariableA("STAND_IN_READY", nullptr);
-  const ULONGLONG begin = GetTickCount64();
-  const LogCapture log;
-  EXPECT_EQ(tnw_init(&drive.record, nullptr), nullptr);
-  EXPECT_GE(GetTickCount64() - begin, seconds * 1000 - 100);
-  EXPECT_LT(GetTickCount64() - begin, seconds * 1000 + 15000);
-  expect_section("faults_lines", section, drive.said(log));
-}
-
-}  // namespace
-
-class NeverReady : public Fails {};
-
-TEST_F(NeverReady, Once) { expect_never_ready(TNW_INIT_NO_RETRY, 60, "never ready"); }
-TEST_F(NeverReady, Twice) { expect_never_ready(0, 130, "never ready twice"); }
-
-/* ------------------------------------------------------------------- calls without memory */
-
-TEST_F(Fails, CallsWithoutMemorySayWhatForAndGoOn) {
-  PeerDrive drive;
-  faults.most_open_files = 1;
-  void* const d = drive.start();
-  ASSERT_NE(d, nullptr);
-  drive.answer_opens(open_answer());
-  tnw_fileinfo entry;
-  bool flag = false;
-  int err = -1;
-  char token[] = "t";
-  tnw_tninit other = drive.record;
-  set_field(other.tnw_da_drive_id, "44444444-4444-4444-4444-444444444444");
-  const struct {
-    size_t allocation;
-    std::function<int()> call;
-    int code;
-  } rows[] = {
-      {TNV_MSG_FIXED + 2, [&] { return drive.open("p", 3, &err), err; }, 8},
-      {TNV_MSG_FIXED + 2, [&] { return tnw_getfileinfo(d, "p", &entry, nullptr); }, 8},
-      {TNV_MSG_FIXED + 4, [&] { return tnw_rename(d, "p", "q", nullptr); }, 8},
-      {TNV_MSG_FIXED + 2, [&] { return tnw_delete(d, "p", nullptr); }, 8},
-      {TNV_MSG_FIXED + 2, [&] { return tnw_canfilebedeleted(d, "p", &flag); }, 8},
-      {TNV_MSG_FIXED + 2, [&] { return tnw_updatetoken(d, token); }, 8},
-      {TNV_MSG_FIXED + 4, [&] { return tnw_set_http_proxy(d, "p", "", ""); }, 8},
-      {TNV_MSG_FIXED + 2, [&] { return tnw_findfirst(d, "p", &entry, nullptr, &err), err; }, 8},
-      {sizeof(tnw_file_context), [&] { return drive.open("p", 3, &err), err; }, 8},
-      {sizeof(tnw_drive_handle), [&] { return tnw_init(&other, &err), err; }, 31},
-      {0, [&] { return drive.open("p", 3, &err), err; }, 0},
-      {0, [&] { return drive.open("p", 3, &err), err; }, 24},
-  };
-  for (const auto& row : rows) {
-    faults.allocation = row.allocation;
-    const LogCapture log;
-    EXPECT_EQ(row.call(), row.code) << &row - rows;
-    expect_section("faults_lines", "without memory " + std::to_string(&row - rows),
-                   drive.said(log));
-  }
-}
-
-/* A call that could not begin is not waited for, and leaves no event. */
-TEST_F(Fails, CallsThatCannotBeQueuedSayWhy) {
-  PeerDrive drive;
-  void* const d = drive.start();
-  ASSERT_NE(d, nullptr);
-  const auto remove = [&] { return tnw_delete(d, "p", nullptr); };
-  faults.events = true;
-  EXPECT_EQ(remove(), ERROR_NOT_ENOUGH_MEMORY);
-  faults.events = false;
-  auto& flags = tnw_tninstances.tni_next->tni_tpool->tp_flags;
-  flags |= OX_TPOOL_FL_DRAIN; /* refuses every thread but its own workers */
-  EXPECT_EQ(remove(), ERROR_INVALID_DATA);
-  const size_t handle = fresh_handle();
-  for (int i = 0; i < 10; i++) {
-    remove();
-  }
-  EXPECT_LT(fresh_handle(), handle + 10);
-  flags &= ~ox_u32{OX_TPOOL_FL_DRAIN};
-  EXPECT_EQ(drive.peer->count(TNV_OP_WIN_DELETE), 0u);
-  EXPECT_EQ(remove(), 0);
-}
-
-/* ------------------------------------------------------------------- answers that are none */
-
-namespace {
-
-/* What the peer answers with, and what becomes of the call: an open, or a listing where the answer
- * is one of DENUM. */
-struct Answer {
-  const char* name;
-  ox_u32 err;
-  Bytes payload;
-  size_t follows; /* bytes that the peer sends behind it; then it closes, if it does not stand */
-  size_t allocation;
-  int code;
-  bool stands; /* the connection goes on */
-};
-
-void PrintTo(const Answer& answer, std::ostream* out) { *out << answer.name; }
-
-Bytes opened(ox_u64 map_size, int shift = 16, ox_u32 isdir = 0) {
-  tnv_wopen_resp open = open_answer();
-  open.wopen_resp_region_shift = shift;
-  open.wopen_resp_rmap_size = map_size;
-  open.wopen_resp_dmap_size = 3; /* noted, and not used */
-  open.wopen_resp_fso.fso_isdir = isdir;
-  return bytes_of(open);
-}
-Bytes listed(ox_u64 count) {
-  tnv_wdenum_resp denum = {};
-  denum.wde_fi_len = count;
-  return bytes_of(denum);
-}
-
-Bytes promised(ox_u32 size) {
-  tnv_resphdr header = {};
-  header.rhdr_len = size;
-  header.rhdr_tn_unauthd = 1; /* half an answer marks nothing */
-  return bytes_of(header);
-}
-
-constexpr ox_u32 RAW = 999; /* instead of an error: the payload is all that is sent */
-constexpr size_t THREE = 3 * sizeof(tnw_fileinfo);
-const Answer ANSWERS[] = {
-    {"maps", 183, opened(8), 16, 0, 0, true},
-    {"refused open", 2, opened(8), 0, 0, 2, true},
-    {"refused listing", 2, listed(5), 0, 0, 2, true},
-    {"no use for a shift", 0, opened(0, 63), 0, 0, 0, true},
-    {"half a map", 0, opened(8), 15, 0, 1467, false},
-    {"no such size", 0, opened(VFSTNW_MAX_MAP_SIZE + 1), 15, 0, 8, false},
-    {"a size that wraps", 0, opened(ox_u64{1} << 63), 15, 0, 8, false},
-    {"shift 63", 0, opened(8, 63), 15, 0, 1467, false},
-    {"folder", 0, opened(8, -1, 1), 15, 0, 1467, false},
-    {"no memory", 0, opened(20000), 40000, 40000, 8, true},
-    {"no memory for half", 0, opened(20000), 39999, 40000, 1467, false},
-    {"half a listing", 0, listed(3), THREE - 1, 0, 1467, false},
-    {"no such count", 0, listed(TNW_MAX_LISTING + 1), THREE, 0, 8, false},
-    {"a count that wraps", 0, listed((ox_u64{1} << 61) + 3), THREE, 0, 8, false},
-    {"no memory to list", 0, listed(3), THREE, THREE, 8, true},
-    {"nothing", RAW, {}, 0, 0, 1467, false},
-    {"half a header", RAW, Bytes(24, 0xff), 0, 0, 1467, false},
-    {"half a payload", RAW, promised(100), 99, 0, 1467, false},
-    {"too long", 0, Bytes(1169), 0, 0, 1467, false},
-    {"garbage", RAW, Bytes(4000, 0xff), 0, 0, 1467, false},
-};
-
-class Answers : public Fails {
- protected:
-  void SetUp() override { ASSERT_NE(drive_.start(), nullptr); }
-
-  /* An open, or a listing. */
-  void* call(bool opens, int* code) {
-    return opens ? drive_.open("p", 3, code)
-                 : tnw_findfirst(drive_.drive, "p", &entry_, nullptr, code);
-  }
-  /* The connection is closed, and the next call asks nobody. */
-  void expect_broken() {
-    EXPECT_TRUE(drive_.peer->wait_for_ended(1));
-    const size_t sent = drive_.peer->requests().size();
-    const LogCapture log;
-    EXPECT_EQ(drive_.open("p", 3, &drive_.error), nullptr);
-    EXPECT_EQ(log.count("\"vfs_socket_fd\":-"), 0u) << "lines keep the socket's number";
-    EXPECT_EQ(drive_.error, TNW_ERROR_NO_SERVICE);
-    EXPECT_EQ(drive_.peer->requests().size(), sent);
-  }
-  /* Nobody has the file open any more. */
-  bool is_free(const std::string& path) {
-    const HANDLE alone =
-        CreateFileA(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    return alone != INVALID_HANDLE_VALUE && CloseHandle(alone) != 0;
-  }
-
-  PeerDrive drive_;
-  tnw_fileinfo entry_ = {};
-};
-
-class EachAnswer : public Answers, public testing::WithParamInterface<Answer> {};
-
-}  // namespace
-
-TEST_P(EachAnswer, IsTakenOrRefusedWhole) {
-  const Answer& a = GetParam();
-  const bool opens = a.payload.size() != sizeof(tnv_wdenum_resp);
-  const bool carries = a.payload.size() == sizeof(tnv_wopen_resp);
-  Bytes payload = a.payload;
-  const ox_u64 local = local_file(drive_.folder / "local", "x");
-  memcpy(payload.data() + offsetof(tnv_wopen_resp, wopen_resp_handle), &local, carries ? 8 : 0);
-  drive_.peer->on_request([&](PeerConnection& conn) {
-    if (conn.opcode() != (opens ? TNV_OP_WIN_OPEN : TNV_OP_WIN_DENUM)) {
-      tnw_fileinfo info = {};
-      info.fi_size = 7;
-      return conn.answer(0, info);
-    }
-    a.err == RAW ? conn.send(payload) : conn.answer(a.err, payload);
-    conn.send(Bytes(a.follows, 0xff));
-    if (!a.stands) {
-      conn.close();
-    }
-  });
-  faults.allocation = a.allocation;
-  const LogCapture log;
-  int code = -1;
-  const auto* const fde = static_cast<const tnvfd*>(call(opens, &code));
-  EXPECT_EQ(code, a.code);
-  expect_section("faults_lines", std::string("answer: ") + a.name, drive_.said(log));
-  ASSERT_EQ(fde != nullptr, a.code == 0);
-  const bool closed = carries && a.err == 0 && a.code != 0 && a.name != std::string("folder");
-  EXPECT_EQ(is_free(drive_.folder / "local"), closed);
-  if (fde != nullptr) {
-    const bool mapped = a.follows != 0;
-    EXPECT_EQ(fde->fdt_rmap != nullptr, mapped);
-    EXPECT_EQ(fde->fdt_dmap, mapped ? fde->fdt_rmap + 8 : nullptr);
-    EXPECT_EQ(fde->fdt_dmap_size, 3u);
-    EXPECT_EQ(fde->fdt_rshift, mapped ? 16 : 0);
-  }
-  const size_t closes = a.allocation != 0 && a.stands ? 1 : 0;
-  EXPECT_EQ(drive_.peer->count(TNV_OP_WIN_CLOSE), closes) << "what was granted is taken back";
-  if (!a.stands) {
-    return expect_broken();
-  }
-  faults = {};
-  EXPECT_EQ(tnw_getfileinfo(drive_.drive, "p", &entry_, nullptr), 0);
-  EXPECT_EQ(entry_.fi_size, 7u) << "the next answer is found";
-}
-
-INSTANTIATE_TEST_SUITE_P(All, EachAnswer, testing::ValuesIn(ANSWERS),
-                         [](const auto& info) { return std::to_string(info.index); });
-
-/* ------------------------------------------------------------------- a drive's life */
-
-TEST_F(Fails, NothingInADrivesLifeUntilItsEnd) {
-  PeerDrive drive;
-  const LogCapture log;
-  ox_debug = 5;
-  void* const first = drive.start();
-  ASSERT_NE(first, nullptr);
-  EXPECT_EQ(listed_at_table, 0) << "other threads' lookups read the tables of listed instances";
-  EXPECT_EQ(tnw_init(&drive.record, nullptr), first);
-  tnw_tninit other = drive.record;
-  set_field(other.tnw_da_drive_id, "44444444-4444-4444-4444-444444444444");
-  void* const second = tnw_init(&other, nullptr);
-  tnv_wopen_resp opened = open_answer();
-  opened.wopen_resp_rmap_size = 1;
-  opened.wopen_resp_handle = local_file(drive.folder / "local", "local");
-  drive.answer_opens(opened, {1, 0});
-  void* const file = drive.open("/a");
-  char byte = 0;
-  EXPECT_EQ(tnw_read(file, &byte, 1, 0, nullptr, nullptr), 0);
-  EXPECT_EQ(tnw_close(file, nullptr), 0);
-  tnw_fileinfo entry;
-  EXPECT_EQ(tnw_getfileinfo(first, "/a", &entry, nullptr), 0);
-  EXPECT_EQ(tnw_deinit(second, false), 0);
-  drive.peer->on_request([](PeerConnection& conn) { conn.answer(5); });
-  EXPECT_EQ(tnw_deinit(first, false), 5);
-  drive.drive = nullptr;
-  ox_debug = 1;
-  /* Without the traces, the pool's lines and the dumps of what was sent, which have tests of their
-   * own. */
-  std::string said;
-  for (const std::string& line : lines_of(drive.said(log))) {
-    const bool is_line =
-        line.starts_with("INFO") || line.starts_with("DEBUG") || line.starts_with("ERROR");
-    if (is_line && line.find("DEBUG: Message") != 0 && line.find("DEBUG: id ") != 0 &&
-        line.find("[TNWIN") == std::string::npos) {
-      said += line + "\n";
-    }
-  }
-  said.pop_back();
-  expect_section("faults_lines", "a drive's life", said);
-}

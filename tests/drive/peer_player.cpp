@@ -18,11 +18,6 @@ namespace {
 
 Bytes bytes_of_text(const std::string& text) { return Bytes(text.begin(), text.end()); }
 
-/* Hexadecimal, with a blank before them. */
-std::string hex_text(const ox_u8* bytes, size_t size) {
-  return fields_text(":" + std::to_string(size) + "m", Bytes(bytes, bytes + size));
-}
-
 /* Without blanks at the ends of lines, and with long runs of a character as <x*5000>. */
 std::string tidied(const std::string& text) {
   std::string tidy;
@@ -50,7 +45,7 @@ std::string state_of(const tnvfd* file) {
   if (maps == nullptr || file->fdt_dmap != maps + size) {
     return text + (maps == nullptr && file->fdt_dmap == nullptr ? ", no maps" : ", odd maps");
   }
-  return text + ", maps" + hex_text(maps, size) + hex_text(maps + size, size);
+  return text + ", maps " + hex_text(maps, size) + ' ' + hex_text(maps + size, size);
 }
 
 }  // namespace
@@ -90,7 +85,7 @@ std::string PeerPlayer::seen() {
   }
   for (size_t i = 0; i < all.size(); i++) {
     const tnv_msgid_t id = all[i].msg().hdr.hdr_id;
-    replace_all(text, hex_text(id.id, sizeof id.id).substr(1), "=#" + std::to_string(i + 1));
+    replace_all(text, '=' + hex_text(id.id, sizeof id.id), "=#" + std::to_string(i + 1));
   }
   replace_all(text, " client=" + std::to_string(GetCurrentProcessId()), " client=OWN");
   replace_all(text, " thread=" + std::to_string(GetCurrentThreadId()), " thread=OWN");

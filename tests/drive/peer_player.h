@@ -32,6 +32,7 @@ class PeerPlayer : public CallPlayer {
   std::string expanded(const std::string& text) const override;
 
   PeerDrive drive_;
+  const LogCapture whole_log_;
 
  private:
   void add_peer_commands();
@@ -50,7 +51,6 @@ class PeerPlayer : public CallPlayer {
   std::map<std::string, Arguments> rules_;
   void* carried_ = nullptr; /* by the last answer that carried a file */
   void* pipe_ = nullptr;    /* its other end */
-  const LogCapture whole_log_;
   std::optional<LogCapture> log_; /* what was not shown yet */
   size_t shown_ = 0;              /* requests */
 };

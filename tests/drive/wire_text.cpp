@@ -70,16 +70,6 @@ size_t layout_size(const std::string& layout) {
   return fields.empty() ? 0 : fields.back().at + fields.back().size;
 }
 
-std::string hex(const ox_u8* bytes, size_t size) {
-  std::string text;
-  for (size_t i = 0; i < size; i++) {
-    char digits[3];
-    snprintf(digits, sizeof digits, "%02x", bytes[i]);
-    text += digits;
-  }
-  return text;
-}
-
 std::string value_text(const Field& field, const ox_u8* bytes) {
   if (field.kind == 'n') {
     ox_u64 number = 0;
@@ -94,10 +84,20 @@ std::string value_text(const Field& field, const ox_u8* bytes) {
   while (field.kind == 'h' && bytes[size - 1] == 0) {
     size--;
   }
-  return hex(bytes, size);
+  return hex_text(bytes, size);
 }
 
 }  // namespace
+
+std::string hex_text(const ox_u8* bytes, size_t size) {
+  std::string text;
+  for (size_t i = 0; i < size; i++) {
+    char digits[3];
+    snprintf(digits, sizeof digits, "%02x", bytes[i]);
+    text += digits;
+  }
+  return text;
+}
 
 const WireOperation& wire_operation(ox_u32 opcode) { return OPERATIONS[opcode]; }
 
@@ -124,7 +124,7 @@ std::string fields_text(const std::string& layout, const Bytes& record) {
   const size_t end = layout_size(layout);
   return is_zero(end, record.size())
              ? text
-             : text + " behind=" + hex(record.data() + end, record.size() - end);
+             : text + " behind=" + hex_text(record.data() + end, record.size() - end);
 }
 
 Bytes record_of(const std::string& layout, const std::map<std::string, std::string>& fields) {

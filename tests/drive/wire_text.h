@@ -31,6 +31,7 @@ std::string fields_text(const std::string& layout, const Bytes& record);
  * layout does not have are not looked at. Empty when it has none of them. */
 Bytes record_of(const std::string& layout, const std::map<std::string, std::string>& fields);
 
+std::string hex_text(const ox_u8* bytes, size_t size);
 /* A request with its trailing texts, and the file information of the client. */
 std::string request_text(const PeerRequest& request);
 std::string fileinfo_text(const tnw_fileinfo& info);
