@@ -10,8 +10,9 @@
 
 /*
  * put PATH CONTENT [if=VERSION] [as=VERSION]    names the version that was made
+ * status PATH [as=VERSION]                      or is there
  * get PATH [of=VERSION] [at=OFFSET size=BYTES]  the content, by default all of what is there
- * status PATH, list PATH, folder PATH
+ * list PATH, folder PATH
  * rename FROM TO [if=VERSION] [over=VERSION] [as=VERSION]
  * remove PATH [if=VERSION]
  * fails COMMAND ...                             whether it does, where clouds fail in different
@@ -28,7 +29,7 @@ class CloudPlayer {
     Commands commands;
     commands["put"] = [this](const Arguments& a) { return put(a); };
     commands["get"] = [this](const Arguments& a) { return get(a); };
-    commands["status"] = [this](const Arguments& a) { return item(status(a[0])); };
+    commands["status"] = [this](const Arguments& a) { return made(status(a[0]), a); };
     commands["list"] = [this](const Arguments& a) { return list(a[0]); };
     commands["rename"] = [this](const Arguments& a) { return rename(a); };
     commands["remove"] = [this](const Arguments& a) { return remove(a); };
