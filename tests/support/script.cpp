@@ -164,8 +164,9 @@ std::string as_word(const std::string& text) {
   for (size_t at = 0; at < text.size();) {
     const size_t run = std::min(text.find_first_not_of(text[at], at), text.size()) - at;
     char shown[5] = {text[at]};
-    if (static_cast<unsigned char>(text[at]) < ' ') {
-      snprintf(shown, sizeof shown, "\\x%02x", text[at]);
+    const auto byte = static_cast<unsigned char>(text[at]);
+    if (byte < ' ' || byte >= 0xf5) { /* no character, nor a part of one */
+      snprintf(shown, sizeof shown, "\\x%02x", byte);
     } else if (text[at] == '"' || text[at] == '\\') {
       snprintf(shown, sizeof shown, "\\%c", text[at]);
     }

@@ -1,0 +1,193 @@
+/*
+ * The platform layer's calls on files and their extended attributes, from platform.txt. A call is
+ * answered with its result, or with -1 and errno, which is 77 where the call left it alone. FD is a
+ * name that the script gives a descriptor, or -1. FOLDER, FD and HANDLE stand in log lines for what
+ * differs from run to run.
+ */
+#include <windows.h>
+
+#include <map>
+
+#include "line_mask.h"
+#include "ox_platform.h"
+#include "ox_xattr.h"
+#include "oxley_test.h"
+#include "script.h"
+
+namespace {
+
+class PlatformScript : public testing::TestWithParam<ScriptCase> {
+ protected:
+  PlatformScript() {
+    add_files();
+    add_attributes();
+  }
+  ~PlatformScript() override {
+    CloseHandle(unshared_);
+    ox_logfunc = nullptr;
+    ox_debug = 1;
+  }
+
+  /* Of a call that answers a number, or bytes and their number. */
+  template <typename Call>
+  void add(const char* name, const Call& call) {
+    commands_[name] = [this, call](const Arguments& a) {
+      bytes_.reset();
+      errno = 77;
+      const auto result = static_cast<ox_s64>(call(a));
+      const int error = errno;
+      return result == -1 ? "-1 " + error_name(error)
+             : bytes_     ? as_word(bytes_->substr(0, static_cast<size_t>(result)))
+                          : std::to_string(result);
+    };
+  }
+  char* buffer(size_t size) { return bytes_.emplace(size, '#').data(); }
+
+  /* Of the first word. "." is the folder itself, and "" no path at all. */
+  std::string path(const Arguments& a) const {
+    return a[0].empty() ? "" : a[0] == "." ? folder_.path().string() : folder_ / a[0];
+  }
+  bool is_fd(const Arguments& a) const { return fds_.contains(a[0]) || a[0] == "-1"; }
+  int fd(const Arguments& a) const { return a[0] == "-1" ? -1 : fds_.at(a[0]); }
+  static const char* or_null(const std::string& text) {
+    return text == "NULL" ? nullptr : text.c_str();
+  }
+
+  void add_files();
+  void add_attributes();
+  int open(const Arguments& a);
+  bool lock(const Arguments& a, bool unlock) const;
+  ox_s64 get(const Arguments& a);
+  std::string status(const Arguments& a) const;
+  std::string log();
+
+  Commands commands_;
+  const TestFolder folder_;
+  const LogCapture log_;
+  size_t shown_ = 0;                 /* lines of the log */
+  std::optional<std::string> bytes_; /* that the call gave */
+  std::map<std::string, int> fds_;
+  HANDLE unshared_ = INVALID_HANDLE_VALUE;
+};
+
+/* open FD NAME, with any of the words below: 0. */
+int PlatformScript::open(const Arguments& a) {
+  static const std::map<std::string, ox_u32> FLAGS = {
+      {"rw", OX_O_RDWR}, {"create", OX_O_CREAT}, {"truncate", OX_O_TRUNC}, {"sync", OX_O_SYNC}};
+  ox_u32 flags = OX_O_RDONLY;
+  for (const auto& [word, flag] : FLAGS) {
+    flags |= a.has(word) ? flag : ox_u32{0};
+  }
+  const std::string name = path({{a[1]}, {}});
+  const auto mode = static_cast<ox_u32>(a.option("mode", 0644));
+  const int opened = a.has("create")   ? ox_creat(name.c_str(), flags, mode)
+                     : a.has("folder") ? ox_open_directory(name.c_str(), flags)
+                                       : ox_open(name.c_str(), flags);
+  fds_[a[0]] = opened;
+  return opened < 0 ? -1 : 0;
+}
+
+/* Exclusive, and had at once or not at all. */
+bool PlatformScript::lock(const Arguments& a, bool unlock) const {
+  OVERLAPPED place = {};
+  place.Offset = static_cast<DWORD>(a.option("at", 0));
+  const auto size = static_cast<ox_u32>(a.option("size", 1));
+  return unlock ? ox_unlock_file(fd(a), size, 0, &place)
+                : ox_lock_file(fd(a), FAIL_AT_ONCE_EXCLUSIVE, size, 0, &place);
+}
+
+std::string PlatformScript::status(const Arguments& a) const {
+  ox_stat_t st = {};
+  if (ox_stat(path(a).c_str(), &st) != 0) {
+    return "-1 " + error_name(errno);
+  }
+  const bool read_only = (GetFileAttributesA(path(a).c_str()) & FILE_ATTRIBUTE_READONLY) != 0;
+  return st.st_isdir ? "folder" : std::to_string(st.st_size) + (read_only ? " read-only" : "");
+}
+
+ox_s64 PlatformScript::get(const Arguments& a) {
+  char* const value = a.has("null") ? nullptr : buffer(100000);
+  const char* name = or_null(a.words[1]);
+  return is_fd(a) ? ox_fgetxattr(fd(a), name, value, 0)
+                  : ox_getxattr(path(a).c_str(), name, value, 0);
+}
+
+std::string PlatformScript::log() {
+  static const Masks MASKS = {{std::regex(R"(\bfd \d+)"), "fd FD"},
+                              {std::regex(R"(\bfh (?!f{16})[0-9a-f]+)"), "fh HANDLE"},
+                              {std::regex("n{99,}"), "nnn"},
+                              {std::regex(" +$"), ""},
+                              {std::regex(R"(\[6\d+\])"), "[LENGTH]"},
+                              {std::regex(R"(ERROR \d+(: ox_unlock_file))"), "ERROR$1"}};
+  const std::vector<std::string> lines = log_.brief_lines();
+  std::string text;
+  for (; shown_ < lines.size(); shown_++) {
+    std::string line = masked(lines[shown_], MASKS);
+    if (const size_t at = line.find(folder_.path().string()); at != std::string::npos) {
+      line.replace(at, folder_.path().string().size(), "FOLDER");
+    }
+    text += (text.empty() ? "" : "\n") + line;
+  }
+  return text;
+}
+
+void PlatformScript::add_files() {
+  add("open", [this](const Arguments& a) { return open(a); });
+  add("close", [this](const Arguments& a) { return ox_close(fd(a)); });
+  add("read", [this](const Arguments& a) {
+    const size_t size = a.option("size", 32);
+    return ox_pread(fd(a), buffer(size), size, a.option("at", 0));
+  });
+  add("write", [this](const Arguments& a) {
+    return ox_pwrite(fd(a), a.words[1].data(), a.words[1].size(), a.option("at", 0));
+  });
+  add("seek", [this](const Arguments& a) {
+    return ox_lseek(fd(a), std::stoll(a[1], nullptr, 0), std::stoi(a[2]));
+  });
+  add("truncate", [this](const Arguments& a) { return ox_ftruncate(fd(a), std::stoll(a[1])); });
+  add("unlink", [this](const Arguments& a) { return ox_unlink(path(a).c_str()); });
+  add("flock", [this](const Arguments& a) { return ox_flock(fd(a), FAIL_AT_ONCE_EXCLUSIVE); });
+  add("lock", [this](const Arguments& a) { return lock(a, false) ? 0 : -1; });
+  commands_["unlock"] = [this](const Arguments& a) { return lock(a, true) ? "yes" : "no"; };
+  commands_["status"] = [this](const Arguments& a) { return status(a); };
+  commands_["log"] = [this](const Arguments&) { return log(); };
+  commands_["debug"] = [](const Arguments& a) { return ox_debug = std::stoi(a[0]), ""; };
+  commands_["prefix_callback"] = [](const Arguments&) {
+    ox_logfunc = [](const char*, const char*, ox_s32, ox_s32, const ox_alert_t*) { return "x"; };
+    return "";
+  };
+}
+
+void PlatformScript::add_attributes() {
+  add("folder",
+      [this](const Arguments& a) { return create_directory(folder_.path() / a[0]) ? 0 : 1; });
+  add("stream", [this](const Arguments& a) {
+    const int err =
+        ox_get_stream_name(a.words[0].c_str(), or_null(a.words[1]), buffer(OX_MAXPATH_LEN));
+    return err == 0 ? static_cast<ox_s64>(strlen(bytes_->c_str())) : -1;
+  });
+  add("set", [this](const Arguments& a) {
+    const std::string& value = a.words[2];
+    const char* name = or_null(a.words[1]);
+    return is_fd(a) ? ox_fsetxattr(fd(a), name, value.data(), value.size(), 0)
+                    : ox_setxattr(path(a).c_str(), name, or_null(value), value.size(), 0);
+  });
+  add("get", [this](const Arguments& a) { return get(a); });
+  add("remove", [this](const Arguments& a) {
+    const char* name = or_null(a.words[1]);
+    return is_fd(a) ? ox_fremovexattr(fd(a), name) : ox_removexattr(path(a).c_str(), name);
+  });
+  /* Nobody else may open the attribute until the case has ended. */
+  add("unshare", [this](const Arguments& a) {
+    const std::string stream = path(a) + ":" + a[1];
+    unshared_ = CreateFileA(stream.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    return unshared_ == INVALID_HANDLE_VALUE ? -1 : 0;
+  });
+}
+
+TEST_P(PlatformScript, Holds) { play(GetParam(), commands_); }
+
+INSTANTIATE_TEST_SUITE_P(All, PlatformScript, testing::ValuesIn(script_cases("platform")),
+                         case_name);
+
+} /* namespace */
