@@ -54,7 +54,7 @@ int create(Service& service, const tnv_wopen_msg& open, const std::string& path,
   if ((open.wopen_flags & WANT_FOLDER) != 0) {
     return service.cloud->make_folder(service.context(), path, &target->entry).error;
   }
-  if (const int err = service.files.look_up(parent_path(path), &target->parent)) {
+  if (const int err = service.files.look_up_remembered(parent_path(path), &target->parent)) {
     return err;
   }
   if (!target->parent.folder) {

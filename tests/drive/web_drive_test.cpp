@@ -68,10 +68,17 @@ TEST_F(WebDrive, AllRequestsGoThroughTheProxyUntilAnotherOneIsSet) {
   };
   RealDrive behind("RCLONE");
   set_field(behind.record.tnw_proxy_server, of_servers("TNW_PROXY"));
+  set_field(behind.record.tnw_proxy_uname, "ada");
+  set_field(behind.record.tnw_proxy_password, "secret");
   ASSERT_TRUE(behind.start()) << behind.error;
   behind.put("file", "content");
+  const std::string large = noise(100'000, 3); /* leaves in pieces */
   const int past_it = tell_front("");
   EXPECT_EQ(DriveFile(behind, "\\file", {.access = TNW_ACC_READ}).read_all(), "content");
+  DriveFile written(behind, "\\large", WRITING);
+  EXPECT_EQ(written.write(0, large), 0);
+  EXPECT_EQ(written.close(), 0);
+  EXPECT_TRUE(eventually([&] { return behind.get("large") == large; }, BACK_IN_TIME));
   const auto seen = through_proxy();
   EXPECT_GT(seen, 0);
   EXPECT_EQ(tell_front(""), past_it);

@@ -93,8 +93,8 @@ CloudResult WebdavServer::ask(const CloudContext& context, const HttpRequest& re
     result = result_of_http(got);
   }
   if (!result.ok()) {
-    OX_LOG(OX_DEBUG_LEVEL, result.error, "%s %s: status %d (%s)", request.method.c_str(),
-           request.target.c_str(), got.status, name_of(result.code));
+    OX_LOG_DEBUG(1, "%s %s: status %d (%s)", request.method.c_str(), request.target.c_str(),
+                 got.status, name_of(result.code));
   }
   return result;
 }

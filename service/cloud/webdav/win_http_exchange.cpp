@@ -291,7 +291,7 @@ CloudResult WinHttpExchange::read(const CloudContext& context, const char** data
 }
 
 CloudResult WinHttpExchange::failure(DWORD error) const {
-  OX_LOG(OX_DEBUG_LEVEL, static_cast<ox_s32>(error), "A request failed (%lu)", error);
+  OX_LOG_DEBUG(1, "A request failed (%lu)", error);
   return CloudResult::of(never_sent(error) ? CloudCode::OFFLINE : CloudCode::UNKNOWN_OUTCOME);
 }
 
