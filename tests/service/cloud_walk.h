@@ -43,7 +43,7 @@ class CloudWalk {
                   (spelling_ && kind == RENAME && both_fail))
           << answer << "\ninstead of\n"
           << expected << "\nto call " << kind << " of " << asked << " and " << to << " at step "
-          << step;
+          << step_;
     }
   }
 
