@@ -2,12 +2,18 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 
+#include "ox_logging.h"
+#include "page_end.h"
 #include "tnw_fd.h"
 #include "wire_text.h"
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -19,55 +25,21 @@ const std::vector<std::string> FILE_CALLS = {
     "unlockfile", "findnext", "checkfolderempty", "cleanup_file",
     "findclose",  "close"};
 
-/* What a call may write; `bytes` of it. */
-template <class T>
-class Out {
- public:
-  explicit Out(size_t bytes = sizeof(T)) : clean_(bytes, '\x5a'), place_(clean_) {}
-  T* at() const { return place_.as<T>(); }
-  std::string bytes() const { return {place_.at, clean_.size()}; }
-  bool is_touched() const { return bytes() != clean_; }
-  /* " VALUE", or nothing when the call left it alone. */
-  std::string number() const {
-    return is_touched() ? ' ' + std::to_string(static_cast<ox_s64>(*at())) : "";
-  }
-
- private:
-  const std::string clean_;
-  const AtPageEnd place_;
-};
-
-std::string entry_text(const Out<tnw_fileinfo>& entry) {
-  const std::string fields = fileinfo_text(*entry.at());
-  return !entry.is_touched() ? "" : fields.empty() ? " nothing" : fields;
-}
-
-std::string err_text(const Out<int>& err) {
-  return err.is_touched() ? std::to_string(*err.at()) : "no code";
-}
-
-/* The opener's name, handed out when the script has the word "opener". */
-class Opener : Out<char> {
- public:
-  explicit Opener(const Arguments& a) : Out(32), wanted_(a.has("opener")) {}
-  char* place() const { return wanted_ ? at() : nullptr; }
-  std::string text() const {
-    return is_touched() ? " opener " + as_word({at(), strnlen(at(), 32)}) : "";
-  }
-
- private:
-  const bool wanted_;
-};
-
 ox_u32 low(ox_u64 number) { return static_cast<ox_u32>(number); }
 ox_u32 high(ox_u64 number) { return static_cast<ox_u32>(number >> 32); }
 
-std::string code_text(int code, const std::string& more = "") {
-  return std::to_string(code) + more;
+template <class T>
+std::string number_text(const char* at) {
+  return std::to_string(*reinterpret_cast<const T*>(at));
 }
 
-ox_u64 number(const Arguments& a, size_t index, ox_u64 otherwise) {
-  return isdigit(a[index][0]) != 0 || a[index][0] == '-' ? a.number(index) : otherwise;
+std::string entry_text(const char* at) {
+  const std::string fields = fileinfo_text(*reinterpret_cast<const tnw_fileinfo*>(at));
+  return fields.empty() ? "nothing" : fields.substr(1);
+}
+
+std::string name_text(const char* at) {
+  return as_word(reinterpret_cast<const tnw_fileinfo*>(at)->fi_name);
 }
 
 Arguments without_first(const Arguments& a, size_t count) {
@@ -80,15 +52,84 @@ Arguments without_first(const Arguments& a, size_t count) {
 
 /* ------------------------------------------------------------------- arguments */
 
-/* A text at a page's end, or null. */
-class CallPlayer::Passed {
+/* One call: what it gets, each at a page's end, and what it gave. */
+class CallPlayer::Call {
  public:
-  Passed() = default;
-  explicit Passed(const std::string& bytes) : bytes_(std::make_unique<AtPageEnd>(bytes)) {}
-  char* at() const { return bytes_ ? bytes_->at : nullptr; }
+  Call(const CallPlayer& player, const Arguments& a) : player_(player), a_(a) {}
+
+  void* handle() const { return player_.handle(a_, 0); }
+  bool has(const char* word) const { return a_.has(word); }
+  ox_u64 option(const char* name, ox_u64 otherwise) const { return a_.option(name, otherwise); }
+  ox_u64 number(size_t index, ox_u64 otherwise) const {
+    return isdigit(a_[index][0]) != 0 || a_[index][0] == '-' ? a_.number(index) : otherwise;
+  }
+  std::string word(size_t index, const std::string& otherwise) const {
+    return player_.text(a_, index, otherwise);
+  }
+  char* bytes(const std::string& bytes) {
+    return places_.emplace_back(std::make_unique<AtPageEnd>(bytes))->at;
+  }
+  char* text(size_t index, const std::string& otherwise = "p") {
+    const std::string text = word(index, otherwise);
+    return text == "null" ? nullptr : bytes(text + '\0');
+  }
+  /* A name that fills its field has no NUL. */
+  char* procname() {
+    const std::string name = player_.option(a_, "proc");
+    return name == "null" ? nullptr : bytes(name.size() < 32 ? name + '\0' : name);
+  }
+
+  /* Places that the call may write to. What it wrote is shown in the order of their making. */
+  using Show = std::string (*)(const char* at);
+  char* out(size_t size, const Show& show) {
+    outs_.push_back({bytes(std::string(size, UNTOUCHED)), size, show});
+    return outs_.back().at;
+  }
+  ox_s64* count() {
+    return has("uncounted") ? nullptr : reinterpret_cast<ox_s64*>(out(8, number_text<ox_s64>));
+  }
+  bool* flag() {
+    return has("into_null") ? nullptr : reinterpret_cast<bool*>(out(1, number_text<ox_u8>));
+  }
+  /* With the word "name_only" its name alone is shown. */
+  tnw_fileinfo* entry() {
+    const Show show = has("name_only") ? name_text : entry_text;
+    return has("into_null") ? nullptr
+                            : reinterpret_cast<tnw_fileinfo*>(out(sizeof(tnw_fileinfo), show));
+  }
+  int* error() {
+    return has("no_error") ? nullptr : reinterpret_cast<int*>(out(4, number_text<int>));
+  }
+  /* The opener's name, handed out when the script has the word "opener". */
+  char* opener() {
+    return !has("opener") ? nullptr : out(32, [](const char* at) {
+      return "opener " + as_word({at, strnlen(at, 32)});
+    });
+  }
+  char* buffer(size_t size) { return out(size, nullptr); }
+  std::string outputs() const {
+    std::string text;
+    for (const Out& out : outs_) {
+      const std::string now(out.at, out.size);
+      if (now != std::string(out.size, UNTOUCHED)) {
+        text += ' ' + (out.show != nullptr ? out.show(out.at) : as_word(now));
+      }
+    }
+    return text;
+  }
 
  private:
-  std::unique_ptr<AtPageEnd> bytes_;
+  static constexpr char UNTOUCHED = '\x5a';
+  struct Out {
+    char* at;
+    size_t size;
+    Show show;
+  };
+
+  const CallPlayer& player_;
+  const Arguments& a_;
+  std::vector<std::unique_ptr<AtPageEnd>> places_;
+  std::vector<Out> outs_;
 };
 
 std::string CallPlayer::text(const Arguments& a, size_t index, const std::string& otherwise) const {
@@ -101,24 +142,12 @@ std::string CallPlayer::option(const Arguments& a, const std::string& name,
   return found != a.options.end() ? expanded(found->second) : otherwise;
 }
 
-CallPlayer::Passed CallPlayer::passed(const Arguments& a, size_t index,
-                                      const std::string& otherwise) const {
-  const std::string word = text(a, index, otherwise);
-  return word == "null" ? Passed() : Passed(word + '\0');
-}
-
-/* A name that fills its field has no NUL. */
-CallPlayer::Passed CallPlayer::procname(const Arguments& a) const {
-  const std::string name = option(a, "proc");
-  return name == "null" ? Passed() : Passed(name.size() < 32 ? name + '\0' : name);
-}
-
 void* CallPlayer::handle(const Arguments& a, size_t index) const {
   const std::string word = index < a.words.size() ? a[index] : "d";
   const size_t plus = std::min(word.find_first_of("+-", 1), word.size());
+  const std::string offset = word.substr(plus);
   const auto found = handles_.find(word.substr(0, plus));
   if (found != handles_.end()) {
-    const std::string offset = word.substr(plus);
     return static_cast<char*>(found->second) + (offset == "-entry"
                                                     ? -static_cast<ptrdiff_t>(sizeof(tnvfd))
                                                 : offset.empty() ? 0
@@ -135,154 +164,150 @@ std::string CallPlayer::answer_of(const std::string& name, const Arguments& a) c
 
 /* ------------------------------------------------------------------- the calls */
 
+void CallPlayer::add(const std::string& name, int (*call)(Call&)) {
+  commands_[name] = [this, call](const Arguments& a) {
+    Call c(*this, a);
+    const int code = call(c);
+    return std::to_string(code) + c.outputs();
+  };
+}
+
 std::string CallPlayer::create(const Arguments& a) {
+  Call c(*this, a);
   const std::string slot = option(a, "slot");
-  const Passed path = passed(a, 1);
-  const Out<int> err;
   SetLastError(0);
-  void* const file = tnw_create(handle(a, 0), slot.empty() ? nullptr : &slots_[slot], path.at(),
-                                low(a.option("access", 3)), low(a.option("share", 7)),
-                                low(a.option("disposition", TNW_DISP_OPEN)),
-                                low(a.option("flags", 0)), static_cast<int>(a.option("pid", 0)),
-                                procname(a).at(), a.has("no_error") ? nullptr : err.at());
+  void* const file = tnw_create(
+      c.handle(), slot.empty() ? nullptr : &slots_[slot], c.text(1), low(c.option("access", 3)),
+      low(c.option("share", 7)), low(c.option("disposition", TNW_DISP_OPEN)),
+      low(c.option("flags", 0)), static_cast<int>(c.option("pid", 0)), c.procname(), c.error());
   const DWORD last_error = GetLastError();
   handles_[option(a, "as", "f")] = file;
-  std::string answer = err_text(err);
+  std::string answer = c.has("no_error") ? "no code" : c.outputs().substr(1);
   answer += file == nullptr   ? " null"
             : last_error != 0 ? " last error " + std::to_string(last_error)
                               : "";
   return slot.empty() ? answer : answer + (slots_[slot] != nullptr ? ", slot set" : ", slot empty");
 }
 
-std::string CallPlayer::read(const Arguments& a) const {
-  const ox_u64 len = number(a, 1, 1);
-  const Out<char> buffer(low(len)); /* the length is cut to 32 bits */
-  const Out<ox_s64> count;
-  const Opener opener(a);
-  const int code = tnw_read(handle(a, 0), buffer.at(), len, static_cast<ox_off>(number(a, 2, 0)),
-                            a.has("uncounted") ? nullptr : count.at(), opener.place());
-  const std::string data = buffer.is_touched() ? ' ' + as_word(buffer.bytes()) : "";
-  return code_text(code, count.number() + data + opener.text());
-}
-
-std::string CallPlayer::write(const Arguments& a) const {
-  const AtPageEnd data(text(a, 1, "w"));
-  const Out<ox_s64> count;
-  const Opener opener(a);
-  const int code =
-      tnw_write(handle(a, 0), data.at, text(a, 1, "w").size(), static_cast<ox_off>(number(a, 2, 0)),
-                a.has("uncounted") ? nullptr : count.at(), opener.place());
-  return code_text(code, count.number() + opener.text());
-}
-
 void CallPlayer::add_file_calls() {
   commands_["create"] = [this](auto& a) { return create(a); };
-  commands_["read"] = [this](auto& a) { return read(a); };
-  commands_["write"] = [this](auto& a) { return write(a); };
-  commands_["setfilesize"] = [this](auto& a) {
-    const ox_u64 size = number(a, 1, 20);
-    const Opener opener(a);
-    const int code = tnw_setfilesize(handle(a, 0), low(size), high(size), opener.place());
-    return code_text(code, opener.text());
-  };
-  commands_["lockfile"] = [this](auto& a) {
-    const ox_u64 off = number(a, 1, 0), len = number(a, 2, 1);
-    return code_text(tnw_lockfile(handle(a, 0), low(a.option("flags", 0)), low(off), high(off),
-                                  low(len), high(len), static_cast<int>(a.option("pid", 1))));
-  };
-  commands_["unlockfile"] = [this](auto& a) {
-    const ox_u64 off = number(a, 1, 0), len = number(a, 2, 1);
-    return code_text(tnw_unlockfile(handle(a, 0), low(off), high(off), low(len), high(len),
-                                    static_cast<int>(a.option("pid", 1))));
-  };
-  commands_["cleanup_file"] = [this](auto& a) { return code_text(tnw_cleanup_file(handle(a, 0))); };
-  commands_["close"] = [this](auto& a) {
-    const Opener opener(a);
-    const int code = tnw_close(handle(a, 0), opener.place());
-    return code_text(code, opener.text());
-  };
+  add("read", [](Call& c) {
+    const ox_u64 len = c.number(1, 1);
+    ox_s64* const count = c.count();
+    char* const buffer = c.buffer(low(len)); /* the length is cut to 32 bits */
+    return tnw_read(c.handle(), buffer, len, static_cast<ox_off>(c.number(2, 0)), count,
+                    c.opener());
+  });
+  add("write", [](Call& c) {
+    const std::string data = c.word(1, "w");
+    ox_s64* const count = c.count();
+    return tnw_write(c.handle(), c.bytes(data), data.size(), static_cast<ox_off>(c.number(2, 0)),
+                     count, c.opener());
+  });
+  add("setfilesize", [](Call& c) {
+    const ox_u64 size = c.number(1, 20);
+    return tnw_setfilesize(c.handle(), low(size), high(size), c.opener());
+  });
+  add("lockfile", [](Call& c) {
+    const ox_u64 off = c.number(1, 0), len = c.number(2, 1);
+    return tnw_lockfile(c.handle(), low(c.option("flags", 0)), low(off), high(off), low(len),
+                        high(len), static_cast<int>(c.option("pid", 1)));
+  });
+  add("unlockfile", [](Call& c) {
+    const ox_u64 off = c.number(1, 0), len = c.number(2, 1);
+    return tnw_unlockfile(c.handle(), low(off), high(off), low(len), high(len),
+                          static_cast<int>(c.option("pid", 1)));
+  });
+  add("cleanup_file", [](Call& c) { return tnw_cleanup_file(c.handle()); });
+  add("close", [](Call& c) { return tnw_close(c.handle(), c.opener()); });
 }
 
 std::string CallPlayer::find_first(const Arguments& a) {
-  const Passed path = passed(a, 1);
-  const Out<tnw_fileinfo> entry;
-  const Out<int> err;
-  void* const listing =
-      tnw_findfirst(handle(a, 0), path.at(), a.has("into_null") ? nullptr : entry.at(),
-                    procname(a).at(), a.has("no_error") ? nullptr : err.at());
+  Call c(*this, a);
+  int* const error = c.error();
+  void* const listing = tnw_findfirst(c.handle(), c.text(1), c.entry(), c.procname(), error);
   handles_[option(a, "as", "listing")] = listing;
-  return err_text(err) + (listing == nullptr ? " null" : "") + entry_text(entry);
-}
-
-/* The names or, where these are many, how many, of a listing from here on; and the code that ended
- * it. */
-std::string CallPlayer::list(const Arguments& a) {
-  size_t count = 0;
-  int code = 0;
-  for (Out<tnw_fileinfo> entry; (code = tnw_findnext(handle(a, 0), entry.at())) == 0; count++) {
-    if (entry.at()->fi_size != count + number(a, 1, 0)) {
-      return "entry " + std::to_string(count) + " is another one";
-    }
-  }
-  return std::to_string(count) + " entries, then " + std::to_string(code);
+  return (c.has("no_error") ? " no code" : "") + c.outputs() + (listing == nullptr ? " null" : "");
 }
 
 void CallPlayer::add_folder_calls() {
-  commands_["findfirst"] = [this](auto& a) { return find_first(a); };
-  commands_["findnext"] = [this](auto& a) {
-    const Out<tnw_fileinfo> entry;
-    const int code = tnw_findnext(handle(a, 0), a.has("into_null") ? nullptr : entry.at());
-    return code_text(code, entry_text(entry));
+  commands_["findfirst"] = [this](auto& a) { return find_first(a).substr(1); };
+  add("findnext", [](Call& c) { return tnw_findnext(c.handle(), c.entry()); });
+  add("checkfolderempty", [](Call& c) { return tnw_checkfolderempty(c.handle(), c.flag()); });
+  add("findclose", [](Call& c) { return tnw_findclose(c.handle()); });
+  /* The entries from here on, whose sizes are numbers in order, and the code that ends them. */
+  commands_["findrest"] = [this](auto& a) {
+    tnw_fileinfo entry = {};
+    const ox_u64 first = a.number(1);
+    ox_u64 next = first;
+    int code = tnw_findnext(handle(a, 0), &entry);
+    for (; code == 0 && entry.fi_size == next; next++) {
+      code = tnw_findnext(handle(a, 0), &entry);
+    }
+    return std::to_string(next - first) + " entries, then " + std::to_string(code);
   };
-  commands_["findrest"] = [this](auto& a) { return list(a); };
-  commands_["checkfolderempty"] = [this](auto& a) {
-    const Out<ox_u8> flag;
-    auto* const is_empty = reinterpret_cast<bool*>(a.has("into_null") ? nullptr : flag.at());
-    const int code = tnw_checkfolderempty(handle(a, 0), is_empty);
-    return code_text(code, flag.number());
-  };
-  commands_["findclose"] = [this](auto& a) { return code_text(tnw_findclose(handle(a, 0))); };
 }
 
 void CallPlayer::add_path_calls() {
-  commands_["getfileinfo"] = [this](auto& a) {
-    const Passed path = passed(a, 1);
-    const Out<tnw_fileinfo> entry;
-    const int code = tnw_getfileinfo(handle(a, 0), path.at(), entry.at(), procname(a).at());
-    return code_text(code, entry_text(entry));
-  };
-  commands_["rename"] = [this](auto& a) {
-    const Passed from = passed(a, 1), to = passed(a, 2, "q");
-    return code_text(tnw_rename(handle(a, 0), from.at(), to.at(), procname(a).at()));
-  };
-  commands_["delete"] = [this](auto& a) {
-    return code_text(tnw_delete(handle(a, 0), passed(a, 1).at(), procname(a).at()));
-  };
-  commands_["canfilebedeleted"] = [this](auto& a) {
-    const Out<ox_u8> may;
-    const int code =
-        tnw_canfilebedeleted(handle(a, 0), passed(a, 1).at(), reinterpret_cast<bool*>(may.at()));
-    return code_text(code, may.number());
-  };
+  add("getfileinfo",
+      [](Call& c) { return tnw_getfileinfo(c.handle(), c.text(1), c.entry(), c.procname()); });
+  add("rename",
+      [](Call& c) { return tnw_rename(c.handle(), c.text(1), c.text(2, "q"), c.procname()); });
+  add("delete", [](Call& c) { return tnw_delete(c.handle(), c.text(1), c.procname()); });
+  add("canfilebedeleted",
+      [](Call& c) { return tnw_canfilebedeleted(c.handle(), c.text(1), c.flag()); });
 }
 
 void CallPlayer::add_drive_calls() {
-  commands_["updatetoken"] = [this](auto& a) {
-    return code_text(tnw_updatetoken(handle(a, 0), passed(a, 1, "t").at()));
-  };
-  commands_["set_http_proxy"] = [this](auto& a) {
-    return code_text(tnw_set_http_proxy(handle(a, 0), passed(a, 1).at(), passed(a, 2, "").at(),
-                                        passed(a, 3, "").at()));
-  };
-  commands_["deinit"] = [this](auto& a) {
-    return code_text(tnw_deinit(handle(a, 0), a.has("force")));
-  };
-  commands_["deinit_force"] = [this](auto& a) { return code_text(tnw_deinit_force(handle(a, 0))); };
+  add("updatetoken", [](Call& c) { return tnw_updatetoken(c.handle(), c.text(1, "t")); });
+  add("set_http_proxy", [](Call& c) {
+    return tnw_set_http_proxy(c.handle(), c.text(1), c.text(2, ""), c.text(3, ""));
+  });
+  add("deinit", [](Call& c) { return tnw_deinit(c.handle(), c.has("force")); });
+  add("deinit_force", [](Call& c) { return tnw_deinit_force(c.handle()); });
   commands_["instance"] = [this](auto& a) {
     const std::string id = tnw_get_tninstance_id(handle(a, 0));
     const size_t number = instances_.try_emplace(id, instances_.size()).first->second;
     return id.empty() ? "none"
                       : std::to_string(id.size()) + " characters, id " + std::to_string(number);
+  };
+}
+
+/* ------------------------------------------------------------------- files past the drive */
+
+void CallPlayer::add_files() {
+  commands_["file"] = [this](auto& a) {
+    const std::string path = text(a, 0, "FOLDER\\local");
+    if (!fs::exists(path)) {
+      return std::string("none");
+    }
+    const auto size = fs::file_size(path);
+    const std::string content = size < 1000 ? shortened(read_file(path)) : "";
+    return size < 1000 ? std::to_string(content.size()) + ' ' + as_word(content)
+                       : std::to_string(size);
+  };
+  commands_["is_free"] =
+      [this](auto& a) { /* nobody has it open */
+                        const HANDLE alone =
+                            CreateFileA(text(a, 0, "FOLDER\\local").c_str(), GENERIC_READ, 0,
+                                        nullptr, OPEN_EXISTING, 0, nullptr);
+                        return alone != INVALID_HANDLE_VALUE && CloseHandle(alone) != 0 ? "free"
+                                                                                        : "in use";
+      };
+  commands_["put"] = [this](auto& a) {
+    const std::string name = text(a, 0);
+    const fs::path path = std::u8string(name.begin(), name.end());
+    fs::create_directories(path.parent_path());
+    write_file(path, text(a, 1));
+    return "";
+  };
+  commands_["read_only"] = [this](auto& a) {
+    return SetFileAttributesA(text(a, 0).c_str(), FILE_ATTRIBUTE_READONLY) != 0 ? "" : "no";
+  };
+  commands_["mkdir"] = [this](auto& a) { return fs::create_directories(text(a, 0)), ""; };
+  commands_["debug"] = [](auto& a) { return ox_debug = static_cast<int>(a.number(0)), ""; };
+  commands_["env"] = [this](auto& a) {
+    return SetEnvironmentVariableA(a[0].c_str(), text(a, 1).c_str()), "";
   };
 }
 
@@ -343,6 +368,7 @@ CallPlayer::CallPlayer() {
   add_folder_calls();
   add_path_calls();
   add_drive_calls();
+  add_files();
   add_ways_to_call();
 }
 

@@ -17,7 +17,6 @@
 #include <vector>
 
 #include "drive_files.h"
-#include "page_end.h"
 #include "script.h"
 
 class CallPlayer {
@@ -35,6 +34,8 @@ class CallPlayer {
   virtual std::string seen() { return ""; }
   /* A text of the script with the names of this run in it. */
   virtual std::string expanded(const std::string& text) const { return text; }
+  /* The same the other way round. */
+  virtual std::string shortened(const std::string& text) const { return text; }
 
   void* handle(const Arguments& a, size_t index) const;
   std::string text(const Arguments& a, size_t index, const std::string& otherwise = "") const;
@@ -47,20 +48,17 @@ class CallPlayer {
   std::map<std::string, void*> handles_;
 
  private:
-  class Passed;
+  class Call;
 
-  Passed passed(const Arguments& a, size_t index, const std::string& otherwise = "p") const;
-  Passed procname(const Arguments& a) const;
+  void add(const std::string& name, int (*call)(Call&));
   void add_file_calls();
   void add_folder_calls();
   void add_path_calls();
   void add_drive_calls();
+  void add_files();
   void add_ways_to_call();
   std::string create(const Arguments& a);
-  std::string read(const Arguments& a) const;
-  std::string write(const Arguments& a) const;
   std::string find_first(const Arguments& a);
-  std::string list(const Arguments& a);
   std::string call_all(const std::vector<std::string>& calls, const Arguments& a);
 
   std::map<std::string, void*> slots_;

@@ -51,3 +51,9 @@ void* init_drive(tnw_tninit* record, int* error) {
       drive == nullptr && log.count(ERROR_INTERNAL_ERROR, "Failed to start Tarn") != 0;
   return wine_failed ? tnw_init(record, error) : drive;
 }
+
+void replace_all(std::string& text, const std::string& what, const std::string& by) {
+  for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size()) {
+    text.replace(at, what.size(), by);
+  }
+}

@@ -28,4 +28,6 @@ std::string socket_path(const tnw_tninit& record);
 /* A path as the names of events have it: lower case, with slashes. */
 std::string event_name(std::string path);
 
+void replace_all(std::string& text, const std::string& what, const std::string& by);
+
 #endif

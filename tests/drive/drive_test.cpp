@@ -1,25 +1,17 @@
 /*
- * The library with the real service on a folder of real files: what a drive application sees, and
- * what is in the cloud afterwards. Sequences of calls on files are model_test's.
+ * The library with the real service on a folder of real files, from a script; and what scripts
+ * cannot say. Sequences of calls on files are model_test's.
  */
-
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <atomic>
 #include <random>
 #include <thread>
 
-#include "real_drive.h"
+#include "real_player.h"
 
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Key;
-using testing::UnorderedElementsAre;
-
-constexpr OpenHow READING = {.access = TNW_ACC_READ};
 
 class Drive : public testing::Test {
  protected:
@@ -28,88 +20,18 @@ class Drive : public testing::Test {
   RealDrive drive;
 };
 
+class DriveScript : public testing::TestWithParam<ScriptCase> {};
+
+TEST_P(DriveScript, Plays) { RealPlayer().play_case(GetParam()); }
+
+INSTANTIATE_TEST_SUITE_P(Drive, DriveScript, testing::ValuesIn(script_cases("drive")), case_name);
+
 }  // namespace
-
-/* ------------------------------------------------------------------ names and folders */
-
-TEST_F(Drive, ListsNamesOfAnyScript) {
-  const std::string long_name(240, 'n');
-  drive.put("plain.txt", "12345");
-  drive.put("gr\u00f6\u00dfe \u65e5\u672c\u8a9e.txt", "1");
-  drive.put("\U0001f600 smile", "");
-  drive.put("sub/deeper/" + long_name, "x");
-  std::filesystem::create_directory(drive.in_cloud("empty"));
-
-  int code = -1;
-  auto root = drive.list("\\", &code);
-  EXPECT_EQ(code, ERROR_NO_MORE_FILES);
-  EXPECT_THAT(root,
-              UnorderedElementsAre(Key("plain.txt"), Key("gr\u00f6\u00dfe \u65e5\u672c\u8a9e.txt"),
-                                   Key("\U0001f600 smile"), Key("sub"), Key("empty")));
-  EXPECT_EQ(root["plain.txt"].fi_size, 5u);
-  EXPECT_EQ(root["plain.txt"].fi_attr & FILE_ATTRIBUTE_DIRECTORY, 0u);
-  EXPECT_NE(root["sub"].fi_attr & FILE_ATTRIBUTE_DIRECTORY, 0u);
-  for (const char* path :
-       {"sub\\deeper", "/sub/deeper", "\\sub/deeper\\", "sub\\..\\sub\\deeper"}) {
-    EXPECT_THAT(drive.list(path), ElementsAre(Key(long_name))) << path;
-  }
-  DriveFile file(drive, "\\gr\u00f6\u00dfe \u65e5\u672c\u8a9e.txt");
-  EXPECT_EQ(file.read_all(), "1");
-}
-
-TEST_F(Drive, TellsAnEmptyFolderFromAMissingOne) {
-  std::filesystem::create_directory(drive.in_cloud("empty"));
-  drive.put("file", "x");
-  tnw_fileinfo entry;
-  int code = -1;
-  void* listing = tnw_findfirst(drive.drive, "empty", &entry, nullptr, &code);
-  ASSERT_NE(listing, nullptr);
-  EXPECT_EQ(code, ERROR_NO_MORE_FILES);
-  bool is_empty = false;
-  EXPECT_EQ(tnw_checkfolderempty(listing, &is_empty), 0);
-  EXPECT_TRUE(is_empty);
-  EXPECT_EQ(tnw_findnext(listing, &entry), ERROR_NO_MORE_FILES);
-  EXPECT_EQ(tnw_findclose(listing), 0);
-  EXPECT_EQ(tnw_findclose(listing), ERROR_BAD_ARGUMENTS);
-
-  const auto refusal = [&](const char* path) {
-    int err = -1;
-    EXPECT_THAT(drive.list(path, &err), IsEmpty()) << path;
-    return err;
-  };
-  EXPECT_EQ(refusal("missing"), ERROR_FILE_NOT_FOUND);
-  EXPECT_EQ(refusal("missing\\below"), ERROR_FILE_NOT_FOUND);
-  EXPECT_EQ(refusal("file"), ERROR_DIRECTORY);
-  EXPECT_EQ(refusal("..\\work"), ERROR_ACCESS_DENIED);
-}
-
-TEST_F(Drive, StaysInItsShare) {
-  write_file(drive.folder / "secret", "secret");
-  for (const char* path :
-       {"..\\secret", "/../secret", "sub/..\\../secret", "..\\my cloud\\..\\secret"}) {
-    EXPECT_EQ(DriveFile(drive, path).error(), ERROR_ACCESS_DENIED) << path;
-    EXPECT_EQ(DriveFile(drive, path, {.disposition = TNW_DISP_OVERWRITE_IF}).error(),
-              ERROR_ACCESS_DENIED);
-  }
-  EXPECT_EQ(read_file(drive.folder / "secret"), "secret");
-}
-
-/* ------------------------------------------------------------------ contents */
-
-/* As the pages of a mapped file are written: through whatever open is left. */
-TEST_F(Drive, WritesThroughAReadOnlyOpenAreToldByTheCloseOfAWritableOne) {
-  drive.put("file", "old content");
-  DriveFile reader(drive, "file", READING);
-  DriveFile writer(reader, {});
-  EXPECT_EQ(reader.write(0, "new"), 0);
-  EXPECT_EQ(writer.close(), 0);
-  EXPECT_EQ(drive.get("file"), "new content");
-}
 
 TEST_F(Drive, ThreadsReadOneOpenFileAtOnce) {
   const std::string original = noise(100 * REGION, 7);
   drive.put("file", original);
-  DriveFile file(drive, "file", READING);
+  DriveFile file(drive, "file", {.access = TNW_ACC_READ});
   std::vector<std::thread> threads;
   std::atomic<int> wrong{0};
   for (unsigned t = 0; t < 6; t++) {
@@ -129,8 +51,6 @@ TEST_F(Drive, ThreadsReadOneOpenFileAtOnce) {
   }
   EXPECT_EQ(wrong, 0);
 }
-
-/* ------------------------------------------------------------------ messages */
 
 TEST_F(Drive, WarmReadsAndWritesSendNoMessage) {
   drive.put("file", noise(20 * REGION, 9));
@@ -153,29 +73,4 @@ TEST_F(Drive, WarmReadsAndWritesSendNoMessage) {
   EXPECT_EQ(drive.count("bytes_fetched"), 4 * REGION);
   EXPECT_EQ(drive.count("files_written_back"), 1u);
   EXPECT_EQ(drive.count("malformed"), 0u);
-}
-
-/* ------------------------------------------------------------------ the service's life */
-
-TEST_F(Drive, DeinitWritesBackWhatIsLeftOpen) {
-  drive.put("file", "old content");
-  void* slot = nullptr;
-  int err = -1;
-  void* file = tnw_create(drive.drive, &slot, "file", ACC_BOTH, SHARE_ALL, TNW_DISP_OPEN, 0, 0,
-                          nullptr, &err);
-  ASSERT_NE(file, nullptr);
-  ox_s64 count = 0;
-  char data[] = "new";
-  EXPECT_EQ(tnw_write(file, data, 3, 0, &count, nullptr), 0);
-  EXPECT_EQ(drive.stop(), 0);
-  EXPECT_EQ(drive.get("file"), "new content");
-  EXPECT_EQ(tnw_close(file, nullptr), TNW_ERROR_NO_SERVICE);
-}
-
-TEST(DriveStart, NeedsNoToken) {
-  RealDrive drive;
-  set_field(drive.record.tnw_authtoken, "");
-  ASSERT_TRUE(drive.start()) << drive.error;
-  drive.put("file", "x");
-  EXPECT_EQ(DriveFile(drive, "file").read_all(), "x");
 }

@@ -16,7 +16,7 @@
 #include "line_mask.h"
 #include "log_capture.h"
 #include "ox_logging.h"
-#include "real_drive.h"
+#include "real_player.h"
 
 namespace {
 
@@ -59,53 +59,6 @@ class IdNumbers {
   std::map<std::string, size_t> numbers_;
 };
 
-void use_a_file(RealDrive& drive) {
-  DriveFile file(drive, "/golden/new", {TNW_DISP_CREATE, ACC_BOTH});
-  ASSERT_EQ(file.error(), 0);
-  EXPECT_EQ(file.write(10, "0123456789"), 0);
-  EXPECT_EQ(file.read(15, 10), "56789");
-  EXPECT_EQ(tnw_lockfile(file.handle(), TNW_LOCK_EXCLUSIVE, 1, 0, 2, 0, 77), 0);
-  EXPECT_EQ(tnw_unlockfile(file.handle(), 1, 0, 2, 0, 77), 0);
-  EXPECT_EQ(tnw_setfilesize(file.handle(), 5000, 0, nullptr), 0);
-  EXPECT_EQ(tnw_cleanup_file(file.handle()), 0);
-  EXPECT_EQ(file.close(), 0);
-  DriveFile old(drive, "/golden/old", {TNW_DISP_OPEN, TNW_ACC_READ});
-  EXPECT_EQ(old.read(0, 3), "old");
-}
-
-void use_a_folder(RealDrive& drive) {
-  tnw_fileinfo entry = {};
-  int err = -1;
-  void* listing = tnw_findfirst(drive.drive, "/golden", &entry, "test", &err);
-  ASSERT_EQ(err, 0);
-  bool empty = true;
-  EXPECT_EQ(tnw_checkfolderempty(listing, &empty), 0);
-  EXPECT_EQ(tnw_findnext(listing, &entry), 0);
-  EXPECT_EQ(tnw_findclose(listing), 0);
-}
-
-void use_paths(RealDrive& drive) {
-  tnw_fileinfo entry = {};
-  bool can = false;
-  EXPECT_EQ(tnw_getfileinfo(drive.drive, "/golden/old", &entry, "test"), 0);
-  EXPECT_EQ(tnw_getfileinfo(drive.drive, "/golden/none", &entry, "test"), 2);
-  EXPECT_EQ(tnw_rename(drive.drive, "/golden/new", "/golden/a \"quoted\" name", "test"), 13);
-  EXPECT_EQ(tnw_rename(drive.drive, "/golden/new", "/golden/renamed", "test"), 0);
-  EXPECT_EQ(tnw_canfilebedeleted(drive.drive, "/golden/renamed", &can), 0);
-  EXPECT_EQ(tnw_delete(drive.drive, "/golden/renamed", "test"), 0);
-}
-
-void session(RealDrive& drive) {
-  ASSERT_TRUE(drive.start());
-  use_a_file(drive);
-  use_a_folder(drive);
-  use_paths(drive);
-  char token[] = "token";
-  EXPECT_EQ(tnw_set_http_proxy(drive.drive, "proxy:8080", "joe", "secret"), 0);
-  EXPECT_EQ(tnw_updatetoken(drive.drive, token), 0);
-  EXPECT_EQ(drive.stop(), 0);
-}
-
 using Lines = std::vector<std::string>;
 
 bool is_trace(const std::string& line) {
@@ -113,13 +66,10 @@ bool is_trace(const std::string& line) {
 }
 
 Lines trace_lines(int level) {
-  RealDrive drive;
   SetEnvironmentVariableA("TARND_UTXID", "1000");
-  drive.record.tnw_min_threads = drive.record.tnw_max_threads = 1;
-  drive.put("golden/old", "old");
   const LogCapture log;
   ox_debug = level;
-  session(drive);
+  RealPlayer().play_case(script_cases("session")[0]);
   ox_debug = 1;
   Lines found;
   for (const std::string& line : log.lines()) {

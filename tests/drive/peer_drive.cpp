@@ -6,12 +6,6 @@
 
 #include "line_mask.h"
 
-void replace_all(std::string& text, const std::string& what, const std::string& by) {
-  for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size()) {
-    text.replace(at, what.size(), by);
-  }
-}
-
 tnv_wopen_resp open_answer() {
   tnv_wopen_resp opened = {};
   opened.wopen_resp_region_shift = 4;

@@ -44,6 +44,5 @@ class PeerDrive {
 ox_u64 local_file(const std::string& path, const std::string& content, ox_u32 access = READ_WRITE,
                   ox_u32 flags = 0);
 
-void replace_all(std::string& text, const std::string& what, const std::string& by);
 
 #endif

@@ -18,6 +18,14 @@ namespace {
 
 Bytes bytes_of_text(const std::string& text) { return Bytes(text.begin(), text.end()); }
 
+/* tnw_tninit, as put_fields takes it. */
+const char RECORD[] =
+    "flags:4 min_threads:4 max_threads:4 gap:4 user_id:8 username:64s workdir:5000s "
+    "uds_workdir:96s "
+    "logdir:5000s sharepath:1024s binpath:5000s regpath:1024s api_addr:128s config_addr:128s "
+    "workgroup_id:37s da_device_id:37s da_drive_id:37s tn_device_id:37s authtoken:512s domain:51s "
+    "proxy_server:256s proxy_uname:64s proxy_password:512s";
+
 /* Without blanks at the ends of lines, and with long runs of a character as <x*5000>. */
 std::string tidied(const std::string& text) {
   std::string tidy;
@@ -152,7 +160,7 @@ void PeerPlayer::answer(PeerConnection& conn) {
   }
   const Bytes payload = rule.options.contains("payload")
                             ? bytes_of_text(rule.options["payload"])
-                            : record_of(wire_operation(conn.opcode()).response, rule.options);
+                            : answer_record(conn.opcode(), rule.options);
   tnv_resphdr header = conn.header(static_cast<ox_u32>(rule.option("err", 0)),
                                    static_cast<ox_u32>(rule.option("length", payload.size())));
   header.rhdr_utxid = rule.option("utxid", 0);
@@ -224,41 +232,8 @@ void PeerPlayer::add_local_commands() {
     return std::to_string(written);
   };
   commands_["carried"] = [this](auto&) { return is_open_handle(carried_) ? "open" : "closed"; };
-  commands_["file"] = [this](auto& a) {
-    const std::string path = text(a, 0, "FOLDER\\local");
-    if (!fs::exists(path)) {
-      return std::string("none");
-    }
-    const auto size = fs::file_size(path);
-    const std::string content = size < 1000 ? drive_.without_names(read_file(path)) : "";
-    return size < 1000 ? std::to_string(content.size()) + ' ' + as_word(content)
-                       : std::to_string(size);
-  };
-  commands_["is_free"] =
-      [this](auto& a) { /* nobody has it open */
-                        const HANDLE alone =
-                            CreateFileA(text(a, 0, "FOLDER\\local").c_str(), GENERIC_READ, 0,
-                                        nullptr, OPEN_EXISTING, 0, nullptr);
-                        return alone != INVALID_HANDLE_VALUE && CloseHandle(alone) != 0 ? "free"
-                                                                                        : "in use";
-      };
-  commands_["put"] = [this](auto& a) {
-    const std::string name = text(a, 0);
-    const fs::path path = std::u8string(name.begin(), name.end());
-    fs::create_directories(path.parent_path());
-    write_file(path, text(a, 1));
-    return "";
-  };
-  commands_["read_only"] = [this](auto& a) {
-    return SetFileAttributesA(text(a, 0).c_str(), FILE_ATTRIBUTE_READONLY) != 0 ? "" : "no";
-  };
-  commands_["mkdir"] = [this](auto& a) { return fs::create_directories(text(a, 0)), ""; };
   commands_["lines_with"] = [this](auto& a) { /* as they stand in the log, of the whole case */
                                               return std::to_string(whole_log_.count(text(a, 0)));
-  };
-  commands_["debug"] = [](auto& a) { return ox_debug = static_cast<int>(a.number(0)), ""; };
-  commands_["env"] = [this](auto& a) {
-    return SetEnvironmentVariableA(a[0].c_str(), text(a, 1).c_str()), "";
   };
 }
 
@@ -266,39 +241,18 @@ void PeerPlayer::add_local_commands() {
 
 /* Fields without their prefix. "pad=95" fills texts to so many characters. */
 std::string PeerPlayer::set_record(const Arguments& a) {
-  tnw_tninit& r = drive_.record;
   if (a.options.contains("everything")) {
-    memset(&r, option(a, "everything")[0], sizeof r);
-    set_field(r.tnw_logdir, drive_.folder / "log");
-    r.tnw_flags = TNW_INIT_NO_RETRY;
+    memset(&drive_.record, option(a, "everything")[0], sizeof drive_.record);
+    set_field(drive_.record.tnw_logdir, drive_.folder / "log");
+    drive_.record.tnw_flags = TNW_INIT_NO_RETRY;
   }
-  const auto set = [&](auto& field, const char* name) {
-    if (a.options.contains(name)) {
-      std::string value = option(a, name);
-      value.append(std::max<size_t>(a.option("pad", 0), value.size()) - value.size(), 'd');
-      set_field(field, value);
-    }
-  };
-  set(r.tnw_username, "username");
-  set(r.tnw_domain, "domain");
-  set(r.tnw_workdir, "workdir");
-  set(r.tnw_uds_workdir, "uds_workdir");
-  set(r.tnw_logdir, "logdir");
-  set(r.tnw_sharepath, "sharepath");
-  set(r.tnw_binpath, "binpath");
-  set(r.tnw_api_addr, "api_addr");
-  set(r.tnw_config_addr, "config_addr");
-  set(r.tnw_workgroup_id, "workgroup_id");
-  set(r.tnw_da_device_id, "da_device_id");
-  set(r.tnw_da_drive_id, "da_drive_id");
-  set(r.tnw_tn_device_id, "tn_device_id");
-  set(r.tnw_authtoken, "authtoken");
-  set(r.tnw_proxy_server, "proxy_server");
-  set(r.tnw_proxy_password, "proxy_password");
-  r.tnw_user_id = a.option("user_id", r.tnw_user_id);
-  r.tnw_max_threads = static_cast<int>(a.option("max_threads", r.tnw_max_threads));
-  r.tnw_flags = static_cast<int>(a.option("flags", r.tnw_flags));
-  return "";
+  auto fields = a.options;
+  for (auto& [name, value] : fields) {
+    value = expanded(value);
+    const size_t size = std::max<size_t>(a.option("pad", 0), value.size());
+    value.append(size - value.size(), 'd');
+  }
+  return put_fields(RECORD, fields, &drive_.record), "";
 }
 
 /* tnw_init on the record as it stands, for another drive of the service or for the same. */

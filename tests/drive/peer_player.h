@@ -20,6 +20,7 @@
 #include <string>
 
 #include "call_player.h"
+#include "page_end.h"
 #include "peer_drive.h"
 
 class PeerPlayer : public CallPlayer {
@@ -30,6 +31,9 @@ class PeerPlayer : public CallPlayer {
  protected:
   std::string seen() override;
   std::string expanded(const std::string& text) const override;
+  std::string shortened(const std::string& text) const override {
+    return drive_.without_names(text);
+  }
 
   PeerDrive drive_;
   const LogCapture whole_log_;
@@ -49,8 +53,8 @@ class PeerPlayer : public CallPlayer {
 
   std::mutex rules_lock_; /* guards the next three */
   std::map<std::string, Arguments> rules_;
-  void* carried_ = nullptr; /* by the last answer that carried a file */
-  void* pipe_ = nullptr;    /* its other end */
+  void* carried_ = nullptr;       /* by the last answer that carried a file */
+  void* pipe_ = nullptr;          /* its other end */
   std::optional<LogCapture> log_; /* what was not shown yet */
   size_t shown_ = 0;              /* requests */
 };

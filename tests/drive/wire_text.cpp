@@ -127,8 +127,8 @@ std::string fields_text(const std::string& layout, const Bytes& record) {
              : text + " behind=" + hex_text(record.data() + end, record.size() - end);
 }
 
-Bytes record_of(const std::string& layout, const std::map<std::string, std::string>& fields) {
-  Bytes record(layout_size(layout));
+bool put_fields(const std::string& layout, const std::map<std::string, std::string>& fields,
+                void* record) {
   bool has_one = false;
   for (const Field& field : fields_of(layout)) {
     const auto value = fields.find(field.name);
@@ -136,14 +136,22 @@ Bytes record_of(const std::string& layout, const std::map<std::string, std::stri
       continue;
     }
     has_one = true;
+    char* const at = static_cast<char*>(record) + field.at;
+    memset(at, 0, field.size);
     if (field.kind == 's') {
-      value->second.copy(reinterpret_cast<char*>(record.data()) + field.at, field.size);
+      value->second.copy(at, field.size);
     } else {
       const ox_u64 number = std::stoull(value->second, nullptr, 0);
-      memcpy(record.data() + field.at, &number, std::min(field.size, sizeof number));
+      memcpy(at, &number, std::min(field.size, sizeof number));
     }
   }
-  return has_one ? record : Bytes();
+  return has_one;
+}
+
+Bytes answer_record(ox_u32 opcode, const std::map<std::string, std::string>& fields) {
+  const std::string& layout = wire_operation(opcode).response;
+  Bytes record(layout_size(layout));
+  return put_fields(layout, fields, record.data()) ? record : Bytes();
 }
 
 std::string request_text(const PeerRequest& request) {

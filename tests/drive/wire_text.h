@@ -27,9 +27,12 @@ ox_u32 wire_opcode(const std::string& name);
 
 /* Bytes behind the layout that are not zero are shown as "behind". */
 std::string fields_text(const std::string& layout, const Bytes& record);
-/* The record with these fields, numbers and texts; the bytes of ids may be cut. Names that the
- * layout does not have are not looked at. Empty when it has none of them. */
-Bytes record_of(const std::string& layout, const std::map<std::string, std::string>& fields);
+/* Sets these fields, numbers and texts; the bytes of ids may be cut. Names that the layout does not
+ * have are not looked at: whether it had one of them. */
+bool put_fields(const std::string& layout, const std::map<std::string, std::string>& fields,
+                void* record);
+/* An answer with these fields; empty without one. */
+Bytes answer_record(ox_u32 opcode, const std::map<std::string, std::string>& fields);
 
 std::string hex_text(const ox_u8* bytes, size_t size);
 /* A request with its trailing texts, and the file information of the client. */

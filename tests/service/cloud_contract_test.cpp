@@ -6,12 +6,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <map>
-#include <random>
 #include <thread>
 
 #include "cloud_player.h"
 #include "cloud_variants.h"
+#include "cloud_walk.h"
 
 namespace {
 
@@ -44,20 +43,6 @@ class CloudContract : public testing::TestWithParam<CloudVariant> {
     };
     result = result.ok() ? cloud_->read({}, path, entry.version, {0, entry.size}, append) : result;
     return result.ok() ? content : name_of(result.code);
-  }
-  CloudCode rename(const std::string& from, const std::string& to) {
-    CloudEntry source;
-    cloud_->status({}, from, &source);
-    return cloud_->rename({}, from, to, {.source_modified = source.modified}, &made_).code;
-  }
-  CloudCode remove(const std::string& path, const std::string& version = "") {
-    return cloud_->remove({}, path, version).code;
-  }
-  testing::Matcher<CloudCode> nothing_to_remove() const {
-    if (GetParam().loses_answers) {
-      return testing::AnyOf(CloudCode::NOT_FOUND, CloudCode::OK);
-    }
-    return CloudCode::NOT_FOUND;
   }
   std::vector<std::string> names() {
     std::vector<std::string> names;
@@ -176,54 +161,10 @@ TEST_P(CloudContract, CallsThatEndEarlyLeaveThingsAsTheyWere) {
   EXPECT_THAT(names(), testing::ElementsAre("file")) << "nothing is left beside it";
 }
 
-/* One client alone: after each call the cloud is what plain memory says. */
 TEST_P(CloudContract, AgreesWithPlainMemory) {
-  std::mt19937 random(7);
-  std::map<std::string, std::string> model;
-  std::map<std::string, std::string> versions;
-  const auto any = [&] { return std::string(1, static_cast<char>('a' + random() % 4)); };
-  for (int step = 0; step < GetParam().model_steps; step++) {
-    const std::string path = any();
-    const std::string other = any();
-    const std::string content = path + std::to_string(step);
-    const bool there = model.contains(path);
-    CloudCode expected = there ? CloudCode::OK : CloudCode::NOT_FOUND;
-    switch (random() % 4) {
-      case 0:
-        ASSERT_EQ(put(path, content), there ? CloudCode::EXISTS : CloudCode::OK) << step;
-        if (!there) {
-          model[path] = content;
-          versions[path] = made_.version;
-        }
-        break;
-      case 1:
-        ASSERT_EQ(put(path, content, there ? versions[path] : "v"), expected) << step;
-        if (there) {
-          model[path] = content;
-          versions[path] = made_.version;
-        }
-        break;
-      case 2:
-        if (there && other != path && model.contains(other)) {
-          expected = CloudCode::EXISTS;
-        }
-        ASSERT_EQ(rename(path, other), expected) << step;
-        if (expected == CloudCode::OK && path != other) {
-          model[other] = std::exchange(model[path], "");
-          versions[other] = made_.version;
-          model.erase(path);
-        }
-        break;
-      default:
-        if (there) {
-          ASSERT_EQ(remove(path, versions[path]), CloudCode::OK) << step;
-        } else {
-          ASSERT_THAT(remove(path), nothing_to_remove()) << step;
-        }
-        model.erase(path);
-    }
-    ASSERT_EQ(get(path), model.contains(path) ? model[path] : "not found") << step;
-  }
+  CloudWalk walk(*cloud_, {"a1", "b2", "c", "c/a1", "c/d"});
+  walk.loses_answers = GetParam().loses_answers;
+  walk.walk(GetParam().model_steps);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, CloudContract, testing::ValuesIn(cloud_variants()),

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "ox_errno.h"
 #include "tnv_proto.h"
 #include "uuid_text.h"
 
@@ -197,92 +198,62 @@ class RawConnection {
     return answer;
   }
 
-  /* The path operations count their texts with the NUL or without it. */
-  RawAnswer connect(const std::string& share = "/") {
+  /* A request with texts behind it; its payload begins with their lengths. */
+  RawAnswer texts(uint32_t opcode, const std::vector<std::string>& texts, uint32_t thread = 0) {
+    const size_t nul = opcode <= TNV_OP_WIN_STAT ? 1 : 0; /* the others count no NULs */
+    std::string trailing;
     const auto fill = [&](Payload& u) {
-      u.wconn.wconmsg_share_path_len = length(share) + 1;
-      u.wconn.wconmsg_pid = GetCurrentThreadId();
+      u.wconn.wconmsg_pid = thread;
+      auto* length = reinterpret_cast<ox_s32*>(u.bytes);
+      for (const std::string& text : texts) {
+        *length++ = static_cast<ox_s32>(text.size() + nul);
+      }
     };
-    return ask(TNV_OP_WIN_CONNECT, fill, share + '\0');
+    for (const std::string& text : texts) {
+      trailing += text + '\0';
+    }
+    return ask(opcode, fill, trailing);
+  }
+  RawAnswer connect(const std::string& share = "/") {
+    return texts(TNV_OP_WIN_CONNECT, {share}, GetCurrentThreadId());
   }
   RawFile open(const std::string& path, const RawOpen& how = {}) {
     const int32_t fd = next_fd_++;
     const auto fill = [&](Payload& u) {
-      u.wopen.wopen_newfd = fd;
-      u.wopen.wopen_pathlen = length(path) + 1;
-      u.wopen.wopen_accmode = how.access;
-      u.wopen.wopen_shmode = how.share;
-      u.wopen.wopen_cdisp = how.disposition;
-      u.wopen.wopen_flags = how.flags;
-      u.wopen.wopen_clientid = how.client != 0 ? how.client : GetCurrentProcessId();
+      u.wopen = {.wopen_newfd = fd,
+                 .wopen_pathlen = static_cast<ox_s32>(path.size() + 1),
+                 .wopen_origpid = 0,
+                 .wopen_shmode = how.share,
+                 .wopen_accmode = how.access,
+                 .wopen_cdisp = how.disposition,
+                 .wopen_flags = how.flags,
+                 .wopen_clientid = how.client != 0 ? how.client : GetCurrentProcessId()};
     };
     const RawAnswer answer = ask(TNV_OP_WIN_OPEN, fill, path + '\0');
     return {answer.error(), answer.resp.u.wopen, answer.id, fd, answer.bulk};
   }
-  RawAnswer stat(const std::string& path) {
-    return ask(
-        TNV_OP_WIN_STAT, [&](Payload& u) { u.wstat.wstat_path_len = length(path) + 1; },
-        path + '\0');
-  }
-  std::vector<tnw_fileinfo> list(const std::string& path) {
-    const auto fill = [&](Payload& u) { u.wdenum.wde_pathlen = length(path) + 1; };
-    const RawAnswer answer = ask(TNV_OP_WIN_DENUM, fill, path + '\0');
-    const auto* infos = reinterpret_cast<const tnw_fileinfo*>(answer.bulk.data());
-    return {infos, infos + (close(answer.id) == 0 ? answer.bulk.size() / sizeof *infos : 0)};
-  }
-  RawAnswer path_request(uint32_t opcode, const std::string& path) {
-    return ask(
-        opcode, [&](Payload& u) { u.wdelete.wdelete_msg_plen = length(path); }, path + '\0');
-  }
-  int remove(const std::string& path) { return path_request(TNV_OP_WIN_DELETE, path).error(); }
-  /* The answered check, or an error as a negative number. */
-  int can_delete(const std::string& path) {
-    const RawAnswer answer = path_request(TNV_OP_WIN_CANDELETE, path);
-    return answer.error() == 0 ? answer.resp.u.wcandel.wcandel_check : -answer.error();
-  }
-  int rename(const std::string& from, const std::string& to) {
-    const auto fill = [&](Payload& u) {
-      u.wrename.wrename_msg_slen = length(from);
-      u.wrename.wrename_msg_dlen = length(to);
-    };
-    return ask(TNV_OP_WIN_RENAME, fill, from + '\0' + to + '\0').error();
-  }
-  int set_proxy(const std::string& server, const std::string& user, const std::string& password) {
-    const auto fill = [&](Payload& u) {
-      u.wsetproxy = {length(server), length(user), length(password)};
-    };
-    return ask(TNV_OP_WIN_SETPROXY, fill, server + '\0' + user + '\0' + password + '\0').error();
-  }
-  int update_token(const std::string& token) {
-    const auto fill = [&](Payload& u) { u.updatetoken.ut_len = length(token); };
-    return ask(TNV_OP_UPDATETOKEN, fill, token + '\0').error();
-  }
 
-  int close(const cfs_id_t& open, uint32_t tnflags = 0) {
+  /* CLOSE or CLEANUP. */
+  int end(uint32_t opcode, const cfs_id_t& open, uint32_t tnflags = 0) {
     const auto fill = [&](Payload& u) {
       u.wclose.wclose_omsgid = open;
       u.wclose.wclose_tnflags = tnflags;
     };
-    return ask(TNV_OP_WIN_CLOSE, fill).error();
+    return ask(opcode, fill).error();
   }
-  int cleanup(const RawFile& file) {
-    return ask(TNV_OP_WIN_CLEANUP, [&](Payload& u) { u.wcleanup.wcl_omsgid = file.id; }).error();
+  int close(const cfs_id_t& open, uint32_t tnflags = 0) {
+    return end(TNV_OP_WIN_CLOSE, open, tnflags);
   }
-  RawAnswer cache_region(const RawFile& file, uint64_t offset, uint64_t length) {
+  /* CACHE_REGION or DIRTY_REGION. */
+  RawAnswer region(uint32_t opcode, const RawFile& file, uint64_t offset, uint64_t length) {
     const auto fill = [&](Payload& u) {
-      u.cache_region.cache_read_off = offset;
-      u.cache_region.cache_read_len = length;
-      u.cache_region.cache_read_omsgid = file.id;
+      if (opcode == TNV_OP_CACHE_REGION) {
+        u.cache_region = {0, {}, offset, length, file.id, {}};
+      } else {
+        u.dirty_region = {offset, length, file.id, {}};
+      }
     };
-    return ask(TNV_OP_CACHE_REGION, fill);
-  }
-  RawAnswer dirty_region(const RawFile& file, uint64_t offset, uint64_t length) {
-    const auto fill = [&](Payload& u) {
-      u.dirty_region.cache_write_off = offset;
-      u.dirty_region.cache_write_len = length;
-      u.dirty_region.cache_write_omsgid = file.id;
-    };
-    return ask(TNV_OP_DIRTY_REGION, fill);
+    return ask(opcode, fill);
   }
   int truncate(const RawFile& file, uint64_t size) {
     const auto fill = [&](Payload& u) { u.ftruncate = {size, file.id, {}}; };
@@ -290,18 +261,22 @@ class RawConnection {
   }
   int lock(const RawFile& file, int type, uint64_t offset, uint64_t length) {
     const auto fill = [&](Payload& u) {
-      u.wbrl.wbrl_type = type;
-      u.wbrl.wbrl_pid = 1;
-      u.wbrl.wbrl_fd = file.fd;
-      u.wbrl.wbrl_off = offset;
-      u.wbrl.wbrl_len = length;
-      u.wbrl.wbrl_gid = file.answer.wopen_resp_fso.fso_handle;
+      u.wbrl = {type, 1, file.fd, 0, offset, length, {}, file.answer.wopen_resp_fso.fso_handle};
     };
     return ask(TNV_OP_WIN_BRL, fill).error();
   }
+  /* As the client changes a file: cached, reported, written. */
+  int change(const RawFile& file, uint32_t offset, const std::string& data) {
+    const int cached = region(TNV_OP_CACHE_REGION, file, offset, data.size()).error();
+    const int told = region(TNV_OP_DIRTY_REGION, file, offset, data.size()).error();
+    OVERLAPPED place = {};
+    place.Offset = offset;
+    const auto size = static_cast<DWORD>(data.size());
+    const bool written = WriteFile(file.handle(), data.data(), size, nullptr, &place) != 0;
+    return cached != 0 ? cached : told != 0 || written ? told : OX_EIO;
+  }
 
  private:
-  static ox_s32 length(const std::string& text) { return static_cast<ox_s32>(text.size()); }
   bool read(void* data, size_t size) {
     return size == 0 || recv(socket_, static_cast<char*>(data), static_cast<int>(size),
                              MSG_WAITALL) == static_cast<int>(size);

@@ -59,8 +59,8 @@ TEST(Secrets, AreNeitherLoggedNorLeftOnTheCommandLine) {
   EXPECT_EQ(line.find(L'Q'), std::wstring::npos);
   RawConnection connection(service);
   EXPECT_EQ(connection.connect().error(), 0);
-  EXPECT_EQ(connection.update_token(SECRET), 0);
-  EXPECT_EQ(connection.set_proxy("a proxy", "a user", SECRET), 0);
+  EXPECT_EQ(connection.texts(TNV_OP_UPDATETOKEN, {SECRET}).error(), 0);
+  EXPECT_EQ(connection.texts(TNV_OP_WIN_SETPROXY, {"a proxy", "a user", SECRET}).error(), 0);
   EXPECT_EQ(connection.ask(TNV_OP_SHUTDOWN).error(), 0);
   EXPECT_EQ(service.wait(), 0);
   std::ifstream file(folder.path() / "tarnd.log");

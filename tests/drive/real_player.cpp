@@ -1,0 +1,31 @@
+#include "real_player.h"
+
+#include <windows.h>
+
+RealPlayer::RealPlayer() {
+  commands_["start"] = [this](auto& a) {
+    set_field(drive_.record.tnw_authtoken, option(a, "authtoken", "token"));
+    drive_.record.tnw_max_threads = static_cast<int>(a.option("max_threads", 4));
+    drive_.start();
+    handles_["d"] = drive_.drive;
+    return std::to_string(drive_.error);
+  };
+  commands_["stop"] = [this](auto&) { return std::to_string(drive_.stop()); };
+  /* The names in the order of their bytes, with their sizes; the code that ended the listing. */
+  commands_["list"] = [this](auto& a) {
+    int code = -1;
+    std::string entries;
+    for (const auto& [name, entry] : drive_.list(a[0], &code)) {
+      const bool folder = (entry.fi_attr & FILE_ATTRIBUTE_DIRECTORY) != 0;
+      entries += '\n' + as_word(name) + (folder ? " folder" : ' ' + std::to_string(entry.fi_size));
+    }
+    return std::to_string(code) + entries;
+  };
+}
+
+std::string RealPlayer::expanded(const std::string& text) const {
+  std::string whole = text;
+  replace_all(whole, "CLOUD", drive_.cloud.string());
+  replace_all(whole, "FOLDER", drive_.folder.path().string());
+  return whole;
+}

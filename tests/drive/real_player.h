@@ -1,0 +1,21 @@
+/*
+ * A drive with the real service, played from a script. In texts FOLDER is the drive's folder and
+ * CLOUD the cloud's in it.
+ */
+#ifndef REAL_PLAYER_H
+#define REAL_PLAYER_H
+
+#include "call_player.h"
+#include "real_drive.h"
+
+class RealPlayer : public CallPlayer {
+ public:
+  RealPlayer();
+
+ protected:
+  std::string expanded(const std::string& text) const override;
+
+  RealDrive drive_;
+};
+
+#endif
