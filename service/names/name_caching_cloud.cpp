@@ -25,13 +25,17 @@ CloudResult NameCachingCloud::list(const CloudContext& context, const std::strin
   }
   NameCache::Look look(names_, path, true);
   std::vector<CloudEntry> entries;
+  size_t count = 0;
   bool whole = true;
   const CloudResult result = below_->list(context, path, [&](const CloudEntry& entry) {
-    entries.push_back(entry);
+    if (entries.size() < NameCache::MOST_NAMES) {
+      entries.push_back(entry);
+    }
+    count++;
     whole = sink(entry);
     return whole;
   });
-  if (result.ok() && whole) {
+  if (result.ok() && whole && count == entries.size()) { /* a larger one is not remembered */
     look.keep_listing(entries);
   }
   return result;

@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <thread>
 
 #include "cloud/cloud_address.h"
@@ -28,10 +27,9 @@ class WebFaults : public testing::Test {
  protected:
   WebFaults() { tell_front("token="); }
 
-  CloudContext as(const std::string& token, const std::string& proxy = "") {
+  CloudContext as(const std::string& token) {
     auto credentials = std::make_shared<CloudCredentials>();
     credentials->token = token;
-    credentials->proxy_server = proxy;
     CloudContext context;
     context.credentials = credentials;
     return context;
@@ -53,14 +51,6 @@ class WebFaults : public testing::Test {
   int names() {
     int count = 0;
     cloud_->list({}, "", [&](const CloudEntry&) { return ++count != 0; });
-    return count;
-  }
-  static size_t lines_with(const std::string& text, const std::string& file) {
-    std::ifstream lines(file);
-    size_t count = 0;
-    for (std::string line; std::getline(lines, line);) {
-      count += line.find(text) != std::string::npos ? 1 : 0;
-    }
     return count;
   }
 
@@ -153,19 +143,6 @@ TEST_F(WebFaults, ATokenThatIsRefusedIsMarkedUntilAnotherOneIsTaken) {
     EXPECT_TRUE(cloud_->status(good, "", &entry_).ok());
     EXPECT_FALSE(*good.credentials->refused);
   }
-}
-
-TEST_F(WebFaults, RequestsGoThroughTheProxyThatIsSetAndNoOther) {
-  const std::string proxy = of_servers("TNW_PROXY");
-  const std::string log = of_servers("TNW_PROXY_LOG");
-  auto cloud = open_web(of_servers("TNW_RCLONE"));
-  for (int i = 0; i < 3; i++) {
-    EXPECT_TRUE(cloud->status(as("", proxy), "", &entry_).ok());
-  }
-  EXPECT_EQ(lines_with("PROPFIND", log), 3u);
-  EXPECT_TRUE(cloud->status(as(""), "", &entry_).ok());
-  EXPECT_EQ(lines_with("PROPFIND", log), 3u);
-  EXPECT_EQ(cloud->status(as("", "127.0.0.1:9"), "", &entry_).code, CloudCode::OFFLINE);
 }
 
 TEST_F(WebFaults, OnlyAServerOfTheAuthorityIsTalkedTo) {

@@ -102,9 +102,12 @@ CloudResult WebdavServer::ask(const CloudContext& context, const HttpRequest& re
 /* ------------------------------------------------------------------ looking */
 
 CloudResult WebdavServer::propfind(const CloudContext& context, const std::string& path,
-                                   const char* depth, const DavSink& sink) {
-  HttpRequest request = {"PROPFIND", address_.target(path), {{"Depth", depth}}};
-  set_body(PROPFIND_BODY, &request);
+                                   Depth depth, const DavSink& sink) {
+  HttpRequest request = {
+      "PROPFIND", address_.target(path), {{"Depth", depth == Depth::ITEM ? "0" : "1"}}};
+  if (depth == Depth::LISTING) { /* of one item all that is known fits into a packet */
+    set_body(PROPFIND_BODY, &request);
+  }
   bool enough = false;
   HttpAnswer answer;
   CloudResult result;
@@ -138,8 +141,8 @@ CloudResult WebdavServer::propfind(const CloudContext& context, const std::strin
 CloudResult WebdavServer::look(const CloudContext& context, const std::string& path, DavItem* item,
                                std::string* own_path) {
   bool found = false;
-  const CloudResult result =
-      propfind(context, path, "0", [&](const std::string& found_path, const DavItem& found_item) {
+  const CloudResult result = propfind(
+      context, path, Depth::ITEM, [&](const std::string& found_path, const DavItem& found_item) {
         found = true;
         *item = found_item;
         if (own_path != nullptr) {
@@ -152,7 +155,7 @@ CloudResult WebdavServer::look(const CloudContext& context, const std::string& p
 
 CloudResult WebdavServer::list(const CloudContext& context, const std::string& path,
                                const DavSink& sink) {
-  return propfind(context, path, "1", sink);
+  return propfind(context, path, Depth::LISTING, sink);
 }
 
 /* ------------------------------------------------------------------ contents */

@@ -59,7 +59,8 @@ class WebdavServer {
   std::string has_lock(const std::string& path, const std::string& token) const;
 
  private:
-  CloudResult propfind(const CloudContext& context, const std::string& path, const char* depth,
+  enum class Depth { ITEM, LISTING };
+  CloudResult propfind(const CloudContext& context, const std::string& path, Depth depth,
                        const DavSink& sink);
   /* Sends it and notes whether the token was refused. */
   CloudResult send(const CloudContext& context, const HttpRequest& request, HttpAnswer* answer,
