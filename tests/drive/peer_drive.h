@@ -44,5 +44,4 @@ class PeerDrive {
 ox_u64 local_file(const std::string& path, const std::string& content, ox_u32 access = READ_WRITE,
                   ox_u32 flags = 0);
 
-
 #endif
