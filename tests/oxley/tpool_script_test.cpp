@@ -4,6 +4,7 @@
  */
 #include <future>
 
+#include "line_mask.h"
 #include "script.h"
 #include "tpool_fixture.h"
 
@@ -33,8 +34,10 @@ class TpoolScript : public testing::TestWithParam<ScriptCase> {
   void destroy(Args a);
   std::string ran(size_t count);
   std::string state(Args a);
+  std::string log();
 
   const LogCapture log_;
+  size_t shown_ = 0;             /* lines of the log */
   std::mutex lock_;              /* guards the next two */
   std::vector<std::string> ran_; /* names of jobs */
   std::map<std::string, Gate> gates_;
@@ -47,7 +50,7 @@ class TpoolScript : public testing::TestWithParam<ScriptCase> {
 
 /* queue JOB [waits=JOB] [queues=JOB] [notify] */
 int TpoolScript::queue(Args a) {
-  const auto run = [this, a](Blocks) {
+  const auto run = [this, a](Blocks blocks) {
     if (a.options.contains("waits")) {
       gate(a.options.at("waits")).wait();
     }
@@ -56,7 +59,7 @@ int TpoolScript::queue(Args a) {
     }
     {
       const std::lock_guard hold(lock_);
-      ran_.push_back(a[0]);
+      ran_.push_back(a[0] + (blocks.priv != nullptr ? "" : " without a block"));
     }
     gate(a[0]).post();
   };
@@ -96,16 +99,49 @@ std::string TpoolScript::state(Args a) {
   return differs;
 }
 
+/* The errors since the last call. */
+std::string TpoolScript::log() {
+  static const Masks MASKS = {{std::regex(R"(\d+( bytes for creating))"), "...$1"},
+                              {std::regex(R"(for thread \S+$)"), "for thread ..."},
+                              {std::regex(R"(pool \w+:)"), "pool ...:"}};
+  const std::vector<std::string> lines = log_.brief_lines();
+  std::string text;
+  for (; shown_ < lines.size(); shown_++) {
+    const std::string line = masked(lines[shown_], MASKS);
+    text += line.starts_with("ERROR") ? (text.empty() ? "" : "\n") + line : "";
+  }
+  return text;
+}
+
 TpoolScript::TpoolScript() {
   commands_.add("pool", [this](Args a) {
     const auto number = [&](size_t index) { return static_cast<ox_u32>(a.number(index)); };
-    pool_ = std::make_unique<TestPool>(number(1), number(2), a[0].c_str());
+    pool_ = std::make_unique<TestPool>(number(1), number(2), a[0].c_str(), 8, 8);
   });
   commands_.add("worker", [this](Args) { pool_->start_worker(); });
   commands_.add("block", [this](Args a) { pool_->block_workers(std::stoi(a[0]), release_); });
   commands_.add("release", [this](Args a) { release_.post(std::stoi(a[0])); });
   commands_.add("open", [this](Args a) { gate(a[0]).post(); });
   commands_.add("queue", [this](Args a) { return error_name(queue(a)); });
+  /* fault KIND NTH|always [ERROR]: see tpool_fixture.h. */
+  commands_.add("fault", [](Args a) {
+    const bool always = a[1] == "always";
+    set_fault(a[0], always ? EVERY_CALL : std::stoi(a[1]),
+              a[2].empty() ? OX_ENOMEM : std::stoi(a[2]));
+  });
+  commands_.add("hit",
+                [](Args a) { return eventually([&] { return calls_to_fault(a[0]) == 0; }); });
+  commands_.add("init", [](Args) { return error_name(ox_init_tpool()); });
+  commands_.add("deinit", [](Args) { ox_deinit_tpool(0); });
+  commands_.add("notifier", [](Args) {
+    ox_job_notify_t* notify = ox_job_create_notify();
+    ox_job_destroy_notify(notify);
+    return notify != nullptr;
+  });
+  commands_.add("listed_pool", [](Args) {
+    return ox_tpool_create("faulty", nullptr, nullptr, 8, 16, 0, 3) != nullptr;
+  });
+  commands_.add("log", [this](Args) { return log(); });
   commands_.add("pause", [this](Args) { return error_name(ox_tpool_pause(pool_->tp)); });
   commands_.add("resume", [this](Args) { return error_name(ox_tpool_resume(pool_->tp)); });
   commands_.add("drain", [this](Args a) { ox_drain_tpool(pool_->tp, flags(a)); });
