@@ -25,6 +25,7 @@
 #include "tn_util.h"
 #include "tools/cfflprint/list_check.h"
 #include "tools/cfflprint/list_writer.h"
+#include "wire_text.h"
 
 namespace {
 
@@ -76,7 +77,6 @@ namespace {
 using cfflprint::Item;
 using testing::EndsWith;
 using testing::StartsWith;
-using Bytes = std::vector<ox_u8>;
 
 /* Where fields stand in a list, and where entries begin in the sample. */
 constexpr size_t VERSION = 0, FLAGS = 12, SIZE = 56, ID_MARK = 32, TABLE = 136, FIRST = 144;
@@ -157,6 +157,22 @@ TEST(Words, TheirTables) {
 
 /* ------------------------------------------------------------------- scripts */
 
+/* cfs_path, as put_fields takes it. */
+const char ENTRY[] =
+    "flags:4 ver:1 perms:1 reserved:2 uid:4 nrev:4 id:16s rev:16s size:8 reclen:8 ck_version:4 "
+    "ck_nchunks:4 ck_csize:8 ck_sha512:64s btime:8 bnsec:4 pad:4 cmtime:8 cmnsec:4";
+
+/* What an entry becomes, in a record that held something else. */
+std::string info_of(const Arguments& a) {
+  Bytes entry(sizeof(cfs_path) + a[0].size() + 1);
+  put_fields(ENTRY, a.options, entry.data());
+  a[0].copy(reinterpret_cast<char*>(entry.data()) + sizeof(cfs_path), a[0].size());
+  tnw_fileinfo info;
+  memset(&info, 0xFF, sizeof info);
+  tn_cfp2fi(&info, reinterpret_cast<const cfs_path*>(entry.data()));
+  return fileinfo_text(info).substr(1);
+}
+
 /* A list that a script makes and reads. */
 class ListPlayer {
  public:
@@ -174,6 +190,7 @@ class ListPlayer {
     };
     commands_["replaced_after_header"] = [this](auto&) { return later_ = bytes_, ""; };
     commands_["read"] = [this](auto& a) { return read(a); };
+    commands_["info"] = info_of;
     commands_["last_name"] = [this](auto&) { return last_name(); };
   }
   ~ListPlayer() { tn_free_cffl(&list_); }
