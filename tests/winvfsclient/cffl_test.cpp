@@ -303,34 +303,22 @@ std::string found_in(const Bytes& bytes) {
  * end. The walk reads nothing outside the list (which ASan watches). */
 TEST(Damage, IsFoundByTheWalkAndByTheChecks) {
   const PrefixCallback no_end;
-  const struct {
-    size_t offset, size;
-  } fields[] = {{VERSION, 8},
-                {8, 4},
-                {16, 4},
-                {20, 4},
-                {SIZE, 8},
-                {128, 4},
-                {TABLE, 8},
-                {FIRST, 8},
-                {NAME, 256},
-                {ENTRY_1 + 240, 64},
-                {ENTRY_2 + 368, 8},
-                {ENTRY_2 + RECLEN, 8},
-                {ENTRY_3 + RECLEN, 8}};
+  const size_t offsets[] = {0, 8, 16, 20, 56, 128, 136, 144, 768, 1264, 1768, 1456, 1832};
+  const size_t sizes[] = {8, 4, 4, 4, 8, 4, 8, 8, 256, 64, 8, 8, 8};
   const ox_u64 values[] = {
       0, 1, 4, 8, 257, 368, 376, 385, 752, 759, 1024, 2159, 2160, 2161, ~ox_u64{0} - 375};
   std::string text = "sound: " + found_in(sample()) + "\ncut: " + found_in(Bytes(1023)) + "\n";
-  for (const auto& field : fields) {
+  for (size_t i = 0; i < std::size(offsets); i++) {
     for (const ox_u64 value : values) {
-      if (field.size > 8 && value > 1) {
+      if (sizes[i] > 8 && value > 1) {
         break; /* a text is all 'n' or all NUL */
       }
       Bytes bytes = sample();
-      field.size > 8 ? (void)memset(bytes.data() + field.offset, value == 0 ? 0 : 'n', field.size)
-                     : (void)memcpy(bytes.data() + field.offset, &value, field.size);
-      text += std::to_string(field.offset) + '=' + std::to_string(value) + ": " + found_in(bytes) +
-              "\n";
+      ox_u8* const at = bytes.data() + offsets[i];
+      sizes[i] > 8 ? (void)memset(at, value == 0 ? 0 : 'n', sizes[i])
+                   : (void)memcpy(at, &value, sizes[i]);
+      text +=
+          std::to_string(offsets[i]) + '=' + std::to_string(value) + ": " + found_in(bytes) + "\n";
     }
   }
   expect_text_of("damage", text);
