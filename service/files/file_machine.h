@@ -18,6 +18,7 @@
 #ifndef SERVICE_FILE_MACHINE_H
 #define SERVICE_FILE_MACHINE_H
 
+#include <compare>
 #include <vector>
 
 namespace tarnd {
@@ -44,7 +45,7 @@ struct FileState {
   Content content = Content::CLEAN;
   Change change = Change::NONE;
 
-  bool operator==(const FileState&) const = default;
+  auto operator<=>(const FileState&) const = default;
 };
 
 constexpr bool is_uploading(Change change) {

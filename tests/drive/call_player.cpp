@@ -266,10 +266,7 @@ void CallPlayer::add_drive_calls() {
   add("deinit", [](Call& c) { return tnw_deinit(c.handle(), c.has("force")); });
   add("deinit_force", [](Call& c) { return tnw_deinit_force(c.handle()); });
   commands_["instance"] = [this](auto& a) {
-    const std::string id = tnw_get_tninstance_id(handle(a, 0));
-    const size_t number = instances_.try_emplace(id, instances_.size()).first->second;
-    return id.empty() ? "none"
-                      : std::to_string(id.size()) + " characters, id " + std::to_string(number);
+    return shortened(as_word(tnw_get_tninstance_id(handle(a, 0))));
   };
 }
 

@@ -35,7 +35,7 @@ class CallPlayer {
   /* A text of the script with the names of this run in it. */
   virtual std::string expanded(const std::string& text) const { return text; }
   /* The same the other way round. */
-  virtual std::string shortened(const std::string& text) const { return text; }
+  virtual std::string shortened(const std::string& text) { return text; }
 
   void* handle(const Arguments& a, size_t index) const;
   std::string text(const Arguments& a, size_t index, const std::string& otherwise = "") const;
@@ -62,7 +62,6 @@ class CallPlayer {
   std::string call_all(const std::vector<std::string>& calls, const Arguments& a);
 
   std::map<std::string, void*> slots_;
-  std::map<std::string, size_t> instances_; /* the number of an instance's id */
   std::map<std::string, std::future<std::string>> begun_;
 };
 

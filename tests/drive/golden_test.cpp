@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include <map>
 #include <regex>
 
 #include "golden_text.h"
@@ -35,29 +34,6 @@ std::string without_variables(const std::string& line) {
   };
   return masked(masked(line), masks);
 }
-
-constexpr char ID[] = "[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}";
-
-/* Each id becomes a number by its first appearance, so that the lines still show what belongs
- * together. */
-class IdNumbers {
- public:
-  std::string numbered(const std::string& line) {
-    static const std::regex id(ID);
-    std::string text;
-    auto from = line.begin();
-    for (std::sregex_iterator at(line.begin(), line.end(), id), end; at != end; ++at) {
-      text.append(from, (*at)[0].first);
-      const auto number = numbers_.try_emplace(at->str(), numbers_.size() + 1).first->second;
-      text += "ID" + std::to_string(number);
-      from = (*at)[0].second;
-    }
-    return text.append(from, line.end());
-  }
-
- private:
-  std::map<std::string, size_t> numbers_;
-};
 
 using Lines = std::vector<std::string>;
 
@@ -90,7 +66,7 @@ Lines at_level(int level, const Lines& of_level_3) {
       continue;
     }
     line = std::regex_replace(line, std::regex("DEBU-03"), "DEBU-0" + std::to_string(level));
-    left.push_back(std::regex_replace(line, std::regex(ID), "ID"));
+    left.push_back(std::regex_replace(line, std::regex(UUID_PATTERN), "ID"));
   }
   return left;
 }

@@ -22,55 +22,23 @@ size_t ModelPlayer::play(const Steps& steps) {
   return failure_.empty() ? 0 : std::max<size_t>(taken, 1);
 }
 
+/* In the order of Act. */
 void ModelPlayer::apply(const Step& step) {
-  if (!is_playable(step)) {
-    return;
-  }
-  switch (step.act) {
-    case Act::PUT:
-      return put(step);
-    case Act::OPEN:
-      return open(step);
-    case Act::CLOSE:
-      return close(step.slot);
-    case Act::CLEANUP:
-      return cleanup(step.slot);
-    case Act::READ:
-      return read(step.slot, step.off, step.len);
-    case Act::READ_ALL:
-      return read(step.slot, 0, plain_.opened(step.slot)->bytes.size() + 1);
-    case Act::WRITE:
-      return write(step);
-    case Act::RESIZE:
-      return resize(step);
-    case Act::RENAME:
-      return rename(step);
-    case Act::REMOVE:
-      return remove(step);
-    case Act::ASK_REMOVE:
-      return ask_remove(path(step.name));
-    case Act::KILL:
-      return kill();
+  static constexpr void (ModelPlayer::*ACTS[])(const Step& step) = {
+      &ModelPlayer::put,    &ModelPlayer::open,     &ModelPlayer::close,      &ModelPlayer::cleanup,
+      &ModelPlayer::read,   &ModelPlayer::read_all, &ModelPlayer::write,      &ModelPlayer::resize,
+      &ModelPlayer::rename, &ModelPlayer::remove,   &ModelPlayer::ask_remove, &ModelPlayer::kill};
+  if (is_playable(step)) {
+    (this->*ACTS[static_cast<size_t>(step.act)])(step);
   }
 }
 
 /* A file that was lost may only be closed any more. */
 bool ModelPlayer::is_playable(const Step& step) const {
   const auto file = plain_.opened(step.slot);
-  switch (step.act) {
-    case Act::OPEN:
-      return !file;
-    case Act::CLOSE:
-      return file != nullptr;
-    case Act::CLEANUP:
-    case Act::READ:
-    case Act::READ_ALL:
-    case Act::WRITE:
-    case Act::RESIZE:
-      return file && !file->lost;
-    default:
-      return true;
-  }
+  const bool wants_open = step.act >= Act::CLOSE && step.act <= Act::RESIZE;
+  const bool wants_bytes = wants_open && step.act != Act::CLOSE;
+  return step.act == Act::OPEN ? !file : !wants_open || (file && !(wants_bytes && file->lost));
 }
 
 std::string ModelPlayer::path(size_t name) const { return folder_ + "/" + std::to_string(name); }
@@ -117,7 +85,8 @@ void ModelPlayer::open(const Step& step) {
   compare_size(name);
 }
 
-void ModelPlayer::close(size_t slot) {
+void ModelPlayer::close(const Step& step) {
+  const size_t slot = step.slot;
   const auto file = plain_.opened(slot);
   void* handle = files_[slot]->handle();
   expect_code("close", files_[slot]->close(), 0);
@@ -136,9 +105,14 @@ void ModelPlayer::close(size_t slot) {
   }
 }
 
-void ModelPlayer::cleanup(size_t slot) {
-  expect_code("cleanup", tnw_cleanup_file(files_[slot]->handle()), 0);
-  plain_.cleanup(slot);
+void ModelPlayer::cleanup(const Step& step) {
+  expect_code("cleanup", tnw_cleanup_file(files_[step.slot]->handle()), 0);
+  plain_.cleanup(step.slot);
+}
+
+void ModelPlayer::read(const Step& step) { read(step.slot, step.off, step.len); }
+void ModelPlayer::read_all(const Step& step) {
+  read(step.slot, 0, plain_.opened(step.slot)->bytes.size() + 1);
 }
 
 void ModelPlayer::write(const Step& step) {
@@ -174,7 +148,8 @@ void ModelPlayer::remove(const Step& step) {
 }
 
 /* That it may not go is no failure. */
-void ModelPlayer::ask_remove(const std::string& name) {
+void ModelPlayer::ask_remove(const Step& step) {
+  const std::string name = path(step.name);
   const int want = plain_.may_remove(name);
   bool may = want != 0;
   expect_code("can-delete", tnw_canfilebedeleted(drive_.drive, name.c_str(), &may),
@@ -187,7 +162,7 @@ void ModelPlayer::ask_remove(const std::string& name) {
  * Everything that was written comes back: what was closed under its name, what was not beside it,
  * under the conflict name. It goes up in the background, so the drive works already.
  */
-void ModelPlayer::kill() {
+void ModelPlayer::kill(const Step&) {
   drive_.kill_service();
   for (auto& file : files_) {
     file.reset();
@@ -238,7 +213,9 @@ bool ModelPlayer::has_beside(const std::string& name, const std::string& bytes) 
 void ModelPlayer::close_all() {
   for (size_t slot = 0; slot < MODEL_SLOTS; slot++) {
     if (plain_.opened(slot)) {
-      close(slot);
+      Step step;
+      step.slot = slot;
+      close(step);
     }
   }
   if (!killed_) {

@@ -6,13 +6,6 @@
 
 #include "line_mask.h"
 
-tnv_wopen_resp open_answer() {
-  tnv_wopen_resp opened = {};
-  opened.wopen_resp_region_shift = 4;
-  opened.wopen_resp_fso.fso_handle.id[0] = 1;
-  return opened;
-}
-
 /* The log goes where LogCapture reads it only if that is opened before the first start. */
 PeerDrive::PeerDrive() : record(start_record(folder, beside_test("stand_in_service.exe"))) {
   LogCapture opens_the_log;
@@ -62,16 +55,6 @@ std::string PeerDrive::without_names(std::string text) const {
   replace_all(text, folder.path().string(), "FOLDER");
   replace_all(text, event_name(folder.path().string()), "folder");
   return text;
-}
-
-void PeerDrive::answer_opens(const tnv_wopen_resp& opened, const Bytes& maps, ox_u32 err) {
-  peer->on_request([=](PeerConnection& conn) {
-    if (conn.opcode() != TNV_OP_WIN_OPEN) {
-      return conn.answer();
-    }
-    conn.answer(err, opened);
-    conn.send(maps);
-  });
 }
 
 void* PeerDrive::open(const char* path, ox_u32 accmode, int* err) {

@@ -10,9 +10,6 @@
 
 constexpr ox_u32 READ_WRITE = 0xc0000000; /* GENERIC_READ | GENERIC_WRITE */
 
-/* A proper answer to OPEN: no maps, no handle, a file. To be changed and sent. */
-tnv_wopen_resp open_answer();
-
 /* One worker, so that every run has the same lines in the same order. */
 class PeerDrive {
  public:
@@ -26,8 +23,6 @@ class PeerDrive {
   std::string said(const LogCapture& log) const;
   /* The same for the names of this run in any text. */
   std::string without_names(std::string text) const;
-  /* Answers OPEN with `opened` and then `maps`, everything else with success. */
-  void answer_opens(const tnv_wopen_resp& opened, const Bytes& maps = {}, ox_u32 err = 0);
   /* Opens a path with its own slot: disposition "open", share everything. */
   void* open(const char* path, ox_u32 accmode = 3, int* err = nullptr);
 

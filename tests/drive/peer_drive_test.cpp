@@ -8,7 +8,6 @@
 /* after windows.h */
 #include <tlhelp32.h>
 
-#include <regex>
 #include <thread>
 #include <utility>
 
@@ -82,26 +81,6 @@ TEST_F(Start, WritesItsPidOverTheOldOneWithoutTruncating) {
   EXPECT_EQ(log_.count("real DA PID: " + own + ", file DA PID: "), 1u);
 }
 
-TEST_F(Start, KeepsTheDeviceIdInTheRegistry) {
-  const std::string key = "SOFTWARE\\Oxley\\Oxley Drive\\drive.test\\ada";
-  RegDeleteTreeA(HKEY_CURRENT_USER, key.c_str());
-  std::string made;
-  for (const char* what : {" is set", " already exist"}) {
-    set_field(drive_.record.tnw_tn_device_id, "");
-    ASSERT_NE(drive_.start(), nullptr);
-    made = made.empty() ? drive_.record.tnw_tn_device_id : made;
-    EXPECT_EQ(drive_.record.tnw_tn_device_id, made);
-    EXPECT_EQ(log_.count("\"Tarn device id: " + made + what +
-                         " for domain: drive.test and user: ada at path: HKEY_CURRENT_USER\\" +
-                         key + "\\TarnDeviceID\"}"),
-              1u);
-    tnw_deinit_force(drive_.drive);
-    drive_.peer.reset();
-  }
-  EXPECT_EQ(made.size(), 36u);
-  RegDeleteTreeA(HKEY_CURRENT_USER, key.c_str());
-}
-
 TEST_F(Start, AndStopLeaveNoHandleAndNoThread) {
   drive_.record.tnw_max_threads = 3;
   const auto cycle = [&] {
@@ -141,7 +120,6 @@ TEST_F(Start, IsUndoneByOneOfTwoDeinitsAtOnce) {
 
 TEST_F(Start, GivesTheLastFreeDescriptorToOneOfTwoThreads) {
   ASSERT_NE(drive_.start(), nullptr);
-  drive_.answer_opens(open_answer());
   std::vector<void*> files;
   while (void* const file = drive_.open("f")) {
     files.push_back(file);
@@ -158,28 +136,6 @@ TEST_F(Start, GivesTheLastFreeDescriptorToOneOfTwoThreads) {
     EXPECT_EQ(errs[0] + errs[1], 24);
     files.back() = got[0] != nullptr ? got[0] : got[1];
   }
-}
-
-/* The event of a resize measures the change of the local file, and not the requests before it. */
-TEST_F(Start, LeavesTheRequestsOutOfTheTimeOfAResize) {
-  ASSERT_NE(drive_.start(), nullptr);
-  tnv_wopen_resp opened = open_answer();
-  opened.wopen_resp_tnflags = TNV_FL_MAPPED;
-  opened.wopen_resp_handle = local_file(drive_.folder / "local", "0123456789");
-  drive_.answer_opens(opened);
-  void* const file = drive_.open("f");
-  drive_.peer->on_request([](PeerConnection& conn) {
-    Sleep(conn.opcode() == TNV_OP_FTRUNCATE ? 700 : 0);
-    tnv_resphdr header = conn.header();
-    header.rhdr_utxid = 7;
-    conn.send(bytes_of(header));
-  });
-  EXPECT_EQ(tnw_setfilesize(file, 5, 0, nullptr), 0);
-  std::smatch time;
-  const std::string event = log_.lines().back();
-  ASSERT_TRUE(
-      std::regex_search(event, time, std::regex(R"("vfs_response_time":(\d+), .*SETFSIZE)")));
-  EXPECT_LT(std::stoi(time[1]), 700'000);
 }
 
 /* Wine's own kind of link, which it lists but cannot remove; a relative one, so that the moved one

@@ -101,7 +101,7 @@ std::string PeerPlayer::seen() {
                               {std::regex(" host=\"[^\"]+\""), " host=HOST"},
                               {std::regex(" drive=2{32}"), " drive=d"},
                               {std::regex(" drive=4{32}"), " drive=e"}};
-  return tidied(masked(text, masks));
+  return tidied(ids_.numbered(masked(text, masks)));
 }
 
 std::string PeerPlayer::expanded(const std::string& text) const {
@@ -232,6 +232,13 @@ void PeerPlayer::add_local_commands() {
     return std::to_string(written);
   };
   commands_["carried"] = [this](auto&) { return is_open_handle(carried_) ? "open" : "closed"; };
+  /* The response time of the event that was left last. */
+  commands_["event_time"] = [this](auto& a) {
+    const std::string line = whole_log_.lines().back();
+    const size_t at = line.find("\"vfs_response_time\":");
+    const bool below = std::stoull(line.substr(at + 20)) < 1000 * a.number(0);
+    return (below ? "below " : "not below ") + a[0] + " ms";
+  };
   commands_["lines_with"] = [this](auto& a) { /* as they stand in the log, of the whole case */
                                               return std::to_string(whole_log_.count(text(a, 0)));
   };
@@ -287,6 +294,9 @@ void PeerPlayer::add_start_commands() {
   commands_["start"] = [this](auto& a) {
     handles_[option(a, "as", "d")] = drive_.start();
     return std::to_string(drive_.error);
+  };
+  commands_["forget_device_id"] = [](auto&) {
+    return RegDeleteTreeA(HKEY_CURRENT_USER, "SOFTWARE\\Oxley\\Oxley Drive\\drive.test\\ada"), "";
   };
   commands_["init"] = [this](auto& a) { return init(a); };
   commands_["purge"] = [this](auto& a) { return purge(a); };

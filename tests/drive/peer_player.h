@@ -20,6 +20,7 @@
 #include <string>
 
 #include "call_player.h"
+#include "line_mask.h"
 #include "page_end.h"
 #include "peer_drive.h"
 
@@ -31,8 +32,8 @@ class PeerPlayer : public CallPlayer {
  protected:
   std::string seen() override;
   std::string expanded(const std::string& text) const override;
-  std::string shortened(const std::string& text) const override {
-    return drive_.without_names(text);
+  std::string shortened(const std::string& text) override {
+    return ids_.numbered(drive_.without_names(text));
   }
 
   PeerDrive drive_;
@@ -51,6 +52,8 @@ class PeerPlayer : public CallPlayer {
   std::string set_record(const Arguments& a);
   std::string purge(const Arguments& a);
 
+  IdNumbers ids_{
+      "[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"}; /* random ones */
   std::mutex rules_lock_; /* guards the next three */
   std::map<std::string, Arguments> rules_;
   void* carried_ = nullptr;       /* by the last answer that carried a file */

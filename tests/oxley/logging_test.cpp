@@ -9,6 +9,7 @@
 #include <new>
 
 #include "oxley_test.h"
+#include "script.h"
 
 /* What this program takes from the heap, all but the runtime's own. */
 static std::atomic<size_t> allocations;
@@ -84,40 +85,65 @@ const char* test_prefix(const char* file, const char* level, ox_s32 line, ox_s32
   return "P: ";
 }
 
-}  // namespace
-
-TEST(Prefix, EachLevelHasItsField) {
-  const struct {
-    ox_msglvl level;
-    const char* file;
-    ox_s32 err;
-    const char* field;
-  } table[] = {
-      {OX_INFO_LEVEL, "ox_platform_win.c", 2, "INFO    ox_platform_:82 "}, /* cut to 12 */
-      {OX_WARN_LEVEL, "ox_tpool.c", 2, "WARNING   ox_tpool.c:82 "},
-      {OX_ERROR_LEVEL, "ox_tpool.c", 2, "ERR:002   ox_tpool.c:82 "},
-      {OX_ERROR_LEVEL, "ox_tpool.c", 12345, "ERR:12345   ox_tpool.c:82 "},
-      {OX_FATAL_LEVEL, "ox_tpool.c", 2, "FATAL   2:  ox_tpool.c:82 "},
-      {OX_DEBUG_LEVEL, "ox_tpool.c", 2, "DEBU-05   ox_tpool.c:82 "},
-      {OX_USER_LEVEL, "ox_tpool.c", 2, ""},
-      {OX_PROF_LEVEL, "ox_tpool.c", 2, "PROF      ox_tpool.c:82 "},
-      {OX_TODO_LEVEL, "ox_tpool.c", 2, "TODO    2:  ox_tpool.c:82 "},
-      {9, "ox_tpool.c", 2, "  ox_tpool.c:82 "},
-      {0xffffffffu, "ox_tpool.c", 2, "  ox_tpool.c:82 "},
-  };
-  ox_debug = 5;
-  for (const auto& [level, file, err, field] : table) {
-    EXPECT_EQ(field, prefix(level, 82, file, err).substr(TIMESTAMP_LENGTH)) << level;
+/* From logging.txt: one log file at a time, of which older ones end in .1.txt and so on. */
+class LoggingScript : public testing::TestWithParam<ScriptCase> {
+ protected:
+  LoggingScript();
+  ~LoggingScript() override {
+    unrenamable = "";
+    refused_renames = 0;
+    ox_debug = 1;
   }
-  ox_debug = 1;
-  EXPECT_EQ("", prefix(OX_PRINTF_LEVEL, 82, "f", 2)) << "no timestamp either";
+
+  std::unique_ptr<LogFile> file_;
+  Commands commands_;
+};
+
+LoggingScript::LoggingScript() {
+  /* prefix LEVEL FILE ERRNO: without the timestamp, which all have that have a prefix. */
+  commands_.add("prefix", [](Args a) {
+    const std::string text =
+        prefix(static_cast<ox_msglvl>(std::stoll(a[0])), 82, a.words[1].c_str(), std::stoi(a[2]));
+    return text.empty() ? "none" : as_word(text.substr(TIMESTAMP_LENGTH));
+  });
+  commands_.add("debug", [](Args a) { ox_debug = std::stoi(a[0]); });
+  commands_.add("file", [this](Args a) {
+    file_ = std::make_unique<LogFile>(a.option("size", 52428800), a.option("older", 10));
+  });
+  /* init NAME FILE: another logger. */
+  commands_.add("init", [this](Args a) {
+    ox_init_spdlogger(a[0].empty() ? nullptr : a.words[0].c_str(),
+                      file_->path(a.words[1].c_str()).c_str(), 1000, 1);
+  });
+  commands_.add("log", [](Args a) { ox_log("%s\n", a.words[0].c_str()); });
+  commands_.add("log_full_lines", [](Args a) {
+    for (uint64_t i = 0; i < a.number(0); i++) {
+      ox_log("%s\n", std::string(a.number(1) - EOL.size(), 'x').c_str());
+    }
+  });
+  commands_.add("write", [this](Args a) { write_file(file_->path(a.words[0].c_str()), a[1]); });
+  commands_.add("lines", [this](Args a) {
+    std::string text;
+    for (const std::string& line : file_->lines(a.words[0].c_str())) {
+      text += (text.empty() ? "" : " ") + as_word(line);
+    }
+    return text;
+  });
+  commands_.add("unrenamable", [](Args a) { unrenamable = a[0]; });
+  commands_.add("refused_renames", [](Args) { return refused_renames; });
 }
+
+TEST_P(LoggingScript, Holds) { play(GetParam(), commands_); }
+
+INSTANTIATE_TEST_SUITE_P(All, LoggingScript, testing::ValuesIn(script_cases("logging")), case_name);
 
 std::string local_seconds() {
   const time_t now = time(nullptr);
   char text[32];
   return std::string(text, strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", localtime(&now)));
 }
+
+}  // namespace
 
 TEST(Prefix, TimestampIsLocalTimeWithTheYearAgain) {
   const std::string before = local_seconds();
@@ -230,15 +256,6 @@ TEST(StateDeathTest, GoesOnWithoutAFile) {
               "Cannot write the log file: .*\n.*still here");
 }
 
-TEST(State, ATakenLoggerNameKeepsTheOldFile) {
-  const LogFile log;
-  for (const char* name : {"twice", "twice", static_cast<const char*>(nullptr)}) {
-    ox_init_spdlogger(name, log.path(name == nullptr ? "third" : "first").c_str(), 1000, 1);
-    ox_log("%s\n", name != nullptr ? name : "null");
-  }
-  EXPECT_THAT(log.lines("first"), ElementsAre("twice", "twice", "null"));
-}
-
 TEST(Rotation, LosesAndMixesNoLineOfEightThreads) {
   constexpr size_t MAX_SIZE = 8192;
   const LogFile log(MAX_SIZE, 30);
@@ -289,41 +306,6 @@ TEST(RotationDeathTest, HappensAtTheLimitsOfTheLog) {
            read_file(folder / "tnvfs.10.log") == "9" && read_file(folder / "tnvfs.11.log") == "11";
   };
   EXPECT_EXIT(exit(rotates() ? 0 : 1), testing::ExitedWithCode(0), "");
-}
-
-/* Whichever file cannot be renamed, no line is lost, nor more than one of the older files. */
-TEST(Rotation, ThatCannotRenameGoesOnInTheFileAndIsTriedAgain) {
-  for (const char* name : {"log.txt", "log.1.txt", "log.2.txt"}) {
-    const LogFile log(100, 3);
-    for (const char* older : {"log.1.txt", "log.2.txt", "log.3.txt"}) {
-      write_file(log.path(older), older);
-    }
-    const std::string a(90, 'a'), b(90, 'b'), c(90, 'c');
-    unrenamable = name;
-    for (const std::string& line : {a, b, b, b, b}) {
-      ox_log("%s\n", line.c_str());
-    }
-    EXPECT_THAT(log.lines(), ElementsAre(a, b, b, b, b)) << name;
-    unrenamable = "";
-    ox_log("%s\n", c.c_str());
-    EXPECT_THAT(log.lines(), ElementsAre(c));
-    EXPECT_THAT(log.lines("log.1.txt"), ElementsAre(a, b, b, b, b));
-    EXPECT_THAT(log.lines("log.2.txt"), ElementsAre("log.1.txt"));
-    EXPECT_THAT(log.lines("log.3.txt"), ElementsAre("log.2.txt"));
-    ox_log("%s\n", a.c_str());
-    EXPECT_THAT(log.lines("log.1.txt"), ElementsAre(c)) << "the limit is the old one again";
-  }
-}
-
-TEST(Rotation, IsTriedAgainAfterASixteenthOfTheSize) {
-  const LogFile log(1600, 1);
-  unrenamable = "log.txt";
-  refused_renames = 0;
-  for (int i = 0; i < 32 + 10; ++i) {
-    ox_log("%s\n", std::string(50 - EOL.size(), 'x').c_str());
-  }
-  unrenamable = "";
-  EXPECT_EQ(5, refused_renames);
 }
 
 #ifdef __linux__

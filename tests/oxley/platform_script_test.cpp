@@ -31,7 +31,7 @@ class PlatformScript : public testing::TestWithParam<ScriptCase> {
   /* Of a call that answers a number, or bytes and their number. */
   template <typename Call>
   void add(const char* name, const Call& call) {
-    commands_[name] = [this, call](const Arguments& a) {
+    commands_[name] = [this, call](Args a) {
       bytes_.reset();
       errno = 77;
       const auto result = static_cast<ox_s64>(call(a));
@@ -44,21 +44,22 @@ class PlatformScript : public testing::TestWithParam<ScriptCase> {
   char* buffer(size_t size) { return bytes_.emplace(size, '#').data(); }
 
   /* Of the first word. "." is the folder itself, and "" no path at all. */
-  std::string path(const Arguments& a) const {
+  std::string path(Args a) const {
     return a[0].empty() ? "" : a[0] == "." ? folder_.path().string() : folder_ / a[0];
   }
-  bool is_fd(const Arguments& a) const { return fds_.contains(a[0]) || a[0] == "-1"; }
-  int fd(const Arguments& a) const { return a[0] == "-1" ? -1 : fds_.at(a[0]); }
+  bool is_fd(Args a) const { return fds_.contains(a[0]) || a[0] == "-1"; }
+  int fd(Args a) const { return a[0] == "-1" ? -1 : fds_.at(a[0]); }
   static const char* or_null(const std::string& text) {
     return text == "NULL" ? nullptr : text.c_str();
   }
 
   void add_files();
   void add_attributes();
-  int open(const Arguments& a);
-  bool lock(const Arguments& a, bool unlock) const;
-  ox_s64 get(const Arguments& a);
-  std::string status(const Arguments& a) const;
+  int open(Args a);
+  bool lock(Args a, bool unlock) const;
+  ox_s64 get(Args a);
+  std::string status(Args a) const;
+  std::string name(Args a);
   std::string log();
 
   Commands commands_;
@@ -70,14 +71,20 @@ class PlatformScript : public testing::TestWithParam<ScriptCase> {
   HANDLE unshared_ = INVALID_HANDLE_VALUE;
 };
 
-/* open FD NAME, with any of the words below: 0. */
-int PlatformScript::open(const Arguments& a) {
+ox_u32 flags_of(Args a) {
   static const std::map<std::string, ox_u32> FLAGS = {
-      {"rw", OX_O_RDWR}, {"create", OX_O_CREAT}, {"truncate", OX_O_TRUNC}, {"sync", OX_O_SYNC}};
+      {"write", OX_O_WRONLY}, {"rw", OX_O_RDWR},   {"create", OX_O_CREAT}, {"truncate", OX_O_TRUNC},
+      {"excl", OX_O_EXCL},    {"sync", OX_O_SYNC}, {"direct", OX_O_DIRECT}};
   ox_u32 flags = OX_O_RDONLY;
   for (const auto& [word, flag] : FLAGS) {
     flags |= a.has(word) ? flag : ox_u32{0};
   }
+  return flags;
+}
+
+/* open FD NAME, with any of the words above or "folder": 0. */
+int PlatformScript::open(Args a) {
+  const ox_u32 flags = flags_of(a);
   const std::string name = path({{a[1]}, {}});
   const auto mode = static_cast<ox_u32>(a.option("mode", 0644));
   const int opened = a.has("create")   ? ox_creat(name.c_str(), flags, mode)
@@ -87,8 +94,24 @@ int PlatformScript::open(const Arguments& a) {
   return opened < 0 ? -1 : 0;
 }
 
+/* name FD LAST|NULL [more=BYTES]: the path in a buffer of the size of the descriptor's own, and
+ * more; that one is shown as WHOLE. */
+std::string PlatformScript::name(Args a) {
+  char whole[1024] = "", text[1024];
+  ox_fd2path(fd(a), whole, sizeof whole, nullptr);
+  const size_t more = a.option("more", sizeof text - strlen(whole));
+  memset(text, '#', sizeof text);
+  errno = 77;
+  if (ox_fd2path(fd(a), text, strlen(whole) + more, or_null(a.words[1])) != 1) {
+    return error_name(errno);
+  }
+  const std::string shown = text;
+  EXPECT_TRUE(shown.starts_with(whole) && shown.starts_with("\\\\?\\")) << shown;
+  return "WHOLE" + shown.substr(strlen(whole));
+}
+
 /* Exclusive, and had at once or not at all. */
-bool PlatformScript::lock(const Arguments& a, bool unlock) const {
+bool PlatformScript::lock(Args a, bool unlock) const {
   OVERLAPPED place = {};
   place.Offset = static_cast<DWORD>(a.option("at", 0));
   const auto size = static_cast<ox_u32>(a.option("size", 1));
@@ -96,7 +119,7 @@ bool PlatformScript::lock(const Arguments& a, bool unlock) const {
                 : ox_lock_file(fd(a), FAIL_AT_ONCE_EXCLUSIVE, size, 0, &place);
 }
 
-std::string PlatformScript::status(const Arguments& a) const {
+std::string PlatformScript::status(Args a) const {
   ox_stat_t st = {};
   if (ox_stat(path(a).c_str(), &st) != 0) {
     return "-1 " + error_name(errno);
@@ -105,7 +128,7 @@ std::string PlatformScript::status(const Arguments& a) const {
   return st.st_isdir ? "folder" : std::to_string(st.st_size) + (read_only ? " read-only" : "");
 }
 
-ox_s64 PlatformScript::get(const Arguments& a) {
+ox_s64 PlatformScript::get(Args a) {
   char* const value = a.has("null") ? nullptr : buffer(100000);
   const char* name = or_null(a.words[1]);
   return is_fd(a) ? ox_fgetxattr(fd(a), name, value, 0)
@@ -117,6 +140,7 @@ std::string PlatformScript::log() {
                               {std::regex(R"(\bfh (?!f{16})[0-9a-f]+)"), "fh HANDLE"},
                               {std::regex("n{99,}"), "nnn"},
                               {std::regex(" +$"), ""},
+                              {std::regex(R"(sz (?!1024)\d+)"), "sz SIZE"},
                               {std::regex(R"(\[6\d+\])"), "[LENGTH]"},
                               {std::regex(R"(ERROR \d+(: ox_unlock_file))"), "ERROR$1"}};
   const std::vector<std::string> lines = log_.brief_lines();
@@ -132,26 +156,27 @@ std::string PlatformScript::log() {
 }
 
 void PlatformScript::add_files() {
-  add("open", [this](const Arguments& a) { return open(a); });
-  add("close", [this](const Arguments& a) { return ox_close(fd(a)); });
-  add("read", [this](const Arguments& a) {
+  add("open", [this](Args a) { return open(a); });
+  add("close", [this](Args a) { return ox_close(fd(a)); });
+  add("read", [this](Args a) {
     const size_t size = a.option("size", 32);
     return ox_pread(fd(a), buffer(size), size, a.option("at", 0));
   });
-  add("write", [this](const Arguments& a) {
+  add("write", [this](Args a) {
     return ox_pwrite(fd(a), a.words[1].data(), a.words[1].size(), a.option("at", 0));
   });
-  add("seek", [this](const Arguments& a) {
-    return ox_lseek(fd(a), std::stoll(a[1], nullptr, 0), std::stoi(a[2]));
-  });
-  add("truncate", [this](const Arguments& a) { return ox_ftruncate(fd(a), std::stoll(a[1])); });
-  add("unlink", [this](const Arguments& a) { return ox_unlink(path(a).c_str()); });
-  add("flock", [this](const Arguments& a) { return ox_flock(fd(a), FAIL_AT_ONCE_EXCLUSIVE); });
-  add("lock", [this](const Arguments& a) { return lock(a, false) ? 0 : -1; });
-  commands_["unlock"] = [this](const Arguments& a) { return lock(a, true) ? "yes" : "no"; };
-  commands_["status"] = [this](const Arguments& a) { return status(a); };
+  add("seek",
+      [this](Args a) { return ox_lseek(fd(a), std::stoll(a[1], nullptr, 0), std::stoi(a[2])); });
+  add("truncate", [this](Args a) { return ox_ftruncate(fd(a), std::stoll(a[1])); });
+  add("unlink", [this](Args a) { return ox_unlink(path(a).c_str()); });
+  add("flock", [this](Args a) { return ox_flock(fd(a), FAIL_AT_ONCE_EXCLUSIVE); });
+  add("lock", [this](Args a) { return lock(a, false) ? 0 : -1; });
+  commands_.add("disposition", [](Args a) { return ox_create_disposition(flags_of(a)); });
+  commands_.add("name", [this](Args a) { return name(a); });
+  commands_.add("unlock", [this](Args a) { return lock(a, true); });
+  commands_.add("status", [this](Args a) { return status(a); });
   commands_["log"] = [this](const Arguments&) { return log(); };
-  commands_["debug"] = [](const Arguments& a) { return ox_debug = std::stoi(a[0]), ""; };
+  commands_.add("debug", [](Args a) { ox_debug = std::stoi(a[0]); });
   commands_["prefix_callback"] = [](const Arguments&) {
     ox_logfunc = [](const char*, const char*, ox_s32, ox_s32, const ox_alert_t*) { return "x"; };
     return "";
@@ -159,26 +184,25 @@ void PlatformScript::add_files() {
 }
 
 void PlatformScript::add_attributes() {
-  add("folder",
-      [this](const Arguments& a) { return create_directory(folder_.path() / a[0]) ? 0 : 1; });
-  add("stream", [this](const Arguments& a) {
+  add("folder", [this](Args a) { return create_directory(folder_.path() / a[0]) ? 0 : 1; });
+  add("stream", [this](Args a) {
     const int err =
         ox_get_stream_name(a.words[0].c_str(), or_null(a.words[1]), buffer(OX_MAXPATH_LEN));
     return err == 0 ? static_cast<ox_s64>(strlen(bytes_->c_str())) : -1;
   });
-  add("set", [this](const Arguments& a) {
+  add("set", [this](Args a) {
     const std::string& value = a.words[2];
     const char* name = or_null(a.words[1]);
     return is_fd(a) ? ox_fsetxattr(fd(a), name, value.data(), value.size(), 0)
                     : ox_setxattr(path(a).c_str(), name, or_null(value), value.size(), 0);
   });
-  add("get", [this](const Arguments& a) { return get(a); });
-  add("remove", [this](const Arguments& a) {
+  add("get", [this](Args a) { return get(a); });
+  add("remove", [this](Args a) {
     const char* name = or_null(a.words[1]);
     return is_fd(a) ? ox_fremovexattr(fd(a), name) : ox_removexattr(path(a).c_str(), name);
   });
   /* Nobody else may open the attribute until the case has ended. */
-  add("unshare", [this](const Arguments& a) {
+  add("unshare", [this](Args a) {
     const std::string stream = path(a) + ":" + a[1];
     unshared_ = CreateFileA(stream.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     return unshared_ == INVALID_HANDLE_VALUE ? -1 : 0;

@@ -29,54 +29,6 @@ class Platform : public testing::Test {
 
 }  // namespace
 
-/* The columns: nothing, create, truncate, both. */
-TEST(Disposition, OfOpenFlags) {
-  const ox_u32 of_access[][4] = {{3, 1, 3, 2}, {3, 4, 5, 2}, {3, 4, 5, 2}}; /* read, write, both */
-  for (ox_u32 access = 0; access < 3; ++access) {
-    for (ox_u32 how = 0; how < 4; ++how) {
-      for (const ox_u32 ignored : {0u, OX_O_EXCL + 0u, OX_O_SYNC, OX_O_DIRECT + 0u}) {
-        const ox_u32 flags = access | how * OX_O_CREAT | ignored;
-        EXPECT_EQ(of_access[access][how], ox_create_disposition(flags)) << flags;
-      }
-    }
-  }
-}
-
-TEST_F(Platform, NamesDescriptors) {
-  const LogCapture log;
-  const int fd = create("f");
-  char buf[1024];
-  ASSERT_EQ(1, ox_fd2path(fd, buf, sizeof(buf), nullptr));
-  const std::string whole = buf;
-  EXPECT_THAT(whole, AllOf(StartsWith("\\\\?\\"), EndsWith("\\f")));
-  const struct {
-    const char* name;
-    size_t size;
-    std::string path; /* empty: it does not fit */
-  } table[] = {
-      {"a/b", sizeof(buf), whole + "\\a\\b"},
-      {"name", whole.size() + 6, whole + "\\name"},
-      {"name", whole.size() + 5, ""},
-      {nullptr, whole.size() + 1, whole},
-      {nullptr, whole.size(), ""},
-  };
-  for (const auto& [name, size, path] : table) {
-    memset(buf, '#', sizeof(buf));
-    errno = 0;
-    EXPECT_EQ(path.empty() ? 0 : 1, ox_fd2path(fd, buf, size, name)) << size;
-    EXPECT_EQ(path.empty() ? 7 : 0, errno) << size;
-    EXPECT_TRUE(path.empty() || path == buf) << buf;
-    EXPECT_TRUE(size == sizeof(buf) || buf[size] == '#');
-  }
-  EXPECT_EQ(0, ox_close(fd));
-  EXPECT_EQ(0, ox_fd2path(-1, buf, sizeof(buf), nullptr));
-  EXPECT_EQ(ERROR_INVALID_HANDLE, static_cast<DWORD>(errno));
-  EXPECT_THAT(log.lines(),
-              ElementsAre(EndsWith(" sz " + std::to_string(whole.size())),
-                          EndsWith("ox_fd2path: Failed to GetFinalPathNameByHandleA for fd -1 fh "
-                                   "ffffffffffffffff sz 1024")));
-}
-
 TEST_F(Platform, NamesHandlesAndKeepsNoDescriptor) {
   HANDLE handle = open_handle("f");
   const int before = fresh_descriptor();

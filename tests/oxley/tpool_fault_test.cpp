@@ -1,5 +1,5 @@
 /*
- * The thread pool when something fails: allocations, locks, condition variables, thread starts and
+ * What fails under the thread pool: allocations, locks, condition variables, thread starts and
  * thread names. The linker's --wrap leads these calls, and the pool's waits, through the functions
  * below.
  */
@@ -21,11 +21,21 @@ struct Fault {
 };
 
 Fault zalloc_fault, lock_fault, lock_init_fault, cv_init_fault, create_fault, name_fault;
+const std::map<std::string, Fault*> FAULTS = {
+    {"zalloc", &zalloc_fault},   {"lock", &lock_fault},     {"lock_init", &lock_init_fault},
+    {"cv_init", &cv_init_fault}, {"create", &create_fault}, {"name", &name_fault}};
 
 std::mutex waits_mutex;
 std::map<const pthread_cond_t*, time_t> longest_waits;
 
 }  // namespace
+
+void set_fault(const std::string& call, int nth, int error) {
+  FAULTS.at(call)->result = error;
+  FAULTS.at(call)->always = nth == EVERY_CALL;
+  FAULTS.at(call)->fail_at = std::max(nth, 0);
+}
+int calls_to_fault(const std::string& call) { return FAULTS.at(call)->fail_at; }
 
 time_t longest_wait(const pthread_cond_t* cv) {
   const std::lock_guard hold(waits_mutex);
@@ -81,118 +91,6 @@ bool __wrap_ox_cv_wait(pthread_cond_t* cv, ox_lock_t* l, const struct timespec* 
 }
 
 namespace {
-
-TEST(TpoolFault, CreationFailsWithOneErrorLineAndLeavesNothing) {
-  const std::string size = std::to_string(sizeof(ox_tpool_t));
-  const struct {
-    Fault& kind;
-    int nth;
-    std::string line;
-  } table[] = {
-      {zalloc_fault, 1, "cannot allocate " + size + " bytes for creating thread pool"},
-      {zalloc_fault, 2, "cannot allocate 24 bytes for thread pool [faulty] stats"},
-      {zalloc_fault, 3, "cannot allocate 48 bytes for thread pool [faulty] tppriv"},
-      {lock_init_fault, 1, "cannot initialize thread pool stats lock"},
-      {lock_init_fault, 2, "cannot initialize thread pool priv lock"},
-      {lock_init_fault, 3, "cannot initialize thread pool lock"},
-      {cv_init_fault, 1, "cannot initialize thread pool condition variable"},
-      {cv_init_fault, 2, "cannot initialize thread pool condition variable"},
-      {lock_fault, 1, "cannot lock thread pool to add to pool list"},
-  };
-  ASSERT_EQ(0, ox_init_tpool());
-  for (const auto& [kind, nth, line] : table) {
-    const LogCapture log;
-    kind.fail_at = nth;
-    EXPECT_EQ(nullptr, ox_tpool_create("faulty", nullptr, nullptr, 8, 16, 0, 3)) << line;
-    EXPECT_EQ(0, kind.fail_at) << line;
-    EXPECT_THAT(log.brief_lines(), ElementsAre("ERROR 12: " + line));
-  }
-  ox_deinit_tpool(0);
-}
-
-TEST(TpoolFault, FacilityAndNotifierFailClean) {
-  for (Fault* kind : {&zalloc_fault, &lock_init_fault, &cv_init_fault}) {
-    kind->fail_at = 1;
-    EXPECT_EQ(nullptr, ox_job_create_notify());
-  }
-  for (Fault* kind : {&zalloc_fault, &lock_init_fault}) {
-    kind->fail_at = 1;
-    EXPECT_EQ(OX_ENOMEM, ox_init_tpool());
-    EXPECT_EQ(0, ox_init_tpool());
-    ox_deinit_tpool(0);
-  }
-}
-
-TEST(TpoolFault, RefusedCallsChangeNothing) {
-  TestPool pool(0, 1);
-  const auto queue = [&] { return pool.queue([](Blocks) { ADD_FAILURE(); }); };
-  const auto pause = [&] { return ox_tpool_pause(pool.tp); };
-  const auto resume = [&] { return ox_tpool_resume(pool.tp); };
-  const struct {
-    Fault& kind;
-    int error;
-    std::function<int()> call;
-    const char* line;
-  } table[] = {
-      {lock_fault, OX_EINVAL, queue, "cannot lock thread pool to queue the job"},
-      {zalloc_fault, OX_ENOMEM, queue, "cannot allocate 40 bytes for queuing a new job"},
-      {name_fault, OX_EACCES, queue, "cannot get name [] for thread "},
-      {lock_fault, OX_EINVAL, pause, "cannot lock thread pool to update flag 8"},
-      {lock_fault, OX_EINVAL, resume, "cannot lock thread pool to update flag 8"},
-  };
-  for (const auto& [kind, error, call, line] : table) {
-    const LogCapture log;
-    kind.result = error;
-    kind.fail_at = 1;
-    EXPECT_EQ(error, call()) << line;
-    const std::string begin = "ERROR " + std::to_string(error) + ": " + line;
-    EXPECT_THAT(log.brief_lines(), ElementsAre(testing::StartsWith(begin)));
-    EXPECT_EQ(0u, pool.read(&ox_tpool_t::tp_qlen));
-    EXPECT_FALSE(ox_tpool_is_paused(pool.tp));
-  }
-}
-
-TEST(TpoolFault, WorkersTryAgainToLockAndTheNextJobToStartOne) {
-  const LogCapture log;
-  Gate release;
-  std::vector<int> order;
-  TestPool pool(0, 1, "stubborn");
-  create_fault.fail_at = 1;
-  EXPECT_EQ(0, pool.queue([&](Blocks) {
-    order.push_back(1);
-    release.wait();
-  }));
-  EXPECT_EQ(0u, pool.workers());
-  EXPECT_EQ(0, pool.queue([&](Blocks) { order.push_back(2); }));
-  EXPECT_TRUE(pool.becomes(&ox_tpool_t::tp_qlen, 1));
-  lock_fault.fail_at = 1; /* the worker's, when its first job is over */
-  release.post();
-  EXPECT_TRUE(eventually([] { return lock_fault.fail_at == 0; }));
-  pool.destroy(0);
-  EXPECT_THAT(order, ElementsAre(1, 2));
-  EXPECT_EQ(1, count(log, "ERROR 12: cannot create thread"));
-  EXPECT_EQ(1u, log.count(":stubborn"));
-}
-
-/* Nobody waits for ever for a job that was accepted: it runs on the thread that drains. */
-TEST(TpoolFault, DrainAndDestroyRunTheQueueWhenNoThreadCanBeStarted) {
-  int ran = 0;
-  void* block = nullptr;
-  ox_job_notify_t* notify = ox_job_create_notify();
-  TestPool pool(0, 2, "threadless", 0, 8), none(0, 0);
-  create_fault.always = true;
-  EXPECT_EQ(0, pool.queue([&](Blocks b) { block = b.priv; }));
-  ox_drain_tpool(pool.tp, 0);
-  EXPECT_EQ(pool.tp->tp_priv.ox_priv, block);
-  EXPECT_EQ(0, pool.queue([&](Blocks) { ++ran; }, notify));
-  EXPECT_EQ(0, none.queue([&](Blocks) { ++ran; }));
-  pool.destroy(0);
-  none.destroy(0);
-  create_fault.always = false;
-  EXPECT_EQ(2, ran);
-  ox_wait_job_completion(notify);
-  ox_job_destroy_notify(notify);
-}
 
 #ifdef _WIN32
 /* The runtime gives no name for either; elsewhere names are cut at 15 and no thread lacks one. */

@@ -21,6 +21,13 @@ inline std::atomic<bool> time_flies = false;
 /* The seconds of the longest timed wait on each condition variable so far. */
 time_t longest_wait(const pthread_cond_t* cv);
 
+/* Of one kind of calls ("zalloc", "lock", "lock_init", "cv_init", "create", "name") the nth from
+ * now on fails with this error, or none with 0. */
+void set_fault(const std::string& call, int nth, int error);
+constexpr int EVERY_CALL = -1;
+/* How many calls there are until the fault; 0 when it has happened. */
+int calls_to_fault(const std::string& call);
+
 /* The threads that were started and not joined yet. */
 extern std::atomic<int> threads_to_join;
 

@@ -7,32 +7,6 @@ using testing::Each;
 
 namespace {
 
-TEST(Tpool, GrowsWhileNoWorkerIsIdleAndShrinksToTheMinimum) {
-  Gate release;
-  TestPool pool(1, 3);
-  EXPECT_EQ(0u, pool.workers());
-  pool.start_worker();
-  pool.block_workers(1, release);
-  EXPECT_EQ(1u, pool.workers());
-  pool.block_workers(2, release);
-  ASSERT_EQ(0, pool.queue([](Blocks) {}));
-  EXPECT_EQ(3u, pool.workers());
-  EXPECT_EQ(1u, pool.read(&ox_tpool_t::tp_qlen));
-  release.post(3);
-  EXPECT_TRUE(pool.idle(3));
-  EXPECT_EQ(2, longest_wait(&pool.tp->tp_worker_cv));
-  pool.destroy(0);
-
-  TestPool shrinking(1, 3);
-  shrinking.block_workers(3, release);
-  time_flies = true;
-  release.post(3);
-  EXPECT_TRUE(shrinking.becomes(&ox_tpool_t::tp_cur_count, 1));
-  time_flies = false;
-  ASSERT_EQ(0, shrinking.queue([&](Blocks) { release.post(); }));
-  EXPECT_TRUE(release.wait()) << "the one that stayed works";
-}
-
 /* The first of two jobs wakes the idle worker; the second must not wait behind it. */
 TEST(Tpool, JobsThatNeedEachOtherRunThoughOnlyOneWorkerIsIdle) {
   for (int round = 0; round < 50; ++round) {
@@ -153,37 +127,6 @@ TEST(Tpool, InitRunsUnderTheLockAndDeinitAfterTheNotifierWithoutIt) {
   ox_job_destroy_notify(nullptr);
 }
 
-/* The first job wakes the idle worker, which finds the pool paused. It rests until the resume, or
- * leaves after the time because it is surplus; the resume then starts another. */
-TEST(Tpool, PausedPoolKeepsItsJobsAndResumeRunsThemInOrder) {
-  for (const ox_u32 min_threads : {1u, 0u}) {
-    const LogCapture log;
-    Gate done;
-    std::vector<int> order;
-    TestPool pool(min_threads, 1, "paused");
-    pool.start_worker();
-    EXPECT_EQ(0, ox_tpool_pause(pool.tp));
-    EXPECT_TRUE(ox_tpool_is_paused(pool.tp));
-    time_flies = min_threads == 0;
-    for (int i = 0; i < 5; ++i) {
-      ASSERT_EQ(0, pool.queue([&, i](Blocks) {
-        order.push_back(i);
-        done.post();
-      }));
-    }
-    EXPECT_TRUE(
-        eventually([&] { return count(log, "DEBUG: Threadpool [paused] is paused...") == 1; }));
-    EXPECT_TRUE(pool.becomes(&ox_tpool_t::tp_cur_count, min_threads));
-    EXPECT_TRUE(pool.idle(min_threads));
-    time_flies = false;
-    EXPECT_EQ(5u, pool.read(&ox_tpool_t::tp_qlen));
-    EXPECT_EQ(0, ox_tpool_resume(pool.tp));
-    EXPECT_FALSE(ox_tpool_is_paused(pool.tp));
-    ASSERT_TRUE(done.wait(5));
-    EXPECT_THAT(order, ElementsAre(0, 1, 2, 3, 4));
-  }
-}
-
 /* A queueing call sends one signal. Were it to reach the drain_wait, its job would wait. */
 TEST(Tpool, DrainWaitReturnsWhenRunningJobsHaveEndedAndSwallowsNoSignal) {
   Gate release, done;
@@ -213,71 +156,6 @@ TEST(Tpool, DrainWaitReturnsWhenRunningJobsHaveEndedAndSwallowsNoSignal) {
   EXPECT_EQ(3, longest_wait(&pool.tp->tp_pool_cv));
   ox_tpool_resume(pool.tp);
   EXPECT_TRUE(done.wait());
-}
-
-/* Workers are told by their thread's name: the pool's, cut to 15 characters. */
-TEST(Tpool, DrainingPoolRefusesStrangersAndServesItsOwn) {
-  const LogCapture log;
-  Gate release;
-  std::vector<int> answers;
-  std::atomic<int> ran = 0;
-  TestPool pool(0, 1, "a_name_of_20_letters");
-  const auto try_to_queue = [&] { answers.push_back(pool.queue([&](Blocks) { ++ran; })); };
-  ASSERT_EQ(0, pool.queue([&](Blocks) {
-    release.wait();
-    try_to_queue();
-  }));
-  std::thread drainer([&] { ox_drain_tpool(pool.tp, OX_TPOOL_FL_DRAIN); });
-  EXPECT_TRUE(pool.becomes(&ox_tpool_t::tp_state, OX_TPOOL_DRAINING));
-  for (const char* name : {"stranger", "a_name_of_20_le"}) {
-    std::thread([&] {
-      pthread_setname_np(pthread_self(), name);
-      try_to_queue();
-    }).join();
-  }
-  ox_tpool_pause(pool.tp); /* cannot keep the drain from its end */
-  release.post();
-  drainer.join();
-  EXPECT_THAT(answers, ElementsAre(OX_EINVAL, 0, 0));
-  EXPECT_EQ(2, ran);
-  EXPECT_EQ(0u, pool.workers());
-  EXPECT_EQ(1, count(log,
-                     "ERROR 22: [a_name_of_20_le]: cannot queue job, the thread pool is being "
-                     "drained/destroyed."));
-}
-
-/* A drain lifts a pause. All workers leave. Without flags nobody is refused. */
-TEST(Tpool, DrainedPoolTakesWorkUnlessTheFlagsRefuseIt) {
-  for (const ox_u32 flags : {ox_u32{OX_TPOOL_FL_DRAIN}, ox_u32{0}}) {
-    std::atomic<int> ran = 0;
-    TestPool pool(2, 2);
-    for (int round = 1; round <= 3; ++round) {
-      ox_tpool_pause(pool.tp);
-      ASSERT_EQ(0, pool.queue([&](Blocks) { ++ran; }));
-      ox_drain_tpool(pool.tp, flags);
-      EXPECT_EQ(round, ran);
-      EXPECT_EQ(0u, pool.workers());
-      EXPECT_FALSE(ox_tpool_is_paused(pool.tp));
-      EXPECT_EQ(OX_TPOOL_ACTIVE, static_cast<int>(pool.read(&ox_tpool_t::tp_state)));
-      EXPECT_EQ(flags != 0 ? OX_EINVAL : 0, pool.queue([](Blocks) {}));
-      pool.tp->tp_flags &= ~flags;
-    }
-  }
-}
-
-TEST(Tpool, DestroyLiftsAPauseAndRunsTheQueueOrWithStopDropsIt) {
-  for (const ox_u32 flags : {ox_u32{0}, ox_u32{OX_TPOOL_FL_STOP}}) {
-    ox_job_notify_t* notify = ox_job_create_notify();
-    int ran = 0;
-    TestPool pool(0, 1);
-    ox_tpool_pause(pool.tp);
-    ASSERT_EQ(0, pool.queue([&](Blocks) { ++ran; }, notify));
-    ASSERT_TRUE(pool.idle(1)); /* in the pause */
-    pool.destroy(flags);
-    EXPECT_EQ(flags == 0 ? 1 : 0, ran);
-    EXPECT_EQ(ran, notify->jn_done);
-    ox_job_destroy_notify(notify);
-  }
 }
 
 /* Eight calls before the destroy begins and eight after it, while a worker keeps the pool from its
@@ -323,31 +201,6 @@ TEST(Tpool, DestroyComesWhileOtherCallsAreInside) {
     pool.tp = nullptr;
     EXPECT_EQ(before, threads_to_join);
   }
-}
-
-TEST(Tpool, AbortDropsTheQueueWhateverTheWorkersDoAndLeavesTheRecord) {
-  static auto& aborted = *new std::vector<ox_tpool_t*>; /* never freed, for the leak checker */
-  Gate release;
-  TestPool busy(1, 2), paused(1, 1), unserved(0, 0);
-  busy.block_workers(2, release);
-  ox_tpool_pause(paused.tp);
-  ox_job_notify_t* notify = ox_job_create_notify();
-  for (TestPool* pool : {&busy, &paused, &unserved}) {
-    ASSERT_EQ(0, pool->queue([](Blocks) { ADD_FAILURE() << "a dropped job ran"; }, notify));
-    ASSERT_TRUE(pool->idle(pool == &paused ? 1 : 0));
-    ox_destroy_tpool(pool->tp, OX_TPOOL_FL_ABORT);
-    ox_destroy_tpool(pool->tp, OX_TPOOL_FL_DRAIN); /* returns at once, though workers are busy */
-  }
-  EXPECT_EQ(2u, busy.workers());
-  release.post(2);
-  for (TestPool* pool : {&busy, &paused, &unserved}) {
-    EXPECT_TRUE(pool->becomes(&ox_tpool_t::tp_cur_count, 0));
-    EXPECT_EQ(0u, pool->read(&ox_tpool_t::tp_qlen));
-    EXPECT_EQ(OX_TPOOL_ABORTED, static_cast<int>(pool->read(&ox_tpool_t::tp_state)));
-    aborted.push_back(std::exchange(pool->tp, nullptr));
-  }
-  EXPECT_EQ(0, notify->jn_done);
-  ox_job_destroy_notify(notify);
 }
 
 TEST(Tpool, DeinitDestroysListedPoolsAndSurvivesAnAbortedOne) {
@@ -448,34 +301,3 @@ TEST(Tpool, EveryJobRunsOnceWhateverHappensMeanwhile) {
 }
 
 }  // namespace
-
-/* Of two jobs that were queued in a pause, the first needs the second. */
-TEST(Tpool, ABurstInAPauseStartsItsWorkersWhenThePauseEnds) {
-  for (const bool drain : {false, true}) {
-    Gate second;
-    bool met = false;
-    TestPool pool(1, 2);
-    pool.start_worker();
-    ox_tpool_pause(pool.tp);
-    pool.queue([&](Blocks) { met = second.wait(); });
-    pool.queue([&](Blocks) { second.post(); });
-    drain ? ox_drain_tpool(pool.tp, 0) : (void)ox_tpool_resume(pool.tp);
-    pool.destroy(OX_TPOOL_FL_DRAIN);
-    EXPECT_TRUE(met);
-  }
-}
-
-TEST(Tpool, ASecondDestroyWithStopHurriesTheFirst) {
-  Gate release;
-  std::atomic<bool> ran = false;
-  TestPool pool(0, 1);
-  pool.block_workers(1, release);
-  pool.queue([&](Blocks) { ran = true; });
-  std::thread first([&] { ox_destroy_tpool(pool.tp, OX_TPOOL_FL_DRAIN); });
-  EXPECT_TRUE(pool.becomes(&ox_tpool_t::tp_state, OX_TPOOL_DRAINING));
-  ox_destroy_tpool(pool.tp, OX_TPOOL_FL_STOP);
-  release.post();
-  first.join();
-  pool.tp = nullptr;
-  EXPECT_FALSE(ran);
-}

@@ -7,24 +7,47 @@
 #include <pthread.h>
 
 #include "oxley_test.h"
+#include "script.h"
 
-TEST(Uuid, TextAndBinaryInTheWindowsLayout) {
-  const ox_u8 binary[OX_UUID_SIZE] = {0x33, 0x22, 0x11, 0x00, 0x55, 0x44, 0x77, 0x66,
-                                      0x88, 0x99, 0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff};
+/* The bytes as a text, and back as the text of the bytes; "wrong" leaves them alone. */
+std::string uuid(Args a) {
+  ox_u8 bytes[OX_UUID_SIZE] = {};
+  const std::string before(std::begin(bytes), std::end(bytes));
+  const int err = ox_uuid_parse(a[0] == "NULL" ? nullptr : a.words[0].c_str(), bytes);
+  const std::string after(std::begin(bytes), std::end(bytes));
+  EXPECT_TRUE(err == 0 || before == after);
   char text[OX_UUID_TEXT_SIZE];
-  ox_uuid_unparse(binary, text);
-  EXPECT_STREQ("00112233-4455-6677-8899-aabbccddeeff", text);
-  ox_u8 parsed[OX_UUID_SIZE] = {};
-  EXPECT_EQ(0, ox_uuid_parse("00112233-4455-6677-8899-AaBBccDDeeFF", parsed));
-  EXPECT_EQ(0, memcmp(binary, parsed, sizeof(parsed)));
-  for (const char* bad :
-       {static_cast<const char*>(nullptr), "", "00112233-4455-6677-8899-aabbccddeef",
-        "00112233-4455-6677-8899-aabbccddeeff0", "{0112233-4455-6677-8899-aabbccddeeff}",
-        "00112233-4455-6677-8899-aabbccddee@f", "00112233-4455-66778-899-aabbccddeeff"}) {
-    EXPECT_EQ(OX_EINVAL, ox_uuid_parse(bad, parsed)) << (bad != nullptr ? bad : "null");
-    EXPECT_EQ(0, memcmp(binary, parsed, sizeof(parsed))) << "left alone";
-  }
+  ox_uuid_unparse(bytes, text);
+  return err != 0 ? error_name(err) : as_word(after) + " " + text;
 }
+
+/* Of 6 bytes in 8, and its length. */
+std::string field(Args a) {
+  char bytes[8];
+  memset(bytes, '#', sizeof(bytes));
+  ox_copy_field(bytes, 6, a[0] == "NULL" ? nullptr : a.words[0].c_str());
+  return as_word(std::string(bytes, 8)) + " " + std::to_string(ox_field_len(bytes, 6));
+}
+
+template <auto fold>
+std::string folded(Args a) {
+  std::string text = a[0];
+  fold(text.data());
+  return text;
+}
+
+class UtilScript : public testing::TestWithParam<ScriptCase> {};
+
+TEST_P(UtilScript, Holds) {
+  Commands commands = {{"uuid", uuid},
+                       {"field", field},
+                       {"event_name", folded<ox_event_name_fold>},
+                       {"separators", folded<ox_unix2win_sep>}};
+  commands.add("errno", [](Args a) { return ox_winerr2errno(static_cast<ox_u32>(a.number(0))); });
+  play(GetParam(), commands);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, UtilScript, testing::ValuesIn(script_cases("util")), case_name);
 
 TEST(Time, ElapsedMicroseconds) {
   struct timespec start = {};
@@ -61,28 +84,6 @@ TEST(Memory, ThatCannotBeHadIsNullWithAnErrno) {
   }
 }
 
-TEST(Field, IsFilledWholeAndMayBeUnterminated) {
-  char field[8];
-  memset(field, '#', sizeof(field));
-  ox_copy_field(field, 6, "abc");
-  EXPECT_EQ(std::string("abc\0\0\0##", 8), std::string(field, 8));
-  EXPECT_EQ(3u, ox_field_len(field, 6));
-  ox_copy_field(field, 6, "abcdefghi");
-  EXPECT_EQ("abcdef##", std::string(field, 8));
-  EXPECT_EQ(6u, ox_field_len(field, 6));
-  ox_copy_field(field, 6, nullptr);
-  EXPECT_EQ(0u, ox_field_len(field, 6));
-}
-
-TEST(Text, FoldsEventNamesAndSeparators) {
-  char event[] = "C:\\Users\\J\xc3\x96RG/Tfi@[";
-  ox_event_name_fold(event);
-  EXPECT_STREQ("c:/users/j\xc3\x96rg/tfi@[", event) << "ASCII alone, whatever the locale";
-  char path[] = "//srv/a b\\c/";
-  ox_unix2win_sep(path);
-  EXPECT_STREQ("\\\\srv\\a b\\c\\", path);
-}
-
 TEST(Append, CountsWhatFits) {
   char buf[8];
   int capacity = 6;
@@ -100,11 +101,4 @@ TEST(ThreadName, IsCutTo15Characters) {
     ASSERT_EQ(0, pthread_getname_np(pthread_self(), name, sizeof(name)));
     EXPECT_STREQ("TNWIN_VFSC_some", name);
   }).join();
-}
-
-TEST(Errno, OfWindowsErrors) {
-  const std::pair<ox_u32, int> table[] = {{3, 2}, {183, 17}, {50, 130}, {38, 38}, {1467, 1467}};
-  for (const auto& [winerr, err] : table) {
-    EXPECT_EQ(err, ox_winerr2errno(winerr));
-  }
 }

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <set>
-#include <tuple>
 
 namespace {
 
@@ -25,7 +24,7 @@ struct Record {
   FileState state;
   bool sealed_aside = false;
 
-  auto key() const { return std::tuple(state.content, state.change, sealed_aside); }
+  auto operator<=>(const Record&) const = default;
 };
 
 struct Open {
@@ -33,7 +32,7 @@ struct Open {
   bool silent = false; /* may write without a word */
   bool wrote = false;  /* since its open */
 
-  auto key() const { return std::tuple(attached, silent, wrote); }
+  auto operator<=>(const Open&) const = default;
 };
 
 struct World {
@@ -58,12 +57,7 @@ struct World {
   std::set<int> torn;        /* contents whose writer died; nobody closed them */
   std::set<int> beside;      /* those of them that went to the conflict name */
 
-  auto key() const {
-    return std::tuple(state.content, state.change, disk.key(), opens[0].key(), opens[1].key(), next,
-                      local, aside, base, cloud, arrived, own_name, deleted, queued, flying, closed,
-                      told, asked, saved, others, torn, beside);
-  }
-  bool operator<(const World& other) const { return key() < other.key(); }
+  auto operator<=>(const World&) const = default;
 
   int sealed() const { return is_aside(state.change) ? aside : local; }
 };
@@ -84,7 +78,7 @@ struct Trouble {
 class Walk : public testing::Test {
  protected:
   void visit(const World& world, int depth) {
-    if (depth == 0 || HasFailure() || !seen_.emplace(world.key(), depth).second) {
+    if (depth == 0 || HasFailure() || !seen_.emplace(world, depth).second) {
       return;
     }
     for (size_t move = 0; move < MOVES; move++) {
@@ -412,7 +406,7 @@ class Walk : public testing::Test {
     return w.saved.upper_bound(w.closed) != w.saved.end();
   }
 
-  std::set<std::pair<decltype(World().key()), int>> seen_;
+  std::set<std::pair<World, int>> seen_;
   std::vector<size_t> path_;
   Trouble trouble_;
   int cut_to_ = NOTHING;

@@ -9,11 +9,13 @@
 
 #include <atomic>
 #include <future>
+#include <set>
 
 #include "files/open_files.h"
 #include "memory_cloud.h"
 #include "names/folded_path.h"
 #include "ox_errno.h"
+#include "script.h"
 #include "test_folder.h"
 #include "uuid_text.h"
 #include "wide_text.h"
@@ -202,102 +204,6 @@ class Loss : public testing::Test {
   MemoryCloud cloud_;
 };
 
-/* What a service that was killed, or a machine that lost its power, left behind. */
-TEST_F(Loss, WhatAnEndedServiceLeftGoesUpOnlyWhereItBelongs) {
-  enum Left { WRITTEN, EMPTIED, CLOSED };
-  const struct {
-    Left left;
-    int cut; /* the local file, to so many bytes; -1: it is whole */
-    std::string content, beside;
-    size_t kept;
-  } cases[] = {
-      {WRITTEN, -1, "old content", "new content", 0}, {WRITTEN, 4, "old content", "none", 1},
-      {WRITTEN, 0, "old content", "none", 1},         {EMPTIED, -1, "old content", "none", 0},
-      {CLOSED, -1, "new content", "none", 0},         {CLOSED, 4, "old content", "none", 1},
-      {CLOSED, 0, "old content", "none", 1}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << "left " << c.left << " cut to " << c.cut);
-    TestFolder folder;
-    MemoryCloud cloud;
-    fs::create_directories(folder.path() / "files" / "kept");
-    cloud.set("f", "old content");
-    cloud.before = [](CloudCall call, const std::string&) {
-      return changes(call) ? CloudResult::of(CloudCode::OFFLINE) : CloudResult();
-    };
-    {
-      Cache cache(cloud, folder, {.wait = milliseconds(1)});
-      const auto opened = cache.open("f", c.left == EMPTIED);
-      EXPECT_EQ(c.left == EMPTIED ? 0 : cache.write(opened, "new"), 0);
-      EXPECT_EQ(c.left == CLOSED ? cache.close(opened) : 0, 0);
-    }
-    for (const auto& entry : fs::directory_iterator(folder.path() / "files")) {
-      if (entry.is_regular_file() && c.cut >= 0) {
-        fs::resize_file(entry, static_cast<uintmax_t>(c.cut));
-      }
-    }
-    cloud.before = nullptr;
-    Cache cache(cloud, folder);
-    EXPECT_TRUE(cache.settles());
-    EXPECT_EQ(cloud.content("f"), c.content);
-    EXPECT_EQ(cloud.files(), c.beside == "none" ? 1u : 2u);
-    EXPECT_EQ(std::distance(fs::directory_iterator(folder.path() / "files" / "kept"), {}), c.kept);
-  }
-}
-
-TEST_F(Loss, WhatCannotBeKeptStaysWhereItIs) {
-  cloud_.set("f", "old content");
-  {
-    Cache cache(cloud_, folder_);
-    EXPECT_EQ(cache.write(cache.open("f"), "new"), 0);
-  }
-  ASSERT_EQ(local_files().size(), 1u);
-  fs::resize_file(local_files()[0], 4);
-  for (const bool there : {false, true}) { /* the folder of what is kept */
-    if (there) {
-      fs::create_directory(folder_.path() / "files" / "kept");
-    }
-    Cache cache(cloud_, folder_);
-    EXPECT_EQ(local_files().size(), there ? 0u : 1u);
-    EXPECT_EQ(kept(), there ? 1u : 0u);
-    EXPECT_EQ(cache->unsaved(), there ? 0u : 1u);
-  }
-}
-
-/* Two opens change a file, one closes, the other one writes on and dies. */
-TEST_F(Loss, WhatAnotherOpenWroteAfterTheCloseIsNotLostWithItsClient) {
-  cloud_.set("f", "old");
-  Cache cache(cloud_, folder_, {.wait = milliseconds(1)});
-  refuse_uploads(CloudResult::of(CloudCode::OFFLINE));
-  const auto one = cache.open("f");
-  const auto two = cache.open("f");
-  EXPECT_EQ(cache.write(one, "one") | cache.write(two, "two"), 0);
-  EXPECT_EQ(cache.close(one), 0);
-  EXPECT_EQ(Cache::write_silently(two, "TWO"), 0);
-  EXPECT_EQ(cache.close(two, Closing::CLIENT_DIED), 0);
-  cloud_.before = nullptr;
-  cache->uploads().kick();
-  EXPECT_TRUE(cache.settles());
-  EXPECT_EQ(cloud_.content("f"), "two");
-  EXPECT_EQ(beside("f"), "TWO");
-}
-
-TEST_F(Loss, AChangeThatCannotBeRecordedDoesNotHappenHoweverOftenItIsAskedFor) {
-  const std::string version = cloud_.set("f", "content");
-  Cache cache(cloud_, folder_);
-  const auto opened = cache.open("f");
-  ASSERT_EQ(cache.fetch(opened, 7), 0);
-  for (const bool full : {true, true, false}) {
-    database_is_full = full;
-    EXPECT_EQ(cache.open("f", true).error, full ? OX_ENOSPC : 0);
-    EXPECT_EQ(fs::file_size(local_files()[0]), full ? 7u : 0u);
-    EXPECT_EQ(cache.write(opened, "new"), full ? OX_ENOSPC : 0);
-    EXPECT_EQ(opened.file().truncate(opened.part(), 3), full ? OX_ENOSPC : 0);
-    EXPECT_EQ(opened.file().has_unsaved(), !full);
-  }
-  EXPECT_EQ(cache.close(opened), 0);
-  EXPECT_EQ(cloud_.content("f"), "new");
-}
-
 TEST_F(Loss, ATransferHoldsUpNobodyElse) {
   cloud_.set("big", "old");
   cloud_.set("a", "a");
@@ -406,59 +312,118 @@ TEST_F(Loss, AFileIsFoundWhereARenameWithoutAnAnswerLeftIt) {
   }
 }
 
-TEST_F(Loss, AFailedUploadIsTriedAgainAndOnlyARefusalFailsTheClose) {
-  Cache cache(cloud_, folder_, {.wait = milliseconds(300)});
-  const struct {
-    CloudResult result;
-    int error;
-  } cases[] = {{CloudResult::of(CloudCode::OFFLINE), 0},
-               {CloudResult::busy(milliseconds(1)), 0},
-               {CloudResult::of(CloudCode::UNAUTHORISED), 0},
-               {CloudResult::of(CloudCode::NO_SPACE), OX_ENOSPC}};
-  for (const auto& c : cases) {
-    const std::string name = name_of(c.result.code);
-    const auto opened = cache.open(name);
-    refuse_uploads(c.result);
-    EXPECT_EQ(cache.write(opened, "new"), 0);
-    EXPECT_EQ(cache.close(opened), c.error) << name;
-    EXPECT_EQ(cache->unsaved(), 1u);
-    cloud_.before = nullptr;
-    EXPECT_EQ(c.error == 0 ? 0 : cache.close(opened), 0) << "it may be repeated";
-    cache->uploads().kick();
-    EXPECT_TRUE(cache.settles());
-    EXPECT_EQ(cloud_.content(name), "new");
+/* The same from loss.txt. FILE is a name that the script gives an open. */
+class LossScript : public Loss, public testing::WithParamInterface<ScriptCase> {
+ protected:
+  LossScript() {
+    add_service();
+    add_opens();
+    add_looks();
   }
+  ~LossScript() override { database_is_full = false; }
+
+  using Open = const Cache::Opened&;
+  void add(const char* name, std::function<int(Open file, Args a)> call) {
+    commands_.add(name, [=, this](Args a) { return error_name(call(opens_.at(a[0]), a)); });
+  }
+  void add_service();
+  void add_opens();
+  void add_looks();
+  void stop() {
+    opens_.clear();
+    cache_.reset();
+  }
+  /* start [wait=MS] [size=BYTES] [keep_free=BYTES]: ends the one before. */
+  void start(Args a) {
+    stop();
+    const Rules rules = {a.option("size", 1 << 30), a.option("keep_free", 0),
+                         milliseconds(a.option("wait", 2000))};
+    cache_ = std::make_unique<Cache>(cloud_, folder_, rules);
+  }
+  std::string open(Args a);
+  int close(Args a);
+  /* The sizes of the local files. */
+  std::string local() const {
+    std::multiset<uintmax_t> sizes;
+    for (const fs::path& file : local_files()) {
+      sizes.insert(fs::file_size(file));
+    }
+    return testing::PrintToString(sizes);
+  }
+
+  Commands commands_;
+  std::unique_ptr<Cache> cache_;
+  std::map<std::string, Cache::Opened> opens_;
+};
+
+void LossScript::add_service() {
+  commands_.add("start", [this](Args a) { start(a); });
+  commands_.add("stop", [this](Args) { stop(); });
+  commands_.add("cloud", [this](Args a) { cloud_.set(a[0], a[1]); });
+  /* What uploads are answered with from now on, as the code is named. */
+  commands_.add("uploads", [this](Args a) {
+    auto code = CloudCode::OK;
+    while (a[0] != name_of(code)) {
+      code = static_cast<CloudCode>(static_cast<int>(code) + 1);
+    }
+    const bool busy = code == CloudCode::BUSY;
+    refuse_uploads(busy ? CloudResult::busy(milliseconds(1)) : CloudResult::of(code));
+  });
+  commands_.add("database", [](Args a) { database_is_full = a.has("full"); });
+  commands_.add("settles", [this](Args) {
+    (*cache_)->uploads().kick();
+    return cache_->settles();
+  });
+  commands_.add("trim", [this](Args) { (*cache_)->trim(); });
+  /* What a loss of power does to the local files. */
+  commands_.add("cut_local", [this](Args a) {
+    for (const fs::path& file : local_files()) {
+      fs::resize_file(file, a.number(0));
+    }
+  });
+  commands_.add("folder_of_kept",
+                [this](Args) { fs::create_directories(folder_.path() / "files" / "kept"); });
 }
 
-/* Another client comes between our look and our change. */
-TEST_F(Loss, NothingIsReplacedThatNobodyLookedAt) {
-  Cache cache(cloud_, folder_);
-  cloud_.set("old", "first content, of which a piece is read");
-  const auto old = cache.open("old");
-  const auto made = cache.open("made");
-  EXPECT_EQ(cache.write(old, "ours") | cache.write(made, "ours"), 0);
-  cloud_.set("old", "theirs");
-  cloud_.set("made", "theirs");
-  EXPECT_EQ(cache.fetch(old, 30), OX_EIO) << "never a mixture";
-  EXPECT_EQ(cache.close(made) | cache.close(old), 0);
-  EXPECT_TRUE(cache.settles());
-  EXPECT_EQ(cloud_.content("old") + cloud_.content("made"), "theirstheirs");
-  EXPECT_EQ(beside("made"), "ours");
+std::string LossScript::open(Args a) {
+  const Cache::Opened opened = cache_->open(a[1], a.has("truncate"));
+  if (opened.error == 0) {
+    opens_[a[0]] = opened;
+  }
+  return error_name(opened.error);
 }
 
-TEST_F(Loss, ClosedFilesGoWhenTheCacheIsFullAndTheDiskKeepsItsFloor) {
-  Cache cache(cloud_, folder_, {.cache_size = 128, .keep_free = 900});
-  for (const char* name : {"a", "b", "c", "d"}) {
-    cloud_.set(name, std::string(64, *name));
-    const auto opened = cache.open(name);
-    EXPECT_EQ(cache.fetch(opened, 64), 0);
-    cache.close(opened, Closing::UNMODIFIED);
+int LossScript::close(Args a) {
+  const Closing how = a.has("died")         ? Closing::CLIENT_DIED
+                      : a.has("unmodified") ? Closing::UNMODIFIED
+                                            : Closing::MODIFIED;
+  const int err = cache_->close(opens_.at(a[0]), how);
+  if (err == 0) {
+    opens_.erase(a[0]);
   }
-  const auto used = cache.open("a");
-  cache->trim();
-  EXPECT_EQ(local_files().size(), 2u) << "the open one, and the one that was used last";
-  cloud_.set("large", std::string(101, 'x'));
-  EXPECT_EQ(cache.fetch(cache.open("large"), 101), OX_ENOSPC);
+  return err;
 }
+
+void LossScript::add_opens() {
+  commands_.add("open", [this](Args a) { return open(a); });
+  commands_.add("close", [this](Args a) { return error_name(close(a)); });
+  add("write", [this](Open file, Args a) { return cache_->write(file, a[1]); });
+  add("write_silently", [](Open file, Args a) { return Cache::write_silently(file, a[1]); });
+  add("truncate", [](Open o, Args a) { return o.file().truncate(o.part(), a.number(1)); });
+  add("fetch", [this](Open file, Args a) { return cache_->fetch(file, a.number(1)); });
+}
+
+void LossScript::add_looks() {
+  commands_.add("content", [this](Args a) { return as_word(cloud_.content(a[0])); });
+  commands_.add("beside", [this](Args a) { return as_word(beside(a[0])); });
+  commands_.add("files", [this](Args) { return cloud_.files(); });
+  commands_.add("kept", [this](Args) { return kept(); });
+  commands_.add("local", [this](Args) { return local(); });
+  commands_.add("unsaved", [this](Args) { return (*cache_)->unsaved(); });
+}
+
+TEST_P(LossScript, Holds) { play(GetParam(), commands_); }
+
+INSTANTIATE_TEST_SUITE_P(All, LossScript, testing::ValuesIn(script_cases("loss")), case_name);
 
 } /* namespace */

@@ -2,34 +2,29 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <random>
-#include <sstream>
 
+#include "eventually.h"
 #include "ox_errno.h"
 #include "raw_client.h"
 #include "test_folder.h"
+#include "tnv_connio_win.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using Payload = RawConnection::Payload;
 
-constexpr RawOpen DISP_CREATE_NEW{.disposition = 1};
-constexpr RawOpen DISP_OPEN_ALWAYS{.disposition = 4};
-constexpr uint32_t MODIFIED = TNV_FL_MODIFIED;
-
 class ServiceTest : public testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    WSADATA data;
-    WSAStartup(MAKEWORD(2, 2), &data);
+  ServiceTest() {
+    EXPECT_EQ(tnv_sock_init(), 0);
+    fs::create_directory(cloud());
   }
-  void SetUp() override { fs::create_directory(Cloud("")); }
 
   void start_and_connect(const Variables& variables = {{"TARND_REGION_SHIFT", "4"}}) {
-    ASSERT_TRUE(service_.start(variables)) << text(folder_.path() / "tarnd.log");
+    ASSERT_TRUE(service_.start(variables)) << read_file(folder_ / "tarnd.log");
     connection_ = std::make_unique<RawConnection>(service_);
     ASSERT_EQ(connection_->connect().error(), 0);
   }
@@ -39,27 +34,16 @@ class ServiceTest : public testing::Test {
     return service_.wait();
   }
 
-  fs::path Cloud(const std::string& name) const { return folder_.path() / "cloud" / name; }
-  void put(const std::string& name, const std::string& content) const {
-    std::ofstream(Cloud(name), std::ios::binary) << content;
-  }
-  std::string get(const std::string& name) const { return text(Cloud(name)); }
+  std::string cloud() const { return folder_ / "cloud"; }
   /* The content of a conflict copy. */
   std::string beside(const std::string& name) const {
-    for (const auto& entry : fs::directory_iterator(Cloud(""))) {
-      const std::string file = entry.path().filename().string();
-      if (file.starts_with(name.substr(0, name.find('.')) + " (conflict of ")) {
-        return get(file);
+    for (const auto& entry : fs::directory_iterator(cloud())) {
+      if (entry.path().filename().string().starts_with(name + " (conflict of ")) {
+        return read_file(entry);
       }
     }
     return "";
   }
-  static std::string text(const fs::path& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-  }
-
   int close_file(const RawFile& file, uint32_t tnflags = 0) {
     CloseHandle(file.handle());
     return connection_->close(file.id, tnflags);
@@ -75,7 +59,7 @@ class ServiceTest : public testing::Test {
 TEST_F(ServiceTest, StartsOnceAndEndsWhenAsked) {
   start_and_connect();
   const fs::path pid_path = folder_.path() / "cache" / "tarnd_pid";
-  EXPECT_EQ(text(pid_path), std::to_string(service_.pid()));
+  EXPECT_EQ(read_file(pid_path), std::to_string(service_.pid()));
   const HANDLE pid_file = CreateFileW(pid_path.c_str(), GENERIC_READ,
                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                       nullptr, OPEN_EXISTING, 0, nullptr);
@@ -98,7 +82,7 @@ TEST_F(ServiceTest, StartsOnceAndEndsWhenAsked) {
   EXPECT_EQ(counts.at("denum"), 1u);
   EXPECT_EQ(counts.at("requests"), 4u) << "connect, denum, close, shutdown";
 
-  fs::remove(Cloud(""));
+  fs::remove(cloud());
   EXPECT_FALSE(service_.start());
   EXPECT_EQ(service_.wait(), 1) << "without a cloud";
 }
@@ -160,21 +144,9 @@ TEST_F(ServiceTest, AnyBytesLeaveItAlive) {
 
 /* ------------------------------------------------------------------ files */
 
-/* Waits for what the service does on its own. */
-bool soon(const std::function<bool()>& happened) {
-  for (int tries = 0; tries < 500; tries++) {
-    if (happened()) {
-      return true;
-    }
-    Sleep(20);
-  }
-  return false;
-}
-
 /* The part of another process, which the next test starts and kills. */
 TEST(KilledClient, DISABLED_HoldsAFile) {
-  WSADATA data;
-  WSAStartup(MAKEWORD(2, 2), &data);
+  ASSERT_EQ(tnv_sock_init(), 0);
   const std::string folder = std::getenv("TARND_TEST_FOLDER");
   const ServiceProcess service(folder);
   RawConnection connection(service);
@@ -190,8 +162,8 @@ TEST(KilledClient, DISABLED_HoldsAFile) {
 }
 
 TEST_F(ServiceTest, AClientsOpensAreItsOwnAndEndWithItWithoutALoss) {
-  put("a.txt", "old content");
-  put("b.txt", "");
+  write_file(cloud() + "/a.txt", "old content");
+  write_file(cloud() + "/b.txt", "");
   start_and_connect();
   char program[MAX_PATH];
   GetModuleFileNameA(nullptr, program, sizeof program);
@@ -203,14 +175,14 @@ TEST_F(ServiceTest, AClientsOpensAreItsOwnAndEndWithItWithoutALoss) {
   PROCESS_INFORMATION client = {};
   ASSERT_TRUE(CreateProcessA(nullptr, std::string(line).data(), nullptr, nullptr, FALSE,
                              CREATE_NO_WINDOW, nullptr, nullptr, &startup, &client));
-  EXPECT_TRUE(soon([&] { return fs::exists(folder_.path() / "held"); }));
+  EXPECT_TRUE(eventually([&] { return fs::exists(folder_.path() / "held"); }));
 
   const RawFile file = connection_->open("a.txt");
   EXPECT_EQ(connection_->lock(file, TN_SMBLK_SH_BRL, 9, 1), OX_EACCES);
   EXPECT_EQ(connection_->open("b.txt").error, OX_EACCES);
   RawFile theirs = file; /* what belongs to one process is nobody else's */
-  text(folder_.path() / "held").copy(reinterpret_cast<char*>(&theirs.id), sizeof theirs.id);
-  EXPECT_EQ(connection_->close(theirs.id, MODIFIED), OX_EBADF);
+  read_file(folder_ / "held").copy(reinterpret_cast<char*>(&theirs.id), sizeof theirs.id);
+  EXPECT_EQ(connection_->close(theirs.id, TNV_FL_MODIFIED), OX_EBADF);
   EXPECT_EQ(connection_->region(TNV_OP_CACHE_REGION, theirs, 0, 1).error(), OX_EBADF);
   EXPECT_EQ(connection_->region(TNV_OP_DIRTY_REGION, theirs, 0, 1).error(), OX_EBADF);
   EXPECT_EQ(connection_->truncate(theirs, 0), OX_EBADF);
@@ -220,12 +192,12 @@ TEST_F(ServiceTest, AClientsOpensAreItsOwnAndEndWithItWithoutALoss) {
   WaitForSingleObject(client.hProcess, INFINITE);
   CloseHandle(client.hThread);
   CloseHandle(client.hProcess);
-  EXPECT_TRUE(soon([&] { return connection_->lock(file, TN_SMBLK_EX_BRL, 9, 1) == 0; }));
+  EXPECT_TRUE(eventually([&] { return connection_->lock(file, TN_SMBLK_EX_BRL, 9, 1) == 0; }));
   const RawFile exclusive = connection_->open("b.txt", {.share = 0});
   EXPECT_EQ(exclusive.error, 0);
   EXPECT_EQ(close_file(exclusive) | close_file(file), 0);
-  EXPECT_TRUE(soon([&] { return beside("a.txt") == "new content"; })) << "nobody closed it";
-  EXPECT_EQ(get("a.txt"), "old content");
+  EXPECT_TRUE(eventually([&] { return beside("a") == "new content"; })) << "nobody closed it";
+  EXPECT_EQ(read_file(cloud() + "/a.txt"), "old content");
 }
 
 }  // namespace

@@ -1,11 +1,10 @@
 /* The WebDAV cloud over a server that fails, refuses, or is reached through others. */
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <thread>
 
 #include "cloud/cloud_address.h"
-#include "memory_cloud.h"
+#include "cloud_player.h"
 #include "web_front.h"
 
 namespace {
@@ -34,83 +33,23 @@ class WebFaults : public testing::Test {
     context.credentials = credentials;
     return context;
   }
-  CloudCode put(const std::string& content, const std::string& version = "") {
-    TextSnapshot snapshot(content);
-    return cloud_->put({}, "file", {version}, snapshot, &entry_).code;
-  }
-  CloudCode read(ByteRange range) {
-    got_.clear();
-    return cloud_
-        ->read({}, "file", entry_.version, range,
-               [&](const char* data, size_t size) {
-                 got_.append(data, size);
-                 return 0;
-               })
-        .code;
-  }
-  int names() {
-    int count = 0;
-    cloud_->list({}, "", [&](const CloudEntry&) { return ++count != 0; });
-    return count;
-  }
 
   std::unique_ptr<Cloud> cloud_ = open_web(of_servers("TNW_FRONT"));
   CloudEntry entry_;
-  std::string got_;
 };
 
-/* Each fault alone, with a file there and another content on its way. */
-TEST_F(WebFaults, AreMendedOrToldAndLoseNothing) {
-  const std::string old(300'000, 'o');
-  const std::string fresh(300'000, 'f');
-  enum Call { READ, PUT, REMOVE, LIST };
-  const struct {
-    const char* fault;
-    Call call;
-    CloudCode code;
-  } cases[] = {{"method=GET&cut=1000&times=2", READ, CloudCode::OK},
-               {"method=GET&whole=1", READ, CloudCode::OK},
-               {"method=GET&status=503&after=1", READ, CloudCode::OK},
-               {"method=GET&status=503&after=60", READ, CloudCode::BUSY},
-               {"method=GET&status=429", READ, CloudCode::OK},
-               {"method=GET&drop=before&times=2", READ, CloudCode::OK},
-               {"method=GET&drop=before&times=9", READ, CloudCode::OFFLINE},
-               {"method=GET&tag=\"other\"", READ, CloudCode::CHANGED},
-               {"method=GET&status=401", READ, CloudCode::UNAUTHORISED},
-               {"method=PROPFIND&cut=500", LIST, CloudCode::OK},
-               {"method=PUT&status=507", PUT, CloudCode::NO_SPACE},
-               {"method=PUT&drop=after", PUT, CloudCode::OK},
-               {"method=MOVE&drop=before", PUT, CloudCode::OK},
-               {"method=MOVE&drop=after", PUT, CloudCode::OK},
-               {"method=MOVE&status=502&times=2", PUT, CloudCode::OK},
-               {"method=LOCK&status=503&after=1", PUT, CloudCode::OK},
-               {"method=DELETE&drop=after", REMOVE, CloudCode::OK}};
-  for (const auto& [fault, call, code] : cases) {
-    SCOPED_TRACE(fault);
-    ASSERT_EQ(put(old), CloudCode::OK);
-    tell_front(fault);
-    if (call == READ) {
-      EXPECT_EQ(read({1000, 250'000}), code);
-      EXPECT_EQ(got_, code == CloudCode::OK ? old.substr(1000, 250'000) : "");
-    } else if (call == PUT) {
-      EXPECT_EQ(put(fresh, entry_.version), code);
-    } else if (call == REMOVE) {
-      EXPECT_EQ(cloud_->remove({}, "file", entry_.version).code, code);
-    } else {
-      EXPECT_EQ(names(), 1);
-    }
-    tell_front("");
-    if (call == REMOVE) {
-      EXPECT_EQ(names(), 0);
-      continue;
-    }
-    ASSERT_TRUE(cloud_->status({}, "file", &entry_).ok());
-    EXPECT_EQ(read({0, 300'000}), CloudCode::OK);
-    EXPECT_EQ(got_, call == PUT && code == CloudCode::OK ? fresh : old);
-    EXPECT_EQ(names(), 1) << "nothing is left beside it";
-    EXPECT_EQ(cloud_->remove({}, "file", "").code, CloudCode::OK);
-  }
+class WebFaultsScript : public WebFaults, public testing::WithParamInterface<ScriptCase> {};
+
+TEST_P(WebFaultsScript, Holds) {
+  CloudPlayer player(*cloud_);
+  Commands commands = player.commands();
+  commands.add("front", [](Args a) { tell_front(a[0]); });
+  commands["remove"]({{"file"}, {}}); /* of the case before */
+  play(GetParam(), commands);
 }
+
+INSTANTIATE_TEST_SUITE_P(All, WebFaultsScript, testing::ValuesIn(script_cases("web_faults")),
+                         case_name);
 
 TEST_F(WebFaults, ACallEndsInTimeOrWhenItIsCancelled) {
   using Clock = std::chrono::steady_clock;

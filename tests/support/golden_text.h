@@ -20,21 +20,4 @@ inline void expect_text_of(const std::string& name, const std::string& text) {
   }
 }
 
-/* Expects a section of FILE.txt: the lines behind "=== SECTION". FILE.new gets all sections that
- * the program has asked for so far; a whole run leaves there what to take over after a wanted
- * change. */
-inline void expect_section(const std::string& file, const std::string& section,
-                           const std::string& text) {
-  static std::string seen;
-  seen += "=== " + section + "\n" + text + (text.empty() ? "" : "\n");
-  write_file(beside_test(file + ".new"), seen);
-  const std::string all = "\n" + read_file(beside_test(file + ".txt")) + "=== ";
-  const std::string head = "\n=== " + section + "\n";
-  const size_t from = all.find(head);
-  ASSERT_NE(from, std::string::npos) << "no section " << section;
-  const size_t lines = from + head.size();
-  EXPECT_EQ(text + (text.empty() ? "" : "\n"), all.substr(lines, all.find("=== ", lines) - lines))
-      << section;
-}
-
 #endif

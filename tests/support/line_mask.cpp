@@ -37,6 +37,18 @@ std::string masked(const std::string& line) {
   return masked(line, masks);
 }
 
+std::string IdNumbers::numbered(const std::string& text) {
+  std::string numbered;
+  auto from = text.begin();
+  for (std::sregex_iterator at(text.begin(), text.end(), id_), end; at != end; ++at) {
+    numbered.append(from, (*at)[0].first);
+    numbered +=
+        "ID" + std::to_string(numbers_.try_emplace(at->str(), numbers_.size() + 1).first->second);
+    from = (*at)[0].second;
+  }
+  return numbered.append(from, text.end());
+}
+
 std::string brief_line(const std::string& line) {
   static const std::regex client(
       R"re(\{"asctime":"[^"]+", "level":"([A-Z]+)", "filename":"[^"]+", "line":\d+, )re"

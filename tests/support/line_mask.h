@@ -4,6 +4,7 @@
 #ifndef LINE_MASK_H
 #define LINE_MASK_H
 
+#include <map>
 #include <regex>
 #include <string>
 #include <utility>
@@ -16,6 +17,21 @@ std::string masked(std::string line, const Masks& masks);
 /* The line's time, the source's line number and the response time as the words TIME, LINE and
  * USECS. */
 std::string masked(const std::string& line);
+
+constexpr char UUID_PATTERN[] = "[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}";
+
+/* Each id becomes a number by its first appearance, so that the lines still show what belongs
+ * together. */
+class IdNumbers {
+ public:
+  /* The ids that match the pattern. */
+  explicit IdNumbers(const std::string& pattern = UUID_PATTERN) : id_(pattern) {}
+  std::string numbered(const std::string& text);
+
+ private:
+  const std::regex id_;
+  std::map<std::string, size_t> numbers_;
+};
 
 /* "LEVEL ERRNO USER: text" of a line in either form, the client's own or the portability layer's.
  * The number stands there if the line has one, the user if it tells its connection. Of an event the

@@ -46,8 +46,29 @@ struct ScriptCase {
   std::vector<ScriptLine> lines;
 };
 
+using Args = const Arguments&;
+
 /* The answer is what the script shows behind "->". An exception's text is an answer, too. */
-using Commands = std::map<std::string, std::function<std::string(const Arguments&)>>;
+struct Commands : std::map<std::string, std::function<std::string(Args)>> {
+  using map::map;
+
+  /* A command whose answer is a text, a number, yes or no, or empty. */
+  template <typename Call>
+  void add(const std::string& name, Call call) {
+    (*this)[name] = [call](Args a) -> std::string {
+      using Result = std::invoke_result_t<Call, Args>;
+      if constexpr (std::is_void_v<Result>) {
+        return call(a), "";
+      } else if constexpr (std::is_same_v<Result, bool>) {
+        return call(a) ? "yes" : "no";
+      } else if constexpr (std::is_arithmetic_v<Result>) {
+        return std::to_string(call(a));
+      } else {
+        return call(a);
+      }
+    };
+  }
+};
 
 /* The cases of SCRIPT.txt, for testing::ValuesIn(). */
 std::vector<ScriptCase> script_cases(const std::string& script);

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <limits>
@@ -28,13 +28,11 @@ using Lines = std::vector<std::string>;
 constexpr ox_u64 MIB = 1 << 20;
 constexpr ox_u64 MOST = std::numeric_limits<ox_u64>::max();
 constexpr ox_off FARTHEST = std::numeric_limits<ox_off>::max();
-constexpr int GONE = 133;
 constexpr int REGIONS = 24; /* three bytes of map */
 
 /* The service: how many requests were sent to it, and what it answers next. */
 struct Service {
   int sent = 0;
-  int err = 0; /* of the exchange */
   tnv_resp answer = {};
 } service;
 
@@ -43,7 +41,7 @@ struct Service {
 int tnw_sync_send_msg(vfs_handle*, tnv_msg*, tnv_resp* resp) {
   service.sent++;
   *resp = service.answer;
-  return service.err;
+  return 0;
 }
 
 namespace {
@@ -51,12 +49,17 @@ namespace {
 /* An open file with two maps, a byte before and one behind them that nothing may touch. */
 class OpenFile {
  public:
-  explicit OpenFile(int rshift = 20) {
+  OpenFile() {
     ox_init_rwlock(&fde.fdt_rmap_lock);
     ox_init_rwlock(&fde.fdt_dmap_lock);
     fde.fdt_fd = 5;
-    memset(&fde.fdt_fso, 0x22, sizeof(fde.fdt_fso));
-    hook_maps(rshift);
+    constexpr ox_u64 size = REGIONS / 8;
+    fde.fdt_rmap = static_cast<ox_u8*>(ox_zalloc(2 * size + 1));
+    fde.fdt_rmap_size = size;
+    fde.fdt_dmap = fde.fdt_rmap + size;
+    fde.fdt_dmap_size = 99; /* not used */
+    fde.fdt_rshift = 20;
+    fde.fdt_tnflags = TNV_FL_MAPPED | TNV_FL_NEWER;
   }
   OpenFile(const OpenFile&) = delete;
   ~OpenFile() {
@@ -65,16 +68,6 @@ class OpenFile {
     ox_deinit_rwlock(&fde.fdt_dmap_lock);
   }
 
-  void hook_maps(int rshift = 20) {
-    constexpr ox_u64 size = REGIONS / 8;
-    fde.fdt_rmap = static_cast<ox_u8*>(ox_zalloc(2 * size + 1));
-    fde.fdt_rmap_size = size;
-    fde.fdt_dmap = fde.fdt_rmap + size;
-    fde.fdt_dmap_size = 99; /* not used */
-    fde.fdt_rshift = rshift;
-    fde.fdt_tnflags = TNV_FL_MAPPED | TNV_FL_NEWER;
-    fde.fdt_stat.st_size = 77;
-  }
   /* Cached map, dirty map and the byte behind. */
   Bytes bytes() const { return {fde.fdt_rmap, fde.fdt_rmap + 2 * REGIONS / 8 + 1}; }
   bool is_dropped() const {
@@ -86,121 +79,41 @@ class OpenFile {
   tnvfd fde = {};
 };
 
-/* ------------------------------------------------------------------- requests and answers */
+/* ------------------------------------------------------------------- the model */
 
-class Requests : public testing::Test {
+/* The regions of a range as bits, counted in numbers that do not wrap. No file has a byte behind
+ * MOST. */
+struct Range {
+  Range(int rshift, ox_off off, ox_u64 sz) {
+    const __int128 end = __int128{off} + sz;
+    const __int128 first = __int128{off} >> rshift;
+    const __int128 last = std::min(end - 1, __int128{MOST}) >> rshift;
+    for (int region = 0; region < REGIONS; region++) {
+      const bool has = sz != 0 && off >= 0 && region >= first && region <= last;
+      bits |= has ? 1u << region : 0;
+    }
+    can_be = sz == 0 || (off >= 0 && last < REGIONS && end - 1 <= MOST);
+  }
+  bool is_set_in(ox_u32 map) const { return can_be && (map & bits) == bits; }
+
+  ox_u32 bits = 0;
+  bool can_be; /* inside the maps, and of bytes that a file can have */
+};
+
+class Model : public testing::Test {
  protected:
-  Requests() { service = {}; }
-
-  /* The next answers carry these. The payload ends after `len` bytes. */
+  /* The next answers carry this. */
   template <class Payload>
-  static void answers(ox_u32 err, const Payload& payload, ox_u32 len = sizeof(Payload)) {
+  static void answers(const Payload& payload) {
     service.answer = {};
-    service.answer.rhdr.rhdr_errno = err;
-    service.answer.rhdr.rhdr_len = len;
-    memcpy(service.answer.u.bytes, &payload, len);
+    service.answer.rhdr.rhdr_len = sizeof payload;
+    memcpy(service.answer.u.bytes, &payload, sizeof payload);
   }
   int cache(ox_off off, ox_u64 sz, bool truncate = false) {
     fsz_ = 99;
     sent_ = true;
     return vfstnw_cache_regions(&vh_, &file_.fde, off, sz, truncate, &fsz_, &sent_);
   }
-  int dirty(ox_off off, ox_u64 sz) { return vfstnw_dirty_regions(&vh_, &file_.fde, off, sz); }
-  int truncate(ox_u64 nfsz) { return vfstnw_ftruncate(&vh_, &file_.fde, nfsz); }
-
-  OpenFile file_;
-  vfs_handle vh_ = {};
-  ox_u64 fsz_ = 0;
-  bool sent_ = false;
-  const LogCapture keeps_the_log_out_of_the_output_;
-};
-
-/* Their lines are in the tests of the whole client. */
-TEST_F(Requests, AreAnsweredByARefusalThatSetsNoBit) {
-  const struct {
-    ox_u32 err;
-    ox_u32 len; /* of the answer's payload: 16 bytes end before the file's size */
-    int exchange, cached;
-    ox_u64 fsz;
-  } rows[] = {{TNV_WILL_NOT_CACHE, 32, 0, 0, 99},
-              {TNV_NOTHING_TO_FETCH, 32, 0, 7, 5},
-              {28, 16, 0, 28, 99},
-              {0, 32, GONE, GONE, 99}};
-  for (const auto& r : rows) {
-    answers(r.err, tnv_cache_region_resp{0, MIB, 5, 0x01, {}}, r.len); /* an error clears nothing */
-    service.err = r.exchange;
-    EXPECT_EQ(cache(MIB, 2), r.cached);
-    EXPECT_EQ(sent_, r.exchange == 0);
-    EXPECT_EQ(fsz_, r.fsz);
-    const int err = r.exchange != 0 ? r.exchange : static_cast<int>(r.err);
-    EXPECT_EQ(dirty(-1, 2), err);
-    EXPECT_EQ(truncate(0), err);
-    EXPECT_EQ(file_.bytes(), Bytes(7));
-  }
-}
-
-/* The lowest bit alone of the mark counts. */
-TEST_F(Requests, DropTheMapsOfAFileThatBecameEmpty) {
-  for (const ox_u8 mark : {ox_u8{0xfe}, ox_u8{0xff}}) {
-    for (const bool writes : {true, false}) {
-      answers(0, tnv_cache_region_resp{writes ? mark : 0u, MIB, 5, mark, {}});
-      EXPECT_EQ(writes ? dirty(0, 2) : cache(MIB, 1), 0);
-      EXPECT_EQ(file_.is_dropped(), mark == 0xff);
-      EXPECT_EQ(file_.fde.fdt_stat.st_size, mark == 0xff ? 0u : 77u);
-      vfstnw_remove_bmaps(&file_.fde);
-      file_.hook_maps();
-    }
-  }
-  EXPECT_EQ(truncate(100), 0);
-  EXPECT_FALSE(file_.is_dropped());
-  EXPECT_EQ(truncate(0), 0);
-  EXPECT_TRUE(file_.is_dropped());
-  EXPECT_EQ(file_.fde.fdt_stat.st_size, 77u) << "the caller changes it";
-}
-
-/* ------------------------------------------------------------------- the model */
-
-/* One bit for each region. */
-using Regions = std::array<bool, REGIONS>;
-
-/* The regions of a range, counted in numbers that do not wrap. No file has a byte behind MOST. */
-struct Range {
-  Range(int rshift, ox_off off, ox_u64 sz)
-      : empty(sz == 0),
-        first(__int128{off} >> rshift),
-        last(std::min(__int128{off} + sz - 1, __int128{MOST}) >> rshift),
-        whole(off >= 0 && last < REGIONS && __int128{off} + sz - 1 <= MOST) {}
-  bool has(int region) const { return !empty && first >= 0 && region >= first && region <= last; }
-  bool is_set_in(const Regions& map) const {
-    for (int r = 0; r < REGIONS; r++) {
-      if (has(r) && !map[static_cast<size_t>(r)]) {
-        return false;
-      }
-    }
-    return empty || whole;
-  }
-  void set_in(Regions& map, bool value = true) const {
-    for (int r = 0; r < REGIONS; r++) {
-      map[static_cast<size_t>(r)] = has(r) ? value : map[static_cast<size_t>(r)];
-    }
-  }
-
-  bool empty;
-  __int128 first, last;
-  bool whole; /* inside the maps, and of bytes that a file can have */
-};
-
-Bytes packed(const Regions& cached, const Regions& dirty) {
-  Bytes bytes(2 * REGIONS / 8 + 1);
-  for (size_t r = 0; r < REGIONS; r++) {
-    bytes[r / 8] = static_cast<ox_u8>(bytes[r / 8] | cached[r] << r % 8);
-    bytes[3 + r / 8] = static_cast<ox_u8>(bytes[3 + r / 8] | dirty[r] << r % 8);
-  }
-  return bytes;
-}
-
-class Model : public Requests {
- protected:
   /* Mostly a number near the begin of a region, sometimes one at the end of all numbers. */
   ox_u64 number(int rshift) {
     const ox_u64 ends[] = {MOST,       MOST - 1,  ox_u64{1} << 63, ox_u64{FARTHEST},
@@ -218,12 +131,12 @@ class Model : public Requests {
     const int sent = service.sent;
     switch (random_() % 5) {
       case 0: /* what the service cached counts, from the asked offset on */
-        answers(0, tnv_cache_region_resp{12345, answered, 1000, 0, {}});
+        answers(tnv_cache_region_resp{12345, answered, 1000, 0, {}});
         ASSERT_EQ(cache(off, sz), 0);
         ASSERT_EQ(sent_, !range.is_set_in(cached_));
         ASSERT_EQ(fsz_, sent_ ? 1000u : 99u);
         if (sent_) {
-          Range(rshift, off, answered).set_in(cached_);
+          cached_ |= Range(rshift, off, answered).bits;
         }
         break;
       case 1: /* a truncation asks in any case, and sets nothing */
@@ -231,25 +144,33 @@ class Model : public Requests {
         ASSERT_EQ(service.sent, sent + 1);
         break;
       case 2: /* a dirty region is cached, too */
-        answers(0, tnv_dirty_region_resp{});
-        ASSERT_EQ(dirty(off, sz), 0);
+        answers(tnv_dirty_region_resp{});
+        ASSERT_EQ(vfstnw_dirty_regions(&vh_, &file_.fde, off, sz), 0);
         ASSERT_EQ(service.sent, sent + (range.is_set_in(dirty_) ? 0 : 1));
         if (service.sent != sent) {
-          range.set_in(cached_);
-          range.set_in(dirty_);
+          cached_ |= range.bits;
+          dirty_ |= range.bits;
         }
         break;
       default:
         const bool clear = random_() % 2 == 0;
         vfstnw_mark_regions(&file_.fde, off, sz, clear);
-        range.set_in(cached_, !clear);
-        range.set_in(dirty_, !clear);
+        cached_ = clear ? cached_ & ~range.bits : cached_ | range.bits;
+        dirty_ = clear ? dirty_ & ~range.bits : dirty_ | range.bits;
     }
-    ASSERT_EQ(file_.bytes(), packed(cached_, dirty_));
+    Bytes maps(2 * REGIONS / 8 + 1);
+    memcpy(maps.data(), &cached_, REGIONS / 8);
+    memcpy(maps.data() + REGIONS / 8, &dirty_, REGIONS / 8);
+    ASSERT_EQ(file_.bytes(), maps);
   }
 
+  OpenFile file_;
+  vfs_handle vh_ = {};
+  ox_u64 fsz_ = 0;
+  bool sent_ = false;
   std::mt19937 random_{1};
-  Regions cached_ = {}, dirty_ = {};
+  ox_u32 cached_ = 0, dirty_ = 0; /* a bit for each region */
+  const LogCapture keeps_the_log_out_of_the_output_;
 };
 
 TEST_F(Model, AnyRangesAtAnyShift) {

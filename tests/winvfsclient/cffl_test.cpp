@@ -13,17 +13,19 @@
 #include <deque>
 #include <random>
 #include <regex>
+#include <sstream>
 
 #include "golden_text.h"
 #include "log_capture.h"
 #include "ox_assert.h"
-#include "ox_errno.h"
 #include "ox_logging.h"
+#include "script.h"
 #include "test_folder.h"
 #include "tn_cffl.h"
 #include "tn_util.h"
 #include "tools/cfflprint/list_check.h"
 #include "tools/cfflprint/list_writer.h"
+#include "wire_text.h"
 
 namespace {
 
@@ -73,10 +75,8 @@ ox_off __wrap_ox_lseek(int, ox_off offset, int whence) {
 namespace {
 
 using cfflprint::Item;
-using testing::ElementsAre;
 using testing::EndsWith;
 using testing::StartsWith;
-using Bytes = std::vector<ox_u8>;
 
 /* Where fields stand in a list, and where entries begin in the sample. */
 constexpr size_t VERSION = 0, FLAGS = 12, SIZE = 56, ID_MARK = 32, TABLE = 136, FIRST = 144;
@@ -134,37 +134,6 @@ std::string walked(const Bytes& bytes) {
 
 /* ------------------------------------------------------------------- the walk */
 
-TEST(Walk, FirstEntryByVersionAndFolder) {
-  constexpr ox_u64 LOCAL = 0x5441524E44584944, LOCAL_TOO = 0x534D422D2D454944;
-  struct {
-    ox_u64 version, offset;
-    const char* name;
-    ox_u32 flags;
-    ox_u64 mark; /* the last 8 bytes of the folder's id */
-    size_t first;
-  } const cases[] = {{1, 2048, "docs", 0, 0, 1024},
-                     {2, 2048, "docs", 0, 0, 1024},
-                     {3, 0, "docs", 0, 0, 1024},
-                     {3, 2048, "docs", 0, LOCAL, 2048},
-                     {3, 2048, "lost+found", 0, 0, 2048},
-                     {3, 2048, "lost+found2", 0, LOCAL, 2048},
-                     {3, 2048, "lost+found", 1, LOCAL, 2048},
-                     {3, 2048, "lost+found", 0, LOCAL + 1, 2048},
-                     {3, 2048, "lost+found", 2, LOCAL, 1024},
-                     {3, 2048, "lost+found", 0, LOCAL_TOO, 1024}};
-  for (const auto& c : cases) {
-    Bytes bytes(4096);
-    put(bytes, VERSION, c.version);
-    put(bytes, SIZE, ox_u64{4096});
-    put(bytes, FIRST, c.offset);
-    put(bytes, FLAGS, c.flags);
-    put(bytes, ID_MARK, c.mark);
-    memcpy(bytes.data() + NAME, c.name, strlen(c.name));
-    const auto* first = reinterpret_cast<const ox_u8*>(tn_get_first_cfp(list_in(bytes)));
-    EXPECT_EQ(static_cast<size_t>(first - bytes.data()), c.first) << c.version << c.name << c.mark;
-  }
-}
-
 /* Without a callback, the line at FATAL ends the process before the walk's own assertion does. */
 TEST(Walk, EndsTheProcessWithTheLogsAssertion) {
   Bytes bytes = sample();
@@ -186,99 +155,102 @@ TEST(Words, TheirTables) {
   EXPECT_EQ(tn_get_next_pfent(pinned, pinned), pinned + 1);
 }
 
-/* ------------------------------------------------------------------- the reader */
+/* ------------------------------------------------------------------- scripts */
 
-class Reader : public testing::Test {
- protected:
-  Reader() { holds(sample()); }
-  ~Reader() override { tn_free_cffl(&list_); }
-  static void holds(const Bytes& bytes) {
-    script = {};
-    script.content.assign(bytes.begin(), bytes.end());
+/* cfs_path, as put_fields takes it. */
+const char ENTRY[] =
+    "flags:4 ver:1 perms:1 reserved:2 uid:4 nrev:4 id:16s rev:16s size:8 reclen:8 ck_version:4 "
+    "ck_nchunks:4 ck_csize:8 ck_sha512:64s btime:8 bnsec:4 pad:4 cmtime:8 cmnsec:4";
+
+/* What an entry becomes, in a record that held something else. */
+std::string info_of(const Arguments& a) {
+  Bytes entry(sizeof(cfs_path) + a[0].size() + 1);
+  put_fields(ENTRY, a.options, entry.data());
+  a[0].copy(reinterpret_cast<char*>(entry.data()) + sizeof(cfs_path), a[0].size());
+  tnw_fileinfo info;
+  memset(&info, 0xFF, sizeof info);
+  tn_cfp2fi(&info, reinterpret_cast<const cfs_path*>(entry.data()));
+  return fileinfo_text(info).substr(1);
+}
+
+/* A list that a script makes and reads. */
+class ListPlayer {
+ public:
+  ListPlayer() {
+    commands_["blank"] = [this](auto& a) { return bytes_ = Bytes(a.number(0)), ""; };
+    commands_["cut"] = [this](auto& a) { return bytes_.resize(a.number(0)), ""; };
+    commands_["number"] = [this](auto& a) { return put(bytes_, a.number(0), a.number(1)), ""; };
+    commands_["text"] = [this](auto& a) {
+      a[1].copy(reinterpret_cast<char*>(bytes_.data()) + a.number(0), a[1].size());
+      return "";
+    };
+    commands_["first"] = [this](auto&) {
+      const auto* first = reinterpret_cast<const ox_u8*>(tn_get_first_cfp(list_in(bytes_)));
+      return std::to_string(first - bytes_.data());
+    };
+    commands_["replaced_after_header"] = [this](auto&) { return later_ = bytes_, ""; };
+    commands_["read"] = [this](auto& a) { return read(a); };
+    commands_["info"] = info_of;
+    commands_["last_name"] = [this](auto&) { return last_name(); };
   }
-  /* Reads through descriptor 7 into memory at a multiple of 4096. */
-  bool read(bool whole) {
-    errno = 0;
+  ~ListPlayer() { tn_free_cffl(&list_); }
+  void play_case(const ScriptCase& script_case) { play(script_case, commands_); }
+
+ private:
+  /* read header|whole [from=100] [reads=1024,-9]: the most bytes of each read, or its errno */
+  std::string read(const Arguments& a) {
+    const LogCapture log;
+    script = {{bytes_.begin(), bytes_.end()}, a.option("from", 0), {}, {}, {}};
+    script.after_seek.assign(later_.begin(), later_.end());
+    std::istringstream reads(a.options.contains("reads") ? a.options.at("reads") : "");
+    for (std::string most; std::getline(reads, most, ',');) {
+      script.reads.push_back(std::stoi(most));
+    }
     tn_free_cffl(&list_);
-    script.position = 0;
-    list_ = tn_fread_cffl(7, 4096, whole);
+    EXPECT_EQ(list_, nullptr);
+    errno = 0;
+    list_ = tn_fread_cffl(7, 4096, a.has("whole"));
+    std::string answer = list_ == nullptr ? "errno " + std::to_string(errno) : same_bytes(a);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(list_) % 4096, 0u);
-    return list_ != nullptr;
+    answer += ", asked for";
+    for (const size_t asked : script.asked) {
+      answer += ' ' + std::to_string(asked);
+    }
+    for (const std::string& line : log.brief_lines()) {
+      answer += '\n' + line;
+    }
+    return answer;
   }
-  const char* read_bytes_at(size_t at) const { return reinterpret_cast<const char*>(list_) + at; }
-  static void put_size(ox_u64 size) { memcpy(script.content.data() + SIZE, &size, sizeof(size)); }
-
-  LogCapture log_;
-  cfs_cffl* list_ = nullptr;
-};
-
-TEST_F(Reader, ReadsTheHeaderOrTheWholeInPieces) {
-  ASSERT_TRUE(read(false));
-  EXPECT_EQ(std::string(read_bytes_at(0), 1024), script.content.substr(0, 1024));
-  EXPECT_THAT(script.asked, ElementsAre(1024));
-  script.asked.clear();
-  script.reads = {1024, 1000, 0, 0, 1};
-  ASSERT_TRUE(read(true));
-  EXPECT_EQ(std::string(read_bytes_at(0), SAMPLE_SIZE), script.content);
-  EXPECT_THAT(script.asked, ElementsAre(1024, 2160, 1160, 1160, 1160, 1159));
-  tn_free_cffl(nullptr);
-  script.position = 100; /* the header comes from the descriptor's position, the list from 0 */
-  cfs_cffl* header = tn_fread_cffl(7, 0, false);
-  EXPECT_EQ(memcmp(header, script.content.data() + 100, 1024), 0);
-  tn_free_cffl(&header);
-  EXPECT_EQ(header, nullptr);
-}
-
-TEST_F(Reader, FailuresLogOneLine) {
-  const struct {
-    std::deque<ox_s64> reads;
-    ox_u64 size;
-    int error;
-    const char* line;
-  } cases[] = {{{1023}, 2160, 0, "ERROR 0: error reading cffl header from fd 7"},
-               {{-9}, 2160, 9, "ERROR 9: error reading cffl header from fd 7"},
-               {{1024, 500, -5}, 2160, 5, "ERROR 5: error reading 2160 bytes cffl from fd 7"},
-               {{}, 0x80000000, 12, "ERROR 12: cannot allocate -2147483648 bytes for cffl"},
-               {{}, 0x100000400, 12, "ERROR 12: cannot allocate 1024 bytes for cffl"}};
-  std::vector<std::string> lines;
-  for (const auto& c : cases) {
-    script.reads = c.reads;
-    put_size(c.size);
-    EXPECT_FALSE(read(true));
-    EXPECT_EQ(errno, c.error) << c.line;
-    lines.push_back(c.line);
+  /* How many bytes of what was read are those of the list; behind them are zeros. */
+  std::string same_bytes(const Arguments& a) const {
+    const auto* const read = reinterpret_cast<const ox_u8*>(list_);
+    const size_t size = a.has("whole") ? list_in(bytes_)->cfh_head.cf_size : 1024;
+    const auto from = bytes_.begin() + static_cast<ptrdiff_t>(a.option("from", 0));
+    const auto same = std::mismatch(read, read + size, from).first - read;
+    const bool zeros = std::all_of(read + same, read + std::max<size_t>(size, 1024),
+                                   [](ox_u8 byte) { return byte == 0; });
+    return std::to_string(same) + (zeros ? " bytes" : " bytes, then others");
   }
-  EXPECT_EQ(log_.brief_lines(), lines);
-}
-
-TEST_F(Reader, SizesThatLie) {
-  put_size(10);
-  ASSERT_TRUE(read(true));
-  EXPECT_EQ(list_->cfh_head.cf_size, 0u) << "a header block all the same: 10 bytes and zeros";
-  put_size(1400); /* replaced by a longer list between the two reads */
-  script.after_seek = script.content;
-  put_size(1399);
-  EXPECT_FALSE(read(true));
-  EXPECT_EQ(errno, OX_EAGAIN);
-}
-
-/* The last name is the last byte of the list, whatever the length of its record says. */
-TEST_F(Reader, NamesEndWithTheListWhateverTheirRecordSays) {
-  Bytes bytes = sample();
-  bytes.resize(ENTRY_3 + CFS_PATH_MIN_RECLEN);
-  bytes.back() = 'x';
-  put(bytes, SIZE, ox_u64{bytes.size()});
-  for (const ox_u64 reclen : {0ull, 1ull, 368ull, 369ull, 370ull, 5000ull, ~0ull}) {
-    put(bytes, ENTRY_3 + RECLEN, reclen);
-    holds(bytes);
-    ASSERT_TRUE(read(true));
-    const auto* last = reinterpret_cast<const cfs_path*>(read_bytes_at(ENTRY_3));
+  /* As a file information and the walk have it. */
+  std::string last_name() const {
+    const auto* const last =
+        reinterpret_cast<const cfs_path*>(reinterpret_cast<const char*>(list_) + ENTRY_3);
     tnw_fileinfo fi;
     tn_cfp2fi(&fi, last);
-    EXPECT_STREQ(fi.fi_name, "x") << reclen;
-    EXPECT_EQ(tn_cfp_name_len(list_, last), 1u) << reclen;
+    return as_word(fi.fi_name) + ' ' + std::to_string(tn_cfp_name_len(list_, last));
   }
-}
+
+  Bytes bytes_ = sample();
+  Bytes later_; /* replaces the list between the two reads */
+  cfs_cffl* list_ = nullptr;
+  Commands commands_;
+};
+
+class Lists : public testing::TestWithParam<ScriptCase> {};
+
+TEST_P(Lists, Play) { ListPlayer().play_case(GetParam()); }
+
+INSTANTIATE_TEST_SUITE_P(Lists, Lists, testing::ValuesIn(script_cases("lists")), case_name);
 
 /* ------------------------------------------------------------------- the listings */
 
@@ -331,34 +303,22 @@ std::string found_in(const Bytes& bytes) {
  * end. The walk reads nothing outside the list (which ASan watches). */
 TEST(Damage, IsFoundByTheWalkAndByTheChecks) {
   const PrefixCallback no_end;
-  const struct {
-    size_t offset, size;
-  } fields[] = {{VERSION, 8},
-                {8, 4},
-                {16, 4},
-                {20, 4},
-                {SIZE, 8},
-                {128, 4},
-                {TABLE, 8},
-                {FIRST, 8},
-                {NAME, 256},
-                {ENTRY_1 + 240, 64},
-                {ENTRY_2 + 368, 8},
-                {ENTRY_2 + RECLEN, 8},
-                {ENTRY_3 + RECLEN, 8}};
+  const size_t offsets[] = {0, 8, 16, 20, 56, 128, 136, 144, 768, 1264, 1768, 1456, 1832};
+  const size_t sizes[] = {8, 4, 4, 4, 8, 4, 8, 8, 256, 64, 8, 8, 8};
   const ox_u64 values[] = {
       0, 1, 4, 8, 257, 368, 376, 385, 752, 759, 1024, 2159, 2160, 2161, ~ox_u64{0} - 375};
   std::string text = "sound: " + found_in(sample()) + "\ncut: " + found_in(Bytes(1023)) + "\n";
-  for (const auto& field : fields) {
+  for (size_t i = 0; i < std::size(offsets); i++) {
     for (const ox_u64 value : values) {
-      if (field.size > 8 && value > 1) {
+      if (sizes[i] > 8 && value > 1) {
         break; /* a text is all 'n' or all NUL */
       }
       Bytes bytes = sample();
-      field.size > 8 ? (void)memset(bytes.data() + field.offset, value == 0 ? 0 : 'n', field.size)
-                     : (void)memcpy(bytes.data() + field.offset, &value, field.size);
-      text += std::to_string(field.offset) + '=' + std::to_string(value) + ": " + found_in(bytes) +
-              "\n";
+      ox_u8* const at = bytes.data() + offsets[i];
+      sizes[i] > 8 ? (void)memset(at, value == 0 ? 0 : 'n', sizes[i])
+                   : (void)memcpy(at, &value, sizes[i]);
+      text +=
+          std::to_string(offsets[i]) + '=' + std::to_string(value) + ": " + found_in(bytes) + "\n";
     }
   }
   expect_text_of("damage", text);
