@@ -8,6 +8,7 @@
 #include <memory>
 #include <stdexcept>
 
+#include "eventually.h"
 #include "ox_logging.h"
 #include "page_end.h"
 #include "tnw_fd.h"
@@ -300,6 +301,12 @@ void CallPlayer::add_files() {
   };
   commands_["read_only"] = [this](auto& a) {
     return SetFileAttributesA(text(a, 0).c_str(), FILE_ATTRIBUTE_READONLY) != 0 ? "" : "no";
+  };
+  commands_["until_there"] = [this](auto& a) {
+    return eventually([&] { return fs::exists(text(a, 0)); }) ? "" : "it never came";
+  };
+  commands_["until_gone"] = [this](auto& a) {
+    return eventually([&] { return !fs::exists(text(a, 0)); }) ? "" : "it stays";
   };
   commands_["mkdir"] = [this](auto& a) { return fs::create_directories(text(a, 0)), ""; };
   commands_["debug"] = [](auto& a) { return ox_debug = static_cast<int>(a.number(0)), ""; };

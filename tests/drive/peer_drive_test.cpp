@@ -50,15 +50,6 @@ size_t threads() {
   return count;
 }
 
-/* Runs a program of the host that Wine runs on, in `folder`. */
-void run_on_host(std::string command, const std::string& folder) {
-  STARTUPINFOA start = {};
-  PROCESS_INFORMATION run = {};
-  const std::string program = "Z:\\bin\\" + command.substr(0, command.find(' '));
-  EXPECT_TRUE(CreateProcessA(program.c_str(), command.data(), nullptr, nullptr, FALSE, 0, nullptr,
-                             folder.c_str(), &start, &run));
-}
-
 }  // namespace
 
 /* The end of a process stops its other threads where they stand. */
@@ -136,28 +127,4 @@ TEST_F(Start, GivesTheLastFreeDescriptorToOneOfTwoThreads) {
     EXPECT_EQ(errs[0] + errs[1], 24);
     files.back() = got[0] != nullptr ? got[0] : got[1];
   }
-}
-
-/* Wine's own kind of link, which it lists but cannot remove; a relative one, so that the moved one
- * leads to the same target. */
-TEST_F(Start, AndPurgeDoNotFollowALink) {
-  const std::string all = drive_.folder / "drive.test", dir = cache_dir(drive_.record);
-  const std::string target = drive_.folder / "target";
-  fs::create_directories(dir);
-  fs::create_directories(target);
-  write_file(target + "\\file", "x");
-  SetEnvironmentVariableA("TMP", all.c_str());
-  run_on_host("ln -s ../../target link", dir);
-  ASSERT_TRUE(eventually([&] { return file_exists(dir + "\\link\\file"); }));
-  tnw_purge_opt_t po = {};
-  set_field(po.po_workdir, drive_.record.tnw_workdir);
-  set_field(po.po_domain, drive_.record.tnw_domain);
-  set_field(po.po_username, drive_.record.tnw_username);
-  EXPECT_NE(tnw_purge_cache(&po), 0);
-  SetEnvironmentVariableA("TMP", nullptr);
-  EXPECT_TRUE(file_exists(target + "\\file"));
-  EXPECT_FALSE(file_exists(dir));
-  EXPECT_EQ(log_.count("Failed to purge tmp/cachedir "), 1u);
-  run_on_host("rm -r drive.test", drive_.folder.path().string());
-  EXPECT_TRUE(eventually([&] { return !file_exists(all); }));
 }

@@ -299,5 +299,15 @@ void PeerPlayer::add_start_commands() {
     return RegDeleteTreeA(HKEY_CURRENT_USER, "SOFTWARE\\Oxley\\Oxley Drive\\drive.test\\ada"), "";
   };
   commands_["init"] = [this](auto& a) { return init(a); };
+  /* host COMMAND FOLDER: runs a program of the host that Wine runs on */
+  commands_["host"] = [this](auto& a) {
+    STARTUPINFOA start = {};
+    PROCESS_INFORMATION run = {};
+    std::string command = a[0];
+    const std::string program = "Z:\\bin\\" + command.substr(0, command.find(' '));
+    CreateProcessA(program.c_str(), command.data(), nullptr, nullptr, FALSE, 0, nullptr,
+                   text(a, 1).c_str(), &start, &run);
+    return "";
+  };
   commands_["purge"] = [this](auto& a) { return purge(a); };
 }
