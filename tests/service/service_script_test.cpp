@@ -37,9 +37,9 @@ class ServiceScript : public testing::TestWithParam<ScriptCase> {
     }
   }
 
-  using Request = std::function<std::string(RawConnection& connection, const Arguments& a)>;
+  using Request = std::function<std::string(RawConnection& connection, Args a)>;
   void add(const char* name, const Request& request) {
-    commands_[name] = [this, request](const Arguments& a) {
+    commands_[name] = [this, request](Args a) {
       const auto on = a.options.find("on");
       return request(*connections_.at(on != a.options.end() ? on->second : ""), a);
     };
@@ -56,8 +56,8 @@ class ServiceScript : public testing::TestWithParam<ScriptCase> {
   void add_process();
   void add_texts();
   void add_files();
-  std::string open(RawConnection& connection, const Arguments& a);
-  std::string read(const Arguments& a);
+  std::string open(RawConnection& connection, Args a);
+  std::string read(Args a);
 
   const TestFolder folder_;
   ServiceProcess service_{folder_.path().string()};
@@ -68,35 +68,27 @@ class ServiceScript : public testing::TestWithParam<ScriptCase> {
 
 /* What other clients do in the cloud. */
 void ServiceScript::add_cloud() {
-  commands_["cloud"] = [this](const Arguments& a) {
-    a[0].ends_with('/') ? (void)fs::create_directories(cloud(a[0])) : write_file(cloud(a[0]), a[1]);
-    return "";
-  };
-  commands_["read_only"] = [this](const Arguments& a) {
-    const DWORD attributes = a.number(1) != 0 ? FILE_ATTRIBUTE_READONLY : FILE_ATTRIBUTE_NORMAL;
-    SetFileAttributesW(cloud(a[0]).c_str(), attributes);
-    return "";
-  };
-  commands_["content"] = [this](const Arguments& a) {
+  commands_.add("cloud", [this](Args a) { write_file(cloud(a[0]), a[1]); });
+  commands_.add("cloud_folder", [this](Args a) { fs::create_directories(cloud(a[0])); });
+  commands_.add("read_only", [this](Args a) {
+    const bool set = a.number(1) != 0;
+    SetFileAttributesW(cloud(a[0]).c_str(), set ? FILE_ATTRIBUTE_READONLY : FILE_ATTRIBUTE_NORMAL);
+  });
+  commands_.add("content", [this](Args a) {
     return fs::is_directory(cloud(a[0])) ? "folder" : as_word(read_file(cloud(a[0])));
-  };
+  });
 }
 
 void ServiceScript::add_process() {
-  commands_["socket"] = [this](const Arguments& a) { return open_socket(a[0]), ""; };
-  commands_["connect"] = [this](const Arguments& a) {
-    return connect(a[0], a.words.size() > 1 ? a[1] : "/");
-  };
-  add("receive", [](RawConnection& connection, const Arguments&) {
-    return name_of(connection.receive().error());
-  });
-  add("shutdown", [this](RawConnection& connection, const Arguments&) {
-    connection.ask(TNV_OP_SHUTDOWN);
+  commands_.add("socket", [this](Args a) { open_socket(a[0]); });
+  commands_.add("connect",
+                [this](Args a) { return connect(a[0], a.words.size() > 1 ? a[1] : "/"); });
+  add("receive", [](RawConnection& c, Args) { return name_of(c.receive().error()); });
+  add("shutdown", [this](RawConnection& c, Args) {
+    c.ask(TNV_OP_SHUTDOWN);
     return std::to_string(service_.wait());
   });
-  commands_["count"] = [this](const Arguments& a) {
-    return std::to_string(service_.counts().at(a[0]));
-  };
+  commands_.add("count", [this](Args a) { return service_.counts().at(a[0]); });
 }
 
 /* What the answer says to a request with texts. */
@@ -129,14 +121,14 @@ void ServiceScript::add_texts() {
                                                        {"token", TNV_OP_UPDATETOKEN},
                                                        {"proxy", TNV_OP_WIN_SETPROXY}};
   for (const auto& [name, opcode] : requests) {
-    add(name, [opcode = opcode](RawConnection& connection, const Arguments& a) {
+    add(name, [opcode = opcode](RawConnection& connection, Args a) {
       const RawAnswer answer = connection.texts(opcode, a.words);
       EXPECT_TRUE(opcode != TNV_OP_WIN_DENUM || connection.close(answer.id) == answer.error());
       return said(opcode, answer);
     });
   }
   /* raw OPCODE NUMBER... BYTES: the numbers in the place of the lengths. */
-  add("raw", [](RawConnection& connection, const Arguments& a) {
+  add("raw", [](RawConnection& connection, Args a) {
     const auto fill = [&](Payload& u) {
       for (size_t i = 1; i + 1 < a.words.size(); i++) {
         reinterpret_cast<ox_s32*>(u.bytes)[i - 1] = std::stoi(a[i], nullptr, 0);
@@ -147,7 +139,7 @@ void ServiceScript::add_texts() {
   });
 }
 
-std::string ServiceScript::open(RawConnection& connection, const Arguments& a) {
+std::string ServiceScript::open(RawConnection& connection, Args a) {
   const auto option = [&](const char* name, uint32_t otherwise) {
     return static_cast<uint32_t>(a.option(name, otherwise));
   };
@@ -167,7 +159,7 @@ std::string ServiceScript::open(RawConnection& connection, const Arguments& a) {
          (mapped ? " mapped" : "");
 }
 
-std::string ServiceScript::read(const Arguments& a) {
+std::string ServiceScript::read(Args a) {
   std::string content(a.number(1), '#');
   ReadFile(files_.at(a[0]).handle(), content.data(), static_cast<DWORD>(content.size()), nullptr,
            nullptr);
@@ -175,12 +167,12 @@ std::string ServiceScript::read(const Arguments& a) {
 }
 
 void ServiceScript::add_files() {
-  add("open", [this](RawConnection& c, const Arguments& a) { return open(c, a); });
-  add("change", [this](RawConnection& c, const Arguments& a) {
+  add("open", [this](RawConnection& c, Args a) { return open(c, a); });
+  add("change", [this](RawConnection& c, Args a) {
     return name_of(c.change(files_.at(a[0]), static_cast<uint32_t>(a.number(1)), a[2]));
   });
-  commands_["read"] = [this](const Arguments& a) { return read(a); };
-  add("cache", [this](RawConnection& connection, const Arguments& a) {
+  commands_.add("read", [this](Args a) { return read(a); });
+  add("cache", [this](RawConnection& connection, Args a) {
     const RawAnswer answer =
         connection.region(TNV_OP_CACHE_REGION, files_.at(a[0]), a.number(1), a.number(2));
     const tnv_cache_region_resp& region = answer.resp.u.cache_region;
@@ -189,16 +181,16 @@ void ServiceScript::add_files() {
                : std::to_string(region.cr_soff) + "+" + std::to_string(region.cr_sz) + " of " +
                      std::to_string(region.cr_fsz);
   });
-  add("truncate", [this](RawConnection& c, const Arguments& a) {
+  add("truncate", [this](RawConnection& c, Args a) {
     return name_of(c.truncate(files_.at(a[0]), a.number(1)));
   });
-  add("cleanup", [this](RawConnection& c, const Arguments& a) {
+  add("cleanup", [this](RawConnection& c, Args a) {
     return name_of(c.end(TNV_OP_WIN_CLEANUP, files_.at(a[0]).id));
   });
-  add("close", [this](RawConnection& c, const Arguments& a) {
+  add("close", [this](RawConnection& c, Args a) {
     return name_of(c.close(files_.at(a[0]).id, a.has("modified") ? uint32_t{TNV_FL_MODIFIED} : 0));
   });
-  add("lock", [this](RawConnection& c, const Arguments& a) {
+  add("lock", [this](RawConnection& c, Args a) {
     static const std::map<std::string, int> TYPES = {{"lease", TN_SMBLK_LEASE},
                                                      {"shared", TN_SMBLK_SH_BRL},
                                                      {"exclusive", TN_SMBLK_EX_BRL},
