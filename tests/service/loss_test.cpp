@@ -186,18 +186,14 @@ class Loss : public testing::Test {
     return fs::is_directory(kept) ? std::distance(fs::directory_iterator(kept), {}) : 0;
   }
   /* The content of the one file beside those with these names. */
-  std::string beside(const std::string& name) { return cloud_.content(conflict_of(name)); }
-  std::string conflict_of(const std::string& name) {
+  std::string beside(const std::string& name) {
     std::string found;
-    EXPECT_TRUE(cloud_
-                    .list({}, "",
-                          [&](const CloudEntry& entry) {
-                            found = entry.name.starts_with(name + " (conflict of me ") ? entry.name
-                                                                                       : found;
-                            return true;
-                          })
-                    .ok());
-    return found;
+    const auto look = [&](const CloudEntry& entry) {
+      found = entry.name.starts_with(name + " (conflict of me ") ? entry.name : found;
+      return true;
+    };
+    EXPECT_TRUE(cloud_.list({}, "", look).ok());
+    return cloud_.content(found);
   }
 
   TestFolder folder_;

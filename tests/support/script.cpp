@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <stdexcept>
+#include <utility>
 
 #include "ox_errno.h"
 #include "test_folder.h"
@@ -26,9 +27,9 @@ std::string quoted_part(const std::string& line, size_t* at) {
       text += static_cast<char>(std::stoi(line.substr(*at + 1, 2), nullptr, 16));
       *at += 2;
     } else {
-      static const std::map<char, char> escapes = {{'n', '\n'}, {'r', '\r'}, {'0', '\0'}};
-      const auto found = escapes.find(escape);
-      text += found != escapes.end() ? found->second : line[*at];
+      static const std::map<char, char> ESCAPES = {{'n', '\n'}, {'r', '\r'}, {'0', '\0'}};
+      const auto found = ESCAPES.find(escape);
+      text += found != ESCAPES.end() ? found->second : line[*at];
     }
   }
   ++*at;
@@ -153,33 +154,29 @@ void play(const ScriptCase& script_case, const Commands& commands) {
   }
 }
 
-/* Ends the part in quotes that a word ends with; an empty one goes. */
-static void end_part(std::string* word) {
-  const bool is_empty = *word == "\"" || (word->ends_with('"') && isdigit(word->end()[-2]) != 0);
-  is_empty ? word->pop_back() : word->push_back('"');
-}
-
 std::string as_word(const std::string& text) {
-  std::string word = "\"";
+  std::string word;
+  std::string part; /* that goes into quotes */
+  const auto end_part = [&] { word += part.empty() ? "" : '"' + std::exchange(part, "") + '"'; };
   for (size_t at = 0; at < text.size();) {
     const size_t run = std::min(text.find_first_not_of(text[at], at), text.size()) - at;
-    char shown[5] = {text[at]};
     const auto byte = static_cast<unsigned char>(text[at]);
+    char shown[5] = {text[at]};
     if (byte < ' ' || byte >= 0xf5) { /* no character, nor a part of one */
       snprintf(shown, sizeof shown, "\\x%02x", byte);
     } else if (text[at] == '"' || text[at] == '\\') {
       snprintf(shown, sizeof shown, "\\%c", text[at]);
     }
-    const bool repeats = run >= SHORTEST_RUN;
-    if (repeats) {
-      end_part(&word);
-      word += '"' + std::string(shown) + "\"*" + std::to_string(run) + '"';
+    if (run < SHORTEST_RUN) {
+      part += shown;
+      at++;
     } else {
-      word += shown;
+      end_part();
+      word += '"' + std::string(shown) + "\"*" + std::to_string(run);
+      at += run;
     }
-    at += repeats ? run : 1;
   }
-  end_part(&word);
+  end_part();
   return word.empty() ? "\"\"" : word;
 }
 

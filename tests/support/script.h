@@ -86,6 +86,8 @@ std::string identifier_of(const ScriptCase& script_case);
 inline std::string case_name(const testing::TestParamInfo<ScriptCase>& info) {
   return identifier_of(info.param);
 }
-inline void PrintTo(const ScriptCase& script_case, std::ostream* out) { *out << script_case.name; }
+inline std::ostream& operator<<(std::ostream& out, const ScriptCase& script_case) {
+  return out << script_case.name;
+}
 
 #endif
