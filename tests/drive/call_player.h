@@ -7,6 +7,11 @@
  * A handle is a name: that of the drive, d, or one that came from as=NAME; null; a number; NAME+8,
  * so many bytes behind; or NAME-entry, the entry before an open file's in the table. A text may be
  * null. Without its arguments a call gets good ones.
+ *
+ *   quietly COMMAND ...          leaves out what was seen besides
+ *   begin NAME COMMAND ...       on another thread, whose answer is that of "end NAME"
+ *   drivecalls HANDLE ...        every call of a drive with each of the handles; filecalls: of a
+ * file put, mkdir, file, env ...    files and variables past the drive (CallPlayer::add_files)
  */
 #ifndef CALL_PLAYER_H
 #define CALL_PLAYER_H
