@@ -10,8 +10,9 @@
  *
  *   quietly COMMAND ...          leaves out what was seen besides
  *   begin NAME COMMAND ...       on another thread, whose answer is that of "end NAME"
- *   drivecalls HANDLE ...        every call of a drive with each of the handles; filecalls: of a
- * file put, mkdir, file, env ...    files and variables past the drive (CallPlayer::add_files)
+ *   drivecalls HANDLE ...        every call of a drive with each of the handles
+ *   filecalls HANDLE ...         every call of a file
+ *   put, mkdir, file, env ...    files and variables past the drive (CallPlayer::add_files)
  */
 #ifndef CALL_PLAYER_H
 #define CALL_PLAYER_H
