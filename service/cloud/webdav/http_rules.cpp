@@ -19,7 +19,7 @@ uint64_t file_time(int year, unsigned month, int day, int hour, int minute, int 
     return 0;
   }
   const int64_t days = std::chrono::sys_days(date).time_since_epoch().count();
-  const int64_t seconds = days * 86400 + hour * 3600 + minute * 60 + second;
+  const int64_t seconds = days * 86400 + int64_t{hour} * 3600 + int64_t{minute} * 60 + second;
   return static_cast<uint64_t>(seconds + SECONDS_1601_TO_1970) * TICKS_A_SECOND;
 }
 

@@ -30,7 +30,7 @@ bool is_success(const pugi::xml_node& propstat) {
 
 void take_properties(const pugi::xml_node& properties, DavItem* item) {
   const auto text = [&](std::string_view name) { return child(properties, name).text(); };
-  item->folder = item->folder || child(child(properties, "resourcetype"), "collection");
+  item->folder = item->folder || !child(child(properties, "resourcetype"), "collection").empty();
   item->size = text("getcontentlength").as_ullong(item->size);
   item->tag = text("getetag").as_string(item->tag.c_str());
   item->modified = text("getlastmodified").as_string(item->modified.c_str());
