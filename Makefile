@@ -16,12 +16,9 @@ build = printf '==> %s\n' 'Building in build/$(1)'; \
         quiet=--quiet; if [[ -t 1 ]]; then quiet=; fi; \
         cmake --build --preset $(1) $(if $(2),--target $(2)) -- $$quiet
 
-# The thread sanitizer fails on kernels that spread addresses widely. setarch stops them from doing
-# so, but some containers forbid it.
 test_sanitized = $(call configure,$(1)); $(call build,$(1)); \
         printf '==> Testing the %s build\n' $(1); \
-        spread=; if setarch -R true 2>/dev/null; then spread='setarch -R'; fi; \
-        $$spread ctest --preset $(1)
+        tools/test-sanitized $(1)
 
 # What the demonstration runs; the tests' libraries are not waited for.
 DEMO_TARGETS := tnw tarnd tnwsh ws2_32_wine afunix_probe

@@ -177,7 +177,7 @@ TEST_F(FetchTest, WhoWaitsForTheFirstBytesDoesNotWaitForTheLast) {
 
 TEST_F(FetchTest, AFailureReachesThoseWhoWaitedWhenItsReadBegan) {
   cloud_.before = [](CloudCall, const std::string&) { return CloudResult::of(OFFLINE); };
-  EXPECT_EQ(fetch({grains(4, 1)}, grains(0, 2)), OFFLINE);
+  EXPECT_EQ(fetch({grains(4, 1)}), OFFLINE);
   cloud_.before = nullptr;
   EXPECT_EQ(fetch({grains(4, 1)}), OK) << "a failure is not kept";
   copy_.before_write = [](uint64_t) { return OX_ENOSPC; };
