@@ -108,20 +108,6 @@ TEST_F(ServiceTest, SaysWhatItIsAndNumbersAndDelaysAnswersWhenTold) {
 
 /* ------------------------------------------------------------------ malformed requests */
 
-TEST_F(ServiceTest, LengthsThatCannotBeEndTheConnection) {
-  start_and_connect();
-  for (const ox_u32 length : {0u, 72u, 503u, 0x7fffffffu, 0xffffffffu}) {
-    RawConnection connection(service_);
-    tnv_msghdr header = {};
-    header.hdr_opcode = TNV_OP_GET_VERSION;
-    header.hdr_len = length;
-    ASSERT_TRUE(connection.send(&header, sizeof header));
-    EXPECT_EQ(connection.receive().error(), OX_EINVAL) << length;
-    EXPECT_FALSE(connection.receive().came) << length;
-  }
-  EXPECT_EQ(connection_->ask(TNV_OP_GET_VERSION).error(), 0) << "others go on";
-}
-
 TEST_F(ServiceTest, AnyBytesLeaveItAlive) {
   start_and_connect();
   std::minstd_rand random;
