@@ -11,8 +11,8 @@
 #include <future>
 #include <set>
 
+#include "cloud_player.h"
 #include "files/open_files.h"
-#include "memory_cloud.h"
 #include "names/folded_path.h"
 #include "ox_errno.h"
 #include "script.h"
@@ -268,6 +268,7 @@ class LossScript : public Loss, public testing::WithParamInterface<ScriptCase> {
   }
 
   Commands commands_;
+  CloudPlayer player_{cloud_};
   std::unique_ptr<Cache> cache_;
   std::map<std::string, Cache::Opened> opens_;
   std::atomic<bool> away_ = false;
@@ -278,14 +279,8 @@ void LossScript::add_service() {
   commands_.add("start", [this](Args a) { start(a); });
   commands_.add("stop", [this](Args) { stop(); });
   commands_.add("cloud", [this](Args a) { cloud_.set(a[0], a[1]); });
-  commands_.add("cloud_folder", [this](Args a) {
-    CloudEntry made;
-    return name_of(cloud_.make_folder({}, a[0], &made).code);
-  });
-  commands_.add("cloud_rename", [this](Args a) {
-    CloudEntry made;
-    return name_of(cloud_.rename({}, a[0], a[1], {}, &made).code);
-  });
+  commands_["cloud_folder"] = player_.commands().at("folder");
+  commands_["cloud_rename"] = player_.commands().at("rename");
   /* What uploads are answered with from now on, as the code is named. */
   commands_.add("uploads", [this](Args a) {
     auto code = CloudCode::OK;
