@@ -127,12 +127,6 @@ class Cache {
     }
     return err;
   }
-  /* A whole life of a change. */
-  int change(const std::string& path, const std::string& content) {
-    const Opened opened = open(path, true);
-    const int err = opened.error != 0 ? opened.error : write(opened, content);
-    return err != 0 ? err : close(opened);
-  }
   int fetch(const Opened& opened, uint64_t length) {
     RegionAnswer answer;
     return opened.file().cache_regions(opened.part(), 0, length, false, &answer);
@@ -164,14 +158,17 @@ class Cache {
   OpenFiles files_;
 };
 
-class Loss : public testing::Test {
+/* loss.txt. FILE is a name that the script gives an open. */
+class LossScript : public testing::TestWithParam<ScriptCase> {
  protected:
-  static bool changes(CloudCall call) { return call == CloudCall::PUT || call == CloudCall::PATCH; }
-  void refuse_uploads(const CloudResult& result) {
-    cloud_.before = [=](CloudCall call, const std::string&) {
-      return changes(call) ? result : CloudResult();
-    };
+  LossScript() {
+    add_service();
+    add_opens();
+    add_looks();
   }
+  ~LossScript() override { database_is_full = false; }
+
+  static bool changes(CloudCall call) { return call == CloudCall::PUT || call == CloudCall::PATCH; }
   std::vector<fs::path> local_files() const {
     std::vector<fs::path> files;
     for (const auto& entry : fs::directory_iterator(folder_.path() / "files")) {
@@ -195,48 +192,6 @@ class Loss : public testing::Test {
     EXPECT_TRUE(cloud_.list({}, "", look).ok());
     return cloud_.content(found);
   }
-
-  TestFolder folder_;
-  MemoryCloud cloud_;
-};
-
-TEST_F(Loss, ATransferHoldsUpNobodyElse) {
-  cloud_.set("big", "old");
-  cloud_.set("a", "a");
-  Cache cache(cloud_, folder_, {.wait = milliseconds(50)});
-  std::promise<void> go;
-  const std::shared_future<void> gone = go.get_future().share();
-  std::atomic<int> puts = 0;
-  cloud_.before = [&](CloudCall call, const std::string& path) {
-    if (changes(call) && path.starts_with("big") && puts++ == 0) {
-      gone.wait();
-    }
-    return CloudResult();
-  };
-  EXPECT_EQ(cache.change("big", "new"), 0) << "answered while it goes up";
-  EXPECT_EQ(cache.rename("a", "b"), 0);
-  EXPECT_EQ(cache.change("b", "c"), 0);
-  EXPECT_EQ(cloud_.content("b"), "c");
-  EXPECT_EQ(cloud_.content("big"), "old");
-  auto renamed = std::async(std::launch::async, [&] { return cache.rename("big", "big 2"); });
-  EXPECT_EQ(cache.rename("b", "a"), 0) << "while the other rename waits for its upload";
-  EXPECT_EQ(renamed.wait_for(milliseconds(0)), std::future_status::timeout);
-  go.set_value();
-  EXPECT_EQ(renamed.get(), 0);
-  EXPECT_TRUE(cache.settles());
-  EXPECT_EQ(cloud_.content("big 2"), "new");
-  EXPECT_EQ(cloud_.files(), 2u);
-}
-
-/* The same from loss.txt. FILE is a name that the script gives an open. */
-class LossScript : public Loss, public testing::WithParamInterface<ScriptCase> {
- protected:
-  LossScript() {
-    add_service();
-    add_opens();
-    add_looks();
-  }
-  ~LossScript() override { database_is_full = false; }
 
   using Open = const Cache::Opened&;
   void add(const char* name, std::function<int(Open file, Args a)> call) {
@@ -267,12 +222,16 @@ class LossScript : public Loss, public testing::WithParamInterface<ScriptCase> {
     return testing::PrintToString(sizes);
   }
 
+  TestFolder folder_;
+  MemoryCloud cloud_;
   Commands commands_;
   CloudPlayer player_{cloud_};
   std::unique_ptr<Cache> cache_;
   std::map<std::string, Cache::Opened> opens_;
   std::atomic<bool> away_ = false;
   std::atomic<uint64_t> calls_ = 0;
+  std::promise<void> go_;
+  std::future<int> renamed_;
 };
 
 void LossScript::add_service() {
@@ -288,7 +247,11 @@ void LossScript::add_service() {
       code = static_cast<CloudCode>(static_cast<int>(code) + 1);
     }
     const bool busy = code == CloudCode::BUSY;
-    refuse_uploads(busy ? CloudResult::busy(milliseconds(1)) : CloudResult::of(code));
+    cloud_.before = [=](CloudCall call, const std::string&) {
+      return !changes(call) ? CloudResult()
+             : busy         ? CloudResult::busy(milliseconds(1))
+                            : CloudResult::of(code);
+    };
   });
   commands_.add("database", [](Args a) { database_is_full = a.has("full"); });
   commands_.add("settles", [this](Args) {
@@ -319,6 +282,16 @@ void LossScript::add_service() {
       return calls_++ == failing ? CloudResult::of(CloudCode::OFFLINE) : CloudResult();
     };
   });
+  /* The next upload of a path that begins so waits for "go". */
+  commands_.add("hold_upload", [this](Args a) {
+    cloud_.before = [this, start = a[0]](CloudCall call, const std::string& path) {
+      if (changes(call) && path.starts_with(start) && calls_++ == 0) {
+        go_.get_future().wait();
+      }
+      return CloudResult();
+    };
+  });
+  commands_.add("go", [this](Args) { go_.set_value(); });
   commands_.add("calls", [this](Args) { return calls_.load(); });
   commands_.add("folder_of_kept",
                 [this](Args) { fs::create_directories(folder_.path() / "files" / "kept"); });
@@ -351,6 +324,13 @@ void LossScript::add_opens() {
   add("truncate", [](Open o, Args a) { return o.file().truncate(o.part(), a.number(1)); });
   add("clean_up", [this](Open file, Args) { return (*cache_)->clean_up(*file.open), 0; });
   commands_.add("rename", [this](Args a) { return error_name(cache_->rename(a[0], a[1])); });
+  commands_.add("begin_rename", [this](Args a) {
+    renamed_ = std::async(std::launch::async, &Cache::rename, cache_.get(), a[0], a[1]);
+  });
+  commands_.add("has_renamed", [this](Args) {
+    return renamed_.wait_for(milliseconds(0)) == std::future_status::ready;
+  });
+  commands_.add("end_rename", [this](Args) { return error_name(renamed_.get()); });
   commands_.add("is_one_file", [this](Args a) {
     return opens_.at(a[0]).open->file == opens_.at(a[1]).open->file;
   });
