@@ -38,11 +38,6 @@ class ServiceTest : public testing::Test {
     }
     return "";
   }
-  int close_file(const RawFile& file, uint32_t tnflags = 0) {
-    CloseHandle(file.handle());
-    return connection_->close(file.id, tnflags);
-  }
-
   TestFolder folder_;
   ServiceProcess service_{folder_.path().string()};
   std::unique_ptr<RawConnection> connection_;
@@ -172,7 +167,8 @@ TEST_F(ServiceTest, AClientsOpensAreItsOwnAndEndWithItWithoutALoss) {
   EXPECT_TRUE(eventually([&] { return connection_->lock(file, TN_SMBLK_EX_BRL, 9, 1) == 0; }));
   const RawFile exclusive = connection_->open("b.txt", {.share = 0});
   EXPECT_EQ(exclusive.error, 0);
-  EXPECT_EQ(close_file(exclusive) | close_file(file), 0);
+  CloseHandle(file.handle());
+  EXPECT_EQ(connection_->close(exclusive.id) | connection_->close(file.id), 0);
   EXPECT_TRUE(eventually([&] { return beside("a") == "new content"; })) << "nobody closed it";
   EXPECT_EQ(read_file(cloud() + "/a.txt"), "old content");
 }
