@@ -51,26 +51,3 @@ TEST_F(Drive, ThreadsReadOneOpenFileAtOnce) {
   }
   EXPECT_EQ(wrong, 0);
 }
-
-TEST_F(Drive, WarmReadsAndWritesSendNoMessage) {
-  drive.put("file", noise(20 * REGION, 9));
-  DriveFile file(drive, "file");
-  ASSERT_EQ(file.read(0, 4 * REGION).size(), 4 * REGION); /* fetches four regions at once */
-  ASSERT_EQ(file.write(2 * REGION + 1, "x"), 0);          /* reports one of them */
-  ASSERT_EQ(file.write(30 * REGION, "x"), 0);             /* reports one that needs no fetch */
-  for (ox_u64 i = 0; i < 500; i++) {
-    ASSERT_EQ(file.read(i * 7, REGION + 1).size(), REGION + 1);
-    ASSERT_EQ(file.write(2 * REGION + i * 8, "warm"), 0);
-    ASSERT_EQ(file.write(30 * REGION + i * 8, "appended"), 0);
-  }
-  EXPECT_EQ(file.close(), 0);
-  ASSERT_EQ(drive.stop(), 0);
-  EXPECT_EQ(drive.count("cache_region"), 1u);
-  EXPECT_EQ(drive.count("dirty_region"), 2u);
-  EXPECT_EQ(drive.count("open"), 1u);
-  EXPECT_EQ(drive.count("close"), 1u);
-  EXPECT_EQ(drive.count("regions_fetched"), 4u);
-  EXPECT_EQ(drive.count("bytes_fetched"), 4 * REGION);
-  EXPECT_EQ(drive.count("files_written_back"), 1u);
-  EXPECT_EQ(drive.count("malformed"), 0u);
-}

@@ -11,7 +11,6 @@
 
 #include <regex>
 
-#include "eventually.h"
 #include "ox_logging.h"
 #include "ox_platform.h"
 #include "ox_tpool.h"
@@ -133,9 +132,6 @@ class FaultPlayer : public PeerPlayer {
       return LockFile(held_, 0, 0, MAXDWORD, MAXDWORD) != 0 ? "" : "not held";
     };
     commands_["release"] = [this](auto&) { return CloseHandle(held_) != 0 ? "" : "not held"; };
-    commands_["wait_for_line"] = [this](auto& a) {
-      return eventually([&] { return whole_log_.count(a[0]) != 0; }) ? "" : "it never came";
-    };
     /* The pool refuses every thread but its own workers. */
     commands_["toggle_drain"] = [](auto&) {
       return tnw_tninstances.tni_next->tni_tpool->tp_flags ^= OX_TPOOL_FL_DRAIN, "";

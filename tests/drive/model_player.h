@@ -220,14 +220,10 @@ class ModelPlayer {
   }
 
   bool has_beside(const std::string& name, const std::string& bytes) const {
-    const std::string start = std::filesystem::path(name).filename().string() + " (conflict of ";
-    for (const auto& entry : std::filesystem::directory_iterator(drive_.in_cloud(folder_))) {
-      const std::string beside = entry.path().filename().string();
-      if (beside.starts_with(start) && drive_.get(folder_ + "/" + beside) == bytes) {
-        return true;
-      }
-    }
-    return false;
+    const auto all = drive_.beside(name);
+    return std::any_of(all.begin(), all.end(), [&](const std::string& beside) {
+      return drive_.get(folder_ + "/" + beside) == bytes;
+    });
   }
 
   void close_all() {

@@ -37,8 +37,4 @@ class AtPageEnd {
   char* pages_;
 };
 
-/* A text of that many characters with its NUL, and one without that fills a field of that size. */
-inline AtPageEnd text_of(size_t length) { return AtPageEnd(std::string(length, 'n') + '\0'); }
-inline AtPageEnd full_field(size_t size) { return AtPageEnd(std::string(size, 'f')); }
-
 #endif

@@ -9,6 +9,7 @@
 #include "line_mask.h"
 #include "ox_logging.h"
 #include "process_state.h"
+#include "tnv_connio_win.h"
 #include "tnw_fd.h"
 #include "wire_text.h"
 
@@ -239,6 +240,9 @@ void PeerPlayer::add_local_commands() {
     const bool below = std::stoull(line.substr(at + 20)) < 1000 * a.number(0);
     return (below ? "below " : "not below ") + a[0] + " ms";
   };
+  commands_["wait_for_line"] = [this](auto& a) {
+    return eventually([&] { return whole_log_.count(a[0]) != 0; }) ? "" : "it never came";
+  };
   commands_["lines_with"] = [this](auto& a) { /* as they stand in the log, of the whole case */
                                               return std::to_string(whole_log_.count(text(a, 0)));
   };
@@ -299,6 +303,10 @@ void PeerPlayer::add_start_commands() {
     return RegDeleteTreeA(HKEY_CURRENT_USER, "SOFTWARE\\Oxley\\Oxley Drive\\drive.test\\ada"), "";
   };
   commands_["init"] = [this](auto& a) { return init(a); };
+  /* As the service does when it is ready. */
+  commands_["signal_start"] = [this](auto&) {
+    return std::to_string(tnv_signal_start(socket_path(drive_.record).data()));
+  };
   /* host COMMAND FOLDER: runs a program of the host that Wine runs on */
   commands_["host"] = [this](auto& a) {
     STARTUPINFOA start = {};

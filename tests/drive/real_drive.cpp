@@ -113,9 +113,10 @@ std::string RealDrive::get(const std::string& name) const { return read_file(in_
 
 std::vector<std::string> RealDrive::beside(const std::string& name) const {
   std::vector<std::string> found;
-  for (const auto& entry : fs::directory_iterator(in_cloud(""))) {
+  const std::string start = in_cloud(name).filename().string() + " (conflict of ";
+  for (const auto& entry : fs::directory_iterator(in_cloud(name).parent_path())) {
     const std::string file = entry.path().filename().string();
-    if (file.starts_with(name + " (conflict of ")) {
+    if (file.starts_with(start)) {
       found.push_back(file);
     }
   }

@@ -48,7 +48,7 @@ class RealDrive {
   std::filesystem::path in_cloud(const std::string& name) const;
   void put(const std::string& name, const std::string& content) const;
   std::string get(const std::string& name) const;
-  /* The cloud's conflict copies of a file at its root. */
+  /* The names of a file's conflict copies in the cloud. */
   std::vector<std::string> beside(const std::string& name) const;
 
   /* A listing: the names with their entries; the code that ended it (18 at the end). */

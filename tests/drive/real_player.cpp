@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-RealPlayer::RealPlayer() {
+RealPlayer::RealPlayer(const std::string& server) : drive_(server) {
   commands_["start"] = [this](auto& a) {
     set_field(drive_.record.tnw_authtoken, option(a, "authtoken", "token"));
     drive_.record.tnw_max_threads = static_cast<int>(a.option("max_threads", 4));
@@ -11,6 +11,9 @@ RealPlayer::RealPlayer() {
     return std::to_string(drive_.error);
   };
   commands_["stop"] = [this](auto&) { return std::to_string(drive_.stop()); };
+  commands_["stop_gently"] = [this](auto&) { return std::to_string(drive_.stop_gently()); };
+  /* What the service that was stopped last has counted. */
+  commands_["count"] = [this](auto& a) { return std::to_string(drive_.count(a[0])); };
   /* The names in the order of their bytes, with their sizes; the code that ended the listing. */
   commands_["list"] = [this](auto& a) {
     int code = -1;

@@ -10,7 +10,8 @@
 
 class RealPlayer : public CallPlayer {
  public:
-  RealPlayer();
+  /* The server as RealDrive takes it. */
+  explicit RealPlayer(const std::string& server = "");
 
  protected:
   std::string expanded(const std::string& text) const override;

@@ -1,95 +1,69 @@
-/* A drive on a web server that goes away, is busy, refuses the token or is behind a proxy. */
-#include <gmock/gmock.h>
+/*
+ * A drive on a web server that goes away, is busy, refuses the token or is behind a proxy, from a
+ * script.
+ */
 #include <gtest/gtest.h>
 #include <windows.h>
 
 #include "eventually.h"
-#include "real_drive.h"
+#include "real_player.h"
 #include "web_front.h"
 
 namespace {
 
-constexpr OpenHow WRITING = {.disposition = TNW_DISP_OPEN_IF};
-constexpr std::chrono::seconds BACK_IN_TIME{40};
+int requests_of_proxy() {
+  int requests = 0;
+  for (const std::string& line : lines_of(read_file(of_servers("TNW_PROXY_LOG")))) {
+    requests += line.find("Request") != std::string::npos ? 1 : 0;
+  }
+  return requests;
+}
 
-class WebDrive : public testing::Test {
+/* FRONT_AT in texts is where the front listens, which can also be a proxy. */
+class WebPlayer : public RealPlayer {
+ public:
+  WebPlayer() : RealPlayer("FRONT") {
+    tell_front("token=");
+    commands_["front"] = [](auto& a) { return tell_front(a[0]), ""; };
+    commands_["until_file"] = [this](auto& a) {
+      const bool came =
+          eventually([&] { return read_file(text(a, 0)) == a[1]; }, std::chrono::seconds(40));
+      return came ? "" : "it never came";
+    };
+    /* The server itself, not its front, for the next start. */
+    commands_["behind_proxy"] = [this](auto&) {
+      const std::string folder = drive_.cloud.filename().string() + '/';
+      set_field(drive_.record.tnw_api_addr, of_servers("TNW_RCLONE") + folder);
+      set_field(drive_.record.tnw_proxy_server, of_servers("TNW_PROXY"));
+      set_field(drive_.record.tnw_proxy_uname, "ada");
+      set_field(drive_.record.tnw_proxy_password, "secret");
+      return "";
+    };
+    /* Who got requests since it was asked last. */
+    commands_["asked"] = [this](auto&) {
+      const int proxy = std::exchange(proxy_, requests_of_proxy());
+      const int front = std::exchange(front_, tell_front(""));
+      return std::string(proxy_ > proxy ? "proxy" : "") + (front_ > front ? "front" : "");
+    };
+  }
+
  protected:
-  explicit WebDrive(const char* server = "FRONT") : drive(server) { tell_front("token="); }
+  std::string expanded(const std::string& text) const override {
+    std::string whole = RealPlayer::expanded(text);
+    const std::string front = of_servers("TNW_FRONT");
+    const std::string port = front.substr(front.rfind(':'));
+    replace_all(whole, "FRONT_AT", "localhost" + port.substr(0, port.size() - 1));
+    return whole;
+  }
 
-  RealDrive drive;
+ private:
+  int proxy_ = requests_of_proxy(), front_ = tell_front("");
 };
 
+class WebDrive : public testing::TestWithParam<ScriptCase> {};
+
+TEST_P(WebDrive, Plays) { WebPlayer().play_case(GetParam()); }
+
+INSTANTIATE_TEST_SUITE_P(Web, WebDrive, testing::ValuesIn(script_cases("web_drive")), case_name);
+
 }  // namespace
-
-/* The server is killed, or answers 503 to everything. */
-TEST_F(WebDrive, WhileTheServerIsAwayOpenFilesGoOnAndTheirChangesGoUpLater) {
-  ASSERT_TRUE(drive.start()) << drive.error;
-  for (const std::string fault : {"server=kill", "method=any&status=503&after=2&times=100000"}) {
-    SCOPED_TRACE(fault);
-    const std::string name = "file of " + fault.substr(0, 6);
-    const std::string content = noise(20'000, 7);
-    drive.put(name, content);
-    DriveFile file(drive, "\\FILE" + name.substr(4), WRITING); /* in whatever case */
-    ASSERT_EQ(file.read_all(), content);
-    tell_front(fault);
-    EXPECT_EQ(file.read_all(), content);
-    EXPECT_EQ(file.write(5, "changed"), 0);
-    EXPECT_EQ(file.close(), 0);
-    EXPECT_EQ(drive.get(name), content);
-    tell_front("server=start");
-    EXPECT_TRUE(
-        eventually([&] { return drive.get(name) == std::string(content).replace(5, 7, "changed"); },
-                   BACK_IN_TIME));
-  }
-}
-
-TEST_F(WebDrive, ARefusedTokenIsToldAndAnotherOneEndsItWithNoOpenFileLost) {
-  ASSERT_TRUE(drive.start()) << drive.error;
-  DriveFile file(drive, "\\file", WRITING);
-  EXPECT_EQ(file.write(0, "before"), 0);
-  tell_front("token=Bearer%20renewed");
-  DriveFile refused(drive, "\\other", WRITING);
-  EXPECT_NE(refused.error(), 0);
-  EXPECT_EQ(DriveFile(drive, "\\other", WRITING).error(), ERROR_LOGON_FAILURE);
-  char renewed[] = "renewed";
-  EXPECT_EQ(tnw_updatetoken(drive.drive, renewed), 0);
-  EXPECT_EQ(DriveFile(drive, "\\other", WRITING).error(), 0);
-  EXPECT_EQ(file.write(6, " and after"), 0);
-  EXPECT_EQ(file.close(), 0);
-  EXPECT_TRUE(eventually([&] { return drive.get("file") == "before and after"; }, BACK_IN_TIME));
-}
-
-TEST_F(WebDrive, AllRequestsGoThroughTheProxyUntilAnotherOneIsSet) {
-  const auto through_proxy = [] {
-    const auto lines = lines_of(read_file(of_servers("TNW_PROXY_LOG")));
-    return std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
-      return line.find("Request") != std::string::npos;
-    });
-  };
-  RealDrive behind("RCLONE");
-  set_field(behind.record.tnw_proxy_server, of_servers("TNW_PROXY"));
-  set_field(behind.record.tnw_proxy_uname, "ada");
-  set_field(behind.record.tnw_proxy_password, "secret");
-  ASSERT_TRUE(behind.start()) << behind.error;
-  behind.put("file", "content");
-  const std::string large = noise(100'000, 3); /* leaves in pieces */
-  const int past_it = tell_front("");
-  EXPECT_EQ(DriveFile(behind, "\\file", {.access = TNW_ACC_READ}).read_all(), "content");
-  DriveFile written(behind, "\\large", WRITING);
-  EXPECT_EQ(written.write(0, large), 0);
-  EXPECT_EQ(written.close(), 0);
-  EXPECT_TRUE(eventually([&] { return behind.get("large") == large; }, BACK_IN_TIME));
-  const auto seen = through_proxy();
-  EXPECT_GT(seen, 0);
-  EXPECT_EQ(tell_front(""), past_it);
-  std::string front = of_servers("TNW_FRONT"); /* a server that hands on is a proxy, too */
-  front = "localhost" + front.substr(front.rfind(':'));
-  front.pop_back();
-  EXPECT_EQ(tnw_set_http_proxy(behind.drive, front.c_str(), "", ""), 0);
-  DriveFile fresh(behind, "\\new", WRITING);
-  EXPECT_EQ(fresh.write(0, "new"), 0);
-  EXPECT_EQ(fresh.close(), 0);
-  EXPECT_TRUE(eventually([&] { return behind.get("new") == "new"; }, BACK_IN_TIME));
-  EXPECT_GT(tell_front(""), past_it);
-  EXPECT_EQ(through_proxy(), seen);
-}

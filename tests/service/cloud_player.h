@@ -34,7 +34,7 @@ class CloudPlayer {
     commands["rename"] = [this](const Arguments& a) { return rename(a); };
     commands["remove"] = [this](const Arguments& a) { return remove(a); };
     commands["folder"] = [this](const Arguments& a) {
-      return item(cloud_.make_folder({}, a[0], &entry_));
+      return item(cloud_.make_folder(context, a[0], &entry_));
     };
     commands["fails"] = [this](Arguments a) {
       const std::string command = a[0];
@@ -44,6 +44,7 @@ class CloudPlayer {
     };
     return commands;
   }
+  tarnd::CloudContext context;                              /* of each call */
   const tarnd::CloudEntry& entry() const { return entry_; } /* of the last call that has one */
 
  private:
@@ -73,11 +74,11 @@ class CloudPlayer {
 
   tarnd::CloudResult status(const std::string& path) {
     entry_ = {};
-    return cloud_.status({}, path, &entry_);
+    return cloud_.status(context, path, &entry_);
   }
   std::string put(const Arguments& arguments) {
     TextSnapshot content(arguments[1]);
-    return made(cloud_.put({}, arguments[0], {version(arguments, "if")}, content, &entry_),
+    return made(cloud_.put(context, arguments[0], {version(arguments, "if")}, content, &entry_),
                 arguments);
   }
   std::string get(const Arguments& arguments) {
@@ -87,18 +88,18 @@ class CloudPlayer {
       return failure(found);
     }
     std::string content;
-    const auto result =
-        cloud_.read({}, arguments[0], names_version ? version(arguments, "of") : entry_.version,
-                    {arguments.option("at", 0), arguments.option("size", entry_.size)},
-                    [&](const char* data, size_t size) {
-                      content.append(data, size);
-                      return 0;
-                    });
+    const auto result = cloud_.read(
+        context, arguments[0], names_version ? version(arguments, "of") : entry_.version,
+        {arguments.option("at", 0), arguments.option("size", entry_.size)},
+        [&](const char* data, size_t size) {
+          content.append(data, size);
+          return 0;
+        });
     return result.ok() ? as_word(content) : failure(result);
   }
   std::string list(const std::string& path) {
     std::set<std::string> items;
-    const auto result = cloud_.list({}, path, [&](const tarnd::CloudEntry& entry) {
+    const auto result = cloud_.list(context, path, [&](const tarnd::CloudEntry& entry) {
       return items.insert(text_of(entry.name, entry)).second;
     });
     std::string text = failure(result);
@@ -108,13 +109,13 @@ class CloudPlayer {
     return text;
   }
   std::string remove(const Arguments& arguments) {
-    return failure(cloud_.remove({}, arguments[0], version(arguments, "if")));
+    return failure(cloud_.remove(context, arguments[0], version(arguments, "if")));
   }
   std::string rename(const Arguments& arguments) {
     status(arguments[0]);
     const tarnd::RenameConditions conditions = {version(arguments, "if"),
                                                 version(arguments, "over"), entry_.modified};
-    return made(cloud_.rename({}, arguments[0], arguments[1], conditions, &entry_), arguments);
+    return made(cloud_.rename(context, arguments[0], arguments[1], conditions, &entry_), arguments);
   }
 
   tarnd::Cloud& cloud_;

@@ -143,25 +143,6 @@ TEST_F(CloudTest, NoVersionComesTwice) {
   }
 }
 
-TEST_F(CloudTest, PathsMayBeLong) {
-  const std::string name(100, 'n');
-  std::vector<std::string> paths = {name};
-  for (int depth = 1; depth < 6; depth++) {
-    paths.push_back(paths.back() + '/' + name);
-  }
-  for (const std::string& path : paths) {
-    ASSERT_TRUE(cloud_->make_folder({}, path, &made_).ok()) << path;
-  }
-  paths.push_back(paths.back() + "/file");
-  EXPECT_EQ(put(paths.back(), "deep"), CloudCode::OK);
-  CloudPlayer player(*cloud_);
-  EXPECT_EQ(player.commands()["get"]({{paths.back()}, {}}), "\"deep\"");
-  EXPECT_EQ(player.commands()["list"]({{paths[5]}, {}}), "file 4");
-  for (; !paths.empty(); paths.pop_back()) { /* the standard library's removal knows none */
-    EXPECT_TRUE(cloud_->remove({}, paths.back(), "").ok()) << paths.back();
-  }
-}
-
 /*
  * Somebody has the file open and shares everything: older systems refuse to replace it until he
  * closes it, and then the put goes through.

@@ -11,8 +11,8 @@
 #include <future>
 #include <set>
 
+#include "cloud_player.h"
 #include "files/open_files.h"
-#include "memory_cloud.h"
 #include "names/folded_path.h"
 #include "ox_errno.h"
 #include "script.h"
@@ -127,12 +127,6 @@ class Cache {
     }
     return err;
   }
-  /* A whole life of a change. */
-  int change(const std::string& path, const std::string& content) {
-    const Opened opened = open(path, true);
-    const int err = opened.error != 0 ? opened.error : write(opened, content);
-    return err != 0 ? err : close(opened);
-  }
   int fetch(const Opened& opened, uint64_t length) {
     RegionAnswer answer;
     return opened.file().cache_regions(opened.part(), 0, length, false, &answer);
@@ -164,14 +158,17 @@ class Cache {
   OpenFiles files_;
 };
 
-class Loss : public testing::Test {
+/* loss.txt. FILE is a name that the script gives an open. */
+class LossScript : public testing::TestWithParam<ScriptCase> {
  protected:
-  static bool changes(CloudCall call) { return call == CloudCall::PUT || call == CloudCall::PATCH; }
-  void refuse_uploads(const CloudResult& result) {
-    cloud_.before = [=](CloudCall call, const std::string&) {
-      return changes(call) ? result : CloudResult();
-    };
+  LossScript() {
+    add_service();
+    add_opens();
+    add_looks();
   }
+  ~LossScript() override { database_is_full = false; }
+
+  static bool changes(CloudCall call) { return call == CloudCall::PUT || call == CloudCall::PATCH; }
   std::vector<fs::path> local_files() const {
     std::vector<fs::path> files;
     for (const auto& entry : fs::directory_iterator(folder_.path() / "files")) {
@@ -195,128 +192,6 @@ class Loss : public testing::Test {
     EXPECT_TRUE(cloud_.list({}, "", look).ok());
     return cloud_.content(found);
   }
-
-  TestFolder folder_;
-  MemoryCloud cloud_;
-};
-
-TEST_F(Loss, ATransferHoldsUpNobodyElse) {
-  cloud_.set("big", "old");
-  cloud_.set("a", "a");
-  Cache cache(cloud_, folder_, {.wait = milliseconds(50)});
-  std::promise<void> go;
-  const std::shared_future<void> gone = go.get_future().share();
-  std::atomic<int> puts = 0;
-  cloud_.before = [&](CloudCall call, const std::string& path) {
-    if (changes(call) && path.starts_with("big") && puts++ == 0) {
-      gone.wait();
-    }
-    return CloudResult();
-  };
-  EXPECT_EQ(cache.change("big", "new"), 0) << "answered while it goes up";
-  EXPECT_EQ(cache.rename("a", "b"), 0);
-  EXPECT_EQ(cache.change("b", "c"), 0);
-  EXPECT_EQ(cloud_.content("b"), "c");
-  EXPECT_EQ(cloud_.content("big"), "old");
-  auto renamed = std::async(std::launch::async, [&] { return cache.rename("big", "big 2"); });
-  EXPECT_EQ(cache.rename("b", "a"), 0) << "while the other rename waits for its upload";
-  EXPECT_EQ(renamed.wait_for(milliseconds(0)), std::future_status::timeout);
-  go.set_value();
-  EXPECT_EQ(renamed.get(), 0);
-  EXPECT_TRUE(cache.settles());
-  EXPECT_EQ(cloud_.content("big 2"), "new");
-  EXPECT_EQ(cloud_.files(), 2u);
-}
-
-/* Each call of the cloud fails once, until a run in which there is no such call. */
-TEST_F(Loss, AFailedCallDuringARenameLosesNoFileAndMakesNoSecondOne) {
-  for (int failing = 0, calls = 1; failing < calls; failing++) {
-    SCOPED_TRACE(failing);
-    TestFolder folder;
-    MemoryCloud cloud;
-    cloud.set("f", "old content");
-    Cache cache(cloud, folder);
-    const auto opened = cache.open("f");
-    ASSERT_EQ(cache.write(opened, "new"), 0);
-    calls = 0;
-    cloud.before = [&](CloudCall, const std::string&) {
-      return calls++ == failing ? CloudResult::of(CloudCode::OFFLINE) : CloudResult();
-    };
-    const bool moved = cache.rename("f", "g") == 0;
-    cloud.before = nullptr;
-    EXPECT_EQ(moved, failing >= calls);
-    const auto again = cache.open(moved ? "g" : "f");
-    EXPECT_EQ(again.error, 0);
-    EXPECT_EQ(again.open->file, opened.open->file) << "one cached file";
-    EXPECT_EQ(cache.fetch(again, 11), 0);
-    EXPECT_EQ(cache.close(again) | cache.close(opened), 0);
-    EXPECT_TRUE(cache.settles());
-    EXPECT_EQ(cloud.content(moved ? "g" : "f"), "new content");
-    EXPECT_EQ(cloud.files(), 1u);
-  }
-}
-
-/*
- * The service ends when the cloud has renamed the file or the folder above it, or had no answer: it
- * looks in both places.
- */
-TEST_F(Loss, AFileIsFoundWhereARenameWithoutAnAnswerLeftIt) {
-  for (int way = 0; way < 16; way++) {
-    const bool closed = (way & 1) != 0;
-    const bool arrives = (way & 2) != 0;
-    const bool whole = (way & 4) != 0; /* the folder is renamed */
-    const bool fresh = (way & 8) != 0; /* the file is not in the cloud yet */
-    SCOPED_TRACE(way);
-    TestFolder folder;
-    MemoryCloud cloud;
-    CloudEntry made;
-    ASSERT_TRUE(cloud.make_folder({}, "d", &made).ok());
-    const std::string rest(fresh ? 0 : 60, '.'); /* of which nothing is local */
-    if (!fresh) {
-      cloud.set("d/f", "old content" + rest);
-    }
-    const std::string from = whole ? "d" : "d/f";
-    const std::string to = whole ? "e" : "d/g";
-    {
-      Cache cache(cloud, folder, {.wait = milliseconds(1)});
-      std::atomic<bool> away = false; /* from the rename on, so that nobody looks too early */
-      cloud.before = [&](CloudCall call, const std::string&) {
-        const bool is_rename = call == CloudCall::RENAME;
-        away = away || is_rename;
-        return is_rename               ? CloudResult::of(CloudCode::UNKNOWN_OUTCOME)
-               : away || changes(call) ? CloudResult::of(CloudCode::OFFLINE)
-                                       : CloudResult();
-      };
-      const auto opened = cache.open("d/f");
-      EXPECT_EQ(cache.write(opened, fresh ? "new content" : "new"), 0);
-      EXPECT_EQ(closed ? cache.close(opened) : 0, 0);
-      cache->clean_up(*opened.open);
-      EXPECT_EQ(cache.rename(from, to) == 0, fresh && !whole) << "of what the cloud does not have";
-    }
-    cloud.before = nullptr;
-    if (arrives && (whole || !fresh)) {
-      EXPECT_TRUE(cloud.rename({}, from, to, {}, &made).ok());
-    }
-    Cache cache(cloud, folder);
-    EXPECT_TRUE(cache.settles());
-    const std::string parent = whole && arrives ? "e" : "d";
-    const bool moved = !whole && (arrives || fresh);
-    const std::string name = parent + (moved ? "/g" : "/f");
-    const std::string old = fresh ? "none" : "old content" + rest;
-    EXPECT_EQ(cloud.content(name), closed ? "new content" + rest : old);
-    EXPECT_EQ(cloud.files(), closed || fresh ? 2u : 3u) << "with the folder";
-  }
-}
-
-/* The same from loss.txt. FILE is a name that the script gives an open. */
-class LossScript : public Loss, public testing::WithParamInterface<ScriptCase> {
- protected:
-  LossScript() {
-    add_service();
-    add_opens();
-    add_looks();
-  }
-  ~LossScript() override { database_is_full = false; }
 
   using Open = const Cache::Opened&;
   void add(const char* name, std::function<int(Open file, Args a)> call) {
@@ -347,15 +222,24 @@ class LossScript : public Loss, public testing::WithParamInterface<ScriptCase> {
     return testing::PrintToString(sizes);
   }
 
+  TestFolder folder_;
+  MemoryCloud cloud_;
   Commands commands_;
+  CloudPlayer player_{cloud_};
   std::unique_ptr<Cache> cache_;
   std::map<std::string, Cache::Opened> opens_;
+  std::atomic<bool> away_ = false;
+  std::atomic<uint64_t> calls_ = 0;
+  std::promise<void> go_;
+  std::future<int> renamed_;
 };
 
 void LossScript::add_service() {
   commands_.add("start", [this](Args a) { start(a); });
   commands_.add("stop", [this](Args) { stop(); });
   commands_.add("cloud", [this](Args a) { cloud_.set(a[0], a[1]); });
+  commands_["cloud_folder"] = player_.commands().at("folder");
+  commands_["cloud_rename"] = player_.commands().at("rename");
   /* What uploads are answered with from now on, as the code is named. */
   commands_.add("uploads", [this](Args a) {
     auto code = CloudCode::OK;
@@ -363,7 +247,11 @@ void LossScript::add_service() {
       code = static_cast<CloudCode>(static_cast<int>(code) + 1);
     }
     const bool busy = code == CloudCode::BUSY;
-    refuse_uploads(busy ? CloudResult::busy(milliseconds(1)) : CloudResult::of(code));
+    cloud_.before = [=](CloudCall call, const std::string&) {
+      return !changes(call) ? CloudResult()
+             : busy         ? CloudResult::busy(milliseconds(1))
+                            : CloudResult::of(code);
+    };
   });
   commands_.add("database", [](Args a) { database_is_full = a.has("full"); });
   commands_.add("settles", [this](Args) {
@@ -377,6 +265,34 @@ void LossScript::add_service() {
       fs::resize_file(file, a.number(0));
     }
   });
+  /* A rename has no answer, and from then on nobody reaches the cloud. */
+  commands_.add("lose_rename", [this](Args) {
+    cloud_.before = [this](CloudCall call, const std::string&) {
+      const bool is_rename = call == CloudCall::RENAME;
+      away_ = away_ || is_rename;
+      return is_rename                ? CloudResult::of(CloudCode::UNKNOWN_OUTCOME)
+             : away_ || changes(call) ? CloudResult::of(CloudCode::OFFLINE)
+                                      : CloudResult();
+    };
+  });
+  /* The call of the cloud with this number fails, from 0. */
+  commands_.add("fail_call", [this](Args a) {
+    calls_ = 0;
+    cloud_.before = [this, failing = a.number(0)](CloudCall, const std::string&) {
+      return calls_++ == failing ? CloudResult::of(CloudCode::OFFLINE) : CloudResult();
+    };
+  });
+  /* The next upload of a path that begins so waits for "go". */
+  commands_.add("hold_upload", [this](Args a) {
+    cloud_.before = [this, start = a[0]](CloudCall call, const std::string& path) {
+      if (changes(call) && path.starts_with(start) && calls_++ == 0) {
+        go_.get_future().wait();
+      }
+      return CloudResult();
+    };
+  });
+  commands_.add("go", [this](Args) { go_.set_value(); });
+  commands_.add("calls", [this](Args) { return calls_.load(); });
   commands_.add("folder_of_kept",
                 [this](Args) { fs::create_directories(folder_.path() / "files" / "kept"); });
 }
@@ -406,6 +322,18 @@ void LossScript::add_opens() {
   add("write", [this](Open file, Args a) { return cache_->write(file, a[1]); });
   add("write_silently", [](Open file, Args a) { return Cache::write_silently(file, a[1]); });
   add("truncate", [](Open o, Args a) { return o.file().truncate(o.part(), a.number(1)); });
+  add("clean_up", [this](Open file, Args) { return (*cache_)->clean_up(*file.open), 0; });
+  commands_.add("rename", [this](Args a) { return error_name(cache_->rename(a[0], a[1])); });
+  commands_.add("begin_rename", [this](Args a) {
+    renamed_ = std::async(std::launch::async, &Cache::rename, cache_.get(), a[0], a[1]);
+  });
+  commands_.add("has_renamed", [this](Args) {
+    return renamed_.wait_for(milliseconds(0)) == std::future_status::ready;
+  });
+  commands_.add("end_rename", [this](Args) { return error_name(renamed_.get()); });
+  commands_.add("is_one_file", [this](Args a) {
+    return opens_.at(a[0]).open->file == opens_.at(a[1]).open->file;
+  });
   add("fetch", [this](Open file, Args a) { return cache_->fetch(file, a.number(1)); });
 }
 

@@ -1,4 +1,4 @@
-/* Who may talk to the service. */
+/* Who may talk to the service, and reach its files. */
 #include "private_access.h"
 
 #include "raw_client.h"
@@ -12,42 +12,6 @@
 #include "tnv_connio_win.h"
 
 namespace {
-
-using tarnd::Access;
-
-constexpr const wchar_t* USER = L"S-1-5-21-1-2-3-1001";
-const std::wstring MINE = L"O:S-1-5-21-1-2-3-1001";
-
-Access access_of(const std::wstring& sddl) {
-  void* descriptor = nullptr;
-  EXPECT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl.c_str(), SDDL_REVISION_1,
-                                                                   &descriptor, nullptr));
-  const Access access = tarnd::access_in(descriptor, USER);
-  LocalFree(descriptor);
-  return access;
-}
-
-TEST(PrivateAccess, OwnerAndListDecide) {
-  const struct {
-    std::wstring sddl;
-    Access access;
-  } cases[] = {
-      {MINE + L"D:P(A;OICI;FA;;;S-1-5-21-1-2-3-1001)", Access::USER_ONLY},
-      {MINE + L"D:(A;OICIID;FA;;;SY)(A;OICIID;FA;;;BA)(A;OICIIOID;FA;;;CO)(A;;FA;;;S-1-3-4)",
-       Access::USER_ONLY},
-      {L"O:BAD:(A;;FA;;;S-1-5-21-1-2-3-1001)(D;;FA;;;WD)", Access::USER_ONLY},
-      {MINE + L"D:(A;;FA;;;S-1-5-21-1-2-3-1001)(A;;FR;;;WD)", Access::OTHERS_TOO},
-      {MINE + L"D:(A;OICIIOID;0x1301bf;;;AU)", Access::OTHERS_TOO}, /* in what is made inside */
-      {MINE + L"D:(A;;FX;;;S-1-5-21-1-2-3-1002)", Access::OTHERS_TOO},
-      {MINE, Access::OTHERS_TOO}, /* without a list everybody may */
-      {L"O:S-1-5-21-1-2-3-1002D:P(A;;FA;;;S-1-5-21-1-2-3-1001)", Access::OTHER_OWNER},
-      {L"O:WDD:P(A;;FA;;;S-1-5-21-1-2-3-1001)", Access::OTHER_OWNER},
-      {L"D:P(A;;FA;;;S-1-5-21-1-2-3-1001)", Access::OTHER_OWNER},
-  };
-  for (const auto& [sddl, access] : cases) {
-    EXPECT_EQ(access_of(sddl), access) << std::string(sddl.begin(), sddl.end());
-  }
-}
 
 std::wstring list_of(const std::wstring& path) {
   void* descriptor = nullptr;

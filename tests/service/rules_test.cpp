@@ -1,7 +1,15 @@
-/* The command line as the library composes it, the environment, and byte-range locks: rules.txt. */
+/*
+ * The command line as the library composes it, the environment, byte-range locks, who may reach a
+ * file, the limits of the cache, and the names of conflict copies: rules.txt.
+ */
+#include "private_access.h"
+/* after windows.h */
 #include <gtest/gtest.h>
+#include <sddl.h>
 
+#include "cache_limits.h"
 #include "files/range_locks.h"
+#include "names/conflict_name.h"
 #include "options.h"
 #include "script.h"
 
@@ -14,6 +22,8 @@ class Rules : public testing::TestWithParam<ScriptCase> {
   Rules() {
     add_options();
     add_locks();
+    add_access_and_names();
+    add_limits();
   }
 
   void add_options() {
@@ -55,10 +65,38 @@ class Rules : public testing::TestWithParam<ScriptCase> {
     });
     commands_.add("release", [this](Args a) { locks_.release(a.number(0)); });
   }
+  /* What a security descriptor, as text, gives the user S-1-5-21-1-2-3-1001. */
+  static std::string access(Args a) {
+    void* descriptor = nullptr;
+    EXPECT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorA(a[0].c_str(), SDDL_REVISION_1,
+                                                                     &descriptor, nullptr));
+    const Access access = access_in(descriptor, L"S-1-5-21-1-2-3-1001");
+    LocalFree(descriptor);
+    return access == Access::USER_ONLY    ? "user only"
+           : access == Access::OTHERS_TOO ? "others too"
+                                          : "other owner";
+  }
+  void add_access_and_names() {
+    commands_["access"] = access;
+    commands_.add("conflict_name", [](Args a) {
+      return conflict_name(a[0], a[1], a[2], static_cast<int>(a.number(3)));
+    });
+  }
+  void add_limits() {
+    commands_.add("free_space", [this](Args a) { free_space_ = a.number(0); });
+    commands_.add("limits", [this](Args a) {
+      limits_.emplace(a.option("size", 0), a.option("keep_free", 0),
+                      [this] { return free_space_; });
+    });
+    commands_.add("may_fetch", [this](Args a) { return limits_->may_fetch(a.number(0)); });
+    commands_.add("over", [this](Args a) { return limits_->over(a.number(0)); });
+  }
 
   Options options_;
   std::string error_;
   RangeLocks locks_;
+  uint64_t free_space_ = 0;
+  std::optional<CacheLimits> limits_;
   Commands commands_;
 };
 

@@ -83,6 +83,13 @@ void ServiceScript::add_process() {
   commands_.add("socket", [this](Args a) { open_socket(a[0]); });
   commands_.add("connect",
                 [this](Args a) { return connect(a[0], a.words.size() > 1 ? a[1] : "/"); });
+  /* A message of this length, of which just the header comes. */
+  add("header", [](RawConnection& c, Args a) {
+    tnv_msghdr header = {};
+    header.hdr_opcode = TNV_OP_GET_VERSION;
+    header.hdr_len = static_cast<ox_u32>(a.number(0));
+    return name_of(c.send(&header, sizeof header) ? c.receive().error() : OX_EIO);
+  });
   add("receive", [](RawConnection& c, Args) { return name_of(c.receive().error()); });
   add("shutdown", [this](RawConnection& c, Args) {
     c.ask(TNV_OP_SHUTDOWN);

@@ -28,12 +28,6 @@ class ServiceTest : public testing::Test {
     connection_ = std::make_unique<RawConnection>(service_);
     ASSERT_EQ(connection_->connect().error(), 0);
   }
-  int shutdown() {
-    EXPECT_EQ(connection_->ask(TNV_OP_SHUTDOWN).error(), 0);
-    connection_.reset();
-    return service_.wait();
-  }
-
   std::string cloud() const { return folder_ / "cloud"; }
   /* The content of a conflict copy. */
   std::string beside(const std::string& name) const {
@@ -44,11 +38,6 @@ class ServiceTest : public testing::Test {
     }
     return "";
   }
-  int close_file(const RawFile& file, uint32_t tnflags = 0) {
-    CloseHandle(file.handle());
-    return connection_->close(file.id, tnflags);
-  }
-
   TestFolder folder_;
   ServiceProcess service_{folder_.path().string()};
   std::unique_ptr<RawConnection> connection_;
@@ -73,14 +62,11 @@ TEST_F(ServiceTest, StartsOnceAndEndsWhenAsked) {
   EXPECT_FALSE(second.start());
   EXPECT_EQ(second.wait(), 1);
 
-  connection_->close(connection_->texts(TNV_OP_WIN_DENUM, {"/"}).id);
-  EXPECT_EQ(shutdown(), 0);
+  EXPECT_EQ(connection_->ask(TNV_OP_SHUTDOWN).error(), 0);
+  EXPECT_EQ(service_.wait(), 0);
   EXPECT_TRUE(lock());
   CloseHandle(pid_file);
   EXPECT_FALSE(fs::exists(service_.socket_path()));
-  const auto counts = service_.counts();
-  EXPECT_EQ(counts.at("denum"), 1u);
-  EXPECT_EQ(counts.at("requests"), 4u) << "connect, denum, close, shutdown";
 
   fs::remove(cloud());
   EXPECT_FALSE(service_.start());
@@ -107,20 +93,6 @@ TEST_F(ServiceTest, SaysWhatItIsAndNumbersAndDelaysAnswersWhenTold) {
 }
 
 /* ------------------------------------------------------------------ malformed requests */
-
-TEST_F(ServiceTest, LengthsThatCannotBeEndTheConnection) {
-  start_and_connect();
-  for (const ox_u32 length : {0u, 72u, 503u, 0x7fffffffu, 0xffffffffu}) {
-    RawConnection connection(service_);
-    tnv_msghdr header = {};
-    header.hdr_opcode = TNV_OP_GET_VERSION;
-    header.hdr_len = length;
-    ASSERT_TRUE(connection.send(&header, sizeof header));
-    EXPECT_EQ(connection.receive().error(), OX_EINVAL) << length;
-    EXPECT_FALSE(connection.receive().came) << length;
-  }
-  EXPECT_EQ(connection_->ask(TNV_OP_GET_VERSION).error(), 0) << "others go on";
-}
 
 TEST_F(ServiceTest, AnyBytesLeaveItAlive) {
   start_and_connect();
@@ -195,7 +167,8 @@ TEST_F(ServiceTest, AClientsOpensAreItsOwnAndEndWithItWithoutALoss) {
   EXPECT_TRUE(eventually([&] { return connection_->lock(file, TN_SMBLK_EX_BRL, 9, 1) == 0; }));
   const RawFile exclusive = connection_->open("b.txt", {.share = 0});
   EXPECT_EQ(exclusive.error, 0);
-  EXPECT_EQ(close_file(exclusive) | close_file(file), 0);
+  CloseHandle(file.handle());
+  EXPECT_EQ(connection_->close(exclusive.id) | connection_->close(file.id), 0);
   EXPECT_TRUE(eventually([&] { return beside("a") == "new content"; })) << "nobody closed it";
   EXPECT_EQ(read_file(cloud() + "/a.txt"), "old content");
 }

@@ -5,7 +5,6 @@
 
 #include <fstream>
 
-#include "names/conflict_name.h"
 #include "ox_errno.h"
 #include "test_folder.h"
 
@@ -74,15 +73,6 @@ TEST(StateStore, KnowsADamagedDatabase) {
   std::vector<FileRecord> records;
   StateStore store;
   EXPECT_EQ(store.open(path, &records), OX_EINVAL);
-}
-
-TEST(ConflictName, KeepsTheEndAndIsNumbered) {
-  EXPECT_EQ(conflict_name("a/b.c/report.final.docx", "ada", "2026-01-02", 1),
-            "a/b.c/report.final (conflict of ada 2026-01-02).docx");
-  EXPECT_EQ(conflict_name("x (conflict of ada 2026-01-02).txt", "ada", "2026-01-03", 2),
-            "x (conflict of ada 2026-01-03 2).txt");
-  EXPECT_EQ(conflict_name(".profile", "a/d:a", "d", 1), ".profile (conflict of ada d)");
-  EXPECT_LE(conflict_name(std::string(244, 'n') + ".txt", "ada", "2026-01-02", 10).size(), 244u);
 }
 
 } /* namespace */

@@ -49,11 +49,6 @@ Bytes operator+(Bytes left, const Bytes& right) {
   return left;
 }
 
-std::string PeerRequest::text() const {
-  const auto* first = reinterpret_cast<const char*>(bytes.data()) + TNV_MSG_FIXED;
-  return std::string(first, strnlen(first, bytes.size() - TNV_MSG_FIXED));
-}
-
 /* ------------------------------------------------------------------- one connection */
 
 PeerConnection::~PeerConnection() {

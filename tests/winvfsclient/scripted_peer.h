@@ -43,8 +43,6 @@ struct PeerRequest {
 
   const tnv_msg& msg() const { return *reinterpret_cast<const tnv_msg*>(bytes.data()); }
   ox_u32 opcode() const { return msg().hdr.hdr_opcode; }
-  /* The first of the trailing texts. */
-  std::string text() const;
 };
 
 class ScriptedPeer;
