@@ -310,8 +310,9 @@ int OpenFiles::rename(const CloudEntry& entry, const std::string& from, const st
   }
   CloudEntry other;
   const auto there = known(folded_path(to));
-  if (there != nullptr && folded_path(to) != folded_path(entry.path) && there->new_entry(&other)) {
-    return OX_EEXIST; /* the cloud does not know of it yet */
+  if (there != nullptr && folded_path(to) != folded_path(entry.path) &&
+      (there->new_entry(&other) || there->has_unsaved())) {
+    return OX_EEXIST; /* the cloud does not know of it yet, or of its last change */
   }
   std::vector<Moving> moving = hold_for_move(entry, to);
   CloudEntry local;
