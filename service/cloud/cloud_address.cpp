@@ -8,9 +8,10 @@
 #include "cloud/fault/fault_cloud.h"
 #include "cloud/percent.h"
 #include "cloud/webdav/webdav_cloud.h"
-#include "names/any_case_cloud.h"
 #include "names/folded_path.h"
 #include "names/name_caching_cloud.h"
+#include "names/name_finding_cloud.h"
+#include "names/short_name.h"
 
 namespace tarnd {
 namespace {
@@ -79,8 +80,7 @@ std::unique_ptr<Cloud> open_cloud(const std::string& address, const CloudSetting
   if (fresh.count() > 0) {
     cloud = std::make_unique<NameCachingCloud>(std::move(cloud), fresh, folded_path);
   }
-  return is_web_address(plain) ? std::make_unique<AnyCaseCloud>(std::move(cloud), folded_path)
-                               : std::move(cloud);
+  return std::make_unique<NameFindingCloud>(std::move(cloud), folded_path, shown_name);
 }
 
 }  // namespace tarnd

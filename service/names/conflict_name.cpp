@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "names/share_path.h"
+#include "names/utf8.h"
 
 namespace tarnd {
 namespace {
@@ -18,15 +19,6 @@ std::string clean(std::string text) {
   return text.substr(0, 64);
 }
 
-/* Cut between two characters of UTF-8. */
-std::string cut(std::string text, size_t bytes) {
-  size_t end = std::min(bytes, text.size());
-  while (end > 0 && end < text.size() && (text[end] & 0xC0) == 0x80) {
-    end--;
-  }
-  return text.substr(0, end);
-}
-
 } /* namespace */
 
 std::string conflict_name(const std::string& path, const std::string& user, const std::string& date,
@@ -35,12 +27,13 @@ std::string conflict_name(const std::string& path, const std::string& user, cons
   const std::string name = path.substr(start);
   const size_t dot = name.rfind('.');
   const bool has_end = dot != std::string::npos && dot != 0;
-  const std::string end = has_end ? cut(name.substr(dot), 32) : "";
+  const std::string end = has_end ? cut_utf8(name.substr(dot), 32) : "";
   std::string stem = has_end ? name.substr(0, dot) : name;
   stem = stem.substr(0, stem.find(MARK));
-  const std::string mark = MARK + cut(clean(user), 64) + ' ' + date +
+  const std::string mark = MARK + cut_utf8(clean(user), 64) + ' ' + date +
                            (number > 1 ? ' ' + std::to_string(number) : "") + ')';
-  return path.substr(0, start) + cut(stem, MAX_NAME_BYTES - mark.size() - end.size()) + mark + end;
+  return path.substr(0, start) + cut_utf8(stem, MAX_NAME_BYTES - mark.size() - end.size()) + mark +
+         end;
 }
 
 } /* namespace tarnd */

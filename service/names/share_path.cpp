@@ -60,13 +60,13 @@ int append_names(std::string_view path, size_t floor, std::vector<std::string_vi
 
 }  // namespace
 
+bool is_windows_name(std::string_view name) {
+  return !name.empty() && std::none_of(name.begin(), name.end(), is_forbidden) &&
+         name.back() != '.' && name.back() != ' ' && !is_device(name) && is_utf8(name);
+}
+
 int check_name(std::string_view name) {
-  if (name.empty() || name.size() > MAX_NAME_BYTES ||
-      std::any_of(name.begin(), name.end(), is_forbidden) || name.back() == '.' ||
-      name.back() == ' ' || is_device(name) || !is_utf8(name)) {
-    return OX_EINVAL;
-  }
-  return 0;
+  return name.size() <= MAX_NAME_BYTES && is_windows_name(name) ? 0 : static_cast<int>(OX_EINVAL);
 }
 
 int normalise_share_path(const std::string& share, const std::string& path, std::string* out) {

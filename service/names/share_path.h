@@ -20,12 +20,14 @@ inline constexpr size_t MAX_NAME_BYTES = 244;
 int normalise_share_path(const std::string& share, const std::string& path, std::string* out);
 
 /*
- * Whether an item may have this name: 0 or OX_EINVAL. Any Unicode text of up to MAX_NAME_BYTES may,
- * except what is no name on Windows or could be taken for another file there: separators, control
- * characters, streams (':'), wildcards (also '<', '>' and '"', which match as such), a trailing dot
- * or space (dropped by programs that do not ask for verbatim paths) and the bare names of devices.
- * A device's name with an extension ("aux.c") is a file's name.
+ * Whether an item may have this name, whatever its length: any Unicode text may, except what is no
+ * name on Windows or could be taken for another file there: separators, control characters, streams
+ * (':'), wildcards (also '<', '>' and '"', which match as such), a trailing dot or space (dropped
+ * by programs that do not ask for verbatim paths) and the bare names of devices. A device's name
+ * with an extension ("aux.c") is a file's name.
  */
+bool is_windows_name(std::string_view name);
+/* Whether a drive takes the name: it also has up to MAX_NAME_BYTES. 0 or OX_EINVAL. */
 int check_name(std::string_view name);
 
 }  // namespace tarnd

@@ -2,6 +2,8 @@
 
 #include <glib.h>
 
+#include <algorithm>
+
 namespace tarnd {
 
 size_t utf8_character_size(std::string_view text) {
@@ -19,6 +21,14 @@ bool is_utf8(std::string_view text) {
     size = utf8_character_size(text);
   }
   return size != 0;
+}
+
+std::string cut_utf8(const std::string& text, size_t bytes) {
+  size_t end = std::min(bytes, text.size());
+  while (end > 0 && end < text.size() && (text[end] & 0xC0) == 0x80) {
+    end--;
+  }
+  return text.substr(0, end);
 }
 
 }  // namespace tarnd

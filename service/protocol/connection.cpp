@@ -17,6 +17,7 @@ namespace {
 
 constexpr int POLL_MS = 1000;
 constexpr size_t MAX_SEND = size_t{1} << 30;
+constexpr size_t INFOS_AT_ONCE = 256; /* 300 KiB */
 
 bool is_stopping(vfs_handle* vh) { return static_cast<const Service*>(vh->vfs_private)->stopping; }
 
@@ -184,17 +185,32 @@ bool Connection::send(const Request& request, Reply* reply) {
   const int err =
       tnv_send_response(&vh_, static_cast<int>(vh_.vfs_fd), request.msg(), &reply->resp);
   vh_.vfs_target_path = nullptr;
-  return !broken(err) && send_bulk(&reply->bulk);
+  return !broken(err) && send_bulk(reply->bulk.data(), reply->bulk.size()) &&
+         send_listing(reply->listing);
 }
 
-bool Connection::send_bulk(std::vector<uint8_t>* bulk) {
-  for (size_t sent = 0; sent < bulk->size();) {
-    const size_t count = std::min(bulk->size() - sent, MAX_SEND);
-    if (broken(tnv_sendbytes(&vh_, static_cast<int>(vh_.vfs_fd), nullptr, bulk->data() + sent,
+bool Connection::send_bulk(uint8_t* bytes, size_t size) {
+  for (size_t sent = 0; sent < size;) {
+    const size_t count = std::min(size - sent, MAX_SEND);
+    if (broken(tnv_sendbytes(&vh_, static_cast<int>(vh_.vfs_fd), nullptr, bytes + sent,
                              static_cast<int>(count)))) {
       return false;
     }
     sent += count;
+  }
+  return true;
+}
+
+bool Connection::send_listing(const std::vector<CloudEntry>& listing) {
+  std::vector<tnw_fileinfo> infos;
+  for (size_t sent = 0; sent < listing.size(); sent += infos.size()) {
+    infos.resize(std::min(listing.size() - sent, INFOS_AT_ONCE));
+    for (size_t i = 0; i < infos.size(); i++) {
+      info_of(listing[sent + i], &infos[i]);
+    }
+    if (!send_bulk(reinterpret_cast<uint8_t*>(infos.data()), infos.size() * sizeof infos[0])) {
+      return false;
+    }
   }
   return true;
 }

@@ -33,7 +33,8 @@ class Connection {
   void serve(const Request& request, Reply* reply);
   void delay(uint32_t opcode) const;
   bool send(const Request& request, Reply* reply);
-  bool send_bulk(std::vector<uint8_t>* bulk);
+  bool send_bulk(uint8_t* bytes, size_t size);
+  bool send_listing(const std::vector<CloudEntry>& listing);
   void note_connect(const Request& request);
   bool broken(int err);
 

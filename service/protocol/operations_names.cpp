@@ -3,29 +3,11 @@
 #include "names/folded_path.h"
 #include "names/share_path.h"
 #include "ox_errno.h"
-#include "ox_logging.h"
 #include "protocol/operations.h"
 #include "protocol/records.h"
 
 namespace tarnd {
 namespace {
-
-/* The listing's records, in the order of their names. */
-void append_infos(std::vector<CloudEntry> entries, Reply* reply) {
-  std::sort(entries.begin(), entries.end(),
-            [](const CloudEntry& a, const CloudEntry& b) { return a.name < b.name; });
-  reply->bulk.reserve(entries.size() * sizeof(tnw_fileinfo));
-  for (const CloudEntry& entry : entries) {
-    tnw_fileinfo info;
-    if (!info_of(entry, &info)) {
-      OX_LOG(OX_WARN_LEVEL, 0, "A name too long for a listing: %s", entry.name.c_str());
-      continue;
-    }
-    const uint8_t* bytes = reinterpret_cast<const uint8_t*>(&info);
-    reply->bulk.insert(reply->bulk.end(), bytes, bytes + sizeof info);
-  }
-  reply->resp.u.wdenum.wde_fi_len = reply->bulk.size() / sizeof(tnw_fileinfo);
-}
 
 /*
  * A listing is an open that asks for nothing: the client closes it like a file, or it ends with the
@@ -98,7 +80,10 @@ int serve_enumerate(Session& session, const Request& request, Reply* reply) {
   const bool has_parent =
       !path.empty() && service.files.look_up_remembered(parent_path(path), &parent) == 0;
   reply->resp.u.wdenum.wde_fso = fso_of(folder, has_parent ? &parent : nullptr, 0);
-  append_infos(std::move(entries), reply);
+  std::sort(entries.begin(), entries.end(),
+            [](const CloudEntry& a, const CloudEntry& b) { return a.name < b.name; });
+  reply->resp.u.wdenum.wde_fi_len = entries.size();
+  reply->listing = std::move(entries);
   return 0;
 }
 
@@ -110,7 +95,7 @@ int serve_stat(Session& session, const Request& request, Reply* reply) {
   err = err != 0 ? err : service.files.look_up_remembered(path, &entry);
   if (err == 0) {
     service.files.overlay(&entry);
-    err = info_of(entry, &reply->resp.u.wstat.wstat_fi) ? 0 : OX_EINVAL;
+    info_of(entry, &reply->resp.u.wstat.wstat_fi);
   }
   return err;
 }

@@ -1,5 +1,6 @@
 #include "protocol/records.h"
 
+#include "names/share_path.h"
 #include "uuid_text.h"
 
 namespace tarnd {
@@ -70,7 +71,7 @@ ox_statx_t stat_of(const CloudEntry& entry) {
   return st;
 }
 
-bool info_of(const CloudEntry& entry, tnw_fileinfo* info) {
+void info_of(const CloudEntry& entry, tnw_fileinfo* info) {
   *info = {};
   info->fi_attr = entry.attributes | (entry.folder ? FOLDER_ATTRIBUTE : 0);
   info->fi_ctime = entry.created;
@@ -78,8 +79,8 @@ bool info_of(const CloudEntry& entry, tnw_fileinfo* info) {
   info->fi_mtime = entry.modified;
   info->fi_size = entry.size;
   copy_field(info->fi_id, text_of_id(entry.id));
+  static_assert(sizeof info->fi_name > MAX_NAME_BYTES);
   copy_field(info->fi_name, entry.name);
-  return entry.name.size() <= sizeof info->fi_name;
 }
 
 }  // namespace tarnd

@@ -31,8 +31,7 @@ std::string_view field_text(const char (&field)[SIZE]) {
 /* `parent` is null for the cloud's root. `seqno`: how often the cached file was filled. */
 tnvfso fso_of(const CloudEntry& entry, const CloudEntry* parent, uint64_t seqno);
 ox_statx_t stat_of(const CloudEntry& entry);
-/* False when the name does not fit its field: a cut name would be another file's. */
-bool info_of(const CloudEntry& entry, tnw_fileinfo* info);
+void info_of(const CloudEntry& entry, tnw_fileinfo* info);
 
 }  // namespace tarnd
 

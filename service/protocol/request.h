@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "cloud/cloud.h"
 #include "tnv_proto.h"
 
 namespace tarnd {
@@ -44,7 +45,9 @@ class Request {
 struct Reply {
   tnv_resp resp = {};
   std::vector<uint8_t> bulk; /* follows the response */
-  std::string target;        /* the file that it is about, for the trace */
+  /* Follows, too. Its records take much more room, so they are made while they are sent. */
+  std::vector<CloudEntry> listing;
+  std::string target; /* the file that it is about, for the trace */
 };
 
 }  // namespace tarnd

@@ -114,7 +114,7 @@ bool DirectoryCloud::listed(const DirectoryItem& folder, const FILE_ID_BOTH_DIR_
                             CloudEntry* entry) {
   const std::wstring_view wide(found.FileName, found.FileNameLength / sizeof(wchar_t));
   std::string name;
-  if (is_part(wide) || !utf8_from_wide(wide, &name) || check_name(name) != 0) {
+  if (is_part(wide) || !utf8_from_wide(wide, &name) || !is_windows_name(name)) {
     return false;
   }
   *entry = listed_entry(folder.path, name, found);

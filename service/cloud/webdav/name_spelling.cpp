@@ -69,8 +69,8 @@ std::string spell_from(std::string_view name, size_t spelled_bytes) {
 
 std::string spelled_for_windows(std::string_view cloud_name) {
   std::string out = spell_from(cloud_name, 0);
-  /* What is left to refuse is a device's name, or too long. */
-  return out.size() <= MAX_NAME_BYTES && check_name(out) != 0 ? spelled_apart(cloud_name) : out;
+  /* What is left to refuse is a device's name. */
+  return is_windows_name(out) ? out : spelled_apart(cloud_name);
 }
 
 std::string spelled_apart(std::string_view cloud_name) { return spell_from(cloud_name, 1); }

@@ -9,7 +9,6 @@
 #include "cloud/webdav/name_spelling.h"
 #include "cloud/webdav/part_name.h"
 #include "names/folded_path.h"
-#include "names/share_path.h"
 #include "ox_logging.h"
 
 namespace tarnd {
@@ -222,10 +221,6 @@ CloudResult WebdavCloud::list(const CloudContext& context, const std::string& pa
     std::string name = spelled_for_windows(cloud_name);
     if (!folded_names.insert(folded_path(name)).second) {
       name = spelled_apart(cloud_name);
-    }
-    if (check_name(name) != 0) {
-      OX_LOG(OX_WARN_LEVEL, 0, "The name of %s is too long to be shown", item_path.c_str());
-      return true;
     }
     return sink(entry_of(item, join_path(path, name)));
   };

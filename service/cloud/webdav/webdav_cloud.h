@@ -13,8 +13,7 @@
  *   - A folder is deleted under a hidden name, after another look at it there: a server would
  *     delete what somebody put there just before. What a kill leaves under such a name is shown.
  *   - Hidden files that a killed upload left go a day later, when their folder is listed.
- *   - Names that Windows cannot hold have another spelling (name_spelling.h). Those that are too
- *     long for it are left out of listings.
+ *   - Names that Windows cannot hold have another spelling (name_spelling.h).
  *   - A file's id is the digest of its path.
  *
  * No lock is held during a request but a gate for the one path that is replaced.

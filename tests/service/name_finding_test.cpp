@@ -1,5 +1,5 @@
 /* Names in any case over a cloud that tells cases apart: it answers like one that does not. */
-#include "names/any_case_cloud.h"
+#include "names/name_finding_cloud.h"
 
 #include "cloud_walk.h"
 #include "names/name_caching_cloud.h"
@@ -13,8 +13,9 @@ TEST(AnyCase, AnswersLikeACloudThatTakesAllCasesForOne) {
                    [&](char c) { return random() % 2 == 0 ? toupper(c) : c; });
     return out;
   };
-  AnyCaseCloud cloud(std::make_unique<NameCachingCloud>(std::make_unique<MemoryCloud>(),
-                                                        std::chrono::hours(1), lower),
-                     lower);
+  const auto itself = [](const std::string& name) { return name; };
+  NameFindingCloud cloud(std::make_unique<NameCachingCloud>(std::make_unique<MemoryCloud>(),
+                                                            std::chrono::hours(1), lower),
+                         lower, itself);
   CloudWalk(cloud, {"a1", "b2", "dir", "dir/a1", "dir/b2"}, any_case).walk(5000);
 }

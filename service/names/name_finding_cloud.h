@@ -1,15 +1,17 @@
 /*
- * A cloud whose names are found in any case, over one that tells cases apart. What a path names
- * exactly is taken first. Where the cloud has nothing, the folders on the way are listed, and the
- * first name that differs in case alone is taken; the listings may be remembered ones
- * (name_caching_cloud.h). A rename never ends on a name that another item has in another case.
- * Contents are read and replaced by the paths that status and listings told.
+ * A cloud whose items are found by what Windows may call them: by their names in any case, also
+ * over a cloud that tells cases apart, and by the short names of those that are too long to be
+ * shown (short_name.h). What a path names exactly is taken first. Where the cloud has nothing, the
+ * folders on the way are listed, and the first item that has this name to Windows is taken; the
+ * listings may be remembered ones (name_caching_cloud.h). A rename never ends on a name that
+ * another item has in another case. Contents are read and replaced by the paths that status and
+ * listings told.
  *
  * A name that another client of the cloud makes at the same moment can still become such a twin. A
  * listing shows both.
  */
-#ifndef SERVICE_ANY_CASE_CLOUD_H
-#define SERVICE_ANY_CASE_CLOUD_H
+#ifndef SERVICE_NAME_FINDING_CLOUD_H
+#define SERVICE_NAME_FINDING_CLOUD_H
 
 #include <functional>
 #include <memory>
@@ -19,12 +21,13 @@
 namespace tarnd {
 
 /* Threads: any number. */
-class AnyCaseCloud : public Cloud {
+class NameFindingCloud : public Cloud {
  public:
-  using Fold = std::string (*)(const std::string& name);
+  using NameOf = std::string (*)(const std::string& name);
 
-  /* `fold` makes one text of all cases of a name. */
-  AnyCaseCloud(std::unique_ptr<Cloud> below, Fold fold) : below_(std::move(below)), fold_(fold) {}
+  /* `fold` makes one text of all cases of a name; `shown` is the name that is shown for another. */
+  NameFindingCloud(std::unique_ptr<Cloud> below, NameOf fold, NameOf shown)
+      : below_(std::move(below)), fold_(fold), shown_(shown) {}
 
   CloudCapabilities capabilities() const override;
   CloudResult status(const CloudContext& context, const std::string& path,
@@ -53,13 +56,15 @@ class AnyCaseCloud : public Cloud {
  private:
   using Call = std::function<CloudResult(const std::string& path)>;
 
+  bool may_differ(const std::string& path) const;
   CloudResult with_own_path(const CloudContext& context, const std::string& path, const Call& call);
   CloudResult own_path(const CloudContext& context, const std::string& path, std::string* own);
   CloudResult find_in(const CloudContext& context, const std::string& folder,
                       const std::string& name, std::string* own);
 
   const std::unique_ptr<Cloud> below_;
-  const Fold fold_;
+  const NameOf fold_;
+  const NameOf shown_;
 };
 
 }  // namespace tarnd
