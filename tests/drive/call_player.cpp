@@ -18,9 +18,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::vector<std::string> DRIVE_CALLS = {
-    "create", "findfirst",        "getfileinfo", "rename",         "delete",
-    "deinit", "canfilebedeleted", "updatetoken", "set_http_proxy", "deinit_force"};
+const std::vector<std::string> DRIVE_CALLS = {"create",           "findfirst",   "getfileinfo",
+                                              "rename",           "delete",      "deinit",
+                                              "canfilebedeleted", "updatetoken", "set_http_proxy",
+                                              "set_answer_limit", "deinit_force"};
 const std::vector<std::string> FILE_CALLS = {
     "read",       "write",    "setfilesize",      "lockfile",
     "unlockfile", "findnext", "checkfolderempty", "cleanup_file",
@@ -263,6 +264,9 @@ void CallPlayer::add_drive_calls() {
   add("updatetoken", [](Call& c) { return tnw_updatetoken(c.handle(), c.text(1, "t")); });
   add("set_http_proxy", [](Call& c) {
     return tnw_set_http_proxy(c.handle(), c.text(1), c.text(2, ""), c.text(3, ""));
+  });
+  add("set_answer_limit", [](Call& c) {
+    return tnw_set_answer_limit(c.handle(), static_cast<ox_u32>(c.number(1, 0)));
   });
   add("deinit", [](Call& c) { return tnw_deinit(c.handle(), c.has("force")); });
   add("deinit_force", [](Call& c) { return tnw_deinit_force(c.handle()); });

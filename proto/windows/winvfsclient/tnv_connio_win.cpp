@@ -58,6 +58,7 @@ struct Endpoint {
   SOCKET sock;
   vfs_handle* owner;     /* null, or asked whether it shuts down while nothing moves */
   bool closes_on_hangup; /* else the caller closes the socket after every failure */
+  tnw_watch* watch;      /* null, or asked while nothing moves */
 };
 
 /* A transfer under way. One thread uses it. */
@@ -68,6 +69,7 @@ struct Transfer {
   int left;
   bool at_end = false; /* a receive gave 0 bytes: only the hang-up can come */
   bool owner_exiting = false;
+  ULONGLONG moved_at = GetTickCount64(); /* when something moved last, or it began */
 };
 
 int hung_up(const Transfer& t) {
@@ -97,14 +99,38 @@ int poll_failed(const Transfer& t) {
   return err != 0 ? err : WSAENOTSOCK;
 }
 
-/* A second has passed. From a stream that ended before it, nothing more comes. */
+/* How much longer the other end may be silent, in milliseconds. */
+ULONGLONG patience(const Transfer& t) {
+  const ox_u32 limit = t.at.watch == nullptr ? 0 : std::atomic_ref(t.at.watch->tw_limit_ms).load();
+  const ULONGLONG silence = GetTickCount64() - t.moved_at;
+  return limit == 0 ? POLL_MS : limit - std::min<ULONGLONG>(limit, silence);
+}
+
+/* What its dead process or its silence tells of the other end: 0 while it may still answer. */
+int given_up(const Transfer& t) {
+  if (t.at.watch == nullptr) {
+    return 0;
+  }
+  const HANDLE process = t.at.watch->tw_process;
+  if (process != nullptr && WaitForSingleObject(process, 0) == WAIT_OBJECT_0) {
+    OX_LOG(OX_ERROR_LEVEL, WSAECONNRESET, "The service's process has ended");
+    return hung_up(t);
+  }
+  if (patience(t) == 0) {
+    OX_LOG(OX_ERROR_LEVEL, WSAETIMEDOUT, "The service was silent for the answer limit");
+    return hung_up(t);
+  }
+  return 0;
+}
+
+/* A second has passed, or the limit. From a stream that ended before it, nothing more comes. */
 int timed_out(Transfer& t) {
   if (t.at.owner != nullptr && t.at.owner->vfs_is_exiting != nullptr &&
       t.at.owner->vfs_is_exiting(t.at.owner)) {
     t.owner_exiting = true;
     return t.dir.exiting_err;
   }
-  return t.at_end ? hung_up(t) : 0;
+  return t.at_end ? hung_up(t) : given_up(t);
 }
 
 int faulty(const Transfer& t, int ready) {
@@ -141,7 +167,7 @@ int nothing_moved(Transfer& t, int ready, int moved) {
 /* Waits up to a second and moves what can be moved: 0, and the transfer goes on, or the error. */
 int step(Transfer& t) {
   WSAPOLLFD pfd = {t.at.sock, t.at_end ? HANG_UP_ONLY : t.dir.events, 0};
-  const int count = WSAPoll(&pfd, 1, POLL_MS);
+  const int count = WSAPoll(&pfd, 1, static_cast<int>(std::min<ULONGLONG>(POLL_MS, patience(t))));
   if (count < 0) {
     return poll_failed(t);
   }
@@ -162,6 +188,7 @@ int step(Transfer& t) {
   }
   t.next += moved;
   t.left -= moved;
+  t.moved_at = GetTickCount64();
   return 0;
 }
 
@@ -225,6 +252,20 @@ using TransferFunc = int (*)(const Endpoint& at, ox_u8* data, int nbytes);
 /* 0 is no socket either: a record that is only zero-filled has it. */
 bool has_socket(const vfs_handle* vh) { return vh->vfs_fd > 0; }
 
+tnw_watch* watch_of(const vfs_handle* vh) { return static_cast<tnw_watch*>(vh->vfs_private); }
+
+/* The service's process, which may be another one than was started: a program may start it. */
+void watch_peer(SOCKET sock, tnw_watch* watch) {
+  ULONG pid = 0;
+  DWORD size = 0;
+  if (watch != nullptr && watch->tw_process == nullptr &&
+      WSAIoctl(sock, SIO_AF_UNIX_GETPEERPID, nullptr, 0, &pid, sizeof pid, &size, nullptr,
+               nullptr) == 0 &&
+      size == sizeof pid) {
+    watch->tw_process = OpenProcess(SYNCHRONIZE, FALSE, pid);
+  }
+}
+
 bool is_broken(vfs_handle* vh) { return std::atomic_ref(vh->vfs_broken).load(); }
 
 /* False when the connection was broken before. Whoever gets true is to close the socket. */
@@ -240,9 +281,8 @@ int conn_transfer(vfs_handle* vh, TransferFunc move, ox_u8* data, size_t nbytes)
   int err = 0;
   while (err == 0 && nbytes > 0) {
     const size_t chunk = std::min(nbytes, MAX_CHUNK);
-    err = has_socket(vh) && !is_broken(vh) ? move({static_cast<SOCKET>(vh->vfs_fd), nullptr, false},
-                                                  data, static_cast<int>(chunk))
-                                           : WSAENOTCONN;
+    const Endpoint at = {static_cast<SOCKET>(vh->vfs_fd), nullptr, false, watch_of(vh)};
+    err = has_socket(vh) && !is_broken(vh) ? move(at, data, static_cast<int>(chunk)) : WSAENOTCONN;
     data += chunk;
     nbytes -= chunk;
   }
@@ -303,11 +343,11 @@ int tnv_setsockopt(int fd) {
 }
 
 int tnv_sendbytes(vfs_handle* vh, int sockfd, tnv_fdcntl*, ox_u8* data, int nbytes) {
-  return send_all({static_cast<SOCKET>(sockfd), vh, true}, data, nbytes);
+  return send_all({static_cast<SOCKET>(sockfd), vh, true, nullptr}, data, nbytes);
 }
 
 int tnv_recvbytes(vfs_handle* vh, int sockfd, int*, ox_u8* data, int nbytes) {
-  return recv_all({static_cast<SOCKET>(sockfd), vh, true}, data, nbytes);
+  return recv_all({static_cast<SOCKET>(sockfd), vh, true, nullptr}, data, nbytes);
 }
 
 int tnv_send_response(vfs_handle* vh, int fd, tnv_msg* msgp, tnv_resp* resp) {
@@ -356,6 +396,13 @@ void tnv_debug_dump_msg(char* buf, int len) {
 
 /* ------------------------------------------------------------------- not exported */
 
+void tnw_end_watch(tnw_watch* watch) {
+  if (watch->tw_process != nullptr) {
+    CloseHandle(watch->tw_process);
+  }
+  *watch = {};
+}
+
 int tnw_setup_socket(vfs_handle* vh, const char* sock) {
   const SOCKET fd = make_socket();
   vh->vfs_fd = static_cast<ox_s64>(fd);
@@ -380,6 +427,7 @@ int tnw_setup_socket(vfs_handle* vh, const char* sock) {
     OX_LOG(OX_ERROR_LEVEL, err, "Failed to connect to socket %s", sock);
     return fail(err);
   }
+  watch_peer(fd, watch_of(vh));
 
   if (tnv_setsockopt(static_cast<int>(fd)) != 0) {
     const int err = WSAGetLastError();

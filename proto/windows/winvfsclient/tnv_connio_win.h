@@ -48,17 +48,30 @@ void tnv_debug_dump_msg(char* buf, int len);
 /* ------------------------------------------------------------------- not exported */
 
 /*
- * Creates and connects the client's socket of `vh`: 0, a Windows Sockets error, or 206 for a path
- * of 108 bytes or more. The socket of a failed attempt stays in vfs_fd, to be closed with the
- * connection.
+ * What ends the waits of a client's connections beside a hang-up: the end of the process at the
+ * other end, whose socket may outlive it, and a silence that is too long. The connections of an
+ * instance share one.
+ */
+typedef struct tnw_watch {
+  ox_handle tw_process; /* null: not known yet, or not watched. Written by the first connect */
+  ox_u32 tw_limit_ms; /* the longest silence within an exchange; 0: any. Read and set atomically */
+} tnw_watch;
+/* Gives back what the watch holds. No connection uses it any more. */
+void tnw_end_watch(tnw_watch* watch);
+
+/*
+ * Creates and connects the client's socket of `vh`, and notes the other end's process in its watch:
+ * 0, a Windows Sockets error, or 206 for a path of 108 bytes or more. The socket of a failed
+ * attempt stays in vfs_fd, to be closed with the connection.
  */
 int tnw_setup_socket(vfs_handle* vh, const char* sock);
 
 /*
- * The transfers on a connection of the client: as above, but a connection that fails is broken for
- * good. Its socket is closed, once, and vfs_broken is set; vfs_fd keeps the number for the log. On
- * a broken connection both answer 10057 (not connected) at once, without touching any socket. errno
- * is 133 after every failure.
+ * The transfers on a connection of the client: as above, but a wait also ends, like at a hang-up,
+ * when the connection's watch says so. A connection that fails is broken for good. Its socket is
+ * closed, once, and vfs_broken is set; vfs_fd keeps the number for the log. On a broken connection
+ * both answer 10057 (not connected) at once, without touching any socket. errno is 133 after every
+ * failure.
  */
 int tnv_conn_send(vfs_handle* vh, const void* data, size_t nbytes);
 int tnv_conn_recv(vfs_handle* vh, void* data, size_t nbytes);

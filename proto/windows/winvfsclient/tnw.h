@@ -34,7 +34,8 @@
  *     file directly afterwards.
  *   - While the last close of a file runs, no open may use that file's context slot.
  *   - Only one thread at a time may use an enumeration handle.
- * A call returns when the service has answered. There is no time-out.
+ * A call returns when the service has answered, or its process has ended. There is no time-out,
+ * unless tnw_set_answer_limit sets one.
  *
  * Memory and texts
  *
@@ -393,6 +394,19 @@ int tnw_updatetoken(void* drvhdl, char* enctoken);
  */
 int tnw_set_http_proxy(void* drvhdl, const char* http_proxy, const char* username,
                        const char* password);
+
+/*
+ * Sets how long the drive's service may be silent, in milliseconds; 0, as it is from the start: for
+ * ever. When a call waits for an answer, and nothing has come or gone for so long, its connection
+ * is broken, as if the service had hung up: see "A broken connection" above. The limit holds for
+ * all drives of the same service, also for calls that wait already (from their next second on), and
+ * for the shut-down that tnw_deinit asks for. Any thread may call, at any time.
+ *
+ * A slow answer is not a hang: a read waits for a transfer from the cloud, and a close for an
+ * upload. A limit below a minute breaks connections that are sound. 0, 160 ERROR_BAD_ARGUMENTS
+ * (null), or 1467 TNW_ERROR_NO_SERVICE (none of our drives).
+ */
+int tnw_set_answer_limit(void* drvhdl, ox_u32 milliseconds);
 
 /*
  * Names the cache directory that tnw_purge_cache deletes: po_workdir\po_domain\po_username. The

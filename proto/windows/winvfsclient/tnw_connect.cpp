@@ -48,9 +48,10 @@ struct Binding {
   const char* drive_id;
 };
 
-vfs_handle fresh_record(const Binding& to, const char* hostname) {
+vfs_handle fresh_record(const Binding& to, const char* hostname, void* watch) {
   vfs_handle fresh = {};
   fresh.vfs_fd = -1;
+  fresh.vfs_private = watch;
   ox_copy_field(fresh.vfs_rhost, sizeof(fresh.vfs_rhost), hostname);
   ox_copy_field(fresh.vfs_cache_dir, sizeof(fresh.vfs_cache_dir), to.cachedir);
   ox_copy_field(fresh.vfs_user, sizeof(fresh.vfs_user), to.user);
@@ -66,7 +67,7 @@ vfs_handle fresh_record(const Binding& to, const char* hostname) {
 int renew_record(vfs_handle* vh, const Binding& to, const char* hostname) {
   tnv_conn_break(vh);
   ox_free_safe(vh->vfs_share_path);
-  *vh = fresh_record(to, hostname);
+  *vh = fresh_record(to, hostname, vh->vfs_private);
   ox_clock_gettime(0, &vh->vfs_curmsg_ts);
 
   const size_t size = strlen(to.sharepath) + 1;

@@ -38,9 +38,9 @@ typedef struct vfs_handle {
   char vfs_user[128];
   char vfs_domain[51];
   char vfs_da_devid[37];
-  void* vfs_peer_handle;           /* the service's, opaque */
-  char vfs_sock_path[108];         /* in slot 0 only */
-  void* vfs_private;               /* not used by the client */
+  void* vfs_peer_handle;   /* the service's, opaque */
+  char vfs_sock_path[108]; /* in slot 0 only */
+  void* vfs_private; /* the client's: a tnw_watch (tnv_connio_win.h) that is not owned, or null */
   struct timespec vfs_curmsg_ts;   /* real time when the current request began */
   vfs_is_exiting_t vfs_is_exiting; /* null on the client's connections */
 } vfs_handle;

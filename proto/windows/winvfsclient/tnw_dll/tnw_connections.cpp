@@ -55,6 +55,7 @@ int tnw_create_pool(tnw_tninstance* tni, const tnw_tninit* tninit) {
   }
   for (ox_u32 i = 0; i < slots(tni); i++) {
     tnw_connection(tni, i)->vfs_fd = -1;
+    tnw_connection(tni, i)->vfs_private = &tni->tni_watch;
   }
   return 0;
 }

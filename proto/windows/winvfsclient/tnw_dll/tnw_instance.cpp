@@ -160,6 +160,7 @@ void tnw_free_tninstance(tnw_tninstance* tni) {
   if (tni->tni_ready_event != nullptr) {
     CloseHandle(tni->tni_ready_event);
   }
+  tnw_end_watch(&tni->tni_watch);
   if (tni->tni_winsock) {
     WSACleanup();
   }

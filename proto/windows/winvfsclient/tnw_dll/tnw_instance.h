@@ -20,6 +20,7 @@
 #include "ox_lock.h"
 #include "ox_tpool.h"
 #include "ox_util.h"
+#include "tnv_connio_win.h"
 #include "tnw.h"
 #include "tnw_fd.h"
 #include "vfs_handle.h"
@@ -43,8 +44,9 @@ struct tnw_dhhd {
  * goes.
  *
  * The list's tni_lock guards the links. tni_files and tni_drive_handles have locks of their own.
- * tni_is_tn_unauthorized is changed and read atomically. All other fields stay as they are while
- * the instance is listed, also tni_authtoken, which keeps the token of the start.
+ * tni_is_tn_unauthorized and the watch's limit are changed and read atomically. All other fields
+ * stay as they are while the instance is listed, also tni_authtoken, which keeps the token of the
+ * start.
  */
 struct tnw_tninstance {
   tnw_tninstance* tni_next;
@@ -70,6 +72,7 @@ struct tnw_tninstance {
   ox_tpool_t* tni_tpool;       /* its private blocks are the connections */
   tnw_files tni_files;
   tnw_dhhd tni_drive_handles;
+  tnw_watch tni_watch;    /* of its connections */
   HANDLE tni_ready_event; /* stays open until the instance is freed */
   bool tni_winsock; /* the instance has started Windows Sockets, and ends them when it is freed */
 };
