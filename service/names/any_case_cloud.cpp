@@ -87,11 +87,8 @@ CloudResult AnyCaseCloud::rename(const CloudContext& context, const std::string&
     if (!found.ok()) {
       return found;
     }
-    const bool other_item = last_name(own) != last_name(to) && fold_(own) != fold_(from);
-    if (other_item && conditions.target_version.empty()) {
-      return CloudResult::of(CloudCode::EXISTS);
-    }
-    target = other_item ? own : join_path(parent_path(own), last_name(to));
+    const bool only_its_case = fold_(own) == fold_(from);
+    target = only_its_case ? join_path(parent_path(own), last_name(to)) : own;
   }
   return with_own_path(context, from, [&](const std::string& own) {
     return below_->rename(context, own, target, conditions, made);

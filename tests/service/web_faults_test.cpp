@@ -1,10 +1,12 @@
 /* The WebDAV cloud over a server that fails, refuses, or is reached through others. */
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <thread>
 
 #include "cloud/cloud_address.h"
 #include "cloud_player.h"
+#include "test_folder.h"
 #include "web_front.h"
 
 namespace {
@@ -13,10 +15,12 @@ using namespace tarnd;
 
 CloudCounts counts;
 
-std::unique_ptr<Cloud> open_web(const std::string& address, const std::string& ca = "") {
+std::unique_ptr<Cloud> open_web(const std::string& address, const std::string& ca = "",
+                                const std::filesystem::path& abilities = {}) {
   CloudSettings settings;
   settings.counts = &counts;
   settings.ca_file = ca;
+  settings.abilities_file = abilities.wstring();
   std::string error;
   auto cloud = open_cloud(address, settings, &error);
   return cloud != nullptr ? std::move(cloud) : throw std::runtime_error(error);
@@ -66,6 +70,32 @@ TEST_F(WebFaults, ACallEndsInTimeOrWhenItIsCancelled) {
   EXPECT_NE(cloud_->status({.cancel = &cancel}, "", &entry_).code, CloudCode::OK);
   EXPECT_LT(Clock::now() - began, milliseconds(2000));
   canceller.join();
+}
+
+/* As when another server has got the address since. */
+TEST_F(WebFaults, WhatIsKeptOfAServerAndNotTrueIsTriedOutAgain) {
+  const TestFolder folder;
+  const std::string kept = folder / "abilities";
+  TextSnapshot old(std::string(5000, 'o'));
+  const auto before = open_web(of_servers("TNW_RCLONE"), "", kept);
+  before->remove({}, "kept", "");
+  ASSERT_TRUE(before->put({}, "kept", {}, old, &entry_).ok());
+  const std::string truth = read_file(kept);
+  const std::string lie = truth.substr(0, truth.rfind(' ')) + " 1111111";
+  ASSERT_NE(lines_of(truth)[1], lines_of(lie)[1]);
+  TextSnapshot changed(std::string(5000, 'n'), {{7, 2}});
+  for (const bool patches : {true, false}) {
+    write_file(kept, lie);
+    const auto cloud = open_web(of_servers("TNW_RCLONE"), "", kept);
+    EXPECT_TRUE(cloud->capabilities().patch);
+    const PutCondition condition = {entry_.version};
+    EXPECT_EQ(patches ? cloud->patch({}, "kept", condition, changed, &entry_).error
+                      : cloud->put({}, "kept", condition, changed, &entry_).error,
+              patches ? OX_ENOSYS : 0);
+    EXPECT_FALSE(cloud->capabilities().patch);
+    EXPECT_EQ(lines_of(read_file(kept))[1].substr(11), lines_of(truth)[1].substr(11));
+  }
+  EXPECT_TRUE(before->remove({}, "kept", "").ok());
 }
 
 TEST_F(WebFaults, OnlyAServerOfTheAuthorityIsTalkedTo) {

@@ -140,6 +140,7 @@ std::vector<ScriptCase> script_cases(const std::string& script) {
 }
 
 void play(const ScriptCase& script_case, const Commands& commands) {
+  ASSERT_FALSE(script_case.lines.empty()) << "a heading without commands";
   Answers answers;
   for (const ScriptLine& line : script_case.lines) {
     const std::string answer = answers[line.number] = answer_of(commands, line.text);

@@ -1,27 +1,21 @@
 #include "cloud/webdav/webdav_abilities.h"
 
 #include <array>
-#include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <random>
-#include <string_view>
+
+#include "cloud/webdav/part_name.h"
 
 namespace tarnd {
 namespace {
 
-constexpr std::string_view PART_LEAD = ".tarnd-part-";
-constexpr size_t PART_DIGITS = 16;
 constexpr const char* WRONG_TAG = "\"not-this-one\"";
-constexpr int64_t SECONDS_KEPT = 24 * 3600;
 
 struct Row {
   const char* text;
   bool WebdavAbilities::*has;
 };
 
-/* Their order is that of the flags on disk. */
+/* Their order is that of the flags. */
 constexpr std::array<Row, 7> ROWS = {{
     {"a MOVE to a name that is taken is refused when it is to be new",
      &WebdavAbilities::strict_new_names},
@@ -32,11 +26,6 @@ constexpr std::array<Row, 7> ROWS = {{
     {"a part of a file can be written (Content-Range)", &WebdavAbilities::ranged_put},
     {"names that differ in case only are the same", &WebdavAbilities::case_insensitive},
 }};
-
-int64_t seconds_now() {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<std::chrono::seconds>(now).count();
-}
 
 /* The scratch files of one probe, which go with it. */
 class Scratch {
@@ -161,47 +150,22 @@ std::string table_of(const WebdavAbilities& abilities) {
   return table;
 }
 
-/* ------------------------------------------------------------------ on disk */
-
-bool KeptAbilities::load(const std::string& address, WebdavAbilities* abilities) const {
-  std::ifstream file{std::filesystem::path(path_)};
-  std::string of;
-  int64_t found_at = 0;
+std::string flags_of(const WebdavAbilities& abilities) {
   std::string flags;
-  if (path_.empty() || !std::getline(file, of) || !(file >> found_at >> flags)) {
-    return false;
+  for (const Row& row : ROWS) {
+    flags += abilities.*row.has ? '1' : '0';
   }
-  const int64_t age = seconds_now() - found_at;
-  if (of != address || age < 0 || age > SECONDS_KEPT || flags.size() != ROWS.size()) {
+  return flags;
+}
+
+bool parse_flags(const std::string& flags, WebdavAbilities* abilities) {
+  if (flags.size() != ROWS.size()) {
     return false;
   }
   for (size_t i = 0; i < ROWS.size(); i++) {
     abilities->*ROWS[i].has = flags[i] == '1';
   }
   return true;
-}
-
-void KeptAbilities::save(const std::string& address, const WebdavAbilities& abilities) const {
-  if (path_.empty()) {
-    return;
-  }
-  std::ofstream file{std::filesystem::path(path_)};
-  file << address << '\n' << seconds_now() << ' ';
-  for (const Row& row : ROWS) {
-    file << (abilities.*row.has ? '1' : '0');
-  }
-  file << '\n';
-}
-
-std::string new_part_path(const std::string& folder) {
-  std::random_device random;
-  std::array<char, PART_DIGITS + 1> digits = {};
-  snprintf(digits.data(), digits.size(), "%08x%08x", random(), random());
-  return folder + (folder.empty() ? "" : "/") + std::string(PART_LEAD) + digits.data();
-}
-
-bool is_part_name(const std::string& name) {
-  return name.starts_with(PART_LEAD) && name.size() == PART_LEAD.size() + PART_DIGITS;
 }
 
 }  // namespace tarnd

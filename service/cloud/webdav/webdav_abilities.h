@@ -29,25 +29,9 @@ CloudResult find_abilities(const CloudContext& context, WebdavServer& server,
 /* One line for each, for people. */
 std::string table_of(const WebdavAbilities& abilities);
 
-/*
- * What was found, in a file beside the cache: for a day, since servers are updated. Without a path
- * nothing is kept. A file that cannot be read or written only costs another trial.
- */
-class KeptAbilities {
- public:
-  explicit KeptAbilities(std::wstring path) : path_(std::move(path)) {}
-
-  /* False: nothing is known of the server at this address. */
-  bool load(const std::string& address, WebdavAbilities* abilities) const;
-  void save(const std::string& address, const WebdavAbilities& abilities) const;
-
- private:
-  const std::wstring path_;
-};
-
-/* A new name for a file of our own, hidden in listings; with the folder's path before it. */
-std::string new_part_path(const std::string& folder);
-bool is_part_name(const std::string& name);
+/* The same as one text without blanks, and back: false when it is none. */
+std::string flags_of(const WebdavAbilities& abilities);
+bool parse_flags(const std::string& flags, WebdavAbilities* abilities);
 
 }  // namespace tarnd
 

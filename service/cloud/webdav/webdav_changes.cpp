@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "cloud/webdav/name_spelling.h"
+#include "cloud/webdav/part_name.h"
 #include "cloud/webdav/webdav_cloud.h"
 #include "names/folded_path.h"
 #include "ox_logging.h"
@@ -27,11 +28,6 @@ bool wants_explanation(const CloudResult& result) {
   return result.code == CloudCode::CHANGED || result.code == CloudCode::NOT_FOUND ||
          result.code == CloudCode::UNAUTHORISED || result.code == CloudCode::REFUSED ||
          result.code == CloudCode::UNKNOWN_OUTCOME;
-}
-
-/* A condition did not hold, and now it does: somebody was in between. */
-CloudResult try_again_after(const CloudResult& result) {
-  return result.code == CloudCode::CHANGED ? CloudResult::busy(ODD_PAUSE) : result;
 }
 
 BodySource bytes_of(Snapshot& content, uint64_t from) {
@@ -166,8 +162,11 @@ CloudResult WebdavCloud::write_changes(const CloudContext& context, Part& part, 
   if (result.ok()) {
     result = server_->look(context, part.path, &part.item);
   }
-  return result.ok() && part.item.size != content.size() ? CloudResult::of(CloudCode::OFFLINE)
-                                                         : result;
+  if (result.ok() && part.item.size != content.size()) {
+    doubt_abilities();
+    return CloudResult::of(CloudCode::OFFLINE);
+  }
+  return result;
 }
 
 CloudResult WebdavCloud::publish(const CloudContext& context, Part& part, const std::string& path,
@@ -251,8 +250,16 @@ CloudResult WebdavCloud::under_lock(const CloudContext& context, const std::stri
   if (result.ok()) {
     result = step(server_->has_lock(path, token));
     server_->unlock(context, path, token);
+  } else if (result.code == CloudCode::REFUSED) {
+    return try_again_in_doubt();
   }
   return result;
+}
+
+/* What was found of the server does not fit, or somebody was in between. */
+CloudResult WebdavCloud::try_again_in_doubt() {
+  doubt_abilities();
+  return CloudResult::busy(ODD_PAUSE);
 }
 
 /* Servers tell only that a move did not come about, and some not even that as the others do. */
@@ -270,7 +277,9 @@ CloudResult WebdavCloud::explain(const CloudContext& context, const Move& what,
   if (found.ok()) {
     found = expect(context, what.to, what.to_version);
   }
-  return found.ok() ? try_again_after(result) : found;
+  return found.ok() && result.code == CloudCode::CHANGED ? try_again_in_doubt()
+         : found.ok()                                    ? result
+                                                         : found;
 }
 
 CloudResult WebdavCloud::rename(const CloudContext& context, const std::string& from,
@@ -340,7 +349,7 @@ CloudResult WebdavCloud::remove_file(const CloudContext& context, const std::str
     return result;
   }
   const CloudResult found = expect(context, path, version);
-  return found.ok() ? try_again_after(result) : found;
+  return found.ok() ? try_again_in_doubt() : found;
 }
 
 CloudResult WebdavCloud::remove_folder(const CloudContext& context, const std::string& path) {

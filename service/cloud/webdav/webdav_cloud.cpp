@@ -7,6 +7,7 @@
 #include "cloud/path_id.h"
 #include "cloud/webdav/http_rules.h"
 #include "cloud/webdav/name_spelling.h"
+#include "cloud/webdav/part_name.h"
 #include "names/folded_path.h"
 #include "names/share_path.h"
 #include "ox_logging.h"
@@ -166,6 +167,14 @@ CloudResult WebdavCloud::try_out(const CloudContext& context, WebdavAbilities* f
     kept_.save(server_->address().server() + server_->address().target(""), *found);
   }
   return result;
+}
+
+/* Another server may have the address by now: the next change tries it out again. */
+void WebdavCloud::doubt_abilities() {
+  const std::lock_guard guard(lock_);
+  can_patch_ = false;
+  case_insensitive_ = false;
+  found_ = nullptr;
 }
 
 void WebdavCloud::use(const WebdavAbilities& abilities) {

@@ -2,7 +2,8 @@
  * The cloud that is a folder of a WebDAV server: "http(s)://host:port/root/".
  *
  *   - Servers differ in what they keep of WebDAV. Before the first change it is tried out
- *     (webdav_abilities.h), and what is said here with "where" depends on it.
+ *     (webdav_abilities.h), unless that was done within a day, and again when an answer does not
+ *     fit what was found. What is said here with "where" depends on it.
  *   - A version is the entity tag. A content is read by one ranged GET, whose answer must have that
  *     tag: of a server that writes in place, a reader may see bytes that are newer than the tag.
  *   - A new content is put to a hidden file beside its target and moved over it. The move names the
@@ -29,7 +30,7 @@
 
 #include "cloud/cloud.h"
 #include "cloud/directory/file_gates.h"
-#include "cloud/webdav/webdav_abilities.h"
+#include "cloud/webdav/kept_abilities.h"
 #include "cloud/webdav/webdav_server.h"
 
 namespace tarnd {
@@ -45,7 +46,7 @@ class WebdavCloud : public Cloud {
   static std::unique_ptr<WebdavCloud> open(const std::string& address, const HttpSettings& settings,
                                            const KeptAbilities& kept, std::string* error);
 
-  /* Until the first change has been made, no more than every server can. */
+  /* Until the server was tried out, no more than every server can. */
   CloudCapabilities capabilities() const override;
   CloudResult status(const CloudContext& context, const std::string& path,
                      CloudEntry* entry) override;
@@ -83,6 +84,7 @@ class WebdavCloud : public Cloud {
 
   CloudResult try_out(const CloudContext& context, WebdavAbilities* found);
   void use(const WebdavAbilities& abilities);
+  void doubt_abilities();
   CloudResult look_first(const CloudContext& context, const std::string& path,
                          const PutCondition& condition, uint64_t size);
   CloudResult fill(const CloudContext& context, Part& part, const PutCondition& condition,
@@ -97,6 +99,7 @@ class WebdavCloud : public Cloud {
   CloudResult move_after_look(const CloudContext& context, const Move& what,
                               const std::string& condition);
   CloudResult under_lock(const CloudContext& context, const std::string& path, const Step& step);
+  CloudResult try_again_in_doubt();
   CloudResult explain(const CloudContext& context, const Move& what, const CloudResult& result);
   CloudResult expect(const CloudContext& context, const std::string& path,
                      const std::string& version);

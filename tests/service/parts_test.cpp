@@ -1,11 +1,11 @@
-/*
- * The command line as the library composes it, the environment, byte-range locks, who may reach a
- * file, the limits of the cache, and the names of conflict copies: rules.txt.
- */
+/* Parts of the service that need no running one: a script for each. */
 #include "private_access.h"
 /* after windows.h */
 #include <gtest/gtest.h>
 #include <sddl.h>
+
+#include <algorithm>
+#include <iterator>
 
 #include "cache_limits.h"
 #include "files/range_locks.h"
@@ -17,9 +17,9 @@ namespace {
 
 using namespace tarnd;
 
-class Rules : public testing::TestWithParam<ScriptCase> {
+class Parts : public testing::TestWithParam<ScriptCase> {
  protected:
-  Rules() {
+  Parts() {
     add_options();
     add_locks();
     add_access_and_names();
@@ -100,8 +100,17 @@ class Rules : public testing::TestWithParam<ScriptCase> {
   Commands commands_;
 };
 
-TEST_P(Rules, Hold) { play(GetParam(), commands_); }
+TEST_P(Parts, Work) { play(GetParam(), commands_); }
 
-INSTANTIATE_TEST_SUITE_P(All, Rules, testing::ValuesIn(script_cases("rules")), case_name);
+std::vector<ScriptCase> all_cases() {
+  std::vector<ScriptCase> all;
+  for (const char* script :
+       {"options", "range_locks", "access", "cache_limits", "conflict_names"}) {
+    std::ranges::copy(script_cases(script), std::back_inserter(all));
+  }
+  return all;
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Parts, testing::ValuesIn(all_cases()), case_name);
 
 }  // namespace
