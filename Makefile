@@ -22,10 +22,11 @@ test_sanitized = $(call configure,$(1)); $(call build,$(1)); \
 
 # What the demonstration runs; the tests' libraries are not waited for.
 DEMO_TARGETS := tnw tarnd tnwsh ws2_32_wine afunix_probe
+DIST_TARGETS := package_files ws2_32_wine afunix_probe
 OWN_CODE = git ls-files -co --exclude-standard -- '*.cpp' '*.h' '*.c'
 
 .PHONY: help demo test test-slow bench-cloud build host-build host-test format check-format tidy \
-        lines clean packages cross-prefix
+        dist check-dist lines clean packages cross-prefix
 
 help: ## Lists these commands
 	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1@\2/p' $(firstword $(MAKEFILE_LIST)) | \
@@ -77,6 +78,16 @@ bench-cloud: cross-prefix build/windows/build.ninja ## Compares the drive with r
 	@tools/install-packages fuse3
 	@$(call build,windows,$(DEMO_TARGETS))
 	@tools/bench-cloud
+
+dist: cross-prefix ## Makes the package for users of the library: build/dist/*.zip
+	@tools/install-packages llvm
+	@$(call configure,windows)
+	@$(call build,windows,$(DIST_TARGETS))
+	@tools/make-dist
+
+check-dist: dist ## Builds the examples against the package, and checks the rest of it
+	@tools/install-packages clang-16 lld unzip
+	@tools/check-dist
 
 lines: ## Counts the lines of the product and of its tests, which are to be 0.40 of them at most
 	@tools/count-lines

@@ -14,12 +14,30 @@
 #ifndef OX_LOCK_H
 #define OX_LOCK_H
 
+#if !defined(_WIN32) || defined(__MINGW32__)
 #include <pthread.h>
+#endif
 #include <time.h>
 
 #include "ox_types.h"
 
 OX_BEGIN_DECLS
+
+/*
+ * The POSIX objects in the records below. A compiler for Windows that has no POSIX threads sees
+ * opaque objects of the same size, which it leaves to the calls of this library.
+ */
+#if !defined(_WIN32) || defined(__MINGW32__)
+typedef pthread_mutex_t ox_posix_mutex_t;
+typedef pthread_rwlock_t ox_posix_rwlock_t;
+typedef pthread_cond_t ox_posix_cond_t;
+typedef pthread_t ox_posix_thread_t;
+#else
+typedef ox_u64 ox_posix_mutex_t;
+typedef ox_u64 ox_posix_rwlock_t;
+typedef ox_u64 ox_posix_cond_t;
+typedef ox_u64 ox_posix_thread_t;
+#endif
 
 /* The acquiring thread writes it, the releasing one reads it. With shared holders it is a hint. */
 typedef struct ox_lock_stat {
@@ -28,14 +46,18 @@ typedef struct ox_lock_stat {
 } ox_lock_stat_t;
 
 typedef struct ox_lock {
-  pthread_mutex_t lck_lock;
+  ox_posix_mutex_t lck_lock;
   ox_lock_stat_t lck_stat;
 } ox_lock_t;
 
 typedef struct ox_rwlock {
-  pthread_rwlock_t lck_lock;
+  ox_posix_rwlock_t lck_lock;
   ox_lock_stat_t lck_stat;
 } ox_rwlock_t;
+#ifdef _WIN32
+OX_STATIC_ASSERT(sizeof(ox_lock_t) == 32 && sizeof(ox_rwlock_t) == 32,
+                 "the same for all compilers");
+#endif
 
 int ox_init_lock(ox_lock_t* l);
 int ox_deinit_lock(ox_lock_t* l);
@@ -43,8 +65,8 @@ int ox_lock(ox_lock_t* l);
 int ox_trylock(ox_lock_t* l); /* success always records lst_acquired; failure leaves it */
 int ox_unlock(ox_lock_t* l);
 
-int ox_init_cv(pthread_cond_t* cv);
-int ox_deinit_cv(pthread_cond_t* cv);
+int ox_init_cv(ox_posix_cond_t* cv);
+int ox_deinit_cv(ox_posix_cond_t* cv);
 
 int ox_init_rwlock(ox_rwlock_t* l);
 int ox_deinit_rwlock(ox_rwlock_t* l);
@@ -72,7 +94,7 @@ int ox_flock(int fd, ox_u32 flags);
  * null for a wait without limit. True when woken, false at the deadline. The wait ends one hold of
  * the lock and begins another: with profiling on, lst_acquired is set anew.
  */
-bool ox_cv_wait(pthread_cond_t* cv, ox_lock_t* l, const struct timespec* deadline);
+bool ox_cv_wait(ox_posix_cond_t* cv, ox_lock_t* l, const struct timespec* deadline);
 
 /*
  * OX_ASSERT_HELD(lock) is the first line of a function that wants its caller to hold the lock. It

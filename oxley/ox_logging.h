@@ -112,6 +112,9 @@ void ox_set_profile_level(ox_s32 level);
 
 OX_END_DECLS
 
+/* The rest is for GCC and Clang, which have what these macros need. */
+#ifdef __GNUC__
+
 /*
  * Logs one message of the portability layer, the thread pool or the locks, through the callback if
  * there is one. `fmt` is a string literal without a newline at its end.
@@ -126,5 +129,7 @@ OX_END_DECLS
 /* Logs a debug message. Below its verbosity nothing is formatted or evaluated. */
 #define OX_LOG_DEBUG(verbosity, fmt, ...) \
   (ox_debug >= (verbosity) ? OX_LOG(OX_DEBUG_LEVEL, 0, fmt, ##__VA_ARGS__) : (void)0)
+
+#endif
 
 #endif

@@ -50,7 +50,7 @@ typedef void (*ox_tpool_deinit_func_t)(void* args);
 /* What one caller waits on for one job. jn_lock guards jn_done; there is no reset. */
 typedef struct ox_job_notify {
   ox_lock_t jn_lock;
-  pthread_cond_t jn_cv;
+  ox_posix_cond_t jn_cv;
   ox_s32 jn_done; /* 0 until the job has run */
 } ox_job_notify_t;
 
@@ -95,8 +95,8 @@ typedef struct ox_tpool {
   ox_priv_t tp_priv;
   ox_job_t tp_jobq; /* list head; points at itself when empty */
   ox_lock_t tp_lock;
-  pthread_cond_t tp_worker_cv; /* workers wait here for jobs */
-  pthread_cond_t tp_pool_cv;   /* drain, destroy and drain_wait wait here for the workers */
+  ox_posix_cond_t tp_worker_cv; /* workers wait here for jobs */
+  ox_posix_cond_t tp_pool_cv;   /* drain, destroy and drain_wait wait here for the workers */
   char tp_name[OX_TPOOL_NAME_SIZE];
   ox_u32 tp_min_threads;
   ox_u32 tp_max_threads;
@@ -104,14 +104,18 @@ typedef struct ox_tpool {
   ox_u32 tp_idle_count; /* workers that wait */
   ox_u32 tp_flags;
   ox_u32 tp_qlen;
-  ox_u32 tp_state;     /* tp_states */
-  ox_u32 tp_nblocks;   /* slots that have blocks: max_threads at creation, at most 256 */
-  ox_u32 tp_waiters;   /* callers inside drain and drain_wait */
-  bool tp_listed;      /* not external */
-  bool tp_closing;     /* ox_destroy_tpool has begun and will free the record */
-  bool tp_has_leaver;  /* tp_leaver is a thread to join */
-  pthread_t tp_leaver; /* the worker that left last; it joins the one that left before it */
+  ox_u32 tp_state;             /* tp_states */
+  ox_u32 tp_nblocks;           /* slots that have blocks: max_threads at creation, at most 256 */
+  ox_u32 tp_waiters;           /* callers inside drain and drain_wait */
+  bool tp_listed;              /* not external */
+  bool tp_closing;             /* ox_destroy_tpool has begun and will free the record */
+  bool tp_has_leaver;          /* tp_leaver is a thread to join */
+  ox_posix_thread_t tp_leaver; /* the worker that left last; it joins the one that left before it */
 } ox_tpool_t;
+#ifdef _WIN32
+OX_STATIC_ASSERT(sizeof(ox_job_notify_t) == 48, "the same for all compilers");
+OX_STATIC_ASSERT(sizeof(ox_tpool_t) == 344, "the same for all compilers");
+#endif
 
 /* Creates the global pool list, once; later calls do nothing. 0 or an error number. */
 int ox_init_tpool(void);

@@ -40,7 +40,7 @@ typedef void* ox_handle;
 #endif
 
 /* printf-style checking; fmt and first are 1-based argument positions. C99 formats (%zu, %llu). */
-#if defined(__MINGW32__)
+#if defined(__MINGW32__) && !defined(__clang__)
 #define OX_PRINTF_LIKE(fmt, first) __attribute__((format(gnu_printf, fmt, first)))
 #elif defined(__GNUC__)
 #define OX_PRINTF_LIKE(fmt, first) __attribute__((format(printf, fmt, first)))

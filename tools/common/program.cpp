@@ -9,12 +9,17 @@
 namespace tools {
 
 std::optional<ExitStatus> parse_command_line(CLI::App* app, std::vector<std::string> words) {
-  app->allow_windows_style_options(false);  /* "/docs" is a path */
+  app->allow_windows_style_options(false); /* "/docs" is a path */
+  app->set_version_flag("--version", app->get_name() + " " TNW_VERSION,
+                        "Print the version and exit");
   std::reverse(words.begin(), words.end()); /* as the parser takes them */
   try {
     app->parse(words);
   } catch (const CLI::CallForHelp&) {
     fmt::print("{}", app->help());
+    return EXIT_OK;
+  } catch (const CLI::CallForVersion&) {
+    fmt::print("{}\n", app->version());
     return EXIT_OK;
   } catch (const CLI::ParseError& error) {
     fmt::print(stderr, "{}: {}\nRun with --help for more.\n", app->get_name(), error.what());

@@ -100,6 +100,9 @@ typedef struct tnvfd {
   int fdt_osfd;               /* the runtime descriptor that owns fdt_ofd, or -1 */
   bool fdt_overlapped;        /* fdt_ofd was opened for overlapped I/O */
 } tnvfd;
+#ifdef _WIN32
+OX_STATIC_ASSERT(sizeof(tnvfd) == 816, "the same for all compilers");
+#endif
 
 /* The free list. fdt_lock guards the links and the count. */
 typedef struct tnvfdhd {
