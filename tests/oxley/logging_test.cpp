@@ -4,6 +4,7 @@
  */
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <new>
@@ -137,8 +138,10 @@ TEST_P(LoggingScript, Holds) { play(GetParam(), commands_); }
 
 INSTANTIATE_TEST_SUITE_P(All, LoggingScript, testing::ValuesIn(script_cases("logging")), case_name);
 
+/* By the clock of the log: time() may be some milliseconds behind it. */
 std::string local_seconds() {
-  const time_t now = time(nullptr);
+  using std::chrono::system_clock;
+  const time_t now = system_clock::to_time_t(system_clock::now());
   char text[32];
   return std::string(text, strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", localtime(&now)));
 }
