@@ -64,7 +64,7 @@ void delete_others(const std::wstring& folder, const std::vector<FileRecord>& re
   }
 }
 
-} /* namespace */
+}  // namespace
 
 /* ------------------------------------------------------------------ credentials */
 
@@ -170,4 +170,4 @@ size_t Service::finish() {
   return files.unsaved();
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

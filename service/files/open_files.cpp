@@ -37,7 +37,7 @@ std::string today() {
   return text;
 }
 
-} /* namespace */
+}  // namespace
 
 OpenFiles::OpenFiles(const CacheEnvironment& environment, const CacheLimits& limits,
                      std::string user, unsigned transfers)
@@ -522,4 +522,4 @@ size_t OpenFiles::unsaved() {
                                            [](const auto& file) { return file->has_unsaved(); }));
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

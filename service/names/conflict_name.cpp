@@ -27,7 +27,7 @@ std::string cut(std::string text, size_t bytes) {
   return text.substr(0, end);
 }
 
-} /* namespace */
+}  // namespace
 
 std::string conflict_name(const std::string& path, const std::string& user, const std::string& date,
                           int number) {
@@ -43,4 +43,4 @@ std::string conflict_name(const std::string& path, const std::string& user, cons
   return path.substr(0, start) + cut(stem, MAX_NAME_BYTES - mark.size() - end.size()) + mark + end;
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

@@ -220,7 +220,7 @@ class KillRounds : public testing::Test {
   int before_[KILL_FILES] = {}; /* the versions at the start of the round; 0: no file */
 };
 
-} /* namespace */
+}  // namespace
 
 TEST_F(KillRounds, LoseNothing) {
   const char* asked = getenv("TNW_KILL_SEED");
