@@ -14,7 +14,7 @@ namespace {
 constexpr std::string_view PART_LEAD = ".tarnd-part-";
 constexpr size_t PART_DIGITS = 16;
 constexpr const char* WRONG_TAG = "\"not-this-one\"";
-constexpr int64_t SECONDS_KEPT = 24 * 3600;
+constexpr int64_t SECONDS_KEPT = int64_t{24} * 3600;
 
 struct Row {
   const char* text;
