@@ -65,9 +65,8 @@ bool is_folder(DWORD attributes) {
 int remove_entry(const std::wstring& path, DWORD attributes) {
   int err = 0;
   make_writable(path, attributes);
-  note(&err, (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0
-                 ? RemoveDirectoryW(path.c_str())
-                 : static_cast<int>(DeleteFileW(path.c_str()) != 0));
+  note(&err, (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? RemoveDirectoryW(path.c_str()) != 0
+                                                          : DeleteFileW(path.c_str()) != 0);
   return err;
 }
 

@@ -39,9 +39,10 @@ std::vector<std::wstring> files_in(const std::wstring& folder) {
 bool set_aside(const std::wstring& folder, const std::wstring& database) {
   const std::wstring kept = folder + L"\\kept\\";
   const std::wstring mark = std::to_wstring(GetTickCount64()) + L"-";
+  const std::wstring inside = folder + L'\\';
   bool moved = true;
   for (const std::wstring& name : files_in(folder)) {
-    moved = MoveFileExW((folder + L'\\' + name).c_str(), (kept + name).c_str(), 0) != 0 && moved;
+    moved = MoveFileExW((inside + name).c_str(), (kept + name).c_str(), 0) != 0 && moved;
   }
   moved = MoveFileExW(database.c_str(), (kept + mark + L"state.db").c_str(), 0) != 0 && moved;
   MoveFileExW((database + L"-wal").c_str(), (kept + mark + L"state.db-wal").c_str(), 0);
@@ -52,6 +53,7 @@ bool set_aside(const std::wstring& folder, const std::wstring& database) {
 
 /* Clean files of an earlier run. */
 void delete_others(const std::wstring& folder, const std::vector<FileRecord>& records) {
+  const std::wstring inside = folder + L'\\';
   for (const std::wstring& name : files_in(folder)) {
     std::string text;
     utf8_from_wide(name, &text);
@@ -59,12 +61,12 @@ void delete_others(const std::wstring& folder, const std::vector<FileRecord>& re
       return record.local == text || record.sealed.file == text;
     });
     if (!wanted) {
-      DeleteFileW((folder + L'\\' + name).c_str());
+      DeleteFileW((inside + name).c_str());
     }
   }
 }
 
-} /* namespace */
+}  // namespace
 
 /* ------------------------------------------------------------------ credentials */
 
@@ -170,4 +172,4 @@ size_t Service::finish() {
   return files.unsaved();
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

@@ -74,6 +74,6 @@ class Service {
   std::atomic<bool> stopping = false;  /* no new connections; the others end when idle */
 };
 
-} /* namespace tarnd */
+}  // namespace tarnd
 
 #endif

@@ -83,7 +83,7 @@ TEST_F(AfUnix, APathIsTakenOnceAndRefusesOnceItsListenerIsGone) {
   EXPECT_TRUE(at_once || port.sin_port == 0) << "small messages are not held back";
   closesocket(service);
   const SOCKET owner = new_socket(AF_INET);
-  bind(owner, reinterpret_cast<const sockaddr*>(&port), sizeof(port));
+  EXPECT_EQ(bind(owner, reinterpret_cast<const sockaddr*>(&port), sizeof(port)), 0);
   listen(owner, 5);
   EXPECT_EQ(connect_to(path_), WSAECONNREFUSED) << "though its port has a new owner";
 }
@@ -93,7 +93,7 @@ TEST_F(AfUnix, AStrangerOnThePortIsNotAccepted) {
   const sockaddr_in port = port_behind(path_);
   for (const std::string& text : {std::string(), std::string(36, 'a')}) {
     const SOCKET stranger = new_socket(AF_INET);
-    connect(stranger, reinterpret_cast<const sockaddr*>(&port), sizeof(port));
+    EXPECT_EQ(connect(stranger, reinterpret_cast<const sockaddr*>(&port), sizeof(port)), 0);
     send(stranger, text.data(), static_cast<int>(text.size()), 0);
     closesocket(stranger);
   }

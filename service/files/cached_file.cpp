@@ -29,7 +29,7 @@ CloudEntry entry_of_new(const std::string& path, uint64_t size) {
   return entry;
 }
 
-} /* namespace */
+}  // namespace
 
 CachedFile::CachedFile(const CacheEnvironment& environment, FileTable& table, std::string path)
     : env_(environment),
@@ -435,4 +435,4 @@ uint64_t CachedFile::cached_bytes() const {
   return regions << record_.store.shift();
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

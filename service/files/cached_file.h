@@ -341,6 +341,6 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
   FileFetches fetches_; /* has its own lock; goes first, since it writes to the others */
 };
 
-} /* namespace tarnd */
+}  // namespace tarnd
 
 #endif

@@ -13,7 +13,7 @@ namespace {
 
 std::string kept_name(const std::string& local) { return "kept\\" + local; }
 
-} /* namespace */
+}  // namespace
 
 /* What the file has without its local content: the change that was sealed before, or nothing. */
 FileRecord CachedFile::rest_of(FileState after) const {
@@ -135,4 +135,4 @@ int CachedFile::become_conflict(FileState after) {
   return 0;
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

@@ -32,7 +32,7 @@ int copy_content(const LocalFile& from, const LocalFile& to, const RegionStore& 
   return err != 0 ? err : to.flush();
 }
 
-} /* namespace */
+}  // namespace
 
 CachedFile::Turn::Turn(CachedFile& file) : file_(file) {
   Lock lock(file_.lock_);
@@ -266,4 +266,4 @@ int CachedFile::remove_in_cloud(const Work& work) {
   return result.error;
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

@@ -12,7 +12,7 @@ namespace {
 
 constexpr int PATH_CHANGED = -1; /* a fetch is to begin anew */
 
-} /* namespace */
+}  // namespace
 
 /* ------------------------------------------------------------------ fetching */
 
@@ -328,4 +328,4 @@ int CachedFile::cut(Turn& turn, uint64_t size, bool told) {
   return err;
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

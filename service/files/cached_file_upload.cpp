@@ -30,7 +30,7 @@ bool saves_by_patch(const Snapshot& content) {
          length_of(content.held()) < content.size();
 }
 
-} /* namespace */
+}  // namespace
 
 CloudResult CachedFile::upload(const CloudContext& context) {
   std::shared_ptr<SealedContent> content;
@@ -198,4 +198,4 @@ int CachedFile::wait_for_upload(uint64_t attempts) {
   return refused ? last_attempt_.error : 0;
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

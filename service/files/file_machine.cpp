@@ -154,7 +154,7 @@ void restart(Planner& planner, const Facts& facts) {
   }
 }
 
-} /* namespace */
+}  // namespace
 
 Plan plan(FileState state, Event event, const Facts& facts) {
   const FileState idle = {state.content, waiting(state.change)};
@@ -198,4 +198,4 @@ Plan plan(FileState state, Event event, const Facts& facts) {
   return planner.take();
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

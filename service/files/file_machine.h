@@ -112,6 +112,6 @@ using Plan = std::vector<Step>;
 
 Plan plan(FileState state, Event event, const Facts& facts);
 
-} /* namespace tarnd */
+}  // namespace tarnd
 
 #endif

@@ -37,7 +37,7 @@ std::string today() {
   return text;
 }
 
-} /* namespace */
+}  // namespace
 
 OpenFiles::OpenFiles(const CacheEnvironment& environment, const CacheLimits& limits,
                      std::string user, unsigned transfers)
@@ -168,6 +168,7 @@ std::vector<std::shared_ptr<OpenFile>> OpenFiles::of_client(uint32_t client_pid)
 std::vector<std::shared_ptr<OpenFile>> OpenFiles::all() {
   Guard guard(table_);
   std::vector<std::shared_ptr<OpenFile>> all;
+  all.reserve(opens_.size());
   for (const auto& [id, open] : opens_) {
     all.push_back(open);
   }
@@ -198,6 +199,7 @@ std::shared_ptr<CachedFile> OpenFiles::of_id(int64_t id) {
 std::vector<std::shared_ptr<CachedFile>> OpenFiles::all_files() {
   Guard guard(table_);
   std::vector<std::shared_ptr<CachedFile>> all;
+  all.reserve(files_.size());
   for (const auto& [key, cached] : files_) {
     all.push_back(cached.file);
   }
@@ -298,6 +300,7 @@ std::vector<OpenFiles::Moving> OpenFiles::hold_for_move(const CloudEntry& entry,
     }
   }
   std::vector<Moving> moving;
+  moving.reserve(files.size());
   for (const auto& file : files) {
     moving.push_back({CachedFile::Hold(file), to + file->path().substr(entry.path.size())});
   }
@@ -377,13 +380,16 @@ int OpenFiles::record_move(std::vector<Moving>* moving, bool starts) {
 
 int OpenFiles::save(const std::vector<FileRecord>& records) {
   std::vector<const FileRecord*> pointers;
+  pointers.reserve(records.size());
   for (const FileRecord& record : records) {
     pointers.push_back(&record);
   }
   return records.empty() ? 0 : env_.store.save(pointers, {}, Durability::PROCESS);
 }
 
-/* `now`: the cloud's entry of a file that was renamed in the cloud, if it is the one we know. */
+/* `now`: the cloud's entry of a file that was renamed in the cloud, if it is the one we know.
+ * `moving` by value: its holds end with this call. */
+/* NOLINTNEXTLINE(performance-unnecessary-value-param) */
 void OpenFiles::finish_move(std::vector<Moving> moving, const CloudEntry& before,
                             const CloudEntry* now, const std::string& to) {
   std::vector<FileRecord> records;
@@ -522,4 +528,4 @@ size_t OpenFiles::unsaved() {
                                            [](const auto& file) { return file->has_unsaved(); }));
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

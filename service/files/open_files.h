@@ -165,6 +165,6 @@ class OpenFiles : public FileTable {
   UploadQueue uploads_;             /* has its own lock; ends before the tables do */
 };
 
-} /* namespace tarnd */
+}  // namespace tarnd
 
 #endif

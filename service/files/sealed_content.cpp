@@ -15,7 +15,7 @@ void append(std::vector<ByteRange>* ranges, uint64_t offset, uint64_t end) {
   }
 }
 
-} /* namespace */
+}  // namespace
 
 SealedContent::SealedContent(Cloud& cloud, CloudContext context, CloudBase base,
                              SealedChange change)
@@ -96,4 +96,4 @@ std::vector<ByteRange> SealedContent::changed() const {
   return ranges;
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

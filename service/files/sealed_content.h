@@ -48,6 +48,6 @@ class SealedContent : public Snapshot {
   std::atomic<bool> is_lost_ = false;
 };
 
-} /* namespace tarnd */
+}  // namespace tarnd
 
 #endif

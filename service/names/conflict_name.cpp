@@ -19,7 +19,7 @@ std::string clean(std::string text) {
   return text.substr(0, 64);
 }
 
-} /* namespace */
+}  // namespace
 
 std::string conflict_name(const std::string& path, const std::string& user, const std::string& date,
                           int number) {
@@ -36,4 +36,4 @@ std::string conflict_name(const std::string& path, const std::string& user, cons
          end;
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

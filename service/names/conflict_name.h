@@ -13,6 +13,6 @@ namespace tarnd {
 std::string conflict_name(const std::string& path, const std::string& user, const std::string& date,
                           int number);
 
-} /* namespace tarnd */
+}  // namespace tarnd
 
 #endif

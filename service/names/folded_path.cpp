@@ -14,4 +14,4 @@ std::string folded_path(const std::string& path) {
   return utf8_from_wide(wide, &folded) ? folded : path;
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

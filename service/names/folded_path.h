@@ -23,6 +23,6 @@ inline bool is_below(const std::string& path, const std::string& folder) {
                               path[folder.size()] == '/';
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd
 
 #endif

@@ -16,7 +16,7 @@ void erase_below(Map* map, const std::string& key) {
   map->erase(key.empty() ? map->upper_bound(key) : map->lower_bound(key + '/'), end);
 }
 
-} /* namespace */
+}  // namespace
 
 const NameCache::KnownListing* NameCache::known_listing(const std::string& path) const {
   const auto known = listings_.find(fold_(path));
@@ -163,4 +163,4 @@ void NameCache::Look::keep_listing(const std::vector<CloudEntry>& entries) {
   cache_.listings_[key_] = std::move(known);
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

@@ -119,6 +119,6 @@ class NameCache {
   size_t names_ = 0; /* kept since it began anew */
 };
 
-} /* namespace tarnd */
+}  // namespace tarnd
 
 #endif

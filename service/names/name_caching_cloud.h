@@ -49,6 +49,6 @@ class NameCachingCloud : public Cloud {
   NameCache names_;
 };
 
-} /* namespace tarnd */
+}  // namespace tarnd
 
 #endif

@@ -12,7 +12,7 @@ bool covers(const ReservedPath& one, const ReservedPath& other) {
 
 bool overlap(const ReservedPath& a, const ReservedPath& b) { return covers(a, b) || covers(b, a); }
 
-} /* namespace */
+}  // namespace
 
 Reservations::Hold::~Hold() {
   const std::lock_guard guard(owner_.lock_);
@@ -36,4 +36,4 @@ bool Reservations::is_free(const Paths& wanted) const {
   });
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

@@ -46,6 +46,6 @@ class Reservations {
   std::list<Paths> held_;
 };
 
-} /* namespace tarnd */
+}  // namespace tarnd
 
 #endif

@@ -42,4 +42,4 @@ int request_path(const Session& session, const Request& request, int64_t length,
   return request.text(length, &text) ? normalise_share_path(session.share, text, path) : OX_EINVAL;
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

@@ -61,7 +61,7 @@ int check_delete(Service& service, const std::string& path, const std::string& s
   return (entry.attributes & READ_ONLY_ATTRIBUTE) != 0 ? OX_EPERM : 0;
 }
 
-} /* namespace */
+}  // namespace
 
 int serve_enumerate(Session& session, const Request& request, Reply* reply) {
   Service& service = session.service;
@@ -151,4 +151,4 @@ int serve_delete(Session& session, const Request& request, Reply*) {
   return err != 0 ? err : service.files.remove_item(entry, path);
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

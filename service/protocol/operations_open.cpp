@@ -140,7 +140,7 @@ int open_item(Session& session, const Request& request, const std::string& path,
   return err;
 }
 
-} /* namespace */
+}  // namespace
 
 int serve_open(Session& session, const Request& request, Reply* reply) {
   Service& service = session.service;
@@ -181,4 +181,4 @@ int serve_open(Session& session, const Request& request, Reply* reply) {
   return target.existed && may_create ? TNV_OPEN_EXISTED : 0;
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

@@ -28,7 +28,7 @@ int errno_of_sqlite(int code) {
   }
 }
 
-} /* namespace */
+}  // namespace
 
 Database::~Database() { close(); }
 
@@ -112,4 +112,4 @@ std::string Statement::text(int column) const {
   return {reinterpret_cast<const char*>(text), static_cast<size_t>(bytes)};
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

@@ -70,6 +70,6 @@ class Statement {
   int bound_ = 0;
 };
 
-} /* namespace tarnd */
+}  // namespace tarnd
 
 #endif

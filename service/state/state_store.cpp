@@ -73,7 +73,7 @@ FileRecord record_of(const Statement& row) {
   return record;
 }
 
-} /* namespace */
+}  // namespace
 
 int StateStore::open(const std::string& path, std::vector<FileRecord>* records) {
   const std::lock_guard guard(lock_);
@@ -183,4 +183,4 @@ int StateStore::write(const FileRecord& record) {
   return err;
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

@@ -73,6 +73,6 @@ class StateStore {
   std::atomic<int64_t> next_id_ = 1;
 };
 
-} /* namespace tarnd */
+}  // namespace tarnd
 
 #endif

@@ -15,7 +15,7 @@ bool overlap(Run run, const std::vector<ByteRange>& ranges) {
   });
 }
 
-} /* namespace */
+}  // namespace
 
 FileFetches::FileFetches(TransferEngine& engine, FetchTarget& target, uint64_t grain)
     : engine_(engine), target_(target), grain_(grain) {}
@@ -189,4 +189,4 @@ void FileFetches::settle(Read& read, uint64_t end) {
   engine_.arrived_.notify_all();
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

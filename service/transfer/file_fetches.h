@@ -111,6 +111,6 @@ class FileFetches {
   uint64_t reads_begun_ = 0;
 };
 
-} /* namespace tarnd */
+}  // namespace tarnd
 
 #endif

@@ -24,4 +24,4 @@ ByteRange ReadAhead::next(ByteRange asked, uint64_t size) {
   return {from, ahead_ - from};
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

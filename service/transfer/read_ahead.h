@@ -39,6 +39,6 @@ class ReadAhead {
   uint64_t tell_until_ = UINT64_MAX;
 };
 
-} /* namespace tarnd */
+}  // namespace tarnd
 
 #endif

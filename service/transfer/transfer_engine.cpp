@@ -14,7 +14,7 @@ size_t most_of(size_t places) {
   return std::max<size_t>(places - left, 1);
 }
 
-} /* namespace */
+}  // namespace
 
 TransferEngine::TransferEngine(Cloud& cloud, Credentials credentials, unsigned reads)
     : cloud_(cloud), credentials_(std::move(credentials)), places_(std::max(reads, 1u)) {
@@ -75,4 +75,4 @@ void TransferEngine::work() {
   }
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

@@ -60,6 +60,6 @@ class TransferEngine {
   std::vector<std::thread> threads_; /* fixed until stop() */
 };
 
-} /* namespace tarnd */
+}  // namespace tarnd
 
 #endif

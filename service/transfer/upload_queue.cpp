@@ -8,7 +8,7 @@ namespace {
 constexpr std::chrono::milliseconds FIRST_PAUSE{500};
 constexpr std::chrono::milliseconds LONGEST_PAUSE{60000};
 
-} /* namespace */
+}  // namespace
 
 UploadQueue::UploadQueue(Upload upload, Credentials credentials, unsigned threads)
     : upload_(std::move(upload)), credentials_(std::move(credentials)) {
@@ -134,4 +134,4 @@ void UploadQueue::ended(uint64_t key, const CloudResult& result) {
   changed_.notify_all();
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

@@ -59,6 +59,6 @@ class UploadQueue {
   std::vector<std::thread> threads_;
 };
 
-} /* namespace tarnd */
+}  // namespace tarnd
 
 #endif

@@ -15,9 +15,9 @@ namespace {
 
 class Drive : public testing::Test {
  protected:
-  void SetUp() override { ASSERT_TRUE(drive.start()) << drive.error; }
+  void SetUp() override { ASSERT_TRUE(drive_.start()) << drive_.error; }
 
-  RealDrive drive;
+  RealDrive drive_;
 };
 
 class DriveScript : public testing::TestWithParam<ScriptCase> {};
@@ -30,8 +30,8 @@ INSTANTIATE_TEST_SUITE_P(Drive, DriveScript, testing::ValuesIn(script_cases("dri
 
 TEST_F(Drive, ThreadsReadOneOpenFileAtOnce) {
   const std::string original = noise(100 * REGION, 7);
-  drive.put("file", original);
-  DriveFile file(drive, "file", {.access = TNW_ACC_READ});
+  drive_.put("file", original);
+  DriveFile file(drive_, "file", {.access = TNW_ACC_READ});
   std::vector<std::thread> threads;
   std::atomic<int> wrong{0};
   for (unsigned t = 0; t < 6; t++) {

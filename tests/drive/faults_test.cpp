@@ -70,9 +70,9 @@ ox_s64 __wrap_ox_pwrite(int fd, const void* buf, size_t count, ox_off offset) {
   return faults.writes ? (errno = ERROR_CRC, -1) : __real_ox_pwrite(fd, buf, written, offset);
 }
 static void* WINAPI alloc_or_fail(void* at, SIZE_T size, DWORD kind, DWORD protection) {
-  static const auto system_alloc = reinterpret_cast<decltype(&VirtualAlloc)>(
+  static const auto SYSTEM_ALLOC = reinterpret_cast<decltype(&VirtualAlloc)>(
       reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("kernel32.dll"), "VirtualAlloc")));
-  return size == faults.allocation ? nullptr : system_alloc(at, size, kind, protection);
+  return size == faults.allocation ? nullptr : SYSTEM_ALLOC(at, size, kind, protection);
 }
 /* Looked up each time: a static would be guarded by a lock, which makes an event. */
 static HANDLE WINAPI event_or_fail(SECURITY_ATTRIBUTES* who, BOOL manual, BOOL set,
@@ -159,11 +159,11 @@ class FaultPlayer : public PeerPlayer {
  protected:
   /* Traces, the pool's lines and the dumps of what was sent have tests of their own. */
   std::string seen() override {
-    static const std::regex others(
+    static const std::regex OTHERS(
         "(DEBUG: Message|DEBUG: id |.*\\[TNWIN|(?!INFO|DEBUG|ERROR|< [A-Z])).*");
     std::string all;
     for (const std::string& line : lines_of(PeerPlayer::seen())) {
-      all += without_traces_ && std::regex_match(line, others) ? "" : line + '\n';
+      all += without_traces_ && std::regex_match(line, OTHERS) ? "" : line + '\n';
     }
     return all;
   }

@@ -22,7 +22,7 @@ namespace {
 /* A masked line without what else differs from run to run or from machine to machine: addresses,
  * the file's times, and what the machine and the build are called. */
 std::string without_variables(const std::string& line) {
-  static const Masks masks = {
+  static const Masks MASKS = {
       {std::regex(R"(("fi_[cma]time":)\d+)"), "$1TIME"},
       {std::regex(R"((handle":"|file_fd":")(0x)?[0-9A-Fa-f]+)"), "$1ADDRESS"},
       {std::regex(R"(("vfs_socket_fd":|"vfs_peer_thread":"0x|"process_id":|remote_pid )\d+)"),
@@ -32,7 +32,7 @@ std::string without_variables(const std::string& line) {
       {std::regex(R"-([A-Za-z]:[^ ",]*\\(work|logs|my cloud))-"), "FOLDER\\$1"},
       {std::regex(R"-(("addr":"|"logfile":")[^"]*)-"), "$1PATH"},
   };
-  return masked(masked(line), masks);
+  return masked(masked(line), MASKS);
 }
 
 using Lines = std::vector<std::string>;

@@ -196,7 +196,7 @@ class Worker {
   std::mt19937 dice_;
 };
 
-} /* namespace */
+}  // namespace
 
 void work_until_killed(RealDrive& drive, KillNotes& notes, unsigned seed) {
   std::vector<std::jthread> threads;

@@ -201,11 +201,11 @@ class KillRounds : public testing::Test {
       notes.begun = std::max(notes.begun.load(), before_[file]);
       notes.written = 0;
       notes_.places[file].now = notes_.places[file].next =
-          !paths.empty() && paths[0].ends_with(" moved");
+          !paths.empty() && paths[0].ends_with(" moved") ? 1 : 0;
     }
     for (int folder = 0; folder < KILL_FOLDERS; folder++) {
       notes_.folders[folder].now = notes_.folders[folder].next =
-          fs::exists(drive_.in_cloud(kill_folder(folder, 1)));
+          fs::exists(drive_.in_cloud(kill_folder(folder, 1))) ? 1 : 0;
     }
     for (const auto& entry : fs::recursive_directory_iterator(drive_.in_cloud(""))) {
       if (is_conflict(entry.path())) {
@@ -220,7 +220,7 @@ class KillRounds : public testing::Test {
   int before_[KILL_FILES] = {}; /* the versions at the start of the round; 0: no file */
 };
 
-} /* namespace */
+}  // namespace
 
 TEST_F(KillRounds, LoseNothing) {
   const char* asked = getenv("TNW_KILL_SEED");

@@ -31,7 +31,7 @@ void* PeerDrive::start() {
 }
 
 std::string PeerDrive::said(const LogCapture& log) const {
-  static const Masks masks = {
+  static const Masks MASKS = {
       {std::regex("0x(0x)?[0-9A-Fa-f]{8,16}"), "0xADDRESS"},
       {std::regex("(messages? id )[0-9a-f-]{36}"), "$1ID"},
       {std::regex("(sockfd |pid |PID: |LockFile on fd )-?[0-9]+"), "$1N"},
@@ -45,7 +45,7 @@ std::string PeerDrive::said(const LogCapture& log) const {
   };
   std::string lines;
   for (const std::string& line : log.brief_lines()) {
-    lines += (lines.empty() ? "" : "\n") + without_names(masked(line, masks));
+    lines += (lines.empty() ? "" : "\n") + without_names(masked(line, MASKS));
   }
   return lines;
 }

@@ -98,11 +98,11 @@ std::string PeerPlayer::seen() {
   }
   replace_all(text, " client=" + std::to_string(GetCurrentProcessId()), " client=OWN");
   replace_all(text, " thread=" + std::to_string(GetCurrentThreadId()), " thread=OWN");
-  static const Masks masks = {{std::regex(" cache=\\S+"), ""},
+  static const Masks MASKS = {{std::regex(" cache=\\S+"), ""},
                               {std::regex(" host=\"[^\"]+\""), " host=HOST"},
                               {std::regex(" drive=2{32}"), " drive=d"},
                               {std::regex(" drive=4{32}"), " drive=e"}};
-  return tidied(ids_.numbered(masked(text, masks)));
+  return tidied(ids_.numbered(masked(text, MASKS)));
 }
 
 std::string PeerPlayer::expanded(const std::string& text) const {

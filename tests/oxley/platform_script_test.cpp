@@ -214,4 +214,4 @@ TEST_P(PlatformScript, Holds) { play(GetParam(), commands_); }
 INSTANTIATE_TEST_SUITE_P(All, PlatformScript, testing::ValuesIn(script_cases("platform")),
                          case_name);
 
-} /* namespace */
+}  // namespace

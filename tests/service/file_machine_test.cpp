@@ -24,6 +24,7 @@ struct Record {
   FileState state;
   bool sealed_aside = false;
 
+  /* NOLINTNEXTLINE(readability-implicit-bool-conversion): the compiler compares bools as ints. */
   auto operator<=>(const Record&) const = default;
 };
 
@@ -32,6 +33,7 @@ struct Open {
   bool silent = false; /* may write without a word */
   bool wrote = false;  /* since its open */
 
+  /* NOLINTNEXTLINE(readability-implicit-bool-conversion): the compiler compares bools as ints. */
   auto operator<=>(const Open&) const = default;
 };
 
@@ -57,6 +59,7 @@ struct World {
   std::set<int> torn;        /* contents whose writer died; nobody closed them */
   std::set<int> beside;      /* those of them that went to the conflict name */
 
+  /* NOLINTNEXTLINE(readability-implicit-bool-conversion): the compiler compares bools as ints. */
   auto operator<=>(const World&) const = default;
 
   int sealed() const { return is_aside(state.change) ? aside : local; }
@@ -418,4 +421,4 @@ TEST_F(Walk, EveryOrderWithEveryStepFailingLosesAndMixesNothing) {
   EXPECT_GT(worlds(), 1000u);
 }
 
-} /* namespace */
+}  // namespace

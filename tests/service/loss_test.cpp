@@ -28,7 +28,7 @@ using std::chrono::milliseconds;
 
 std::atomic<bool> database_is_full = false;
 
-} /* namespace */
+}  // namespace
 
 extern "C" {
 int __real_sqlite3_step(sqlite3_stmt* statement);
@@ -350,4 +350,4 @@ TEST_P(LossScript, Holds) { play(GetParam(), commands_); }
 
 INSTANTIATE_TEST_SUITE_P(All, LossScript, testing::ValuesIn(script_cases("loss")), case_name);
 
-} /* namespace */
+}  // namespace

@@ -75,4 +75,4 @@ TEST(StateStore, KnowsADamagedDatabase) {
   EXPECT_EQ(store.open(path, &records), OX_EINVAL);
 }
 
-} /* namespace */
+}  // namespace

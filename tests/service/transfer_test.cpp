@@ -246,13 +246,13 @@ TEST_F(FetchTest, WhatSomebodyWaitsForGoesBeforeReadAheadOfWhateverFile) {
 
 /* Several threads, faults, stops, renames and clients that write what was fetched, by seeds. */
 TEST_F(FetchTest, InAnyOrderTheCopyGetsTheContentAndNothingIsWrittenOver) {
-  const char* const FAULTS =
+  const char* const faults =
       "latency read 0-1; short read 0.1; error read 0.1; changed read 0.02; busy read 0.05 1";
   for (unsigned seed = 1; seed <= 20; seed++) {
     auto memory = std::make_unique<MemoryCloud>();
     memory->piece = 24;
     MemoryCloud& below = *memory;
-    const std::string script = "seed " + std::to_string(seed) + ';' + FAULTS;
+    const std::string script = "seed " + std::to_string(seed) + ';' + faults;
     const auto cloud = with_faults(std::move(memory), script, &test_counts, 3);
     TransferEngine engine(*cloud, NOBODY, 3);
     File file("file", below, engine, content_);

@@ -27,14 +27,14 @@ std::string masked(std::string line, const Masks& masks) {
 }
 
 std::string masked(const std::string& line) {
-  static const Masks masks = {
+  static const Masks MASKS = {
       {std::regex(R"(^\[[^\]]+\])"), "[TIME]"},
       {std::regex(R"(^(\[TIME\] \S+ +[^ :]+:)\d+)"), "$1LINE"},
       {std::regex(R"(("asctime":")[^"]+)"), "$1TIME"},
       {std::regex(R"(("line":)\d+)"), "$1LINE"},
       {std::regex(R"(("vfs_response_time":)\d+)"), "$1USECS"},
   };
-  return masked(line, masks);
+  return masked(line, MASKS);
 }
 
 std::string IdNumbers::numbered(const std::string& text) {
@@ -50,23 +50,23 @@ std::string IdNumbers::numbered(const std::string& text) {
 }
 
 std::string brief_line(const std::string& line) {
-  static const std::regex client(
+  static const std::regex CLIENT(
       R"re(\{"asctime":"[^"]+", "level":"([A-Z]+)", "filename":"[^"]+", "line":\d+, )re"
       R"re((?:"errno":(-?\d+), )?(?:"vfs_server_handle":.*"vfs_user":"([^"]*)", .*)?)re"
       R"re("message":"(.*)"\})re");
-  static const std::regex event(
+  static const std::regex EVENT(
       R"re(\{"asctime":.*"vfs_event_name":"([A-Z_]+)", (?:"retval":(\d+), )?"vfs_errno":(\d+)\b.*)re");
-  static const std::regex layer(R"(\[[^\]]+\] ([A-Z]+)(?:[:-](-?\d+))? +\S+:\d+ (.*))");
+  static const std::regex LAYER(R"(\[[^\]]+\] ([A-Z]+)(?:[:-](-?\d+))? +\S+:\d+ (.*))");
   std::smatch found;
-  if (std::regex_match(line, found, client)) {
+  if (std::regex_match(line, found, CLIENT)) {
     const std::string user = found[3].matched ? " " + found[3].str() : "";
     return found[1].str() + number_of(found[2]) + user + ": " + found[4].str();
   }
-  if (std::regex_match(line, found, event)) {
+  if (std::regex_match(line, found, EVENT)) {
     const std::string retval = found[2].matched ? " " + found[2].str() + "," : "";
     return "EVENT " + found[1].str() + retval + " " + found[3].str();
   }
-  if (std::regex_match(line, found, layer)) {
+  if (std::regex_match(line, found, LAYER)) {
     const bool error = found[1] == "ERR";
     return level_of(found[1]) + (error ? number_of(found[2]) : "") + ": " + found[3].str();
   }

@@ -28,14 +28,14 @@ void remove_logs_of_earlier_runs(const fs::path& folder, const std::string& pref
 }
 
 const std::string& log_path() {
-  static const std::string opened = [] {
+  static const std::string OPENED = [] {
     const std::string program = test_program().filename().string() + ".";
     remove_logs_of_earlier_runs(test_program().parent_path(), program);
     const std::string path = beside_test(program + std::to_string(getpid()) + ".log");
     ox_init_logging("TEST", path.c_str(), nullptr, nullptr);
     return path;
   }();
-  return opened;
+  return OPENED;
 }
 
 }  // namespace

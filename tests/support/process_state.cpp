@@ -30,7 +30,7 @@ static size_t bytes_of_heap(HANDLE heap) {
   size_t bytes = 0;
   PROCESS_HEAP_ENTRY entry = {};
   HeapLock(heap);
-  while (HeapWalk(heap, &entry)) {
+  while (HeapWalk(heap, &entry) != 0) {
     if ((entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0) {
       bytes += entry.cbData;
     }

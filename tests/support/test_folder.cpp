@@ -44,7 +44,7 @@ bool remove_whole(const fs::path& folder) {
   return fs::remove(folder, failed);
 }
 
-} /* namespace */
+}  // namespace
 
 /* Under Wine a process that has ended may hold a file for a moment still. */
 TestFolder::~TestFolder() {

@@ -53,10 +53,10 @@ class OpenFile {
     ox_init_rwlock(&fde.fdt_rmap_lock);
     ox_init_rwlock(&fde.fdt_dmap_lock);
     fde.fdt_fd = 5;
-    constexpr ox_u64 size = REGIONS / 8;
-    fde.fdt_rmap = static_cast<ox_u8*>(ox_zalloc(2 * size + 1));
-    fde.fdt_rmap_size = size;
-    fde.fdt_dmap = fde.fdt_rmap + size;
+    constexpr ox_u64 SIZE = REGIONS / 8;
+    fde.fdt_rmap = static_cast<ox_u8*>(ox_zalloc(2 * SIZE + 1));
+    fde.fdt_rmap_size = SIZE;
+    fde.fdt_dmap = fde.fdt_rmap + SIZE;
     fde.fdt_dmap_size = 99; /* not used */
     fde.fdt_rshift = 20;
     fde.fdt_tnflags = TNV_FL_MAPPED | TNV_FL_NEWER;

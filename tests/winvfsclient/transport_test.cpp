@@ -32,7 +32,7 @@ struct MadeUpPoll {
 };
 using Polls = std::deque<MadeUpPoll>;
 /* The peer polls and closes, too: what follows is about the thread of the tests alone. */
-const DWORD test_thread = GetCurrentThreadId();
+const DWORD TEST_THREAD = GetCurrentThreadId();
 /* A poll takes one of these instead of the system's answer. */
 Polls made_up_polls;
 std::function<void()> when_all_are_taken; /* called by the poll after the last */
@@ -51,12 +51,12 @@ Function* of_winsock(const char* name) {
 }
 
 int WSAAPI close_and_count(SOCKET sock) {
-  static const auto system_close = of_winsock<decltype(closesocket)>("closesocket");
-  const int result = system_close(sock);
+  static const auto SYSTEM_CLOSE = of_winsock<decltype(closesocket)>("closesocket");
+  const int result = SYSTEM_CLOSE(sock);
   if (result != 0) {
     failed_closes++;
   }
-  if (GetCurrentThreadId() == test_thread) {
+  if (GetCurrentThreadId() == TEST_THREAD) {
     closed_here.push_back(sock);
   }
   return result;
@@ -66,12 +66,12 @@ bool takes_inherit_flag = true; /* when a socket is made */
 
 SOCKET WSAAPI make_if_flag_is_taken(int family, int type, int protocol, WSAPROTOCOL_INFOW* info,
                                     GROUP group, DWORD flags) {
-  static const auto system_make = of_winsock<decltype(WSASocketW)>("WSASocketW");
+  static const auto SYSTEM_MAKE = of_winsock<decltype(WSASocketW)>("WSASocketW");
   if (!takes_inherit_flag) {
     WSASetLastError(WSAEINVAL);
     return INVALID_SOCKET;
   }
-  return system_make(family, type, protocol, info, group, flags);
+  return SYSTEM_MAKE(family, type, protocol, info, group, flags);
 }
 
 }  // namespace
@@ -82,9 +82,9 @@ decltype(&closesocket) __imp_closesocket = close_and_count;
 decltype(&WSASocketW) __imp_WSASocketW = make_if_flag_is_taken;
 }
 int WSAAPI WSAPoll(WSAPOLLFD* fds, ULONG count, INT timeout) {
-  static const auto system_poll = of_winsock<decltype(WSAPoll)>("WSAPoll");
-  if (GetCurrentThreadId() != test_thread) {
-    return system_poll(fds, count, timeout);
+  static const auto SYSTEM_POLL = of_winsock<decltype(WSAPoll)>("WSAPoll");
+  if (GetCurrentThreadId() != TEST_THREAD) {
+    return SYSTEM_POLL(fds, count, timeout);
   }
   polls++;
   last_events = fds->events;
@@ -92,7 +92,7 @@ int WSAAPI WSAPoll(WSAPOLLFD* fds, ULONG count, INT timeout) {
     std::exchange(when_all_are_taken, {})();
   }
   if (made_up_polls.empty()) {
-    return system_poll(fds, count, timeout);
+    return SYSTEM_POLL(fds, count, timeout);
   }
   const MadeUpPoll poll = made_up_polls.front();
   made_up_polls.pop_front();
@@ -188,12 +188,12 @@ TEST_F(Transport, PathsThatCannotBeConnectedTo) {
 /* ------------------------------------------------------------------- moving bytes */
 
 TEST_F(Transport, MovesMoreThanTheSocketHoldsBothWays) {
-  constexpr size_t size = 900'000;
+  constexpr size_t SIZE = 900'000;
   tnv_msg msg = {};
-  msg.hdr.hdr_len = sizeof(msg) + size;
+  msg.hdr.hdr_len = sizeof(msg) + SIZE;
   peer.on_request([](PeerConnection& conn) { conn.send(conn.request().bytes); });
   Client client(peer);
-  const Bytes request = bytes_of(msg) + pattern(size);
+  const Bytes request = bytes_of(msg) + pattern(SIZE);
   ASSERT_EQ(client.send(request), 0);
   ASSERT_EQ(client.recv(request.size()), 0);
   EXPECT_TRUE(client.got == request);
@@ -228,7 +228,7 @@ struct Transfer {
   const char* line;
 };
 
-const Transfer transfers[] = {
+const Transfer TRANSFERS[] = {
     /* What was sent before the peer closed is read; then the connection is over. */
     {100'000, CLOSES, 0, RECEIVES, 99'990, RUNS, {}, 0, OPEN, nullptr},
     {100'000, CLOSES, 99'990, RECEIVES, 11, RUNS, {}, WSAECONNRESET, CLOSED, "recv connection"},
@@ -254,7 +254,7 @@ const struct {
   int err;
   int state;
   const char* line;
-} rare_polls[] = {
+} RARE_POLLS[] = {
     {{1, POLLHUP, 0}, WSAECONNRESET, CLOSED, "recv connection hung"},
     {{1, POLLHUP | POLLERR, 0}, WSAECONNRESET, CLOSED, "recv connection"},
     {{1, POLLERR, 0}, ANY, OPEN, "Failed to recv over"},
@@ -304,14 +304,14 @@ class Transfers : public Transport {
 };
 
 TEST_F(Transfers, EndAsTheyShould) {
-  for (const Transfer& t : transfers) {
-    SCOPED_TRACE(&t - transfers);
+  for (const Transfer& t : TRANSFERS) {
+    SCOPED_TRACE(&t - TRANSFERS);
     run(t);
   }
 }
 
 TEST_F(Transfers, EndAtRarePolls) {
-  for (const auto& rare : rare_polls) {
+  for (const auto& rare : RARE_POLLS) {
     const std::string sent = std::regex_replace(
         std::regex_replace(rare.line, std::regex("recv"), "send"), std::regex("Recv"), "Send");
     run({0, STAYS, 0, RECEIVES, 10, RUNS, {rare.poll}, rare.err, rare.state, rare.line});

@@ -48,7 +48,7 @@ LocalEntry entry_of(const std::string& name, const Found& found) {
 }  // namespace
 
 std::string absolute_path(const std::string& path) {
-  const std::string absolute = utf8_from_wide(full_path(path));
+  std::string absolute = utf8_from_wide(full_path(path));
   if (absolute.empty()) {
     throw Failure(path, "leads to a name that is no Unicode text");
   }
@@ -56,7 +56,7 @@ std::string absolute_path(const std::string& path) {
 }
 
 std::wstring verbatim_path(const std::string& path) {
-  const std::wstring full = full_path(path);
+  std::wstring full = full_path(path);
   if (full.starts_with(L"\\\\?\\") || full.starts_with(L"\\\\.\\")) {
     return full;
   }

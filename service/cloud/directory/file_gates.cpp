@@ -18,4 +18,4 @@ FileGates::Gate FileGates::of(const std::string& path) {
   return gate;
 }
 
-} /* namespace tarnd */
+}  // namespace tarnd

@@ -47,6 +47,6 @@ class FileGates {
   std::map<std::wstring, std::weak_ptr<FileGate>> gates_; /* guarded by lock_ */
 };
 
-} /* namespace tarnd */
+}  // namespace tarnd
 
 #endif

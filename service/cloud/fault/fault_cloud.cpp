@@ -51,7 +51,7 @@ bool FaultCloud::load(std::string* error) {
 }
 
 /* A script that is wrong, or half written, leaves the old one in force. */
-void FaultCloud::load_again_locked() {
+void FaultCloud::load_again_locked(const Guard&) {
   std::error_code failed;
   if (file_.empty() || std::filesystem::last_write_time(file_, failed) == file_time_ || failed) {
     return;
@@ -63,7 +63,7 @@ void FaultCloud::load_again_locked() {
 
 /* ------------------------------------------------------------------ the fate of a call */
 
-bool FaultCloud::strikes_locked(size_t rule, CloudCall kind) {
+bool FaultCloud::strikes_locked(const Guard&, size_t rule, CloudCall kind) {
   const FaultRule& it = script_.rules[rule];
   if (!it.calls.contains(kind)) {
     return false;
@@ -72,13 +72,14 @@ bool FaultCloud::strikes_locked(size_t rule, CloudCall kind) {
   return it.nth != 0 ? asked == it.nth : std::generate_canonical<double, 53>(random_) < it.chance;
 }
 
-std::chrono::milliseconds FaultCloud::time_locked(const FaultRule& rule) {
+std::chrono::milliseconds FaultCloud::time_locked(const Guard&, const FaultRule& rule) {
   return std::chrono::milliseconds(std::uniform_int_distribution<std::chrono::milliseconds::rep>(
       rule.least.count(), rule.most.count())(random_));
 }
 
-void FaultCloud::add_to_fate_locked(const FaultRule& rule, CloudCall kind, Fate* fate) {
-  const std::chrono::milliseconds time = time_locked(rule);
+void FaultCloud::add_to_fate_locked(const Guard& guard, const FaultRule& rule, CloudCall kind,
+                                    Fate* fate) {
+  const std::chrono::milliseconds time = time_locked(guard, rule);
   switch (rule.fault) {
     case Fault::LATENCY:
       fate->latency += time;
@@ -107,14 +108,14 @@ void FaultCloud::add_to_fate_locked(const FaultRule& rule, CloudCall kind, Fate*
   }
 }
 
-FaultCloud::Fate FaultCloud::fate_locked(CloudCall kind) {
+FaultCloud::Fate FaultCloud::fate_locked(const Guard& guard, CloudCall kind) {
   Fate fate;
   for (size_t i = 0; i < script_.rules.size(); i++) {
     const FaultRule& rule = script_.rules[i];
     const bool of_pieces =
         kind == CloudCall::READ && (rule.fault == Fault::CHANGED || rule.fault == Fault::SHORT);
-    if (!of_pieces && strikes_locked(i, kind)) {
-      add_to_fate_locked(rule, kind, &fate);
+    if (!of_pieces && strikes_locked(guard, i, kind)) {
+      add_to_fate_locked(guard, rule, kind, &fate);
     }
   }
   if (Clock::now() < online_from_) {
@@ -126,9 +127,9 @@ FaultCloud::Fate FaultCloud::fate_locked(CloudCall kind) {
 CloudResult FaultCloud::run(const CloudContext& context, CloudCall kind, const Call& call) {
   Fate fate;
   {
-    const std::lock_guard guard(lock_);
-    load_again_locked();
-    fate = fate_locked(kind);
+    const Guard guard(lock_);
+    load_again_locked(guard);
+    fate = fate_locked(guard, kind);
   }
   const CloudResult waited = sleep_within(context, fate.latency);
   if (!waited.ok() || !fate.refusal.ok()) {
@@ -143,7 +144,7 @@ CloudResult FaultCloud::run(const CloudContext& context, CloudCall kind, const C
 void FaultCloud::slow_down(const CloudContext& context, size_t size) {
   uint64_t rate = 0;
   {
-    const std::lock_guard guard(lock_);
+    const Guard guard(lock_);
     rate = script_.rate;
   }
   if (rate != 0) {
@@ -151,10 +152,10 @@ void FaultCloud::slow_down(const CloudContext& context, size_t size) {
   }
 }
 
-bool FaultCloud::piece_strikes_locked(Fault fault) {
+bool FaultCloud::piece_strikes_locked(const Guard& guard, Fault fault) {
   bool strikes = false;
   for (size_t i = 0; i < script_.rules.size(); i++) {
-    strikes |= script_.rules[i].fault == fault && strikes_locked(i, CloudCall::READ);
+    strikes |= script_.rules[i].fault == fault && strikes_locked(guard, i, CloudCall::READ);
   }
   return strikes;
 }
@@ -162,14 +163,14 @@ bool FaultCloud::piece_strikes_locked(Fault fault) {
 /* OK also for a piece that ends the body: then with a smaller `*size`. */
 CloudResult FaultCloud::spoil_piece(const CloudContext& context, size_t* size) {
   slow_down(context, *size);
-  const std::lock_guard guard(lock_);
+  const Guard guard(lock_);
   if (Clock::now() < online_from_) {
     return CloudResult::of(CloudCode::OFFLINE);
   }
-  if (piece_strikes_locked(Fault::CHANGED)) {
+  if (piece_strikes_locked(guard, Fault::CHANGED)) {
     return CloudResult::of(CloudCode::CHANGED);
   }
-  if (piece_strikes_locked(Fault::SHORT)) {
+  if (piece_strikes_locked(guard, Fault::SHORT)) {
     *size = random_() % *size;
   }
   return {};

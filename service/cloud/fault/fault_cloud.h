@@ -49,6 +49,7 @@ class FaultCloud : public Cloud {
 
  private:
   class SlowSnapshot;
+  using Guard = std::lock_guard<std::mutex>;
   using Call = std::function<CloudResult()>;
 
   /* What befalls one call. */
@@ -66,13 +67,13 @@ class FaultCloud : public Cloud {
   void slow_down(const CloudContext& context, size_t size);
   bool load(std::string* error);
 
-  /* These want lock_ held. */
-  void load_again_locked();
-  Fate fate_locked(CloudCall kind);
-  void add_to_fate_locked(const FaultRule& rule, CloudCall kind, Fate* fate);
-  bool strikes_locked(size_t rule, CloudCall kind);
-  bool piece_strikes_locked(Fault fault);
-  std::chrono::milliseconds time_locked(const FaultRule& rule);
+  /* These want lock_ held, and take the guard that holds it as the proof. */
+  void load_again_locked(const Guard&);
+  Fate fate_locked(const Guard& guard, CloudCall kind);
+  void add_to_fate_locked(const Guard& guard, const FaultRule& rule, CloudCall kind, Fate* fate);
+  bool strikes_locked(const Guard&, size_t rule, CloudCall kind);
+  bool piece_strikes_locked(const Guard& guard, Fault fault);
+  std::chrono::milliseconds time_locked(const Guard&, const FaultRule& rule);
 
   const std::unique_ptr<Cloud> below_;
   const std::filesystem::path file_; /* of the script; empty: it never changes */

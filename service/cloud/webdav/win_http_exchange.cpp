@@ -92,7 +92,7 @@ bool CertificateAuthority::load(const std::string& path, std::string* error) {
 /* The host's name, the dates and the use of the certificate are WinHTTP's to check. */
 bool CertificateAuthority::trusts_server_of(HINTERNET request) const {
   PCCERT_CONTEXT shown = nullptr;
-  DWORD size = sizeof shown;
+  DWORD size = sizeof(PCCERT_CONTEXT);
   if (WinHttpQueryOption(request, WINHTTP_OPTION_SERVER_CERT_CONTEXT, &shown, &size) == FALSE) {
     return false;
   }
@@ -236,7 +236,7 @@ CloudResult WinHttpExchange::begin(const CloudContext& context, const std::strin
   }
   state_->request = request;
   auto* holder = new std::shared_ptr<State>(state_); /* until HANDLE_CLOSING */
-  WinHttpSetOption(request, WINHTTP_OPTION_CONTEXT_VALUE, &holder, sizeof holder);
+  WinHttpSetOption(request, WINHTTP_OPTION_CONTEXT_VALUE, &holder, sizeof(void*));
   WinHttpSetStatusCallback(request, State::on_event, WINHTTP_CALLBACK_FLAG_ALL_NOTIFICATIONS, 0);
   DWORD off = WINHTTP_DISABLE_COOKIES | WINHTTP_DISABLE_REDIRECTS;
   WinHttpSetOption(request, WINHTTP_OPTION_DISABLE_FEATURE, &off, sizeof off);
