@@ -75,6 +75,7 @@ class FarCloud : public testing::Test {
     return std::filesystem::exists(drive.in_cloud(name));
   }
 
+ public:
   RealDrive drive;
 };
 

@@ -63,6 +63,7 @@ class Model : public testing::Test {
                   << steps_text(shortest);
   }
 
+ public:
   RealDrive drive;
 
  private:

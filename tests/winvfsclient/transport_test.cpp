@@ -159,6 +159,7 @@ class Transport : public testing::Test {
     EXPECT_EQ(failed_closes.exchange(0), 0) << "each socket is closed once";
   }
 
+ public:
   LogCapture log;
   std::atomic<bool> done = false; /* set by scripts of the peer */
   ScriptedPeer peer;
