@@ -27,11 +27,16 @@ void remove_logs_of_earlier_runs(const fs::path& folder, const std::string& pref
   }
 }
 
+/*
+ * In the temporary folder, since each Wine server has its own: two of them may give one number to
+ * two processes of the same program, and neither knows what the other one has open.
+ */
 const std::string& log_path() {
   static const std::string OPENED = [] {
     const std::string program = test_program().filename().string() + ".";
-    remove_logs_of_earlier_runs(test_program().parent_path(), program);
-    const std::string path = beside_test(program + std::to_string(getpid()) + ".log");
+    const fs::path folder = fs::temp_directory_path();
+    remove_logs_of_earlier_runs(folder, program);
+    const std::string path = (folder / (program + std::to_string(getpid()) + ".log")).string();
     ox_init_logging("TEST", path.c_str(), nullptr, nullptr);
     return path;
   }();
