@@ -153,6 +153,7 @@ CALLS = {
     "tnw_unlockfile": (c_int, c_void_p, c_uint32, c_uint32, c_uint32, c_uint32, c_int),
     "tnw_updatetoken": (c_int, c_void_p, c_char_p),
     "tnw_set_http_proxy": (c_int, c_void_p, c_char_p, c_char_p, c_char_p),
+    "tnw_set_answer_limit": (c_int, c_void_p, c_uint32),
     "tnw_purge_cache": (c_int, POINTER(tnw_purge_opt_t)),
 }
 
@@ -382,6 +383,10 @@ class Drive:
         """Tells the service which HTTP proxy to use."""
         self._check_answer(self._library.tnw_set_http_proxy(
             self._drive(), _cloud_text(proxy), _cloud_text(user), _cloud_text(password)))
+
+    def set_answer_limit(self, milliseconds: int) -> None:
+        """Sets how long the service may be silent until it counts as gone; 0: for ever."""
+        self._check_answer(self._library.tnw_set_answer_limit(self._drive(), milliseconds))
 
     def _drive(self) -> int:
         if self._handle is None:

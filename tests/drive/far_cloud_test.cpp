@@ -19,8 +19,7 @@ using std::chrono::milliseconds;
 constexpr ox_u64 MIB = ox_u64{1} << 20;
 constexpr ox_u64 LARGE = LARGE_MIB * MIB;
 constexpr int WAIT_MS = 300; /* of a close for its upload */
-/* Figures are judged by the test that takes long, which is run on a machine that does nothing else.
- */
+/* Figures are judged by the test that takes long: its machine does nothing else. */
 constexpr bool JUDGED = LARGE_MIB > 100;
 
 template <typename Work>

@@ -367,6 +367,28 @@ TEST_F(Transport, AFailureClosesAClientConnectionOnceAndTouchesNoSocketAgain) {
   EXPECT_TRUE(peer.wait_for_ended(3)) << "what the peer sees of it";
 }
 
+/* The event stands for the process. */
+TEST_F(Transport, AWaitEndsWithTheProcessWhoseSocketOutlivesIt) {
+  peer.on_accept([](PeerConnection& conn) { conn.stall(); });
+  Client client(peer);
+  tnw_watch watch = {CreateEventA(nullptr, TRUE, TRUE, nullptr), 5000};
+  client.vh.vfs_private = &watch;
+  made_up_polls = {TIMEOUT};
+  ox_u8 byte;
+  EXPECT_EQ(tnv_conn_recv(&client.vh, &byte, 1), WSAECONNRESET);
+  EXPECT_EQ(log.count("The service's process has ended"), 1u);
+  EXPECT_TRUE(client.vh.vfs_broken);
+  tnw_end_watch(&watch);
+
+  vfs_handle vh = {};
+  vh.vfs_private = &watch;
+  EXPECT_EQ(tnw_setup_socket(&vh, peer.path()), 0);
+  EXPECT_NE(watch.tw_process, nullptr) << "the connect finds the process";
+  EXPECT_EQ(WaitForSingleObject(watch.tw_process, 0), DWORD{WAIT_TIMEOUT});
+  tnv_conn_break(&vh);
+  tnw_end_watch(&watch);
+}
+
 /* The child has what it inherits from its first moment on, and never runs. */
 TEST_F(Transport, AChildOfTheProcessKeepsNoConnectionAlive) {
   char program[MAX_PATH + 1] = "";

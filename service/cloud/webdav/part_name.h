@@ -1,5 +1,4 @@
-/* Files and folders of our own on a server: hidden in listings, and gone when they are done with.
- */
+/* Names of our own files and folders on a server. Listings hide the files. */
 #ifndef SERVICE_PART_NAME_H
 #define SERVICE_PART_NAME_H
 
