@@ -123,6 +123,13 @@ Arguments PeerPlayer::rule_for(ox_u32 opcode) {
   return rule;
 }
 
+/* Of a handle, or "" where the number is none of a file. */
+static std::string path_of(HANDLE handle) {
+  char path[MAX_PATH] = "";
+  GetFinalPathNameByHandleA(handle, path, sizeof path, 0);
+  return path;
+}
+
 /* A file with access=MASK, perhaps overlapped, or a pipe. */
 ox_u64 PeerPlayer::carry(const Arguments& rule) {
   const std::lock_guard guard(rules_lock_);
@@ -136,6 +143,7 @@ ox_u64 PeerPlayer::carry(const Arguments& rule) {
     carried_ = reinterpret_cast<void*>(
         local_file(drive_.folder / "local", option(rule, "file"), access, flags));
   }
+  carried_path_ = path_of(carried_);
   return reinterpret_cast<ox_u64>(carried_);
 }
 
@@ -216,14 +224,15 @@ void PeerPlayer::add_local_commands() {
     VirtualQuery(handle(a, 0), &page, sizeof page);
     return page.State == MEM_RESERVE ? "reserved" : "used";
   };
-  /* Another handle gets the number of the last one that was carried and has been closed. */
+  /* Another handle gets the number of the last one that was carried and has been closed. A thread
+   * that waits for the first time may have taken it, and keeps it. */
   commands_["stranger"] = [this](auto&) {
     std::vector<HANDLE> others;
     do {
       others.push_back(CreateEventA(nullptr, FALSE, FALSE, nullptr));
     } while (others.back() != carried_ && others.size() < 1000);
     std::for_each(others.begin(), others.end() - 1, CloseHandle);
-    return others.back() == carried_ ? "" : "there is none";
+    return is_open_handle(carried_) ? "" : "there is none";
   };
   commands_["close_carried"] = [this](auto&) { return CloseHandle(carried_) != 0 ? "" : "no"; };
   commands_["write_pipe"] = [this](auto& a) {
@@ -232,7 +241,10 @@ void PeerPlayer::add_local_commands() {
     CloseHandle(pipe_);
     return std::to_string(written);
   };
-  commands_["carried"] = [this](auto&) { return is_open_handle(carried_) ? "open" : "closed"; };
+  commands_["stranger_is"] = [this](auto&) { return is_open_handle(carried_) ? "open" : "closed"; };
+  commands_["carried"] = [this](auto&) {
+    return path_of(carried_) == carried_path_ ? "open" : "closed";
+  };
   /* The response time of the event that was left last. */
   commands_["event_time"] = [this](auto& a) {
     const std::string line = whole_log_.lines().back();

@@ -54,9 +54,10 @@ class PeerPlayer : public CallPlayer {
 
   IdNumbers ids_{
       "[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"}; /* random ones */
-  std::mutex rules_lock_; /* guards the next three */
+  std::mutex rules_lock_; /* guards the next four */
   std::map<std::string, Arguments> rules_;
   void* carried_ = nullptr;       /* by the last answer that carried a file */
+  std::string carried_path_;      /* which tells it from a handle that got its number */
   void* pipe_ = nullptr;          /* its other end */
   std::optional<LogCapture> log_; /* what was not shown yet */
   size_t shown_ = 0;              /* requests */
