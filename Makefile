@@ -10,7 +10,7 @@ export LC_ALL := C.UTF-8
 # A step that prints one line, and its output only when it fails: $(call step,NAME,TEXT,COMMAND)
 step = printf '==> %s\n' '$(2)'; mkdir -p build; \
        $(3) >build/$(1).log 2>&1 || { cat build/$(1).log; exit 1; }
-configure = $(call step,configure-$(1),Configuring the $(1) build,cmake --preset $(1))
+configure = $(call step,configure-$(1),Configuring the $(1) build,cmake --preset $(1) $(2))
 # Ninja shows its progress on a terminal; elsewhere only what compilers say.
 build = printf '==> %s\n' 'Building in build/$(1)'; \
         quiet=--quiet; if [[ -t 1 ]]; then quiet=; fi; \
@@ -79,11 +79,9 @@ tidy: cross-prefix ## Looks for likely faults, and for names that differ from th
 
 bench: cross-prefix ## Measures each call against its limit or a peer (ROWS=PATTERN: only these)
 	@tools/install-packages libboost-dev
-	@source=$$(tools/benchmark-source); \
-	for preset in windows host; do \
-	  $(call step,configure-$$preset,Configuring the $$preset build,\
-	         cmake --preset $$preset -DBENCHMARK_SOURCE=$$source); \
-	done
+	@tools/benchmark-source >/dev/null
+	@$(call configure,windows,-DBENCHMARK_SOURCE="$$(tools/benchmark-source)")
+	@$(call configure,host,-DBENCHMARK_SOURCE="$$(tools/benchmark-source)")
 	@$(call build,windows,$(BENCH_TARGETS))
 	@$(call build,host,bench_parts)
 	@tools/bench --rows '$(ROWS)'

@@ -1,6 +1,7 @@
 /*
  * Names compared without case, against ICU: both texts from UTF-8, and its comparison.
  */
+#include <unicode/uchar.h>
 #include <unicode/ustring.h>
 
 #include "ox_text.h"
