@@ -140,10 +140,11 @@ void Bench::pair_once(const std::string& row, int rounds, const Once& ours, cons
 void Bench::value(const std::string& row, double number) { samples(row, {number}, {}); }
 
 void Bench::samples(const std::string& row, const std::vector<double>& ours,
-                    const std::vector<double>& peer) {
+                    const std::vector<double>& peer, const std::string& unit) {
   if (wants(row)) {
-    printf("{\"row\": \"%s\", \"ours\": %s, \"peer\": %s}\n", row.c_str(), list_of(ours).c_str(),
-           list_of(peer).c_str());
+    printf(R"({"row": "%s", "unit": "%s", "ours": %s, "peer": %s})"
+           "\n",
+           row.c_str(), unit.c_str(), list_of(ours).c_str(), list_of(peer).c_str());
     fflush(stdout);
   }
 }

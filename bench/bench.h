@@ -44,8 +44,9 @@ class Bench {
   void pair_once(const std::string& row, int rounds, const Once& ours, const Once& peer);
   /* What is no time. */
   void value(const std::string& row, double number);
+  /* What was measured in another way. */
   void samples(const std::string& row, const std::vector<double>& ours,
-               const std::vector<double>& peer);
+               const std::vector<double>& peer, const std::string& unit = "ns");
 
  private:
   std::string folder_;

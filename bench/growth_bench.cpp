@@ -78,8 +78,8 @@ class Growth {
     }
     const auto read_before = reads(), looks_before = looks();
     const auto more = grow();
-    bench_.samples(read, reads(), read_before);
-    bench_.samples(look, looks(), looks_before);
+    bench_.samples(read, reads(), read_before, "times bare");
+    bench_.samples(look, looks(), looks_before, "times bare");
   }
 
  private:
