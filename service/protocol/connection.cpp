@@ -25,7 +25,7 @@ size_t words_for(size_t bytes) { return (bytes + sizeof(uint64_t) - 1) / sizeof(
 }  // namespace
 
 Connection::Connection(Service& service, uint64_t number, int socket)
-    : session_{.service = service, .number = number, .share = {}},
+    : session_{.service = service, .number = number, .share = {}, .client = {}},
       reader_(static_cast<uint64_t>(socket), service.stopping),
       storage_(words_for(TNV_MSG_FIXED)) {
   vh_.vfs_fd = socket;
