@@ -31,12 +31,13 @@ void row_of_each(Bench& bench, const std::string& row, int count, Call call) {
 template <class Read>
 double step_through(uint64_t step, Read read) {
   std::vector<char> buffer(step);
+  const uint64_t steps = BIG / step;
   const double seconds = seconds_of([&] {
     for (uint64_t off = 0; off < BIG; off += step) {
       read(buffer.data(), off);
     }
   });
-  return seconds * 1e9 / static_cast<double>(BIG / step);
+  return seconds * 1e9 / static_cast<double>(steps);
 }
 
 void read_rows(Bench& bench, Tree& tree) {

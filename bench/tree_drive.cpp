@@ -3,7 +3,7 @@
  */
 #include <windows.h>
 
-#include <optional>
+#include <memory>
 
 #include "drive.h"
 #include "tree.h"
@@ -46,7 +46,7 @@ class DriveTree : public Tree {
          "tnw_write");
   }
 
-  void open(const std::string& path) override { file_.emplace(drive_, path); }
+  void open(const std::string& path) override { file_ = std::make_unique<File>(drive_, path); }
   void read(char* buffer, size_t size, uint64_t off) override {
     must(tnw_read(file_->handle(), buffer, size, static_cast<ox_off>(off), nullptr, nullptr) == 0,
          "tnw_read");
@@ -60,7 +60,7 @@ class DriveTree : public Tree {
 
  private:
   Drive drive_;
-  std::optional<File> file_;
+  std::unique_ptr<File> file_;
 };
 
 }  // namespace

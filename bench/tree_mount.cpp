@@ -48,7 +48,9 @@ class Mount : public Tree {
  private:
   size_t walk(const std::string& path, bool with_attributes) const {
     DIR* folder = opendir((root_ + path).c_str());
-    must(folder != nullptr, "opendir");
+    if (folder == nullptr) {
+      give_up("failed: opendir");
+    }
     size_t count = 0;
     struct stat status;
     while (const dirent* entry = readdir(folder)) {
