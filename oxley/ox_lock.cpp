@@ -1,5 +1,5 @@
 /*
- * Profiled wrappers over POSIX-thread locks.
+ * Profiled wrappers over POSIX threads' mutexes and the system's reader/writer lock.
  *
  * Several readers write the statistics of a reader/writer lock at once. Relaxed atomic access keeps
  * that defined. It orders nothing and must not: profiling never changes the locking.
@@ -14,6 +14,7 @@
 
 #include "ox_assert.h"
 #include "ox_logging.h"
+#include "ox_native_rwlock.h"
 #include "ox_time.h"
 
 namespace {
@@ -145,24 +146,24 @@ int ox_deinit_cv(pthread_cond_t* cv) { return pthread_cond_destroy(cv); }
 
 int ox_init_rwlock(ox_rwlock_t* l) {
   l->lck_stat = {};
-  return pthread_rwlock_init(&l->lck_lock, nullptr);
+  return ox_native_rwlock_init(&l->lck_lock);
 }
 
-int ox_deinit_rwlock(ox_rwlock_t* l) { return pthread_rwlock_destroy(&l->lck_lock); }
+int ox_deinit_rwlock(ox_rwlock_t* l) { return ox_native_rwlock_destroy(&l->lck_lock); }
 
-int ox_rwlock_excl(ox_rwlock_t* l) { return profiled_acquire(l, pthread_rwlock_wrlock); }
+int ox_rwlock_excl(ox_rwlock_t* l) { return profiled_acquire(l, ox_native_rwlock_excl); }
 
-int ox_rwlock_shared(ox_rwlock_t* l) { return profiled_acquire(l, pthread_rwlock_rdlock); }
+int ox_rwlock_shared(ox_rwlock_t* l) { return profiled_acquire(l, ox_native_rwlock_shared); }
 
 int ox_rwlock_tryexcl(ox_rwlock_t* l) {
-  const int result = pthread_rwlock_trywrlock(&l->lck_lock);
+  const int result = ox_native_rwlock_tryexcl(&l->lck_lock);
   if (result == 0) {
     note_held(l);
   }
   return result;
 }
 
-int ox_rwunlock(ox_rwlock_t* l) { return profiled_release(l, pthread_rwlock_unlock); }
+int ox_rwunlock(ox_rwlock_t* l) { return profiled_release(l, ox_native_rwlock_unlock); }
 
 bool ox_cv_wait(pthread_cond_t* cv, ox_lock_t* l, const struct timespec* deadline) {
   OX_ASSERT_HELD(l);

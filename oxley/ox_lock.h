@@ -1,6 +1,7 @@
 /*
- * Mutexes, reader/writer locks and condition variables over POSIX threads (winpthreads on
- * Windows), with contention profiling, and byte-range locks on file descriptors.
+ * Mutexes and condition variables over POSIX threads (winpthreads on Windows), reader/writer locks
+ * (slim locks of the system on Windows), with contention profiling, and byte-range locks on file
+ * descriptors.
  *
  * Profiling: when ox_prof_level is 3 or more, two things are logged as warnings: an acquisition
  * that waited more than 1000 us, and a hold of more than 1 s. A hold counts from the moment when
@@ -29,14 +30,20 @@ OX_BEGIN_DECLS
  */
 #if !defined(_WIN32) || defined(__MINGW32__)
 typedef pthread_mutex_t ox_posix_mutex_t;
-typedef pthread_rwlock_t ox_posix_rwlock_t;
 typedef pthread_cond_t ox_posix_cond_t;
 typedef pthread_t ox_posix_thread_t;
 #else
 typedef ox_u64 ox_posix_mutex_t;
-typedef ox_u64 ox_posix_rwlock_t;
 typedef ox_u64 ox_posix_cond_t;
 typedef ox_u64 ox_posix_thread_t;
+#endif
+
+/* On Windows a pointer to the slim lock, which the init call allocates and the deinit call frees.
+ */
+#ifdef _WIN32
+typedef void* ox_native_rwlock_t;
+#else
+typedef pthread_rwlock_t ox_native_rwlock_t;
 #endif
 
 /* The acquiring thread writes it, the releasing one reads it. With shared holders it is a hint. */
@@ -51,7 +58,7 @@ typedef struct ox_lock {
 } ox_lock_t;
 
 typedef struct ox_rwlock {
-  ox_posix_rwlock_t lck_lock;
+  ox_native_rwlock_t lck_lock;
   ox_lock_stat_t lck_stat;
 } ox_rwlock_t;
 #ifdef _WIN32

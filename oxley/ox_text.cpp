@@ -62,6 +62,39 @@ Element decode(const char* text) {
   return code >= 0 ? Element{code, g_utf8_skip[lead]} : Element{~lead, 1};
 }
 
+bool is_ascii(char c) { return static_cast<signed char>(c) >= 0; }
+
+char lower_ascii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c; }
+
+/* This and same_element compare what stands at both places, and step over it when it is equal. */
+bool same_ascii(const char** a, const char** b) {
+  const bool same = **a == **b || lower_ascii(**a) == lower_ascii(**b);
+  ++*a;
+  ++*b;
+  return same;
+}
+
+/* Whether `capital` is the dotted capital I and `pair` holds the two characters that it equals. */
+bool same_dotted_i(const Element& at_capital, const char** capital, const char** pair) {
+  if (at_capital.code != CAPITAL_DOTTED_I || ox_is_lower_turkish_i(pair) == 0) {
+    return false;
+  }
+  *capital += at_capital.length;
+  *pair += decode(*pair).length;
+  return true;
+}
+
+bool same_element(const char** a, const char** b) {
+  const Element ea = decode(*a);
+  const Element eb = decode(*b);
+  if (ea.code != eb.code && ox_java_tolower(ea.code) != ox_java_tolower(eb.code)) {
+    return same_dotted_i(ea, a, b) || same_dotted_i(eb, b, a);
+  }
+  *a += ea.length;
+  *b += eb.length;
+  return true;
+}
+
 }  // namespace
 
 /* Bytes are compared: a code point has one well-formed encoding, and a stray byte equals itself
@@ -75,17 +108,10 @@ int ox_utf8_strcasecmp(const char* a, const char* b) {
     return 1;
   }
   while (*a != '\0' && *b != '\0') {
-    const ox_s32 ca = decode(a).code;
-    const ox_s32 cb = decode(b).code;
-    if (ox_java_tolower(ca) != ox_java_tolower(cb)) {
-      const bool is_pair = (ca == CAPITAL_DOTTED_I && ox_is_lower_turkish_i(&b) != 0) ||
-                           (cb == CAPITAL_DOTTED_I && ox_is_lower_turkish_i(&a) != 0);
-      if (!is_pair) {
-        return 1;
-      }
+    const bool same = is_ascii(*a) && is_ascii(*b) ? same_ascii(&a, &b) : same_element(&a, &b);
+    if (!same) {
+      return 1;
     }
-    a += decode(a).length;
-    b += decode(b).length;
   }
   return static_cast<int>(*a != *b);
 }

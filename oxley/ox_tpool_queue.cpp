@@ -17,9 +17,15 @@ namespace {
  */
 bool nameless(int rc) { return rc == ERANGE || rc == ESRCH; }
 
-/* 0 or an error number. While the pool drains, only its own workers may queue: their jobs may need
- * follow-up jobs. */
+/*
+ * 0 or an error number. While the pool drains, only its own workers may queue: their jobs may need
+ * follow-up jobs. Only then is the name asked for, which the runtime looks up under a lock that all
+ * threads share.
+ */
 int check_caller(const ox_tpool_t* tp) {
+  if ((tp->tp_flags & OX_TPOOL_FL_DRAIN) == 0) {
+    return 0;
+  }
   char name[4 * OX_TPOOL_NAME_SIZE] = "";
   const int rc = pthread_getname_np(pthread_self(), name, sizeof(name));
   if (rc != 0 && !nameless(rc)) {
@@ -27,8 +33,7 @@ int check_caller(const ox_tpool_t* tp) {
            reinterpret_cast<void*>(pthread_self()));
     return rc;
   }
-  const bool own = rc == 0 && strcmp(name, tp->tp_name) == 0;
-  if ((tp->tp_flags & OX_TPOOL_FL_DRAIN) != 0 && !own) {
+  if (rc != 0 || strcmp(name, tp->tp_name) != 0) {
     OX_LOG(OX_ERROR_LEVEL, OX_EINVAL,
            "[%s]: cannot queue job, the thread pool is being drained/destroyed.", tp->tp_name);
     return OX_EINVAL;

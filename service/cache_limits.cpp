@@ -18,9 +18,17 @@ bool CacheLimits::may_fetch(uint64_t bytes) const {
   return excess(free_space_(), keep_free_) >= bytes;
 }
 
-uint64_t CacheLimits::over(uint64_t used) const {
-  const uint64_t missing = excess(keep_free_, free_space_());
-  return std::min(used, std::max(excess(used, size_), missing));
+bool CacheLimits::may_be_over() const {
+  constexpr std::chrono::seconds OTHERS_FILL{1};
+  return grown_ >= grows_until_ || Clock::now() - counted_.load() >= OTHERS_FILL;
+}
+
+uint64_t CacheLimits::over(uint64_t used, uint64_t grown) {
+  const uint64_t free = free_space_();
+  const uint64_t over = std::min(used, std::max(excess(used, size_), excess(keep_free_, free)));
+  counted_ = Clock::now();
+  grows_until_ = grown + std::min(excess(size_, used), excess(free, keep_free_));
+  return over;
 }
 
 }  // namespace tarnd

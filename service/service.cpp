@@ -2,7 +2,8 @@
 
 #include <windows.h>
 
-#include <algorithm>
+#include <functional>
+#include <set>
 
 #include "ox_logging.h"
 #include "wide_text.h"
@@ -18,20 +19,41 @@ uint64_t free_space(const std::wstring& folder) {
                                                                             : UINT64_MAX;
 }
 
-/* The names of the files in a folder. */
-std::vector<std::wstring> files_in(const std::wstring& folder) {
-  std::vector<std::wstring> names;
+using FoundFile = std::function<void(const std::wstring& name, bool folder)>;
+
+void for_each_in(const std::wstring& folder, const FoundFile& found_file) {
   WIN32_FIND_DATAW found;
   const HANDLE search = FindFirstFileW((folder + L"\\*").c_str(), &found);
   if (search == INVALID_HANDLE_VALUE) {
-    return names;
+    return;
   }
   do {
-    if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
-      names.emplace_back(found.cFileName);
-    }
+    found_file(found.cFileName, (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0);
   } while (FindNextFileW(search, &found) != 0);
   FindClose(search);
+}
+
+/*
+ * The names of the local files. They lie in folders with names of two characters; older services
+ * put them into the cache's own.
+ */
+std::vector<std::wstring> local_files(const std::wstring& cache) {
+  std::vector<std::wstring> names;
+  std::vector<std::wstring> folders;
+  for_each_in(cache, [&](const std::wstring& name, bool folder) {
+    const bool ours = !folder || (name.size() == 2 && name != L"..");
+    if (ours) {
+      (folder ? folders : names).push_back(name);
+    }
+  });
+  for (const std::wstring& folder : folders) {
+    const std::wstring lead = folder + L'\\';
+    for_each_in(cache + L'\\' + folder, [&](const std::wstring& name, bool is_folder) {
+      if (!is_folder) {
+        names.push_back(lead + name);
+      }
+    });
+  }
   return names;
 }
 
@@ -41,8 +63,9 @@ bool set_aside(const std::wstring& folder, const std::wstring& database) {
   const std::wstring mark = std::to_wstring(GetTickCount64()) + L"-";
   const std::wstring inside = folder + L'\\';
   bool moved = true;
-  for (const std::wstring& name : files_in(folder)) {
-    moved = MoveFileExW((inside + name).c_str(), (kept + name).c_str(), 0) != 0 && moved;
+  for (const std::wstring& name : local_files(folder)) {
+    const std::wstring last = name.substr(name.rfind(L'\\') + 1);
+    moved = MoveFileExW((inside + name).c_str(), (kept + last).c_str(), 0) != 0 && moved;
   }
   moved = MoveFileExW(database.c_str(), (kept + mark + L"state.db").c_str(), 0) != 0 && moved;
   MoveFileExW((database + L"-wal").c_str(), (kept + mark + L"state.db-wal").c_str(), 0);
@@ -53,15 +76,15 @@ bool set_aside(const std::wstring& folder, const std::wstring& database) {
 
 /* Clean files of an earlier run. */
 void delete_others(const std::wstring& folder, const std::vector<FileRecord>& records) {
-  const std::wstring inside = folder + L'\\';
-  for (const std::wstring& name : files_in(folder)) {
+  std::set<std::string> wanted;
+  for (const FileRecord& record : records) {
+    wanted.insert({record.local, record.sealed.file});
+  }
+  for (const std::wstring& name : local_files(folder)) {
     std::string text;
     utf8_from_wide(name, &text);
-    const bool wanted = std::any_of(records.begin(), records.end(), [&](const auto& record) {
-      return record.local == text || record.sealed.file == text;
-    });
-    if (!wanted) {
-      DeleteFileW((inside + name).c_str());
+    if (!wanted.contains(text)) {
+      DeleteFileW((folder + L'\\' + name).c_str());
     }
   }
 }
@@ -118,7 +141,8 @@ Service::Service(const Options& opts, std::unique_ptr<Cloud> the_cloud, const st
                   folder,
                   opts.region_shift,
                   std::chrono::milliseconds(opts.write_back_wait_ms),
-                  [this](uint64_t bytes) { return limits.may_fetch(bytes); }},
+                  [this](uint64_t bytes) { return limits.may_fetch(bytes); },
+                  [this](uint64_t bytes) { limits.grow(bytes); }},
       files(environment, limits, opts.user, static_cast<unsigned>(opts.transfers)),
       next_utxid(opts.first_utxid) {}
 

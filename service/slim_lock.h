@@ -1,18 +1,25 @@
 /*
- * A mutex and a condition for objects that come and go: those of the standard library leave a
- * system object behind for each one that a thread has ever waited for. These have none. They are
- * used like std::mutex and std::condition_variable.
+ * A mutex and a condition that need no system object: those of the standard library make one, or
+ * several, for each wait, and leave one behind for each object that a thread has ever waited for.
+ * They are used like std::mutex and std::condition_variable, which take their place where the
+ * service's parts without a Windows call are tested.
  */
 #ifndef SERVICE_SLIM_LOCK_H
 #define SERVICE_SLIM_LOCK_H
-
-#include <windows.h>
 
 #include <algorithm>
 #include <chrono>
 #include <mutex>
 
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <condition_variable>
+#endif
+
 namespace tarnd {
+
+#ifdef _WIN32
 
 class SlimLock {
  public:
@@ -28,20 +35,67 @@ class SlimLock {
   SRWLOCK lock_ = SRWLOCK_INIT;
 };
 
-class SlimCondition {
+class SlimWaiters {
+ public:
+  void notify_one() { WakeConditionVariable(&condition_); }
+  void notify_all() { WakeAllConditionVariable(&condition_); }
+
+ protected:
   using Clock = std::chrono::steady_clock;
 
+  void sleep(std::unique_lock<SlimLock>& held) { sleep_ms(held, INFINITE); }
+  void sleep_until(std::unique_lock<SlimLock>& held, Clock::time_point end) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+    sleep_ms(held, static_cast<DWORD>(std::clamp<int64_t>(left, 0, 1'000'000)));
+  }
+
+ private:
+  void sleep_ms(std::unique_lock<SlimLock>& held, DWORD time) {
+    SleepConditionVariableSRW(&condition_, held.mutex()->native(), time, 0);
+  }
+
+  CONDITION_VARIABLE condition_ = CONDITION_VARIABLE_INIT;
+};
+
+#else
+
+using SlimLock = std::mutex;
+
+class SlimWaiters {
+ public:
+  void notify_one() { condition_.notify_one(); }
+  void notify_all() { condition_.notify_all(); }
+
+ protected:
+  using Clock = std::chrono::steady_clock;
+
+  void sleep(std::unique_lock<SlimLock>& held) { condition_.wait(held); }
+  void sleep_until(std::unique_lock<SlimLock>& held, Clock::time_point end) {
+    condition_.wait_until(held, end);
+  }
+
+ private:
+  std::condition_variable condition_;
+};
+
+#endif
+
+class SlimCondition : public SlimWaiters {
  public:
   SlimCondition() = default;
   SlimCondition(const SlimCondition&) = delete;
   SlimCondition& operator=(const SlimCondition&) = delete;
 
-  void notify_all() { WakeAllConditionVariable(&condition_); }
+  /* Both may return before their time: the caller looks again. */
+  void wait(std::unique_lock<SlimLock>& held) { sleep(held); }
+  void wait_until(std::unique_lock<SlimLock>& held, Clock::time_point end) {
+    sleep_until(held, end);
+  }
 
   template <typename Done>
   void wait(std::unique_lock<SlimLock>& held, Done done) {
     while (!done()) {
-      SleepConditionVariableSRW(&condition_, held.mutex()->native(), INFINITE, 0);
+      sleep(held);
     }
   }
   /* Both tell whether it is done by then. */
@@ -52,19 +106,13 @@ class SlimCondition {
   template <typename Done>
   bool wait_until(std::unique_lock<SlimLock>& held, Clock::time_point end, Done done) {
     while (!done()) {
-      const Clock::time_point now = Clock::now();
-      if (now >= end) {
+      if (Clock::now() >= end) {
         return false;
       }
-      const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - now).count();
-      SleepConditionVariableSRW(&condition_, held.mutex()->native(),
-                                static_cast<DWORD>(std::min<int64_t>(left, 1'000'000)), 0);
+      sleep_until(held, end);
     }
     return true;
   }
-
- private:
-  CONDITION_VARIABLE condition_ = CONDITION_VARIABLE_INIT;
 };
 
 }  // namespace tarnd

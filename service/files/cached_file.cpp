@@ -39,7 +39,7 @@ CachedFile::CachedFile(const CacheEnvironment& environment, FileTable& table, st
       fetches_(environment.transfers, *this, uint64_t{1} << environment.region_shift) {
   record_.id = id_;
   record_.path = std::move(path);
-  record_.local = text_of_id(new_id());
+  record_.local = new_local_name();
   record_.store = RegionStore(env_.region_shift);
   local_ = LocalFile(place_of(record_.local));
 }
@@ -100,7 +100,7 @@ int CachedFile::attach(FileOpen* open, const std::string& path, const AttachHow&
 
 /* The handle first: an open that is refused has emptied nothing. */
 int CachedFile::hand_out(Turn& turn, const AttachHow& how, uint64_t* handle) {
-  int err = local_.open_for(how.client_pid, handle);
+  int err = local_.open_for(how.client, handle);
   uint64_t size = 0;
   if (err == 0 && how.truncate) {
     err = local_.size(&size);
@@ -108,7 +108,7 @@ int CachedFile::hand_out(Turn& turn, const AttachHow& how, uint64_t* handle) {
       err = cut(turn, 0, true);
     }
     if (err != 0) {
-      LocalFile::take_back(how.client_pid, *handle);
+      LocalFile::take_back(how.client, *handle);
     }
   }
   return err;
@@ -297,7 +297,7 @@ void CachedFile::leave(FileOpen* open, Closing how) {
   }
   if (how == Closing::CLIENT_DIED && record_.state == FileState{}) {
     local_.remove();
-    record_.local = text_of_id(new_id());
+    record_.local = new_local_name();
     local_ = LocalFile(place_of(record_.local));
     filled_ = false;
   }
@@ -428,11 +428,11 @@ bool CachedFile::is_gone() const {
 
 uint64_t CachedFile::cached_bytes() const {
   const std::lock_guard guard(lock_);
-  uint64_t regions = 0;
+  uint64_t bytes = 0;
   for (const auto& [first, end] : record_.store.present().runs()) {
-    regions += end - first;
+    bytes += record_.store.bytes({first, end});
   }
-  return regions << record_.store.shift();
+  return bytes;
 }
 
 }  // namespace tarnd

@@ -77,6 +77,7 @@ struct CacheEnvironment {
   int region_shift;
   std::chrono::milliseconds write_back_wait;
   std::function<bool(uint64_t bytes)> may_fetch; /* whether the disk has room for them */
+  std::function<void(uint64_t bytes)> grow;      /* the cache takes this much more, at most */
 };
 
 /* A file's part of one open. Guarded by the file's turn, but for what is fixed. */
@@ -94,7 +95,7 @@ struct FileOpen {
 
 /* How a file is to be opened. */
 struct AttachHow {
-  uint32_t client_pid = 0;
+  HANDLE client = nullptr; /* its process, open for PROCESS_DUP_HANDLE */
   bool truncate = false;
   bool create = false; /* not in the cloud yet */
   CloudEntry entry;    /* the cloud's, just looked up */

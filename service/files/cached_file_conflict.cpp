@@ -11,7 +11,10 @@
 namespace tarnd {
 namespace {
 
-std::string kept_name(const std::string& local) { return "kept\\" + local; }
+/* All kept files lie in one folder. */
+std::string kept_name(const std::string& local) {
+  return "kept\\" + local.substr(local.rfind('\\') + 1);
+}
 
 }  // namespace
 
@@ -27,7 +30,7 @@ FileRecord CachedFile::rest_of(FileState after) const {
     rest.store.begin_seal();
     rest.size = record_.sealed.size;
   } else {
-    rest.local = text_of_id(new_id());
+    rest.local = new_local_name();
   }
   return rest;
 }

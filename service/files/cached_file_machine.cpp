@@ -237,7 +237,7 @@ int CachedFile::copy_aside(Event event, Work& work) {
     const std::lock_guard guard(lock_);
     store = sealed ? record_.sealed.store : record_.store;
   }
-  const std::string name = text_of_id(new_id());
+  const std::string name = new_local_name();
   LocalFile copy(place_of(name));
   int err = copy.open();
   err = err != 0 ? err : copy_content(local_, copy, store, size);

@@ -47,6 +47,7 @@ void CachedFile::arrived(ByteRange range) {
   record_.store.mark_present(regions);
   env_.counters.regions_fetched += regions.end - regions.first;
   env_.counters.bytes_fetched += range.length;
+  env_.grow(record_.store.bytes(regions));
 }
 
 CachedFile::NoFetches::NoFetches(CachedFile& file) : file_(file) {
@@ -260,6 +261,7 @@ int CachedFile::report(Turn& turn, FileOpen* open, Run regions, uint64_t size) {
     record.size = size;
   };
   const int err = carry_out(turn, Event::CHANGE, work);
+  env_.grow(record_.store.bytes(regions));
   open->may_write = open->may_write || err == 0;
   return err;
 }
@@ -311,6 +313,7 @@ int CachedFile::cut(Turn& turn, uint64_t size, bool told) {
   };
   work.apply = [=, this] { return told ? local_.set_size(size) : 0; };
   const int err = carry_out(turn, Event::CHANGE, work);
+  env_.grow(size > before ? record_.store.bytes(record_.store.regions(before, size - before)) : 0);
   const std::lock_guard guard(lock_);
   if (err != 0) {
     record_.store = old.store;

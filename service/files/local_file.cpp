@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "ox_errno.h"
+#include "uuid_text.h"
 
 namespace tarnd {
 namespace {
@@ -31,8 +32,17 @@ void make_sparse(HANDLE file) {
 
 }  // namespace
 
+std::string new_local_name() {
+  const std::string name = text_of_id(new_id());
+  return name.substr(0, 2) + '\\' + name;
+}
+
 int LocalFile::open() {
   file_ = FileHandle(open_shared(path_, OPEN_ALWAYS));
+  if (!file_.valid() && GetLastError() == ERROR_PATH_NOT_FOUND) { /* the first one of its folder */
+    CreateDirectoryW(path_.substr(0, path_.rfind(L'\\')).c_str(), nullptr);
+    file_ = FileHandle(open_shared(path_, OPEN_ALWAYS));
+  }
   if (!file_.valid()) {
     return last_error();
   }
@@ -120,29 +130,19 @@ uint64_t LocalFile::modified() const {
              : 0;
 }
 
-int LocalFile::open_for(uint32_t process_id, uint64_t* handle) const {
-  const HANDLE process = OpenProcess(PROCESS_DUP_HANDLE, FALSE, process_id);
-  if (process == nullptr) {
-    return last_error();
-  }
-  int err = 0;
+int LocalFile::open_for(HANDLE process, uint64_t* handle) const {
   HANDLE theirs = nullptr;
   const HANDLE ours = open_shared(path_, OPEN_EXISTING);
   if (ours == INVALID_HANDLE_VALUE ||
       (DuplicateHandle(GetCurrentProcess(), ours, process, &theirs, 0, FALSE,
                        DUPLICATE_SAME_ACCESS | DUPLICATE_CLOSE_SOURCE) == 0)) {
-    err = last_error();
+    return last_error();
   }
-  CloseHandle(process);
   *handle = reinterpret_cast<uint64_t>(theirs);
-  return err;
+  return 0;
 }
 
-void LocalFile::take_back(uint32_t process_id, uint64_t handle) {
-  const HANDLE process = OpenProcess(PROCESS_DUP_HANDLE, FALSE, process_id);
-  if (process == nullptr) {
-    return;
-  }
+void LocalFile::take_back(HANDLE process, uint64_t handle) {
   /*
    * Taken into this process and closed here: Wine closes nothing when there is no target process.
    */
@@ -151,7 +151,6 @@ void LocalFile::take_back(uint32_t process_id, uint64_t handle) {
                       FALSE, DUPLICATE_CLOSE_SOURCE | DUPLICATE_SAME_ACCESS) != 0) {
     CloseHandle(taken);
   }
-  CloseHandle(process);
 }
 
 }  // namespace tarnd

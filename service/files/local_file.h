@@ -16,6 +16,12 @@
 
 namespace tarnd {
 
+/*
+ * A name for a new local file, which no file has or had. It lies in one of 256 folders: some disks
+ * search all of a folder to make a file in it.
+ */
+std::string new_local_name();
+
 /* Results are 0 or an error number of ox_errno.h. */
 class LocalFile {
  public:
@@ -44,10 +50,13 @@ class LocalFile {
   /* When it was last written: a Windows file time, 0 when unknown. */
   uint64_t modified() const;
 
-  /* A handle to the file for another process, with a file object of its own; valid there only. */
-  int open_for(uint32_t process_id, uint64_t* handle) const;
+  /*
+   * A handle to the file for another process, with a file object of its own; valid there only. The
+   * process is open for PROCESS_DUP_HANDLE.
+   */
+  int open_for(HANDLE process, uint64_t* handle) const;
   /* Closes such a handle that the process was not told of. */
-  static void take_back(uint32_t process_id, uint64_t handle);
+  static void take_back(HANDLE process, uint64_t handle);
 
  private:
   std::wstring path_;

@@ -39,8 +39,8 @@ std::string today() {
 
 }  // namespace
 
-OpenFiles::OpenFiles(const CacheEnvironment& environment, const CacheLimits& limits,
-                     std::string user, unsigned transfers)
+OpenFiles::OpenFiles(const CacheEnvironment& environment, CacheLimits& limits, std::string user,
+                     unsigned transfers)
     : env_(environment),
       limits_(limits),
       user_(std::move(user)),
@@ -88,12 +88,27 @@ bool OpenFiles::sharing_allows(const OpenFile& open, uint32_t wants) const {
 }
 
 std::shared_ptr<CachedFile> OpenFiles::file_of(const std::string& key, const std::string& path) {
-  Cached& cached = files_[key];
-  if (cached.file == nullptr) {
-    cached.file = std::make_shared<CachedFile>(env_, *this, path);
+  std::shared_ptr<CachedFile> file = files_.find(key);
+  if (file != nullptr) {
+    files_.touch(key);
+  } else {
+    file = std::make_shared<CachedFile>(env_, *this, path);
+    files_.put(key, file);
   }
-  cached.used = next_number_++;
-  return cached.file;
+  return file;
+}
+
+/* How many bytes have to go. All files are counted only when there may be something to find. */
+uint64_t OpenFiles::excess() {
+  if (!limits_.may_be_over()) {
+    return 0;
+  }
+  const uint64_t grown = limits_.grown();
+  uint64_t bytes = 0;
+  for (const auto& file : files_.all()) {
+    bytes += file->cached_bytes();
+  }
+  return limits_.over(bytes, grown);
 }
 
 /*
@@ -101,27 +116,15 @@ std::shared_ptr<CachedFile> OpenFiles::file_of(const std::string& key, const std
  * outside of the lock.
  */
 void OpenFiles::trim() {
-  std::vector<std::pair<uint64_t, std::string>> idle; /* when used, key */
   std::vector<std::shared_ptr<CachedFile>> dropped;
   Guard guard(table_);
-  uint64_t bytes = 0;
-  for (const auto& [key, cached] : files_) {
-    bytes += cached.file->cached_bytes();
-    if (cached.file.use_count() == 1 && !cached.file->has_unsaved()) {
-      idle.emplace_back(cached.used, key);
-    }
-  }
-  std::sort(idle.begin(), idle.end());
-  uint64_t over = limits_.over(bytes);
-  for (const auto& [used, key] : idle) {
-    if (over == 0 && files_.size() <= MAX_CACHED) {
-      break;
-    }
-    const auto it = files_.find(key);
-    over -= std::min(over, it->second.file->cached_bytes());
-    dropped.push_back(std::move(it->second.file));
-    files_.erase(it);
-  }
+  uint64_t over = excess();
+  dropped = files_.take_oldest([&] { return over != 0 || files_.size() > MAX_CACHED; },
+                               [&](const std::shared_ptr<CachedFile>& file) {
+                                 const bool idle = file.use_count() == 1 && !file->has_unsaved();
+                                 over -= idle ? std::min(over, file->cached_bytes()) : 0;
+                                 return idle;
+                               });
 }
 
 /*
@@ -132,9 +135,8 @@ void OpenFiles::remove(const OpenFile& open) {
   {
     Guard guard(table_);
     opens_.erase(open.id);
-    const auto it = files_.find(open.place);
-    if (it != files_.end() && it->second.file == open.file && open.file->is_gone()) {
-      files_.erase(it);
+    if (open.file != nullptr && files_.find(open.place) == open.file && open.file->is_gone()) {
+      files_.erase(open.place);
     }
   }
   release_locks(open);
@@ -185,25 +187,12 @@ void OpenFiles::clean_up(OpenFile& open) {
 
 std::shared_ptr<CachedFile> OpenFiles::known(const std::string& key) {
   Guard guard(table_);
-  const auto it = files_.find(key);
-  return it == files_.end() ? nullptr : it->second.file;
+  return files_.find(key);
 }
 
 std::shared_ptr<CachedFile> OpenFiles::of_id(int64_t id) {
   Guard guard(table_);
-  const auto it = std::find_if(files_.begin(), files_.end(),
-                               [&](const auto& item) { return item.second.file->id() == id; });
-  return it == files_.end() ? nullptr : it->second.file;
-}
-
-std::vector<std::shared_ptr<CachedFile>> OpenFiles::all_files() {
-  Guard guard(table_);
-  std::vector<std::shared_ptr<CachedFile>> all;
-  all.reserve(files_.size());
-  for (const auto& [key, cached] : files_) {
-    all.push_back(cached.file);
-  }
-  return all;
+  return files_.of_id(id);
 }
 
 bool OpenFiles::is_in_use(const std::shared_ptr<CachedFile>& file) {
@@ -241,16 +230,27 @@ void OpenFiles::overlay(CloudEntry* entry) {
 }
 
 void OpenFiles::complete(const std::string& folder, std::vector<CloudEntry>* entries) {
-  std::set<std::string> listed;
-  for (CloudEntry& entry : *entries) {
-    listed.insert(folded_path(entry.path));
-    overlay(&entry);
+  std::vector<CachedFiles::Keyed> cached;
+  {
+    Guard guard(table_);
+    cached = files_.children(folded_path(folder));
   }
-  const std::string key = folded_path(folder);
-  for (const auto& file : all_files()) {
+  std::map<std::string, std::shared_ptr<CachedFile>> missing(cached.begin(), cached.end());
+  if (missing.empty()) {
+    return;
+  }
+  for (CloudEntry& entry : *entries) {
+    const auto it = missing.find(folded_path(entry.path));
+    if (it != missing.end()) {
+      if (!entry.folder) {
+        it->second->local_status(&entry.size, &entry.modified);
+      }
+      missing.erase(it);
+    }
+  }
+  for (const auto& [key, file] : missing) {
     CloudEntry entry;
-    if (file->new_entry(&entry) && folded_path(parent_path(entry.path)) == key &&
-        listed.insert(folded_path(entry.path)).second) {
+    if (file->new_entry(&entry)) {
       file->local_status(&entry.size, &entry.modified);
       entries->push_back(std::move(entry));
     }
@@ -258,11 +258,14 @@ void OpenFiles::complete(const std::string& folder, std::vector<CloudEntry>* ent
 }
 
 bool OpenFiles::has_new_files_below(const std::string& folder) {
-  const std::string key = folded_path(folder);
-  const auto files = all_files();
+  std::vector<CachedFiles::Keyed> files;
+  {
+    Guard guard(table_);
+    files = files_.below(folded_path(folder));
+  }
   return std::any_of(files.begin(), files.end(), [&](const auto& file) {
     CloudEntry entry;
-    return file->new_entry(&entry) && is_below(folded_path(entry.path), key);
+    return file.second->new_entry(&entry);
   });
 }
 
@@ -293,10 +296,11 @@ std::vector<OpenFiles::Moving> OpenFiles::hold_for_move(const CloudEntry& entry,
   std::vector<std::shared_ptr<CachedFile>> files;
   {
     Guard guard(table_);
-    for (const auto& [place, cached] : files_) {
-      if (place == key || is_below(place, key)) {
-        files.push_back(cached.file);
-      }
+    if (const auto file = files_.find(key)) {
+      files.push_back(file);
+    }
+    for (const auto& [place, file] : files_.below(key)) {
+      files.push_back(file);
     }
   }
   std::vector<Moving> moving;
@@ -452,15 +456,7 @@ void OpenFiles::move_key(const std::string& from, const std::string& to) {
       open->place = to;
     }
   }
-  const auto it = files_.find(from);
-  if (it == files_.end()) {
-    return;
-  }
-  Cached cached = std::move(it->second);
-  files_.erase(it);
-  if (!to.empty()) {
-    files_[to] = std::move(cached);
-  }
+  files_.move(from, to);
 }
 
 /* ------------------------------------------------------------------ as the files see it */
@@ -470,7 +466,7 @@ std::string OpenFiles::conflict_path(const std::string& path) {
   for (int number = 1;; number++) {
     std::string name = conflict_name(path, user_, today(), number);
     const std::string key = folded_path(name);
-    if (!files_.contains(key) && conflicts_.insert(key).second) {
+    if (files_.find(key) == nullptr && conflicts_.insert(key).second) {
       return name;
     }
   }
@@ -487,7 +483,7 @@ void OpenFiles::adopt(FileRecord record) {
   auto file = std::make_shared<CachedFile>(env_, *this, std::move(record));
   {
     Guard guard(table_);
-    files_[key] = {file, next_number_++};
+    files_.put(key, file);
   }
   enqueue(*file);
 }
@@ -515,7 +511,7 @@ void OpenFiles::recover(std::vector<FileRecord> records) {
     }
     files.push_back(std::make_shared<CachedFile>(env_, *this, record));
     Guard guard(table_);
-    files_[folded_path(record.path)] = {files.back(), next_number_++};
+    files_.put(folded_path(record.path), files.back());
   }
   for (const auto& file : files) {
     file->recover();
@@ -523,7 +519,11 @@ void OpenFiles::recover(std::vector<FileRecord> records) {
 }
 
 size_t OpenFiles::unsaved() {
-  const auto files = all_files();
+  std::vector<std::shared_ptr<CachedFile>> files;
+  {
+    Guard guard(table_);
+    files = files_.all();
+  }
   return static_cast<size_t>(std::count_if(files.begin(), files.end(),
                                            [](const auto& file) { return file->has_unsaved(); }));
 }

@@ -27,7 +27,7 @@
 #include <vector>
 
 #include "cache_limits.h"
-#include "files/cached_file.h"
+#include "files/cached_files.h"
 #include "names/reservations.h"
 #include "transfer/upload_queue.h"
 #include "uuid_text.h"
@@ -60,7 +60,7 @@ enum : uint32_t { SHARE_READ = 1, SHARE_WRITE = 2, SHARE_DELETE = 4, SHARE_MASK 
 class OpenFiles : public FileTable {
  public:
   /* `user`: in the names of conflicts. All outlive the object. */
-  OpenFiles(const CacheEnvironment& environment, const CacheLimits& limits, std::string user,
+  OpenFiles(const CacheEnvironment& environment, CacheLimits& limits, std::string user,
             unsigned transfers);
   ~OpenFiles() override;
 
@@ -122,10 +122,6 @@ class OpenFiles : public FileTable {
 
  private:
   using Guard = std::lock_guard<std::mutex>;
-  struct Cached {
-    std::shared_ptr<CachedFile> file;
-    uint64_t used = 0; /* a tick of next_number_ */
-  };
   /* A cached file that a rename moves: by name or with a folder above it. */
   struct Moving {
     CachedFile::Hold hold;
@@ -142,7 +138,7 @@ class OpenFiles : public FileTable {
   std::shared_ptr<CachedFile> of_id(int64_t id);
   bool is_in_use(const std::shared_ptr<CachedFile>& file);
   bool any_in_use_below(const std::string& folder);
-  std::vector<std::shared_ptr<CachedFile>> all_files();
+  uint64_t excess();
   std::vector<Moving> hold_for_move(const CloudEntry& entry, const std::string& to);
   int check_new_place(const CloudEntry& entry, const std::string& to, CloudEntry* made);
   int record_move(std::vector<Moving>* moving, bool starts);
@@ -153,13 +149,13 @@ class OpenFiles : public FileTable {
   CloudResult upload(uint64_t id, const CloudContext& context);
 
   const CacheEnvironment& env_; /* fixed */
-  const CacheLimits& limits_;   /* fixed */
+  CacheLimits& limits_;         /* has atomic fields */
   const std::string user_;      /* fixed */
   Reservations reservations_;   /* has its own lock */
 
   std::mutex table_;
   uint64_t next_number_ = 1;
-  std::map<std::string, Cached> files_; /* by folded path; without those deleted */
+  CachedFiles files_; /* without those deleted */
   std::map<cfs_id_t, std::shared_ptr<OpenFile>, IdLess> opens_;
   std::set<std::string> conflicts_; /* names given by conflict_path(), folded */
   UploadQueue uploads_;             /* has its own lock; ends before the tables do */

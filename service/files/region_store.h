@@ -48,6 +48,8 @@ class RegionStore {
   Run regions(uint64_t offset, uint64_t length) const;
   /* Where region `region` begins; the largest file size for those that lie past it. */
   uint64_t start(uint64_t region) const;
+  /* How many bytes the regions have room for. */
+  uint64_t bytes(Run regions) const { return (regions.end - regions.first) << shift_; }
 
   /* Nothing is held; the cloud has `size` bytes. */
   void fill(uint64_t size);

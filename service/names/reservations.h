@@ -5,11 +5,11 @@
 #ifndef SERVICE_RESERVATIONS_H
 #define SERVICE_RESERVATIONS_H
 
-#include <condition_variable>
 #include <list>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include "slim_lock.h"
 
 namespace tarnd {
 
@@ -41,8 +41,8 @@ class Reservations {
  private:
   bool is_free(const Paths& wanted) const;
 
-  std::mutex lock_; /* guards held_ */
-  std::condition_variable changed_;
+  SlimLock lock_; /* guards held_ */
+  SlimCondition changed_;
   std::list<Paths> held_;
 };
 

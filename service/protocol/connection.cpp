@@ -15,7 +15,6 @@
 namespace tarnd {
 namespace {
 
-constexpr int POLL_MS = 1000;
 constexpr size_t MAX_SEND = size_t{1} << 30;
 constexpr size_t INFOS_AT_ONCE = 256; /* 300 KiB */
 
@@ -26,7 +25,8 @@ size_t words_for(size_t bytes) { return (bytes + sizeof(uint64_t) - 1) / sizeof(
 }  // namespace
 
 Connection::Connection(Service& service, uint64_t number, int socket)
-    : session_{.service = service, .number = number, .share = {}},
+    : session_{.service = service, .number = number, .share = {}, .client = {}},
+      reader_(static_cast<uint64_t>(socket), service.stopping),
       storage_(words_for(TNV_MSG_FIXED)) {
   vh_.vfs_fd = socket;
   vh_.vfs_private = &service;
@@ -56,49 +56,29 @@ bool Connection::broken(int err) {
   return err != 0;
 }
 
-bool Connection::read_bytes(size_t from, size_t count) {
-  ox_u8* bytes = reinterpret_cast<ox_u8*>(storage_.data()) + from;
-  return !broken(
-      tnv_recvbytes(&vh_, static_cast<int>(vh_.vfs_fd), nullptr, bytes, static_cast<int>(count)));
-}
-
-/* As read_bytes, but not dumped into the log, which the transport does at higher debug levels. */
-bool Connection::read_unlogged(size_t from, size_t count) {
-  char* next = reinterpret_cast<char*>(storage_.data()) + from;
-  const SOCKET socket = static_cast<SOCKET>(vh_.vfs_fd);
-  while (count > 0) {
-    WSAPOLLFD ready = {socket, POLLRDNORM, 0};
-    const int polled = WSAPoll(&ready, 1, POLL_MS);
-    if (polled == 0 && !session_.service.stopping) {
-      continue;
-    }
-    const int got = polled > 0 ? recv(socket, next, static_cast<int>(count), 0) : 0;
-    if (got <= 0) {
-      return false;
-    }
-    next += got;
-    count -= static_cast<size_t>(got);
-  }
-  return true;
-}
-
-/* The header first: its length decides how much there is to read. */
+/* The header first: its length decides how much there is to read. A secret is not dumped. */
 bool Connection::read_request() {
   storage_.resize(words_for(TNV_MSG_FIXED));
   std::fill(storage_.begin(), storage_.end(), 0);
-  if (!read_bytes(0, sizeof(tnv_msghdr))) {
+  if (!reader_.take(storage_.data(), sizeof(tnv_msghdr))) {
     return false;
   }
   clock_gettime(CLOCK_REALTIME, &vh_.vfs_curmsg_ts);
+  tnv_debug_dump_msg(reinterpret_cast<char*>(storage_.data()), sizeof(tnv_msghdr));
   const size_t length = Request(&storage_)->hdr.hdr_len;
   if (length < TNV_MSG_FIXED || length > MAX_REQUEST) {
     refuse_length();
     return false;
   }
   storage_.resize(words_for(length));
-  const size_t rest = length - sizeof(tnv_msghdr);
-  return Request(&storage_).has_secret() ? read_unlogged(sizeof(tnv_msghdr), rest)
-                                         : read_bytes(sizeof(tnv_msghdr), rest);
+  char* rest = reinterpret_cast<char*>(storage_.data()) + sizeof(tnv_msghdr);
+  if (!reader_.take(rest, length - sizeof(tnv_msghdr))) {
+    return false;
+  }
+  if (!Request(&storage_).has_secret()) {
+    tnv_debug_dump_msg(rest, static_cast<int>(length - sizeof(tnv_msghdr)));
+  }
+  return true;
 }
 
 /* Where the next request would begin is unknown: the connection ends with this answer. */
@@ -119,6 +99,7 @@ bool Connection::answer() {
   serve(request, &reply);
   if (request.has_secret()) {
     request.wipe_secret();
+    reader_.wipe_taken();
   }
   delay(request->hdr.hdr_opcode);
   const bool sent = send(request, &reply);

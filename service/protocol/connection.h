@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "protocol/operations.h"
+#include "protocol/socket_reader.h"
 #include "vfs_handle.h"
 
 namespace tarnd {
@@ -26,8 +27,6 @@ class Connection {
 
  private:
   bool read_request();
-  bool read_bytes(size_t from, size_t count);
-  bool read_unlogged(size_t from, size_t count);
   void refuse_length();
   bool answer();
   void serve(const Request& request, Reply* reply);
@@ -39,6 +38,7 @@ class Connection {
   bool broken(int err);
 
   Session session_;
+  SocketReader reader_;
   vfs_handle vh_ = {};
   std::vector<uint64_t> storage_; /* the request */
   bool open_ = true;              /* the socket is still ours to close */

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <string>
 
+#include "files/windows_file.h"
 #include "protocol/request.h"
 #include "service.h"
 
@@ -28,6 +29,7 @@ struct Session {
   std::string share;       /* normalised */
   uint32_t peer_pid = 0;   /* the client's process, as the system tells it; 0: it does not */
   uint32_t client_pid = 0; /* the same, or what CONNECT says of it */
+  FileHandle client;       /* that process, once it has opened something */
 
   /* Whether the client is this process, as it says. */
   bool is_client(uint32_t pid) const { return client_pid == 0 || client_pid == pid; }

@@ -105,9 +105,21 @@ void answer_file(const FileView& view, tnv_wopen_resp* answer) {
   answer->wopen_resp_fso.fso_seqno = view.fillings;
 }
 
-int attach_file(OpenFile& open, bool empties, Target* target, Reply* reply) {
+/* The client's process, which takes the local file's handle. It is opened once a connection. */
+HANDLE client_of(Session& session) {
+  if (!session.client.valid()) {
+    const HANDLE process = OpenProcess(PROCESS_DUP_HANDLE, FALSE, session.client_pid);
+    session.client = process != nullptr ? FileHandle(process) : FileHandle();
+  }
+  return session.client.get();
+}
+
+int attach_file(Session& session, OpenFile& open, bool empties, Target* target, Reply* reply) {
   FileView view;
-  const AttachHow how = {open.client_pid, empties, target->create, target->entry};
+  const AttachHow how = {client_of(session), empties, target->create, target->entry};
+  if (!session.client.valid()) {
+    return last_error();
+  }
   if (const int err = open.file->attach(&open.part, target->entry.path, how, &view)) {
     return err;
   }
@@ -132,7 +144,7 @@ int open_item(Session& session, const Request& request, const std::string& path,
                  : service.files.add(open, target->entry,
                                      open->access | (empties ? uint32_t{ACCESS_WRITE} : 0));
   if (err == 0 && open->file != nullptr) {
-    err = attach_file(*open, empties && !target->create, target, reply);
+    err = attach_file(session, *open, empties && !target->create, target, reply);
     if (err != 0) {
       service.files.remove(*open);
     }

@@ -7,13 +7,11 @@
  * (upload_queue.h): neither direction keeps the other one waiting.
  *
  * Threads: any thread may call anything. One lock guards this object and the fetches of all files.
- * It is held for moments, never over a read or a call of a file; and it is one for all because a
- * lock that somebody had to wait for keeps a system object for as long as the process lives.
+ * It is held for moments, never over a read or a call of a file.
  */
 #ifndef SERVICE_TRANSFER_ENGINE_H
 #define SERVICE_TRANSFER_ENGINE_H
 
-#include <condition_variable>
 #include <functional>
 #include <list>
 #include <memory>
@@ -22,6 +20,7 @@
 #include <vector>
 
 #include "cloud/cloud.h"
+#include "slim_lock.h"
 
 namespace tarnd {
 
@@ -40,7 +39,7 @@ class TransferEngine {
 
  private:
   friend class FileFetches;
-  using Lock = std::unique_lock<std::mutex>;
+  using Lock = std::unique_lock<SlimLock>;
 
   void work();
   /* These want lock_ held. */
@@ -51,11 +50,11 @@ class TransferEngine {
   const Credentials credentials_;
   const size_t places_; /* reads at a time */
 
-  std::mutex lock_;                 /* guards the fields below, and those of all FileFetches */
-  std::condition_variable work_;    /* a file has something to read */
-  std::condition_variable arrived_; /* bytes came, or will not come any more */
-  std::list<FileFetches*> queue_;   /* files with something to read; the next one first */
-  std::list<CancelFlag*> reading_;  /* of the reads under way */
+  SlimLock lock_;                  /* guards the fields below, and those of all FileFetches */
+  SlimCondition work_;             /* a file has something to read */
+  SlimCondition arrived_;          /* bytes came, or will not come any more */
+  std::list<FileFetches*> queue_;  /* files with something to read; the next one first */
+  std::list<CancelFlag*> reading_; /* of the reads under way */
   bool stopping_ = false;
   std::vector<std::thread> threads_; /* fixed until stop() */
 };

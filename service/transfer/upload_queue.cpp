@@ -25,7 +25,7 @@ void UploadQueue::add(uint64_t key) {
   item.again = item.running != nullptr;
   item.due = Clock::now();
   item.pause = std::chrono::milliseconds(0);
-  changed_.notify_all();
+  work_.notify_one();
 }
 
 void UploadQueue::cancel(uint64_t key) {
@@ -47,7 +47,7 @@ void UploadQueue::kick() {
   for (auto& [key, item] : items_) {
     item.due = Clock::now();
   }
-  changed_.notify_all();
+  work_.notify_all();
 }
 
 void UploadQueue::finish(std::chrono::milliseconds time) {
@@ -56,8 +56,8 @@ void UploadQueue::finish(std::chrono::milliseconds time) {
     for (auto& [key, item] : items_) {
       item.due = Clock::now();
     }
-    changed_.notify_all();
-    changed_.wait_for(lock, time, [this] { return items_.empty(); });
+    work_.notify_all();
+    ended_.wait_for(lock, time, [this] { return items_.empty(); });
   }
   stop();
 }
@@ -73,14 +73,17 @@ void UploadQueue::stop() {
         item.running->raise();
       }
     }
-    changed_.notify_all();
+    work_.notify_all();
   }
   for (std::thread& thread : threads) {
     thread.join();
   }
 }
 
-/* The one that is due longest; waits for one. */
+/*
+ * The one that is due longest; waits for one. Who takes one wakes another thread, which waits for
+ * the next one in its place.
+ */
 bool UploadQueue::next(Lock& lock, uint64_t* key) {
   while (!stopping_) {
     auto first = items_.end();
@@ -92,12 +95,15 @@ bool UploadQueue::next(Lock& lock, uint64_t* key) {
     }
     if (first != items_.end() && first->second.due <= Clock::now()) {
       *key = first->first;
+      if (items_.size() > 1) {
+        work_.notify_one();
+      }
       return true;
     }
     if (first == items_.end()) {
-      changed_.wait(lock);
+      work_.wait(lock);
     } else {
-      changed_.wait_until(lock, Clock::time_point(first->second.due));
+      work_.wait_until(lock, first->second.due);
     }
   }
   return false;
@@ -131,7 +137,7 @@ void UploadQueue::ended(uint64_t key, const CloudResult& result) {
     const bool at_once = result.code == CloudCode::BUSY && result.pause.count() == 0;
     item.due = Clock::now() + (at_once ? result.pause : std::max(item.pause, result.pause));
   }
-  changed_.notify_all();
+  ended_.notify_all();
 }
 
 }  // namespace tarnd

@@ -6,7 +6,6 @@
 #ifndef SERVICE_UPLOAD_QUEUE_H
 #define SERVICE_UPLOAD_QUEUE_H
 
-#include <condition_variable>
 #include <functional>
 #include <map>
 #include <memory>
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "cloud/cloud.h"
+#include "slim_lock.h"
 
 namespace tarnd {
 
@@ -44,7 +44,7 @@ class UploadQueue {
     std::shared_ptr<CancelFlag> running; /* null while it waits */
     bool again = false;                  /* added while it ran */
   };
-  using Lock = std::unique_lock<std::mutex>;
+  using Lock = std::unique_lock<SlimLock>;
 
   void work();
   bool next(Lock& lock, uint64_t* key);
@@ -52,8 +52,9 @@ class UploadQueue {
 
   const Upload upload_;
   const Credentials credentials_;
-  std::mutex lock_; /* guards the fields below */
-  std::condition_variable changed_;
+  SlimLock lock_;       /* guards the fields below */
+  SlimCondition work_;  /* something is due, or may be: one thread looks, or all do */
+  SlimCondition ended_; /* an item has gone */
   std::map<uint64_t, Item> items_;
   bool stopping_ = false;
   std::vector<std::thread> threads_;

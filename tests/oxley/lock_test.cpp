@@ -67,8 +67,8 @@ TEST_F(Locks, WarnOfAWaitOfMoreThanAMillisecond) {
   ox_prof_level = 3;
   const auto hold = [this] { return pthread_mutex_lock(&mutex_.lck_lock); };
   const auto release = [this] { return pthread_mutex_unlock(&mutex_.lck_lock); };
-  const auto hold_rw = [this] { return pthread_rwlock_wrlock(&rwlock_.lck_lock); };
-  const auto release_rw = [this] { return pthread_rwlock_unlock(&rwlock_.lck_lock); };
+  const auto hold_rw = [this] { return ox_rwlock_tryexcl(&rwlock_); };
+  const auto release_rw = [this] { return ox_rwunlock(&rwlock_); };
   for (const ox_s64 usecs : {1000, 1001}) {
     make_wait(usecs, mutex_.lck_stat, hold, release, [this] { return ox_lock(&mutex_); });
     make_wait(usecs, rwlock_.lck_stat, hold_rw, release_rw,
@@ -131,6 +131,18 @@ TEST_F(Locks, TryIsRefusedAtOnceAndStampsAMutexOnSuccessOnly) {
   EXPECT_EQ(0, ox_unlock(&mutex_));
   EXPECT_EQ(0, ox_rwunlock(&rwlock_));
 }
+
+#ifdef _WIN32
+TEST_F(Locks, ReaderWriterLocksThatAreHeldOrNotInitialisedSaySo) {
+  ox_rwlock_t none = {};
+  for (const auto call : {ox_rwlock_excl, ox_rwlock_shared, ox_rwlock_tryexcl, ox_deinit_rwlock}) {
+    EXPECT_EQ(OX_EINVAL, call(&none));
+  }
+  EXPECT_EQ(0, ox_rwlock_shared(&rwlock_));
+  EXPECT_EQ(OX_EBUSY, ox_deinit_rwlock(&rwlock_));
+  EXPECT_EQ(0, ox_rwunlock(&rwlock_));
+}
+#endif
 
 TEST_F(Locks, AWaitForAConditionEndsAtItsDeadlineAndBeginsAHold) {
   pthread_cond_t cv;

@@ -63,7 +63,8 @@ class Cache {
              folder_.wstring(),
              4,
              rules.wait,
-             [this](uint64_t bytes) { return limits_.may_fetch(bytes); }},
+             [this](uint64_t bytes) { return limits_.may_fetch(bytes); },
+             [this](uint64_t bytes) { limits_.grow(bytes); }},
         files_(env_, limits_, "me", 2) {
     fs::create_directory(folder_);
     std::vector<FileRecord> records;
@@ -98,7 +99,7 @@ class Cache {
     opened.error = files_.add(opened.open, entry, opened.open->access);
     EXPECT_EQ(opened.error, 0);
     opened.error = opened.file().attach(opened.part(), path,
-                                        {GetCurrentProcessId(), truncate, create, entry}, &view);
+                                        {GetCurrentProcess(), truncate, create, entry}, &view);
     if (opened.error != 0) {
       files_.remove(*opened.open);
       return opened;
@@ -171,8 +172,8 @@ class LossScript : public testing::TestWithParam<ScriptCase> {
   static bool changes(CloudCall call) { return call == CloudCall::PUT || call == CloudCall::PATCH; }
   std::vector<fs::path> local_files() const {
     std::vector<fs::path> files;
-    for (const auto& entry : fs::directory_iterator(folder_.path() / "files")) {
-      if (entry.is_regular_file()) {
+    for (const auto& entry : fs::recursive_directory_iterator(folder_.path() / "files")) {
+      if (entry.is_regular_file() && entry.path().parent_path().filename() != "kept") {
         files.push_back(entry);
       }
     }
@@ -196,6 +197,14 @@ class LossScript : public testing::TestWithParam<ScriptCase> {
   using Open = const Cache::Opened&;
   void add(const char* name, std::function<int(Open file, Args a)> call) {
     commands_.add(name, [=, this](Args a) { return error_name(call(opens_.at(a[0]), a)); });
+  }
+  void flatten(std::string* local) const {
+    const fs::path files = folder_.path() / "files";
+    const std::string name = fs::path(*local).filename().string();
+    if (!local->empty()) {
+      fs::rename(files / *local, files / name);
+      *local = name;
+    }
   }
   void add_service();
   void add_opens();
@@ -259,6 +268,16 @@ void LossScript::add_service() {
     return cache_->settles();
   });
   commands_.add("trim", [this](Args) { (*cache_)->trim(); });
+  /* As a service left it that had all local files in one folder. */
+  commands_.add("flat_layout", [this](Args) {
+    StateStore store;
+    std::vector<FileRecord> records;
+    EXPECT_EQ(store.open(folder_ / "state.db", &records), 0);
+    for (FileRecord& record : records) {
+      flatten(&record.local);
+      EXPECT_EQ(store.save({&record}, {}, Durability::POWER), 0);
+    }
+  });
   /* What a loss of power does to the local files. */
   commands_.add("cut_local", [this](Args a) {
     for (const fs::path& file : local_files()) {

@@ -89,7 +89,11 @@ class Parts : public testing::TestWithParam<ScriptCase> {
                       [this] { return free_space_; });
     });
     commands_.add("may_fetch", [this](Args a) { return limits_->may_fetch(a.number(0)); });
-    commands_.add("over", [this](Args a) { return limits_->over(a.number(0)); });
+    commands_.add("over", [this](Args a) { return limits_->over(a.number(0), limits_->grown()); });
+    commands_.add("grow", [this](Args a) {
+      limits_->grow(a.number(0));
+      return limits_->may_be_over();
+    });
   }
 
   Options options_;

@@ -67,6 +67,7 @@ struct Transfer {
   const Endpoint& at;
   char* next;
   int left;
+  bool waits_first; /* what comes is not there yet; else a poll before a move is a call too many */
   bool at_end = false; /* a receive gave 0 bytes: only the hang-up can come */
   bool owner_exiting = false;
   ULONGLONG moved_at = GetTickCount64(); /* when something moved last, or it began */
@@ -164,8 +165,20 @@ int nothing_moved(Transfer& t, int ready, int moved) {
   return 0;
 }
 
+/* Moves what can be moved at once: the count, or what the move gave. */
+int move_now(Transfer& t) {
+  const int moved = t.dir.move(t.at.sock, t.next, t.left);
+  if (moved > 0) {
+    t.next += moved;
+    t.left -= moved;
+    t.moved_at = GetTickCount64();
+    t.waits_first = false;
+  }
+  return moved;
+}
+
 /* Waits up to a second and moves what can be moved: 0, and the transfer goes on, or the error. */
-int step(Transfer& t) {
+int wait_and_move(Transfer& t) {
   WSAPOLLFD pfd = {t.at.sock, t.at_end ? HANG_UP_ONLY : t.dir.events, 0};
   const int count = WSAPoll(&pfd, 1, static_cast<int>(std::min<ULONGLONG>(POLL_MS, patience(t))));
   if (count < 0) {
@@ -182,19 +195,21 @@ int step(Transfer& t) {
     return faulty(t, ready);
   }
 
-  const int moved = t.dir.move(t.at.sock, t.next, t.left);
-  if (moved <= 0) {
-    return nothing_moved(t, ready, moved);
+  const int moved = move_now(t);
+  return moved > 0 ? 0 : nothing_moved(t, ready, moved);
+}
+
+/* A move that fails at once is not the end: the wait finds out why, and says so. */
+int step(Transfer& t) {
+  if (!t.waits_first && move_now(t) > 0) {
+    return 0;
   }
-  t.next += moved;
-  t.left -= moved;
-  t.moved_at = GetTickCount64();
-  return 0;
+  return wait_and_move(t);
 }
 
 /* Moves all bytes: 0, or the error. */
-int run(const Direction& dir, const Endpoint& at, ox_u8* data, int nbytes) {
-  Transfer t{dir, at, reinterpret_cast<char*>(data), nbytes};
+int run(const Direction& dir, const Endpoint& at, ox_u8* data, int nbytes, bool waits_first) {
+  Transfer t{dir, at, reinterpret_cast<char*>(data), nbytes, waits_first};
   int err = nbytes < 0 ? WSAEINVAL : 0;
   while (err == 0 && t.left > 0) {
     err = step(t);
@@ -213,18 +228,26 @@ int send_all(const Endpoint& to, ox_u8* data, int nbytes) {
     return 0;
   }
   tnv_debug_dump_msg(reinterpret_cast<char*>(data), nbytes);
-  return run(SEND, to, data, nbytes);
+  return run(SEND, to, data, nbytes, false);
 }
 
-int recv_all(const Endpoint& from, ox_u8* data, int nbytes) {
+int recv_all(const Endpoint& from, ox_u8* data, int nbytes, bool waits_first) {
   if (nbytes == 0) {
     return 0;
   }
-  const int err = run(RECV, from, data, nbytes);
+  const int err = run(RECV, from, data, nbytes, waits_first);
   if (err == 0) {
     tnv_debug_dump_msg(reinterpret_cast<char*>(data), nbytes);
   }
   return err;
+}
+
+int recv_rest(const Endpoint& from, ox_u8* data, int nbytes) {
+  return recv_all(from, data, nbytes, false);
+}
+
+int recv_next(const Endpoint& from, ox_u8* data, int nbytes) {
+  return recv_all(from, data, nbytes, true);
 }
 
 /* ------------------------------------------------------------------- client connections */
@@ -347,7 +370,7 @@ int tnv_sendbytes(vfs_handle* vh, int sockfd, tnv_fdcntl*, ox_u8* data, int nbyt
 }
 
 int tnv_recvbytes(vfs_handle* vh, int sockfd, int*, ox_u8* data, int nbytes) {
-  return recv_all({static_cast<SOCKET>(sockfd), vh, true, nullptr}, data, nbytes);
+  return recv_next({static_cast<SOCKET>(sockfd), vh, true, nullptr}, data, nbytes);
 }
 
 int tnv_send_response(vfs_handle* vh, int fd, tnv_msg* msgp, tnv_resp* resp) {
@@ -443,7 +466,11 @@ int tnv_conn_send(vfs_handle* vh, const void* data, size_t nbytes) {
 }
 
 int tnv_conn_recv(vfs_handle* vh, void* data, size_t nbytes) {
-  return conn_transfer(vh, recv_all, static_cast<ox_u8*>(data), nbytes);
+  return conn_transfer(vh, recv_rest, static_cast<ox_u8*>(data), nbytes);
+}
+
+int tnv_conn_recv_next(vfs_handle* vh, void* data, size_t nbytes) {
+  return conn_transfer(vh, recv_next, static_cast<ox_u8*>(data), nbytes);
 }
 
 void tnv_conn_break(vfs_handle* vh) {

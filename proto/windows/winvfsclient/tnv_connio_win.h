@@ -70,11 +70,13 @@ int tnw_setup_socket(vfs_handle* vh, const char* sock);
  * The transfers on a connection of the client: as above, but a wait also ends, like at a hang-up,
  * when the connection's watch says so. A connection that fails is broken for good. Its socket is
  * closed, once, and vfs_broken is set; vfs_fd keeps the number for the log. On a broken connection
- * both answer 10057 (not connected) at once, without touching any socket. errno is 133 after every
+ * all answer 10057 (not connected) at once, without touching any socket. errno is 133 after every
  * failure.
  */
 int tnv_conn_send(vfs_handle* vh, const void* data, size_t nbytes);
 int tnv_conn_recv(vfs_handle* vh, void* data, size_t nbytes);
+/* The same for bytes that are still to come: it waits before it tries. */
+int tnv_conn_recv_next(vfs_handle* vh, void* data, size_t nbytes);
 /* Breaks the connection: closes its socket, if it has one that is open. */
 void tnv_conn_break(vfs_handle* vh);
 

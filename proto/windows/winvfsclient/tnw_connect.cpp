@@ -153,7 +153,7 @@ int tnw_recv_response(vfs_handle* vh, const tnv_msg* msgp, tnv_resp* resp) {
   /* When a payload is shorter than its record, the rest of the record is zero. */
   *resp = {};
   resp->rhdr.rhdr_fd2xfer = -1;
-  int err = tnv_conn_recv(vh, &resp->rhdr, sizeof(resp->rhdr));
+  int err = tnv_conn_recv_next(vh, &resp->rhdr, sizeof(resp->rhdr));
   if (err != 0) {
     TNW_ERROR(vh, err,
               "Could not receive response header for message id %s, opcode %d, len %d. Requesting "

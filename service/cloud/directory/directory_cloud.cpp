@@ -232,7 +232,7 @@ CloudResult DirectoryCloud::patch(const CloudContext& context, const std::string
     return result.ok() ? CloudResult::refused(OX_EINVAL) : result;
   }
   PartFile part(target.place);
-  result = part.create_copy(context, old.place, old.file.get(), old.size(), root_->clone_grain());
+  result = part.create_copy(context, old.place, old.file.get(), old.size, root_->clone_grain());
   if (result.ok()) {
     const DWORD code = old.look(); /* it must not have changed while it was copied */
     result = code == ERROR_SUCCESS ? check_version(old, target.version) : result_of_windows(code);
@@ -303,7 +303,7 @@ CloudResult DirectoryCloud::move_once(HANDLE file, const Target& target) {
     if (!result.ok()) {
       return result;
     }
-    note_gone(old.change_time);
+    note_gone(old.change_time());
     code = replace_file(file, target.place, &old.file);
   }
   return code == ERROR_ACCESS_DENIED ? CloudResult{CloudCode::BUSY, OX_EPERM}
@@ -323,7 +323,7 @@ CloudResult DirectoryCloud::open_movable(const std::wstring& place, const std::s
     return last_result();
   }
   const DWORD code = item->look();
-  const bool link = (item->info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+  const bool link = (item->info.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
   return code != ERROR_SUCCESS ? result_of_windows(code)
          : link                ? CloudResult{}
                                : check_version(*item, version);
@@ -368,7 +368,7 @@ CloudResult DirectoryCloud::remove(const CloudContext& context, const std::strin
   if (!result.ok()) {
     return result;
   }
-  note_gone(item.change_time);
+  note_gone(item.change_time());
   const FileGates::Gate gate = gates_.of(path);
   const std::unique_lock replacing(*gate);
   result = result_of_windows(delete_file(item.file.get()));

@@ -1,7 +1,10 @@
 #include "cloud/directory/directory_item.h"
 
+#include <winternl.h>
+
 #include <algorithm>
-#include <sstream>
+#include <array>
+#include <charconv>
 
 #include "cloud/directory/part_file.h"
 #include "cloud/path_id.h"
@@ -17,14 +20,36 @@ constexpr DWORD MAX_PATH_UNITS = 32767; /* the longest path of Windows */
 constexpr size_t DRIVE_UNITS = 6;       /* the lead of a verbatim path on a drive: \\?\Z: */
 
 std::string version_text(uint64_t number, uint64_t change_time, uint64_t size) {
-  std::ostringstream text;
-  text << std::hex << number << '-' << change_time << '-' << size;
-  return text.str();
+  std::array<char, 3 * 16 + 2> text;
+  char* end = text.data();
+  for (const uint64_t part : {number, change_time, size}) {
+    if (end != text.data()) {
+      *end++ = '-';
+    }
+    end = std::to_chars(end, text.data() + text.size(), part, 16).ptr;
+  }
+  return {text.data(), end};
 }
 
 std::string last_name(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
-uint64_t time_of(const FILETIME& time) { return join(time.dwHighDateTime, time.dwLowDateTime); }
+uint64_t unsigned_of(LARGE_INTEGER value) { return static_cast<uint64_t>(value.QuadPart); }
+
+/* The number of an open file on its disk. */
+bool number_of(HANDLE file, uint64_t* number) {
+  FILE_INTERNAL_INFORMATION found;
+  IO_STATUS_BLOCK status;
+  const bool ok =
+      NtQueryInformationFile(file, &status, &found, sizeof found, FileInternalInformation) >= 0;
+  *number = ok ? unsigned_of(found.IndexNumber) : 0;
+  return ok;
+}
+
+/* The serial number of an open file's volume; 0 when unknown. */
+DWORD volume_of(HANDLE file) {
+  BY_HANDLE_FILE_INFORMATION info;
+  return GetFileInformationByHandle(file, &info) != 0 ? info.dwVolumeSerialNumber : 0;
+}
 
 /* The path of an open file below its volume's root, or an empty text. */
 std::wstring path_on_volume(HANDLE file) {
@@ -125,51 +150,48 @@ CloudResult check_version(const DirectoryItem& item, const std::string& version)
 /* ------------------------------------------------------------------ items */
 
 DWORD DirectoryItem::look() {
-  FILE_BASIC_INFO basic;
-  if (GetFileInformationByHandle(file.get(), &info) == 0 ||
-      GetFileInformationByHandleEx(file.get(), FileBasicInfo, &basic, sizeof basic) == 0) {
+  FILE_STANDARD_INFO standard;
+  if (GetFileInformationByHandleEx(file.get(), FileBasicInfo, &info, sizeof info) == 0 ||
+      GetFileInformationByHandleEx(file.get(), FileStandardInfo, &standard, sizeof standard) == 0) {
     return GetLastError();
   }
-  change_time = static_cast<uint64_t>(basic.ChangeTime.QuadPart);
-  return ERROR_SUCCESS;
+  size = unsigned_of(standard.EndOfFile);
+  return number_of(file.get(), &number) ? ERROR_SUCCESS : ERROR_GEN_FAILURE;
 }
 
 std::string DirectoryItem::version() const {
-  if (is_folder()) {
-    return {};
-  }
-  return version_text(join(info.nFileIndexHigh, info.nFileIndexLow), change_time, size());
+  return is_folder() ? std::string() : version_text(number, change_time(), size);
 }
 
 CloudEntry DirectoryItem::entry() const {
   return {.name = last_name(path),
           .path = path,
           .folder = is_folder(),
-          .size = is_folder() ? 0 : size(),
-          .attributes = info.dwFileAttributes,
-          .created = time_of(info.ftCreationTime),
-          .accessed = time_of(info.ftLastAccessTime),
-          .modified = time_of(info.ftLastWriteTime),
+          .size = is_folder() ? 0 : size,
+          .attributes = info.FileAttributes,
+          .created = unsigned_of(info.CreationTime),
+          .accessed = unsigned_of(info.LastAccessTime),
+          .modified = unsigned_of(info.LastWriteTime),
           .id = id_of_path(path),
           .version = version()};
 }
 
 CloudEntry listed_entry(const std::string& folder, const std::string& name,
                         const FILE_ID_BOTH_DIR_INFO& found) {
-  const auto number = [](LARGE_INTEGER value) { return static_cast<uint64_t>(value.QuadPart); };
   const std::string path = folder.empty() ? name : folder + '/' + name;
   const bool is_folder = (found.FileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
   CloudEntry entry = {.name = name,
                       .path = path,
                       .folder = is_folder,
-                      .size = is_folder ? 0 : number(found.EndOfFile),
+                      .size = is_folder ? 0 : unsigned_of(found.EndOfFile),
                       .attributes = found.FileAttributes,
-                      .created = number(found.CreationTime),
-                      .accessed = number(found.LastAccessTime),
-                      .modified = number(found.LastWriteTime),
+                      .created = unsigned_of(found.CreationTime),
+                      .accessed = unsigned_of(found.LastAccessTime),
+                      .modified = unsigned_of(found.LastWriteTime),
                       .id = id_of_path(path)};
   if (!is_folder) {
-    entry.version = version_text(number(found.FileId), number(found.ChangeTime), entry.size);
+    entry.version =
+        version_text(unsigned_of(found.FileId), unsigned_of(found.ChangeTime), entry.size);
   }
   return entry;
 }
@@ -231,7 +253,7 @@ CloudResult DirectoryRoot::identify(DirectoryItem* item) const {
     return result_of_windows(code);
   }
   item->place = final_path(item->file.get());
-  if (item->place.empty() && item->info.dwVolumeSerialNumber == volume_) {
+  if (item->place.empty() && volume_of(item->file.get()) == volume_) {
     item->place = place_.substr(0, DRIVE_UNITS) + path_on_volume(item->file.get());
   }
   if (item->place.size() > place_.size() && item->place.ends_with(L'\\')) {

@@ -21,17 +21,21 @@ namespace tarnd {
 /* An open file or folder. */
 struct DirectoryItem {
   FileHandle file;
-  std::wstring place; /* verbatim ("\\?\Z:\folder\file"), with the disk's own case */
-  std::string path;   /* relative to the root, with the disk's own case */
-  BY_HANDLE_FILE_INFORMATION info = {};
-  uint64_t change_time = 0; /* a Windows file time */
+  std::wstring place;        /* verbatim ("\\?\Z:\folder\file"), with the disk's own case */
+  std::string path;          /* relative to the root, with the disk's own case */
+  FILE_BASIC_INFO info = {}; /* attributes and times */
+  uint64_t number = 0;       /* the file's, on its disk */
+  uint64_t size = 0;         /* bytes; of no meaning for a folder */
 
-  bool is_folder() const { return (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0; }
-  uint64_t size() const { return join(info.nFileSizeHigh, info.nFileSizeLow); }
+  bool is_folder() const { return (info.FileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0; }
+  uint64_t change_time() const { return static_cast<uint64_t>(info.ChangeTime.QuadPart); }
   std::string version() const;
   CloudEntry entry() const;
 
-  /* Looks at the open file again: 0 or a Windows error. */
+  /*
+   * Looks at the open file again: 0 or a Windows error. It asks for no more than it needs: some
+   * systems look up the whole volume for its serial number.
+   */
   DWORD look();
 };
 

@@ -193,11 +193,10 @@ CloudResult PartFile::write_range(const CloudContext& context, Snapshot& content
   return {};
 }
 
-void PartFile::keep_attributes(const BY_HANDLE_FILE_INFORMATION& replaced) {
+void PartFile::keep_attributes(const FILE_BASIC_INFO& replaced) {
   FILE_BASIC_INFO info = {};
-  info.CreationTime.QuadPart = static_cast<LONGLONG>(
-      join(replaced.ftCreationTime.dwHighDateTime, replaced.ftCreationTime.dwLowDateTime));
-  info.FileAttributes = replaced.dwFileAttributes;
+  info.CreationTime = replaced.CreationTime;
+  info.FileAttributes = replaced.FileAttributes;
   SetFileInformationByHandle(file_.get(), FileBasicInfo, &info, sizeof info);
 }
 

@@ -49,7 +49,7 @@ class PartFile {
   CloudResult write(const CloudContext& context, Snapshot& content,
                     const std::vector<ByteRange>& ranges);
   /* Takes over what a new content keeps of the file that it replaces. */
-  void keep_attributes(const BY_HANDLE_FILE_INFORMATION& replaced);
+  void keep_attributes(const FILE_BASIC_INFO& replaced);
   /* Puts it on the disk. */
   CloudResult flush();
   /*
