@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 
 namespace {
 
@@ -153,4 +154,15 @@ double seconds_of(const std::function<void()>& what) {
   const auto start = std::chrono::steady_clock::now();
   what();
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+int run_rows(int argc, char** argv, void (*rows)(Bench&)) {
+  try {
+    Bench bench(argc, argv);
+    rows(bench);
+    return 0;
+  } catch (const std::exception& failure) {
+    fprintf(stderr, "%s\n", failure.what());
+    return 1;
+  }
 }

@@ -54,6 +54,9 @@ class Bench {
   std::set<std::string> rows_;
 };
 
+/* The main program: what it returns. */
+int run_rows(int argc, char** argv, void (*rows)(Bench&));
+
 /* Samples of both, taken in turn; what pair() prints. For rows that compare two such pairs. */
 struct PairSamples {
   std::vector<double> ours, peer;

@@ -4,13 +4,17 @@
  */
 #include "rows.h"
 
-int main(int argc, char** argv) {
-  Bench bench(argc, argv);
+namespace {
+
+void all_rows(Bench& bench) {
   footprint_rows(bench);
   Drive drive(bench.folder());
   for (const auto rows : {read_write_rows, own_part_rows, exchange_rows, listing_rows,
                           transfer_rows, growth_rows, first_open_rows}) {
     rows(bench, drive);
   }
-  return 0;
 }
+
+}  // namespace
+
+int main(int argc, char** argv) { return run_rows(argc, argv, all_rows); }

@@ -3,8 +3,9 @@
  */
 #include "parts.h"
 
-int main(int argc, char** argv) {
-  Bench bench(argc, argv);
+namespace {
+
+void all_rows(Bench& bench) {
   regions_rows(bench);
   log_rows(bench);
   burst_rows(bench);
@@ -12,5 +13,8 @@ int main(int argc, char** argv) {
   pool_rows(bench);
   names_rows(bench);
 #endif
-  return 0;
 }
+
+}  // namespace
+
+int main(int argc, char** argv) { return run_rows(argc, argv, all_rows); }

@@ -34,6 +34,7 @@ double worst_of_burst() {
   run(pool, do_nothing); /* leaves one idle worker */
   std::vector<double> seconds(CALLERS);
   std::vector<std::thread> callers;
+  callers.reserve(CALLERS);
   for (double& own : seconds) {
     callers.emplace_back([&] { own = seconds_of([&] { run(pool, sleep_a_while); }); });
   }
