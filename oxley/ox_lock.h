@@ -1,7 +1,6 @@
 /*
  * Mutexes and condition variables over POSIX threads (winpthreads on Windows), reader/writer locks
- * (slim locks of the system on Windows), with contention profiling, and byte-range locks on file
- * descriptors.
+ * without kernel objects, with contention profiling, and byte-range locks on file descriptors.
  *
  * Profiling: when ox_prof_level is 3 or more, two things are logged as warnings: an acquisition
  * that waited more than 1000 us, and a hold of more than 1 s. A hold counts from the moment when
@@ -38,10 +37,12 @@ typedef ox_u64 ox_posix_cond_t;
 typedef ox_u64 ox_posix_thread_t;
 #endif
 
-/* On Windows a pointer to the slim lock, which the init call allocates and the deinit call frees.
- */
+/* Only the calls below use the fields. */
 #ifdef _WIN32
-typedef void* ox_native_rwlock_t;
+typedef struct ox_native_rwlock {
+  ox_u32 nrw_word; /* who holds the lock, and whether somebody waits */
+  ox_u32 nrw_mark; /* that it was initialised */
+} ox_native_rwlock_t;
 #else
 typedef pthread_rwlock_t ox_native_rwlock_t;
 #endif

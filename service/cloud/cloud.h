@@ -102,8 +102,8 @@ struct CloudCapabilities {
   bool case_insensitive = false; /* names that differ in case only are the same name */
 };
 
-/* Takes the next entry; false ends the listing, which is then OK. */
-using EntrySink = std::function<bool(const CloudEntry& entry)>;
+/* Takes the next entry, and may keep its texts; false ends the listing, which is then OK. */
+using EntrySink = std::function<bool(CloudEntry&& entry)>;
 /* Takes the next bytes: 0 or an error number, which ends the call as REFUSED with this number. */
 using DataSink = std::function<int(const char* data, size_t size)>;
 

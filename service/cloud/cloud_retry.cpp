@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <set>
+#include <vector>
 
 namespace tarnd {
 namespace {
@@ -122,11 +123,19 @@ CloudResult RetryingCloud::status(const CloudContext& context, const std::string
 
 CloudResult RetryingCloud::list(const CloudContext& context, const std::string& path,
                                 const EntrySink& sink) {
-  std::set<std::string> given;
-  const auto take_new = [&](const CloudEntry& entry) {
-    return !given.insert(entry.name).second || sink(entry);
+  std::vector<std::string> given;
+  std::set<std::string> given_before; /* by the tries that failed */
+  const auto take_new = [&](CloudEntry&& entry) {
+    if (given_before.contains(entry.name)) {
+      return true;
+    }
+    given.push_back(entry.name);
+    return sink(std::move(entry));
   };
-  return repeat(context, CloudCall::LIST, [&] { return below_->list(context, path, take_new); });
+  return repeat(context, CloudCall::LIST, [&] {
+    given_before.insert(given.begin(), given.end());
+    return below_->list(context, path, take_new);
+  });
 }
 
 CloudResult RetryingCloud::read(const CloudContext& context, const std::string& path,

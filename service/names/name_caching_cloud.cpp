@@ -1,6 +1,7 @@
 #include "names/name_caching_cloud.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace tarnd {
 
@@ -19,20 +20,21 @@ CloudResult NameCachingCloud::status(const CloudContext& context, const std::str
 
 CloudResult NameCachingCloud::list(const CloudContext& context, const std::string& path,
                                    const EntrySink& sink) {
-  if (const auto known = context.may_be_old ? names_.listing(path) : std::nullopt) {
-    std::all_of(known->begin(), known->end(), sink);
+  if (auto known = context.may_be_old ? names_.listing(path) : std::nullopt) {
+    std::all_of(std::make_move_iterator(known->begin()), std::make_move_iterator(known->end()),
+                sink);
     return {};
   }
   NameCache::Look look(names_, path, true);
   std::vector<CloudEntry> entries;
   size_t count = 0;
   bool whole = true;
-  const CloudResult result = below_->list(context, path, [&](const CloudEntry& entry) {
+  const CloudResult result = below_->list(context, path, [&](CloudEntry&& entry) {
     if (entries.size() < NameCache::MOST_NAMES) {
       entries.push_back(entry);
     }
     count++;
-    whole = sink(entry);
+    whole = sink(std::move(entry));
     return whole;
   });
   if (result.ok() && whole && count == entries.size()) { /* a larger one is not remembered */

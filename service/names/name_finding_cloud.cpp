@@ -81,13 +81,11 @@ CloudResult NameFindingCloud::status(const CloudContext& context, const std::str
 
 CloudResult NameFindingCloud::list(const CloudContext& context, const std::string& path,
                                    const EntrySink& sink) {
-  const auto show = [&](const CloudEntry& entry) {
-    if (entry.name.size() <= MAX_NAME_BYTES) {
-      return sink(entry);
+  const auto show = [&](CloudEntry&& entry) {
+    if (entry.name.size() > MAX_NAME_BYTES) {
+      entry.name = shown_(entry.name);
     }
-    CloudEntry shown = entry;
-    shown.name = shown_(entry.name);
-    return sink(shown);
+    return sink(std::move(entry));
   };
   return with_own_path(context, path,
                        [&](const std::string& own) { return below_->list(context, own, show); });

@@ -27,8 +27,8 @@ int list(Service& service, const CloudEntry& folder, const std::string& path, bo
          std::vector<CloudEntry>* entries) {
   CloudContext context = service.context();
   context.may_be_old = may_be_old;
-  const CloudResult result = service.cloud->list(context, path, [&](const CloudEntry& entry) {
-    entries->push_back(entry);
+  const CloudResult result = service.cloud->list(context, path, [&](CloudEntry&& entry) {
+    entries->push_back(std::move(entry));
     return true;
   });
   if (result.ok()) {
@@ -80,8 +80,7 @@ int serve_enumerate(Session& session, const Request& request, Reply* reply) {
   const bool has_parent =
       !path.empty() && service.files.look_up_remembered(parent_path(path), &parent) == 0;
   reply->resp.u.wdenum.wde_fso = fso_of(folder, has_parent ? &parent : nullptr, 0);
-  std::sort(entries.begin(), entries.end(),
-            [](const CloudEntry& a, const CloudEntry& b) { return a.name < b.name; });
+  std::ranges::sort(entries, {}, &CloudEntry::name);
   reply->resp.u.wdenum.wde_fi_len = entries.size();
   reply->listing = std::move(entries);
   return 0;

@@ -141,6 +141,9 @@ TEST_F(Locks, ReaderWriterLocksThatAreHeldOrNotInitialisedSaySo) {
   EXPECT_EQ(0, ox_rwlock_shared(&rwlock_));
   EXPECT_EQ(OX_EBUSY, ox_deinit_rwlock(&rwlock_));
   EXPECT_EQ(0, ox_rwunlock(&rwlock_));
+#ifdef NDEBUG
+  EXPECT_EQ(OX_EPERM, ox_rwunlock(&rwlock_)) << "nobody holds it";
+#endif
 }
 #endif
 

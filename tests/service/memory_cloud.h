@@ -87,7 +87,8 @@ class MemoryCloud : public tarnd::Cloud {
       }
       return {};
     });
-    std::all_of(entries.begin(), entries.end(), sink);
+    std::all_of(std::make_move_iterator(entries.begin()), std::make_move_iterator(entries.end()),
+                sink);
     return result;
   }
 

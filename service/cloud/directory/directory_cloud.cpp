@@ -23,12 +23,16 @@ bool is_below(const std::wstring& path, const std::wstring& folder) {
          CompareStringOrdinal(path.c_str(), length, folder.c_str(), length, TRUE) == CSTR_EQUAL;
 }
 
+std::wstring_view name_of(const FILE_ID_BOTH_DIR_INFO& found) {
+  return {found.FileName, found.FileNameLength / sizeof(wchar_t)};
+}
+
 /* Before a folder is opened for its deletion, which keeps others from searching it. */
 void remove_parts_in(const std::wstring& place) {
   constexpr DWORD KINDS = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
   const DWORD attributes = GetFileAttributesW(place.c_str());
   if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & KINDS) == FILE_ATTRIBUTE_DIRECTORY) {
-    remove_parts(place, 0);
+    remove_parts(place);
   }
 }
 
@@ -77,29 +81,25 @@ CloudResult DirectoryCloud::list(const CloudContext& context, const std::string&
   if (!result.ok() || !folder.is_folder()) {
     return result.ok() ? CloudResult::refused(OX_ENOTDIR) : result;
   }
-  remove_parts(folder.place, PART_MIN_AGE);
-  return list_items(folder, context, sink);
+  std::vector<std::wstring> leftovers;
+  result = list_items(folder, context, sink, &leftovers);
+  for (const std::wstring& name : leftovers) {
+    DeleteFileW((folder.place + L'\\' + name).c_str());
+  }
+  return result;
 }
 
+/* Names of killed writes go to `leftovers`: a search for them alone would read the folder twice. */
 CloudResult DirectoryCloud::list_items(const DirectoryItem& folder, const CloudContext& context,
-                                       const EntrySink& sink) {
+                                       const EntrySink& sink,
+                                       std::vector<std::wstring>* leftovers) {
   std::vector<uint64_t> buffer(LISTED_AT_ONCE / sizeof(uint64_t)); /* aligned as the records are */
   while (GetFileInformationByHandleEx(folder.file.get(), FileIdBothDirectoryInfo, buffer.data(),
                                       static_cast<DWORD>(LISTED_AT_ONCE)) != 0) {
-    const char* at = reinterpret_cast<const char*>(buffer.data());
-    for (DWORD step = 0;; at += step) {
-      const auto* found = reinterpret_cast<const FILE_ID_BOTH_DIR_INFO*>(at);
-      CloudEntry entry;
-      if (listed(folder, *found, &entry) && !sink(entry)) {
-        return {};
-      }
-      step = found->NextEntryOffset;
-      if (step == 0) {
-        break;
-      }
-    }
+    const char* found = reinterpret_cast<const char*>(buffer.data());
+    const bool enough = !hand_out(folder, found, sink, leftovers);
     const CloudResult wanted = check(context);
-    if (!wanted.ok()) {
+    if (enough || !wanted.ok()) {
       return wanted;
     }
   }
@@ -109,10 +109,28 @@ CloudResult DirectoryCloud::list_items(const DirectoryItem& folder, const CloudC
                                                                    : result_of_windows(end);
 }
 
+/* A buffer of records, each of which leads to the next. False when the sink wants no more. */
+bool DirectoryCloud::hand_out(const DirectoryItem& folder, const char* records,
+                              const EntrySink& sink, std::vector<std::wstring>* leftovers) {
+  for (DWORD step = 1; step != 0; records += step) {
+    const auto* found = reinterpret_cast<const FILE_ID_BOTH_DIR_INFO*>(records);
+    step = found->NextEntryOffset;
+    const std::wstring_view name = name_of(*found);
+    if (is_part(name) && is_leftover(found->LastWriteTime)) {
+      leftovers->emplace_back(name);
+    }
+    CloudEntry entry;
+    if (listed(folder, *found, &entry) && !sink(std::move(entry))) {
+      return false;
+    }
+  }
+  return true;
+}
+
 /* Fills in the entry; false when it is not to be shown. */
 bool DirectoryCloud::listed(const DirectoryItem& folder, const FILE_ID_BOTH_DIR_INFO& found,
                             CloudEntry* entry) {
-  const std::wstring_view wide(found.FileName, found.FileNameLength / sizeof(wchar_t));
+  const std::wstring_view wide = name_of(found);
   std::string name;
   if (is_part(wide) || !utf8_from_wide(wide, &name) || !is_windows_name(name)) {
     return false;

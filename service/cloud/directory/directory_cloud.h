@@ -69,7 +69,9 @@ class DirectoryCloud : public Cloud {
   explicit DirectoryCloud(std::unique_ptr<DirectoryRoot> root) : root_(std::move(root)) {}
 
   CloudResult list_items(const DirectoryItem& folder, const CloudContext& context,
-                         const EntrySink& sink);
+                         const EntrySink& sink, std::vector<std::wstring>* leftovers);
+  bool hand_out(const DirectoryItem& folder, const char* records, const EntrySink& sink,
+                std::vector<std::wstring>* leftovers);
   bool listed(const DirectoryItem& folder, const FILE_ID_BOTH_DIR_INFO& found, CloudEntry* entry);
   CloudResult read_piece(const std::string& path, const std::string& version, uint64_t offset,
                          std::string* piece);

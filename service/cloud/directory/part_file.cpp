@@ -13,6 +13,7 @@ namespace {
 
 constexpr std::wstring_view PART_LEAD = L".~tarnd-";
 constexpr std::wstring_view PART_TAIL = L".part";
+constexpr uint64_t PART_MIN_AGE = 600ull * 10'000'000; /* ten minutes, in 100 ns */
 constexpr size_t WRITTEN_AT_ONCE = size_t{1} << 20;
 
 /* MinGW's headers do not have the call that shares blocks. */
@@ -69,12 +70,14 @@ bool is_part(std::wstring_view name) {
   return name.starts_with(PART_LEAD) && name.ends_with(PART_TAIL);
 }
 
-void remove_parts(const std::wstring& folder, uint64_t min_age) {
+bool is_leftover(const LARGE_INTEGER& written) {
   FILETIME now;
   GetSystemTimeAsFileTime(&now);
-  /* The disk's clock may be a little ahead of the system's. */
-  const uint64_t limit =
-      min_age == 0 ? UINT64_MAX : join(now.dwHighDateTime, now.dwLowDateTime) - min_age;
+  return static_cast<uint64_t>(written.QuadPart) + PART_MIN_AGE <=
+         join(now.dwHighDateTime, now.dwLowDateTime);
+}
+
+void remove_parts(const std::wstring& folder) {
   WIN32_FIND_DATAW found;
   const std::wstring pattern = folder + L'\\' + std::wstring(PART_LEAD) + L'*';
   const HANDLE search = FindFirstFileW(pattern.c_str(), &found);
@@ -82,8 +85,7 @@ void remove_parts(const std::wstring& folder, uint64_t min_age) {
     return;
   }
   do {
-    const FILETIME& written = found.ftLastWriteTime;
-    if (is_part(found.cFileName) && join(written.dwHighDateTime, written.dwLowDateTime) <= limit) {
+    if (is_part(found.cFileName)) {
       DeleteFileW((folder + L'\\' + found.cFileName).c_str());
     }
   } while (FindNextFileW(search, &found) != 0);

@@ -15,15 +15,13 @@
 
 namespace tarnd {
 
-inline constexpr uint64_t PART_MIN_AGE = 600ull * 10'000'000; /* ten minutes, in 100 ns */
-
 /* Whether a name is that of such a file. */
 bool is_part(std::wstring_view name);
-/*
- * Removes what killed writes left in a folder. The age guards those of other machines, whose open
- * files may not be seen here.
- */
-void remove_parts(const std::wstring& folder, uint64_t min_age);
+/* Whether one that was written then may be removed. The age guards those of other machines, whose
+ * open files may not be seen here. */
+bool is_leftover(const LARGE_INTEGER& written);
+/* Removes what killed writes left in a folder, of any age. */
+void remove_parts(const std::wstring& folder);
 
 /* One new content. Used by one thread; an unfinished one is deleted at the end. */
 class PartFile {

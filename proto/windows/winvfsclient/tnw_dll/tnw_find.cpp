@@ -139,13 +139,13 @@ int tnw_findnext(void* dehdl, tnw_fileinfo* out) {
   if (code != 0) {
     return code;
   }
-  memset(out, 0, sizeof *out); /* NOLINT(clang-analyzer-unix.cstring.NullArg): refused above */
   code = tnw_check_authorized(&call);
-  if (code != 0) {
-    return code;
+  if (code == 0 && fde->fdt_dir.dir_fi_idx == fde->fdt_dir.dir_fi_len) {
+    code = ERROR_NO_MORE_FILES;
   }
-  if (fde->fdt_dir.dir_fi_idx == fde->fdt_dir.dir_fi_len) {
-    return ERROR_NO_MORE_FILES;
+  if (code != 0) {
+    memset(out, 0, sizeof *out); /* NOLINT(clang-analyzer-unix.cstring.NullArg): refused above */
+    return code;
   }
   hand_out(&fde->fdt_dir, out);
   tnw_log_findnext_client_resp(call.vh, fde, 0, &call.start);
