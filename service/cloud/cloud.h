@@ -37,6 +37,9 @@ struct CloudEntry {
   uint64_t modified = 0;
   cfs_id_t id = {};         /* stable for at least as long as the item keeps its path */
   std::string version = {}; /* of a file's content; a folder's is empty */
+  /* Of the folder above it; 0 unless the caller wanted it and the cloud knows it. */
+  cfs_id_t folder_id = {};
+  uint64_t folder_modified = 0;
 };
 
 /* `length` bytes of a content from `offset` on. */

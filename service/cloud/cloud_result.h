@@ -91,7 +91,8 @@ struct CloudContext {
    * again, too. Empty: nobody asks.
    */
   std::function<void(uint64_t bytes)> progress = {};
-  bool may_be_old = false; /* of status and listings: what a cache of names remembers will do */
+  bool may_be_old = false;  /* of status and listings: what a cache of names remembers will do */
+  bool with_folder = false; /* of status: the folder above is wanted, too, where it costs no call */
 };
 
 /* OK; CANCELLED when the caller gave up; OFFLINE when the deadline has passed. */

@@ -172,9 +172,8 @@ int CachedFile::refill_from_now() {
 int CachedFile::refill(const CloudEntry& entry) {
   const NoFetches none(*this);
   filled_ = false;
-  int err = local_.is_open() ? 0 : local_.open();
-  err = err != 0 ? err : local_.set_size(0);
-  err = err != 0 ? err : local_.set_size(entry.size);
+  int err = local_.open_empty();
+  err = err != 0 || entry.size == 0 ? err : local_.set_size(entry.size);
   if (err != 0) {
     return err;
   }
@@ -191,9 +190,7 @@ int CachedFile::refill(const CloudEntry& entry) {
 
 /* On record at once: a file that was made goes up with its close, though nothing was written. */
 int CachedFile::begin_new(Turn& turn) {
-  int err = local_.open();
-  err = err != 0 ? err : local_.set_size(0);
-  if (err != 0) {
+  if (const int err = local_.open_empty()) {
     return err;
   }
   {

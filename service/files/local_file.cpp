@@ -37,7 +37,7 @@ std::string new_local_name() {
   return name.substr(0, 2) + '\\' + name;
 }
 
-int LocalFile::open() {
+int LocalFile::open(bool* existed) {
   file_ = FileHandle(open_shared(path_, OPEN_ALWAYS));
   if (!file_.valid() && GetLastError() == ERROR_PATH_NOT_FOUND) { /* the first one of its folder */
     CreateDirectoryW(path_.substr(0, path_.rfind(L'\\')).c_str(), nullptr);
@@ -46,8 +46,17 @@ int LocalFile::open() {
   if (!file_.valid()) {
     return last_error();
   }
+  if (existed != nullptr) {
+    *existed = GetLastError() == ERROR_ALREADY_EXISTS;
+  }
   make_sparse(file_.get());
   return 0;
+}
+
+int LocalFile::open_empty() {
+  bool existed = true;
+  const int err = is_open() ? 0 : open(&existed);
+  return err != 0 || !existed ? err : set_size(0);
 }
 
 int LocalFile::open_existing() {

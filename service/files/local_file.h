@@ -30,8 +30,10 @@ class LocalFile {
   const std::wstring& path() const { return path_; }
   bool is_open() const { return file_.valid(); }
 
-  /* Opens the file, creating it when it is not there. */
-  int open();
+  /* Opens the file, creating it when it is not there. `existed` tells whether it was. */
+  int open(bool* existed = nullptr);
+  /* Sees to it that the file is open and empty, whether it was there and open or not. */
+  int open_empty();
   /* The same, when it is there: OX_ENOENT otherwise. */
   int open_existing();
   void close() { file_.close(); }

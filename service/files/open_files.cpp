@@ -205,7 +205,9 @@ bool OpenFiles::is_in_use(const std::shared_ptr<CachedFile>& file) {
 /* ------------------------------------------------------------------ names */
 
 int OpenFiles::look_up(const std::string& path, CloudEntry* entry) {
-  return look_up_in(env_.context(), path, entry);
+  CloudContext context = env_.context();
+  context.with_folder = true;
+  return look_up_in(context, path, entry);
 }
 
 int OpenFiles::look_up_remembered(const std::string& path, CloudEntry* entry) {

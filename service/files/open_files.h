@@ -67,7 +67,10 @@ class OpenFiles : public FileTable {
   Reservations& reservations() { return reservations_; }
   UploadQueue& uploads() { return uploads_; }
 
-  /* What is at a path: a file that is not in the cloud yet, or the cloud's. 0 or OX_ENOENT ... */
+  /*
+   * What is at a path: a file that is not in the cloud yet, or the cloud's, with what the cloud
+   * tells of the folder above. 0 or OX_ENOENT ...
+   */
   int look_up(const std::string& path, CloudEntry* entry);
   /* The same, or as it was a moment ago: for those who only show it. */
   int look_up_remembered(const std::string& path, CloudEntry* entry);

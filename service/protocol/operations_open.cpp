@@ -67,6 +67,18 @@ int create(Service& service, const tnv_wopen_msg& open, const std::string& path,
   return 0;
 }
 
+/* The folder, if the cloud told of it with the item that is in it. It may lie behind a link. */
+void take_parent(const std::string& path, Target* target) {
+  const CloudEntry& entry = target->entry;
+  target->has_parent = entry.folder_modified != 0 && folded_path(entry.path) == folded_path(path);
+  if (target->has_parent) {
+    target->parent.folder = true;
+    target->parent.path = parent_path(entry.path);
+    target->parent.id = entry.folder_id;
+    target->parent.modified = entry.folder_modified;
+  }
+}
+
 /* With the path reserved. */
 int find_or_create(Service& service, const tnv_wopen_msg& open, const std::string& path,
                    Target* target) {
@@ -75,6 +87,7 @@ int find_or_create(Service& service, const tnv_wopen_msg& open, const std::strin
     return create(service, open, path, target);
   }
   target->existed = found == 0;
+  take_parent(path, target);
   return found != 0 ? found : check_existing(open, target->entry);
 }
 

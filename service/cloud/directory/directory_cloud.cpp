@@ -68,6 +68,9 @@ CloudResult DirectoryCloud::status(const CloudContext& context, const std::strin
   if (result.ok()) {
     *entry = item.entry();
   }
+  if (result.ok() && context.with_folder) {
+    add_folder(item, entry);
+  }
   return result;
 }
 

@@ -196,6 +196,18 @@ CloudEntry listed_entry(const std::string& folder, const std::string& name,
   return entry;
 }
 
+void add_folder(const DirectoryItem& item, CloudEntry* entry) {
+  WIN32_FILE_ATTRIBUTE_DATA found;
+  const std::wstring folder = item.place.substr(0, item.place.rfind(L'\\'));
+  if (!item.path.empty() &&
+      GetFileAttributesExW(folder.c_str(), GetFileExInfoStandard, &found) != 0) {
+    const size_t slash = item.path.rfind('/');
+    entry->folder_id = id_of_path(slash == std::string::npos ? "" : item.path.substr(0, slash));
+    entry->folder_modified =
+        join(found.ftLastWriteTime.dwHighDateTime, found.ftLastWriteTime.dwLowDateTime);
+  }
+}
+
 /* ------------------------------------------------------------------ the root */
 
 std::unique_ptr<DirectoryRoot> DirectoryRoot::open(const std::string& folder, std::string* error) {

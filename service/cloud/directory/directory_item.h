@@ -77,6 +77,9 @@ class DirectoryRoot {
   const uint64_t clone_grain_;
 };
 
+/* Fills in what the entry tells of the folder above the item, from the item's place. */
+void add_folder(const DirectoryItem& item, CloudEntry* entry);
+
 /* The results of file calls. */
 CloudResult result_of_windows(DWORD code);
 CloudResult result_of_errno(int error);
