@@ -33,5 +33,7 @@ class Tree {
 };
 
 std::unique_ptr<Tree> make_tree(const Bench& bench);
+/* What the same steps cost at least, or null where nobody has said. */
+std::unique_ptr<Tree> make_floor(const Bench& bench);
 
 #endif

@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "drive.h"
-#include "tree.h"
+#include "tree_floor.h"
 
 namespace {
 
@@ -67,4 +67,8 @@ class DriveTree : public Tree {
 
 std::unique_ptr<Tree> make_tree(const Bench& bench) {
   return std::make_unique<DriveTree>(bench.folder());
+}
+
+std::unique_ptr<Tree> make_floor(const Bench& bench) {
+  return std::make_unique<TreeFloor>(bench.folder());
 }
