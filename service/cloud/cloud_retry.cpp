@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <set>
 
 namespace tarnd {
 namespace {
@@ -122,11 +121,19 @@ CloudResult RetryingCloud::status(const CloudContext& context, const std::string
 
 CloudResult RetryingCloud::list(const CloudContext& context, const std::string& path,
                                 const EntrySink& sink) {
-  std::set<std::string> given;
-  const auto take_new = [&](const CloudEntry& entry) {
-    return !given.insert(entry.name).second || sink(entry);
-  };
-  return repeat(context, CloudCall::LIST, [&] { return below_->list(context, path, take_new); });
+  std::vector<std::string> given; /* sorted only for a second try, which is rare */
+  return repeat(context, CloudCall::LIST, [&] {
+    std::sort(given.begin(), given.end());
+    const size_t before = given.size();
+    const auto end = [&] { return given.begin() + static_cast<ptrdiff_t>(before); };
+    return below_->list(context, path, [&](const CloudEntry& entry) {
+      if (before != 0 && std::binary_search(given.begin(), end(), entry.name)) {
+        return true;
+      }
+      given.push_back(entry.name);
+      return sink(entry);
+    });
+  });
 }
 
 CloudResult RetryingCloud::read(const CloudContext& context, const std::string& path,
