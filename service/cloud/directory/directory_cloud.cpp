@@ -22,6 +22,10 @@ bool is_below(const std::wstring& path, const std::wstring& folder) {
          CompareStringOrdinal(path.c_str(), length, folder.c_str(), length, TRUE) == CSTR_EQUAL;
 }
 
+std::wstring_view name_of(const FILE_ID_BOTH_DIR_INFO& found) {
+  return {found.FileName, found.FileNameLength / sizeof(wchar_t)};
+}
+
 /* Before a folder is opened for its deletion, which keeps others from searching it. */
 void remove_parts_in(const std::wstring& place) {
   constexpr DWORD KINDS = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
@@ -79,12 +83,16 @@ CloudResult DirectoryCloud::list(const CloudContext& context, const std::string&
   if (!result.ok() || !folder.is_folder()) {
     return result.ok() ? CloudResult::refused(OX_ENOTDIR) : result;
   }
-  remove_parts(folder.place, PART_MIN_AGE);
-  return list_items(folder, context, sink);
+  bool has_parts = false;
+  result = list_items(folder, context, sink, &has_parts);
+  if (has_parts) {
+    remove_parts(folder.place, PART_MIN_AGE);
+  }
+  return result;
 }
 
 CloudResult DirectoryCloud::list_items(const DirectoryItem& folder, const CloudContext& context,
-                                       const EntrySink& sink) {
+                                       const EntrySink& sink, bool* has_parts) {
   std::vector<uint64_t> buffer(LISTED_AT_ONCE / sizeof(uint64_t)); /* aligned as the records are */
   while (GetFileInformationByHandleEx(folder.file.get(), FileIdBothDirectoryInfo, buffer.data(),
                                       static_cast<DWORD>(LISTED_AT_ONCE)) != 0) {
@@ -92,6 +100,7 @@ CloudResult DirectoryCloud::list_items(const DirectoryItem& folder, const CloudC
     for (DWORD step = 0;; at += step) {
       const auto* found = reinterpret_cast<const FILE_ID_BOTH_DIR_INFO*>(at);
       CloudEntry entry;
+      *has_parts = *has_parts || is_part(name_of(*found));
       if (listed(folder, *found, &entry) && !sink(entry)) {
         return {};
       }
@@ -114,7 +123,7 @@ CloudResult DirectoryCloud::list_items(const DirectoryItem& folder, const CloudC
 /* Fills in the entry; false when it is not to be shown. */
 bool DirectoryCloud::listed(const DirectoryItem& folder, const FILE_ID_BOTH_DIR_INFO& found,
                             CloudEntry* entry) {
-  const std::wstring_view wide(found.FileName, found.FileNameLength / sizeof(wchar_t));
+  const std::wstring_view wide = name_of(found);
   std::string name;
   if (is_part(wide) || !utf8_from_wide(wide, &name) || !is_windows_name(name)) {
     return false;

@@ -71,7 +71,7 @@ class DirectoryCloud : public Cloud {
   explicit DirectoryCloud(std::unique_ptr<DirectoryRoot> root) : root_(std::move(root)) {}
 
   CloudResult list_items(const DirectoryItem& folder, const CloudContext& context,
-                         const EntrySink& sink);
+                         const EntrySink& sink, bool* has_parts);
   bool listed(const DirectoryItem& folder, const FILE_ID_BOTH_DIR_INFO& found, CloudEntry* entry);
   CloudResult read_piece(const std::string& path, const std::string& version, uint64_t offset,
                          std::span<char> piece);
