@@ -14,8 +14,17 @@ CacheLimits::CacheLimits(uint64_t size, uint64_t keep_free, FreeSpace free_space
       keep_free_(keep_free),
       size_(size != 0 ? size : free_space_() / 10) {}
 
-bool CacheLimits::may_fetch(uint64_t bytes) const {
-  return excess(free_space_(), keep_free_) >= bytes;
+bool CacheLimits::may_fetch(uint64_t bytes) {
+  constexpr std::chrono::milliseconds MOMENT{100};
+  constexpr uint64_t PLENTY = uint64_t{1} << 30; /* more than others write in a moment */
+  if (grown_ + bytes < plenty_until_ && Clock::now() - asked_.load() < MOMENT) {
+    return true;
+  }
+  const uint64_t grown = grown_;
+  const uint64_t room = excess(free_space_(), keep_free_);
+  plenty_until_ = grown + excess(room, PLENTY);
+  asked_ = Clock::now();
+  return room >= bytes;
 }
 
 bool CacheLimits::may_be_over() const {

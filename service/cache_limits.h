@@ -23,8 +23,12 @@ class CacheLimits {
    */
   CacheLimits(uint64_t size, uint64_t keep_free, FreeSpace free_space);
 
-  /* Whether there is room for a fetch. If not, it is refused with 28 (no space). */
-  bool may_fetch(uint64_t bytes) const;
+  /*
+   * Whether there is room for a fetch. If not, it is refused with 28 (no space). Where there was
+   * plenty a moment ago, the disk is not asked again: some systems take longer for the answer than
+   * for the fetch.
+   */
+  bool may_fetch(uint64_t bytes);
 
   /* The cache takes this much more, at most. */
   void grow(uint64_t bytes) { grown_ += bytes; }
@@ -49,6 +53,8 @@ class CacheLimits {
   std::atomic<uint64_t> grown_ = 0;
   std::atomic<uint64_t> grows_until_ = 0; /* with `grown_` above it, the cache is to be counted */
   std::atomic<Clock::time_point> counted_ = Clock::time_point{};
+  std::atomic<uint64_t> plenty_until_ = 0; /* with `grown_` above it, the disk is to be asked */
+  std::atomic<Clock::time_point> asked_ = Clock::time_point{};
 };
 
 }  // namespace tarnd

@@ -12,7 +12,7 @@ namespace tarnd {
 namespace {
 
 /* Files that stay cached; beyond it those that were opened longest ago go. */
-constexpr size_t MAX_CACHED = 4096;
+constexpr size_t MAX_CACHED = 8192;
 
 /* What an open with these access bits needs its neighbours to share. */
 uint32_t needed_share(uint32_t access) {

@@ -10,10 +10,19 @@
 namespace tarnd {
 namespace {
 
-bool is_forbidden(char c) {
-  return static_cast<unsigned char>(c) < 0x20 ||
-         std::string_view("/\\:*?\"<>|").find(c) != std::string_view::npos;
-}
+/* By byte. */
+constexpr std::array<bool, 256> FORBIDDEN = [] {
+  std::array<bool, 256> forbidden = {};
+  for (size_t control = 0; control < 0x20; control++) {
+    forbidden.at(control) = true;
+  }
+  for (const char c : std::string_view("/\\:*?\"<>|")) {
+    forbidden.at(static_cast<unsigned char>(c)) = true;
+  }
+  return forbidden;
+}();
+
+bool is_forbidden(char c) { return FORBIDDEN[static_cast<unsigned char>(c)]; }
 
 /* The digit of COM1 and LPT1; Windows takes the superscripts of Latin-1 for digits, too. */
 bool is_device_digit(std::string_view text) {
@@ -24,6 +33,9 @@ bool is_device_digit(std::string_view text) {
 bool is_device(std::string_view name) {
   static constexpr std::array<std::string_view, 6> DEVICES = {"CON", "PRN",    "AUX",
                                                               "NUL", "CONIN$", "CONOUT$"};
+  if (std::string_view("CPANLcpanl").find(name.front()) == std::string_view::npos) {
+    return false; /* most names: none of the devices begins so */
+  }
   std::string upper(name);
   std::transform(upper.begin(), upper.end(), upper.begin(), [](char c) {
     return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;

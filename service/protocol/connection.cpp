@@ -167,7 +167,7 @@ bool Connection::send(const Request& request, Reply* reply) {
       tnv_send_response(&vh_, static_cast<int>(vh_.vfs_fd), request.msg(), &reply->resp);
   vh_.vfs_target_path = nullptr;
   return !broken(err) && send_bulk(reply->bulk.data(), reply->bulk.size()) &&
-         send_listing(reply->listing);
+         send_listing(reply->order);
 }
 
 bool Connection::send_bulk(uint8_t* bytes, size_t size) {
@@ -182,12 +182,12 @@ bool Connection::send_bulk(uint8_t* bytes, size_t size) {
   return true;
 }
 
-bool Connection::send_listing(const std::vector<CloudEntry>& listing) {
+bool Connection::send_listing(const std::vector<const CloudEntry*>& listing) {
   std::vector<tnw_fileinfo> infos;
   for (size_t sent = 0; sent < listing.size(); sent += infos.size()) {
     infos.resize(std::min(listing.size() - sent, INFOS_AT_ONCE));
     for (size_t i = 0; i < infos.size(); i++) {
-      info_of(listing[sent + i], &infos[i]);
+      info_of(*listing[sent + i], &infos[i]);
     }
     if (!send_bulk(reinterpret_cast<uint8_t*>(infos.data()), infos.size() * sizeof infos[0])) {
       return false;

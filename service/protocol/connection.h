@@ -33,7 +33,7 @@ class Connection {
   void delay(uint32_t opcode) const;
   bool send(const Request& request, Reply* reply);
   bool send_bulk(uint8_t* bytes, size_t size);
-  bool send_listing(const std::vector<CloudEntry>& listing);
+  bool send_listing(const std::vector<const CloudEntry*>& listing);
   void note_connect(const Request& request);
   bool broken(int err);
 

@@ -61,6 +61,18 @@ int check_delete(Service& service, const std::string& path, const std::string& s
   return (entry.attributes & READ_ONLY_ATTRIBUTE) != 0 ? OX_EPERM : 0;
 }
 
+/* An entry is large, so it is not moved. */
+std::vector<const CloudEntry*> by_name(const std::vector<CloudEntry>& entries) {
+  std::vector<const CloudEntry*> order;
+  order.reserve(entries.size());
+  for (const CloudEntry& entry : entries) {
+    order.push_back(&entry);
+  }
+  std::sort(order.begin(), order.end(),
+            [](const CloudEntry* a, const CloudEntry* b) { return a->name < b->name; });
+  return order;
+}
+
 }  // namespace
 
 int serve_enumerate(Session& session, const Request& request, Reply* reply) {
@@ -80,9 +92,9 @@ int serve_enumerate(Session& session, const Request& request, Reply* reply) {
   const bool has_parent =
       !path.empty() && service.files.look_up_remembered(parent_path(path), &parent) == 0;
   reply->resp.u.wdenum.wde_fso = fso_of(folder, has_parent ? &parent : nullptr, 0);
-  std::ranges::sort(entries, {}, &CloudEntry::name);
   reply->resp.u.wdenum.wde_fi_len = entries.size();
   reply->listing = std::move(entries);
+  reply->order = by_name(reply->listing);
   return 0;
 }
 

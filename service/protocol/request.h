@@ -45,8 +45,12 @@ class Request {
 struct Reply {
   tnv_resp resp = {};
   std::vector<uint8_t> bulk; /* follows the response */
-  /* Follows, too. Its records take much more room, so they are made while they are sent. */
+  /*
+   * They follow, too, in this order. Their records take much more room, so they are made while they
+   * are sent.
+   */
   std::vector<CloudEntry> listing;
+  std::vector<const CloudEntry*> order;
   std::string target; /* the file that it is about, for the trace */
 };
 

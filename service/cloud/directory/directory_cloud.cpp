@@ -11,7 +11,6 @@
 namespace tarnd {
 namespace {
 
-constexpr uint64_t PIECE = uint64_t{2} << 20;
 constexpr size_t LISTED_AT_ONCE = size_t{1} << 16;
 /* Others may read, rename and delete, but not write. */
 constexpr DWORD SHARE_UNCHANGED = FILE_SHARE_READ | FILE_SHARE_DELETE;
@@ -150,12 +149,12 @@ bool DirectoryCloud::listed(const DirectoryItem& folder, const FILE_ID_BOTH_DIR_
 CloudResult DirectoryCloud::read(const CloudContext& context, const std::string& path,
                                  const std::string& version, ByteRange range,
                                  const DataSink& sink) {
-  std::string piece;
+  const PieceBuffers::Loan buffer(pieces_);
   while (!range.empty()) {
-    piece.resize(std::min(PIECE, range.length));
+    const std::span<char> piece = buffer.first(range.length);
     CloudResult result = check(context);
     if (result.ok()) {
-      result = read_piece(path, version, range.offset, &piece);
+      result = read_piece(path, version, range.offset, piece);
     }
     if (!result.ok()) {
       return result;
@@ -169,15 +168,11 @@ CloudResult DirectoryCloud::read(const CloudContext& context, const std::string&
 }
 
 CloudResult DirectoryCloud::read_piece(const std::string& path, const std::string& version,
-                                       uint64_t offset, std::string* piece) {
+                                       uint64_t offset, std::span<char> piece) {
   const FileGates::Gate gate = gates_.of(path);
   const std::shared_lock reading(*gate);
   DirectoryItem item;
-  CloudResult result = root_->open_item(path, GENERIC_READ, SHARE_ALL, &item);
-  if (!result.ok() || item.is_folder()) {
-    return result.ok() ? CloudResult::refused(OX_EISDIR) : result;
-  }
-  result = check_version(item, version);
+  CloudResult result = root_->open_version(path, version, &item);
   if (!result.ok()) {
     return result;
   }
@@ -185,8 +180,8 @@ CloudResult DirectoryCloud::read_piece(const std::string& path, const std::strin
   position.Offset = static_cast<DWORD>(offset);
   position.OffsetHigh = static_cast<DWORD>(offset >> 32);
   DWORD got = 0;
-  if (ReadFile(item.file.get(), piece->data(), static_cast<DWORD>(piece->size()), &got,
-               &position) == 0 &&
+  if (ReadFile(item.file.get(), piece.data(), static_cast<DWORD>(piece.size()), &got, &position) ==
+          0 &&
       GetLastError() != ERROR_HANDLE_EOF) {
     return last_result();
   }
@@ -194,7 +189,7 @@ CloudResult DirectoryCloud::read_piece(const std::string& path, const std::strin
     return result_of_windows(code);
   }
   result = check_version(item, version);
-  return result.ok() && got != piece->size() ? CloudResult::refused(OX_EINVAL) : result;
+  return result.ok() && got != piece.size() ? CloudResult::refused(OX_EINVAL) : result;
 }
 
 /* ------------------------------------------------------------------ new contents */

@@ -22,12 +22,14 @@
 
 #include <atomic>
 #include <memory>
+#include <span>
 #include <string>
 
 #include "cloud/cloud.h"
 #include "cloud/directory/directory_item.h"
 #include "cloud/directory/file_gates.h"
 #include "cloud/directory/part_file.h"
+#include "cloud/directory/piece_buffers.h"
 
 namespace tarnd {
 
@@ -74,7 +76,7 @@ class DirectoryCloud : public Cloud {
                 std::vector<std::wstring>* leftovers);
   bool listed(const DirectoryItem& folder, const FILE_ID_BOTH_DIR_INFO& found, CloudEntry* entry);
   CloudResult read_piece(const std::string& path, const std::string& version, uint64_t offset,
-                         std::string* piece);
+                         std::span<char> piece);
   CloudResult locate(const std::string& path, const PutCondition& condition, Target* target,
                      DirectoryItem* old);
   CloudResult publish(const CloudContext& context, const Target& target, PartFile& part,
@@ -87,7 +89,8 @@ class DirectoryCloud : public Cloud {
   void note_gone(uint64_t change_time);
 
   const std::unique_ptr<DirectoryRoot> root_;
-  FileGates gates_; /* has its own lock */
+  FileGates gates_;     /* has its own lock */
+  PieceBuffers pieces_; /* the same */
   /* The latest time of change of a file that was replaced or deleted here. */
   std::atomic<uint64_t> newest_gone_ = 0;
 };

@@ -243,8 +243,8 @@ std::unique_ptr<DirectoryRoot> DirectoryRoot::open(const std::string& folder, st
       new DirectoryRoot(std::move(place), info.dwVolumeSerialNumber, grain));
 }
 
-CloudResult DirectoryRoot::open_item(const std::string& path, DWORD access, DWORD share,
-                                     DirectoryItem* item) const {
+CloudResult DirectoryRoot::open_path(const std::string& path, DWORD access, DWORD share,
+                                     FileHandle* file) const {
   std::wstring relative;
   if (!wide_from_utf8(path, &relative)) {
     return CloudResult::refused(OX_EINVAL);
@@ -252,8 +252,27 @@ CloudResult DirectoryRoot::open_item(const std::string& path, DWORD access, DWOR
   if (names_part(path)) {
     return CloudResult::of(CloudCode::NOT_FOUND);
   }
-  item->file = open_shared(place_ + L'\\' + with_backslashes(relative), access, share);
-  return item->file.valid() ? identify(item) : last_result();
+  *file = open_shared(place_ + L'\\' + with_backslashes(relative), access, share);
+  return file->valid() ? CloudResult{} : last_result();
+}
+
+CloudResult DirectoryRoot::open_item(const std::string& path, DWORD access, DWORD share,
+                                     DirectoryItem* item) const {
+  const CloudResult opened = open_path(path, access, share, &item->file);
+  return opened.ok() ? identify(item) : opened;
+}
+
+CloudResult DirectoryRoot::open_version(const std::string& path, const std::string& version,
+                                        DirectoryItem* item) const {
+  const CloudResult opened = open_path(path, GENERIC_READ, SHARE_ALL, &item->file);
+  if (!opened.ok()) {
+    return opened;
+  }
+  const DWORD code = item->look();
+  const bool folder = code == ERROR_SUCCESS && item->is_folder();
+  return folder                  ? CloudResult::refused(OX_EISDIR)
+         : code == ERROR_SUCCESS ? check_version(*item, version)
+                                 : result_of_windows(code);
 }
 
 /*

@@ -58,6 +58,12 @@ class DirectoryRoot {
    */
   CloudResult open_item(const std::string& path, DWORD access, DWORD share,
                         DirectoryItem* item) const;
+  /*
+   * Opens the file of a path for reading, of this version: CHANGED when it has another one. Where
+   * it lies is not looked at, since the version tells it from all others.
+   */
+  CloudResult open_version(const std::string& path, const std::string& version,
+                           DirectoryItem* item) const;
   /* Where an item of this path belongs: its folder is there and lies in the directory. */
   CloudResult place_for(const std::string& path, std::wstring* place) const;
   /* Fills in all but the file itself from an open one. */
@@ -69,6 +75,8 @@ class DirectoryRoot {
   uint64_t clone_grain() const { return clone_grain_; }
 
  private:
+  CloudResult open_path(const std::string& path, DWORD access, DWORD share, FileHandle* file) const;
+
   DirectoryRoot(std::wstring place, DWORD volume, uint64_t clone_grain)
       : place_(std::move(place)), volume_(volume), clone_grain_(clone_grain) {}
 
