@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "ox_log_object.h"
 #include "ox_logging.h"
 #include "ox_time.h"
 #include "ox_util.h"
@@ -47,6 +48,15 @@ int append_level(char* buf, ox_msglvl type, ox_s32 lineno, const char* file, ox_
   }
 }
 
+/* Appends at `end`, cuts what is too long for the line, and gives the new end. */
+char* append_text(char (&line)[OX_LOG_LINE_SIZE], char* end, const char* text) {
+  const size_t room = static_cast<size_t>(line + sizeof(line) - 1 - end);
+  const size_t length = strnlen(text, room);
+  memcpy(end, text, length);
+  end[length] = '\0';
+  return end + length;
+}
+
 }  // namespace
 
 void ox_init_logging(const char* logger_name, const char* logfile, ox_logfunc_t logfunc,
@@ -73,6 +83,21 @@ void ox_log(const char* fmt, ...) {
   if (length < 0) {
     line[0] = '\0';
   }
+  ox_spdlog(line);
+  errno = saved_errno;
+}
+
+void ox_log_object(const char* const* texts, size_t count) {
+  const int saved_errno = errno;
+  char line[OX_LOG_LINE_SIZE];
+  char* end = append_text(line, line, "{");
+  for (const char* const* text = texts; text != texts + count; ++text) {
+    if (*text != nullptr) {
+      end = append_text(line, end, end != line + 1 ? ", " : "");
+      end = append_text(line, end, *text);
+    }
+  }
+  append_text(line, end, "}");
   ox_spdlog(line);
   errno = saved_errno;
 }

@@ -2,8 +2,10 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <iterator>
 
 #include "ox_assert.h"
+#include "ox_log_object.h"
 #include "ox_time.h"
 #include "ox_util.h"
 #include "tn_text.h"
@@ -103,16 +105,10 @@ void tnv_log_vfs_event(vfs_handle* vh, const tnv_msg* msgp, const tnv_resp* resp
   if (st != nullptr) {
     tnv_st2json(st);
   }
-  const char* event = event_text(vh, msgp, resp, event_name, file, line);
-  if (fso != nullptr && finfo != nullptr) {
-    ox_log_msg(line, file, OX_PRINTF_LEVEL, 0, "{%s, %s, %s, %s}\n", event, args, tnv_fso2json(fso),
-               tnv_finfo2json(finfo));
-  } else if (fso != nullptr || finfo != nullptr) {
-    ox_log_msg(line, file, OX_PRINTF_LEVEL, 0, "{%s, %s, %s}\n", event, args,
-               fso != nullptr ? tnv_fso2json(fso) : tnv_finfo2json(finfo));
-  } else {
-    ox_log_msg(line, file, OX_PRINTF_LEVEL, 0, "{%s, %s}\n", event, args);
-  }
+  const char* const texts[] = {event_text(vh, msgp, resp, event_name, file, line), args,
+                               fso != nullptr ? tnv_fso2json(fso) : nullptr,
+                               finfo != nullptr ? tnv_finfo2json(finfo) : nullptr};
+  ox_log_object(texts, std::size(texts));
 }
 
 const char* tnv_fso2json(const tnvfso* fso) {

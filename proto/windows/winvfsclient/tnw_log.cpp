@@ -2,7 +2,9 @@
 
 #include <atomic>
 #include <cerrno>
+#include <iterator>
 
+#include "ox_log_object.h"
 #include "ox_time.h"
 #include "ox_util.h"
 #include "tn_text.h"
@@ -84,11 +86,8 @@ void tnw_log_response(vfs_handle* vh, const char* vfs_event, const char* args, o
   if (fso != nullptr) {
     ox_append(end, &left, ", %s", tnv_fso2json(fso));
   }
-  if (args != nullptr) {
-    ox_log_msg(line, file, OX_PRINTF_LEVEL, 0, "{%s, %s}\n", prefix, args);
-  } else {
-    ox_log_msg(line, file, OX_PRINTF_LEVEL, 0, "{%s}\n", prefix);
-  }
+  const char* const texts[] = {prefix, args};
+  ox_log_object(texts, std::size(texts));
 }
 
 void tnw_log_read_client_resp(vfs_handle* vh, const tnvfd* fde, ox_off off, size_t size,
