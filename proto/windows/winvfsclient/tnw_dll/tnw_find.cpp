@@ -140,6 +140,7 @@ int tnw_findnext(void* dehdl, tnw_fileinfo* out) {
     return code;
   }
   code = tnw_check_authorized(&call);
+  /* NOLINTNEXTLINE(clang-analyzer-core.NullDereference): a null one was refused above */
   if (code == 0 && fde->fdt_dir.dir_fi_idx == fde->fdt_dir.dir_fi_len) {
     code = ERROR_NO_MORE_FILES;
   }
