@@ -33,6 +33,10 @@ void for_each_in(const std::wstring& folder, const FoundFile& found_file) {
   FindClose(search);
 }
 
+std::wstring place_in(const std::wstring& folder, const std::wstring& name) {
+  return std::wstring(folder).append(1, L'\\').append(name);
+}
+
 /*
  * The names of the local files. They lie in folders with names of two characters; older services
  * put them into the cache's own.
@@ -48,7 +52,7 @@ std::vector<std::wstring> local_files(const std::wstring& cache) {
   });
   for (const std::wstring& folder : folders) {
     const std::wstring lead = folder + L'\\';
-    for_each_in(cache + L'\\' + folder, [&](const std::wstring& name, bool is_folder) {
+    for_each_in(place_in(cache, folder), [&](const std::wstring& name, bool is_folder) {
       if (!is_folder) {
         names.push_back(lead + name);
       }
@@ -84,7 +88,7 @@ void delete_others(const std::wstring& folder, const std::vector<FileRecord>& re
     std::string text;
     utf8_from_wide(name, &text);
     if (!wanted.contains(text)) {
-      DeleteFileW((folder + L'\\' + name).c_str());
+      DeleteFileW(place_in(folder, name).c_str());
     }
   }
 }
