@@ -10,7 +10,7 @@ export LC_ALL := C.UTF-8
 # A step that prints one line, and its output only when it fails: $(call step,NAME,TEXT,COMMAND)
 step = printf '==> %s\n' '$(2)'; mkdir -p build; \
        $(3) >build/$(1).log 2>&1 || { cat build/$(1).log; exit 1; }
-configure = $(call step,configure-$(1),Configuring the $(1) build,cmake --preset $(1) $(2))
+configure = $(call step,configure-$(1),Configuring the $(1) build,cmake --preset $(1))
 # Ninja shows its progress on a terminal; elsewhere only what compilers say.
 build = printf '==> %s\n' 'Building in build/$(1)'; \
         quiet=--quiet; if [[ -t 1 ]]; then quiet=; fi; \
@@ -25,13 +25,8 @@ DEMO_TARGETS := tnw tarnd tnwsh ws2_32_wine afunix_probe
 DIST_TARGETS := package_files ws2_32_wine afunix_probe
 OWN_CODE = git ls-files -co --exclude-standard -- '*.cpp' '*.h' '*.c'
 
-# What the benchmarks run, for Windows and for this machine. Both want BENCHMARK_SOURCE.
-BENCH_TARGETS := tnw tarnd bench_drive bench_parts bench_tree ws2_32_wine afunix_probe
-configure_bench = tools/benchmark-source >/dev/null; \
-        $(call configure,$(1),-DBENCHMARK_SOURCE="$$(tools/benchmark-source)")
-
-.PHONY: help demo test test-slow bench bench-peer bench-build bench-cloud build host-build host-test \
-        format check-format tidy dist check-dist lines clean packages cross-prefix
+.PHONY: help demo test test-slow bench-cloud build host-build host-test format check-format tidy \
+        dist check-dist lines clean packages cross-prefix
 
 help: ## Lists these commands
 	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1@\2/p' $(firstword $(MAKEFILE_LIST)) | \
@@ -78,20 +73,6 @@ tidy: cross-prefix ## Looks for likely faults, and for names that differ from th
 	@$(call configure,host)
 	@$(call configure,windows)
 	@tools/tidy
-
-bench: bench-build ## Measures each call against its limit or a peer (ROWS=PATTERN: only these)
-	@tools/bench --rows '$(ROWS)'
-
-bench-peer: bench-build ## Compares the drive with rclone's mount of the same folder tree
-	@tools/install-packages fuse3
-	@tools/bench --peer --rows '$(ROWS)'
-
-bench-build: cross-prefix
-	@tools/install-packages libboost-dev
-	@$(call configure_bench,windows)
-	@$(call configure_bench,host)
-	@$(call build,windows,$(BENCH_TARGETS))
-	@$(call build,host,bench_parts bench_tree)
 
 bench-cloud: cross-prefix build/windows/build.ninja ## Compares the drive with rclone's own mount over a slow line
 	@tools/install-packages fuse3
