@@ -1,4 +1,4 @@
-/* What the shell takes from tools/common, under its own name. */
+/* What the shell takes from tools/common and tools/drive, under its own name. */
 #ifndef TNWSH_COMMON_H
 #define TNWSH_COMMON_H
 
@@ -8,6 +8,9 @@
 #include "tools/common/program.h"
 #include "tools/common/text.h"
 #include "tools/common/wide_text.h"
+#include "tools/drive/drive_options.h"
+#include "tools/drive/drive_path.h"
+#include "tools/drive/drive_session.h"
 
 namespace tnwsh {
 

@@ -30,103 +30,12 @@ bool name_less(const Entry& a, const Entry& b) {
   return order != 0 ? order < 0 : a.name < b.name;
 }
 
-/*
- * A service that was told to stop ends in its own time, and a start that meets it fails. It holds
- * its pid file locked until then. False when it still runs after 15 seconds.
- */
-bool wait_for_service_end(const std::string& cache_folder) {
-  constexpr int TRIES = 750; /* each takes 20 ms */
-  constexpr DWORD PAUSE = 20;
-  const std::wstring path = wide_from_utf8(cache_folder + "\\tarnd_pid");
-  for (int tried = 0; tried < TRIES; tried++) {
-    const HANDLE file = CreateFileW(path.c_str(), GENERIC_READ,
-                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                    OPEN_EXISTING, 0, nullptr);
-    if (file == INVALID_HANDLE_VALUE) {
-      return true;
-    }
-    OVERLAPPED start = {};
-    const bool free = LockFileEx(file, LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0,
-                                 MAXDWORD, MAXDWORD, &start) != 0;
-    CloseHandle(file);
-    if (free) {
-      return true;
-    }
-    Sleep(PAUSE);
-  }
-  return false;
-}
-
-LocalFile lock_work_folder(const Options& options) {
-  try {
-    return LocalFile::open_lock(options.work + "\\tnwsh.lock");
-  } catch (const Failure& failure) {
-    if (failure.code() == ERROR_SHARING_VIOLATION) {
-      throw Failure(options.work, "another tnwsh is using this --work folder");
-    }
-    throw;
-  }
-}
-
-void check_start(const Options& options) {
-  if (!is_web_address(options.cloud) && !is_local_folder(options.cloud)) {
-    throw Failure(options.cloud, "is no folder that can play the cloud", ERROR_PATH_NOT_FOUND);
-  }
-  if (!is_local_file(options.service)) {
-    throw Failure(options.service, "is no cache service", ERROR_FILE_NOT_FOUND);
-  }
-  make_local_folders(options.work);
-}
-
 }  // namespace
-
-std::string name_of(const std::string& path) {
-  const std::string trimmed = path.substr(0, path.find_last_not_of("/\\") + 1);
-  return trimmed.substr(trimmed.find_last_of("/\\") + 1);
-}
-
-std::string join_path(const std::string& folder, const std::string& name) {
-  const bool has_slash = !folder.empty() && (folder.back() == '/' || folder.back() == '\\');
-  return folder + (has_slash ? "" : "/") + name;
-}
-
-std::string path_key(const std::string& path) {
-  std::wstring key;
-  for (const wchar_t c : wide_from_utf8(path)) {
-    const wchar_t unit = c == L'\\' ? L'/' : c;
-    if (unit != L'/' || (!key.empty() && key.back() != L'/')) {
-      key += unit;
-    }
-  }
-  CharUpperBuffW(key.data(), static_cast<DWORD>(key.size()));
-  return utf8_from_wide(key);
-}
-
-Drive::Drive(const Options& options) : cache_folder_(cache_folder(options)) {
-  tnw_tninit init = start_record(options);
-  check_start(options);
-  lock_ = lock_work_folder(options);
-  wait_for_service_end(cache_folder_);
-  int err = 0;
-  handle_ = tnw_init(&init, &err);
-  if (handle_ == nullptr) {
-    throw drive_failure(options.cloud,
-                        "the cache service did not start (its log and the library's are in " +
-                            log_folder(options) + ")",
-                        err);
-  }
-}
-
-/* tnw_deinit would pause for requests that are under way. Here there are none. */
-Drive::~Drive() {
-  tnw_deinit_force(handle_);
-  wait_for_service_end(cache_folder_);
-}
 
 int Drive::list_into(const std::string& path, std::vector<Entry>* entries) {
   tnw_fileinfo info;
   int err = 0;
-  void* listing = tnw_findfirst(handle_, path.c_str(), &info, PROCESS_NAME, &err);
+  void* listing = tnw_findfirst(session_.handle(), path.c_str(), &info, PROCESS_NAME, &err);
   if (listing == nullptr) {
     return err;
   }
@@ -148,7 +57,7 @@ std::vector<Entry> Drive::list(const std::string& path) {
 
 /* When the answer never came, the call reports success and leaves the record empty. */
 int Drive::try_info(const std::string& path, tnw_fileinfo* info) {
-  const int err = tnw_getfileinfo(handle_, path.c_str(), info, PROCESS_NAME);
+  const int err = tnw_getfileinfo(session_.handle(), path.c_str(), info, PROCESS_NAME);
   return err == 0 && info->fi_id[0] == '\0' ? TNW_ERROR_NO_SERVICE : err;
 }
 
@@ -192,17 +101,17 @@ void Drive::check_answer(const std::string& path, const char* what, int err, Ans
 
 void Drive::rename(const std::string& from, const std::string& to) {
   check_answer(from, "cannot be renamed",
-               tnw_rename(handle_, from.c_str(), to.c_str(), PROCESS_NAME), RENAME_ANSWERS);
+               tnw_rename(session_.handle(), from.c_str(), to.c_str(), PROCESS_NAME), RENAME_ANSWERS);
 }
 
 void Drive::remove(const std::string& path) {
-  check_answer(path, "cannot be deleted", tnw_delete(handle_, path.c_str(), PROCESS_NAME),
+  check_answer(path, "cannot be deleted", tnw_delete(session_.handle(), path.c_str(), PROCESS_NAME),
                DELETE_ANSWERS);
 }
 
 bool Drive::can_delete(const std::string& path) {
   bool can = false;
-  check_answer(path, "cannot look it up", tnw_canfilebedeleted(handle_, path.c_str(), &can),
+  check_answer(path, "cannot look it up", tnw_canfilebedeleted(session_.handle(), path.c_str(), &can),
                PATH_ANSWERS);
   return can;
 }
@@ -211,7 +120,7 @@ void Drive::make_folder(const std::string& path) {
   int err = 0;
   void* context = nullptr;
   void* folder =
-      tnw_create(handle_, &context, path.c_str(), TNW_ACC_ATTRIBUTES, 0, TNW_DISP_CREATE,
+      tnw_create(session_.handle(), &context, path.c_str(), TNW_ACC_ATTRIBUTES, 0, TNW_DISP_CREATE,
                  TNW_OPT_FOLDER, static_cast<int>(GetCurrentProcessId()), PROCESS_NAME, &err);
   if (folder != nullptr) {
     tnw_cleanup_file(folder);
@@ -228,13 +137,13 @@ void Drive::ensure_folder(const std::string& path) {
 }
 
 void Drive::update_token(std::string token) {
-  check_answer("The token", "is not taken", tnw_updatetoken(handle_, token.data()), TOKEN_ANSWERS);
+  check_answer("The token", "is not taken", tnw_updatetoken(session_.handle(), token.data()), TOKEN_ANSWERS);
 }
 
 void Drive::set_proxy(const std::string& server, const std::string& user,
                       const std::string& password) {
   check_answer("The proxy", "is not taken",
-               tnw_set_http_proxy(handle_, server.c_str(), user.c_str(), password.c_str()),
+               tnw_set_http_proxy(session_.handle(), server.c_str(), user.c_str(), password.c_str()),
                PROXY_ANSWERS);
 }
 

@@ -27,19 +27,10 @@ struct Entry {
   std::string id;        /* the id of the item, which does not depend on the path */
 };
 
-/* The last name of a path, of this machine or of the drive, whose root has an empty name. */
-std::string name_of(const std::string& path);
-std::string join_path(const std::string& folder, const std::string& name);
-/* The same text for all spellings of a path: slashes, case. */
-std::string path_key(const std::string& path);
-
 class Drive {
  public:
   /* Starts the service and connects to it; the destructor stops it and waits for its end. */
-  explicit Drive(const Options& options);
-  ~Drive();
-  Drive(const Drive&) = delete;
-  Drive& operator=(const Drive&) = delete;
+  explicit Drive(const Options& options) : session_(options) {}
 
   /* The entries of a folder, sorted by name. */
   std::vector<Entry> list(const std::string& path);
@@ -77,9 +68,7 @@ class Drive {
    */
   void check_answer(const std::string& path, const char* what, int err, Answers answers);
 
-  const std::string cache_folder_;
-  LocalFile lock_; /* the lock that makes the work folder ours */
-  void* handle_ = nullptr;
+  DriveSession session_;
   std::map<std::string, Slot> slots_; /* by path_key */
 };
 

@@ -4,7 +4,6 @@
 #include <map>
 
 #include "commands.h"
-#include "ox_logging.h"
 #include "prompt.h"
 #include "shell.h"
 
@@ -23,29 +22,7 @@ void declare_options(CLI::App* app, Options* options) {
   const std::map<std::string, ProgressMode> modes = {{"auto", ProgressMode::AUTO},
                                                      {"always", ProgressMode::ALWAYS},
                                                      {"never", ProgressMode::NEVER}};
-  const auto text = [app](const char* name, std::string& value, const char* help) {
-    return app->add_option(name, value, help)->type_name("TEXT");
-  };
-  text("--cloud", options->cloud, "A folder that plays the cloud, or a WebDAV server's address")
-      ->required()
-      ->type_name("DIR|URL");
-  text("--work", options->work, "The folder for cache, socket and logs; made when it is not there")
-      ->required()
-      ->type_name("DIR");
-  options->service = program_folder() + "tarnd.exe";
-  text("--service", options->service, "The cache service (default: tarnd.exe beside this program)")
-      ->type_name("FILE");
-  text("--share", options->share, "The drive's folder in the cloud")->capture_default_str();
-  text("--user", options->user, "The user's name")->capture_default_str();
-  text("--domain", options->domain, "The cloud's domain, with a dot")->capture_default_str();
-  text("--token", options->token, "The user's access token")->capture_default_str();
-  app->add_option("--threads", options->threads, "Connections to the service")
-      ->check(CLI::Range(1, 256))
-      ->option_text("N=4");
-  app->add_option("--debug-level", ox_debug,
-                  "How much tnvfs.log says: 2 adds requests, 3 answers, 5 the thread pool")
-      ->check(CLI::Range(0, 5))
-      ->option_text("N=1");
+  declare_drive_options(app, options);
   app->add_option("--progress", options->progress,
                   "The progress of long transfers: auto (on a terminal), always, never")
       ->transform(CLI::CheckedTransformer(modes))

@@ -40,7 +40,7 @@ RemoteFile::RemoteFile(Drive& drive, const std::string& path, Mode mode)
   const OpenMode& open = MODES[static_cast<size_t>(mode)];
   const auto slot = drive.slots_.try_emplace(path_key(path)).first;
   int err = 0;
-  handle_ = tnw_create(drive.handle_, &slot->second.context, path.c_str(), open.access, open.share,
+  handle_ = tnw_create(drive.session_.handle(), &slot->second.context, path.c_str(), open.access, open.share,
                        open.disposition, TNW_OPT_FILE, process_id(), PROCESS_NAME, &err);
   if (handle_ != nullptr) {
     slot->second.opens++;

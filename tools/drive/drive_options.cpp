@@ -1,11 +1,18 @@
-#include "options.h"
+#include "tools/drive/drive_options.h"
 
 #include <fmt/format.h>
 #include <windows.h>
 
+#include <CLI/CLI.hpp>
+
 #include <cstring>
 
-namespace tnwsh {
+#include "ox_logging.h"
+#include "tools/common/console.h"
+#include "tools/common/local_file.h"
+#include "tools/common/program.h"
+
+namespace tools {
 namespace {
 
 /*
@@ -44,13 +51,13 @@ void fill_optional_word(char (&field)[N], const std::string& text, const char* n
   }
 }
 
-std::string work_folder(const Options& options) {
+std::string work_folder(const DriveOptions& options) {
   std::string folder = absolute_path(options.work);
   folder.erase(folder.find_last_not_of('\\') + 1);
   return folder;
 }
 
-void check_socket_path(const Options& options) {
+void check_socket_path(const DriveOptions& options) {
   const std::string socket = code_page_path(cache_folder(options)) + SOCKET_NAME;
   if (socket.size() > MAX_SOCKET_PATH) {
     throw UsageError(
@@ -68,9 +75,35 @@ void check_domain(const std::string& domain) {
 
 }  // namespace
 
-std::string log_folder(const Options& options) { return work_folder(options) + "\\logs"; }
+void declare_drive_options(CLI::App* app, DriveOptions* options) {
+  const auto text = [app](const char* name, std::string& value, const char* help) {
+    return app->add_option(name, value, help)->type_name("TEXT");
+  };
+  text("--cloud", options->cloud, "A folder that plays the cloud, or a WebDAV server's address")
+      ->required()
+      ->type_name("DIR|URL");
+  text("--work", options->work, "The folder for cache, socket and logs; made when it is not there")
+      ->required()
+      ->type_name("DIR");
+  options->service = program_folder() + "tarnd.exe";
+  text("--service", options->service, "The cache service (default: tarnd.exe beside this program)")
+      ->type_name("FILE");
+  text("--share", options->share, "The drive's folder in the cloud")->capture_default_str();
+  text("--user", options->user, "The user's name")->capture_default_str();
+  text("--domain", options->domain, "The cloud's domain, with a dot")->capture_default_str();
+  text("--token", options->token, "The user's access token")->capture_default_str();
+  app->add_option("--threads", options->threads, "Connections to the service")
+      ->check(CLI::Range(1, 256))
+      ->option_text(fmt::format("N={}", options->threads));
+  app->add_option("--debug-level", ox_debug,
+                  "How much tnvfs.log says: 2 adds requests, 3 answers, 5 the thread pool")
+      ->check(CLI::Range(0, 5))
+      ->option_text("N=1");
+}
 
-std::string cache_folder(const Options& options) {
+std::string log_folder(const DriveOptions& options) { return work_folder(options) + "\\logs"; }
+
+std::string cache_folder(const DriveOptions& options) {
   return work_folder(options) + '\\' + options.domain + '\\' + options.user;
 }
 
@@ -98,7 +131,7 @@ bool is_web_address(const std::string& cloud) {
   return cloud.starts_with("http://") || cloud.starts_with("https://");
 }
 
-tnw_tninit start_record(const Options& options) {
+tnw_tninit start_record(const DriveOptions& options) {
   tnw_tninit init = {};
   check_domain(options.domain);
   init.tnw_flags = TNW_INIT_NO_RETRY; /* a second attempt would fail like the first one */
@@ -124,7 +157,7 @@ tnw_tninit start_record(const Options& options) {
   return init;
 }
 
-tnw_purge_opt_t purge_record(const Options& options) {
+tnw_purge_opt_t purge_record(const DriveOptions& options) {
   tnw_purge_opt_t purge = {};
   fill_field(purge.po_workdir, code_page_path(options.work), "The --work folder");
   fill_field(purge.po_domain, options.domain, "The domain");
@@ -132,4 +165,4 @@ tnw_purge_opt_t purge_record(const Options& options) {
   return purge;
 }
 
-}  // namespace tnwsh
+}  // namespace tools
