@@ -1,4 +1,4 @@
-# The libraries that we call: spdlog with fmt, CLI11, nlohmann-json (header-only) and GoogleTest.
+# The libraries that we call: spdlog with fmt, CLI11, nlohmann-json, Boost (header-only) and GoogleTest.
 #
 # Debian's headers of all but the last do not depend on the architecture, but all of /usr/include
 # must not be on the cross compiler's path: each is linked alone into a folder of the build tree.
@@ -19,6 +19,7 @@ target_compile_definitions(spdlog_headers INTERFACE SPDLOG_FMT_EXTERNAL)
 target_link_libraries(spdlog_headers INTERFACE fmt_headers)
 header_only_library(cli11_headers CLI CLI.hpp)
 header_only_library(json_headers nlohmann json.hpp)
+header_only_library(boost_headers boost version.hpp)
 
 # Debian has GoogleTest as sources, which are compiled like the tests; MSYS2 has it as a package. It
 # is compiled without optimisation and without debug information, which takes only seconds.

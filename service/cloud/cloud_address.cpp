@@ -6,8 +6,8 @@
 
 #include "cloud/directory/directory_cloud.h"
 #include "cloud/fault/fault_cloud.h"
-#include "cloud/percent.h"
 #include "cloud/webdav/webdav_cloud.h"
+#include "common/percent.h"
 #include "names/folded_path.h"
 #include "names/name_caching_cloud.h"
 #include "names/name_finding_cloud.h"
@@ -25,7 +25,7 @@ bool folder_of_address(std::string_view address, std::string* folder, std::strin
     *error = "it begins with none of file:///, http:// and https://";
     return false;
   }
-  if (!decode_percent(address.substr(SCHEME.size()), folder)) {
+  if (!common::decode_percent(address.substr(SCHEME.size()), folder)) {
     *error = "'%' is not followed by two hexadecimal digits of a character";
     return false;
   }

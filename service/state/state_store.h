@@ -13,11 +13,15 @@
 #include <string>
 #include <vector>
 
+#include "common/database.h"
 #include "files/file_machine.h"
 #include "files/region_store.h"
-#include "state/database.h"
 
 namespace tarnd {
+
+using common::Database;
+using common::Durability;
+using common::Statement;
 
 /* Where the bytes are that are not in the local files. */
 struct CloudBase {

@@ -1,11 +1,11 @@
 /* The texts of the WebDAV cloud: addresses, names, answers and their headers. */
 #include <gtest/gtest.h>
 
-#include "cloud/percent.h"
 #include "cloud/webdav/http_rules.h"
 #include "cloud/webdav/multistatus.h"
 #include "cloud/webdav/name_spelling.h"
 #include "cloud/webdav/web_address.h"
+#include "common/percent.h"
 #include "names/share_path.h"
 #include "script.h"
 

@@ -5,8 +5,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstring>
 
+#include "common/percent.h"
 #include "ox_logging.h"
 #include "tools/common/console.h"
 #include "tools/common/local_file.h"
@@ -112,19 +114,9 @@ std::string file_address(const std::string& folder) {
   if (absolute.size() < 3 || absolute[1] != ':') {
     throw UsageError("The cloud folder must be on a drive with a letter: " + absolute);
   }
-  std::string address = "file:///";
-  for (const char c : absolute) {
-    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                       std::strchr("-._~:", c) != nullptr;
-    if (c == '\\') {
-      address += '/';
-    } else if (plain) {
-      address += c;
-    } else {
-      address += fmt::format("%{:02X}", static_cast<unsigned char>(c));
-    }
-  }
-  return address;
+  std::string path = absolute;
+  std::replace(path.begin(), path.end(), '\\', '/');
+  return "file:///" + path.substr(0, 2) + common::encode_percent(path.substr(2));
 }
 
 bool is_web_address(const std::string& cloud) {

@@ -4,7 +4,7 @@
 #include <charconv>
 #include <string_view>
 
-#include "cloud/percent.h"
+#include "common/percent.h"
 
 namespace tarnd {
 namespace {
@@ -32,7 +32,8 @@ std::string WebAddress::server() const {
 }
 
 std::string WebAddress::target(const std::string& cloud_path) const {
-  const std::string path = encode_percent(root + (cloud_path.empty() ? "" : "/" + cloud_path));
+  const std::string path =
+      common::encode_percent(root + (cloud_path.empty() ? "" : "/" + cloud_path));
   return path.empty() ? "/" : path;
 }
 
@@ -57,7 +58,8 @@ bool parse_web_address(const std::string& text, WebAddress* address, std::string
     *error = "the port is no number from 1 to 65535";
     return false;
   }
-  if (rest.find_first_of("?#") != std::string_view::npos || !decode_percent(rest, &address->root)) {
+  if (rest.find_first_of("?#") != std::string_view::npos ||
+      !common::decode_percent(rest, &address->root)) {
     *error = "the path has '?' or '#', or a '%' without two hexadecimal digits";
     return false;
   }
@@ -72,7 +74,7 @@ bool cloud_path_of(const WebAddress& address, const std::string& href, std::stri
     rest.remove_prefix(std::min(rest.find('/'), rest.size()));
   }
   std::string whole;
-  if (!decode_percent(rest, &whole)) {
+  if (!common::decode_percent(rest, &whole)) {
     return false;
   }
   drop_slashes_at_end(&whole);

@@ -1,10 +1,10 @@
-#include "state/database.h"
+#include "common/database.h"
 
 #include <sqlite3.h>
 
 #include "ox_errno.h"
 
-namespace tarnd {
+namespace common {
 namespace {
 
 int errno_of_sqlite(int code) {
@@ -112,4 +112,4 @@ std::string Statement::text(int column) const {
   return {reinterpret_cast<const char*>(text), static_cast<size_t>(bytes)};
 }
 
-}  // namespace tarnd
+}  // namespace common

@@ -1,8 +1,8 @@
-#include "cloud/percent.h"
+#include "common/percent.h"
 
 #include <cctype>
 
-namespace tarnd {
+namespace common {
 namespace {
 
 constexpr std::string_view DIGITS = "0123456789ABCDEF";
@@ -46,4 +46,4 @@ std::string encode_percent(std::string_view text) {
   return out;
 }
 
-}  // namespace tarnd
+}  // namespace common

@@ -5,8 +5,8 @@
  * Write-ahead log, exclusive locking: no other process opens it. A commit survives the end of the
  * process; one that is made in full survives a loss of power, too, and all commits before it.
  */
-#ifndef SERVICE_DATABASE_H
-#define SERVICE_DATABASE_H
+#ifndef COMMON_DATABASE_H
+#define COMMON_DATABASE_H
 
 #include <cstdint>
 #include <string>
@@ -15,7 +15,7 @@
 struct sqlite3;
 struct sqlite3_stmt;
 
-namespace tarnd {
+namespace common {
 
 enum class Durability {
   PROCESS, /* survives the end of the process */
@@ -70,6 +70,6 @@ class Statement {
   int bound_ = 0;
 };
 
-}  // namespace tarnd
+}  // namespace common
 
 #endif

@@ -1,0 +1,148 @@
+/* tnwdav: serves a cloud drive over WebDAV to the other programs of this machine. */
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+
+#include <future>
+#include <memory>
+
+#include "dav_server.h"
+#include "http_server.h"
+#include "mount.h"
+#include "tools/common/console.h"
+#include "tools/common/failure.h"
+#include "tools/common/local_file.h"
+#include "tools/common/program.h"
+#include "tools/drive/drive_options.h"
+
+namespace tnwdav {
+namespace {
+
+using tools::ExitStatus;
+
+constexpr char DESCRIPTION[] =
+    "A cloud drive for every other program: serves it over WebDAV on this machine\n"
+    "until Ctrl-C.";
+
+constexpr char FOOTER[] =
+    "Only programs of this machine reach the drive, and only with the password that\n"
+    "is printed at the start. Each request has a line in tnwdav.log in the log folder.\n"
+    "Exit status: 0, 1 when the drive could not be served, 2 when the command line\n"
+    "makes no sense.";
+
+struct Options : tools::DriveOptions {
+  uint16_t port = 8765;
+  std::string letter; /* empty: none */
+  bool no_password = false;
+  bool quiet = false;
+};
+
+void declare_options(CLI::App* app, Options* options) {
+  options->threads = 8;
+  tools::declare_drive_options(app, options);
+  app->add_option("--port", options->port, "The port of 127.0.0.1; 0 takes a free one")
+      ->option_text("N=8765");
+  app->add_option("--mount", options->letter, "Maps the drive to a letter of Windows, such as X:")
+      ->check(CLI::Validator(
+          [](const std::string& letter) {
+            const bool good = letter.size() == 2 && isalpha(letter[0]) != 0 && letter[1] == ':';
+            return good ? std::string() : "a drive letter is like X:";
+          },
+          "LETTER:"));
+  app->add_flag("--no-password", options->no_password,
+                "Lets every program of this machine in, those of other users, too");
+  app->add_flag("--quiet", options->quiet, "Prints no line for each request");
+}
+
+/* What to type to open the drive. */
+void print_clients(const std::string& address, const std::string& password) {
+  const bool open = password.empty();
+  fmt::print("Windows   net use X: {}{}\n", address,
+             open ? "" : fmt::format(" {} /user:{}", password, USER));
+  fmt::print("cadaver   cadaver {}\n", address);
+  fmt::print("davfs2    mount -t davfs {} FOLDER\n", address);
+  fmt::print("curl      curl {}{}\n", open ? "" : fmt::format("-u {}:{} ", USER, password),
+             address);
+  fmt::print(
+      "rclone    rclone ls :webdav: --webdav-url {}{}\n", address,
+      open ? ""
+           : fmt::format(" \\\n            --webdav-user {} --webdav-pass $(rclone obscure {})",
+                         USER, password));
+}
+
+void print_start(const Options& options, const std::string& address, const std::string& password) {
+  fmt::print("The drive of {} is served at {}\n", options.cloud, address);
+  if (password.empty()) {
+    fmt::print("Every program of this machine may use it.\n\n");
+  } else {
+    fmt::print("user {}, password {} (until the end of this program)\n\n", USER, password);
+  }
+  print_clients(address, password);
+  fmt::print("\nCtrl-C ends it.\n");
+  fflush(stdout);
+}
+
+/* The system's client asks the server while it maps, so that this runs beside the server. */
+std::unique_ptr<Mount> map_letter(const Options& options, const std::string& address,
+                                  const std::string& password) {
+  try {
+    auto mount = std::make_unique<Mount>(options.letter, address, USER, password);
+    fmt::print("{} is the drive.\n", options.letter);
+    fflush(stdout);
+    return mount;
+  } catch (const tools::Failure& failure) {
+    fmt::print(stderr, "tnwdav: {}; the drive is served all the same\n", failure.what());
+    return nullptr;
+  }
+}
+
+std::string make_folder(const std::string& path) {
+  tools::make_local_folders(path);
+  return path;
+}
+
+ExitStatus serve(const Options& options) {
+  Share share(options);
+  const std::string logs = make_folder(tools::log_folder(options));
+  const std::string incoming = make_folder(tools::absolute_path(options.work) + "\\incoming");
+  DavLocks locks;
+  DeadProperties properties(tools::absolute_path(options.work) + "\\tnwdav-properties.db");
+  RequestLog log(logs, options.quiet);
+  const std::string password = options.no_password ? "" : random_password();
+
+  std::unique_ptr<DavServer> dav;
+  HttpServer http(options.port, [&dav](Exchange& exchange) { dav->handle(exchange); });
+  const Access access(http.port(), password);
+  dav = std::make_unique<DavServer>(Parts{share, locks, properties, access, log, incoming});
+  const std::string address = fmt::format("http://127.0.0.1:{}/", http.port());
+  print_start(options, address, password);
+  std::future<std::unique_ptr<Mount>> mount;
+  if (!options.letter.empty()) {
+    mount = std::async(std::launch::async, map_letter, options, address, password);
+  }
+  http.run([&] {
+    locks.forget_expired();
+    return !tools::interrupted();
+  });
+  return tools::EXIT_OK;
+}
+
+ExitStatus run(const std::vector<std::string>& words) {
+  Options options;
+  CLI::App app(DESCRIPTION, "tnwdav");
+  app.footer(FOOTER);
+  app.option_defaults()->take_last();
+  declare_options(&app, &options);
+  if (const auto status = tools::parse_command_line(&app, words)) {
+    return *status;
+  }
+  return serve(options);
+}
+
+}  // namespace
+}  // namespace tnwdav
+
+int main(int argc, char** argv) {
+  return tools::run_program("tnwdav",
+                            [&] { return tnwdav::run(tools::set_up_console(argc, argv)); });
+}
