@@ -34,7 +34,7 @@ struct Exchange::Messages {
 Exchange::Exchange(ClientConnection& connection)
     : connection_(connection), messages_(std::make_unique<Messages>()) {
   messages_->parser.header_limit(HEADER_LIMIT);
-  messages_->parser.body_limit(boost::none);
+  messages_->parser.body_limit(UINT64_MAX);
 }
 
 Exchange::~Exchange() = default;
@@ -141,10 +141,11 @@ void Exchange::begin_answer(Status status, std::optional<uint64_t> size, std::st
   answered_ = true;
   messages_->answer.result(status);
   chunked_ = !size && messages_->answer.version() >= 11;
-  if (size && status != Status::no_content && status != Status::not_modified) {
+  if (chunked_) {
+    messages_->answer.chunked(true);
+  } else if (size && status != Status::no_content && status != Status::not_modified) {
     messages_->answer.content_length(*size);
   }
-  messages_->answer.chunked(chunked_);
   if (!type.empty()) {
     messages_->answer.set(http::field::content_type, type);
   }
