@@ -106,7 +106,7 @@ reference: ## Makes the reference of all calls: build/reference/html
 	@$(call needs,reference)
 	@tools/make-reference
 
-check-docs: ## Checks the documents: links, listings, the protocol's tables
+check-docs: ## Checks the documents: links, and the protocol's tables
 	@tools/check-docs
 
 lines: ## Counts lines of code (tests: 0.40 of the product at most)
