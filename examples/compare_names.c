@@ -21,7 +21,7 @@ int main(void) {
   wchar_t** args = CommandLineToArgvW(GetCommandLineW(), &count);
   char name[1024], other[1024];
   if (args == NULL || count < 3) {
-    return puts("compare_names NAME OTHER..."), 2;
+    return puts("usage: compare_names NAME OTHER..."), 2;
   }
   if (!to_utf8(args[1], name, sizeof name)) {
     return puts("NAME is no file name"), 2;

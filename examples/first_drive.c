@@ -13,7 +13,7 @@ int main(int argc, char** argv) {
                             .tnw_da_device_id = "11111111-1111-1111-1111-111111111111",
                             .tnw_da_drive_id = "22222222-2222-2222-2222-222222222222"};
   if (argc != 4) {
-    return puts("first_drive SERVICE CLOUD_URL WORK_DIR"), 2;
+    return puts("usage: first_drive SERVICE CLOUD_URL WORK_DIR"), 2;
   }
   snprintf(init.tnw_binpath, sizeof init.tnw_binpath, "%s", argv[1]);
   snprintf(init.tnw_api_addr, sizeof init.tnw_api_addr, "%s", argv[2]);

@@ -21,7 +21,7 @@ static cfs_cffl* read_list(int fd) {
 
 int main(int argc, char** argv) {
   if (argc != 2) {
-    return puts("list_folder LIST"), 2;
+    return puts("usage: list_folder LIST"), 2;
   }
   int fd = ox_open(argv[1], OX_O_RDONLY);
   if (fd < 0) {

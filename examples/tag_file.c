@@ -50,7 +50,7 @@ static int set(const char* file, const char* name, const char* value) {
 
 int main(int argc, char** argv) {
   if (argc < 3 || argc > 4) {
-    return puts("tag_file FILE NAME [VALUE]"), 2;
+    return puts("usage: tag_file FILE NAME [VALUE]"), 2;
   }
   int fd = ox_open(argv[1], OX_O_RDWR);
   if (fd < 0) {

@@ -21,12 +21,12 @@ constexpr char DESCRIPTION[] =
     "Prints a cloud file list, as the library's listings show it; or checks or makes one.";
 
 const std::string FOOTER = fmt::format(
-    "--make lists the files and folders of DIR, not what is in those. A file's digest is SHA-512\n"
-    "over the whole file; its checksum has version 1 and counts chunks of {} bytes, none in\n"
-    "an empty file. Identifiers follow from paths and revisions from contents, so they stay the\n"
-    "same as long as those do. Names are UTF-8; one of more than 244 bytes is refused, and then\n"
+    "--make lists the files and folders of DIR, not what is in those. A file's digest is SHA-512 "
+    "over the whole file; its checksum has version 1 and counts chunks of {} bytes, none in "
+    "an empty file. Identifiers follow from paths and revisions from contents, so they stay the "
+    "same as long as those do. Names are UTF-8; one of more than 244 bytes is refused, and then "
     "no list is written. There is no hash table.\n\n"
-    "Exit status: 0, 1 when the list is damaged or an operation failed, 2 when the command line\n"
+    "Exit status: 0, 1 when the list is damaged or an operation failed, 2 when the command line "
     "makes no sense.",
     CHUNK_SIZE);
 

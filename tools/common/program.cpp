@@ -6,6 +6,8 @@
 
 #include <algorithm>
 
+#include "tools/common/text.h"
+
 namespace tools {
 
 std::optional<ExitStatus> parse_command_line(CLI::App* app, std::vector<std::string> words) {
@@ -16,7 +18,7 @@ std::optional<ExitStatus> parse_command_line(CLI::App* app, std::vector<std::str
   try {
     app->parse(words);
   } catch (const CLI::CallForHelp&) {
-    fmt::print("{}", app->help());
+    fmt::print("{}", wrapped(app->help()));
     return EXIT_OK;
   } catch (const CLI::CallForVersion&) {
     fmt::print("{}\n", app->version());

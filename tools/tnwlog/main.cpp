@@ -18,13 +18,13 @@ namespace tnwlog {
 namespace {
 
 constexpr char DESCRIPTION[] =
-    "Reads the logs of cloud drives: how often each operation was asked for, and how long the\n"
+    "Reads the logs of cloud drives: how often each operation was asked for, and how long the "
     "answers took.";
 
 constexpr char FOOTER[] =
-    "Response times come from the event lines, which are there when the cache service gives\n"
+    "Response times come from the event lines, which are there when the cache service gives "
     "transaction ids, or else from the distance of two lines at debug level 3 and above.\n"
-    "Exit status: 0, 1 when a file cannot be read or written or nothing is found, 2 when the\n"
+    "Exit status: 0, 1 when a file cannot be read or written or nothing is found, 2 when the "
     "command line makes no sense.";
 
 using tools::ExitStatus;

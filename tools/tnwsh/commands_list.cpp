@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "commands.h"
+#include "json_line.h"
 
 namespace tnwsh {
 namespace {
@@ -32,12 +33,28 @@ void print_long(const Entry& entry) {
 struct LsArguments {
   std::string path = "/";
   bool names_only = false;
+  bool json = false;
 };
+
+void print_entries_json(const std::vector<Entry>& entries) {
+  nlohmann::ordered_json json = nlohmann::ordered_json::array();
+  for (const Entry& entry : entries) {
+    json.push_back({{"name", entry.name},
+                    {"folder", entry.folder},
+                    {"size", entry.size},
+                    {"modified", utc_text(entry.modified)},
+                    {"id", entry.id}});
+  }
+  print_json(json);
+}
 
 void run_ls(Shell& shell, const LsArguments& ls) {
   const Entry named = shell.drive().get(ls.path);
   const std::vector<Entry> entries =
       named.folder ? shell.drive().list(ls.path) : std::vector<Entry>{named};
+  if (ls.json) {
+    return print_entries_json(entries);
+  }
   Totals totals;
   for (const Entry& entry : entries) {
     totals.count(entry);
@@ -107,6 +124,7 @@ void declare_listings(CLI::App* app, Action* action) {
                                   {LIST_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS});
   ls->add_option("PATH", listed->path, "A folder or file of the drive");
   ls->add_flag("-1,--names", listed->names_only, "Names only, one a line");
+  ls->add_flag("--json", listed->json, JSON_HELP)->excludes("--names");
 
   auto [tree, top] = add_command(app, action, "tree", "Lists a folder and all below it", run_tree,
                                  {LIST_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS});

@@ -134,8 +134,8 @@ void declare_open_file_commands(CLI::App* app, Action* action) {
   auto [lock, held] = add_command(
       app, action, "lock", "Locks a range of a file, or lists the locks that are held", run_lock,
       {LOCK_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS},
-      "A lock lives as long as the open that took it: at the prompt until unlock or exit, as a\n"
-      "command of its own until Ctrl-C. A conflict is answered at once. Locks are judged among\n"
+      "A lock lives as long as the open that took it: at the prompt until unlock or exit, as a "
+      "command of its own until Ctrl-C. A conflict is answered at once. Locks are judged among "
       "themselves; reads and writes do not look at them.");
   declare_range(lock, &held->range, false);
   lock->get_option("FILE")->needs(lock->get_option("LENGTH"));

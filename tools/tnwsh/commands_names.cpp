@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "commands.h"
+#include "json_line.h"
 
 namespace tnwsh {
 namespace {
@@ -31,10 +32,38 @@ void print_field(const char* name, const std::string& value) {
   }
 }
 
-void run_stat(Shell& shell, const std::string& path) {
-  const tnw_fileinfo info = shell.drive().info(path);
+struct StatArguments {
+  std::string path;
+  bool json = false;
+};
+
+std::string name_in(const tnw_fileinfo& info) {
   const std::string name = field_text(info.fi_name);
-  print_field("name", name.empty() ? "/" : name);
+  return name.empty() ? "/" : name;
+}
+
+void print_info_json(const tnw_fileinfo& info) {
+  nlohmann::ordered_json json = {{"name", name_in(info)},
+                                 {"folder", (info.fi_attr & FILE_ATTRIBUTE_DIRECTORY) != 0},
+                                 {"size", info.fi_size},
+                                 {"attributes", info.fi_attr},
+                                 {"created", utc_text(info.fi_ctime)},
+                                 {"modified", utc_text(info.fi_mtime)},
+                                 {"accessed", utc_text(info.fi_atime)},
+                                 {"id", field_text(info.fi_id)}};
+  if (info.fi_locked != 0) {
+    json["locked_by"] = field_text(info.fi_lockowner.lk_uname);
+  }
+  json["checksum"] = field_text(info.fi_cksum);
+  print_json(json);
+}
+
+void run_stat(Shell& shell, const StatArguments& stat) {
+  const tnw_fileinfo info = shell.drive().info(stat.path);
+  if (stat.json) {
+    return print_info_json(info);
+  }
+  print_field("name", name_in(info));
   print_field("size", (info.fi_attr & FILE_ATTRIBUTE_DIRECTORY) != 0
                           ? ""
                           : grouped_digits(info.fi_size) + " bytes");
@@ -83,10 +112,11 @@ void run_mkdir(Shell& shell, const std::string& path) { shell.drive().make_folde
 }  // namespace
 
 void declare_name_commands(CLI::App* app, Action* action) {
-  auto [stat, stat_path] =
+  auto [stat, looked_at] =
       add_command(app, action, "stat", "Shows all that the cloud tells of a file or folder",
                   run_stat, {PATH_ANSWERS, DRIVE_ANSWERS});
-  stat->add_option("PATH", *stat_path, "A file or folder of the drive")->required();
+  stat->add_option("PATH", looked_at->path, "A file or folder of the drive")->required();
+  stat->add_flag("--json", looked_at->json, JSON_HELP);
 
   auto [mv, names] =
       add_command(app, action, "mv", "Renames or moves a file or folder; replaces nothing", run_mv,

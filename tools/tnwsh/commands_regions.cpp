@@ -2,9 +2,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 
 #include "commands.h"
+#include "json_line.h"
 #include "region_maps.h"
 #include "transfer.h"
 
@@ -38,7 +38,7 @@ void touch(RemoteFile& file, const std::string& path, const std::vector<uint64_t
   }
 }
 
-void print_json(const std::string& path, const RegionMaps& maps) {
+void print_maps_json(const std::string& path, const RegionMaps& maps) {
   nlohmann::ordered_json json = {{"file", path}, {"size", maps.file_size}, {"maps", maps.there}};
   if (maps.there) {
     json["region_size"] = maps.region_size;
@@ -46,8 +46,7 @@ void print_json(const std::string& path, const RegionMaps& maps) {
     json["cached"] = maps.cached;
     json["dirty"] = maps.dirty;
   }
-  constexpr auto REPLACE = nlohmann::ordered_json::error_handler_t::replace;
-  fmt::print("{}\n", json.dump(-1, ' ', false, REPLACE));
+  print_json(json);
 }
 
 void print_map(const char* name, const std::vector<RegionRun>& runs, uint64_t regions,
@@ -102,7 +101,7 @@ void run_regions(Shell& shell, const Arguments& arguments) {
     touch(*file, arguments.path, arguments.rewrite, true);
   }
   const RegionMaps maps(file->handle());
-  (arguments.json ? print_json : print_text)(arguments.path, maps);
+  (arguments.json ? print_maps_json : print_text)(arguments.path, maps);
   if (own != nullptr) {
     own->close();
   }
@@ -116,7 +115,7 @@ void declare_regions(CLI::App* app, Action* action) {
       run_regions, {READ_ANSWERS, PATH_ANSWERS, DRIVE_ANSWERS},
       "These are the maps of an open: of the one that a lock of the prompt holds, or of a new "
       "one.\n"
-      "Dirty regions are those that the service expects to be written; only an open that writes\n"
+      "Dirty regions are those that the service expects to be written; only an open that writes "
       "knows them. One character is one region, or several: # all of them, + some, . none.\n"
       "In JSON a map is a list of [first region, count].");
   const auto range = [command = regions](const char* name, std::vector<uint64_t>& value,
@@ -130,7 +129,7 @@ void declare_regions(CLI::App* app, Action* action) {
   range("--read", arguments->read, "Reads a range first");
   range("--rewrite", arguments->rewrite,
         "Reads a range first and writes the same bytes again, in an open of its own");
-  regions->add_flag("--json", arguments->json, "For programs: one line of JSON");
+  regions->add_flag("--json", arguments->json, JSON_HELP);
 }
 
 }  // namespace tnwsh

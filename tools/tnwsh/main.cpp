@@ -11,7 +11,7 @@ namespace tnwsh {
 namespace {
 
 constexpr char DESCRIPTION[] =
-    "A cloud drive in the terminal. Without a command it prompts for them; \"help\" there lists\n"
+    "A cloud drive in the terminal. Without a command it prompts for them; \"help\" there lists "
     "them. Commands may also come from a file or a pipe, one a line.";
 
 constexpr char FOOTER[] =

@@ -85,7 +85,7 @@ class Prompt {
     try {
       app.parse(words);
     } catch (const CLI::CallForHelp&) {
-      *action = [text = app.help()](Shell&) { fmt::print("{}", text); };
+      *action = [text = wrapped(app.help())](Shell&) { fmt::print("{}", text); };
     } catch (const CLI::ParseError& error) {
       throw UsageError(error.what());
     }
@@ -124,7 +124,7 @@ class Prompt {
       CLI::App fresh;
       declare(&fresh, action);
       const CLI::App* subject = topic->empty() ? &fresh : find_command(fresh, *topic);
-      *action = [text = subject->help()](Shell&) { fmt::print("{}", text); };
+      *action = [text = wrapped(subject->help())](Shell&) { fmt::print("{}", text); };
     });
   }
 
