@@ -1,6 +1,9 @@
 # The commands of daily work; `make help` lists them. Each works as the first one after a clone: it
-# installs what it needs (Debian: through apt), configures, builds and runs. CMake does the work and
-# everything made is below build/, so clones do not disturb each other.
+# configures, builds and runs. CMake does the work and everything made is below build/, so clones do
+# not disturb each other.
+#
+# `make packages` alone installs packages (Debian: through apt), and may ask for a password; `make demo`
+# and `make test` call it. Where a package is missing, the other commands say so and stop.
 SHELL := bash
 .SHELLFLAGS := -euo pipefail -c
 .NOTPARALLEL:
@@ -23,20 +26,23 @@ test_sanitized = $(call configure,$(1)); $(call build,$(1)); \
 # What the demonstration runs; the tests' libraries are not waited for.
 DEMO_TARGETS := tnw tarnd tnwsh ws2_32_wine afunix_probe
 DIST_TARGETS := package_files ws2_32_wine afunix_probe
+# $(call needs,STEP): stops when a package of the build, or of the step, is missing
+needs = tools/install-packages --check $(1)
 OWN_CODE = git ls-files -co --exclude-standard -- '*.cpp' '*.h' '*.c'
 
 .PHONY: help demo test test-slow bench-cloud build host-build host-test format check-format tidy \
-        dist check-dist lines clean packages cross-prefix
+        dist check-dist check lines clean packages needed-packages \
+        cross-prefix
 
 help: ## Lists these commands
 	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1@\2/p' $(firstword $(MAKEFILE_LIST)) | \
-	  while IFS=@ read -r name text; do printf '%-18s %s\n' "$$name" "$$text"; done
+	  while IFS=@ read -r name text; do printf '%-19s %s\n' "$$name" "$$text"; done
 
-demo: cross-prefix build/windows/build.ninja ## Watches a cloud drive on real files (CLOUD=rclone: over WebDAV)
+demo: packages build/windows/build.ninja ## Shows a cloud drive on real files (CLOUD=rclone: over WebDAV)
 	@$(call build,windows,$(DEMO_TARGETS))
 	@tools/demo $(CLOUD)
 
-test: build host-build ## Builds everything and runs the tests, but for the slow ones
+test: packages build host-build ## Builds everything and runs the tests, but for the slow ones
 	@status=0; \
 	for preset in host windows; do \
 	  printf '==> Testing the %s build\n' $$preset; \
@@ -44,61 +50,69 @@ test: build host-build ## Builds everything and runs the tests, but for the slow
 	done; \
 	exit $$status
 
-test-slow: build ## Runs the tests that take minutes
-	@ctest --preset windows-slow
+packages: ## Installs what the build needs (FOR=check: what all need)
+	@tools/install-packages $(FOR)
 
-build: cross-prefix ## Builds the DLL, the service, the shell and the tests for Windows
+build: cross-prefix ## Builds the DLL, the service, the shell and the tests
 	@$(call configure,windows)
 	@$(call build,windows)
 
-host-build: packages
+test-slow: build ## Runs the tests that take minutes
+	@ctest --preset windows-slow
+
+host-build: needed-packages
 	@$(call configure,host)
 	@$(call build,host)
 
-host-test: packages ## Runs the tests of the portable modules with sanitizers, on this machine
+host-test: needed-packages ## Runs the tests of the portable modules with sanitizers
 	@$(call test_sanitized,host-asan)
 	@$(call test_sanitized,host-tsan)
 
+check: ## Runs all that the continuous integration runs: over an hour
+	@$(call needs,check)
+	@.ci/run
+
 format: ## Formats the code
-	@tools/install-packages clang-format-16
+	@$(call needs,format)
 	@$(OWN_CODE) | xargs -d '\n' clang-format-16 -i
 
 check-format: ## Fails when some code is not formatted
-	@tools/install-packages clang-format-16
+	@$(call needs,format)
 	@echo '==> Checking the format'
 	@$(OWN_CODE) | xargs -d '\n' clang-format-16 --dry-run -Werror
 
-tidy: cross-prefix ## Looks for likely faults, and for names that differ from the rest, with clang-tidy
-	@tools/install-packages clang-tidy-16
+tidy: cross-prefix ## Looks for likely faults and odd names, with clang-tidy
+	@$(call needs,tidy)
 	@$(call configure,host)
 	@$(call configure,windows)
 	@tools/tidy
 
-bench-cloud: cross-prefix build/windows/build.ninja ## Compares the drive with rclone's own mount over a slow line
-	@tools/install-packages fuse3
+bench-cloud: cross-prefix build/windows/build.ninja ## Compares the drive with rclone's mount on a slow line
+	@$(call needs,bench)
 	@$(call build,windows,$(DEMO_TARGETS))
 	@tools/bench-cloud
 
 dist: cross-prefix ## Makes the package for users of the library: build/dist/*.zip
-	@tools/install-packages llvm
+	@$(call needs,dist)
 	@$(call configure,windows)
 	@$(call build,windows,$(DIST_TARGETS))
 	@tools/make-dist
 
-check-dist: dist ## Builds the examples against the package, and checks the rest of it
-	@tools/install-packages clang-16 lld unzip
+check-dist: dist ## Builds the examples against the package, and checks it
+	@$(call needs,check-dist)
 	@tools/check-dist
 
-lines: ## Counts the lines of the product and of its tests, which are to be 0.40 of them at most
+lines: ## Counts lines of code (tests: 0.40 of the product at most)
 	@tools/count-lines
 
 clean: ## Removes everything that was built here
 	rm -rf build
 
-packages:
-	@tools/install-packages
+needed-packages:
+	@$(call needs)
 
-cross-prefix: packages
+# The libraries for Windows are downloaded as sources and built once, into the user's cache.
+cross-prefix: needed-packages
 	@tools/build-cross-prefix
 
 build/windows/build.ninja: | cross-prefix
