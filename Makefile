@@ -31,7 +31,7 @@ needs = tools/install-packages --check $(1)
 OWN_CODE = git ls-files -co --exclude-standard -- '*.cpp' '*.h' '*.c'
 
 .PHONY: help demo test test-slow bench-cloud build host-build host-test format check-format tidy \
-        dist check-dist check lines clean packages needed-packages \
+        dist check-dist check reference lines clean packages needed-packages \
         cross-prefix
 
 help: ## Lists these commands
@@ -101,6 +101,10 @@ dist: cross-prefix ## Makes the package for users of the library: build/dist/*.z
 check-dist: dist ## Builds the examples against the package, and checks it
 	@$(call needs,check-dist)
 	@tools/check-dist
+
+reference: ## Makes the reference of all calls: build/reference/html
+	@$(call needs,reference)
+	@tools/make-reference
 
 lines: ## Counts lines of code (tests: 0.40 of the product at most)
 	@tools/count-lines

@@ -1,4 +1,6 @@
-/*
+/**
+ * @file
+ * @ingroup portability
  * Error numbers that travel on the socket, are compared or are returned by this library.
  *
  * They are the numbers of the Windows C runtime. Hosts differ (a Unix host gives ENOTEMPTY as 39
@@ -35,12 +37,12 @@ enum {
   OX_ENOTEMPTY = 41,
   OX_ECONNRESET = 108,
   OX_EOPNOTSUPP = 130,
-  OX_EOWNERDEAD = 133 /* the connection to the cache service is broken */
+  OX_EOWNERDEAD = 133 /**< the connection to the cache service is broken */
 };
 
 OX_BEGIN_DECLS
 
-/*
+/**
  * The error number for a Windows error: 2 for 2 and 3, 17 for 183, 130 for 50; every other code is
  * its own number. Not exported from the DLL.
  */

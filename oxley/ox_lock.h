@@ -1,4 +1,6 @@
-/*
+/**
+ * @file
+ * @ingroup portability
  * Mutexes and condition variables over POSIX threads (winpthreads on Windows), reader/writer locks
  * without kernel objects, with contention profiling, and byte-range locks on file descriptors.
  *
@@ -23,67 +25,69 @@
 
 OX_BEGIN_DECLS
 
-/*
+/**
  * The POSIX objects in the records below. A compiler for Windows that has no POSIX threads sees
  * opaque objects of the same size, which it leaves to the calls of this library.
  */
 #if !defined(_WIN32) || defined(__MINGW32__)
 typedef pthread_mutex_t ox_posix_mutex_t;
-typedef pthread_cond_t ox_posix_cond_t;
-typedef pthread_t ox_posix_thread_t;
+typedef pthread_cond_t ox_posix_cond_t; /**< a condition variable, see ox_posix_mutex_t */
+typedef pthread_t ox_posix_thread_t;    /**< a thread, see ox_posix_mutex_t */
 #else
 typedef ox_u64 ox_posix_mutex_t;
 typedef ox_u64 ox_posix_cond_t;
 typedef ox_u64 ox_posix_thread_t;
 #endif
 
-/* Only the calls below use the fields. */
+/** Only the calls below use the fields. */
 #ifdef _WIN32
 typedef struct ox_native_rwlock {
-  ox_u32 nrw_word; /* who holds the lock, and whether somebody waits */
-  ox_u32 nrw_mark; /* that it was initialised */
+  ox_u32 nrw_word; /**< who holds the lock, and whether somebody waits */
+  ox_u32 nrw_mark; /**< that it was initialised */
 } ox_native_rwlock_t;
 #else
 typedef pthread_rwlock_t ox_native_rwlock_t;
 #endif
 
-/* The acquiring thread writes it, the releasing one reads it. With shared holders it is a hint. */
+/** The acquiring thread writes it, the releasing one reads it. With shared holders it is a hint. */
 typedef struct ox_lock_stat {
-  ox_u64 lst_acq_usecs;         /* how long the last acquisition waited, in microseconds */
-  struct timespec lst_acquired; /* real-time clock when the last acquisition began */
+  ox_u64 lst_acq_usecs;         /**< how long the last acquisition waited, in microseconds */
+  struct timespec lst_acquired; /**< real-time clock when the last acquisition began */
 } ox_lock_stat_t;
 
+/** A mutex. */
 typedef struct ox_lock {
-  ox_posix_mutex_t lck_lock;
-  ox_lock_stat_t lck_stat;
+  ox_posix_mutex_t lck_lock; /**< the lock itself */
+  ox_lock_stat_t lck_stat;   /**< its statistics */
 } ox_lock_t;
 
+/** A reader/writer lock. */
 typedef struct ox_rwlock {
-  ox_native_rwlock_t lck_lock;
-  ox_lock_stat_t lck_stat;
+  ox_native_rwlock_t lck_lock; /**< the lock itself */
+  ox_lock_stat_t lck_stat;     /**< its statistics */
 } ox_rwlock_t;
 #ifdef _WIN32
 OX_STATIC_ASSERT(sizeof(ox_lock_t) == 32 && sizeof(ox_rwlock_t) == 32,
                  "the same for all compilers");
 #endif
 
-int ox_init_lock(ox_lock_t* l);
-int ox_deinit_lock(ox_lock_t* l);
-int ox_lock(ox_lock_t* l);
-int ox_trylock(ox_lock_t* l); /* success always records lst_acquired; failure leaves it */
-int ox_unlock(ox_lock_t* l);
+int ox_init_lock(ox_lock_t* l);   /**< makes a mutex that nobody holds */
+int ox_deinit_lock(ox_lock_t* l); /**< ends a mutex that nobody holds */
+int ox_lock(ox_lock_t* l);        /**< waits until it has the mutex */
+int ox_trylock(ox_lock_t* l);     /**< success always records lst_acquired; failure leaves it */
+int ox_unlock(ox_lock_t* l);      /**< gives the mutex back */
 
-int ox_init_cv(ox_posix_cond_t* cv);
-int ox_deinit_cv(ox_posix_cond_t* cv);
+int ox_init_cv(ox_posix_cond_t* cv);   /**< makes a condition variable */
+int ox_deinit_cv(ox_posix_cond_t* cv); /**< ends a condition variable on which nobody waits */
 
-int ox_init_rwlock(ox_rwlock_t* l);
-int ox_deinit_rwlock(ox_rwlock_t* l);
-int ox_rwlock_excl(ox_rwlock_t* l);
-int ox_rwlock_shared(ox_rwlock_t* l);
-int ox_rwlock_tryexcl(ox_rwlock_t* l); /* keeps no statistics */
-int ox_rwunlock(ox_rwlock_t* l);       /* either mode */
+int ox_init_rwlock(ox_rwlock_t* l);    /**< makes a lock that nobody holds */
+int ox_deinit_rwlock(ox_rwlock_t* l);  /**< ends a lock that nobody holds */
+int ox_rwlock_excl(ox_rwlock_t* l);    /**< waits until it holds the lock alone */
+int ox_rwlock_shared(ox_rwlock_t* l);  /**< waits until it holds the lock with other readers */
+int ox_rwlock_tryexcl(ox_rwlock_t* l); /**< never waits; keeps no statistics */
+int ox_rwunlock(ox_rwlock_t* l);       /**< either mode */
 
-/*
+/**
  * Byte-range locks by LockFileEx and UnlockFileEx, on a descriptor of this library's own runtime:
  * one from ox_open or ox_creat (ox_platform.h). `flags` are Windows lock flags: 0x2 exclusive, 0x1
  * fail at once. `overlapped` is the caller's OVERLAPPED; its offset is the range's start. True on
@@ -92,9 +96,12 @@ int ox_rwunlock(ox_rwlock_t* l);       /* either mode */
  * mandatory and belong to the handle.
  */
 bool ox_lock_file(int fd, ox_u32 flags, ox_u32 bytes_low, ox_u32 bytes_high, void* overlapped);
+/** Gives back a range that ox_lock_file has locked. */
 bool ox_unlock_file(int fd, ox_u32 bytes_low, ox_u32 bytes_high, void* overlapped);
+/** Locks a whole file, see ox_lock_file. */
 int ox_flock(int fd, ox_u32 flags);
 
+/** @cond NOT_EXPORTED */
 /* ------------------------------------------------------------------- not exported */
 
 /*
@@ -118,6 +125,8 @@ bool ox_lock_is_held(const void* lock);
 #define OX_ASSERT_HELD(lock) OX_ASSERT(ox_lock_is_held(lock))
 #define OX_ASSERT_EITHER_HELD(a, b) OX_ASSERT(ox_lock_is_held(a) || ox_lock_is_held(b))
 #endif
+
+/** @endcond */
 
 OX_END_DECLS
 

@@ -1,4 +1,6 @@
-/*
+/**
+ * @file
+ * @ingroup portability
  * Fixed-width types, linkage and export marks shared by every oxley header.
  *
  * Usable from C and C++. OX_DATA marks the few exported variables: a program that links the DLL's
@@ -12,17 +14,18 @@
 #include <stddef.h>
 #include <stdint.h>
 
-typedef uint8_t ox_u8;
-typedef uint16_t ox_u16;
-typedef uint32_t ox_u32;
-typedef uint64_t ox_u64;
-typedef int32_t ox_s32;
-typedef int64_t ox_s64;
-typedef int64_t ox_off; /* a byte offset in a file */
+typedef uint8_t ox_u8;   /**< 8 bits, unsigned */
+typedef uint16_t ox_u16; /**< 16 bits, unsigned */
+typedef uint32_t ox_u32; /**< 32 bits, unsigned */
+typedef uint64_t ox_u64; /**< 64 bits, unsigned */
+typedef int32_t ox_s32;  /**< 32 bits, signed */
+typedef int64_t ox_s64;  /**< 64 bits, signed */
+typedef int64_t ox_off;  /**< a byte offset in a file */
 
-/* A Windows HANDLE without <windows.h>; the invalid value has all bits set. */
+/** A Windows HANDLE without <windows.h>; the invalid value has all bits set. */
 typedef void* ox_handle;
 
+/** @cond MACROS */
 #ifdef __cplusplus
 #define OX_BEGIN_DECLS extern "C" {
 #define OX_END_DECLS }
@@ -39,7 +42,7 @@ typedef void* ox_handle;
 #define OX_DATA extern
 #endif
 
-/* printf-style checking; fmt and first are 1-based argument positions. C99 formats (%zu, %llu). */
+/** printf-style checking; fmt and first are 1-based argument positions. C99 formats (%zu, %llu). */
 #if defined(__MINGW32__) && !defined(__clang__)
 #define OX_PRINTF_LIKE(fmt, first) __attribute__((format(gnu_printf, fmt, first)))
 #elif defined(__GNUC__)
@@ -47,5 +50,6 @@ typedef void* ox_handle;
 #else
 #define OX_PRINTF_LIKE(fmt, first)
 #endif
+/** @endcond */
 
 #endif

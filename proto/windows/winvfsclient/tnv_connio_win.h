@@ -1,4 +1,6 @@
-/*
+/**
+ * @file
+ * @ingroup protocol
  * Socket transport: whole requests and responses over a local (AF_UNIX) stream socket.
  *
  * The transfer calls move exactly n bytes, polling once a second, without a time-out of their own:
@@ -13,13 +15,13 @@
 
 OX_BEGIN_DECLS
 
-/* Starts Windows Sockets 2.2: 0, or the error of WSAStartup. Each success needs a WSACleanup. */
+/** Starts Windows Sockets 2.2: 0, or the error of WSAStartup. Each success needs a WSACleanup. */
 int tnv_sock_init(void);
 
-/* Puts a socket into non-blocking mode: 0 or a Windows Sockets error. */
+/** Puts a socket into non-blocking mode: 0 or a Windows Sockets error. */
 int tnv_setsockopt(int fd);
 
-/*
+/**
  * Send or receive exactly `nbytes`: 0, or an error. `vh` may be null. When its vfs_is_exiting gives
  * true, a send that waits ends with 10054 (WSAECONNRESET), but a receive with 108 (the runtime's
  * ECONNRESET): a service that compares codes must know both. A peer that hangs up gives 10054 and a
@@ -27,24 +29,26 @@ int tnv_setsockopt(int fd);
  * `fdcp` and `clientfd` are not used on Windows.
  */
 int tnv_sendbytes(vfs_handle* vh, int sockfd, tnv_fdcntl* fdcp, ox_u8* data, int nbytes);
+/** Receives, see tnv_sendbytes. */
 int tnv_recvbytes(vfs_handle* vh, int sockfd, int* clientfd, ox_u8* data, int nbytes);
 
-/*
+/**
  * Service side: traces and sends the response to the request `msgp` (48 + rhdr_len bytes). `vh`
  * must not be null. A response that is longer than its record is not sent: 10040.
  */
 int tnv_send_response(vfs_handle* vh, int fd, tnv_msg* msgp, tnv_resp* resp);
 
-/*
+/**
  * Service side: signals that the service listens on `vfs_sock_path`, through the event of that name
  * (lower case, slashes). 0 or a Windows error. The handle of the event stays open as long as the
  * process, so that a client that opens the event later still finds it.
  */
 int tnv_signal_start(char* vfs_sock_path);
 
-/* Dumps a buffer to the log, when ox_debug is 2 or more. */
+/** Dumps a buffer to the log, when ox_debug is 2 or more. */
 void tnv_debug_dump_msg(char* buf, int len);
 
+/** @cond NOT_EXPORTED */
 /* ------------------------------------------------------------------- not exported */
 
 /*
@@ -79,6 +83,8 @@ int tnv_conn_recv(vfs_handle* vh, void* data, size_t nbytes);
 int tnv_conn_recv_next(vfs_handle* vh, void* data, size_t nbytes);
 /* Breaks the connection: closes its socket, if it has one that is open. */
 void tnv_conn_break(vfs_handle* vh);
+
+/** @endcond */
 
 OX_END_DECLS
 

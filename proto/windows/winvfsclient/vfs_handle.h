@@ -1,4 +1,6 @@
-/*
+/**
+ * @file
+ * @ingroup protocol
  * One connection to the cache service.
  *
  * A connection carries one request at a time. In a service instance each lives in the private block
@@ -19,30 +21,32 @@
 OX_BEGIN_DECLS
 
 struct vfs_handle;
-/* Whether the connection's owner shuts down. It is asked once a second while a transfer waits. */
+/** Whether the connection's owner shuts down. It is asked once a second while a transfer waits. */
 typedef bool (*vfs_is_exiting_t)(struct vfs_handle* vh);
 
+/** One connection. */
 typedef struct vfs_handle {
-  ox_s64 vfs_fd; /* the socket; -1 before the connect; keeps its number when the connection broke */
-  cfs_id_t vfs_share_fid;
-  ox_u64 vfs_peer_tid;
-  ox_u64 vfs_utxid;   /* transaction id of the last response; 0 while a request is under way */
-  ox_s32 vfs_pid;     /* not set by the client */
-  bool vfs_broken;    /* the socket is closed, and no request gets through any more */
-  bool vfs_had_utxid; /* the last response had a transaction id; kept during the next request */
-  ox_u8 vfs_pad[2];
-  char* vfs_share_path;        /* owned */
-  const char* vfs_target_path; /* not set by the client; not owned */
-  char vfs_rhost[128];         /* this computer */
-  char vfs_cache_dir[128];
-  char vfs_user[128];
-  char vfs_domain[51];
-  char vfs_da_devid[37];
-  void* vfs_peer_handle;   /* the service's, opaque */
-  char vfs_sock_path[108]; /* in slot 0 only */
-  void* vfs_private; /* the client's: a tnw_watch (tnv_connio_win.h) that is not owned, or null */
-  struct timespec vfs_curmsg_ts;   /* real time when the current request began */
-  vfs_is_exiting_t vfs_is_exiting; /* null on the client's connections */
+  ox_s64
+      vfs_fd; /**< the socket; -1 before the connect; keeps its number when the connection broke */
+  cfs_id_t vfs_share_fid; /**< the share's id */
+  ox_u64 vfs_peer_tid;    /**< the service's thread */
+  ox_u64 vfs_utxid;     /**< transaction id of the last response; 0 while a request is under way */
+  ox_s32 vfs_pid;       /**< not set by the client */
+  bool vfs_broken;      /**< the socket is closed, and no request gets through any more */
+  bool vfs_had_utxid;   /**< the last response had a transaction id; kept during the next request */
+  ox_u8 vfs_pad[2];     /**< zero */
+  char* vfs_share_path; /**< owned */
+  const char* vfs_target_path; /**< not set by the client; not owned */
+  char vfs_rhost[128];         /**< this computer */
+  char vfs_cache_dir[128];     /**< the cache directory */
+  char vfs_user[128];          /**< the user */
+  char vfs_domain[51];         /**< the domain */
+  char vfs_da_devid[37];       /**< the drive application's device */
+  void* vfs_peer_handle;       /**< the service's, opaque */
+  char vfs_sock_path[108];     /**< in slot 0 only */
+  void* vfs_private; /**< the client's: a tnw_watch (tnv_connio_win.h) that is not owned, or null */
+  struct timespec vfs_curmsg_ts;   /**< real time when the current request began */
+  vfs_is_exiting_t vfs_is_exiting; /**< null on the client's connections */
 } vfs_handle;
 OX_STATIC_ASSERT(sizeof(vfs_handle) == 688, "the size of a worker's private block");
 

@@ -1,4 +1,6 @@
-/*
+/**
+ * @file
+ * @ingroup internals
  * The region maps of an open file. One map says which regions are in the local cache file, the
  * other which regions the service knows to be dirty. Three requests keep them up to date.
  *
@@ -33,10 +35,12 @@
 
 OX_BEGIN_DECLS
 
+/** Whether every region of the range is in the local cache file. */
 bool vfstnw_is_cached(tnvfd* fde, ox_off off, ox_u64 sz);
+/** Whether the service knows every region of the range to be dirty. */
 bool vfstnw_is_dirty(tnvfd* fde, ox_off off, ox_u64 sz);
 
-/*
+/**
  * Asks the service to fetch a range that is not cached. Gives 0, 133, or the service's answer. The
  * answer 25 says that the service will not cache the range, and counts as success: the caller reads
  * without a cache. With `truncate` the request is sent in any case, and sets no bit.
@@ -48,26 +52,27 @@ bool vfstnw_is_dirty(tnvfd* fde, ox_off off, ox_u64 sz);
  */
 int vfstnw_cache_regions(vfs_handle* vh, tnvfd* fde, ox_off off, ox_u64 sz, bool truncate,
                          ox_u64* cur_fszp, bool* msg_sentp);
-/*
+/**
  * Tells the service that a range that is not dirty will be written. Gives 0, 133, or the service's
  * answer.
  */
 int vfstnw_dirty_regions(vfs_handle* vh, tnvfd* fde, ox_off off, ox_u64 sz);
-/*
+/**
  * Tells the service the new size of the file, and drops the maps when that is 0. Gives 0, 133, or
  * the service's answer.
  */
 int vfstnw_ftruncate(vfs_handle* vh, tnvfd* fde, ox_u64 nfsz);
-/*
+/**
  * Drops both maps and clears the flags TNV_FL_MAPPED and TNV_FL_NEWER. Other threads may test and
  * change the maps at the same time. The caller holds none of the map locks, for the call takes
  * both.
  */
 void vfstnw_remove_bmaps(tnvfd* fde);
 
-/* Copies 16 bytes. Does nothing when one of the pointers is null. */
+/** Copies 16 bytes. Does nothing when one of the pointers is null. */
 void tn_cfs_id_copy(cfs_id_t* dst, const cfs_id_t* src);
 
+/** @cond NOT_EXPORTED */
 /* ------------------------------------------------------------------- not exported */
 
 /*
@@ -85,6 +90,8 @@ void tn_cfs_id_copy(cfs_id_t* dst, const cfs_id_t* src);
 void vfstnw_mark_regions(tnvfd* fde, ox_off off, ox_u64 sz, bool clear);
 /* The bytes of a region, or 1 when the maps were dropped. */
 ox_u64 vfstnw_region_size(tnvfd* fde);
+
+/** @endcond */
 
 OX_END_DECLS
 
