@@ -32,7 +32,7 @@ function details(item) {
   if (item.failed) {
     figures.append(element("span", `error ${item.error}`, "failed"), ", ");
   }
-  figures.append(`${timesText(item)}, ${connectionText(item)}`);
+  figures.append(timesText(item) + (item.operation.isCall ? "" : `, ${connectionText(item)}`));
   const made = [what, figures];
   const stages = stagesOf(item);
   if (item.operation.isCall && stages.length > 0) {

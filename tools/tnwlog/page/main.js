@@ -1,11 +1,20 @@
 /* The page is put together, and listens. */
+function durationText(micros) {
+  const seconds = micros / 1e6;
+  return seconds < 120 ? `${seconds.toLocaleString("en", { maximumFractionDigits: 1 })} s`
+      : seconds < 7200 ? `${Math.round(seconds / 60)} minutes`
+      : `${GROUPED.format(Math.round(seconds / 3600))} hours`;
+}
+
 function fillSummary() {
   const failed = answered.filter((r) => r.failed).length;
   const calls = answered.filter((r) => r.operation.isCall).length;
-  const seconds = ((whole.to - whole.from) / 1.02e6).toLocaleString("en", { maximumFractionDigits: 1 });
-  const parts = [`${counted(answered.length - calls, "request")} and ${counted(calls, "call")} as a whole`];
+  const parts = [counted(answered.length - calls, "request")];
+  if (calls > 0) {
+    parts[0] += ` and ${counted(calls, "call")} as a whole`;
+  }
   if (answered.length > 0) {
-    parts[0] += ` in ${seconds} s from ${day()} ${clock(0, 0)}`;
+    parts[0] += ` in ${durationText(lastEnd)} from ${day()} ${clock(0, 0)}`;
   }
   parts.push(failed === 0 ? "no errors" : counted(failed, "error"));
   if (unanswered.length > 0) {
@@ -28,7 +37,7 @@ function fillNotes() {
     notes.push(`${GROUPED.format(data.report.unreadable_lines)} of the log's ` +
         `${counted(data.report.lines, "line")} could not be read.`);
   }
-  if (answered.some((r) => r.connection === NOT_TOLD)) {
+  if (answered.some((r) => r.connection === NOT_TOLD && !r.operation.isCall)) {
     notes.push("Of some requests the log does not tell the connection: only events do, which are there " +
         "when the service gives transaction ids.");
   }

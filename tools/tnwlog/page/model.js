@@ -7,7 +7,7 @@ const requests = data.requests;
 const lineTexts = new Map(data.lines);
 const NOT_ANSWERED = -2;
 const NOT_TOLD = -1;
-const CLOCK_STEP = 1000; /* the log tells times in milliseconds, so neighbours may seem to overlap */
+const CLOCK_STEP = 2000; /* the log tells times in milliseconds, so neighbours may seem to overlap */
 
 /* How an operation is drawn: by a colour for its family, and within it by a fill. */
 const FAMILIES = {
@@ -86,8 +86,9 @@ function requestsOfCall(call) {
 
 /* ------------------------------------------------------------------ lanes */
 
+const CALLS = -3;
 const MOST_LANES = 40;
-const MOST_ROWS = 4;
+const MOST_ROWS = 8;
 
 /* Puts items that overlap into rows of their own, as far as there are rows. */
 function rowsOf(items) {
@@ -108,20 +109,19 @@ function rowsOf(items) {
 
 function laneOf(name, detail, items) {
   items.sort((a, b) => a.start - b.start || a.i - b.i);
-  return {
-    name, detail,
-    rows: rowsOf(items.filter((r) => !r.operation.isCall))
-        .concat(rowsOf(items.filter((r) => r.operation.isCall))),
-  };
+  return { name, detail, rows: rowsOf(items) };
 }
 
-/* A lane for each connection; of very many connections those with few requests share one. */
+/*
+ * A lane for each connection; of very many connections those with few requests share one. Calls have
+ * a lane of their own: their requests go over whichever connection is free.
+ */
 function makeLanes() {
   const items = new Map();
   for (const r of all) {
-    const list = items.get(r.connection) ?? [];
-    list.push(r);
-    items.set(r.connection, list);
+    const lane = r.operation.isCall ? CALLS : r.connection;
+    items.set(lane, items.get(lane) ?? []);
+    items.get(lane).push(r);
   }
   const busiest = [...items.keys()].filter((c) => c >= 0)
       .sort((a, b) => items.get(b).length - items.get(a).length);
@@ -131,6 +131,9 @@ function makeLanes() {
   if (others.length > 0) {
     lanes.push(laneOf(`${others.length} others`, "with few requests",
         others.flatMap((c) => items.get(c))));
+  }
+  if (items.has(CALLS)) {
+    lanes.unshift(laneOf("calls", "as a whole", items.get(CALLS)));
   }
   if (items.has(NOT_TOLD)) {
     lanes.push(laneOf("connection", "not told", items.get(NOT_TOLD)));

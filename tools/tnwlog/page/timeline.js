@@ -70,12 +70,13 @@ function drawRow(row) {
     }
     if (right - left >= 1 || Math.floor(left) !== last) {
       last = Math.floor(left);
-      drawBar(context, item.operation, left, row.y, right - left, ROW);
+      const gap = right - left >= 4 ? 1 : 0; /* tells it from its neighbour */
+      drawBar(context, item.operation, left, row.y, right - left - gap, ROW);
     }
   }
   let lastMark = -9;
   for (const x of failed.sort((a, b) => a - b)) {
-    if (x - lastMark >= 2) {
+    if (x - lastMark >= 4) {
       drawErrorMark(context, x, row.y);
       lastMark = x;
     }
