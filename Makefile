@@ -31,7 +31,7 @@ needs = tools/install-packages --check $(1)
 OWN_CODE = git ls-files -co --exclude-standard -- '*.cpp' '*.h' '*.c'
 
 .PHONY: help demo test test-slow bench-cloud build host-build host-test format check-format tidy \
-        dist check-dist check check-docs reference lines clean packages needed-packages \
+        dist check-dist check check-docs check-page reference lines clean packages needed-packages \
         cross-prefix
 
 help: ## Lists these commands
@@ -105,6 +105,12 @@ check-dist: dist ## Builds the examples against the package, and checks it
 reference: ## Makes the reference of all calls: build/reference/html
 	@$(call needs,reference)
 	@tools/make-reference
+
+check-page: needed-packages ## Opens a page of tnwlog in a browser without a screen
+	@$(call needs,check-page)
+	@$(call configure,host)
+	@$(call build,host,tnwlog)
+	@tools/check-page
 
 check-docs: ## Checks the documents: links, and the protocol's tables
 	@tools/check-docs

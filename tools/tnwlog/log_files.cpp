@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "new_file.h"
 #include "tools/common/console.h"
 
 #ifdef _WIN32
@@ -23,10 +24,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr size_t BLOCK = 1 << 18;
-
-fs::path path_of(const std::string& name) {
-  return fs::path(std::u8string(name.begin(), name.end()));
-}
 
 std::string name_of(const fs::path& path) {
   const std::u8string name = path.u8string();

@@ -17,9 +17,9 @@ constexpr size_t LONGEST_LINE = OX_LOG_LINE_SIZE - 1;
 constexpr ox_u32 LONGEST_REQUEST = 1 << 16;
 
 #define COMMON R"({"asctime":"<t:time>", "level":"<w>", "filename":"<w>", "line":<d>, )"
-#define CONNECTION                                                           \
-  R"("vfs_server_handle":"<h>", "vfs_socket_fd":<d>, "remote_host":"<N>", )" \
-  R"("vfs_user":"<N>", "vfs_share_path":"<p>", "vfs_peer_handle":"<h>", )"   \
+#define CONNECTION                                                                         \
+  R"("vfs_server_handle":"<h:handle>", "vfs_socket_fd":<d:socket>, "remote_host":"<N>", )" \
+  R"("vfs_user":"<N>", "vfs_share_path":"<p>", "vfs_peer_handle":"<h>", )"                 \
   R"("vfs_peer_thread":"0x<d>", "vfs_da_device_id":"<N>", )"
 
 const TextPattern& event_pattern() {

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "log_files.h"
+#include "page.h"
 #include "redactor.h"
 #include "report.h"
 #include "request_lines.h"
@@ -34,6 +35,7 @@ struct Options {
   std::vector<std::string> logs;
   size_t slowest = 0; /* 0: shows the table */
   std::string request;
+  std::string page;
   std::string redacted;
   bool follow = false;
   bool json = false;
@@ -73,9 +75,15 @@ void declare_options(CLI::App* app, Options* options) {
                                  "Writes a copy that can be shared: no tokens and passwords, and "
                                  "for each name a pseudonym")
                      ->option_text("FILE");
+  auto* page = app->add_option("--html", options->page,
+                               "Writes a page for a browser: the requests over time, latency by "
+                               "operation, the slowest. Of a redacted log it holds no names")
+                   ->option_text("FILE");
   for (CLI::Option* other : {slowest, request, follow, json}) {
     redact->excludes(other);
+    page->excludes(other);
   }
+  page->excludes(redact);
 }
 
 void pause_until_more() {
@@ -149,6 +157,10 @@ ExitStatus redact(const std::vector<std::string>& files, const Options& options)
 
 ExitStatus run(const Options& options) {
   const std::vector<std::string> files = find_log_files(options.logs);
+  if (!options.page.empty()) {
+    write_page(files, options.page);
+    return EXIT_OK;
+  }
   if (!options.request.empty()) {
     return show_request(files, options);
   }

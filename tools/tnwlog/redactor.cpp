@@ -5,11 +5,11 @@
 #include <algorithm>
 #include <array>
 #include <filesystem>
-#include <fstream>
 #include <unordered_set>
 
 #include "log_files.h"
 #include "log_texts.h"
+#include "new_file.h"
 
 namespace tnwlog {
 namespace {
@@ -201,27 +201,16 @@ std::string Redactor::redacted(const Value& value) {
 
 void write_redacted(const std::vector<std::string>& files, const std::string& copy,
                     Redactor* redactor) {
-  const std::filesystem::path path(std::u8string(copy.begin(), copy.end()));
-  if (std::filesystem::exists(path)) {
+  if (std::filesystem::exists(path_of(copy))) {
     throw std::runtime_error(copy + ": is there already");
   }
-  std::ofstream stream(path, std::ios::binary);
-  try {
-    read_lines(files, [&](std::string_view line) {
-      if (const auto redacted = redactor->redact(line)) {
-        stream << *redacted << '\n';
-      }
-    });
-    stream.close();
-    if (!stream) {
-      throw std::runtime_error(copy + ": cannot be written");
+  NewFile file(copy);
+  read_lines(files, [&](std::string_view line) {
+    if (const auto redacted = redactor->redact(line)) {
+      file.stream() << *redacted << '\n';
     }
-  } catch (...) { /* nobody must take a part of a copy for a whole one */
-    stream.close();
-    std::error_code ignored;
-    std::filesystem::remove(path, ignored);
-    throw;
-  }
+  });
+  file.commit();
 }
 
 }  // namespace tnwlog

@@ -1,16 +1,7 @@
-#include <nlohmann/json.hpp>
-
-#include "report.h"
+#include "report_json.h"
 
 namespace tnwlog {
 namespace {
-
-using Json = nlohmann::ordered_json;
-
-/* What is not UTF-8 in a log is shown by the replacement character. */
-std::string dump(const Json& json, int indent) {
-  return json.dump(indent, ' ', false, Json::error_handler_t::replace) + '\n';
-}
 
 Json milliseconds(int64_t micros) {
   return micros < 0 ? Json() : Json(static_cast<double>(micros) / 1000);
@@ -46,7 +37,11 @@ Json with_lines(const Trace& trace, const char* name, Json values) {
 
 }  // namespace
 
-std::string table_json(const Report& report, const Trace& trace) {
+std::string dump(const Json& json, int indent) {
+  return json.dump(indent, ' ', false, Json::error_handler_t::replace) + '\n';
+}
+
+Json json_of(const Report& report, const Trace& trace) {
   Json rows = Json::array();
   for (const auto& [operation, summary] : report.table(trace)) {
     rows.push_back(json_of(operation, summary));
@@ -60,7 +55,11 @@ std::string table_json(const Report& report, const Trace& trace) {
   }
   Json table = with_lines(trace, "operations", std::move(rows));
   table["no_answer"] = std::move(unanswered);
-  return dump(table, 2);
+  return table;
+}
+
+std::string table_json(const Report& report, const Trace& trace) {
+  return dump(json_of(report, trace), 2);
 }
 
 std::string slowest_json(const Report& report, const Trace& trace) {

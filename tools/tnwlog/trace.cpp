@@ -8,6 +8,7 @@ namespace {
 /* The dump of a request may be missing. Its line must not be kept for ever. */
 constexpr size_t MOST_TEXTS = 256;
 constexpr std::string_view UNKNOWN_PATH = "[unknown]";
+constexpr std::string_view NO_SOCKET = "18446744073709551615";
 constexpr std::string_view NO_FILE = "00000000-0000-0000-0000-000000000000";
 
 uint32_t error_of(const Match& match) {
@@ -68,7 +69,10 @@ void Trace::add_header(const LogLine& line) {
                      .utxid = 0,
                      .id = request_id_of(match_["id"]),
                      .path = {},
-                     .line = 0};
+                     .connection = NO_CONNECTION,
+                     .line = 0,
+                     .header_line = lines_,
+                     .event_line = 0};
   if (auto sent = sent_.extract(request.id)) {
     request.micros = std::max<int64_t>(request.time - sent.mapped().time, 0) * 1000;
     request.path = std::move(sent.mapped().path);
@@ -87,13 +91,17 @@ void Trace::add_event(const LogLine& line) {
                      .utxid = number_of(line.prefix, "utxid").value_or(0),
                      .id = id.empty() ? RequestId() : request_id_of(id),
                      .path = path_of_event(line),
-                     .line = 0};
+                     .connection = connection_of_event(line),
+                     .line = 0,
+                     .header_line = 0,
+                     .event_line = lines_};
   if (const auto sent = sent_.extract(request.id)) {
     request.line = sent.mapped().line;
   }
   if (const auto header = from_headers_.extract(request.id)) {
     Request& known = answered_[header.mapped() - taken_];
     request.line = known.line;
+    request.header_line = known.header_line;
     known = std::move(request);
   } else {
     answered_.push_back(std::move(request));
@@ -113,6 +121,18 @@ std::string Trace::path_of_event(const LogLine& line) {
     paths_of_files_[file] = path;
   }
   return std::string(path);
+}
+
+size_t Trace::connection_of_event(const LogLine& line) {
+  Connection connection = {std::string(line.prefix["handle"]), std::string(line.prefix["socket"])};
+  if (connection.socket == NO_SOCKET) {
+    return NO_CONNECTION;
+  }
+  const auto [place, is_new] = connection_numbers_.try_emplace(connection, connections_.size());
+  if (is_new) {
+    connections_.push_back(std::move(connection));
+  }
+  return place->second;
 }
 
 std::vector<Request> Trace::take_all() { return take(answered_.size()); }

@@ -2,8 +2,10 @@
 #ifndef TNWLOG_TRACE_H
 #define TNWLOG_TRACE_H
 
+#include <compare>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -14,16 +16,30 @@
 
 namespace tnwlog {
 
+/* A connection to the service, as the log names it. */
+struct Connection {
+  std::string handle; /* the client's record of it: an address, with digits only */
+  std::string socket; /* a number, which a later connection may have again */
+
+  auto operator<=>(const Connection&) const = default;
+};
+
+inline constexpr size_t NO_CONNECTION = ~size_t{0};
+
 /* A request that was answered, or a call that the client answered itself. */
 struct Request {
   OperationCode operation;
-  uint32_t error;   /* as in the log: an errno of the service's */
-  int64_t time;     /* when it was answered (time_of) */
-  int64_t micros;   /* the response time; -1 when the log does not tell */
-  uint64_t utxid;   /* 0: none */
-  RequestId id;     /* only zeros when the client answered by itself */
-  std::string path; /* empty when the log does not tell it */
-  uint64_t line;    /* the number of the line that tells that it is sent, from 1; 0: none */
+  uint32_t error;    /* as in the log: an errno of the service's */
+  int64_t time;      /* when it was answered (time_of) */
+  int64_t micros;    /* the response time; -1 when the log does not tell */
+  uint64_t utxid;    /* 0: none */
+  RequestId id;      /* only zeros when the client answered by itself */
+  std::string path;  /* empty when the log does not tell it */
+  size_t connection; /* in Trace::connections(); NO_CONNECTION when the log does not tell it */
+  /* The numbers of its lines, from 1; 0: none. */
+  uint64_t line;        /* that it is sent */
+  uint64_t header_line; /* that an answer has come */
+  uint64_t event_line;  /* the event */
 
   bool has_id() const { return id[0] != '\0'; }
   /* An OPEN that found an existing file says so by this number. */
@@ -59,6 +75,9 @@ class Trace {
   /* The unanswered requests, by their id. Empty unless the log has answers at all. */
   std::vector<std::pair<RequestId, Unanswered>> unanswered_requests() const;
 
+  /* In the order in which events named them first. */
+  const std::vector<Connection>& connections() const { return connections_; }
+
   uint64_t lines() const { return lines_; }
   uint64_t unreadable_lines() const { return unreadable_lines_; }
 
@@ -74,6 +93,7 @@ class Trace {
   void add_header(const LogLine& line);
   void add_event(const LogLine& line);
   std::string path_of_event(const LogLine& line);
+  size_t connection_of_event(const LogLine& line);
   std::vector<Request> take(size_t count);
 
   uint64_t lines_ = 0;
@@ -89,6 +109,8 @@ class Trace {
   /* Those whose event has not come, by their number from the first one ever. */
   std::unordered_map<RequestId, uint64_t, IdHash> from_headers_;
   std::unordered_map<std::string, std::string> paths_of_files_; /* paths by the id of the file */
+  std::vector<Connection> connections_;
+  std::map<Connection, size_t> connection_numbers_; /* in connections_ */
 };
 
 }  // namespace tnwlog
