@@ -1,7 +1,7 @@
 # Installs the terms of everything that is linked into the package (THIRD_PARTY.md says what is
 # where), as the packages from which it comes state them, and a list of the versions.
 set(LINKED_PACKAGES
-  gcc-mingw-w64-x86-64-posix libcli11-dev libfmt-dev libglib2.0-dev libicu-dev libpcre2-dev
+  gcc-mingw-w64-x86-64-posix libboost1.74-dev libcli11-dev libfmt-dev libglib2.0-dev libicu-dev libpcre2-dev
   libpugixml-dev libspdlog-dev libsqlite3-dev mingw-w64-x86-64-dev nlohmann-json3-dev)
 
 function(list_versions cross_prefix file)
