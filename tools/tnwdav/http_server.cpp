@@ -1,5 +1,6 @@
 #include "http_server.h"
 
+#include <algorithm>
 #include <chrono>
 
 #include "tools/common/failure.h"
@@ -13,6 +14,7 @@ using boost::system::error_code;
 
 constexpr size_t MAX_CONNECTIONS = 64;
 constexpr std::chrono::milliseconds TICK{200};
+constexpr int MOST_WAITS = 25; /* of one tick, for the last answers */
 /* Windows keeps a connection without requests open as long as the server does. */
 constexpr DWORD IDLE_LIMIT_MS = 300'000;
 
@@ -49,15 +51,29 @@ HttpServer::HttpServer(uint16_t port, Handler handler)
     : handler_(std::move(handler)), acceptor_(listen_on(io_, port)) {}
 
 HttpServer::~HttpServer() {
-  {
-    const std::lock_guard lock(lock_);
-    for (Connection& connection : connections_) {
-      shutdown(connection.client.socket.native_handle(), SD_RECEIVE);
-    }
+  shut_down(SD_RECEIVE); /* no other request */
+  for (int waits = 0; waits < MOST_WAITS && !all_ended(); waits++) {
+    std::this_thread::sleep_for(TICK);
   }
+  shut_down(SD_BOTH);
   for (Connection& connection : connections_) {
     connection.thread.join();
   }
+}
+
+void HttpServer::shut_down(int how) {
+  const std::lock_guard lock(lock_);
+  for (Connection& connection : connections_) {
+    if (!connection.ended) {
+      shutdown(connection.client.socket.native_handle(), how);
+    }
+  }
+}
+
+bool HttpServer::all_ended() {
+  const std::lock_guard lock(lock_);
+  return std::all_of(connections_.begin(), connections_.end(),
+                     [](const Connection& connection) { return connection.ended; });
 }
 
 uint16_t HttpServer::port() const { return acceptor_.local_endpoint().port(); }
@@ -83,6 +99,8 @@ void HttpServer::accept_next() {
   acceptor_.async_accept([this](const error_code& err, Socket socket) {
     if (!err) {
       start(std::move(socket));
+    } else {
+      std::this_thread::sleep_for(TICK); /* the system has no sockets left: it may have some soon */
     }
     accept_next();
   });

@@ -26,7 +26,10 @@ class HttpServer {
 
   /* Port 0: any free one. Throws a tools::Failure when the port is not to be had. */
   HttpServer(uint16_t port, Handler handler);
-  /* Ends the connections. A request that is being handled is finished first. */
+  /*
+   * Ends the connections. Requests that are being handled are finished; clients that take longer
+   * than some seconds to receive their answers are cut off.
+   */
   ~HttpServer();
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
@@ -50,6 +53,8 @@ class HttpServer {
   void serve(Connection& connection);
   void handle_requests(ClientConnection& client);
   void forget_ended();
+  bool all_ended();
+  void shut_down(int how);
   void tick_later(const std::function<bool()>& tick);
 
   const Handler handler_;

@@ -5,6 +5,7 @@
 
 #include <future>
 #include <memory>
+#include <thread>
 
 #include "dav_server.h"
 #include "http_server.h"
@@ -96,6 +97,15 @@ std::unique_ptr<Mount> map_letter(const Options& options, const std::string& add
   }
 }
 
+/* A thread of its own, since the close of a lock's file asks the service, which may be slow. */
+void sweep_locks(DavLocks& locks, const std::stop_token& stop) {
+  constexpr std::chrono::milliseconds PAUSE{200};
+  while (!stop.stop_requested()) {
+    locks.forget_expired();
+    std::this_thread::sleep_for(PAUSE);
+  }
+}
+
 std::string make_folder(const std::string& path) {
   tools::make_local_folders(path);
   return path;
@@ -120,10 +130,8 @@ ExitStatus serve(const Options& options) {
   if (!options.letter.empty()) {
     mount = std::async(std::launch::async, map_letter, options, address, password);
   }
-  http.run([&] {
-    locks.forget_expired();
-    return !tools::interrupted();
-  });
+  const std::jthread sweeper([&locks](const std::stop_token& stop) { sweep_locks(locks, stop); });
+  http.run([] { return !tools::interrupted(); });
   return tools::EXIT_OK;
 }
 

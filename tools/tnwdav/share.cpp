@@ -76,15 +76,19 @@ void Share::restart(uint64_t broken) {
   }
   session_.reset();
   generation_++;
-  const std::lock_guard slots(slots_lock_);
-  slots_.clear();
-  slot_closed_.notify_all();
+  forget_slots();
   try {
     session_ = std::make_unique<tools::DriveSession>(options_);
   } catch (const tools::Failure& failure) {
     throw DriveError("/", "the cache service has ended and did not start again",
                      static_cast<int>(failure.code()));
   }
+}
+
+void Share::forget_slots() {
+  const std::lock_guard lock(slots_lock_);
+  slots_.clear();
+  slot_closed_.notify_all();
 }
 
 void Share::fail(const std::string& path, const char* what, int err) {
@@ -108,7 +112,7 @@ std::optional<Item> Share::find(const std::string& path) {
   const auto used = use();
   tnw_fileinfo info;
   const int err = look_up(session_->handle(), path, &info);
-  if (err == ERROR_FILE_NOT_FOUND || err == ERROR_PATH_NOT_FOUND) {
+  if (err == ERROR_FILE_NOT_FOUND || err == ERROR_PATH_NOT_FOUND || err == ERROR_DIRECTORY) {
     return std::nullopt;
   }
   if (err != 0) {

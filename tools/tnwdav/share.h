@@ -81,6 +81,7 @@ class Share {
   /* Keeps the drive from being restarted, and starts it first when it has to be. */
   std::shared_lock<std::shared_mutex> use();
   void restart(uint64_t broken);
+  void forget_slots();
   /*
    * Throws for a code. Without one it makes sure that there was an answer at all, since most calls
    * read as success on a broken connection.
@@ -89,7 +90,9 @@ class Share {
   [[noreturn]] void fail(const std::string& path, const char* what, int err);
 
   const tools::DriveOptions options_;
-  std::shared_mutex life_; /* shared by the calls; a restart has it alone. Guards the next two */
+  /* Shared by the calls; a restart, during which no call can run, has it alone. Guards the next
+   * two. */
+  std::shared_mutex life_;
   std::unique_ptr<tools::DriveSession> session_;
   uint64_t generation_ = 0;           /* of the session */
   std::atomic<uint64_t> broken_{0};   /* the last generation that was seen broken */

@@ -126,7 +126,11 @@ Transfer check_transfer(const Request& request) {
 
 void move_item(const Request& request, const std::string& from, const std::string& to) {
   request.parts.share.rename(from, to);
-  request.parts.properties.moved(tools::path_key(from), tools::path_key(to));
+  const std::string key = tools::path_key(from);
+  const std::string new_key = tools::path_key(to);
+  if (key != new_key) {
+    request.parts.properties.moved(key, new_key);
+  }
 }
 
 /* `work` makes the destination, where nothing is. When it fails, what it has made is taken away. */
