@@ -49,7 +49,8 @@ void declare_options(CLI::App* app, Options* options) {
             const bool good = letter.size() == 2 && isalpha(letter[0]) != 0 && letter[1] == ':';
             return good ? std::string() : "a drive letter is like X:";
           },
-          "LETTER:"));
+          ""))
+      ->type_name("X:");
   app->add_flag("--no-password", options->no_password,
                 "Lets every program of this machine in, those of other users, too");
   app->add_flag("--quiet", options->quiet, "Prints no line for each request");
