@@ -16,7 +16,7 @@
 namespace tnwdav {
 namespace {
 
-constexpr size_t PIECE = 256 * 1024;
+constexpr size_t PIECE = size_t{256} * 1024;
 
 /* A page for a browser. */
 void answer_with_listing(Request& request) {

@@ -13,10 +13,10 @@ namespace {
 namespace http = boost::beast::http;
 using boost::system::error_code;
 
-constexpr uint32_t HEADER_LIMIT = 64 * 1024;
-constexpr size_t PIECE = 256 * 1024;
+constexpr uint32_t HEADER_LIMIT = size_t{64} * 1024;
+constexpr size_t PIECE = size_t{256} * 1024;
 /* So much of a body that nobody reads is taken in, so that the connection can be used again. */
-constexpr uint64_t DROP_LIMIT = 1024 * 1024;
+constexpr uint64_t DROP_LIMIT = size_t{1024} * 1024;
 
 void check(const error_code& err) {
   if (err) {

@@ -11,7 +11,7 @@
 namespace tnwdav {
 namespace {
 
-constexpr size_t LONGEST_BODY = 64 * 1024;
+constexpr size_t LONGEST_BODY = size_t{64} * 1024;
 constexpr std::chrono::seconds USUAL_TIME{600};
 constexpr std::chrono::seconds LONGEST_TIME{3600};
 

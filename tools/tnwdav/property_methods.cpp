@@ -13,8 +13,8 @@
 namespace tnwdav {
 namespace {
 
-constexpr size_t PIECE = 64 * 1024;
-constexpr size_t LONGEST_BODY = 1024 * 1024;
+constexpr size_t PIECE = size_t{64} * 1024;
+constexpr size_t LONGEST_BODY = size_t{1024} * 1024;
 
 /* One file or folder of an answer, with all that is known of it. */
 struct Resource {

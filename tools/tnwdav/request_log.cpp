@@ -11,7 +11,7 @@
 namespace tnwdav {
 namespace {
 
-constexpr size_t FILE_SIZE = 5 * 1024 * 1024;
+constexpr size_t FILE_SIZE = size_t{5} * 1024 * 1024;
 constexpr size_t OLD_FILES = 1;
 
 /* A client's text on one line, whatever it has sent. */

@@ -11,7 +11,7 @@
 namespace tnwdav {
 namespace {
 
-constexpr size_t IN_MEMORY = 1024 * 1024;
+constexpr size_t IN_MEMORY = size_t{1024} * 1024;
 
 HANDLE make_file(const std::string& folder) {
   static std::atomic<unsigned> number{0};

@@ -59,7 +59,7 @@ bool remove_tree(const Request& request, const std::string& path, bool folder, T
 }
 
 void copy_content(const Request& request, const std::string& from, const std::string& to) {
-  constexpr size_t PIECE = 1024 * 1024;
+  constexpr size_t PIECE = size_t{1024} * 1024;
   OpenFile source(request.parts.share, from, OpenMode::READ);
   OpenFile target(request.parts.share, to, OpenMode::CREATE);
   std::vector<char> piece(PIECE);
