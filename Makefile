@@ -13,7 +13,7 @@ export LC_ALL := C.UTF-8
 # A step that prints one line, and its output only when it fails: $(call step,NAME,TEXT,COMMAND)
 step = printf '==> %s\n' '$(2)'; mkdir -p build; \
        $(3) >build/$(1).log 2>&1 || { cat build/$(1).log; exit 1; }
-configure = $(call step,configure-$(1),Configuring the $(1) build,cmake --preset $(1))
+configure = $(call step,configure-$(1),Configuring the $(1) build,cmake --preset $(1) $(2))
 # Ninja shows its progress on a terminal; elsewhere only what compilers say.
 build = printf '==> %s\n' 'Building in build/$(1)'; \
         quiet=--quiet; if [[ -t 1 ]]; then quiet=; fi; \
@@ -26,11 +26,16 @@ test_sanitized = $(call configure,$(1)); $(call build,$(1)); \
 # What the demonstration runs; the tests' libraries are not waited for.
 DEMO_TARGETS := tnw tarnd tnwsh ws2_32_wine afunix_probe
 DIST_TARGETS := package_files ws2_32_wine afunix_probe
+# What the benchmarks run, for Windows and for this machine. Both want BENCHMARK_SOURCE.
+BENCH_TARGETS := tnw tarnd bench_drive bench_parts bench_tree ws2_32_wine afunix_probe
+configure_bench = tools/benchmark-source >/dev/null; \
+        $(call configure,$(1),-DBENCHMARK_SOURCE="$$(tools/benchmark-source)")
 # $(call needs,STEP): stops when a package of the build, or of the step, is missing
 needs = tools/install-packages --check $(1)
 OWN_CODE = git ls-files -co --exclude-standard -- '*.cpp' '*.h' '*.c'
 
-.PHONY: help demo test test-slow bench-cloud build host-build host-test format check-format tidy \
+.PHONY: help demo test test-slow bench bench-peer bench-build bench-cloud build host-build host-test \
+        format check-format tidy \
         dist check-dist check check-docs check-page reference lines clean packages needed-packages \
         cross-prefix
 
@@ -86,6 +91,19 @@ tidy: cross-prefix ## Looks for likely faults and odd names, with clang-tidy
 	@$(call configure,host)
 	@$(call configure,windows)
 	@tools/tidy
+
+bench: bench-build ## Measures calls against their limits (ROWS=PATTERN)
+	@tools/bench --rows '$(ROWS)'
+
+bench-peer: bench-build ## Compares the drive with rclone's mount of one tree
+	@tools/bench --peer --rows '$(ROWS)'
+
+bench-build: cross-prefix
+	@$(call needs,bench)
+	@$(call configure_bench,windows)
+	@$(call configure_bench,host)
+	@$(call build,windows,$(BENCH_TARGETS))
+	@$(call build,host,bench_parts)
 
 bench-cloud: cross-prefix build/windows/build.ninja ## Compares the drive with rclone's mount on a slow line
 	@$(call needs,bench)
