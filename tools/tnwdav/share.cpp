@@ -6,6 +6,7 @@
 
 #include "tools/common/failure.h"
 #include "tools/common/text.h"
+#include "tools/drive/drive_file.h"
 #include "tools/drive/drive_path.h"
 
 namespace tnwdav {
@@ -232,27 +233,17 @@ int OpenFile::try_close() {
 
 size_t OpenFile::read(uint64_t offset, void* buffer, size_t size) {
   const std::shared_lock used(share_.life_);
-  ox_s64 count = 0;
-  int err = tnw_read(handle_, buffer, size, static_cast<ox_off>(offset), &count, nullptr);
-  if (err == ERROR_HANDLE_EOF) {
-    return 0;
-  }
-  if (err == 0 && count == 0) { /* the service could not fetch the region; it gives no reason */
-    err = ERROR_READ_FAULT;
-  }
-  if (err != 0) {
+  size_t count = 0;
+  if (const int err = tools::read_at(handle_, offset, buffer, size, &count)) {
     share_.fail(path_, "cannot read", err);
   }
-  return static_cast<size_t>(count);
+  return count;
 }
 
 void OpenFile::write(uint64_t offset, const void* data, size_t size) {
   const std::shared_lock used(share_.life_);
-  ox_s64 count = 0;
-  const int err = tnw_write(handle_, const_cast<void*>(data), size, static_cast<ox_off>(offset),
-                            &count, nullptr);
-  if (err != 0 || count != static_cast<ox_s64>(size)) {
-    share_.fail(path_, "cannot write", err != 0 ? err : ERROR_DISK_FULL);
+  if (const int err = tools::write_at(handle_, offset, data, size)) {
+    share_.fail(path_, "cannot write", err);
   }
 }
 

@@ -8,6 +8,7 @@
 #include "tools/common/program.h"
 #include "tools/common/text.h"
 #include "tools/common/wide_text.h"
+#include "tools/drive/drive_file.h"
 #include "tools/drive/drive_options.h"
 #include "tools/drive/drive_path.h"
 #include "tools/drive/drive_session.h"

@@ -40,8 +40,9 @@ RemoteFile::RemoteFile(Drive& drive, const std::string& path, Mode mode)
   const OpenMode& open = MODES[static_cast<size_t>(mode)];
   const auto slot = drive.slots_.try_emplace(path_key(path)).first;
   int err = 0;
-  handle_ = tnw_create(drive.session_.handle(), &slot->second.context, path.c_str(), open.access, open.share,
-                       open.disposition, TNW_OPT_FILE, process_id(), PROCESS_NAME, &err);
+  handle_ =
+      tnw_create(drive.session_.handle(), &slot->second.context, path.c_str(), open.access,
+                 open.share, open.disposition, TNW_OPT_FILE, process_id(), PROCESS_NAME, &err);
   if (handle_ != nullptr) {
     slot->second.opens++;
     return;
@@ -72,26 +73,16 @@ int RemoteFile::try_close() {
 }
 
 size_t RemoteFile::read(uint64_t offset, void* buffer, size_t size) {
-  ox_s64 count = 0;
-  int err = tnw_read(handle_, buffer, size, static_cast<ox_off>(offset), &count, nullptr);
-  if (err == ERROR_HANDLE_EOF) {
-    return 0;
-  }
-  if (err == 0 && count == 0) { /* the service could not fetch the region; it gives no reason */
-    err = ERROR_READ_FAULT;
-  }
-  if (err != 0) {
+  size_t count = 0;
+  if (const int err = read_at(handle_, offset, buffer, size, &count)) {
     throw drive_failure(path_, "cannot read", err, READ_ANSWERS);
   }
-  return static_cast<size_t>(count);
+  return count;
 }
 
 void RemoteFile::write(uint64_t offset, const void* data, size_t size) {
-  ox_s64 count = 0;
-  const int err = tnw_write(handle_, const_cast<void*>(data), size, static_cast<ox_off>(offset),
-                            &count, nullptr);
-  if (err != 0 || count != static_cast<ox_s64>(size)) {
-    throw drive_failure(path_, "cannot write", err != 0 ? err : ERROR_DISK_FULL, WRITE_ANSWERS);
+  if (const int err = write_at(handle_, offset, data, size)) {
+    throw drive_failure(path_, "cannot write", err, WRITE_ANSWERS);
   }
 }
 
