@@ -25,6 +25,7 @@ test_sanitized = $(call configure,$(1)); $(call build,$(1)); \
 
 # What the demonstration runs; the tests' libraries are not waited for.
 DEMO_TARGETS := tnw tarnd tnwsh ws2_32_wine afunix_probe
+PROGRAMS := $(DEMO_TARGETS) tnwdav tnwlog cfflprint first_drive
 DIST_TARGETS := package_files ws2_32_wine afunix_probe
 # What the benchmarks run, for Windows and for this machine. Both want BENCHMARK_SOURCE.
 BENCH_TARGETS := tnw tarnd bench_drive bench_parts bench_tree ws2_32_wine afunix_probe
@@ -34,7 +35,7 @@ configure_bench = tools/benchmark-source >/dev/null; \
 needs = tools/install-packages --check $(1)
 OWN_CODE = git ls-files -co --exclude-standard -- '*.cpp' '*.h' '*.c'
 
-.PHONY: help demo test test-slow bench bench-peer bench-build bench-cloud build host-build host-test \
+.PHONY: help demo test programs test-slow bench bench-peer bench-build bench-cloud build host-build host-test \
         format check-format tidy \
         dist check-dist check check-docs check-page reference lines clean packages needed-packages \
         cross-prefix
@@ -43,7 +44,7 @@ help: ## Lists these commands
 	@sed -n 's/^\([a-z-]*\):.*## \(.*\)/  make \1@\2/p' $(firstword $(MAKEFILE_LIST)) | \
 	  while IFS=@ read -r name text; do printf '%-19s %s\n' "$$name" "$$text"; done
 
-demo: packages build/windows/build.ninja ## Shows a cloud drive on real files (CLOUD=rclone: over WebDAV)
+demo: packages build/windows/build.ninja ## Shows a drive on real files (CLOUD=rclone: over WebDAV)
 	@$(call build,windows,$(DEMO_TARGETS))
 	@tools/demo $(CLOUD)
 
@@ -61,6 +62,10 @@ packages: ## Installs what the build needs (FOR=check: what all need)
 build: cross-prefix ## Builds the DLL, the service, the shell and the tests
 	@$(call configure,windows)
 	@$(call build,windows)
+
+programs: cross-prefix ## Builds the DLL and the programs, without the tests
+	@$(call configure,windows)
+	@$(call build,windows,$(PROGRAMS))
 
 test-slow: build ## Runs the tests that take minutes
 	@ctest --preset windows-slow
