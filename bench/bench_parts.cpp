@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
-#include <future>
 #include <thread>
 
 #include "bench.h"
@@ -63,16 +62,14 @@ double worst_of_burst() {
   constexpr ox_u32 CALLERS = 8;
   ox_tpool_t* pool = ox_tpool_create_external("burst", nullptr, nullptr, 0, 0, 1, CALLERS);
   run(pool, sleep_a_while); /* leaves one idle worker */
-  const auto call = [&] { return seconds_of([&] { run(pool, sleep_a_while); }); };
-  std::vector<std::future<double>> callers(CALLERS);
-  std::generate(callers.begin(), callers.end(),
-                [&] { return std::async(std::launch::async, call); });
-  double worst = 0;
-  for (std::future<double>& caller : callers) {
-    worst = std::max(worst, caller.get());
+  Samples seconds(CALLERS);
+  std::vector<std::jthread> callers;
+  for (double& own : seconds) {
+    callers.emplace_back([&] { own = seconds_of([&] { run(pool, sleep_a_while); }); });
   }
+  callers.clear(); /* waits for all */
   ox_destroy_tpool(pool, OX_TPOOL_FL_DRAIN);
-  return worst;
+  return *std::max_element(seconds.begin(), seconds.end());
 }
 
 void burst_rows(Bench& bench) {

@@ -9,7 +9,6 @@
 #include <windows.h>
 
 #include "bare_exchange.h"
-#include "bench.h"
 #include "drive.h"
 
 namespace {

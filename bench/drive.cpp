@@ -4,7 +4,6 @@
 
 #include <filesystem>
 
-#include "bench.h"
 #include "tools/common/console.h"
 
 namespace {
@@ -100,18 +99,6 @@ std::deque<File> open_often(const Drive& drive, const std::string& path, int cou
 }
 
 File::~File() { must(tnw_close(handle_, nullptr) == 0, "tnw_close"); }
-
-void File::read(void* buffer, size_t size, ox_u64 off) const {
-  ox_s64 count = 0;
-  must(tnw_read(handle_, buffer, size, static_cast<ox_off>(off), &count, nullptr) == 0, "tnw_read");
-}
-
-void File::write(const void* buffer, size_t size, ox_u64 off) const {
-  ox_s64 count = 0;
-  must(tnw_write(handle_, const_cast<void*>(buffer), size, static_cast<ox_off>(off), &count,
-                 nullptr) == 0,
-       "tnw_write");
-}
 
 void File::transfer_bare(bool writes, void* buffer, size_t size, ox_u64 off) const {
   const HANDLE local = static_cast<tnvfd*>(handle_)->fdt_ofd;

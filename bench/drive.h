@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "bench.h"
 #include "tnw_fd.h"
 
 constexpr ox_u32 READ_AND_WRITE = TNW_ACC_READ | TNW_ACC_WRITE;
@@ -45,8 +46,17 @@ class File {
   ~File();
   File(const File&) = delete;
 
-  void read(void* buffer, size_t size, ox_u64 off = 0) const;
-  void write(const void* buffer, size_t size, ox_u64 off = 0) const;
+  void read(void* buffer, size_t size, ox_u64 off = 0) const {
+    ox_s64 count = 0;
+    must(tnw_read(handle_, buffer, size, static_cast<ox_off>(off), &count, nullptr) == 0,
+         "tnw_read");
+  }
+  void write(const void* buffer, size_t size, ox_u64 off = 0) const {
+    ox_s64 count = 0;
+    void* bytes = const_cast<void*>(buffer);
+    must(tnw_write(handle_, bytes, size, static_cast<ox_off>(off), &count, nullptr) == 0,
+         "tnw_write");
+  }
   /* The bare call on the local cache file. */
   void transfer_bare(bool writes, void* buffer, size_t size, ox_u64 off) const;
   void* handle() const { return handle_; }

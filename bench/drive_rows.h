@@ -4,7 +4,6 @@
 #ifndef DRIVE_ROWS_H
 #define DRIVE_ROWS_H
 
-#include "bench.h"
 #include "drive.h"
 
 /* Before there is any drive. */
