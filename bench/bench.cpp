@@ -7,6 +7,8 @@
 #include <chrono>
 #include <cstdlib>
 
+#include "tools/common/program.h"
+
 namespace {
 
 constexpr int ROUNDS = 15;
@@ -129,4 +131,12 @@ void Bench::samples(const std::string& row, const Samples& ours, const Samples& 
                row, unit, fmt::join(ours, ", "), fmt::join(peer, ", "));
     fflush(stdout);
   }
+}
+
+int run_rows(int argc, char** argv, void (*rows)(Bench&)) {
+  return tools::run_program(argv[0], [&] {
+    Bench bench(argc, argv);
+    rows(bench);
+    return tools::EXIT_OK;
+  });
 }

@@ -80,4 +80,7 @@ class Bench {
   std::set<std::string> rows_;
 };
 
+/* The main program: what it returns. */
+int run_rows(int argc, char** argv, void (*rows)(Bench&));
+
 #endif

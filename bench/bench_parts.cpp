@@ -152,12 +152,13 @@ void names_rows(Bench& bench) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  Bench bench(argc, argv);
-  regions_rows(bench);
-  log_rows(bench);
-  burst_rows(bench);
+  return run_rows(argc, argv, [](Bench& bench) {
+    regions_rows(bench);
+    log_rows(bench);
+    burst_rows(bench);
 #ifndef _WIN32
-  pool_rows(bench);
-  names_rows(bench);
+    pool_rows(bench);
+    names_rows(bench);
 #endif
+  });
 }

@@ -129,11 +129,8 @@ void read_rows(Bench& bench, const Drive& drive) {
   }
 }
 
-}  // namespace
-
 /* Our listings always have the attributes. */
-int main(int argc, char** argv) {
-  Bench bench(argc, argv);
+void all_rows(Bench& bench) {
   const Drive drive(bench.folder());
   Floor floor(bench.folder());
   const auto list_row = [&](const std::string& name, const std::string& folder) {
@@ -161,3 +158,7 @@ int main(int argc, char** argv) {
       [&](int i) { floor.make("/made/" + std::to_string(i), page); });
   read_rows(bench, drive);
 }
+
+}  // namespace
+
+int main(int argc, char** argv) { return run_rows(argc, argv, all_rows); }

@@ -1,42 +1,26 @@
 #include "drive.h"
 
+#include <fmt/format.h>
 #include <windows.h>
 
 #include <filesystem>
 
 #include "tools/common/console.h"
+#include "tools/drive/drive_options.h"
 
 namespace {
 
-template <size_t N>
-void set(char (&field)[N], const std::string& text) {
-  must(text.size() < N, "a text that fits its field");
-  text.copy(field, N - 1);
-}
-
-/* A UUID text that ends with this number. */
-std::string numbered_id(int number) {
-  const std::string digits = std::to_string(number);
-  return "22222222-2222-2222-2222-" + std::string(12 - digits.size(), '0') + digits;
-}
-
 tnw_tninit start_record(const std::string& folder, const std::string& user, int drive_number) {
-  tnw_tninit record = {};
-  record.tnw_flags = TNW_INIT_NO_RETRY;
+  tools::DriveOptions options;
+  options.cloud = folder + "\\cloud";
+  options.work = folder + "\\work";
+  options.service = tools::program_folder() + "tarnd.exe";
+  options.user = user;
+  options.threads = 8;
+  tnw_tninit record = tools::start_record(options);
   record.tnw_min_threads = 8;
-  record.tnw_max_threads = 8;
-  set(record.tnw_username, user);
-  set(record.tnw_domain, "bench.test");
-  set(record.tnw_workdir, folder + "\\work");
-  set(record.tnw_logdir, folder + "\\log");
-  set(record.tnw_sharepath, "/");
-  set(record.tnw_binpath, tools::program_folder() + "tarnd.exe");
-  set(record.tnw_api_addr, "file:///" + std::filesystem::path(folder + "\\cloud").generic_string());
-  set(record.tnw_config_addr, "none");
-  set(record.tnw_da_device_id, "11111111-1111-1111-1111-111111111111");
-  set(record.tnw_tn_device_id, "33333333-3333-3333-3333-333333333333");
-  set(record.tnw_da_drive_id, numbered_id(drive_number));
-  set(record.tnw_authtoken, "token");
+  fmt::format_to(record.tnw_tn_device_id, "33333333-3333-3333-3333-333333333333");
+  fmt::format_to(record.tnw_da_drive_id, "22222222-2222-2222-2222-{:012}", drive_number);
   return record;
 }
 
@@ -44,9 +28,7 @@ tnw_tninit start_record(const std::string& folder, const std::string& user, int 
 
 Drive::Drive(const std::string& folder, const std::string& user, int drive_number)
     : folder_(folder), only_(drive_number == 0) {
-  for (const char* name : {"\\work", "\\log", "\\cloud"}) {
-    std::filesystem::create_directories(folder + name);
-  }
+  std::filesystem::create_directories(folder + "\\work\\logs");
   tnw_tninit record = start_record(folder, user, drive_number);
   int err = 0;
   handle_ = tnw_init(&record, &err);

@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr size_t BLOCK = 4096;
-
 BOOL WINAPI transfer_nothing(HANDLE /*file*/, void* /*buffer*/, DWORD size, DWORD* count,
                              OVERLAPPED* /*where*/) {
   *count = size;
@@ -66,10 +64,11 @@ void own_part(Bench& bench, const std::string& name, const char* function, const
 
 void own_part_rows(Bench& bench, const Drive& drive) {
   const File file(drive, "/warm0");
-  static char buffer[BLOCK]; /* nothing is read or written */
-  file.read(buffer, BLOCK);
-  file.write(buffer, BLOCK);
-  own_part(bench, "own part of a warm read", "ReadFile", repeat([&] { file.read(buffer, BLOCK); }));
+  static char buffer[4096]; /* nothing is read or written */
+  file.read(buffer, sizeof buffer);
+  file.write(buffer, sizeof buffer);
+  own_part(bench, "own part of a warm read", "ReadFile",
+           repeat([&] { file.read(buffer, sizeof buffer); }));
   own_part(bench, "own part of a dirty write", "WriteFile",
-           repeat([&] { file.write(buffer, BLOCK); }));
+           repeat([&] { file.write(buffer, sizeof buffer); }));
 }

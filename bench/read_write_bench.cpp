@@ -43,8 +43,9 @@ void read_write_rows(Bench& bench, const Drive& drive) {
   /* With transaction ids each call writes a line to the log. The limit then has a line of that
    * length, too. */
   const char* first_id = getenv("TARND_UTXID");
-  const bool logs = first_id != nullptr && *first_id == '1';
-  const auto log = logs ? peer_logger(bench.folder() + "\\peer.log") : nullptr;
+  const auto log = first_id != nullptr && *first_id == '1'
+                       ? peer_logger(bench.folder() + "\\peer.log")
+                       : nullptr;
   const std::string line(820, 'x');
   std::deque<File> files;
   for (int i = 0; i < 4; i++) {
