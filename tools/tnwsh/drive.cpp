@@ -101,7 +101,8 @@ void Drive::check_answer(const std::string& path, const char* what, int err, Ans
 
 void Drive::rename(const std::string& from, const std::string& to) {
   check_answer(from, "cannot be renamed",
-               tnw_rename(session_.handle(), from.c_str(), to.c_str(), PROCESS_NAME), RENAME_ANSWERS);
+               tnw_rename(session_.handle(), from.c_str(), to.c_str(), PROCESS_NAME),
+               RENAME_ANSWERS);
 }
 
 void Drive::remove(const std::string& path) {
@@ -111,8 +112,8 @@ void Drive::remove(const std::string& path) {
 
 bool Drive::can_delete(const std::string& path) {
   bool can = false;
-  check_answer(path, "cannot look it up", tnw_canfilebedeleted(session_.handle(), path.c_str(), &can),
-               PATH_ANSWERS);
+  check_answer(path, "cannot look it up",
+               tnw_canfilebedeleted(session_.handle(), path.c_str(), &can), PATH_ANSWERS);
   return can;
 }
 
@@ -137,14 +138,16 @@ void Drive::ensure_folder(const std::string& path) {
 }
 
 void Drive::update_token(std::string token) {
-  check_answer("The token", "is not taken", tnw_updatetoken(session_.handle(), token.data()), TOKEN_ANSWERS);
+  check_answer("The token", "is not taken", tnw_updatetoken(session_.handle(), token.data()),
+               TOKEN_ANSWERS);
 }
 
 void Drive::set_proxy(const std::string& server, const std::string& user,
                       const std::string& password) {
-  check_answer("The proxy", "is not taken",
-               tnw_set_http_proxy(session_.handle(), server.c_str(), user.c_str(), password.c_str()),
-               PROXY_ANSWERS);
+  check_answer(
+      "The proxy", "is not taken",
+      tnw_set_http_proxy(session_.handle(), server.c_str(), user.c_str(), password.c_str()),
+      PROXY_ANSWERS);
 }
 
 /*
