@@ -50,7 +50,7 @@ void limit_waits(tcp::socket& socket) {
 HttpServer::HttpServer(uint16_t port, Handler handler)
     : handler_(std::move(handler)), acceptor_(listen_on(io_, port)) {}
 
-HttpServer::~HttpServer() {
+void HttpServer::end_connections() {
   shut_down(SD_RECEIVE); /* no other request */
   for (int waits = 0; waits < MOST_WAITS && !all_ended(); waits++) {
     std::this_thread::sleep_for(TICK);
@@ -59,6 +59,7 @@ HttpServer::~HttpServer() {
   for (Connection& connection : connections_) {
     connection.thread.join();
   }
+  connections_.clear();
 }
 
 void HttpServer::shut_down(int how) {
@@ -82,6 +83,7 @@ void HttpServer::run(const std::function<bool()>& tick) {
   accept_next();
   tick_later(tick);
   io_.run();
+  end_connections();
 }
 
 void HttpServer::tick_later(const std::function<bool()>& tick) {

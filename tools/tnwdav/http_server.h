@@ -26,17 +26,16 @@ class HttpServer {
 
   /* Port 0: any free one. Throws a tools::Failure when the port is not to be had. */
   HttpServer(uint16_t port, Handler handler);
-  /*
-   * Ends the connections. Requests that are being handled are finished; clients that take longer
-   * than some seconds to receive their answers are cut off.
-   */
-  ~HttpServer();
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
 
   uint16_t port() const;
 
-  /* Serves until `tick`, which is called five times a second, says false. */
+  /*
+   * Serves until `tick`, which is called five times a second, says false. Then requests that are
+   * being handled are finished; clients that take longer than some seconds to receive their answers
+   * are cut off. To be called once.
+   */
   void run(const std::function<bool()>& tick);
 
  private:
@@ -54,6 +53,7 @@ class HttpServer {
   void handle_requests(ClientConnection& client);
   void forget_ended();
   bool all_ended();
+  void end_connections();
   void shut_down(int how);
   void tick_later(const std::function<bool()>& tick);
 

@@ -31,6 +31,8 @@ constexpr char FOOTER[] =
     "Exit status: 0, 1 when the drive could not be served, 2 when the command line\n"
     "makes no sense.";
 
+constexpr std::chrono::milliseconds PAUSE{200}; /* between two looks for Ctrl-C */
+
 struct Options : tools::DriveOptions {
   uint16_t port = 8765;
   std::string letter; /* empty: none */
@@ -84,23 +86,42 @@ void print_start(const Options& options, const std::string& address, const std::
   fflush(stdout);
 }
 
-/* The system's client asks the server while it maps, so that this runs beside the server. */
-std::unique_ptr<Mount> map_letter(const Options& options, const std::string& address,
-                                  const std::string& password) {
+void wait_for_interrupt() {
+  while (!tools::interrupted()) {
+    std::this_thread::sleep_for(PAUSE);
+  }
+}
+
+/*
+ * Maps the letter, and takes it away after Ctrl-C. Runs beside the server, which the system's
+ * client asks in both cases.
+ */
+void keep_letter(const Options& options, const std::string& address, const std::string& password) {
   try {
-    auto mount = std::make_unique<Mount>(options.letter, address, USER, password);
+    const Mount mount(options.letter, address, USER, password);
     fmt::print("{} is the drive.\n", options.letter);
     fflush(stdout);
-    return mount;
+    wait_for_interrupt();
   } catch (const tools::Failure& failure) {
     fmt::print(stderr, "tnwdav: {}; the drive is served all the same\n", failure.what());
-    return nullptr;
   }
+}
+
+/* Serves until Ctrl-C, and until the letter was taken away. */
+void run_server(HttpServer& http, const Options& options, const std::string& address,
+                const std::string& password) {
+  std::future<void> letter;
+  if (!options.letter.empty()) {
+    letter = std::async(std::launch::async, [&] { keep_letter(options, address, password); });
+  }
+  http.run([&letter] {
+    const bool mapped = letter.valid() && letter.wait_for(PAUSE * 0) != std::future_status::ready;
+    return mapped || !tools::interrupted();
+  });
 }
 
 /* A thread of its own, since the close of a lock's file asks the service, which may be slow. */
 void sweep_locks(DavLocks& locks, const std::stop_token& stop) {
-  constexpr std::chrono::milliseconds PAUSE{200};
   while (!stop.stop_requested()) {
     locks.forget_expired();
     std::this_thread::sleep_for(PAUSE);
@@ -127,12 +148,8 @@ ExitStatus serve(const Options& options) {
   dav = std::make_unique<DavServer>(Parts{share, locks, properties, access, log, incoming});
   const std::string address = fmt::format("http://127.0.0.1:{}/", http.port());
   print_start(options, address, password);
-  std::future<std::unique_ptr<Mount>> mount;
-  if (!options.letter.empty()) {
-    mount = std::async(std::launch::async, map_letter, options, address, password);
-  }
   const std::jthread sweeper([&locks](const std::stop_token& stop) { sweep_locks(locks, stop); });
-  http.run([] { return !tools::interrupted(); });
+  run_server(http, options, address, password);
   return tools::EXIT_OK;
 }
 
