@@ -10,6 +10,8 @@
 #include <map>
 #include <vector>
 
+#include "md5.h"
+
 namespace tnwdav {
 namespace {
 
@@ -33,21 +35,6 @@ std::string decode_base64(std::string_view text) {
     return {};
   }
   return {reinterpret_cast<const char*>(bytes.data()), size};
-}
-
-/* What digest authentication is made of. */
-std::string md5_text(std::string text) {
-  UCHAR hash[16] = {};
-  BCRYPT_ALG_HANDLE algorithm = nullptr;
-  BCryptOpenAlgorithmProvider(&algorithm, BCRYPT_MD5_ALGORITHM, nullptr, 0);
-  BCryptHash(algorithm, nullptr, 0, reinterpret_cast<PUCHAR>(text.data()),
-             static_cast<ULONG>(text.size()), hash, sizeof hash);
-  BCryptCloseAlgorithmProvider(algorithm, 0);
-  std::string hex;
-  for (const UCHAR byte : hash) {
-    hex += fmt::format("{:02x}", byte);
-  }
-  return hex;
 }
 
 /* name="value" or name=value, with commas between. */

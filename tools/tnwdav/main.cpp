@@ -1,6 +1,8 @@
 /* tnwdav: serves a cloud drive over WebDAV to the other programs of this machine. */
 #include <fmt/format.h>
+#include <windows.h>
 
+#include <shlobj.h>
 #include <CLI/CLI.hpp>
 
 #include <future>
@@ -9,12 +11,15 @@
 
 #include "dav_server.h"
 #include "http_server.h"
+#include "md5.h"
 #include "mount.h"
 #include "tools/common/console.h"
 #include "tools/common/failure.h"
 #include "tools/common/local_file.h"
 #include "tools/common/program.h"
+#include "tools/common/wide_text.h"
 #include "tools/drive/drive_options.h"
+#include "tools/drive/drive_path.h"
 
 namespace tnwdav {
 namespace {
@@ -43,6 +48,8 @@ struct Options : tools::DriveOptions {
 void declare_options(CLI::App* app, Options* options) {
   options->threads = 8;
   tools::declare_drive_options(app, options);
+  app->get_option("--work")->required(false)->description(
+      "The folder for cache, socket and logs (default: one for each cloud below %LOCALAPPDATA%)");
   app->add_option("--port", options->port, "The port of 127.0.0.1; 0 takes a free one")
       ->option_text("N=8765");
   app->add_option("--mount", options->letter, "Maps the drive to a letter of Windows, such as X:")
@@ -56,6 +63,20 @@ void declare_options(CLI::App* app, Options* options) {
   app->add_flag("--no-password", options->no_password,
                 "Lets every program of this machine in, those of other users, too");
   app->add_flag("--quiet", options->quiet, "Prints no line for each request");
+}
+
+/* Each cloud has its own, so that no change of one cloud goes up into another. */
+std::string usual_work_folder(const Options& options) {
+  constexpr size_t DIGITS = 12; /* short, since the path of the socket must be */
+  wchar_t local[MAX_PATH] = {};
+  if (FAILED(SHGetFolderPathW(nullptr, CSIDL_LOCAL_APPDATA, nullptr, SHGFP_TYPE_CURRENT, local))) {
+    throw tools::UsageError("There is no folder for the cache: --work names one");
+  }
+  const std::string cloud = tools::is_web_address(options.cloud)
+                                ? options.cloud
+                                : tools::path_key(tools::absolute_path(options.cloud));
+  const std::string name = md5_text(cloud + '\n' + options.share).substr(0, DIGITS);
+  return tools::utf8_from_wide(local) + "\\tnwdav\\" + name;
 }
 
 /* What to type to open the drive. */
@@ -76,6 +97,7 @@ void print_clients(const std::string& address, const std::string& password) {
 
 void print_start(const Options& options, const std::string& address, const std::string& password) {
   fmt::print("The drive of {} is served at {}\n", options.cloud, address);
+  fmt::print("Its cache and its logs are in {}\n", tools::absolute_path(options.work));
   if (password.empty()) {
     fmt::print("Every program of this machine may use it.\n\n");
   } else {
@@ -161,6 +183,9 @@ ExitStatus run(const std::vector<std::string>& words) {
   declare_options(&app, &options);
   if (const auto status = tools::parse_command_line(&app, words)) {
     return *status;
+  }
+  if (options.work.empty()) {
+    options.work = usual_work_folder(options);
   }
   return serve(options);
 }
