@@ -14,6 +14,7 @@ namespace http = boost::beast::http;
 using boost::system::error_code;
 
 constexpr uint32_t HEADER_LIMIT = size_t{64} * 1024;
+constexpr size_t RECEIVED_AT_ONCE = size_t{64} * 1024; /* more are not asked for */
 constexpr size_t PIECE = size_t{256} * 1024;
 /* So much of a body that nobody reads is taken in, so that the connection can be used again. */
 constexpr uint64_t DROP_LIMIT = size_t{1024} * 1024;
@@ -33,6 +34,7 @@ struct Exchange::Messages {
 
 Exchange::Exchange(ClientConnection& connection)
     : connection_(connection), messages_(std::make_unique<Messages>()) {
+  connection_.buffer.reserve(RECEIVED_AT_ONCE); /* or else each receive takes half a kilobyte */
   messages_->parser.header_limit(HEADER_LIMIT);
   messages_->parser.body_limit(UINT64_MAX);
 }
