@@ -167,12 +167,27 @@ void let_waiters_out_locked(ox_tpool_t* tp) {
   }
 }
 
+/*
+ * Each holds two handles of the system, which an aborted pool would keep for ever, since its record
+ * is never freed. Nobody waits on them; a wait that comes later makes them anew.
+ */
+void rest_condition_variables_locked(ox_tpool_t* tp) {
+  OX_ASSERT_HELD(&tp->tp_lock);
+  (void)ox_deinit_cv(&tp->tp_worker_cv);
+  (void)ox_deinit_cv(&tp->tp_pool_cv);
+  tp->tp_worker_cv = PTHREAD_COND_INITIALIZER;
+  tp->tp_pool_cv = PTHREAD_COND_INITIALIZER;
+}
+
 void abort_and_unlock(ox_tpool_t* tp) {
   OX_LOG_DEBUG(1, "Aborting thread pool %s", tp->tp_name);
   tp->tp_state = OX_TPOOL_ABORTED;
   (void)pthread_cond_broadcast(&tp->tp_worker_cv);
   if (tp->tp_cur_count == 0) {
     ox_tpool_drop_jobs_locked(tp);
+    if (tp->tp_waiters == 0) {
+      rest_condition_variables_locked(tp);
+    }
   }
   ox_tpool_unlock_and_join(tp);
 }

@@ -52,6 +52,12 @@ bool ox_tpool_start_worker_locked(ox_tpool_t* tp);
  * idle, as a queueing call does outside of a pause.
  */
 void ox_tpool_rouse_all_locked(ox_tpool_t* tp);
+/*
+ * For the caller of ox_queue_work who waits for the job with these arguments: 0 while a worker will
+ * run it, or may have run it. When the pool has no worker, and the system starts none, the job is
+ * taken off the queue and never runs: OX_ENOMEM. Takes the pool's lock.
+ */
+int ox_tpool_look_after_job(ox_tpool_t* tp, const void* args);
 /* Does a worker's work on the calling thread until a worker would leave. The lock is free while a
  * job runs. */
 void ox_tpool_work_here_locked(ox_tpool_t* tp);

@@ -69,6 +69,16 @@ void rouse_worker(ox_tpool_t* tp) {
   }
 }
 
+/* The job that waits with these arguments, or null. */
+ox_job_t* find_job_locked(ox_tpool_t* tp, const void* args) {
+  OX_ASSERT_HELD(&tp->tp_lock);
+  ox_job_t* job = tp->tp_jobq.job_next;
+  while (job != &tp->tp_jobq && job->job_args != args) {
+    job = job->job_next;
+  }
+  return job == &tp->tp_jobq ? nullptr : job;
+}
+
 /* Locks the pool for a change of `flag`. */
 int lock_for_flag(ox_tpool_t* tp, ox_u32 flag) {
   const int rc = ox_lock(&tp->tp_lock);
@@ -100,6 +110,22 @@ int ox_queue_work(ox_tpool_t* tp, ox_job_notify_t* notify, ox_job_func_t func, v
   }
   if (rc == 0) {
     rouse_worker(tp);
+  }
+  (void)ox_unlock(&tp->tp_lock);
+  return rc;
+}
+
+int ox_tpool_look_after_job(ox_tpool_t* tp, const void* args) {
+  if (ox_tpool_lock(tp) != 0) {
+    return 0;
+  }
+  int rc = 0;
+  ox_job_t* const job = find_job_locked(tp, args);
+  if (job != nullptr && tp->tp_cur_count == 0 && !ox_tpool_start_worker_locked(tp)) {
+    ox_list_unlink(job);
+    --tp->tp_qlen;
+    ox_free_safe(job);
+    rc = OX_ENOMEM;
   }
   (void)ox_unlock(&tp->tp_lock);
   return rc;

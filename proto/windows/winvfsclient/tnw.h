@@ -69,7 +69,8 @@ typedef struct tnw_tninit {
   int tnw_max_threads;    /**< the most worker threads, and connections to the service: 1 to 256 */
   ox_u64 tnw_user_id;     /**< 0 when it is not known */
   char tnw_username[64];  /**< the user */
-  char tnw_workdir[5000]; /**< the cache of a user is in its subfolder `domain\username` */
+  char tnw_workdir[5000]; /**< the cache of a user is in its subfolder `domain\username`, whose path
+                               is shorter than 248 characters, as is that of tnw_logdir */
   char tnw_uds_workdir[96];   /**< folder of the socket; empty: the cache directory. The path of the
                                  socket must be shorter than 108 bytes */
   char tnw_logdir[5000];      /**< folder of the log files of the library and of the service */
@@ -492,9 +493,9 @@ OX_STATIC_ASSERT(sizeof(tnw_purge_opt_t) == 5120, "layout of the API");
  * The call needs no drive. It moves the directory into the temporary folder and deletes it there.
  * Where the move is not possible, it deletes the directory in place.
  *
- * THE CALL DOES NOT SEE TWO KINDS OF SERVICES, which then lose their changes: a service that
- * ANOTHER PROCESS runs for the user, and a service of this process that still writes back after
- * tnw_deinit. Make sure that there is neither.
+ * It deletes nothing while a service has the cache: 170 ERROR_BUSY. That is also a service of
+ * another process, and one that still writes back after tnw_deinit. Only a service that another
+ * process starts in the very moment of the call is not seen.
  *
  * The record stays the caller's; it is not changed. Any thread may call, also while files of other
  * users' drives are in use. The call may take long, as it deletes every file on the calling thread.
@@ -507,7 +508,8 @@ OX_STATIC_ASSERT(sizeof(tnw_purge_opt_t) == 5120, "layout of the API");
  *   - 13 ERROR_INVALID_DATA: the record is null, a field is empty, or a name has a colon or does
  *     not lead down from the work directory (`..`, `a\..\..`)
  *   - 170 ERROR_BUSY: a service of this process uses the directory, a part of it or a folder that
- *     holds it, or serves the domain and user in any case of the letters. Nothing was touched.
+ *     holds it, or serves the domain and user in any case of the letters; or a service of any
+ *     process has it. Nothing was touched.
  *   - 38: the path is too long
  *   - other codes: the move or the removal failed. The code of the move is returned even when the
  *     directory was then deleted in place, so look whether it is there before you try again.

@@ -4,6 +4,9 @@
 
 #include "ox_errno.h"
 #include "tnw_call.h"
+#include "tnw_start.h"
+
+ox_u32 tnw_start_limit_ms = 60000;
 
 int tnw_set_answer_limit(void* drvhdl, ox_u32 milliseconds) {
   if (drvhdl == nullptr) {

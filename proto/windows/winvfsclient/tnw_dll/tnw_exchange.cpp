@@ -2,8 +2,25 @@
 
 #include <cstring>
 
+#include "ox_tpool_internal.h"
 #include "ox_uuid.h"
 #include "tn_util.h"
+
+namespace {
+
+constexpr DWORD LOOK_MS = 1000;
+
+/* A job that was queued when no thread could be started has nobody who runs it: then the wait ends
+ * with its error number. */
+int wait_for_job(ox_tpool_t* pool, const tnw_evwi* wi) {
+  int err = 0;
+  while (err == 0 && WaitForSingleObject(wi->ev_hdl, LOOK_MS) == WAIT_TIMEOUT) {
+    err = ox_tpool_look_after_job(pool, wi);
+  }
+  return err;
+}
+
+}  // namespace
 
 void tnw_create_evtwi(tnw_evwi* emsg, tnv_msg* msg, tnv_resp* resp, int len) {
   if (msg != nullptr) {
@@ -23,10 +40,10 @@ int tnw_run_job(tnw_tninstance* tni, ox_job_func_t job, tnw_evwi* wi) {
   if (wi->ev_hdl == nullptr) {
     return static_cast<int>(winerr2unixerr(GetLastError()));
   }
-  const int err = job == tnw_async_send_msg ? tnw_queue_work(tni->tni_tpool, wi)
-                                            : ox_queue_work(tni->tni_tpool, nullptr, job, wi);
+  int err = job == tnw_async_send_msg ? tnw_queue_work(tni->tni_tpool, wi)
+                                      : ox_queue_work(tni->tni_tpool, nullptr, job, wi);
   if (err == 0) {
-    WaitForSingleObject(wi->ev_hdl, INFINITE);
+    err = wait_for_job(tni->tni_tpool, wi);
   }
   CloseHandle(wi->ev_hdl);
   return err;

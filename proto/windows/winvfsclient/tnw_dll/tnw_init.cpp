@@ -2,7 +2,6 @@
 
 #include <winsock2.h>
 
-#include <shlobj.h>
 #include <cstdio>
 #include <cstring>
 
@@ -54,8 +53,8 @@ void copy_texts(const tnw_tninit* init, InitTexts* texts) {
 
 /* Makes the folder of the log, and opens the log. Its path is never cut. */
 int open_log(const char* logdir) {
-  const int made = SHCreateDirectoryExA(nullptr, logdir, nullptr);
-  if (made != 0 && made != ERROR_ALREADY_EXISTS) {
+  const int made = tnw_make_folder(logdir);
+  if (made != 0) {
     return TNW_REFUSE(made, nullptr, made, "Failed to create dir %s", logdir);
   }
   char path[OX_MAXPATH_LEN + 16];
@@ -122,7 +121,11 @@ tnw_drive_handle* join_instance(const Start& s, tnw_tninstance* tni) {
 }
 
 int start_service(Start* s) {
-  int code = tnw_setup_tn_device_id(s->texts.domain, s->texts.username, s->init->tnw_tn_device_id);
+  int code = tnw_check_texts(s->init); /* the first attempt's check stopped nothing but itself */
+  if (code != 0) {
+    return code;
+  }
+  code = tnw_setup_tn_device_id(s->texts.domain, s->texts.username, s->init->tnw_tn_device_id);
   if (code != 0) {
     return TNW_REFUSE(code, nullptr, code, "Failed to set-get TN device id from registry");
   }
@@ -142,6 +145,7 @@ int connect_service(Start* s) {
   if (code != 0) {
     return TNW_REFUSE(code, nullptr, code, "Cannot create thread pool");
   }
+  s->tni->tni_watch.tw_limit_ms = tnw_start_limit_ms;
   vfs_handle* vh = tnw_connection(s->tni, 0);
   code = tnw_tp_init_vfshandle(s->tni, s->texts.sharepath, s->texts.drive_id);
   if (code != 0) {
@@ -156,6 +160,7 @@ int connect_service(Start* s) {
   if (code != 0) {
     return TNW_REFUSE(code, vh, code, "Failed to allocate fd table.");
   }
+  s->tni->tni_watch.tw_limit_ms = 0;
   return 0;
 }
 
@@ -222,7 +227,7 @@ tnw_drive_handle* start_with_retries(Start* s) {
 }
 
 tnw_drive_handle* first_attempt(Start* s) {
-  if (open_log(s->texts.logdir) != 0 || open_libraries(s) != 0) {
+  if (tnw_check_texts(s->init) != 0 || open_log(s->texts.logdir) != 0 || open_libraries(s) != 0) {
     return nullptr;
   }
   tnw_tninstance* running = tnw_find_tn_instance(s->texts.domain, s->texts.username);

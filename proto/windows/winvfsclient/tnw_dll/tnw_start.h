@@ -14,6 +14,11 @@
  * that needs the empty fields fails.
  */
 int tnw_fill_tninstance(const tnw_tninit* tninit, tnw_tninstance* tni);
+/* 0, or 1113 after a line when a text of the record that a path is made of is no text of the
+ * process's code page: the system would take it for another path. */
+int tnw_check_texts(const tnw_tninit* tninit);
+/* Makes a folder and those above it: 0, also when it is there, or a Windows error. */
+int tnw_make_folder(const char* path);
 /* Composes a user's cache directory; false when it was cut. */
 bool tnw_compose_cachedir(const char (&workdir)[5000], const char (&domain)[51],
                           const char (&username)[64], char (&cachedir)[5000]);
@@ -52,6 +57,15 @@ tnw_tninstance* tnw_tnstart(const tnw_tninit* tninit, int* err);
 int tnw_tnstop(tnw_tninstance* tni);
 /* Ends the service's process after a start that failed, and closes its handles. */
 void tnw_terminate_service(vfs_handle* vh, PROCESS_INFORMATION* process);
+
+/* tnw_answer_limit.cpp */
+
+/*
+ * How long a service may be silent while a start shakes hands with it: as long as it may take to be
+ * ready. A start holds tnw_glock, and its caller cannot set a limit before there is a drive. Only
+ * tests change it.
+ */
+extern ox_u32 tnw_start_limit_ms;
 
 /* tnw_connections.cpp */
 
