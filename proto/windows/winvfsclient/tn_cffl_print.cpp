@@ -95,11 +95,12 @@ ox_u64 hash_slots(const cfs_cffl* cffl) {
 
 void print_hash_table(const cfs_cffl* cffl) {
   printf("count  hashval   next prev cfp_offset\t sha256\n");
-  const char* table = reinterpret_cast<const char*>(cffl) + cffl->cfh_head.cf_ihtoff;
+  const char* list = reinterpret_cast<const char*>(cffl);
+  const ox_u64 table = cffl->cfh_head.cf_ihtoff; /* may lead anywhere, unless there are slots */
   const ox_u64 count = hash_slots(cffl);
   for (ox_u64 i = 0; i < count; i++) {
     cfs_cffl_hash slot;
-    memcpy(&slot, table + i * sizeof(slot), sizeof(slot));
+    memcpy(&slot, list + table + i * sizeof(slot), sizeof(slot));
     printf("%d\t%d\t%d\t%d\t%d\t", static_cast<int>(i), slot.cfh_hashvalue,
            static_cast<int>(slot.cfh_next), static_cast<int>(slot.cfh_prev),
            static_cast<int>(slot.cfh_offset));

@@ -53,6 +53,7 @@ void tn_cfp2fi(tnw_fileinfo* fi, const cfs_path* cfp) {
   ox_uuid_unparse(cfp->mp_id.id, fi->fi_id);
   copy_name(fi->fi_name, sizeof fi->fi_name, cfp);
   if (!folder) {
-    checksum_text(fi->fi_cksum, sizeof fi->fi_cksum, cfp->mp_checksum);
+    const cfs_cksum checksum = cfp->mp_checksum; /* the entry may be at an odd address */
+    checksum_text(fi->fi_cksum, sizeof fi->fi_cksum, checksum);
   }
 }

@@ -3,7 +3,6 @@
  * service.
  */
 
-#include <shlobj.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -123,8 +122,8 @@ int check_service_pid_file(const tnw_tninstance* tni, tnw_tninit* tninit) {
 }
 
 int check_filled(const tnw_tninstance* tni, tnw_tninit* tninit) {
-  const int made = SHCreateDirectoryExA(nullptr, tni->tni_cachedir, nullptr);
-  if (made != 0 && made != ERROR_ALREADY_EXISTS) {
+  const int made = tnw_make_folder(tni->tni_cachedir);
+  if (made != 0) {
     return TNW_REFUSE(made, nullptr, made, "Failed to create dir %.*s",
                       TN_FIELD(tni->tni_cachedir));
   }

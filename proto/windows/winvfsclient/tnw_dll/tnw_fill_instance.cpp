@@ -1,5 +1,8 @@
 /* Names and paths of a service instance, from the start-up record. */
 
+#include <winsock2.h>
+
+#include <shlobj.h>
 #include <cstdio>
 #include <cstring>
 
@@ -104,6 +107,44 @@ int tnw_fill_tninstance(const tnw_tninit* tninit, tnw_tninstance* tni) {
                        tni->tni_cachedir);
   copy_fields(tninit, tni);
   return compose_socket_path(tni);
+}
+
+int tnw_check_texts(const tnw_tninit* tninit) {
+  const struct {
+    const char* what;
+    int size;
+    const char* text;
+  } texts[] = {
+      {"user name", TN_FIELD(tninit->tnw_username)},
+      {"domain", TN_FIELD(tninit->tnw_domain)},
+      {"work directory", TN_FIELD(tninit->tnw_workdir)},
+      {"socket directory", TN_FIELD(tninit->tnw_uds_workdir)},
+      {"workgroup id", TN_FIELD(tninit->tnw_workgroup_id)},
+      {"log directory", TN_FIELD(tninit->tnw_logdir)},
+      {"service program", TN_FIELD(tninit->tnw_binpath)},
+      {"cloud address", TN_FIELD(tninit->tnw_api_addr)},
+  };
+  for (const auto& [what, size, text] : texts) {
+    if (size != 0 &&
+        MultiByteToWideChar(CP_ACP, MB_ERR_INVALID_CHARS, text, size, nullptr, 0) == 0) {
+      return TNW_REFUSE(ERROR_NO_UNICODE_TRANSLATION, nullptr, ERROR_NO_UNICODE_TRANSLATION,
+                        "The %s is no text of code page %u: %.*s", what, GetACP(), size, text);
+    }
+  }
+  return 0;
+}
+
+/*
+ * The system makes no folder whose path has 248 characters or more. Wine cuts such a path, and
+ * makes another folder.
+ */
+int tnw_make_folder(const char* path) {
+  constexpr int TOO_LONG = 248 + 1; /* with its NUL */
+  if (MultiByteToWideChar(CP_ACP, 0, path, -1, nullptr, 0) >= TOO_LONG) {
+    return ERROR_FILENAME_EXCED_RANGE;
+  }
+  const int made = SHCreateDirectoryExA(nullptr, path, nullptr);
+  return made == ERROR_ALREADY_EXISTS ? 0 : made;
 }
 
 bool tnw_compose_cachedir(const char (&workdir)[5000], const char (&domain)[51],

@@ -1,4 +1,4 @@
-/* tnw_purge_cache: deletes a user's cache directory while no service of this process uses it. */
+/* tnw_purge_cache: deletes a user's cache directory while no service uses it. */
 
 #include <cerrno>
 #include <cstdio>
@@ -7,6 +7,7 @@
 #include "ox_assert.h"
 #include "ox_dirtree.h"
 #include "ox_errno.h"
+#include "ox_lock.h"
 #include "ox_platform.h"
 #include "ox_util.h"
 #include "tn_text.h"
@@ -92,10 +93,26 @@ int remove_cache(const Purge& p) {
   return remove_in_place(p, 0);
 }
 
+/*
+ * Whether some service has the cache: one of another process, or one that still writes files back
+ * although its last drive is gone. It keeps its pid file locked as long as it runs.
+ */
+bool is_held(const Purge& p) {
+  char path[CACHEDIR_SIZE + 16];
+  snprintf(path, sizeof path, "%s/tarnd_pid", p.cachedir);
+  const int fd = ox_creat(path, OX_O_RDONLY, 0644); /* ox_open would log that it is missing */
+  if (fd < 0) {
+    return false;
+  }
+  const bool held = ox_flock(fd, LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY) != 0;
+  ox_close(fd);
+  return held;
+}
+
 /* The caller holds tnw_glock, so no service starts meanwhile. */
 int purge_unless_running(const Purge& p) {
   OX_ASSERT_HELD(&tnw_glock);
-  if (!tnw_is_cache_in_use(p.domain, p.username, p.cachedir)) {
+  if (!tnw_is_cache_in_use(p.domain, p.username, p.cachedir) && !is_held(p)) {
     return remove_cache(p);
   }
   return TNW_REFUSE(OX_EBUSY, nullptr, OX_EBUSY,
