@@ -47,7 +47,7 @@ struct CloudResult {
   static CloudResult of(CloudCode code);
   static CloudResult refused(int error) { return {CloudCode::REFUSED, error}; }
   static CloudResult busy(std::chrono::milliseconds pause) {
-    return {CloudCode::BUSY, OX_EAGAIN, pause};
+    return {CloudCode::BUSY, OX_EBUSY, pause};
   }
 };
 

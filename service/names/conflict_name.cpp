@@ -9,6 +9,8 @@ namespace tarnd {
 namespace {
 
 constexpr const char* MARK = " (conflict of ";
+/* What is longer than this tells no kind of file, and if it were cut it might end in a blank. */
+constexpr size_t LONGEST_END = 32;
 
 /* What a name may hold of a text that was not meant to be one. */
 std::string clean(std::string text) {
@@ -16,7 +18,7 @@ std::string clean(std::string text) {
     return c < 0x20 ||
            std::string_view("/\\:*?\"<>|").find(static_cast<char>(c)) != std::string_view::npos;
   });
-  return text.substr(0, 64);
+  return text;
 }
 
 }  // namespace
@@ -26,8 +28,8 @@ std::string conflict_name(const std::string& path, const std::string& user, cons
   const size_t start = path.rfind('/') + 1;
   const std::string name = path.substr(start);
   const size_t dot = name.rfind('.');
-  const bool has_end = dot != std::string::npos && dot != 0;
-  const std::string end = has_end ? cut_utf8(name.substr(dot), 32) : "";
+  const bool has_end = dot != std::string::npos && dot != 0 && name.size() - dot <= LONGEST_END;
+  const std::string end = has_end ? name.substr(dot) : "";
   std::string stem = has_end ? name.substr(0, dot) : name;
   stem = stem.substr(0, stem.find(MARK));
   const std::string mark = MARK + cut_utf8(clean(user), 64) + ' ' + date +

@@ -20,14 +20,11 @@ constexpr size_t INFOS_AT_ONCE = 256; /* 300 KiB */
 
 bool is_stopping(vfs_handle* vh) { return static_cast<const Service*>(vh->vfs_private)->stopping; }
 
-size_t words_for(size_t bytes) { return (bytes + sizeof(uint64_t) - 1) / sizeof(uint64_t); }
-
 }  // namespace
 
 Connection::Connection(Service& service, uint64_t number, int socket)
     : session_{.service = service, .number = number, .share = {}, .client = {}},
-      reader_(static_cast<uint64_t>(socket), service.stopping),
-      storage_(words_for(TNV_MSG_FIXED)) {
+      reader_(static_cast<uint64_t>(socket), service.stopping) {
   vh_.vfs_fd = socket;
   vh_.vfs_private = &service;
   vh_.vfs_is_exiting = is_stopping;
@@ -58,25 +55,22 @@ bool Connection::broken(int err) {
 
 /* The header first: its length decides how much there is to read. A secret is not dumped. */
 bool Connection::read_request() {
-  storage_.resize(words_for(TNV_MSG_FIXED));
-  std::fill(storage_.begin(), storage_.end(), 0);
-  if (!reader_.take(storage_.data(), sizeof(tnv_msghdr))) {
+  Request request(&storage_);
+  request.clear();
+  if (!reader_.take(request.msg(), sizeof(tnv_msghdr))) {
     return false;
   }
   clock_gettime(CLOCK_REALTIME, &vh_.vfs_curmsg_ts);
-  tnv_debug_dump_msg(reinterpret_cast<char*>(storage_.data()), sizeof(tnv_msghdr));
-  const size_t length = Request(&storage_)->hdr.hdr_len;
-  if (length < TNV_MSG_FIXED || length > MAX_REQUEST) {
+  tnv_debug_dump_msg(reinterpret_cast<char*>(request.msg()), sizeof(tnv_msghdr));
+  if (!request.make_room()) {
     refuse_length();
     return false;
   }
-  storage_.resize(words_for(length));
-  char* rest = reinterpret_cast<char*>(storage_.data()) + sizeof(tnv_msghdr);
-  if (!reader_.take(rest, length - sizeof(tnv_msghdr))) {
+  if (!reader_.take(request.rest(), request.rest_size())) {
     return false;
   }
-  if (!Request(&storage_).has_secret()) {
-    tnv_debug_dump_msg(rest, static_cast<int>(length - sizeof(tnv_msghdr)));
+  if (!request.has_secret()) {
+    tnv_debug_dump_msg(request.rest(), static_cast<int>(request.rest_size()));
   }
   return true;
 }

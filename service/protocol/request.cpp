@@ -4,6 +4,22 @@
 #include <cstring>
 
 namespace tarnd {
+namespace {
+
+size_t words_for(size_t bytes) { return (bytes + sizeof(uint64_t) - 1) / sizeof(uint64_t); }
+
+}  // namespace
+
+void Request::clear() { storage_->assign(words_for(TNV_MSG_FIXED), 0); }
+
+bool Request::make_room() {
+  const size_t length = msg()->hdr.hdr_len;
+  if (length < TNV_MSG_FIXED || length > MAX_REQUEST) {
+    return false;
+  }
+  storage_->resize(words_for(length));
+  return true;
+}
 
 bool Request::texts(std::initializer_list<int64_t> lengths, std::vector<std::string>* texts) const {
   const char* next = tnv_msg_payload(msg());

@@ -16,14 +16,25 @@ namespace tarnd {
 /* The longest request: two paths of 32767 UTF-16 units in UTF-8, and some room. */
 inline constexpr size_t MAX_REQUEST = TNV_MSG_FIXED + 256 * 1024;
 
-/* Whole: hdr_len bytes, between TNV_MSG_FIXED and MAX_REQUEST. */
+/*
+ * A request in the memory into which it is received: its header first, and once there is room for
+ * it, the rest. From then on it has hdr_len bytes, between TNV_MSG_FIXED and MAX_REQUEST.
+ */
 class Request {
  public:
   explicit Request(std::vector<uint64_t>* storage) : storage_(storage) {}
 
+  /* Forgets an earlier request: the fixed part is zero. */
+  void clear();
+  /* Makes room for all that the header tells of. False when no request has this length. */
+  bool make_room();
+
   tnv_msg* msg() const { return reinterpret_cast<tnv_msg*>(storage_->data()); }
   const tnv_msg& operator*() const { return *msg(); }
   const tnv_msg* operator->() const { return msg(); }
+  /* What follows the header. */
+  char* rest() const { return reinterpret_cast<char*>(msg()) + sizeof(tnv_msghdr); }
+  size_t rest_size() const { return msg()->hdr.hdr_len - sizeof(tnv_msghdr); }
 
   /*
    * The trailing texts, whose lengths without their NULs are given: each must end where it says,

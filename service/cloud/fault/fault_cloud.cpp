@@ -65,7 +65,7 @@ void FaultCloud::load_again_locked(const Guard&) {
 
 bool FaultCloud::strikes_locked(const Guard&, size_t rule, CloudCall kind) {
   const FaultRule& it = script_.rules[rule];
-  if (!it.calls.contains(kind)) {
+  if (!it.calls.contains(kind) || !it.holds_at(std::chrono::system_clock::now())) {
     return false;
   }
   const uint64_t asked = ++asked_[rule];

@@ -56,6 +56,23 @@ bool parse_when(const std::string& text, FaultRule* rule) {
   return parse_number(text, &rule->chance) && rule->chance >= 0 && rule->chance <= 1;
 }
 
+bool parse_seconds(std::string_view text, std::chrono::seconds* seconds) {
+  uint32_t number = 0;
+  const bool fine = parse_number(text, &number);
+  *seconds = std::chrono::seconds(number);
+  return fine;
+}
+
+/* "20-30/60". */
+bool parse_window(std::string_view text, FaultRule* rule) {
+  const size_t dash = std::min(text.find('-'), text.size());
+  const size_t slash = std::min(text.find('/', dash), text.size());
+  return slash < text.size() && parse_seconds(text.substr(0, dash), &rule->from) &&
+         parse_seconds(text.substr(dash + 1, slash - dash - 1), &rule->to) &&
+         parse_seconds(text.substr(slash + 1), &rule->period) && rule->from < rule->to &&
+         rule->to <= rule->period;
+}
+
 bool parse_calls(const std::string& text, std::set<CloudCall>* calls) {
   std::istringstream names(text);
   for (std::string name; std::getline(names, name, ',');) {
@@ -93,6 +110,11 @@ bool parse_setting(const Words& words, FaultScript* script) {
 }
 
 bool parse_rule(const Words& words, FaultScript* script) {
+  if (words[0] == "at") {
+    const size_t rules = script->rules.size();
+    return words.size() > 2 && parse_rule({words.begin() + 2, words.end()}, script) &&
+           script->rules.size() > rules && parse_window(words[1], &script->rules.back());
+  }
   const auto fault = std::find_if(FAULTS.begin(), FAULTS.end(),
                                   [&](const FaultName& name) { return name.name == words[0]; });
   if (fault == FAULTS.end()) {
@@ -102,6 +124,14 @@ bool parse_rule(const Words& words, FaultScript* script) {
 }
 
 }  // namespace
+
+bool FaultRule::holds_at(std::chrono::system_clock::time_point time) const {
+  if (period.count() == 0) {
+    return true;
+  }
+  const auto now = time.time_since_epoch() % period;
+  return from <= now && now < to;
+}
 
 bool parse_fault_script(const std::string& text, FaultScript* script, std::string* error) {
   *script = {};

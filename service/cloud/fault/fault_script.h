@@ -14,6 +14,12 @@
  *   short CALLS WHEN       reads hand out a part of the bytes, and say OK
  *   offline CALLS WHEN MS  the cloud goes offline with this call, for so long, for all calls
  *
+ * "at FROM-TO/PERIOD" before a rule makes it hold only in a part of each period: seconds, as the
+ * system's clock counts them since 1970. So the weather goes on where it was when a service is
+ * started anew. For example, offline for ten seconds of each minute:
+ *
+ *   at 20-30/60 offline all 1 100
+ *
  * CALLS is "all", or names of calls separated by ',': status list read put patch rename remove
  * make_folder. WHEN is a chance between 0 and 1, as in 0.05, or "#N" for the Nth of these calls
  * alone. With reads, "changed" and "short" mean each piece of a content where others mean a call.
@@ -41,6 +47,12 @@ struct FaultRule {
   std::chrono::milliseconds least{0};
   /* `least` to `most` is the time that the fault takes, if it takes time. */
   std::chrono::milliseconds most{0};
+  /* It holds from `from` to `to` of each `period`; without one it always does. */
+  std::chrono::seconds from{0};
+  std::chrono::seconds to{0};
+  std::chrono::seconds period{0};
+
+  bool holds_at(std::chrono::system_clock::time_point time) const;
 };
 
 struct FaultScript {
