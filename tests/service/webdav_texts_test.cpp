@@ -49,31 +49,10 @@ TEST_P(WebdavTexts, AreAsServersWriteThem) { play(GetParam(), commands_); }
 INSTANTIATE_TEST_SUITE_P(All, WebdavTexts, testing::ValuesIn(script_cases("webdav_texts")),
                          case_name);
 
-/* Every name of the cloud has one name that Windows holds, and comes back from it. */
-TEST(NameSpelling, IsReversibleForAllNames) {
-  std::vector<std::string> names = {"plain",        "a:b",      "end.",         "end ",
-                                    "..x",          "aux",      "COM1.txt",     "NUL",
-                                    "\xef\x80\xba", "\xff\xfe", "\xed\xa0\x80", "caf\xc3\xa9"};
-  for (int byte = 1; byte < 256; byte++) {
-    if (byte != '/') {
-      names.push_back(std::string(1, static_cast<char>(byte)) + "x");
-      names.push_back("x" + std::string(1, static_cast<char>(byte)));
-    }
-  }
-  std::set<std::string> spelled;
-  for (const std::string& name : names) {
-    const std::string shown = spelled_for_windows(name);
-    EXPECT_EQ(check_name(shown), 0) << testing::PrintToString(name);
-    EXPECT_EQ(spelled_for_cloud(shown), name);
-    EXPECT_EQ(spelled_for_cloud(spelled_apart(name)), name);
-    EXPECT_TRUE(is_spelling_of_new_name(shown));
-    spelled.insert(shown);
-  }
-  EXPECT_EQ(spelled.size(), std::set<std::string>(names.begin(), names.end()).size());
-  for (const char* trick : {"\xef\x80\xae", "\xef\x80\xae\xef\x80\xae",
-                            "a\xef\x80\xaf"
-                            "b"}) {
-    EXPECT_EQ(spelled_for_cloud(trick), trick) << "names no other folder";
+/* Names of any bytes are spelled and come back in texts_fuzz.cpp. */
+TEST(NameSpelling, NeverLeadsToAnotherFolder) {
+  for (const char* trick : {"\xef\x80\xae", "\xef\x80\xae\xef\x80\xae", "a\xef\x80\xaf-b"}) {
+    EXPECT_EQ(spelled_for_cloud(trick), trick);
     EXPECT_FALSE(is_spelling_of_new_name(trick));
   }
 }

@@ -1,9 +1,9 @@
 #include "report.h"
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <chrono>
 
 namespace tnwlog {
 namespace {
@@ -14,8 +14,10 @@ std::string milliseconds(int64_t micros) {
 
 /* "14:21:52.589" */
 std::string time_text(int64_t time) {
-  const std::chrono::sys_seconds second{std::chrono::seconds(time / 1000)};
-  return fmt::format("{:%H:%M:%S}.{:03}", second, time % 1000);
+  const std::chrono::milliseconds since{time};
+  const std::chrono::hh_mm_ss day(since - std::chrono::floor<std::chrono::days>(since));
+  return fmt::format("{:02}:{:02}:{:02}.{:03}", day.hours().count(), day.minutes().count(),
+                     day.seconds().count(), day.subseconds().count());
 }
 
 std::string_view id_text(const Request& request) {
