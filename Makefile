@@ -25,6 +25,7 @@ test_sanitized = $(call configure,$(1)); $(call build,$(1)); \
 
 # What the demonstration runs; the tests' libraries are not waited for.
 DEMO_TARGETS := tnw tarnd tnwsh ws2_32_wine afunix_probe
+SOAK_TARGETS := tnw tarnd soak_test ws2_32_wine afunix_probe
 PROGRAMS := $(DEMO_TARGETS) tnwdav tnwlog cfflprint first_drive
 DIST_TARGETS := package_files ws2_32_wine afunix_probe
 # What the benchmarks run, for Windows and for this machine. Both want BENCHMARK_SOURCE.
@@ -35,8 +36,8 @@ configure_bench = tools/benchmark-source >/dev/null; \
 needs = tools/install-packages --check $(1)
 OWN_CODE = git ls-files -co --exclude-standard -- '*.cpp' '*.h' '*.c'
 
-.PHONY: help demo test programs test-slow bench bench-peer bench-build bench-cloud build host-build host-test \
-        format check-format tidy \
+.PHONY: help demo test programs test-slow soak bench bench-peer bench-build bench-cloud build \
+        host-build host-test fuzz ubsan-test format check-format tidy \
         dist check-dist check check-docs check-page reference lines clean packages needed-packages \
         cross-prefix
 
@@ -70,6 +71,12 @@ programs: cross-prefix ## Builds the DLL and the programs, without the tests
 test-slow: build ## Runs the tests that take minutes
 	@ctest --preset windows-slow
 
+soak: cross-prefix ## Eight threads over a cloud whose weather changes (T=SECONDS SEED=N)
+	@$(call configure,windows)
+	@$(call build,windows,$(SOAK_TARGETS))
+	@WINE_RUN_ALONE=1 TNW_SOAK_SECONDS=$(or $(T),1200) $(if $(SEED),TNW_SOAK_SEED=$(SEED)) \
+	  tools/wine-run build/windows/bin/soak_test.exe
+
 host-build: needed-packages
 	@$(call configure,host)
 	@$(call build,host)
@@ -77,6 +84,17 @@ host-build: needed-packages
 host-test: needed-packages ## Runs the tests of the portable modules with sanitizers
 	@$(call test_sanitized,host-asan)
 	@$(call test_sanitized,host-tsan)
+
+fuzz: needed-packages ## Gives our readers arbitrary bytes, T=60 seconds each
+	@$(call needs,fuzz)
+	@$(call configure,host-fuzz)
+	@$(call build,host-fuzz,fuzz_targets)
+	@tools/fuzz $(or $(T),60)
+
+ubsan-test: cross-prefix ## Runs the Windows tests, stopping at undefined behaviour
+	@$(call configure,windows-ubsan)
+	@$(call build,windows-ubsan)
+	@ctest --preset windows-ubsan
 
 check: ## Runs all that the continuous integration runs: over an hour
 	@$(call needs,check)

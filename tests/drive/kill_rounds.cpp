@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <chrono>
 #include <optional>
 #include <random>
 #include <thread>
@@ -48,6 +49,8 @@ class Worker {
       for (;;) {
         if (thread < 4) {
           write_file(thread + 4 * below(KILL_FILES / 4));
+        } else if (thread < 6 && below(8) == 0) {
+          list_folder(thread % KILL_FOLDERS);
         } else if (thread < 6) {
           read_file(below(KILL_FILES));
         } else {
@@ -83,9 +86,40 @@ class Worker {
     throw Ended();
   }
 
+  void note_call(std::chrono::steady_clock::time_point begin) {
+    using std::chrono::duration_cast, std::chrono::milliseconds;
+    const auto took = duration_cast<milliseconds>(std::chrono::steady_clock::now() - begin);
+    notes_.calls++;
+    if (const auto ms = static_cast<size_t>(took.count()); ms > notes_.worst_ms) {
+      notes_.worst_ms = ms; /* of two at once the shorter may stay: it is only shown */
+    }
+  }
+
+  /* What a call answers; in bad weather, when that has passed. */
+  template <typename Call>
+  int answer(Call call) {
+    for (;;) {
+      const auto begin = std::chrono::steady_clock::now();
+      const int code = call();
+      note_call(begin);
+      const bool passes = code == ERROR_IO_DEVICE || code == ERROR_BUSY;
+      if (!passes || !notes_.weather || notes_.killing) {
+        return code;
+      }
+      Sleep(50);
+    }
+  }
+
   /* Others may hold the file, or have renamed it just now. */
-  bool is_open(const DriveFile& file) {
-    const int code = file.error();
+  bool is_open(std::optional<DriveFile>& file, int number, OpenHow how) {
+    const int code = answer([&] {
+      file.emplace(drive_, path_of(number), how);
+      return file->error();
+    });
+    if (code == 0) {
+      const std::lock_guard guard(notes_.lock);
+      notes_.handles.insert(file->handle());
+    }
     expect(code == 0 || code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND ||
                code == ERROR_SHARING_VIOLATION,
            "open", code);
@@ -103,21 +137,21 @@ class Worker {
       const size_t off = piece * KILL_PIECE;
       const std::string part = after.substr(off, KILL_PIECE);
       if (before.compare(std::min(off, before.size()), KILL_PIECE, part) != 0) {
-        const int code = (piece % 2 == 0 ? one : other).write(off, part);
+        const int code = answer([&] { return (piece % 2 == 0 ? one : other).write(off, part); });
         expect(code == 0, "write", code);
       }
     }
-    const int code =
-        before.size() <= after.size()
-            ? 0
-            : tnw_setfilesize(one.handle(), static_cast<ox_u32>(after.size()), 0, nullptr);
-    expect(code == 0, "resize", code);
+    if (before.size() > after.size()) {
+      const ox_u32 size = static_cast<ox_u32>(after.size());
+      const int code = answer([&] { return tnw_setfilesize(one.handle(), size, 0, nullptr); });
+      expect(code == 0, "resize", code);
+    }
     return version;
   }
 
   void close(DriveFile& open, KillFile& file, int version) {
     file.asked = version;
-    const int code = open.close();
+    const int code = answer([&] { return open.close(); });
     expect(code == 0, "close", code);
     file.closed = version;
   }
@@ -133,18 +167,15 @@ class Worker {
                                         : anew           ? TNW_DISP_OVERWRITE
                                                          : TNW_DISP_OPEN,
                          .share = below(2) == 0 ? ox_u32{SHARE_ALL} : ox_u32{FILE_SHARE_DELETE}};
-    DriveFile one(drive_, path_of(number), how);
-    if (!is_open(one)) {
+    std::optional<DriveFile> one;
+    std::optional<DriveFile> two;
+    if (!is_open(one, number, how)) {
       return;
     }
-    std::optional<DriveFile> two;
-    if (!anew && how.share == SHARE_ALL) {
-      two.emplace(drive_, path_of(number), how);
-    }
-    const bool both = two && is_open(*two);
+    const bool both = !anew && how.share == SHARE_ALL && is_open(two, number, how);
     const int version =
-        write_version(one, both ? *two : one, number, anew ? 0 : file.closed.load());
-    close(one, file, version);
+        write_version(*one, both ? *two : *one, number, anew ? 0 : file.closed.load());
+    close(*one, file, version);
     if (both) {
       close(*two, file, write_version(*two, *two, number, version));
     }
@@ -152,26 +183,58 @@ class Worker {
 
   void read_file(int number) {
     const int least = notes_.files[number].closed;
-    const std::string path = path_of(number);
-    DriveFile open(drive_, path,
-                   {.access = TNW_ACC_READ, .share = FILE_SHARE_READ | FILE_SHARE_DELETE});
-    if (!is_open(open)) {
+    std::optional<DriveFile> open;
+    if (!is_open(open, number,
+                 {.access = TNW_ACC_READ, .share = FILE_SHARE_READ | FILE_SHARE_DELETE})) {
       return;
     }
     std::string text;
+    const auto read = [&] {
+      int code = 0;
+      text += open->read(text.size(), 10'000, &code);
+      return code;
+    };
     int code = 0;
     while (code == 0) {
-      text += open.read(text.size(), 10'000, &code);
+      code = answer(read);
     }
     int file = -1;
     int version = -1;
     const bool right = begins_like(text, &file, &version) && version >= least &&
                        version <= notes_.files[number].asked && text == content_of(number, version);
     expect(right && code == ERROR_HANDLE_EOF,
-           "read of " + path + ", which had version " + std::to_string(least) + ", to " +
-               std::to_string(text.size()) + " bytes of version " + std::to_string(version),
+           "read of " + std::to_string(number) + ", which had version " + std::to_string(least) +
+               ", to " + std::to_string(text.size()) + " bytes of version " +
+               std::to_string(version),
            code);
-    expect(open.close() == 0, "close of a reader", 0);
+    code = answer([&] { return open->close(); });
+    expect(code == 0, "close of a reader", code);
+  }
+
+  void list_folder(int folder) {
+    int code = 0;
+    code = answer([&] {
+      drive_.list(kill_folder(folder, notes_.folders[folder].now), &code);
+      return code;
+    });
+    expect(
+        code == ERROR_NO_MORE_FILES || code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND,
+        "list", code);
+  }
+
+  /* In bad weather a rename may have been carried out although it seemed to fail. */
+  int rename(const std::string& from, const std::string& to) {
+    bool again = false;
+    const auto call = [&] {
+      int code = tnw_rename(drive_.drive, from.c_str(), to.c_str(), "test");
+      tnw_fileinfo info;
+      if (again && code == ERROR_FILE_NOT_FOUND) {
+        code = tnw_getfileinfo(drive_.drive, to.c_str(), &info, "test");
+      }
+      again = again || code == ERROR_IO_DEVICE;
+      return code == ERROR_BUSY && !again ? ERROR_SHARING_VIOLATION : code;
+    };
+    return answer(call);
   }
 
   void rename_one(int folder) {
@@ -184,10 +247,9 @@ class Worker {
       return whole ? kill_folder(folder, at) : kill_path(file, above, at);
     };
     place.next = 1 - now;
-    const int code = tnw_rename(drive_.drive, name(now).c_str(), name(1 - now).c_str(), "test");
-    expect(code == 0 || code == ERROR_FILE_NOT_FOUND || code == ERROR_SHARING_VIOLATION ||
-               code == ERROR_BUSY,
-           "rename", code);
+    const int code = rename(name(now), name(1 - now));
+    expect(code == 0 || code == ERROR_FILE_NOT_FOUND || code == ERROR_SHARING_VIOLATION, "rename",
+           code);
     place.now = place.next = code == 0 ? 1 - now : now;
   }
 

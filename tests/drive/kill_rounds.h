@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <set>
 #include <string>
 
 #include "real_drive.h"
@@ -30,6 +31,7 @@ struct KillPlace {
 };
 
 struct KillNotes {
+  bool weather = false; /* the cloud is away now and then: what fails for that is tried again */
   KillFile files[KILL_FILES];
   KillPlace places[KILL_FILES];
   KillPlace folders[KILL_FOLDERS];
@@ -37,6 +39,10 @@ struct KillNotes {
   std::atomic<bool> killed{false};
   std::mutex lock;
   std::string fault; /* the first answer before the kill that was wrong; guarded by `lock` */
+
+  std::atomic<size_t> calls{0};    /* of the library */
+  std::atomic<size_t> worst_ms{0}; /* the longest of them; to be set to 0 by who reads it */
+  std::set<void*> handles;         /* that opens gave; guarded by `lock` */
 };
 
 std::string kill_folder(int folder, int place);

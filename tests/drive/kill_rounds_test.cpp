@@ -15,13 +15,11 @@
 #include <random>
 #include <thread>
 
-#include "kill_rounds.h"
+#include "kill_checks.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr ULONGLONG PATIENCE_MS = 60'000;
 
 class KillRounds : public testing::Test {
  protected:
@@ -30,7 +28,7 @@ class KillRounds : public testing::Test {
     for (int file = 0; file < KILL_FILES / 2; file++) {
       drive_.put(kill_path(file, 0, 0), content_of(file, 1));
     }
-    note_what_is_there();
+    checks_.note_what_is_there();
   }
 
   void play(unsigned seed) {
@@ -52,19 +50,15 @@ class KillRounds : public testing::Test {
     if (power_fails) {
       lose_what_was_not_flushed();
     }
-    ASSERT_EQ(complaint(false, false), "") << "after the kill";
+    ASSERT_EQ(checks_.complaint(false, false), "") << "after the kill";
     for (int kills = below(3); kills > 0; kills--) {
       kill_while_it_recovers();
     }
-    ASSERT_EQ(complaint(false, false), "") << "after kills while it recovers";
+    ASSERT_EQ(checks_.complaint(false, false), "") << "after kills while it recovers";
     ASSERT_TRUE(drive_.start()) << drive_.error;
-    for (const ULONGLONG end = GetTickCount64() + PATIENCE_MS;
-         !complaint(true, !power_fails).empty() && GetTickCount64() < end; Sleep(20)) {
-    }
-    ASSERT_EQ(complaint(true, !power_fails), "") << what_the_services_said();
-    open_every_file();
+    ASSERT_EQ(checks_.complaint_when_settled(!power_fails), "") << checks_.what_the_services_said();
     ASSERT_EQ(drive_.stop(), 0);
-    note_what_is_there();
+    checks_.note_what_is_there();
   }
 
  private:
@@ -96,128 +90,10 @@ class KillRounds : public testing::Test {
     }
   }
 
-  std::string what_the_services_said() const {
-    std::string said;
-    for (const auto& entry : fs::directory_iterator(drive_.folder / "log")) {
-      for (const std::string& line : lines_of(read_file(entry.path()))) {
-        const bool counts =
-            line.find("ERR:") != std::string::npos && line.find("tnv_connio") == std::string::npos;
-        said += counts || line.find("main.cpp") != std::string::npos ? line + '\n' : "";
-      }
-    }
-    return said;
-  }
-
-  /* Where the file is, of the places where it may be. */
-  std::vector<std::string> paths_of(int file) const {
-    std::vector<std::string> found;
-    for (const int way : {0, 1, 2, 3}) {
-      const std::string path = kill_path(file, way / 2, way % 2);
-      const auto allows = [](const KillPlace& place, int at) {
-        return place.now == at || place.next == at;
-      };
-      if (allows(notes_.folders[file % KILL_FOLDERS], way / 2) &&
-          allows(notes_.places[file], way % 2) && fs::exists(drive_.in_cloud(path))) {
-        found.push_back(path);
-      }
-    }
-    return found;
-  }
-
-  /* What is wrong with the cloud; empty when nothing is. `settled`: nothing waits any more. */
-  std::string complaint(bool settled, bool writes_stay) const {
-    for (int file = 0; file < KILL_FILES; file++) {
-      const KillFile& notes = notes_.files[file];
-      const std::vector<std::string> paths = paths_of(file);
-      if (settled && paths.size() != 1 && (notes.closed > 0 || paths.size() > 1)) {
-        return std::to_string(file) + " is there " + std::to_string(paths.size()) + " times";
-      }
-      int version = 0;
-      for (const std::string& path : paths) {
-        version = version_in(file, drive_.get(path));
-        if (version < (settled ? notes.closed.load() : before_[file]) || version > notes.asked) {
-          return path + " is version " + std::to_string(version) + ", was " +
-                 std::to_string(before_[file]) + ", closed " + std::to_string(notes.closed) +
-                 ", asked " + std::to_string(notes.asked);
-        }
-      }
-      if (settled && writes_stay && version != notes.begun && !is_kept_beside(file)) {
-        return std::to_string(notes.written) + " pieces of " + std::to_string(file) + " version " +
-               std::to_string(notes.begun) + " are lost";
-      }
-    }
-    return "";
-  }
-
-  /* -1 when it is not just that. */
-  static int version_in(int number, const std::string& text) {
-    int file = 0;
-    int version = 0;
-    return begins_like(text, &file, &version) && text == content_of(number, version) ? version : -1;
-  }
-
-  static bool is_conflict(const fs::path& path) {
-    return path.filename().string().find("(conflict of ") != std::string::npos;
-  }
-
-  /*
-   * Whether a conflict copy has what was written of the newest version, or the service has kept it
-   * aside: it does so when the client cut the file before the service had that on record.
-   */
-  bool is_kept_beside(int number) const {
-    const std::string written =
-        content_of(number, notes_.files[number].begun)
-            .substr(0, static_cast<size_t>(notes_.files[number].written) * KILL_PIECE);
-    bool kept = written.empty();
-    for (const auto& entry : fs::recursive_directory_iterator(drive_.in_cloud(""))) {
-      kept = kept || (is_conflict(entry.path()) && read_file(entry.path()).starts_with(written));
-    }
-    const fs::path aside = fs::path(cache_dir(drive_.record)) / "files" / "kept";
-    for (const auto& entry : fs::directory_iterator(aside)) {
-      kept = kept || read_file(entry.path()).starts_with(written);
-    }
-    return kept;
-  }
-
-  void open_every_file() {
-    for (int file = 0; file < KILL_FILES; file++) {
-      for (const std::string& path : paths_of(file)) {
-        DriveFile open(drive_, path);
-        ASSERT_EQ(open.error(), 0) << path;
-        EXPECT_EQ(version_in(file, open.read_all()), version_in(file, drive_.get(path))) << path;
-        EXPECT_EQ(open.close(), 0) << path;
-      }
-    }
-  }
-
-  /* The start of a round. */
-  void note_what_is_there() {
-    notes_.killing = notes_.killed = false;
-    for (int file = 0; file < KILL_FILES; file++) {
-      const std::vector<std::string> paths = paths_of(file);
-      KillFile& notes = notes_.files[file];
-      before_[file] = paths.empty() ? 0 : version_in(file, drive_.get(paths[0]));
-      notes.closed = notes.asked = before_[file];
-      notes.begun = std::max(notes.begun.load(), before_[file]);
-      notes.written = 0;
-      notes_.places[file].now = notes_.places[file].next =
-          !paths.empty() && paths[0].ends_with(" moved") ? 1 : 0;
-    }
-    for (int folder = 0; folder < KILL_FOLDERS; folder++) {
-      notes_.folders[folder].now = notes_.folders[folder].next =
-          fs::exists(drive_.in_cloud(kill_folder(folder, 1))) ? 1 : 0;
-    }
-    for (const auto& entry : fs::recursive_directory_iterator(drive_.in_cloud(""))) {
-      if (is_conflict(entry.path())) {
-        fs::remove(entry.path());
-      }
-    }
-  }
-
   RealDrive drive_;
   KillNotes notes_;
+  KillChecks checks_{drive_, notes_};
   std::mt19937 dice_;
-  int before_[KILL_FILES] = {}; /* the versions at the start of the round; 0: no file */
 };
 
 }  // namespace

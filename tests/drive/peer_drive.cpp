@@ -18,14 +18,18 @@ PeerDrive::~PeerDrive() {
   }
 }
 
-void* PeerDrive::start() {
+void PeerDrive::listen() {
   const std::string path = socket_path(record);
   std::error_code failed; /* the start then fails, too */
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), failed);
   if (!peer && !failed && path.size() < 108) {
     peer = std::make_unique<ScriptedPeer>(script, path);
   }
-  SetEnvironmentVariableA("STAND_IN_READY", event_name(path).c_str());
+}
+
+void* PeerDrive::start() {
+  listen();
+  SetEnvironmentVariableA("STAND_IN_READY", event_name(socket_path(record)).c_str());
   drive = init_drive(&record, &error);
   return drive;
 }

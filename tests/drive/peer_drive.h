@@ -18,6 +18,8 @@ class PeerDrive {
 
   /* Starts the client on the record as it stands; the drive handle or null. */
   void* start();
+  /* The peer alone, where there is none yet. */
+  void listen();
   /* The lines of a capture as brief_line has them, one after the other, without what differs from
    * run to run: FOLDER is this drive's folder, "folder" the same in the name of an event. */
   std::string said(const LogCapture& log) const;

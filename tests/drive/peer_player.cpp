@@ -174,12 +174,13 @@ void PeerPlayer::answer(PeerConnection& conn) {
                                    static_cast<ox_u32>(rule.option("length", payload.size())));
   header.rhdr_utxid = rule.option("utxid", 0);
   header.rhdr_tn_unauthd = rule.has("unauthorized") ? 1 : 0;
-  conn.send(rule.options.contains("raw") ? bytes_of_text(rule.options["raw"])
-                                         : bytes_of(header) + payload);
+  Bytes bulk;
   for (tnw_fileinfo entry = {}; entry.fi_size < entries; entry.fi_size++) {
-    conn.send(bytes_of(entry));
+    bulk = std::move(bulk) + bytes_of(entry);
   }
-  conn.send(bytes_of_text(rule.options["then"]));
+  bulk = std::move(bulk) + bytes_of_text(rule.options["then"]);
+  rule.options.contains("raw") ? conn.send(bytes_of_text(rule.options["raw"]) + bulk)
+                               : send_answer(conn, header, payload, bulk);
   rule.has("closes") ? conn.close() : rule.has("resets") ? conn.reset() : void();
 }
 

@@ -31,6 +31,11 @@ class PeerPlayer : public CallPlayer {
 
  protected:
   std::string seen() override;
+  /* For the peer's threads; `bulk` is what follows the record: maps, or entries. */
+  virtual void send_answer(PeerConnection& conn, const tnv_resphdr& header, const Bytes& record,
+                           const Bytes& bulk) {
+    conn.send(bytes_of(header) + record + bulk);
+  }
   std::string expanded(const std::string& text) const override;
   std::string shortened(const std::string& text) override {
     return ids_.numbered(drive_.without_names(text));

@@ -69,7 +69,8 @@ bool RealDrive::start() {
   if (drive == nullptr) {
     return false;
   }
-  const DWORD pid = std::stoul("0" + read_file(cache_dir(record) + "\\tarnd_pid"));
+  const std::string pid_file = cache_dir(record) + "\\tarnd_pid";
+  const DWORD pid = std::stoul("0" + read_file(std::u8string(pid_file.begin(), pid_file.end())));
   service_ = OpenProcess(PROCESS_ALL_ACCESS, FALSE, pid);
   return service_ != nullptr;
 }

@@ -44,25 +44,6 @@ std::string quoted_part(const std::string& line, size_t* at) {
   return whole;
 }
 
-Arguments arguments_of(const std::string& line) {
-  Arguments arguments;
-  for (size_t at = 0; at < line.size();) {
-    const bool is_text = line[at] == '"';
-    std::string word;
-    while (at < line.size() && line[at] != ' ') {
-      word += line[at] == '"' ? quoted_part(line, &at) : line.substr(at++, 1);
-    }
-    const size_t sign = is_text ? std::string::npos : word.find('=');
-    if (sign != std::string::npos) {
-      arguments.options[word.substr(0, sign)] = word.substr(sign + 1);
-    } else {
-      arguments.words.push_back(word);
-    }
-    at = std::min(line.find_first_not_of(' ', at), line.size());
-  }
-  return arguments;
-}
-
 std::string answer_of(const Commands& commands, const std::string& line) {
   Arguments arguments = arguments_of(line);
   const auto command = commands.find(arguments[0]);
@@ -107,6 +88,25 @@ void write_new(const std::string& script, const Answers& answers) {
 }
 
 }  // namespace
+
+Arguments arguments_of(const std::string& line) {
+  Arguments arguments;
+  for (size_t at = 0; at < line.size();) {
+    const bool is_text = line[at] == '"';
+    std::string word;
+    while (at < line.size() && line[at] != ' ') {
+      word += line[at] == '"' ? quoted_part(line, &at) : line.substr(at++, 1);
+    }
+    const size_t sign = is_text ? std::string::npos : word.find('=');
+    if (sign != std::string::npos) {
+      arguments.options[word.substr(0, sign)] = word.substr(sign + 1);
+    } else {
+      arguments.words.push_back(word);
+    }
+    at = std::min(line.find_first_not_of(' ', at), line.size());
+  }
+  return arguments;
+}
 
 bool Arguments::has(const std::string& word) const {
   return std::find(words.begin(), words.end(), word) != words.end();

@@ -70,6 +70,9 @@ struct Commands : std::map<std::string, std::function<std::string(Args)>> {
   }
 };
 
+/* What a line without an answer has behind its command, which is the first word. */
+Arguments arguments_of(const std::string& line);
+
 /* The cases of SCRIPT.txt, for testing::ValuesIn(). */
 std::vector<ScriptCase> script_cases(const std::string& script);
 /* After a wanted change, take over what failing cases leave in SCRIPT.new. */
