@@ -121,6 +121,7 @@ int CachedFile::become_conflict(FileState after) {
   next.path = table_.conflict_path(before);
   next.is_new = true;
   next.moving_to.clear();
+  next.sealed.sent.clear();
   next.state = after;
   if (const int err = write_record(next, Durability::POWER)) {
     return err;
@@ -132,6 +133,7 @@ int CachedFile::become_conflict(FileState after) {
     record_.path = next.path;
     record_.is_new = true;
     record_.moving_to.clear();
+    record_.sealed.sent.clear();
     record_.state = after;
   }
   table_.took_path(*this, before);

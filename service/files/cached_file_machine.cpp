@@ -195,6 +195,7 @@ void CachedFile::seal(FileRecord* record, FileState after, const Work& work) con
   sealed.size = work.size;
   sealed.store = record->store;
   if (record->state.change != Change::NONE) {
+    sealed.sent = record->sealed.sent;
     for (const auto& [first, end] : record->sealed.store.dirty().runs()) {
       sealed.store.mark_dirty({first, end});
     }

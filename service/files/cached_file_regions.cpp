@@ -53,6 +53,7 @@ void CachedFile::arrived(ByteRange range) {
 CachedFile::NoFetches::NoFetches(CachedFile& file) : file_(file) {
   Lock lock(file_.lock_);
   file_.fetches_stop_ = true;
+  file_.moved_on_.notify_all(); /* fetches that wait for an upload end, too */
   do {
     lock.unlock();
     file_.fetches_.stop();
@@ -93,15 +94,16 @@ int CachedFile::fetch_all(Run regions, ByteRange ahead) {
 }
 
 /*
- * Whether the file has another path or base than when its fetch began. A rename may be under way,
- * or an upload that is in the cloud already, so their end is awaited; not that of a truncation,
- * which itself waits for the fetch.
+ * Whether the file has another path or base than when its fetch began, or is being cut: then the
+ * fetch is to begin anew. A rename may be under way, or an upload that is in the cloud already, so
+ * their end is awaited; not that of a truncation, which itself waits for the fetch.
  */
 bool CachedFile::moved_from(const FetchTarget::Source& before) {
   Lock lock(lock_);
   moved_on_.wait(
       lock, [&] { return fetches_stop_ || (!turn_taken_ && !is_uploading(record_.state.change)); });
-  return record_.base.path != before.path || record_.base.version != before.version;
+  return fetches_stop_ || record_.base.path != before.path ||
+         record_.base.version != before.version;
 }
 
 /* OX_EAGAIN: it was ended before its time. */

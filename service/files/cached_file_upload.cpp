@@ -1,4 +1,5 @@
 /* A cached file: how its sealed change goes to the cloud. */
+#include <algorithm>
 #include <numeric>
 
 #include "files/cached_file.h"
@@ -34,6 +35,7 @@ bool saves_by_patch(const Snapshot& content) {
 
 CloudResult CachedFile::upload(const CloudContext& context) {
   std::shared_ptr<SealedContent> content;
+  SentContents sent;
   CloudResult result;
   {
     Turn turn(*this);
@@ -49,15 +51,79 @@ CloudResult CachedFile::upload(const CloudContext& context) {
     content = std::make_shared<SealedContent>(env_.cloud, context, record_.base, record_.sealed);
     result.error = content->open(place_of(record_.sealed.file));
     sending_ = content;
+    sent = record_.sealed.sent;
     carry_out(turn, Event::UPLOAD_STARTS, work);
   }
   CloudEntry made;
   result = result.error != 0 ? CloudResult::refused(result.error) : send(*content, context, &made);
-  const Event event = event_of(result, *content);
+  Event event = event_of(result, *content);
+  const bool is_other = event == Event::UPLOAD_LOST || event == Event::UPLOAD_IMPOSSIBLE;
+  if (result.code == CloudCode::UNKNOWN_OUTCOME) {
+    note_sent(*content, &sent);
+  } else if (is_other && find_sent(context, sent, &made)) {
+    event = Event::UPLOAD_FAILED;
+    result = {};
+    sent.clear();
+  }
   Turn turn(*this);
+  keep_sent(std::move(sent), made);
   return end_of_upload(turn, event, result, made);
 }
 
+/* The file may be saved again before the cloud can be asked whether this content arrived. */
+void CachedFile::note_sent(SealedContent& content, SentContents* sent) {
+  SentContent description;
+  content.compose(false);
+  if (describe_sent(content, &description) == 0 &&
+      std::find(sent->begin(), sent->end(), description) == sent->end()) {
+    sent->push_back(std::move(description));
+  }
+}
+
+/* Whether the cloud's file is one that we sent, and not another client's. */
+bool CachedFile::find_sent(const CloudContext& context, const SentContents& sent,
+                           CloudEntry* found) {
+  bool is_same = false;
+  if (sent.empty() || !env_.cloud.status(context, record_.path, found).ok()) {
+    return false;
+  }
+  for (size_t i = 0; i < sent.size() && !is_same; i++) {
+    is_sent_content(env_.cloud, context, *found, sent[i], &is_same);
+  }
+  return is_same;
+}
+
+/* With the turn. What arrived is what the change is based on from now on. */
+void CachedFile::keep_sent(SentContents sent, const CloudEntry& found) {
+  if (sent == record_.sealed.sent) {
+    return;
+  }
+  FileRecord next;
+  {
+    const std::lock_guard guard(lock_);
+    next = record_;
+  }
+  if (sent.empty()) {
+    OX_LOG(OX_INFO_LEVEL, 0, "An earlier change of %s has arrived in the cloud after all",
+           next.path.c_str());
+    next.base = {next.path, found.version, found.size, found.modified};
+    next.is_new = false;
+  }
+  next.sealed.sent = std::move(sent);
+  if (write_record(next, Durability::PROCESS) != 0) {
+    return;
+  }
+  const std::lock_guard guard(lock_);
+  if (next.sealed.sent.empty()) {
+    entry_ = found;
+    fillings_++;
+  }
+  record_.base = next.base;
+  record_.is_new = next.is_new;
+  record_.sealed.sent = std::move(next.sealed.sent);
+}
+
+/* A failure with an OK result: it is to be tried again at once, with another base. */
 CloudResult CachedFile::end_of_upload(Turn& turn, Event event, CloudResult result,
                                       const CloudEntry& made) {
   Work work;
@@ -76,7 +142,7 @@ CloudResult CachedFile::end_of_upload(Turn& turn, Event event, CloudResult resul
   if (event == Event::UPLOADED) {
     env_.counters.files_written_back++;
     env_.counters.bytes_written_back += bytes;
-  } else if (event == Event::UPLOAD_FAILED && result.code != CloudCode::CANCELLED) {
+  } else if (event == Event::UPLOAD_FAILED && !result.ok() && result.code != CloudCode::CANCELLED) {
     OX_LOG(OX_ERROR_LEVEL, result.error, "Cannot write %s to the cloud (%s)", record_.path.c_str(),
            name_of(result.code));
   }
@@ -90,9 +156,10 @@ CloudResult CachedFile::end_of_upload(Turn& turn, Event event, CloudResult resul
   last_attempt_ = result;
   moved_on_.notify_all();
   const bool again = event == Event::UPLOAD_LOST || event == Event::UPLOAD_FAILED;
-  return !again                        ? CloudResult{}
-         : event == Event::UPLOAD_LOST ? CloudResult::busy(std::chrono::milliseconds(0))
-                                       : result;
+  return !again ? CloudResult{}
+         : event == Event::UPLOAD_LOST || result.ok()
+             ? CloudResult::busy(std::chrono::milliseconds(0))
+             : result;
 }
 
 /* Only what changed, where that saves; else the whole, composed of here and there. */

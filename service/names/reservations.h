@@ -5,6 +5,8 @@
 #ifndef SERVICE_RESERVATIONS_H
 #define SERVICE_RESERVATIONS_H
 
+#include <chrono>
+#include <cstdint>
 #include <list>
 #include <string>
 #include <vector>
@@ -15,7 +17,7 @@ namespace tarnd {
 
 struct ReservedPath {
   std::string path;     /* folded */
-  bool subtree = false; /* and all below it */
+  bool subtree = false; /* and all below it: a rename or delete, which takes names away */
 };
 
 class Reservations {
@@ -38,12 +40,20 @@ class Reservations {
   /* All at once, so that nobody waits with some of its paths in hand. */
   Hold reserve(Paths paths);
 
+  /*
+   * For those who only look at a path: waits until nobody has it or a part of it to take it away,
+   * for this time at most. Returns how often that has ended for any path: when the number is the
+   * same after the look, no name has moved meanwhile.
+   */
+  uint64_t wait_for_moves(const std::string& path, std::chrono::milliseconds limit);
+
  private:
   bool is_free(const Paths& wanted) const;
 
-  SlimLock lock_; /* guards held_ */
+  SlimLock lock_; /* guards the fields below */
   SlimCondition changed_;
   std::list<Paths> held_;
+  uint64_t moves_ = 0; /* that have ended */
 };
 
 }  // namespace tarnd

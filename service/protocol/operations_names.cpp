@@ -61,6 +61,31 @@ int check_delete(Service& service, const std::string& path, const std::string& s
   return (entry.attributes & READ_ONLY_ATTRIBUTE) != 0 ? OX_EPERM : 0;
 }
 
+/* A status that is a moment old is better than a drive that waits for a slow rename. */
+constexpr std::chrono::milliseconds MOVE_WAIT{1000};
+constexpr int LOOKS = 5;
+
+/*
+ * The cloud's entry with what is known here. While a file gets another name, the cloud has the new
+ * one a moment before the cache has it, and the size would be the cloud's: so a look that a rename
+ * overtook is repeated.
+ */
+int look_at(OpenFiles& files, const std::string& path, CloudEntry* entry) {
+  const std::string key = folded_path(path);
+  int err = 0;
+  uint64_t before = 0;
+  uint64_t after = files.reservations().wait_for_moves(key, MOVE_WAIT);
+  for (int looks = 0; looks < LOOKS && (looks == 0 || before != after); looks++) {
+    before = after;
+    err = files.look_up_remembered(path, entry);
+    if (err == 0) {
+      files.overlay(entry);
+    }
+    after = files.reservations().wait_for_moves(key, MOVE_WAIT);
+  }
+  return err;
+}
+
 /* An entry is large, so it is not moved. */
 std::vector<const CloudEntry*> by_name(const std::vector<CloudEntry>& entries) {
   std::vector<const CloudEntry*> order;
@@ -103,9 +128,8 @@ int serve_stat(Session& session, const Request& request, Reply* reply) {
   std::string path;
   CloudEntry entry;
   int err = request_path(session, request, int64_t{request->u.wstat.wstat_path_len} - 1, &path);
-  err = err != 0 ? err : service.files.look_up_remembered(path, &entry);
+  err = err != 0 ? err : look_at(service.files, path, &entry);
   if (err == 0) {
-    service.files.overlay(&entry);
     info_of(entry, &reply->resp.u.wstat.wstat_fi);
   }
   return err;

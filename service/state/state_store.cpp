@@ -19,12 +19,21 @@ CREATE TABLE IF NOT EXISTS files (
   base_modified INTEGER);
 CREATE TABLE IF NOT EXISTS dirty_runs (file INTEGER, first INTEGER, past INTEGER);
 CREATE INDEX IF NOT EXISTS dirty_runs_of ON dirty_runs (file);
+CREATE TABLE IF NOT EXISTS sent_contents (file INTEGER, size INTEGER, held TEXT, digest TEXT);
 )";
 
 std::string text_of(const RegionSet& set) {
   std::ostringstream text;
   for (const auto& [first, end] : set.runs()) {
     text << first << ' ' << end << ' ';
+  }
+  return text.str();
+}
+
+std::string text_of(const std::vector<ByteRange>& ranges) {
+  std::ostringstream text;
+  for (const ByteRange& range : ranges) {
+    text << range.offset << ' ' << range.end() << ' ';
   }
   return text.str();
 }
@@ -73,6 +82,14 @@ FileRecord record_of(const Statement& row) {
   return record;
 }
 
+SentContent sent_of(const Statement& row) {
+  SentContent sent = {static_cast<uint64_t>(row.number(0)), {}, row.text(2)};
+  for (const Run run : runs_of(row.text(1))) {
+    sent.held.push_back({run.first, run.end - run.first});
+  }
+  return sent;
+}
+
 }  // namespace
 
 int StateStore::open(const std::string& path, std::vector<FileRecord>* records) {
@@ -100,6 +117,11 @@ int StateStore::load(std::vector<FileRecord>* records) {
     while (err == 0 && runs.next(&err)) {
       record.store.mark_dirty(
           {static_cast<uint64_t>(runs.number(0)), static_cast<uint64_t>(runs.number(1))});
+    }
+    Statement sent(database_, "SELECT size, held, digest FROM sent_contents WHERE file = ?");
+    sent.bind(record.id);
+    while (err == 0 && sent.next(&err)) {
+      record.sealed.sent.push_back(sent_of(sent));
     }
   }
   return err;
@@ -138,8 +160,13 @@ int StateStore::add_dirty(int64_t id, Run regions, uint64_t size) {
 }
 
 int StateStore::erase(int64_t id) {
-  const int err = Statement(database_, "DELETE FROM dirty_runs WHERE file = ?").bind(id).run();
-  return err != 0 ? err : Statement(database_, "DELETE FROM files WHERE id = ?").bind(id).run();
+  int err = 0;
+  for (const char* remove :
+       {"DELETE FROM dirty_runs WHERE file = ?", "DELETE FROM sent_contents WHERE file = ?",
+        "DELETE FROM files WHERE id = ?"}) {
+    err = err != 0 ? err : Statement(database_, remove).bind(id).run();
+  }
+  return err;
 }
 
 int StateStore::write(const FileRecord& record) {
@@ -178,6 +205,15 @@ int StateStore::write(const FileRecord& record) {
                          .bind(record.id)
                          .bind(signed_of(first))
                          .bind(signed_of(end))
+                         .run();
+  }
+  for (const SentContent& sent : sealed.sent) {
+    err = err != 0 ? err
+                   : Statement(database_, "INSERT INTO sent_contents VALUES (?, ?, ?, ?)")
+                         .bind(record.id)
+                         .bind(signed_of(sent.size))
+                         .bind(text_of(sent.held))
+                         .bind(sent.digest)
                          .run();
   }
   return err;

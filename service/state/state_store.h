@@ -16,6 +16,7 @@
 #include "common/database.h"
 #include "files/file_machine.h"
 #include "files/region_store.h"
+#include "files/sent_content.h"
 
 namespace tarnd {
 
@@ -36,6 +37,7 @@ struct SealedChange {
   std::string file; /* the name of the local file that holds it */
   uint64_t size = 0;
   RegionStore store{0}; /* what the file holds; its dirty regions may differ from the base's */
+  std::vector<SentContent> sent = {}; /* this one or earlier ones, of which one may have arrived */
 };
 
 /* One file on record. Paths are UTF-8. */

@@ -240,7 +240,7 @@ class LossScript : public testing::TestWithParam<ScriptCase> {
   std::atomic<bool> away_ = false;
   std::atomic<uint64_t> calls_ = 0;
   std::promise<void> go_;
-  std::future<int> renamed_;
+  std::future<int> begun_; /* a call on a thread of its own */
 };
 
 void LossScript::add_service() {
@@ -344,12 +344,16 @@ void LossScript::add_opens() {
   add("clean_up", [this](Open file, Args) { return (*cache_)->clean_up(*file.open), 0; });
   commands_.add("rename", [this](Args a) { return error_name(cache_->rename(a[0], a[1])); });
   commands_.add("begin_rename", [this](Args a) {
-    renamed_ = std::async(std::launch::async, &Cache::rename, cache_.get(), a[0], a[1]);
+    begun_ = std::async(std::launch::async, &Cache::rename, cache_.get(), a[0], a[1]);
   });
-  commands_.add("has_renamed", [this](Args) {
-    return renamed_.wait_for(milliseconds(0)) == std::future_status::ready;
+  commands_.add("begin_fetch", [this](Args a) {
+    begun_ =
+        std::async(std::launch::async, &Cache::fetch, cache_.get(), opens_.at(a[0]), a.number(1));
   });
-  commands_.add("end_rename", [this](Args) { return error_name(renamed_.get()); });
+  commands_.add("has_ended", [this](Args) {
+    return begun_.wait_for(milliseconds(50)) == std::future_status::ready;
+  });
+  commands_.add("end", [this](Args) { return error_name(begun_.get()); });
   commands_.add("is_one_file", [this](Args a) {
     return opens_.at(a[0]).open->file == opens_.at(a[1]).open->file;
   });
