@@ -20,6 +20,7 @@
 namespace {
 
 constexpr size_t REGIONS = 5;
+constexpr size_t ODD = 100; /* bytes of a last region that is cut or grown */
 constexpr unsigned ROUNDS = 30, THREADS = 4, CALLS = 7;
 
 struct Call {
@@ -55,6 +56,15 @@ struct File {
     }
     return "0";
   }
+
+  /* Here a file that grows is a byte longer for a moment, and a read that races a cut may get a
+   * zero. */
+  bool answers(const Call& call) {
+    const std::string right = answer(call);
+    const bool grows = call.act == 'T' && bytes.size() % REGION == ODD;
+    return call.answer == right || (grows && call.answer == std::to_string(bytes.size() + 1)) ||
+           (call.act == 'R' && right.empty() && call.answer == std::string(1, '\0'));
+  }
 };
 
 /* Whether the calls have an order in which the file answers so, each between its begin and end. */
@@ -73,8 +83,8 @@ class Orders {
     bool found = first_end == SIZE_MAX;
     for (size_t i = 0; i < calls_.size() && !found; i++) {
       File then = file;
-      found = waits(i) && calls_[i].begun <= first_end &&
-              then.answer(calls_[i]) == calls_[i].answer && has_one(then, done | ox_u64{1} << i);
+      found = waits(i) && calls_[i].begun <= first_end && then.answers(calls_[i]) &&
+              has_one(then, done | ox_u64{1} << i);
     }
     return found;
   }
@@ -116,47 +126,39 @@ class OneFile : public testing::Test {
     for (unsigned i = 0; i < CALLS; i++) {
       Call call = {"WRSTNOWRSTNOD"[dice() % 13], static_cast<char>('a' + dice() % 2),
                    dice() % REGIONS * REGION};
+      call.size += call.act == 'S' && call.size != 0 ? ODD : 0;
       call.name = static_cast<char>(call.act == 'W' ? '0' + dice() % 10 : call.name);
       call.begun = clock_++;
-      const int code =
-          call.act == 'O' ? open(shared, call, &own) : carry_out(own ? *own : shared, &call);
-      call.answer =
-          call.answer.empty() && code != ERROR_HANDLE_EOF ? std::to_string(code) : call.answer;
+      call.answer = call.act == 'O' ? open(shared, call, &own) : ask(own ? *own : shared, call);
       call.ended = clock_++;
       const std::lock_guard guard(lock_);
-      calls->push_back(call);
+      calls->insert(calls->end(), call.act == 'S' ? 2 : 1, call); /* a size is set twice */
     }
   }
 
-  int open(const DriveFile& shared, const Call& call, std::optional<DriveFile>* own) {
+  std::string open(const DriveFile& shared, const Call& call, std::optional<DriveFile>* own) {
     own->emplace(shared, OpenHow{}, folder_ + call.name);
     const int code = (*own)->error();
     code == 0 ? void() : own->reset();
-    return code;
+    return std::to_string(code);
   }
 
-  int carry_out(const DriveFile& file, Call* call) {
-    const std::string path = folder_ + call->name;
-    const std::string other = folder_ + static_cast<char>('a' + 'b' - call->name);
+  std::string ask(const DriveFile& file, const Call& call) {
+    const std::string path = folder_ + call.name;
+    const std::string other = folder_ + static_cast<char>('a' + 'b' - call.name);
+    const auto size = static_cast<ox_u32>(call.size);
     tnw_fileinfo info = {};
     int code = 0;
-    switch (call->act) {
-      case 'W':
-        return file.write(call->size, std::string(1, call->name));
-      case 'S':
-        return tnw_setfilesize(file.handle(), static_cast<ox_u32>(call->size), 0, nullptr);
-      case 'R':
-        call->answer = file.read(call->size, 1, &code);
-        return code;
-      case 'T':
-        code = tnw_getfileinfo(drive_.drive, path.c_str(), &info, "test");
-        call->answer = code == 0 ? std::to_string(info.fi_size) : "";
-        return code;
-      case 'N':
-        return tnw_rename(drive_.drive, path.c_str(), other.c_str(), "test");
-      default:
-        return tnw_delete(drive_.drive, path.c_str(), "test");
-    }
+    const std::string byte = call.act == 'R' ? file.read(size, 1, &code) : "";
+    code = call.act == 'W'   ? file.write(size, {call.name})
+           : call.act == 'S' ? tnw_setfilesize(file.handle(), size, 0, nullptr)
+           : call.act == 'T' ? tnw_getfileinfo(drive_.drive, path.c_str(), &info, "test")
+           : call.act == 'N' ? tnw_rename(drive_.drive, path.c_str(), other.c_str(), "test")
+           : call.act == 'D' ? tnw_delete(drive_.drive, path.c_str(), "test")
+                             : code;
+    const bool is_read = call.act == 'R' && (code == 0 || code == ERROR_HANDLE_EOF);
+    const bool has_size = call.act == 'T' && code == 0;
+    return is_read ? byte : std::to_string(has_size ? info.fi_size : static_cast<ox_u64>(code));
   }
 
   std::string in_cloud(const std::string& name) const {
@@ -178,13 +180,22 @@ class OneFile : public testing::Test {
   std::mutex lock_; /* guards the calls */
 };
 
+/* Not while the file is another one in the cloud than the one that was opened: 1117. */
+bool is_line_added(RealDrive& drive, const std::string& line) {
+  DriveFile file(drive, "file");
+  int code = file.error();
+  const std::string before = file.read(0, 10'000, &code);
+  code = code == 0 || code == ERROR_HANDLE_EOF ? file.write(before.size(), line) : code;
+  EXPECT_TRUE(code == 0 || code == ERROR_IO_DEVICE) << code;
+  EXPECT_EQ(file.close(), 0);
+  return code == 0;
+}
+
 /* Opens the file again and again, and adds a line each time. */
 void add_lines(RealDrive& drive, const std::string& who) {
   ASSERT_TRUE(drive.start()) << drive.error;
-  for (int i = 0; i < 15; i++) {
-    DriveFile file(drive, "file");
-    EXPECT_EQ(file.write(file.read_all().size(), who + std::to_string(i) + '\n'), 0);
-    EXPECT_EQ(file.close(), 0);
+  for (int line = 0; line < 15 && !testing::Test::HasFailure();) {
+    line += is_line_added(drive, who + std::to_string(line) + '\n') ? 1 : 0;
   }
   EXPECT_EQ(drive.stop(), 0);
 }

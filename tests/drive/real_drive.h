@@ -60,7 +60,7 @@ class RealDrive {
   const std::string server_; /* empty: a plain folder */
 
  public:
-  const std::filesystem::path cloud; /* the cloud's folder */
+  std::filesystem::path cloud; /* the cloud's folder */
   tnw_tninit record;
   void* drive = nullptr;
   int error = -1; /* what tnw_init gave */

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include "common/percent.h"
 #include "real_drive.h"
 
 namespace fs = std::filesystem;
@@ -37,12 +38,21 @@ void move_service(RealDrive& drive) {
   set_field(drive.record.tnw_binpath, in_folder(drive, LETTERS + "\\tarnd.exe"));
 }
 
+void move_cloud(RealDrive& drive) {
+  drive.cloud = drive.folder.path() / std::u8string(LETTERS.begin(), LETTERS.end());
+  fs::create_directory(drive.cloud);
+  const std::u8string path = drive.cloud.generic_u8string();
+  set_field(drive.record.tnw_api_addr,
+            "file:///" + common::encode_percent(std::string(path.begin(), path.end())));
+}
+
 const StartTexts STARTS_OF[] = {
     {"User", true, [](RealDrive& d) { set_field(d.record.tnw_username, LETTERS); }},
     {"Domain", true, [](RealDrive& d) { set_field(d.record.tnw_domain, LETTERS + ".test"); }},
     {"Work", true, [](RealDrive& d) { set_field(d.record.tnw_workdir, in_folder(d, LETTERS)); }},
     {"Log", true, [](RealDrive& d) { set_field(d.record.tnw_logdir, in_folder(d, LETTERS)); }},
     {"Program", true, move_service},
+    {"Cloud", true, move_cloud},
     {"LongUser", true,
      [](RealDrive& d) { set_field(d.record.tnw_username, std::string(63, 'u')); }},
     {"BadUser", false, [](RealDrive& d) { set_field(d.record.tnw_username, "\xff"); }},

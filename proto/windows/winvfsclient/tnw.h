@@ -416,7 +416,8 @@ int tnw_canfilebedeleted(void* drvhdl, const char* path, bool* can_delete);
  * 0; 6 ERROR_INVALID_HANDLE (as for tnw_read); what the service answers; or the Windows error of
  * the local file as it is. When the service refuses, its code is returned and the local file has
  * the new size all the same; only a Windows error of the local file leaves the old size. Only one
- * call at a time should run on a file: of two that run at once, either size may remain.
+ * call at a time should run on a file: of two that run at once, either size may remain. Both the
+ * service and this call set the size, so what others write past it meanwhile may be cut off.
  */
 int tnw_setfilesize(void* ophdl, ox_u32 size_low, ox_u32 size_high, char* out_procname);
 
