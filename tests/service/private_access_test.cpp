@@ -33,14 +33,14 @@ TEST(PrivateAccess, OthersReachOnlyWhatLiesInFoldersThatTheyReach) {
   create_directories(folder.path() / "sock");
   ServiceProcess service(folder.path().string());
   ASSERT_TRUE(service.start());
-  const std::pair<const char*, bool> PLACES[] = {{".", true},
+  const std::pair<const char*, bool> places[] = {{".", true},
                                                  {"cloud", true},
                                                  {"tarnd.log", true},
                                                  {"cache", false},
                                                  {"cache\\files", false},
                                                  {"sock", false},
                                                  {"sock\\tnvfs.sock", false}};
-  for (const auto& [place, others] : PLACES) {
+  for (const auto& [place, others] : places) {
     const std::wstring list = list_of((folder.path() / place).wstring());
     EXPECT_EQ(list.find(L";;;WD)") != std::wstring::npos, others) << place;
   }
