@@ -58,7 +58,7 @@ CloudResult CachedFile::upload(const CloudContext& context) {
   result = result.error != 0 ? CloudResult::refused(result.error) : send(*content, context, &made);
   Event event = event_of(result, *content);
   const bool is_other = event == Event::UPLOAD_LOST || event == Event::UPLOAD_IMPOSSIBLE;
-  if (result.code == CloudCode::UNKNOWN_OUTCOME) {
+  if (result.code == CloudCode::UNKNOWN_OUTCOME && content->was_read()) {
     note_sent(*content, &sent);
   } else if (is_other && find_sent(context, sent, &made)) {
     event = Event::UPLOAD_FAILED;

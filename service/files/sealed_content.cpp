@@ -15,6 +15,10 @@ void append(std::vector<ByteRange>* ranges, uint64_t offset, uint64_t end) {
   }
 }
 
+uint64_t end_of(const std::vector<ByteRange>& ranges) {
+  return ranges.empty() ? 0 : ranges.back().end();
+}
+
 }  // namespace
 
 SealedContent::SealedContent(Cloud& cloud, CloudContext context, CloudBase base,
@@ -22,7 +26,9 @@ SealedContent::SealedContent(Cloud& cloud, CloudContext context, CloudBase base,
     : cloud_(cloud),
       context_(std::move(context)),
       base_(std::move(base)),
-      change_(std::move(change)) {}
+      change_(std::move(change)),
+      changed_end_(end_of(changed())),
+      was_read_(changed_end_ == 0) {}
 
 int SealedContent::open(const std::wstring& path) {
   const std::lock_guard guard(lock_);
@@ -50,6 +56,7 @@ int SealedContent::read(uint64_t offset, void* buffer, size_t size) {
     to += count;
     size -= count;
   }
+  was_read_ = was_read_ || offset >= changed_end_;
   return 0;
 }
 

@@ -16,7 +16,7 @@
 
 namespace tarnd {
 
-/* Fixed after creation, but for the file (its own lock), is_lost and composes. */
+/* Fixed after creation, but for the file (its own lock), is_lost, was_read and composes. */
 class SealedContent : public Snapshot {
  public:
   SealedContent(Cloud& cloud, CloudContext context, CloudBase base, SealedChange change);
@@ -28,6 +28,8 @@ class SealedContent : public Snapshot {
   void compose(bool composes) { composes_ = composes; }
   /* Whether bytes are gone: the local file is too short, or the cloud has another content. */
   bool is_lost() const { return is_lost_; }
+  /* Whether the last byte that goes up was read: before that, nothing can have arrived. */
+  bool was_read() const { return was_read_; }
 
   uint64_t size() const override { return change_.size; }
   int read(uint64_t offset, void* buffer, size_t size) override;
@@ -46,6 +48,8 @@ class SealedContent : public Snapshot {
   LocalFile file_{L""};
   bool composes_ = true;
   std::atomic<bool> is_lost_ = false;
+  const uint64_t changed_end_;
+  std::atomic<bool> was_read_;
 };
 
 }  // namespace tarnd

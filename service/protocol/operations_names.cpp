@@ -62,7 +62,7 @@ int check_delete(Service& service, const std::string& path, const std::string& s
 }
 
 /* A status that is a moment old is better than a drive that waits for a slow rename. */
-constexpr std::chrono::milliseconds MOVE_WAIT{1000};
+constexpr std::chrono::milliseconds MOVE_WAIT{500}; /* before the look and after it */
 constexpr int LOOKS = 5;
 
 /*

@@ -15,13 +15,10 @@
 #include "plain_drive.h"
 #include "real_drive.h"
 
-/* Plays one sequence in a folder of its own. Several may play on one drive at the same time, each
- * by one thread, if none of them kills the service. */
+/* Plays one sequence in a folder of its own. Nobody else uses the drive. */
 class ModelPlayer {
  public:
-  /* `alone`: nobody else uses the drive, so that what a closed handle answers is known. */
-  ModelPlayer(RealDrive& drive, const std::string& folder, bool alone)
-      : drive_(drive), folder_(folder), alone_(alone) {
+  ModelPlayer(RealDrive& drive, const std::string& folder) : drive_(drive), folder_(folder) {
     std::filesystem::create_directory(drive_.in_cloud(folder_));
   }
 
@@ -111,12 +108,10 @@ class ModelPlayer {
     void* handle = files_[slot]->handle();
     expect_code("close", files_[slot]->close(), 0);
     plain_.close(slot);
-    if (alone_) {
-      char byte;
-      expect_code("read after the close", tnw_read(handle, &byte, 1, 0, nullptr, nullptr),
-                  ERROR_INVALID_HANDLE);
-      expect_code("second close", tnw_close(handle, nullptr), ERROR_BAD_ARGUMENTS);
-    }
+    char byte;
+    expect_code("read after the close", tnw_read(handle, &byte, 1, 0, nullptr, nullptr),
+                ERROR_INVALID_HANDLE);
+    expect_code("second close", tnw_close(handle, nullptr), ERROR_BAD_ARGUMENTS);
     files_[slot].reset();
     for (const auto& [name, named] : plain_.files()) {
       if (named == file && !plain_.is_open(name)) {
@@ -329,7 +324,6 @@ class ModelPlayer {
 
   RealDrive& drive_;
   const std::string folder_;
-  const bool alone_;
   PlainDrive plain_;
   std::array<std::unique_ptr<DriveFile>, MODEL_SLOTS> files_;
   bool killed_ = false; /* the service was, at the end: the folder was looked at already */

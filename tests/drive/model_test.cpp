@@ -3,21 +3,17 @@
  * with its seed and the few steps that are enough for it.
  *
  * TNW_MODEL_SEED: the first seed, for a failure that was told or for others than the usual ones.
- * TNW_MODEL_STEPS: steps of each test; 1 plays the first seed alone.
+ * TNW_MODEL_STEPS: steps of the test; 1 plays the first seed alone.
  */
 
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include <atomic>
-#include <thread>
-
 #include "model_player.h"
 
 namespace {
 
-constexpr size_t STEPS_ALONE = 6'000; /* by one thread, when none are asked for */
-constexpr size_t STEPS_OF_THREADS = 14'000;
+constexpr size_t STEPS = 8'000;    /* when none are asked for */
 constexpr unsigned KILL_EVERY = 5; /* seeds */
 constexpr size_t SEQUENCE = 200;   /* steps for one seed */
 constexpr size_t SEQUENCE_BEFORE_A_KILL = 50;
@@ -36,20 +32,18 @@ class Model : public testing::Test {
     ASSERT_TRUE(drive.start()) << drive.error;
   }
 
-  static Steps steps_of(unsigned seed, bool may_kill) {
-    const bool kill = may_kill && seed % KILL_EVERY == 0;
+  static Steps steps_of(unsigned seed) {
+    const bool kill = seed % KILL_EVERY == 0;
     return random_steps(seed, kill ? SEQUENCE_BEFORE_A_KILL : SEQUENCE, kill);
   }
 
   /* Each time in a folder of its own, whose files nothing has cached. */
-  ModelPlayer new_player(bool alone) {
-    return ModelPlayer(drive, "run " + std::to_string(runs_++), alone);
-  }
+  ModelPlayer new_player() { return ModelPlayer(drive, "run " + std::to_string(runs_++)); }
 
   void report(unsigned seed, const Steps& steps, const std::string& failure) {
     std::string last;
     const auto run = [&](const Steps& fewer) {
-      ModelPlayer player = new_player(true);
+      ModelPlayer player = new_player();
       const size_t taken = player.play(fewer);
       if (taken != 0) {
         last = player.failure();
@@ -67,59 +61,23 @@ class Model : public testing::Test {
   RealDrive drive;
 
  private:
-  std::atomic<int> runs_{0};
+  int runs_ = 0;
 };
 
 }  // namespace
 
 TEST_F(Model, RandomCallsAgreeWithPlainMemory) {
   unsigned seed = from_environment("TNW_MODEL_SEED", 1);
-  const size_t wanted = from_environment("TNW_MODEL_STEPS", STEPS_ALONE);
+  const size_t wanted = from_environment("TNW_MODEL_STEPS", STEPS);
   for (size_t played = 0; played < wanted; seed++) {
-    Steps steps = steps_of(seed, true);
+    Steps steps = steps_of(seed);
     played += steps.size();
-    ModelPlayer player = new_player(true);
+    ModelPlayer player = new_player();
     const size_t taken = player.play(steps);
     if (taken == 0) {
       continue;
     }
     steps.resize(std::min(taken, steps.size()));
     return report(seed, steps, player.failure());
-  }
-}
-
-TEST_F(Model, ThreadsOnFilesOfTheirOwnAgreeWithPlainMemory) {
-  constexpr unsigned THREADS = 4;
-  const unsigned first = from_environment("TNW_MODEL_SEED", 1000);
-  const size_t wanted = from_environment("TNW_MODEL_STEPS", STEPS_OF_THREADS) / THREADS;
-  struct {
-    unsigned seed;
-    Steps steps;
-    std::string failure;
-  } last[THREADS];
-  std::vector<std::thread> threads;
-  for (unsigned t = 0; t < THREADS; t++) {
-    threads.emplace_back([&, t] {
-      auto& mine = last[t];
-      mine.seed = first + t;
-      for (size_t played = 0; played < wanted; mine.seed += THREADS) {
-        mine.steps = steps_of(mine.seed, false);
-        played += mine.steps.size();
-        ModelPlayer player = new_player(false);
-        player.play(mine.steps);
-        mine.failure = player.failure();
-        if (!mine.failure.empty()) {
-          return;
-        }
-      }
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-  for (const auto& mine : last) {
-    if (!mine.failure.empty()) {
-      report(mine.seed, mine.steps, mine.failure);
-    }
   }
 }

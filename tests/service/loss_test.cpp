@@ -256,6 +256,7 @@ void LossScript::add_service() {
       code = static_cast<CloudCode>(static_cast<int>(code) + 1);
     }
     const bool busy = code == CloudCode::BUSY;
+    cloud_.after = nullptr;
     cloud_.before = [=](CloudCall call, const std::string&) {
       return !changes(call) ? CloudResult()
              : busy         ? CloudResult::busy(milliseconds(1))
@@ -292,6 +293,13 @@ void LossScript::add_service() {
       return is_rename                ? CloudResult::of(CloudCode::UNKNOWN_OUTCOME)
              : away_ || changes(call) ? CloudResult::of(CloudCode::OFFLINE)
                                       : CloudResult();
+    };
+  });
+  /* An upload arrives and has no answer; the others reach nobody. */
+  commands_.add("lose_upload", [this](Args) {
+    cloud_.after = [this] { return away_ = true, CloudResult::of(CloudCode::UNKNOWN_OUTCOME); };
+    cloud_.before = [this](CloudCall call, const std::string&) {
+      return CloudResult::of(away_ && changes(call) ? CloudCode::OFFLINE : CloudCode::OK);
     };
   });
   /* The call of the cloud with this number fails, from 0. */

@@ -51,6 +51,8 @@ class MemoryCloud : public tarnd::Cloud {
   tarnd::CloudCounts counts;
   /* Runs before each call, without a lock; a failure is the call's answer. */
   std::function<Result(tarnd::CloudCall call, const Path& path)> before;
+  /* Runs after each upload that arrived; a failure is the upload's answer. */
+  std::function<Result()> after;
 
   /* The content of a file, or "none"; setting it is a change by another client. */
   std::string content(const Path& path) {
@@ -269,13 +271,14 @@ class MemoryCloud : public tarnd::Cloud {
         }
       }
     }
-    return guarded_quietly(context, [&]() -> Result {
+    const Result result = guarded_quietly(context, [&]() -> Result {
       if (Result fits = expect_target(path, condition.version); !fits.ok()) {
         return fits;
       }
       items_[path] = {false, *fresh, ++versions_};
       return entry_of(path, made);
     });
+    return result.ok() && after ? after() : result;
   }
 
   std::mutex lock_;
