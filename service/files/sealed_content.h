@@ -17,7 +17,7 @@
 namespace tarnd {
 
 /* Fixed after creation, but for the file (its own lock), is_lost, was_read and composes. */
-class SealedContent : public Snapshot {
+class SealedContent final : public Snapshot {
  public:
   SealedContent(Cloud& cloud, CloudContext context, CloudBase base, SealedChange change);
 
