@@ -263,12 +263,13 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
   void part_from_local(FileRecord rest);
 
   /* cached_file_upload.cpp */
+  CloudResult begin_upload(const CloudContext& context, std::shared_ptr<SealedContent>* content);
   CloudResult send(SealedContent& content, const CloudContext& context, CloudEntry* made);
   Event event_of(const CloudResult& result, const SealedContent& content);
   using SentContents = std::vector<SentContent>;
   static void note_sent(SealedContent& content, SentContents* sent);
   bool find_sent(const CloudContext& context, const SentContents& sent, CloudEntry* found);
-  void keep_sent(SentContents sent, const CloudEntry& found);
+  int keep_sent(SentContents sent, const CloudEntry& found);
   CloudResult end_of_upload(Turn& turn, Event event, CloudResult result, const CloudEntry& made);
   CloudResult find_base(const CloudContext& context, FileRecord* record);
   CloudResult find_folder(const CloudContext& context, FileRecord* record);

@@ -35,29 +35,15 @@ bool saves_by_patch(const Snapshot& content) {
 
 CloudResult CachedFile::upload(const CloudContext& context) {
   std::shared_ptr<SealedContent> content;
-  SentContents sent;
-  CloudResult result;
-  {
-    Turn turn(*this);
-    Work work;
-    if (record_.state.change == Change::NONE || is_uploading(record_.state.change)) {
-      return {};
-    }
-    if (result = settle_move(context); !result.ok()) {
-      OX_LOG(OX_ERROR_LEVEL, result.error, "Cannot look where %s is in the cloud (%s)",
-             record_.path.c_str(), name_of(result.code));
-      return result;
-    }
-    content = std::make_shared<SealedContent>(env_.cloud, context, record_.base, record_.sealed);
-    result.error = content->open(place_of(record_.sealed.file));
-    sending_ = content;
-    sent = record_.sealed.sent;
-    carry_out(turn, Event::UPLOAD_STARTS, work);
+  CloudResult result = begin_upload(context, &content);
+  if (content == nullptr) {
+    return result;
   }
   CloudEntry made;
-  result = result.error != 0 ? CloudResult::refused(result.error) : send(*content, context, &made);
+  result = result.ok() ? send(*content, context, &made) : result;
   Event event = event_of(result, *content);
   const bool is_other = event == Event::UPLOAD_LOST || event == Event::UPLOAD_IMPOSSIBLE;
+  SentContents sent = content->sent();
   if (result.code == CloudCode::UNKNOWN_OUTCOME && content->was_read()) {
     note_sent(*content, &sent);
   } else if (is_other && find_sent(context, sent, &made)) {
@@ -66,8 +52,30 @@ CloudResult CachedFile::upload(const CloudContext& context) {
     sent.clear();
   }
   Turn turn(*this);
-  keep_sent(std::move(sent), made);
+  if (keep_sent(std::move(sent), made) != 0 && event == Event::UPLOAD_FAILED) {
+    result = CloudResult::busy(STEP_PAUSE);
+  }
   return end_of_upload(turn, event, result, made);
+}
+
+/* Without a content there is nothing to send, or not now. */
+CloudResult CachedFile::begin_upload(const CloudContext& context,
+                                     std::shared_ptr<SealedContent>* content) {
+  Turn turn(*this);
+  Work work;
+  if (record_.state.change == Change::NONE || is_uploading(record_.state.change)) {
+    return {};
+  }
+  if (const CloudResult result = settle_move(context); !result.ok()) {
+    OX_LOG(OX_ERROR_LEVEL, result.error, "Cannot look where %s is in the cloud (%s)",
+           record_.path.c_str(), name_of(result.code));
+    return result;
+  }
+  *content = std::make_shared<SealedContent>(env_.cloud, context, record_.base, record_.sealed);
+  const int err = (*content)->open(place_of(record_.sealed.file));
+  sending_ = *content;
+  carry_out(turn, Event::UPLOAD_STARTS, work);
+  return err != 0 ? CloudResult::refused(err) : CloudResult{};
 }
 
 /* The file may be saved again before the cloud can be asked whether this content arrived. */
@@ -94,9 +102,9 @@ bool CachedFile::find_sent(const CloudContext& context, const SentContents& sent
 }
 
 /* With the turn. What arrived is what the change is based on from now on. */
-void CachedFile::keep_sent(SentContents sent, const CloudEntry& found) {
+int CachedFile::keep_sent(SentContents sent, const CloudEntry& found) {
   if (sent == record_.sealed.sent) {
-    return;
+    return 0;
   }
   FileRecord next;
   {
@@ -110,8 +118,8 @@ void CachedFile::keep_sent(SentContents sent, const CloudEntry& found) {
     next.is_new = false;
   }
   next.sealed.sent = std::move(sent);
-  if (write_record(next, Durability::PROCESS) != 0) {
-    return;
+  if (const int err = write_record(next, Durability::PROCESS)) {
+    return err;
   }
   const std::lock_guard guard(lock_);
   if (next.sealed.sent.empty()) {
@@ -121,6 +129,7 @@ void CachedFile::keep_sent(SentContents sent, const CloudEntry& found) {
   record_.base = next.base;
   record_.is_new = next.is_new;
   record_.sealed.sent = std::move(next.sealed.sent);
+  return 0;
 }
 
 /* A failure with an OK result: it is to be tried again at once, with another base. */

@@ -30,6 +30,8 @@ class SealedContent final : public Snapshot {
   bool is_lost() const { return is_lost_; }
   /* Whether the last byte that goes up was read: before that, nothing can have arrived. */
   bool was_read() const { return was_read_; }
+  /* As the change has them. */
+  const std::vector<SentContent>& sent() const { return change_.sent; }
 
   uint64_t size() const override { return change_.size; }
   int read(uint64_t offset, void* buffer, size_t size) override;
