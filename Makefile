@@ -28,11 +28,15 @@ DEMO_TARGETS := tnw tarnd tnwsh ws2_32_wine afunix_probe
 SOAK_TARGETS := tnw tarnd soak_test ws2_32_wine afunix_probe
 PROGRAMS := $(DEMO_TARGETS) tnwdav tnwlog cfflprint first_drive
 DIST_TARGETS := package_files ws2_32_wine afunix_probe
+# What the benchmarks run, for Windows and for this machine. Both want BENCHMARK_SOURCE.
+BENCH_TARGETS := tnw tarnd bench_drive bench_parts bench_tree ws2_32_wine afunix_probe
+configure_bench = tools/benchmark-source >/dev/null; \
+        $(call configure,$(1),-DBENCHMARK_SOURCE="$$(tools/benchmark-source)")
 # $(call needs,STEP): stops when a package of the build, or of the step, is missing
 needs = tools/install-packages --check $(1)
 OWN_CODE = git ls-files -co --exclude-standard -- '*.cpp' '*.h' '*.c'
 
-.PHONY: help demo test programs test-slow soak bench-cloud build \
+.PHONY: help demo test programs test-slow soak bench bench-peer bench-build bench-cloud build \
         host-build host-test fuzz ubsan-test format check-format tidy \
         dist check-dist check check-docs check-page reference lines clean packages needed-packages \
         cross-prefix
@@ -110,6 +114,19 @@ tidy: cross-prefix ## Looks for likely faults and odd names, with clang-tidy
 	@$(call configure,host)
 	@$(call configure,windows)
 	@tools/tidy
+
+bench: bench-build ## Measures calls against their limits (ROWS=PATTERN)
+	@tools/bench --rows '$(ROWS)'
+
+bench-peer: bench-build ## Compares the drive with rclone's mount of one tree
+	@tools/bench --peer --rows '$(ROWS)'
+
+bench-build: cross-prefix
+	@$(call needs,bench)
+	@$(call configure_bench,windows)
+	@$(call configure_bench,host)
+	@$(call build,windows,$(BENCH_TARGETS))
+	@$(call build,host,bench_parts)
 
 bench-cloud: cross-prefix build/windows/build.ninja ## Compares the drive with rclone's mount on a slow line
 	@$(call needs,bench)

@@ -14,6 +14,7 @@
 
 #include "ox_assert.h"
 #include "ox_logging.h"
+#include "ox_native_cv.h"
 #include "ox_native_rwlock.h"
 #include "ox_time.h"
 
@@ -165,14 +166,13 @@ int ox_rwlock_tryexcl(ox_rwlock_t* l) {
 
 int ox_rwunlock(ox_rwlock_t* l) { return profiled_release(l, ox_native_rwlock_unlock); }
 
-bool ox_cv_wait(pthread_cond_t* cv, ox_lock_t* l, const struct timespec* deadline) {
+bool ox_cv_wait(ox_native_cv_t* cv, ox_lock_t* l, const struct timespec* deadline) {
   OX_ASSERT_HELD(l);
-  const int rc = deadline != nullptr ? pthread_cond_timedwait(cv, &l->lck_lock, deadline)
-                                     : pthread_cond_wait(cv, &l->lck_lock);
+  const bool woken = ox_native_cv_wait(cv, &l->lck_lock, deadline);
   if (profiling()) {
     stamp(l->lck_stat);
   }
-  return rc == 0;
+  return woken;
 }
 
 #ifndef NDEBUG

@@ -45,8 +45,14 @@ typedef struct ox_native_rwlock {
   ox_u32 nrw_word; /**< who holds the lock, and whether somebody waits */
   ox_u32 nrw_mark; /**< that it was initialised */
 } ox_native_rwlock_t;
+
+/** The condition variable of pools. */
+typedef struct ox_native_cv {
+  ox_u64 ncv_wakes; /**< how many wakes there were */
+} ox_native_cv_t;
 #else
 typedef pthread_rwlock_t ox_native_rwlock_t;
+typedef pthread_cond_t ox_native_cv_t;
 #endif
 
 /** The acquiring thread writes it, the releasing one reads it. With shared holders it is a hint. */
@@ -109,7 +115,7 @@ int ox_flock(int fd, ox_u32 flags);
  * null for a wait without limit. True when woken, false at the deadline. The wait ends one hold of
  * the lock and begins another: with profiling on, lst_acquired is set anew.
  */
-bool ox_cv_wait(ox_posix_cond_t* cv, ox_lock_t* l, const struct timespec* deadline);
+bool ox_cv_wait(ox_native_cv_t* cv, ox_lock_t* l, const struct timespec* deadline);
 
 /*
  * OX_ASSERT_HELD(lock) is the first line of a function that wants its caller to hold the lock. It

@@ -8,6 +8,7 @@
 
 #include "ox_errno.h"
 #include "ox_logging.h"
+#include "ox_native_cv.h"
 #include "ox_tpool_internal.h"
 #include "ox_util.h"
 
@@ -40,20 +41,6 @@ ox_tpool_t* pop_from_list(ox_tpool_t* head) {
   return tp;
 }
 
-bool init_condition_variables(ox_tpool_t* tp) {
-  int rc = ox_init_cv(&tp->tp_worker_cv);
-  if (rc == 0) {
-    rc = ox_init_cv(&tp->tp_pool_cv);
-    if (rc != 0) {
-      (void)ox_deinit_cv(&tp->tp_worker_cv);
-    }
-  }
-  if (rc != 0) {
-    OX_LOG(OX_ERROR_LEVEL, rc, "cannot initialize thread pool condition variable");
-  }
-  return rc == 0;
-}
-
 /* The pool's lock and condition variables; logs a failure and leaves nothing. */
 bool init_sync(ox_tpool_t* tp) {
   const int rc = ox_init_lock(&tp->tp_lock);
@@ -61,16 +48,14 @@ bool init_sync(ox_tpool_t* tp) {
     OX_LOG(OX_ERROR_LEVEL, rc, "cannot initialize thread pool lock");
     return false;
   }
-  if (!init_condition_variables(tp)) {
-    (void)ox_deinit_lock(&tp->tp_lock);
-    return false;
-  }
+  ox_native_cv_init(&tp->tp_worker_cv);
+  ox_native_cv_init(&tp->tp_pool_cv);
   return true;
 }
 
 void deinit_sync(ox_tpool_t* tp) {
-  (void)ox_deinit_cv(&tp->tp_worker_cv);
-  (void)ox_deinit_cv(&tp->tp_pool_cv);
+  ox_native_cv_destroy(&tp->tp_worker_cv);
+  ox_native_cv_destroy(&tp->tp_pool_cv);
   (void)ox_deinit_lock(&tp->tp_lock);
 }
 
@@ -167,27 +152,12 @@ void let_waiters_out_locked(ox_tpool_t* tp) {
   }
 }
 
-/*
- * Each holds two handles of the system, which an aborted pool would keep for ever, since its record
- * is never freed. Nobody waits on them; a wait that comes later makes them anew.
- */
-void rest_condition_variables_locked(ox_tpool_t* tp) {
-  OX_ASSERT_HELD(&tp->tp_lock);
-  (void)ox_deinit_cv(&tp->tp_worker_cv);
-  (void)ox_deinit_cv(&tp->tp_pool_cv);
-  tp->tp_worker_cv = PTHREAD_COND_INITIALIZER;
-  tp->tp_pool_cv = PTHREAD_COND_INITIALIZER;
-}
-
 void abort_and_unlock(ox_tpool_t* tp) {
   OX_LOG_DEBUG(1, "Aborting thread pool %s", tp->tp_name);
   tp->tp_state = OX_TPOOL_ABORTED;
-  (void)pthread_cond_broadcast(&tp->tp_worker_cv);
+  ox_native_cv_wake_all(&tp->tp_worker_cv);
   if (tp->tp_cur_count == 0) {
     ox_tpool_drop_jobs_locked(tp);
-    if (tp->tp_waiters == 0) {
-      rest_condition_variables_locked(tp);
-    }
   }
   ox_tpool_unlock_and_join(tp);
 }
@@ -206,7 +176,7 @@ bool claim_and_lock(ox_tpool_t* tp, ox_u32 flags) {
     tp->tp_flags |= flags;
   }
   if (tp->tp_state == OX_TPOOL_ABORTED || destroyed_by_other) {
-    (void)pthread_cond_broadcast(&tp->tp_worker_cv);
+    ox_native_cv_wake_all(&tp->tp_worker_cv);
     (void)ox_unlock(&tp->tp_lock);
     return false;
   }
@@ -311,7 +281,7 @@ void ox_drain_tpool(ox_tpool_t* tp, ox_u32 flags) {
   if (tp->tp_state == OX_TPOOL_DRAINING && !tp->tp_closing) {
     tp->tp_state = OX_TPOOL_ACTIVE;
   }
-  (void)pthread_cond_broadcast(&tp->tp_pool_cv); /* a destroy may wait for this */
+  ox_native_cv_wake_all(&tp->tp_pool_cv); /* a destroy may wait for this */
   (void)ox_unlock(&tp->tp_lock);
 }
 

@@ -54,9 +54,9 @@ typedef void (*ox_tpool_deinit_func_t)(void* args);
 
 /** What one caller waits on for one job. jn_lock guards jn_done; there is no reset. */
 typedef struct ox_job_notify {
-  ox_lock_t jn_lock;     /**< guards jn_done */
-  ox_posix_cond_t jn_cv; /**< signalled with jn_done */
-  ox_s32 jn_done;        /**< 0 until the job has run */
+  ox_lock_t jn_lock;    /**< guards jn_done */
+  ox_native_cv_t jn_cv; /**< signalled with jn_done */
+  ox_s32 jn_done;       /**< 0 until the job has run */
 } ox_job_notify_t;
 
 /** A queued job. The queueing call allocates it, the worker that ran or dropped it frees it. */
@@ -100,8 +100,8 @@ typedef struct ox_tpool {
   ox_priv_t tp_priv;                     /**< private blocks */
   ox_job_t tp_jobq;                      /**< list head; points at itself when empty */
   ox_lock_t tp_lock;                     /**< the pool's lock */
-  ox_posix_cond_t tp_worker_cv;          /**< workers wait here for jobs */
-  ox_posix_cond_t tp_pool_cv;       /**< drain, destroy and drain_wait wait here for the workers */
+  ox_native_cv_t tp_worker_cv;           /**< workers wait here for jobs */
+  ox_native_cv_t tp_pool_cv;        /**< drain, destroy and drain_wait wait here for the workers */
   char tp_name[OX_TPOOL_NAME_SIZE]; /**< with its NUL */
   ox_u32 tp_min_threads;            /**< so many workers stay when idle */
   ox_u32 tp_max_threads;            /**< the most workers */

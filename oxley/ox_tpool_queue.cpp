@@ -6,6 +6,7 @@
 
 #include "ox_errno.h"
 #include "ox_logging.h"
+#include "ox_native_cv.h"
 #include "ox_tpool_internal.h"
 #include "ox_util.h"
 
@@ -59,13 +60,15 @@ int append_job(ox_tpool_t* tp, ox_job_notify_t* notify, ox_job_func_t func, void
  * counts as idle until it has the lock, also when a signal has woken it already. A burst of jobs
  * must not queue up behind one such worker and its first job.
  */
-void rouse_worker(ox_tpool_t* tp) {
+void rouse_worker_and_unlock(ox_tpool_t* tp) {
   const bool all_taken =
       tp->tp_idle_count == 0 || (tp->tp_qlen > tp->tp_idle_count && !ox_tpool_paused_locked(tp));
   const bool may_start = all_taken && tp->tp_cur_count < tp->tp_max_threads;
   /* A failed start is no error: the job stays queued, and the next call tries again. */
-  if (!may_start || !ox_tpool_start_worker_locked(tp)) {
-    (void)pthread_cond_signal(&tp->tp_worker_cv);
+  if (may_start && ox_tpool_start_worker_locked(tp)) {
+    (void)ox_unlock(&tp->tp_lock);
+  } else {
+    ox_native_cv_wake_one_and_unlock(&tp->tp_worker_cv, &tp->tp_lock);
   }
 }
 
@@ -109,9 +112,10 @@ int ox_queue_work(ox_tpool_t* tp, ox_job_notify_t* notify, ox_job_func_t func, v
     rc = append_job(tp, notify, func, args);
   }
   if (rc == 0) {
-    rouse_worker(tp);
+    rouse_worker_and_unlock(tp);
+  } else {
+    (void)ox_unlock(&tp->tp_lock);
   }
-  (void)ox_unlock(&tp->tp_lock);
   return rc;
 }
 
@@ -133,7 +137,7 @@ int ox_tpool_look_after_job(ox_tpool_t* tp, const void* args) {
 
 void ox_tpool_rouse_all_locked(ox_tpool_t* tp) {
   OX_ASSERT_HELD(&tp->tp_lock);
-  (void)pthread_cond_broadcast(&tp->tp_worker_cv);
+  ox_native_cv_wake_all(&tp->tp_worker_cv);
   ox_u32 waiting = ox_tpool_stopping_locked(tp) ? 0 : tp->tp_qlen;
   while (waiting > tp->tp_idle_count && tp->tp_cur_count < tp->tp_max_threads &&
          ox_tpool_start_worker_locked(tp)) {
@@ -181,7 +185,7 @@ void ox_tpool_drain_wait(ox_tpool_t* tp) {
     ox_tpool_wait_for_others_locked(tp);
   }
   --tp->tp_waiters;
-  (void)pthread_cond_broadcast(&tp->tp_pool_cv); /* a destroy may wait for this */
+  ox_native_cv_wake_all(&tp->tp_pool_cv); /* a destroy may wait for this */
   (void)ox_unlock(&tp->tp_lock);
 }
 
@@ -190,14 +194,12 @@ ox_job_notify_t* ox_job_create_notify(void) {
   if (notify == nullptr) {
     return nullptr;
   }
-  if (ox_init_lock(&notify->jn_lock) == 0) {
-    if (ox_init_cv(&notify->jn_cv) == 0) {
-      return notify;
-    }
-    (void)ox_deinit_lock(&notify->jn_lock);
+  if (ox_init_lock(&notify->jn_lock) != 0) {
+    ox_free_safe(notify);
+    return nullptr;
   }
-  ox_free_safe(notify);
-  return nullptr;
+  ox_native_cv_init(&notify->jn_cv);
+  return notify;
 }
 
 void ox_signal_job_completion(ox_job_notify_t* notify) {
@@ -206,8 +208,7 @@ void ox_signal_job_completion(ox_job_notify_t* notify) {
   }
   (void)ox_lock(&notify->jn_lock);
   notify->jn_done = 1;
-  (void)pthread_cond_signal(&notify->jn_cv);
-  (void)ox_unlock(&notify->jn_lock);
+  ox_native_cv_wake_one_and_unlock(&notify->jn_cv, &notify->jn_lock);
 }
 
 void ox_wait_job_completion(ox_job_notify_t* notify) {
@@ -225,7 +226,7 @@ void ox_job_destroy_notify(ox_job_notify_t* notify) {
   if (notify == nullptr) {
     return;
   }
-  (void)ox_deinit_cv(&notify->jn_cv);
+  ox_native_cv_destroy(&notify->jn_cv);
   (void)ox_deinit_lock(&notify->jn_lock);
   ox_free_safe(notify);
 }

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "ox_logging.h"
+#include "ox_native_cv.h"
 #include "ox_time.h"
 #include "ox_tpool_internal.h"
 #include "ox_util.h"
@@ -34,7 +35,7 @@ void lock_at_last(ox_tpool_t* tp) {
  * no worker is left. */
 void announce_rest(ox_tpool_t* tp) {
   if (tp->tp_cur_count == tp->tp_idle_count) {
-    (void)pthread_cond_broadcast(&tp->tp_pool_cv);
+    ox_native_cv_wake_all(&tp->tp_pool_cv);
   }
 }
 

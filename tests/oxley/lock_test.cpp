@@ -2,6 +2,7 @@
  * The lock wrappers: results, statistics, and the profiling warnings with their thresholds. The
  * clock that the locks read is the tests' own, so no test waits for time to pass.
  */
+#include "ox_native_cv.h"
 #include "oxley_test.h"
 
 static std::atomic<ox_s64> now_usecs = 1000000000; /* since 1970 */
@@ -148,8 +149,8 @@ TEST_F(Locks, ReaderWriterLocksThatAreHeldOrNotInitialisedSaySo) {
 #endif
 
 TEST_F(Locks, AWaitForAConditionEndsAtItsDeadlineAndBeginsAHold) {
-  pthread_cond_t cv;
-  ASSERT_EQ(0, ox_init_cv(&cv));
+  ox_native_cv_t cv;
+  ox_native_cv_init(&cv);
   ox_prof_level = 3;
   EXPECT_EQ(0, ox_lock(&mutex_));
   now_usecs += HOUR;
@@ -159,20 +160,30 @@ TEST_F(Locks, AWaitForAConditionEndsAtItsDeadlineAndBeginsAHold) {
   EXPECT_THAT(log_.lines(), IsEmpty()) << "the hour was no hold";
 
   ASSERT_EQ(0, __real_clock_gettime(CLOCK_REALTIME, &deadline));
+  now_usecs = (deadline.tv_sec * ox_s64{1000000}) + (deadline.tv_nsec / 1000);
+  deadline.tv_sec += 1;
+  EXPECT_EQ(0, ox_lock(&mutex_));
+  EXPECT_FALSE(ox_cv_wait(&cv, &mutex_, &deadline));
+  EXPECT_EQ(0, ox_unlock(&mutex_));
+  struct timespec end = {};
+  ASSERT_EQ(0, __real_clock_gettime(CLOCK_REALTIME, &end));
+  EXPECT_LE(deadline.tv_sec * 1000, (end.tv_sec * 1000) + (end.tv_nsec / 1000000) + 50)
+      << "but for the clock's own steps";
+  EXPECT_GE(deadline.tv_sec + 60, end.tv_sec);
+
   deadline.tv_sec += 1000;
   bool waits = false;
   EXPECT_EQ(0, ox_lock(&mutex_));
   std::thread waker([&] {
     EXPECT_EQ(0, ox_lock(&mutex_));
     EXPECT_TRUE(waits);
-    EXPECT_EQ(0, pthread_cond_signal(&cv));
-    EXPECT_EQ(0, ox_unlock(&mutex_));
+    ox_native_cv_wake_one_and_unlock(&cv, &mutex_);
   });
   waits = true;
   EXPECT_TRUE(ox_cv_wait(&cv, &mutex_, &deadline));
   EXPECT_EQ(0, ox_unlock(&mutex_));
   waker.join();
-  EXPECT_EQ(0, ox_deinit_cv(&cv));
+  ox_native_cv_destroy(&cv);
 }
 
 /* For the thread sanitizer, too: readers overwrite one another's statistics. */

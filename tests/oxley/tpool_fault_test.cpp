@@ -1,7 +1,6 @@
 /*
- * What fails under the thread pool: allocations, locks, condition variables, thread starts and
- * thread names. The linker's --wrap leads these calls, and the pool's waits, through the functions
- * below.
+ * What fails under the thread pool: allocations, locks, thread starts and thread names. The
+ * linker's --wrap leads these calls, and the pool's waits, through the functions below.
  */
 #include <map>
 
@@ -20,13 +19,15 @@ struct Fault {
   bool hit() { return always || (fail_at > 0 && --fail_at == 0); }
 };
 
-Fault zalloc_fault, lock_fault, lock_init_fault, cv_init_fault, create_fault, name_fault;
-const std::map<std::string, Fault*> FAULTS = {
-    {"zalloc", &zalloc_fault},   {"lock", &lock_fault},     {"lock_init", &lock_init_fault},
-    {"cv_init", &cv_init_fault}, {"create", &create_fault}, {"name", &name_fault}};
+Fault zalloc_fault, lock_fault, lock_init_fault, create_fault, name_fault;
+const std::map<std::string, Fault*> FAULTS = {{"zalloc", &zalloc_fault},
+                                              {"lock", &lock_fault},
+                                              {"lock_init", &lock_init_fault},
+                                              {"create", &create_fault},
+                                              {"name", &name_fault}};
 
 std::mutex waits_mutex;
-std::map<const pthread_cond_t*, time_t> longest_waits;
+std::map<const ox_native_cv_t*, time_t> longest_waits;
 
 }  // namespace
 
@@ -37,7 +38,7 @@ void set_fault(const std::string& call, int nth, int error) {
 }
 int calls_to_fault(const std::string& call) { return FAULTS.at(call)->fail_at; }
 
-time_t longest_wait(const pthread_cond_t* cv) {
+time_t longest_wait(const ox_native_cv_t* cv) {
   const std::lock_guard hold(waits_mutex);
   return longest_waits[cv];
 }
@@ -51,7 +52,6 @@ WRAPPED(void*, ox_zalloc, zalloc_fault, (errno = zalloc_fault.result, nullptr), 
         (size))
 WRAPPED(int, ox_lock, lock_fault, lock_fault.result, (ox_lock_t * l), (l))
 WRAPPED(int, ox_init_lock, lock_init_fault, lock_init_fault.result, (ox_lock_t * l), (l))
-WRAPPED(int, ox_init_cv, cv_init_fault, cv_init_fault.result, (pthread_cond_t * cv), (cv))
 WRAPPED(int, pthread_getname_np, name_fault, name_fault.result,
         (pthread_t thread, char* name, size_t size), (thread, name, size))
 
@@ -74,8 +74,8 @@ int __wrap_pthread_join(pthread_t thread, void** result) {
   return rc;
 }
 
-bool __real_ox_cv_wait(pthread_cond_t* cv, ox_lock_t* l, const struct timespec* deadline);
-bool __wrap_ox_cv_wait(pthread_cond_t* cv, ox_lock_t* l, const struct timespec* deadline) {
+bool __real_ox_cv_wait(ox_native_cv_t* cv, ox_lock_t* l, const struct timespec* deadline);
+bool __wrap_ox_cv_wait(ox_native_cv_t* cv, ox_lock_t* l, const struct timespec* deadline) {
   if (deadline == nullptr) {
     return __real_ox_cv_wait(cv, l, nullptr);
   }

@@ -19,9 +19,9 @@
  */
 inline std::atomic<bool> time_flies = false;
 /* The seconds of the longest timed wait on each condition variable so far. */
-time_t longest_wait(const pthread_cond_t* cv);
+time_t longest_wait(const ox_native_cv_t* cv);
 
-/* Of one kind of calls ("zalloc", "lock", "lock_init", "cv_init", "create", "name") the nth from
+/* Of one kind of calls ("zalloc", "lock", "lock_init", "create", "name") the nth from
  * now on fails with this error, or none with 0. */
 void set_fault(const std::string& call, int nth, int error);
 constexpr int EVERY_CALL = -1;
