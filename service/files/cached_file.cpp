@@ -93,9 +93,19 @@ int CachedFile::attach(FileOpen* open, const std::string& path, const AttachHow&
   opens_.push_back(open);
   open->attached = true;
   open->emptied = emptied_;
-  open->may_write = open->writable && !record_.store.dirty().empty();
+  open->without_maps = needs_no_maps(*open);
+  open->writes_anywhere = open->without_maps;
+  open->may_write = open->without_maps || (open->writable && !record_.store.dirty().empty());
   fill_view(open, view);
   return 0;
+}
+
+/* A writer of an empty file that is on record as changed has nothing to fetch, and nothing to tell
+ * before its close: all that it writes is to go up. */
+bool CachedFile::needs_no_maps(const FileOpen& open) const {
+  uint64_t size = 0;
+  return open.writable && record_.state.content == Content::DIRTY && record_.store.limit() == 0 &&
+         local_.size(&size) == 0 && size == 0;
 }
 
 /* The handle first: an open that is refused has emptied nothing. */
@@ -215,7 +225,7 @@ void CachedFile::fill_view(FileOpen* open, FileView* view) const {
   view->modified = newer ? local_.modified() : entry_.modified;
   view->newer = newer;
   view->shift = store.shift();
-  view->map_bytes = store.map_bytes(view->size);
+  view->map_bytes = open->without_maps ? 0 : store.map_bytes(view->size);
   /* A read-only open is deliberately shown no dirty region: whatever it writes (for a mapped file)
    * it reports, so that its close is known to need an upload. */
   view->maps = store.maps(view->map_bytes, open->writable);
@@ -260,6 +270,9 @@ int CachedFile::close(FileOpen* open, Closing how, bool* waits, uint64_t* attemp
     return err;
   }
   *waits = work.enqueued && (how == Closing::MODIFIED || how == Closing::UNMODIFIED);
+  if (open->without_maps) {
+    env_.grow(work.size);
+  }
   leave(open, how);
   return 0;
 }

@@ -86,7 +86,7 @@ struct FileOpen {
   bool attached = false;        /* from attach() to detach(): in between alone may it ask */
   bool writable = false;        /* fixed */
   bool may_write = false;       /* told of a dirty region: may write there again without a word */
-  bool without_maps = false;    /* told that the file is empty: asks and tells nothing any more */
+  bool without_maps = false;    /* has seen the file empty: asks and tells nothing any more */
   bool writes_anywhere = false; /* where it may write without a word is not known any more */
   uint64_t emptied = 0;         /* the file's count of emptyings that the open's maps have seen */
   uint64_t map_regions = 0;     /* fixed: regions that its maps have room for */
@@ -313,6 +313,7 @@ class CachedFile : public std::enable_shared_from_this<CachedFile>, private Fetc
   int hand_out(Turn& turn, const AttachHow& how, uint64_t* handle);
   void abandon(Turn& turn);
   bool resized_while_closed() const;
+  bool needs_no_maps(const FileOpen& open) const;
   void fill_view(FileOpen* open, FileView* view) const;
   int close(FileOpen* open, Closing how, bool* waits, uint64_t* attempts);
   int note_size(Turn& turn);

@@ -113,7 +113,8 @@ void answer_file(const FileView& view, tnv_wopen_resp* answer) {
   answer->wopen_resp_region_shift = view.shift;
   answer->wopen_resp_rmap_size = view.map_bytes;
   answer->wopen_resp_dmap_size = view.map_bytes;
-  answer->wopen_resp_tnflags = TNV_FL_MAPPED | (view.newer ? uint32_t{TNV_FL_NEWER} : 0);
+  answer->wopen_resp_tnflags = (view.map_bytes != 0 ? uint32_t{TNV_FL_MAPPED} : 0) |
+                               (view.newer ? uint32_t{TNV_FL_NEWER} : 0);
   answer->wopen_resp_handle = view.handle;
   answer->wopen_resp_fso.fso_seqno = view.fillings;
 }

@@ -265,10 +265,13 @@ class RawConnection {
     };
     return ask(TNV_OP_WIN_BRL, fill).error();
   }
-  /* As the client changes a file: cached, reported, written. */
+  /* As the client changes a file: cached, reported, written. Without maps it only writes. */
   int change(const RawFile& file, uint32_t offset, const std::string& data) {
-    const int cached = region(TNV_OP_CACHE_REGION, file, offset, data.size()).error();
-    const int told = region(TNV_OP_DIRTY_REGION, file, offset, data.size()).error();
+    const auto ask = [&](uint32_t operation) {
+      return file.maps.empty() ? 0 : region(operation, file, offset, data.size()).error();
+    };
+    const int cached = ask(TNV_OP_CACHE_REGION);
+    const int told = ask(TNV_OP_DIRTY_REGION);
     OVERLAPPED place = {};
     place.Offset = offset;
     const auto size = static_cast<DWORD>(data.size());

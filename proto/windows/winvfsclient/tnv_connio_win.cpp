@@ -68,6 +68,7 @@ struct Transfer {
   char* next;
   int left;
   bool waits_first; /* what comes is not there yet; else a poll before a move is a call too many */
+  int room = 0;     /* bytes behind the last one that may be received along with it */
   bool at_end = false; /* a receive gave 0 bytes: only the hang-up can come */
   bool owner_exiting = false;
   ULONGLONG moved_at = GetTickCount64(); /* when something moved last, or it began */
@@ -167,10 +168,12 @@ int nothing_moved(Transfer& t, int ready, int moved) {
 
 /* Moves what can be moved at once: the count, or what the move gave. */
 int move_now(Transfer& t) {
-  const int moved = t.dir.move(t.at.sock, t.next, t.left);
+  const int moved = t.dir.move(t.at.sock, t.next, t.left + t.room);
   if (moved > 0) {
-    t.next += moved;
-    t.left -= moved;
+    const int wanted = std::min(moved, t.left);
+    t.next += wanted;
+    t.left -= wanted;
+    t.room -= moved - wanted;
     t.moved_at = GetTickCount64();
     t.waits_first = false;
   }
@@ -208,9 +211,8 @@ int step(Transfer& t) {
 }
 
 /* Moves all bytes: 0, or the error. */
-int run(const Direction& dir, const Endpoint& at, ox_u8* data, int nbytes, bool waits_first) {
-  Transfer t{dir, at, reinterpret_cast<char*>(data), nbytes, waits_first};
-  int err = nbytes < 0 ? WSAEINVAL : 0;
+int run(Transfer& t) {
+  int err = t.left < 0 ? WSAEINVAL : 0;
   while (err == 0 && t.left > 0) {
     err = step(t);
   }
@@ -218,7 +220,8 @@ int run(const Direction& dir, const Endpoint& at, ox_u8* data, int nbytes, bool 
     return 0;
   }
   if (!t.owner_exiting) {
-    OX_LOG(OX_ERROR_LEVEL, err, "%s failed on sockfd %d\n", dir.title, static_cast<int>(at.sock));
+    OX_LOG(OX_ERROR_LEVEL, err, "%s failed on sockfd %d\n", t.dir.title,
+           static_cast<int>(t.at.sock));
   }
   return fail(err);
 }
@@ -228,26 +231,22 @@ int send_all(const Endpoint& to, ox_u8* data, int nbytes) {
     return 0;
   }
   tnv_debug_dump_msg(reinterpret_cast<char*>(data), nbytes);
-  return run(SEND, to, data, nbytes, false);
+  Transfer t{SEND, to, reinterpret_cast<char*>(data), nbytes, false};
+  return run(t);
 }
 
-int recv_all(const Endpoint& from, ox_u8* data, int nbytes, bool waits_first) {
+/* `*room`: how many more bytes may be received along with these, and then how many were not. */
+int recv_all(const Endpoint& from, ox_u8* data, int nbytes, bool waits_first, int* room) {
   if (nbytes == 0) {
     return 0;
   }
-  const int err = run(RECV, from, data, nbytes, waits_first);
+  Transfer t{RECV, from, reinterpret_cast<char*>(data), nbytes, waits_first, *room};
+  const int err = run(t);
+  *room = t.room;
   if (err == 0) {
     tnv_debug_dump_msg(reinterpret_cast<char*>(data), nbytes);
   }
   return err;
-}
-
-int recv_rest(const Endpoint& from, ox_u8* data, int nbytes) {
-  return recv_all(from, data, nbytes, false);
-}
-
-int recv_next(const Endpoint& from, ox_u8* data, int nbytes) {
-  return recv_all(from, data, nbytes, true);
 }
 
 /* ------------------------------------------------------------------- client connections */
@@ -269,8 +268,6 @@ SOCKET make_socket() {
   }
   return inheritable;
 }
-
-using TransferFunc = int (*)(const Endpoint& at, ox_u8* data, int nbytes);
 
 /* 0 is no socket either: a record that is only zero-filled has it. */
 bool has_socket(const vfs_handle* vh) { return vh->vfs_fd > 0; }
@@ -300,7 +297,8 @@ bool mark_broken(vfs_handle* vh) { return !std::atomic_ref(vh->vfs_broken).excha
  * then. Sets errno to 133, whatever the transport's own error was: a drive application that fails
  * in the middle of an answer meets the same dead connection with its next request.
  */
-int conn_transfer(vfs_handle* vh, TransferFunc move, ox_u8* data, size_t nbytes) {
+template <class Move>
+int conn_transfer(vfs_handle* vh, Move move, ox_u8* data, size_t nbytes) {
   int err = 0;
   while (err == 0 && nbytes > 0) {
     const size_t chunk = std::min(nbytes, MAX_CHUNK);
@@ -370,7 +368,8 @@ int tnv_sendbytes(vfs_handle* vh, int sockfd, tnv_fdcntl*, ox_u8* data, int nbyt
 }
 
 int tnv_recvbytes(vfs_handle* vh, int sockfd, int*, ox_u8* data, int nbytes) {
-  return recv_next({static_cast<SOCKET>(sockfd), vh, true, nullptr}, data, nbytes);
+  int none = 0;
+  return recv_all({static_cast<SOCKET>(sockfd), vh, true, nullptr}, data, nbytes, true, &none);
 }
 
 int tnv_send_response(vfs_handle* vh, int fd, tnv_msg* msgp, tnv_resp* resp) {
@@ -466,11 +465,21 @@ int tnv_conn_send(vfs_handle* vh, const void* data, size_t nbytes) {
 }
 
 int tnv_conn_recv(vfs_handle* vh, void* data, size_t nbytes) {
+  const auto recv_rest = [](const Endpoint& from, ox_u8* to, int count) {
+    int none = 0;
+    return recv_all(from, to, count, false, &none);
+  };
   return conn_transfer(vh, recv_rest, static_cast<ox_u8*>(data), nbytes);
 }
 
-int tnv_conn_recv_next(vfs_handle* vh, void* data, size_t nbytes) {
-  return conn_transfer(vh, recv_next, static_cast<ox_u8*>(data), nbytes);
+int tnv_conn_recv_next(vfs_handle* vh, void* data, size_t nbytes, size_t* more) {
+  int room = static_cast<int>(*more);
+  const auto recv_next = [&room](const Endpoint& from, ox_u8* to, int count) {
+    return recv_all(from, to, count, true, &room);
+  };
+  const int err = conn_transfer(vh, recv_next, static_cast<ox_u8*>(data), nbytes);
+  *more -= static_cast<size_t>(room);
+  return err;
 }
 
 void tnv_conn_break(vfs_handle* vh) {

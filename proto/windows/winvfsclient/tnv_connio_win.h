@@ -79,8 +79,11 @@ int tnw_setup_socket(vfs_handle* vh, const char* sock);
  */
 int tnv_conn_send(vfs_handle* vh, const void* data, size_t nbytes);
 int tnv_conn_recv(vfs_handle* vh, void* data, size_t nbytes);
-/* The same for bytes that are still to come: it waits before it tries. */
-int tnv_conn_recv_next(vfs_handle* vh, void* data, size_t nbytes);
+/*
+ * The same for bytes that are still to come: it waits before it tries. Up to *more bytes behind
+ * them are taken along when they are there at once; then *more is their count.
+ */
+int tnv_conn_recv_next(vfs_handle* vh, void* data, size_t nbytes, size_t* more);
 /* Breaks the connection: closes its socket, if it has one that is open. */
 void tnv_conn_break(vfs_handle* vh);
 

@@ -25,14 +25,31 @@ int broken() {
   return OX_EOWNERDEAD;
 }
 
-/* Receives what follows the header that is in `resp` already. `errp` is the error for the log. */
-bool recv_payload(vfs_handle* vh, tnv_resp* resp, int* errp) {
-  if (resp->rhdr.rhdr_len > TNV_RESP_MAX_PAYLOAD) {
+/*
+ * How much of an answer may be received together with its header, which saves a call. Where maps or
+ * a listing may follow the payload, nothing: they go elsewhere.
+ */
+size_t payload_room(const tnv_msg* msg) {
+  const ox_u32 operation = msg->hdr.hdr_opcode;
+  const bool more_follows = operation == TNV_OP_WIN_OPEN || operation == TNV_OP_WIN_DENUM;
+  return more_follows ? 0 : TNV_RESP_MAX_PAYLOAD;
+}
+
+/*
+ * Receives what is missing of the payload, of which `had` bytes came with the header. `errp` is the
+ * error for the log.
+ */
+bool recv_payload(vfs_handle* vh, tnv_resp* resp, size_t had, int* errp) {
+  const size_t size = resp->rhdr.rhdr_len;
+  if (size > TNV_RESP_MAX_PAYLOAD || had > size) {
     *errp = OX_EFBIG;
     tnv_conn_break(vh);
     return false;
   }
-  *errp = tnv_conn_recv(vh, resp->u.bytes, resp->rhdr.rhdr_len);
+  if (had > 0) {
+    tnv_debug_dump_msg(reinterpret_cast<char*>(resp->u.bytes), static_cast<int>(had));
+  }
+  *errp = tnv_conn_recv(vh, resp->u.bytes + had, size - had);
   return *errp == 0;
 }
 
@@ -153,13 +170,14 @@ int tnw_recv_response(vfs_handle* vh, const tnv_msg* msgp, tnv_resp* resp) {
   /* When a payload is shorter than its record, the rest of the record is zero. */
   *resp = {};
   resp->rhdr.rhdr_fd2xfer = -1;
-  int err = tnv_conn_recv_next(vh, &resp->rhdr, sizeof(resp->rhdr));
+  size_t had = payload_room(msgp);
+  int err = tnv_conn_recv_next(vh, resp, sizeof resp->rhdr, &had);
   if (err != 0) {
     TNW_ERROR(vh, err,
               "Could not receive response header for message id %s, opcode %d, len %d. Requesting "
               "client to reinitialize.",
               tn_id_text(msgp->hdr.hdr_id).text, msgp->hdr.hdr_opcode, msgp->hdr.hdr_len);
-  } else if (!recv_payload(vh, resp, &err)) {
+  } else if (!recv_payload(vh, resp, had, &err)) {
     TNW_ERROR(vh, err, "Could not receive response payload. Requesting client to reinitialize.");
   }
   if (err != 0) {
