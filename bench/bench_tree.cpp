@@ -56,12 +56,12 @@ class Floor {
   void read_small(const std::string& path) {
     std::string content(SMALL, ' ');
     transfer(in_cloud(path), OPEN_EXISTING, content);
-    cache(content);
+    cache(content, {OPEN_ANSWER, ANSWER, ANSWER});
   }
-  /* OPEN, DIRTY_REGION and CLOSE: a local file, and the cloud's file with the content, flushed. */
+  /* OPEN and CLOSE: a local file, and the cloud's file with the content, flushed. */
   void make(const std::string& path, std::string content) {
     transfer(in_cloud(path), CREATE_ALWAYS, content);
-    cache(content);
+    cache(content, {OPEN_ANSWER, ANSWER});
   }
 
  private:
@@ -82,16 +82,16 @@ class Floor {
     must(disposition != CREATE_ALWAYS || FlushFileBuffers(file) != 0, "FlushFileBuffers");
     CloseHandle(file);
   }
-  /* Three requests, and a new file of the cache, in one of many folders: in a full one it takes
-   * Wine long. */
-  void cache(std::string& content) {
+  /* Requests, and a new file of the cache, in one of many folders: in a full one it takes Wine
+   * long. */
+  void cache(std::string& content, std::initializer_list<size_t> answers) {
     constexpr int FOLDERS = 256;
     const std::string folder = folder_ + "\\floor\\" + std::to_string(cached_ % FOLDERS);
     if (cached_ < FOLDERS) {
       make_folder(folder);
     }
     transfer(folder + '\\' + std::to_string(cached_++), CREATE_NEW, content);
-    for (const size_t answer : {OPEN_ANSWER, ANSWER, ANSWER}) {
+    for (const size_t answer : answers) {
       exchange_.run(REQUEST, answer);
     }
   }

@@ -124,6 +124,28 @@ TEST_P(CloudContract, OfRacingChangesOneWinsAndReadersSeeWholeContents) {
   EXPECT_EQ(mixtures, 0);
 }
 
+/* No two pieces of it are the same. */
+TEST_P(CloudContract, ALargeContentArrivesWholeOrNotAtAll) {
+  std::string content;
+  for (int number = 0; content.size() < 9 * MIB; number++) {
+    content += std::to_string(number) + ' ';
+  }
+  ASSERT_EQ(put("file", content), CloudCode::OK);
+  TextSnapshot broken(std::string(content.rbegin(), content.rend()));
+  broken.error = OX_ENOSPC;
+  broken.fails_behind = 5 * MIB;
+  const CloudResult failed = cloud_->put({}, "file", {made_.version}, broken, &made_);
+  EXPECT_EQ(failed.error, OX_ENOSPC);
+  std::string seen;
+  const auto see = [&](const char* data, size_t size) {
+    seen.append(data, size);
+    return 0;
+  };
+  EXPECT_TRUE(cloud_->read({}, "file", made_.version, {0, content.size()}, see).ok());
+  EXPECT_TRUE(seen == content);
+  EXPECT_EQ(list(), "file " + std::to_string(content.size())) << "nothing else is left";
+}
+
 TEST_P(CloudContract, CallsThatEndEarlyLeaveThingsAsTheyWere) {
   ASSERT_EQ(put("file", "old"), CloudCode::OK);
   const std::string version = made_.version;

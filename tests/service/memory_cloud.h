@@ -27,11 +27,14 @@ class TextSnapshot : public tarnd::Snapshot {
   }
   int read(uint64_t offset, void* buffer, size_t size) override {
     const bool inside = offset <= content_.size() && size <= content_.size() - offset;
-    return inside && content_.copy(static_cast<char*>(buffer), size, offset) == size ? error
-                                                                                     : OX_EINVAL;
+    if (!inside || content_.copy(static_cast<char*>(buffer), size, offset) != size) {
+      return OX_EINVAL;
+    }
+    return offset + size > fails_behind ? error : 0;
   }
 
   int error = 0;
+  uint64_t fails_behind = 0; /* a read of bytes behind this offset gives the error */
 
  private:
   const std::string content_;

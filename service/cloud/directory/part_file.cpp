@@ -4,6 +4,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <span>
+#include <system_error>
 #include <vector>
 
 #include "cloud/directory/directory_item.h"
@@ -15,6 +20,8 @@ constexpr std::wstring_view PART_LEAD = L".~tarnd-";
 constexpr std::wstring_view PART_TAIL = L".part";
 constexpr uint64_t PART_MIN_AGE = 600ull * 10'000'000; /* ten minutes, in 100 ns */
 constexpr size_t WRITTEN_AT_ONCE = size_t{1} << 20;
+/* From this length on two threads write a range: one reads while the other one writes. */
+constexpr uint64_t WRITTEN_BY_TWO = uint64_t{8} << 20;
 
 /* MinGW's headers do not have the call that shares blocks. */
 constexpr DWORD DUPLICATE_EXTENTS =
@@ -62,6 +69,84 @@ DWORD CALLBACK go_on(LARGE_INTEGER, LARGE_INTEGER, LARGE_INTEGER, LARGE_INTEGER,
                      HANDLE, HANDLE, LPVOID context) {
   return check(*static_cast<const CloudContext*>(context)).ok() ? PROGRESS_CONTINUE
                                                                 : PROGRESS_CANCEL;
+}
+
+/* The pieces of a range, which threads take from front to back. */
+class Pieces {
+ public:
+  struct Piece {
+    uint64_t offset = 0;
+    size_t size = 0; /* 0: there is no more */
+  };
+
+  Pieces(const CloudContext& context, Snapshot& content, ByteRange range)
+      : context_(context), content_(content), range_(range) {}
+
+  /* Reads the next piece. After a failure, of this or of a write, there is no more. */
+  CloudResult read_next(std::span<char> buffer, Piece* piece) {
+    const std::lock_guard guard(lock_);
+    const size_t size = std::min<uint64_t>(buffer.size(), range_.length);
+    *piece = {};
+    if (size == 0) {
+      return {};
+    }
+    CloudResult result = check(context_);
+    if (result.ok()) {
+      const int err = content_.read(range_.offset, buffer.data(), size);
+      result = err != 0 ? CloudResult::refused(err) : CloudResult{};
+    }
+    *piece = {range_.offset, result.ok() ? size : 0};
+    range_ = result.ok() ? ByteRange{range_.offset + size, range_.length - size} : ByteRange{};
+    return result;
+  }
+  void stop() {
+    const std::lock_guard guard(lock_);
+    range_ = {};
+  }
+
+ private:
+  std::mutex lock_; /* guards what follows */
+  const CloudContext& context_;
+  Snapshot& content_;
+  ByteRange range_; /* what nobody has taken yet */
+};
+
+CloudResult write_piece(HANDLE file, uint64_t offset, std::span<const char> piece) {
+  OVERLAPPED position = at(offset);
+  DWORD written = 0;
+  if (WriteFile(file, piece.data(), static_cast<DWORD>(piece.size()), &written, &position) == 0) {
+    return last_result();
+  }
+  return written == piece.size() ? CloudResult{} : CloudResult::of(CloudCode::NO_SPACE);
+}
+
+CloudResult write_pieces(HANDLE file, Pieces& pieces, size_t at_once) {
+  std::vector<char> buffer(at_once);
+  for (;;) {
+    Pieces::Piece piece;
+    CloudResult result = pieces.read_next(buffer, &piece);
+    if (piece.size == 0) {
+      return result;
+    }
+    result = write_piece(file, piece.offset, std::span(buffer).first(piece.size));
+    if (!result.ok()) {
+      pieces.stop();
+      return result;
+    }
+  }
+}
+
+/* Runs it on another thread, too, where the system has one to give: the first failure of both. */
+CloudResult run_twice(const std::function<CloudResult()>& work) {
+  std::future<CloudResult> other;
+  try {
+    other = std::async(std::launch::async, work);
+  } catch (const std::system_error&) {
+    return work();
+  }
+  const CloudResult mine = work();
+  const CloudResult theirs = other.get();
+  return mine.ok() ? theirs : mine;
 }
 
 }  // namespace
@@ -172,27 +257,10 @@ CloudResult PartFile::write(const CloudContext& context, Snapshot& content,
 }
 
 CloudResult PartFile::write_range(const CloudContext& context, Snapshot& content, ByteRange range) {
-  std::vector<char> buffer(std::min<uint64_t>(WRITTEN_AT_ONCE, range.length));
-  while (!range.empty()) {
-    const CloudResult wanted = check(context);
-    if (!wanted.ok()) {
-      return wanted;
-    }
-    const size_t size = std::min<uint64_t>(buffer.size(), range.length);
-    if (const int err = content.read(range.offset, buffer.data(), size)) {
-      return CloudResult::refused(err);
-    }
-    OVERLAPPED position = at(range.offset);
-    DWORD written = 0;
-    if (WriteFile(file_.get(), buffer.data(), static_cast<DWORD>(size), &written, &position) == 0) {
-      return last_result();
-    }
-    if (written != size) {
-      return CloudResult::of(CloudCode::NO_SPACE);
-    }
-    range = {range.offset + size, range.length - size};
-  }
-  return {};
+  Pieces pieces(context, content, range);
+  const size_t at_once = std::min<uint64_t>(WRITTEN_AT_ONCE, range.length);
+  const auto work = [&] { return write_pieces(file_.get(), pieces, at_once); };
+  return range.length < WRITTEN_BY_TWO ? work() : run_twice(work);
 }
 
 void PartFile::keep_attributes(const FILE_BASIC_INFO& replaced) {
