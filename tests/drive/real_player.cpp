@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <algorithm>
+
 RealPlayer::RealPlayer(const std::string& server) : drive_(server) {
   commands_["start"] = [this](auto& a) {
     set_field(drive_.record.tnw_authtoken, option(a, "authtoken", "token"));
@@ -24,11 +26,27 @@ RealPlayer::RealPlayer(const std::string& server) : drive_(server) {
     }
     return std::to_string(code) + entries;
   };
+  /* A program beside the test's, where there is one. */
+  commands_["copy_program"] = [this](auto& a) {
+    if (file_exists(beside_test(a[0]))) {
+      const std::string to = text(a, 1);
+      std::filesystem::copy_file(beside_test(a[0]), std::u8string(to.begin(), to.end()));
+    }
+    return "";
+  };
+  /* How many there are below the drive's own. */
+  commands_["folders"] = [this](auto&) {
+    using Entries = std::filesystem::recursive_directory_iterator;
+    const Entries all(drive_.folder.path());
+    return std::to_string(std::count_if(begin(all), end(all),
+                                        [](const auto& entry) { return entry.is_directory(); }));
+  };
 }
 
 std::string RealPlayer::expanded(const std::string& text) const {
   std::string whole = text;
   replace_all(whole, "CLOUD", drive_.cloud.string());
+  replace_all(whole, "FOLDER_URL", drive_.folder.path().generic_string());
   replace_all(whole, "FOLDER", drive_.folder.path().string());
   return whole;
 }
