@@ -333,6 +333,9 @@ void CallPlayer::add_files() {
   commands_["read_only"] = [this](auto& a) {
     return SetFileAttributesA(text(a, 0).c_str(), FILE_ATTRIBUTE_READONLY) != 0 ? "" : "no";
   };
+  commands_["writable"] = [this](auto& a) {
+    return SetFileAttributesA(text(a, 0).c_str(), FILE_ATTRIBUTE_NORMAL) != 0 ? "" : "no";
+  };
   commands_["until_there"] = [this](auto& a) {
     return eventually([&] { return fs::exists(text(a, 0)); }) ? "" : "it never came";
   };

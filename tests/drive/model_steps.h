@@ -28,7 +28,6 @@ enum class Act {
   RENAME,
   REMOVE,
   ASK_REMOVE,
-  KILL, /* ends the service's process and starts another one */
 };
 
 /* What an act does not need is not looked at. An act on a slot that holds no open does nothing, nor
@@ -45,9 +44,8 @@ struct Step {
 };
 using Steps = std::vector<Step>;
 
-/* The same for the same arguments: first files in the cloud, then `count` steps; with `kill` the
- * service is killed at the end, with what is open then. */
-Steps random_steps(unsigned seed, size_t count, bool kill);
+/* The same for the same arguments: first files in the cloud, `count` steps in all. */
+Steps random_steps(unsigned seed, size_t count);
 
 /* One a line. */
 std::string steps_text(const Steps& steps);

@@ -1,6 +1,7 @@
 /*
  * Random calls to the whole client, each compared with a drive in plain memory. A failure is told
- * with its seed and the few steps that are enough for it.
+ * with its seed and the few steps that are enough for it. A service that is killed is
+ * kill_rounds_test's.
  *
  * TNW_MODEL_SEED: the first seed, for a failure that was told or for others than the usual ones.
  * TNW_MODEL_STEPS: steps of the test; 1 plays the first seed alone.
@@ -13,10 +14,8 @@
 
 namespace {
 
-constexpr size_t STEPS = 8'000;    /* when none are asked for */
-constexpr unsigned KILL_EVERY = 5; /* seeds */
-constexpr size_t SEQUENCE = 200;   /* steps for one seed */
-constexpr size_t SEQUENCE_BEFORE_A_KILL = 50;
+constexpr size_t STEPS = 8'000;  /* when none are asked for */
+constexpr size_t SEQUENCE = 200; /* steps for one seed */
 constexpr int SHRINK_TRIES = 400;
 
 unsigned from_environment(const char* name, unsigned otherwise) {
@@ -30,11 +29,6 @@ class Model : public testing::Test {
   void SetUp() override {
     SetEnvironmentVariableA("TARND_REGION_SHIFT", std::to_string(MODEL_REGION_SHIFT).c_str());
     ASSERT_TRUE(drive.start()) << drive.error;
-  }
-
-  static Steps steps_of(unsigned seed) {
-    const bool kill = seed % KILL_EVERY == 0;
-    return random_steps(seed, kill ? SEQUENCE_BEFORE_A_KILL : SEQUENCE, kill);
   }
 
   /* Each time in a folder of its own, whose files nothing has cached. */
@@ -70,7 +64,7 @@ TEST_F(Model, RandomCallsAgreeWithPlainMemory) {
   unsigned seed = from_environment("TNW_MODEL_SEED", 1);
   const size_t wanted = from_environment("TNW_MODEL_STEPS", STEPS);
   for (size_t played = 0; played < wanted; seed++) {
-    Steps steps = steps_of(seed);
+    Steps steps = random_steps(seed, SEQUENCE);
     played += steps.size();
     ModelPlayer player = new_player();
     const size_t taken = player.play(steps);
