@@ -127,14 +127,6 @@ std::string step_text(const Step& step) {
   return text.str();
 }
 
-Steps without(const Steps& steps, size_t first, size_t count) {
-  Steps rest(steps.begin(), steps.begin() + static_cast<ptrdiff_t>(first));
-  rest.insert(rest.end(),
-              steps.begin() + static_cast<ptrdiff_t>(std::min(first + count, steps.size())),
-              steps.end());
-  return rest;
-}
-
 }  // namespace
 
 Steps random_steps(unsigned seed, size_t count) {
@@ -156,27 +148,4 @@ std::string steps_text(const Steps& steps) {
     text += step_text(step);
   }
   return text;
-}
-
-Steps shrink_steps(Steps failing, const StepsRun& run, int tries) {
-  bool smaller = false;
-  for (size_t piece = failing.size() / 2; piece > 0;
-       piece = piece > 1 ? piece / 2 : static_cast<size_t>(smaller)) {
-    smaller = false;
-    for (size_t first = 0; first < failing.size();) {
-      if (tries-- <= 0) {
-        return failing;
-      }
-      Steps rest = without(failing, first, piece);
-      const size_t taken = run(rest);
-      if (taken != 0) {
-        rest.resize(std::min(taken, rest.size()));
-        failing = rest;
-        smaller = true;
-      } else {
-        first += piece;
-      }
-    }
-  }
-  return failing;
 }

@@ -1,7 +1,6 @@
 /*
  * Random calls to the whole client, each compared with a drive in plain memory. A failure is told
- * with its seed and the few steps that are enough for it. A service that is killed is
- * kill_rounds_test's.
+ * with its seed and the steps up to it. A service that is killed is kill_rounds_test's.
  *
  * TNW_MODEL_SEED: the first seed, for a failure that was told or for others than the usual ones.
  * TNW_MODEL_STEPS: steps of the test; 1 plays the first seed alone.
@@ -16,7 +15,6 @@ namespace {
 
 constexpr size_t STEPS = 8'000;  /* when none are asked for */
 constexpr size_t SEQUENCE = 200; /* steps for one seed */
-constexpr int SHRINK_TRIES = 400;
 
 unsigned from_environment(const char* name, unsigned otherwise) {
   char text[16] = {};
@@ -33,23 +31,6 @@ class Model : public testing::Test {
 
   /* Each time in a folder of its own, whose files nothing has cached. */
   ModelPlayer new_player() { return ModelPlayer(drive, "run " + std::to_string(runs_++)); }
-
-  void report(unsigned seed, const Steps& steps, const std::string& failure) {
-    std::string last;
-    const auto run = [&](const Steps& fewer) {
-      ModelPlayer player = new_player();
-      const size_t taken = player.play(fewer);
-      if (taken != 0) {
-        last = player.failure();
-      }
-      return taken;
-    };
-    const Steps shortest = run(steps) != 0 ? shrink_steps(steps, run, SHRINK_TRIES) : steps;
-    ADD_FAILURE() << "seed " << seed << ": " << failure << "\n"
-                  << shortest.size()
-                  << " steps, which alone give: " << (last.empty() ? "no failure" : last) << "\n"
-                  << steps_text(shortest);
-  }
 
  public:
   RealDrive drive;
@@ -72,6 +53,7 @@ TEST_F(Model, RandomCallsAgreeWithPlainMemory) {
       continue;
     }
     steps.resize(std::min(taken, steps.size()));
-    return report(seed, steps, player.failure());
+    ADD_FAILURE() << "seed " << seed << ": " << player.failure() << "\n" << steps_text(steps);
+    return;
   }
 }

@@ -14,8 +14,12 @@ RealPlayer::RealPlayer(const std::string& server) : drive_(server) {
   };
   commands_["stop"] = [this](auto&) { return std::to_string(drive_.stop()); };
   commands_["stop_gently"] = [this](auto&) { return std::to_string(drive_.stop_gently()); };
-  /* What the service that was stopped last has counted. */
-  commands_["count"] = [this](auto& a) { return std::to_string(drive_.count(a[0])); };
+  /* count NAME [most=NUMBER]: what the service that was stopped last has counted */
+  commands_["count"] = [this](auto& a) {
+    const ox_u64 count = drive_.count(a[0]);
+    const bool fits = a.options.contains("most") && count <= a.option("most", 0);
+    return fits ? "" : std::to_string(count);
+  };
   /* The names in the order of their bytes, with their sizes; the code that ended the listing. */
   commands_["list"] = [this](auto& a) {
     int code = -1;

@@ -158,6 +158,8 @@ TEST_F(ServiceTest, AClientsOpensAreItsOwnAndEndWithItWithoutALoss) {
   EXPECT_EQ(connection_->close(theirs.id, TNV_FL_MODIFIED), OX_EBADF);
   EXPECT_EQ(connection_->region(TNV_OP_CACHE_REGION, theirs, 0, 1).error(), OX_EBADF);
   EXPECT_EQ(connection_->region(TNV_OP_DIRTY_REGION, theirs, 0, 1).error(), OX_EBADF);
+  const auto cut = [&](Payload& u) { u.ftruncate = {0, theirs.id, {}}; };
+  EXPECT_EQ(connection_->ask(TNV_OP_FTRUNCATE, cut).error(), OX_EBADF);
   EXPECT_EQ(connection_->end(TNV_OP_WIN_CLEANUP, theirs.id), OX_EBADF);
   EXPECT_EQ(connection_->open("a.txt", {.client = service_.pid()}).error, OX_EPERM);
   TerminateProcess(client.hProcess, 1);
