@@ -45,6 +45,7 @@ class TpoolScript : public testing::TestWithParam<ScriptCase> {
   Gate release_;
   ox_job_notify_t* const notify_ = ox_job_create_notify();
   std::unique_ptr<TestPool> pool_;
+  std::map<std::string, ox_tpool_t*> listed_;
   std::vector<std::future<std::string>> threads_;
   Commands commands_;
 };
@@ -140,14 +141,28 @@ TpoolScript::TpoolScript() {
   commands_.add("hit",
                 [](Args a) { return eventually([&] { return calls_to_fault(a[0]) == 0; }); });
   commands_.add("init", [](Args) { return error_name(ox_init_tpool()); });
-  commands_.add("deinit", [](Args) { ox_deinit_tpool(0); });
+  commands_.add("deinit", [](Args a) { ox_deinit_tpool(flags(a)); });
   commands_.add("notifier", [](Args) {
     ox_job_notify_t* notify = ox_job_create_notify();
     ox_job_destroy_notify(notify);
     return notify != nullptr;
   });
-  commands_.add("listed_pool", [](Args) {
-    return ox_tpool_create("faulty", nullptr, nullptr, 8, 16, 0, 3) != nullptr;
+  /* listed_pool [NAME], queue_listed NAME JOB, destroy_listed NAME FLAG: pools of the facility */
+  commands_.add("listed_pool", [this](Args a) {
+    const std::string name = a[0].empty() ? "faulty" : a[0];
+    return (listed_[name] = ox_tpool_create(name.c_str(), nullptr, nullptr, 8, 16, 0, 3)) !=
+           nullptr;
+  });
+  commands_.add("queue_listed", [this](Args a) {
+    std::swap(pool_->tp, listed_[a[0]]);
+    const int err = queue({{a[1]}, {}});
+    std::swap(pool_->tp, listed_[a[0]]);
+    return error_name(err);
+  });
+  commands_.add("destroy_listed", [this](Args a) {
+    static auto& kept = *new std::vector<ox_tpool_t*>; /* an aborted one, for leak checkers */
+    kept.push_back(listed_.at(a[0]));
+    ox_destroy_tpool(listed_.at(a[0]), flags({{a[1]}, {}}));
   });
   commands_.add("log", [this](Args) { return log(); });
   commands_.add("pause", [this](Args) { return error_name(ox_tpool_pause(pool_->tp)); });

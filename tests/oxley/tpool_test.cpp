@@ -124,39 +124,6 @@ TEST(Tpool, DestroyComesWhileOtherCallsAreInside) {
   }
 }
 
-TEST(Tpool, DeinitDestroysListedPoolsAndSurvivesAnAbortedOne) {
-  static auto& aborted = *new std::vector<ox_tpool_t*>;
-  static std::atomic<int> ran;
-  ran = 0;
-  const auto job = [](void*, void*, void*) -> void* {
-    ++ran;
-    return nullptr;
-  };
-  const auto create = [](const char* name) {
-    return ox_tpool_create(name, nullptr, nullptr, 0, 0, 0, 1);
-  };
-  const LogCapture log;
-  EXPECT_EQ(nullptr, create("early"));
-  EXPECT_THAT(log.brief_lines(),
-              ElementsAre("ERROR 22: cannot lock thread pool to add to pool list"));
-  for (int round = 1; round <= 2; ++round) {
-    ASSERT_EQ(0, ox_init_tpool());
-    ASSERT_EQ(0, ox_init_tpool());
-    TestPool external(0, 1);
-    ox_tpool_t* first = create("first");
-    aborted.push_back(create("aborted"));
-    ASSERT_EQ(0, ox_queue_work(create("last"), nullptr, job, nullptr));
-    ox_destroy_tpool(aborted.back(), OX_TPOOL_FL_ABORT);
-    ox_destroy_tpool(first, OX_TPOOL_FL_DRAIN);
-    ox_deinit_tpool(OX_TPOOL_FL_DRAIN);
-    EXPECT_EQ(round, ran);
-    EXPECT_EQ(0, external.queue([](Blocks) {}));
-    EXPECT_EQ(round, count(log, "DEBUG: Destroying thread pool last"));
-    EXPECT_EQ(round, count(log, "DEBUG: Aborting thread pool aborted"));
-  }
-  ox_deinit_tpool(0);
-}
-
 /* Queueing threads against pauses, drain_waits and changes of the limits, then a destroy that finds
  * jobs queued and workers in any state: every job runs exactly once. */
 TEST(Tpool, EveryJobRunsOnceWhateverHappensMeanwhile) {
