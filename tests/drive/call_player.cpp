@@ -27,6 +27,17 @@ const std::vector<std::string> FILE_CALLS = {
     "unlockfile", "findnext", "checkfolderempty", "cleanup_file",
     "findclose",  "close"};
 
+/* tnw_tninit, as put_fields takes it. */
+const char RECORD[] =
+    "flags:4 min_threads:4 max_threads:4 gap:4 user_id:8 username:64s workdir:5000s "
+    "uds_workdir:96s "
+    "logdir:5000s sharepath:1024s binpath:5000s regpath:1024s api_addr:128s config_addr:128s "
+    "workgroup_id:37s da_device_id:37s da_drive_id:37s tn_device_id:37s authtoken:512s domain:51s "
+    "proxy_server:256s proxy_uname:64s proxy_password:512s";
+
+/* Whatever the code page is. */
+fs::path path_of(const std::string& text) { return std::u8string(text.begin(), text.end()); }
+
 ox_u32 low(ox_u64 number) { return static_cast<ox_u32>(number); }
 ox_u32 high(ox_u64 number) { return static_cast<ox_u32>(number >> 32); }
 
@@ -237,17 +248,6 @@ void CallPlayer::add_folder_calls() {
   add("findnext", [](Call& c) { return tnw_findnext(c.handle(), c.entry()); });
   add("checkfolderempty", [](Call& c) { return tnw_checkfolderempty(c.handle(), c.flag()); });
   add("findclose", [](Call& c) { return tnw_findclose(c.handle()); });
-  /* The entries from here on, whose sizes are numbers in order, and the code that ends them. */
-  commands_["findrest"] = [this](auto& a) {
-    tnw_fileinfo entry = {};
-    const ox_u64 first = a.number(1);
-    ox_u64 next = first;
-    int code = tnw_findnext(handle(a, 0), &entry);
-    for (; code == 0 && entry.fi_size == next; next++) {
-      code = tnw_findnext(handle(a, 0), &entry);
-    }
-    return std::to_string(next - first) + " entries, then " + std::to_string(code);
-  };
 }
 
 void CallPlayer::add_path_calls() {
@@ -261,6 +261,7 @@ void CallPlayer::add_path_calls() {
 }
 
 void CallPlayer::add_drive_calls() {
+  commands_["record"] = [this](auto& a) { return set_record(a); };
   add("updatetoken", [](Call& c) { return tnw_updatetoken(c.handle(), c.text(1, "t")); });
   add("set_http_proxy", [](Call& c) {
     return tnw_set_http_proxy(c.handle(), c.text(1), c.text(2, ""), c.text(3, ""));
@@ -275,11 +276,27 @@ void CallPlayer::add_drive_calls() {
   };
 }
 
+/* Fields without their prefix. "pad=95" fills texts to so many characters. */
+std::string CallPlayer::set_record(const Arguments& a) {
+  if (a.options.contains("everything")) {
+    memset(&record(), option(a, "everything")[0], sizeof record());
+    set_field(record().tnw_logdir, expanded("FOLDER\\log"));
+    record().tnw_flags = TNW_INIT_NO_RETRY;
+  }
+  auto fields = a.options;
+  for (auto& [name, value] : fields) {
+    value = expanded(value);
+    const size_t size = std::max<size_t>(a.option("pad", 0), value.size());
+    value.append(size - value.size(), 'd');
+  }
+  return put_fields(RECORD, fields, &record()), "";
+}
+
 /* ------------------------------------------------------------------- files past the drive */
 
 void CallPlayer::add_files() {
   commands_["file"] = [this](auto& a) {
-    const std::string path = text(a, 0, "FOLDER\\local");
+    const fs::path path = path_of(text(a, 0, "FOLDER\\local"));
     if (!fs::exists(path)) {
       return std::string("none");
     }
@@ -297,8 +314,7 @@ void CallPlayer::add_files() {
                                                                                         : "in use";
       };
   commands_["put"] = [this](auto& a) {
-    const std::string name = text(a, 0);
-    const fs::path path = std::u8string(name.begin(), name.end());
+    const fs::path path = path_of(text(a, 0));
     fs::create_directories(path.parent_path());
     write_file(path, text(a, 1));
     return "";
@@ -306,13 +322,16 @@ void CallPlayer::add_files() {
   commands_["read_only"] = [this](auto& a) {
     return SetFileAttributesA(text(a, 0).c_str(), FILE_ATTRIBUTE_READONLY) != 0 ? "" : "no";
   };
+  commands_["writable"] = [this](auto& a) {
+    return SetFileAttributesA(text(a, 0).c_str(), FILE_ATTRIBUTE_NORMAL) != 0 ? "" : "no";
+  };
   commands_["until_there"] = [this](auto& a) {
     return eventually([&] { return fs::exists(text(a, 0)); }) ? "" : "it never came";
   };
   commands_["until_gone"] = [this](auto& a) {
     return eventually([&] { return !fs::exists(text(a, 0)); }) ? "" : "it stays";
   };
-  commands_["mkdir"] = [this](auto& a) { return fs::create_directories(text(a, 0)), ""; };
+  commands_["mkdir"] = [this](auto& a) { return fs::create_directories(path_of(text(a, 0))), ""; };
   commands_["debug"] = [](auto& a) { return ox_debug = static_cast<int>(a.number(0)), ""; };
   commands_["env"] = [this](auto& a) {
     return SetEnvironmentVariableA(a[0].c_str(), text(a, 1).c_str()), "";

@@ -38,6 +38,8 @@ class CallPlayer {
  protected:
   /* What was seen besides since it was asked last. */
   virtual std::string seen() { return ""; }
+  /* Of the next start. */
+  virtual tnw_tninit& record() = 0;
   /* A text of the script with the names of this run in it. */
   virtual std::string expanded(const std::string& text) const { return text; }
   /* The same the other way round. */
@@ -63,6 +65,7 @@ class CallPlayer {
   void add_drive_calls();
   void add_files();
   void add_ways_to_call();
+  std::string set_record(const Arguments& a);
   std::string create(const Arguments& a);
   std::string find_first(const Arguments& a);
   std::string call_all(const std::vector<std::string>& calls, const Arguments& a);

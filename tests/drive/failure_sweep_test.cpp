@@ -20,6 +20,7 @@
 #include "golden_text.h"
 #include "operation_player.h"
 #include "process_state.h"
+#include "system_function.h"
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID reserved);
 
@@ -66,15 +67,6 @@ void leave_error(Kind kind) {
   SetLastError(ERRORS[kind].first);
 }
 
-template <class Function>
-Function* in_system(const char* name) {
-  FARPROC found = nullptr;
-  for (const char* dll : {"kernel32.dll", "ws2_32.dll", "shell32.dll", "msvcrt.dll"}) {
-    found = found != nullptr ? found : GetProcAddress(LoadLibraryA(dll), name);
-  }
-  return reinterpret_cast<Function*>(reinterpret_cast<void*>(found));
-}
-
 template <size_t N>
 struct Name {
   char text[N];
@@ -88,9 +80,9 @@ struct Failing;
 template <Kind KIND, Name NAME, intptr_t FAILURE, class Result, class... Args>
 struct Failing<KIND, NAME, FAILURE, Result(Args...)> {
   static Result WINAPI call(Args... args) {
-    const auto system_function = in_system<Result WINAPI(Args...)>(NAME.text);
+    const auto real = system_function<Result WINAPI(Args...)>(NAME.text);
     if (!fails(KIND)) {
-      return system_function(args...);
+      return real(args...);
     }
     leave_error(KIND);
     if constexpr (std::is_pointer_v<Result>) {

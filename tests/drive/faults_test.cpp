@@ -17,6 +17,7 @@
 #include "ox_util.h"
 #include "peer_player.h"
 #include "process_state.h"
+#include "system_function.h"
 #include "tnw_connect.h"
 #include "tnw_dll/tnw_instance.h"
 
@@ -70,15 +71,13 @@ ox_s64 __wrap_ox_pwrite(int fd, const void* buf, size_t count, ox_off offset) {
   return faults.writes ? (errno = ERROR_CRC, -1) : __real_ox_pwrite(fd, buf, written, offset);
 }
 static void* WINAPI alloc_or_fail(void* at, SIZE_T size, DWORD kind, DWORD protection) {
-  static const auto SYSTEM_ALLOC = reinterpret_cast<decltype(&VirtualAlloc)>(
-      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("kernel32.dll"), "VirtualAlloc")));
+  static const auto SYSTEM_ALLOC = system_function<decltype(VirtualAlloc)>("VirtualAlloc");
   return size == faults.allocation ? nullptr : SYSTEM_ALLOC(at, size, kind, protection);
 }
 /* Looked up each time: a static would be guarded by a lock, which makes an event. */
 static HANDLE WINAPI event_or_fail(SECURITY_ATTRIBUTES* who, BOOL manual, BOOL set,
                                    const char* name) {
-  const auto system_event = reinterpret_cast<decltype(&CreateEventA)>(
-      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("kernel32.dll"), "CreateEventA")));
+  const auto system_event = system_function<decltype(CreateEventA)>("CreateEventA");
   SetLastError(ERROR_NOT_ENOUGH_MEMORY);
   return faults.events ? nullptr : system_event(who, manual, set, name);
 }

@@ -1,7 +1,7 @@
 /*
  * What a support person finds in the log: the whole trace lines of one session with every
- * operation, against golden_lines.txt beside this file, which holds those of debug level 3. The
- * lower levels have the same lines but for those that they leave out.
+ * operation, against golden_lines.txt beside this file, which holds those of debug level 3. Which
+ * of them the lower levels leave out is in traces.txt.
  *
  * One worker and one calling thread, since an event line depends on its connection's last
  * transaction id.
@@ -41,10 +41,10 @@ bool is_trace(const std::string& line) {
   return line.find("tnv_log") != std::string::npos || line.find("tnw_log") != std::string::npos;
 }
 
-Lines trace_lines(int level) {
+Lines trace_lines() {
   SetEnvironmentVariableA("TARND_UTXID", "1000");
   const LogCapture log;
-  ox_debug = level;
+  ox_debug = 3;
   RealPlayer().play_case(script_cases("session")[0]);
   ox_debug = 1;
   Lines found;
@@ -56,33 +56,14 @@ Lines trace_lines(int level) {
   return found;
 }
 
-/* What is left of the lines of level 3 at another one. The numbers of ids go too. */
-Lines at_level(int level, const Lines& of_level_3) {
-  Lines left;
-  for (std::string line : of_level_3) {
-    const bool header = line.find(" tnv_log.cpp:") != std::string::npos;
-    const bool request = line.find(" tnv_log_win.:") != std::string::npos;
-    if ((header && level < 3) || (request && level < 2)) {
-      continue;
-    }
-    line = std::regex_replace(line, std::regex("DEBU-03"), "DEBU-0" + std::to_string(level));
-    left.push_back(std::regex_replace(line, std::regex(UUID_PATTERN), "ID"));
-  }
-  return left;
-}
-
 }  // namespace
 
-TEST(GoldenLines, EveryOperationAtEachLevel) {
-  const Lines found = trace_lines(3);
+TEST(GoldenLines, EveryOperation) {
   IdNumbers ids;
   std::string text;
-  for (const std::string& line : found) {
+  for (const std::string& line : trace_lines()) {
     text += ids.numbered(line) + "\n";
   }
   EXPECT_EQ(text.find("secret"), std::string::npos) << "the proxy's password";
   expect_text_of("golden_lines", text);
-  for (const int level : {1, 2}) {
-    EXPECT_EQ(at_level(level, trace_lines(level)), at_level(level, found));
-  }
 }

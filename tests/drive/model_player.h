@@ -41,10 +41,10 @@ class ModelPlayer {
   /* In the order of Act. */
   void apply(const Step& step) {
     static constexpr void (ModelPlayer::*ACTS[])(const Step& step) = {
-        &ModelPlayer::put,     &ModelPlayer::open,       &ModelPlayer::close,
-        &ModelPlayer::cleanup, &ModelPlayer::read,       &ModelPlayer::read_all,
-        &ModelPlayer::write,   &ModelPlayer::resize,     &ModelPlayer::rename,
-        &ModelPlayer::remove,  &ModelPlayer::ask_remove, &ModelPlayer::kill};
+        &ModelPlayer::put,     &ModelPlayer::open,      &ModelPlayer::close,
+        &ModelPlayer::cleanup, &ModelPlayer::read,      &ModelPlayer::read_all,
+        &ModelPlayer::write,   &ModelPlayer::resize,    &ModelPlayer::rename,
+        &ModelPlayer::remove,  &ModelPlayer::ask_remove};
     if (is_playable(step)) {
       (this->*ACTS[static_cast<size_t>(step.act)])(step);
     }
@@ -173,54 +173,6 @@ class ModelPlayer {
                 static_cast<int>(want != ERROR_SHARING_VIOLATION));
   }
 
-  /*
-   * Everything that was written comes back: what was closed under its name, what was not beside it,
-   * under the conflict name. It goes up in the background, so the drive works already.
-   */
-  void kill(const Step&) {
-    drive_.kill_service();
-    for (auto& file : files_) {
-      file.reset();
-    }
-    plain_.close_all();
-    drive_.stop();
-    if (!drive_.start()) {
-      return fail("the start after a kill gives " + std::to_string(drive_.error));
-    }
-    killed_ = true;
-    std::string differs = "?";
-    for (int tries = 0; !differs.empty() && tries < 200; tries++) {
-      Sleep(tries == 0 ? 0 : 50);
-      differs = differs_after_kill();
-    }
-    if (!differs.empty()) {
-      fail("after a kill " + differs);
-    }
-  }
-
-  /* What is not as it should be in the cloud's folder; empty when all is. */
-  std::string differs_after_kill() const {
-    for (const auto& [name, file] : plain_.files()) {
-      const auto& closed = file->closed;
-      const bool there = std::filesystem::exists(drive_.in_cloud(name));
-      const std::string own = there ? drive_.get(name) : "";
-      if (there ? std::find(closed.begin(), closed.end(), own) == closed.end() : !closed.empty()) {
-        return name + " is none of its closed contents";
-      }
-      if (own != file->bytes && !file->bytes.empty() && !has_beside(name, file->bytes)) {
-        return name + ": what was not closed is not beside it";
-      }
-    }
-    return "";
-  }
-
-  bool has_beside(const std::string& name, const std::string& bytes) const {
-    const auto all = drive_.beside(name);
-    return std::any_of(all.begin(), all.end(), [&](const std::string& beside) {
-      return drive_.get(folder_ + "/" + beside) == bytes;
-    });
-  }
-
   void close_all() {
     for (size_t slot = 0; slot < MODEL_SLOTS; slot++) {
       if (plain_.opened(slot)) {
@@ -229,9 +181,7 @@ class ModelPlayer {
         close(step);
       }
     }
-    if (!killed_) {
-      compare_folder();
-    }
+    compare_folder();
   }
 
   /* ------------------------------------------------------------------ comparing */
@@ -326,7 +276,6 @@ class ModelPlayer {
   const std::string folder_;
   PlainDrive plain_;
   std::array<std::unique_ptr<DriveFile>, MODEL_SLOTS> files_;
-  bool killed_ = false; /* the service was, at the end: the folder was looked at already */
   std::string failure_;
 };
 

@@ -9,8 +9,8 @@ namespace {
 constexpr size_t NEAR = 48 * MODEL_REGION; /* where most of it happens */
 constexpr size_t FAR = 700 * MODEL_REGION; /* past the end of an open's maps */
 
-constexpr const char* ACT_NAMES[] = {"put",   "open",   "close",  "cleanup", "read",   "read all",
-                                     "write", "resize", "rename", "remove",  "may go", "kill"};
+constexpr const char* ACT_NAMES[] = {"put",   "open",   "close",  "cleanup", "read",  "read all",
+                                     "write", "resize", "rename", "remove",  "may go"};
 
 class Dice {
  public:
@@ -71,24 +71,19 @@ struct Weight {
   Act act;
   size_t weight;
 };
-constexpr Weight ORDINARY[] = {
+constexpr Weight WEIGHTS[] = {
     {Act::PUT, 5},      {Act::OPEN, 7},   {Act::CLOSE, 5},      {Act::CLEANUP, 1},
     {Act::READ, 26},    {Act::WRITE, 25}, {Act::RESIZE, 6},     {Act::RENAME, 2},
     {Act::READ_ALL, 1}, {Act::REMOVE, 1}, {Act::ASK_REMOVE, 1},
 };
-/* A close would write back what only the service's record of dirty regions is to save. */
-constexpr Weight BEFORE_A_KILL[] = {
-    {Act::OPEN, 12}, {Act::READ, 20}, {Act::WRITE, 60}, {Act::RESIZE, 3}, {Act::RENAME, 1},
-};
 
-template <size_t N>
-Act any_act(Dice& dice, const Weight (&weights)[N]) {
+Act any_act(Dice& dice) {
   size_t total = 0;
-  for (const Weight& w : weights) {
+  for (const Weight& w : WEIGHTS) {
     total += w.weight;
   }
   size_t left = dice.below(total);
-  const Weight* w = weights;
+  const Weight* w = WEIGHTS;
   for (; left >= w->weight; w++) {
     left -= w->weight;
   }
@@ -132,28 +127,17 @@ std::string step_text(const Step& step) {
   return text.str();
 }
 
-Steps without(const Steps& steps, size_t first, size_t count) {
-  Steps rest(steps.begin(), steps.begin() + static_cast<ptrdiff_t>(first));
-  rest.insert(rest.end(),
-              steps.begin() + static_cast<ptrdiff_t>(std::min(first + count, steps.size())),
-              steps.end());
-  return rest;
-}
-
 }  // namespace
 
-Steps random_steps(unsigned seed, size_t count, bool kill) {
+Steps random_steps(unsigned seed, size_t count) {
   Dice dice(seed);
   Steps steps;
   for (size_t name = 0; name + 1 < MODEL_NAMES; name++) {
     steps.push_back(any_step(dice, Act::PUT));
     steps.back().name = name;
   }
-  while (steps.size() + (kill ? 1 : 0) < count) {
-    steps.push_back(any_step(dice, kill ? any_act(dice, BEFORE_A_KILL) : any_act(dice, ORDINARY)));
-  }
-  if (kill) {
-    steps.push_back(any_step(dice, Act::KILL));
+  while (steps.size() < count) {
+    steps.push_back(any_step(dice, any_act(dice)));
   }
   return steps;
 }
@@ -164,27 +148,4 @@ std::string steps_text(const Steps& steps) {
     text += step_text(step);
   }
   return text;
-}
-
-Steps shrink_steps(Steps failing, const StepsRun& run, int tries) {
-  bool smaller = false;
-  for (size_t piece = failing.size() / 2; piece > 0;
-       piece = piece > 1 ? piece / 2 : static_cast<size_t>(smaller)) {
-    smaller = false;
-    for (size_t first = 0; first < failing.size();) {
-      if (tries-- <= 0) {
-        return failing;
-      }
-      Steps rest = without(failing, first, piece);
-      const size_t taken = run(rest);
-      if (taken != 0) {
-        rest.resize(std::min(taken, rest.size()));
-        failing = rest;
-        smaller = true;
-      } else {
-        first += piece;
-      }
-    }
-  }
-  return failing;
 }

@@ -1,11 +1,10 @@
 /*
- * Random calls to a drive as plain records: made from a seed, told as text, cut to the few that
- * matter. Every sequence of steps is valid, so that any of them may be left out.
+ * Random calls to a drive as plain records: made from a seed, told as text. Every sequence of steps
+ * is valid.
  */
 #ifndef MODEL_STEPS_H
 #define MODEL_STEPS_H
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -28,7 +27,6 @@ enum class Act {
   RENAME,
   REMOVE,
   ASK_REMOVE,
-  KILL, /* ends the service's process and starts another one */
 };
 
 /* What an act does not need is not looked at. An act on a slot that holds no open does nothing, nor
@@ -45,17 +43,10 @@ struct Step {
 };
 using Steps = std::vector<Step>;
 
-/* The same for the same arguments: first files in the cloud, then `count` steps; with `kill` the
- * service is killed at the end, with what is open then. */
-Steps random_steps(unsigned seed, size_t count, bool kill);
+/* The same for the same arguments: first files in the cloud, `count` steps in all. */
+Steps random_steps(unsigned seed, size_t count);
 
 /* One a line. */
 std::string steps_text(const Steps& steps);
-
-/* Runs steps: how many of them a failure took, 0 without one. */
-using StepsRun = std::function<size_t(const Steps&)>;
-/* Leaves out ever smaller pieces of failing steps while what is left fails, with at most `tries`
- * runs. */
-Steps shrink_steps(Steps failing, const StepsRun& run, int tries);
 
 #endif

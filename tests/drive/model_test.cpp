@@ -1,6 +1,6 @@
 /*
  * Random calls to the whole client, each compared with a drive in plain memory. A failure is told
- * with its seed and the few steps that are enough for it.
+ * with its seed and the steps up to it. A service that is killed is kill_rounds_test's.
  *
  * TNW_MODEL_SEED: the first seed, for a failure that was told or for others than the usual ones.
  * TNW_MODEL_STEPS: steps of the test; 1 plays the first seed alone.
@@ -13,11 +13,8 @@
 
 namespace {
 
-constexpr size_t STEPS = 8'000;    /* when none are asked for */
-constexpr unsigned KILL_EVERY = 5; /* seeds */
-constexpr size_t SEQUENCE = 200;   /* steps for one seed */
-constexpr size_t SEQUENCE_BEFORE_A_KILL = 50;
-constexpr int SHRINK_TRIES = 400;
+constexpr size_t STEPS = 8'000;  /* when none are asked for */
+constexpr size_t SEQUENCE = 200; /* steps for one seed */
 
 unsigned from_environment(const char* name, unsigned otherwise) {
   char text[16] = {};
@@ -32,30 +29,8 @@ class Model : public testing::Test {
     ASSERT_TRUE(drive.start()) << drive.error;
   }
 
-  static Steps steps_of(unsigned seed) {
-    const bool kill = seed % KILL_EVERY == 0;
-    return random_steps(seed, kill ? SEQUENCE_BEFORE_A_KILL : SEQUENCE, kill);
-  }
-
   /* Each time in a folder of its own, whose files nothing has cached. */
   ModelPlayer new_player() { return ModelPlayer(drive, "run " + std::to_string(runs_++)); }
-
-  void report(unsigned seed, const Steps& steps, const std::string& failure) {
-    std::string last;
-    const auto run = [&](const Steps& fewer) {
-      ModelPlayer player = new_player();
-      const size_t taken = player.play(fewer);
-      if (taken != 0) {
-        last = player.failure();
-      }
-      return taken;
-    };
-    const Steps shortest = run(steps) != 0 ? shrink_steps(steps, run, SHRINK_TRIES) : steps;
-    ADD_FAILURE() << "seed " << seed << ": " << failure << "\n"
-                  << shortest.size()
-                  << " steps, which alone give: " << (last.empty() ? "no failure" : last) << "\n"
-                  << steps_text(shortest);
-  }
 
  public:
   RealDrive drive;
@@ -70,7 +45,7 @@ TEST_F(Model, RandomCallsAgreeWithPlainMemory) {
   unsigned seed = from_environment("TNW_MODEL_SEED", 1);
   const size_t wanted = from_environment("TNW_MODEL_STEPS", STEPS);
   for (size_t played = 0; played < wanted; seed++) {
-    Steps steps = steps_of(seed);
+    Steps steps = random_steps(seed, SEQUENCE);
     played += steps.size();
     ModelPlayer player = new_player();
     const size_t taken = player.play(steps);
@@ -78,6 +53,7 @@ TEST_F(Model, RandomCallsAgreeWithPlainMemory) {
       continue;
     }
     steps.resize(std::min(taken, steps.size()));
-    return report(seed, steps, player.failure());
+    ADD_FAILURE() << "seed " << seed << ": " << player.failure() << "\n" << steps_text(steps);
+    return;
   }
 }

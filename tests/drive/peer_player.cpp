@@ -19,14 +19,6 @@ namespace {
 
 Bytes bytes_of_text(const std::string& text) { return Bytes(text.begin(), text.end()); }
 
-/* tnw_tninit, as put_fields takes it. */
-const char RECORD[] =
-    "flags:4 min_threads:4 max_threads:4 gap:4 user_id:8 username:64s workdir:5000s "
-    "uds_workdir:96s "
-    "logdir:5000s sharepath:1024s binpath:5000s regpath:1024s api_addr:128s config_addr:128s "
-    "workgroup_id:37s da_device_id:37s da_drive_id:37s tn_device_id:37s authtoken:512s domain:51s "
-    "proxy_server:256s proxy_uname:64s proxy_password:512s";
-
 /* Without blanks at the ends of lines, and with long runs of a character as <x*5000>. */
 std::string tidied(const std::string& text) {
   std::string tidy;
@@ -263,22 +255,6 @@ void PeerPlayer::add_local_commands() {
 
 /* ------------------------------------------------------------------- starts */
 
-/* Fields without their prefix. "pad=95" fills texts to so many characters. */
-std::string PeerPlayer::set_record(const Arguments& a) {
-  if (a.options.contains("everything")) {
-    memset(&drive_.record, option(a, "everything")[0], sizeof drive_.record);
-    set_field(drive_.record.tnw_logdir, drive_.folder / "log");
-    drive_.record.tnw_flags = TNW_INIT_NO_RETRY;
-  }
-  auto fields = a.options;
-  for (auto& [name, value] : fields) {
-    value = expanded(value);
-    const size_t size = std::max<size_t>(a.option("pad", 0), value.size());
-    value.append(size - value.size(), 'd');
-  }
-  return put_fields(RECORD, fields, &drive_.record), "";
-}
-
 /* tnw_init on the record as it stands, for another drive of the service or for the same. */
 std::string PeerPlayer::init(const Arguments& a) {
   AtPageEnd record(&drive_.record, sizeof drive_.record);
@@ -294,6 +270,25 @@ std::string PeerPlayer::init(const Arguments& a) {
   return std::to_string(err);
 }
 
+/* Whether anything grows after the first ten. A thread that goes on keeps a handle, too. */
+std::string PeerPlayer::starts(const Arguments& a) {
+  const char* asked = getenv("TNW_STARTS");
+  const size_t starts = asked != nullptr ? std::stoul(asked) : 24;
+  Holding before;
+  for (size_t made = 0; made < starts; made++) {
+    if (drive_.start() != nullptr) {
+      tnw_close(drive_.open("f"), nullptr);
+      EXPECT_EQ(tnw_deinit_force(std::exchange(drive_.drive, nullptr)), 0);
+    }
+    drive_.peer.reset();
+    if (made == 10) {
+      before = own_holding(8 * 1024 + starts * a.option("keeps", 0));
+    }
+  }
+  shown_ = 0;
+  return growth(before, own_holding(0)) + std::to_string(drive_.error);
+}
+
 std::string PeerPlayer::purge(const Arguments& a) {
   tnw_purge_opt_t po = {};
   set_field(po.po_workdir, option(a, "workdir", drive_.folder.path().string()));
@@ -307,7 +302,6 @@ std::string PeerPlayer::purge(const Arguments& a) {
 }
 
 void PeerPlayer::add_start_commands() {
-  commands_["record"] = [this](auto& a) { return set_record(a); };
   commands_["start"] = [this](auto& a) {
     handles_[option(a, "as", "d")] = drive_.start();
     return std::to_string(drive_.error);
@@ -316,6 +310,8 @@ void PeerPlayer::add_start_commands() {
     return RegDeleteTreeA(HKEY_CURRENT_USER, "SOFTWARE\\Oxley\\Oxley Drive\\drive.test\\ada"), "";
   };
   commands_["init"] = [this](auto& a) { return init(a); };
+  /* starts [keeps=BYTES]: many, each with its end, and what one of them may keep for good */
+  commands_["starts"] = [this](auto& a) { return starts(a); };
   /* As the service does when it is ready. */
   commands_["signal_start"] = [this](auto&) {
     return std::to_string(tnv_signal_start(socket_path(drive_.record).data()));

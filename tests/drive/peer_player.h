@@ -31,6 +31,7 @@ class PeerPlayer : public CallPlayer {
 
  protected:
   std::string seen() override;
+  tnw_tninit& record() override { return drive_.record; }
   /* For the peer's threads; `bulk` is what follows the record: maps, or entries. */
   virtual void send_answer(PeerConnection& conn, const tnv_resphdr& header, const Bytes& record,
                            const Bytes& bulk) {
@@ -54,7 +55,7 @@ class PeerPlayer : public CallPlayer {
   ox_u64 carry(const Arguments& rule);
   std::vector<PeerRequest> requests() const;
   std::string init(const Arguments& a);
-  std::string set_record(const Arguments& a);
+  std::string starts(const Arguments& a);
   std::string purge(const Arguments& a);
 
   IdNumbers ids_{

@@ -16,10 +16,7 @@
 /* Outlives its name while it is open. */
 struct PlainFile {
   std::string bytes;
-  /* What the cloud may have under its name: the last content that surely went there comes first. */
-  std::vector<std::string> closed = {};
-  bool dirty = false; /* changed since that */
-  bool lost = false;  /* deleted when only mapped views were left: they may read anything */
+  bool lost = false; /* deleted when only mapped views were left: they may read anything */
 };
 
 /* An open lives in a slot of the caller's choice. Results are Windows codes. Calls for a slot want
@@ -28,7 +25,7 @@ class PlainDrive {
  public:
   /* A file that came past the drive, over an older one. */
   void put(const std::string& name, const std::string& bytes) {
-    files_[name] = std::make_shared<PlainFile>(PlainFile{bytes, {bytes}});
+    files_[name] = std::make_shared<PlainFile>(PlainFile{bytes});
   }
 
   /* `last_error`: the thread's, after a success. */
@@ -47,10 +44,8 @@ class PlainDrive {
     }
     if (!existed) {
       file = files_[name] = std::make_shared<PlainFile>();
-      file->dirty = true;
     }
     if (empties(how.disposition)) {
-      file->dirty = file->dirty || !file->bytes.empty();
       file->bytes.clear();
     }
     opens_[slot] = {file, how.access, how.share, false};
@@ -59,23 +54,7 @@ class PlainDrive {
   }
 
   void cleanup(size_t slot) { opens_.at(slot).cleaned = true; }
-  /* A close after a write goes to the cloud for sure, and so does the last one of a changed file.
-   */
-  void close(size_t slot) {
-    const Open closing = opens_.at(slot);
-    opens_.erase(slot);
-    PlainFile& file = *closing.file;
-    const bool last = std::none_of(opens_.begin(), opens_.end(), [&](const auto& open) {
-      return open.second.file == closing.file;
-    });
-    if (closing.wrote || (last && file.dirty)) {
-      file.closed.clear();
-      file.dirty = false;
-    }
-    file.closed.push_back(file.bytes);
-  }
-
-  void close_all() { opens_.clear(); }
+  void close(size_t slot) { opens_.erase(slot); }
   /* `got`: what there is of it. */
   int read(size_t slot, size_t off, size_t len, std::string* got) const {
     const std::string& bytes = opens_.at(slot).file->bytes;
@@ -84,18 +63,12 @@ class PlainDrive {
   }
 
   void write(size_t slot, size_t off, const std::string& data) {
-    Open& open = opens_.at(slot);
-    std::string& bytes = open.file->bytes;
-    open.file->dirty = open.wrote = true;
+    std::string& bytes = opens_.at(slot).file->bytes;
     bytes.resize(std::max(bytes.size(), off + data.size()));
     bytes.replace(off, data.size(), data);
   }
 
-  void resize(size_t slot, size_t size) {
-    Open& open = opens_.at(slot);
-    open.file->bytes.resize(size);
-    open.file->dirty = open.wrote = true;
-  }
+  void resize(size_t slot, size_t size) { opens_.at(slot).file->bytes.resize(size); }
 
   int rename(const std::string& from, const std::string& to) {
     const int code = may_remove(from);
@@ -176,7 +149,6 @@ class PlainDrive {
     ox_u32 access;
     ox_u32 share;
     bool cleaned;
-    bool wrote = false;
     bool counts() const { return access != 0 && !cleaned; }
   };
 

@@ -1,6 +1,6 @@
 /*
- * A drive with the real service, played from a script. In texts FOLDER is the drive's folder and
- * CLOUD the cloud's in it.
+ * A drive with the real service, played from a script. In texts FOLDER is the drive's folder,
+ * FOLDER_URL the same with slashes, and CLOUD the cloud's in it.
  */
 #ifndef REAL_PLAYER_H
 #define REAL_PLAYER_H
@@ -14,6 +14,7 @@ class RealPlayer : public CallPlayer {
   explicit RealPlayer(const std::string& server = "");
 
  protected:
+  tnw_tninit& record() override { return drive_.record; }
   std::string expanded(const std::string& text) const override;
 
   RealDrive drive_;

@@ -160,18 +160,6 @@ TEST(Prefix, TimestampIsLocalTimeWithTheYearAgain) {
   EXPECT_EQ(text.substr(1, 4), std::to_string(year));
 }
 
-TEST(Prefix, NeverPassesItsCapacity) {
-  for (const int room : {0, 1, 2, 31, 32, 40}) {
-    std::string buf(64, '#');
-    int capacity = room;
-    const int written = ox_log_prefix(buf.data(), OX_INFO_LEVEL, 82, "f.c", 0, &capacity);
-    EXPECT_EQ(std::max(room - 1, 0), written);
-    EXPECT_EQ(room - written, capacity);
-    EXPECT_EQ(room, buf.find('#'));
-    EXPECT_TRUE(room == 0 || buf[static_cast<size_t>(written)] == '\0');
-  }
-}
-
 TEST(Line, IsTheTextAsGivenLessOneNewline) {
   const LogFile log;
   errno = 77;

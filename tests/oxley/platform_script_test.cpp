@@ -1,5 +1,9 @@
 /*
- * The platform layer's calls on files and their extended attributes, from platform.txt. A call is
+ * The platform layer's calls on files and their extended attributes, from platform.txt. The tests
+ * rely on this alone of the volume: "path:name" can be opened as a file. NTFS makes it a stream of
+ * the file or folder, Wine an ordinary file beside it; so nothing here looks at listings, and no
+ * file is deleted or made read-only to reach its attributes.
+ * A call is
  * answered with its result, or with -1 and errno, which is 77 where the call left it alone. FD is a
  * name that the script gives a descriptor, or -1. FOLDER, FD and HANDLE stand in log lines for what
  * differs from run to run.
@@ -12,7 +16,56 @@
 #include "ox_platform.h"
 #include "ox_xattr.h"
 #include "oxley_test.h"
+#include "process_state.h"
 #include "script.h"
+
+namespace {
+
+/* Of a value that is written or read while somebody watches. */
+struct Transfers {
+  std::string stream; /* that nobody else can lock meanwhile, not even shared; empty: any */
+  size_t longest = SIZE_MAX;
+  int made = 0;
+  int failing = 0; /* the one with this number */
+};
+Transfers transfers;
+std::function<void()> after_lock;
+
+bool may_transfer() {
+  if (transfers.stream.empty()) {
+    return true;
+  }
+  const int fd = ox_open_directory(transfers.stream.c_str(), OX_O_RDONLY);
+  EXPECT_TRUE(fd >= 0 && ox_flock(fd, LOCKFILE_FAIL_IMMEDIATELY) != 0) << transfers.stream;
+  EXPECT_EQ(0, ox_close(fd));
+  errno = ERROR_DISK_FULL;
+  return ++transfers.made != transfers.failing;
+}
+
+}  // namespace
+
+extern "C" {
+ox_s64 __real_ox_pread(int fd, void* buf, size_t count, ox_off offset);
+ox_s64 __wrap_ox_pread(int fd, void* buf, size_t count, ox_off offset) {
+  count = std::min(count, transfers.longest);
+  return may_transfer() ? __real_ox_pread(fd, buf, count, offset) : -1;
+}
+
+ox_s64 __real_ox_pwrite(int fd, const void* buf, size_t count, ox_off offset);
+ox_s64 __wrap_ox_pwrite(int fd, const void* buf, size_t count, ox_off offset) {
+  count = std::min(count, transfers.longest);
+  return may_transfer() ? __real_ox_pwrite(fd, buf, count, offset) : -1;
+}
+
+bool __real_ox_lock_file(int fd, ox_u32 flags, ox_u32 low, ox_u32 high, void* overlapped);
+bool __wrap_ox_lock_file(int fd, ox_u32 flags, ox_u32 low, ox_u32 high, void* overlapped) {
+  const bool locked = __real_ox_lock_file(fd, flags, low, high, overlapped);
+  if (after_lock != nullptr) {
+    std::exchange(after_lock, nullptr)();
+  }
+  return locked;
+}
+}
 
 namespace {
 
@@ -24,6 +77,7 @@ class PlatformScript : public testing::TestWithParam<ScriptCase> {
   }
   ~PlatformScript() override {
     CloseHandle(unshared_);
+    transfers = {};
     ox_logfunc = nullptr;
     ox_debug = 1;
   }
@@ -200,6 +254,20 @@ void PlatformScript::add_attributes() {
   add("remove", [this](Args a) {
     const char* name = or_null(a.words[1]);
     return is_fd(a) ? ox_fremovexattr(fd(a), name) : ox_removexattr(path(a).c_str(), name);
+  });
+  /* watch NAME pieces=BYTES [fails=NUMBER], and how many transfers there were since */
+  commands_.add("watch", [this](Args a) {
+    const std::string stream = a[0].empty() ? "" : path(a);
+    transfers = {stream, a.option("pieces", SIZE_MAX), 0, static_cast<int>(a.option("fails", 0))};
+  });
+  commands_.add("transfers", [](Args) { return transfers.made; });
+  commands_.add("fresh_descriptor", [](Args) { return fresh_descriptor(); });
+  /* A stream goes with its file; what lies beside it, as under Wine, goes on its own. */
+  commands_.add("move_when_locked", [this](Args a) {
+    after_lock = [from = path(a), to = folder_ / a[1], stream = ":" + a[2]] {
+      EXPECT_TRUE(MoveFileA(from.c_str(), to.c_str()));
+      (void)MoveFileA((from + stream).c_str(), (to + stream).c_str());
+    };
   });
   /* Nobody else may open the attribute until the case has ended. */
   add("unshare", [this](Args a) {

@@ -8,7 +8,6 @@
 /* after windows.h */
 #include <io.h>
 
-#include "ox_uuid.h"
 #include "oxley_test.h"
 #include "process_state.h"
 
@@ -86,17 +85,4 @@ TEST_F(Platform, ALockThatIsWaitedForComesWhenItsHolderCloses) {
   EXPECT_EQ(0, ox_close(one));
   waiter.join();
   EXPECT_EQ(0, ox_close(two));
-}
-
-TEST(Uuid, EachIsNewAndRandom) {
-  std::set<std::string> seen;
-  for (int i = 0; i < 100; ++i) {
-    ox_u8 id[OX_UUID_SIZE];
-    char text[OX_UUID_TEXT_SIZE];
-    ox_uuid_generate(id);
-    ox_uuid_unparse(id, text);
-    EXPECT_EQ('4', text[14]) << "the version of random UUIDs, in its place of the layout";
-    seen.insert(text);
-  }
-  EXPECT_EQ(100u, seen.size());
 }

@@ -56,16 +56,20 @@ class TestPool {
     return ox_queue_work(tp, notify, run, &tasks_.emplace_back(std::move(job)));
   }
 
-  /* Queues `count` jobs that hold a worker each until `release` is posted; they run by then. */
-  void block_workers(int count, Gate& release) {
+  /* Queues `count` jobs that hold a worker each until `release` is posted; they run by then. How
+   * many of them have a block. */
+  int block_workers(int count, Gate& release) {
     Gate running;
+    std::atomic<int> with_block = 0;
     for (int i = 0; i < count; ++i) {
-      ASSERT_EQ(0, queue([&](Blocks) {
+      EXPECT_EQ(0, queue([&](Blocks b) {
+                  with_block += static_cast<int>(b.priv != nullptr);
                   running.post();
                   release.wait();
                 }));
     }
-    ASSERT_TRUE(running.wait(count));
+    EXPECT_TRUE(running.wait(count));
+    return with_block;
   }
   /* Starts one worker, which rests when this returns. */
   void start_worker() {

@@ -15,6 +15,7 @@ class TpoolScript : public testing::TestWithParam<ScriptCase> {
   TpoolScript();
   ~TpoolScript() override {
     time_flies = false;
+    ox_debug = 1;
     pool_.reset();
     ox_job_destroy_notify(notify_);
   }
@@ -44,6 +45,7 @@ class TpoolScript : public testing::TestWithParam<ScriptCase> {
   Gate release_;
   ox_job_notify_t* const notify_ = ox_job_create_notify();
   std::unique_ptr<TestPool> pool_;
+  std::map<std::string, ox_tpool_t*> listed_;
   std::vector<std::future<std::string>> threads_;
   Commands commands_;
 };
@@ -114,12 +116,19 @@ std::string TpoolScript::log() {
 }
 
 TpoolScript::TpoolScript() {
+  /* pool NAME MIN MAX [size=BYTES]: of a worker's block */
   commands_.add("pool", [this](Args a) {
     const auto number = [&](size_t index) { return static_cast<ox_u32>(a.number(index)); };
-    pool_ = std::make_unique<TestPool>(number(1), number(2), a[0].c_str(), 8, 8);
+    pool_ = std::make_unique<TestPool>(number(1), number(2), a[0].c_str(), 8,
+                                       static_cast<ox_u32>(a.option("size", 8)));
+  });
+  commands_.add("update", [this](Args a) {
+    ox_update_tpool_threads(pool_->tp, static_cast<ox_u32>(a.number(0)),
+                            static_cast<ox_u32>(a.number(1)));
   });
   commands_.add("worker", [this](Args) { pool_->start_worker(); });
-  commands_.add("block", [this](Args a) { pool_->block_workers(std::stoi(a[0]), release_); });
+  commands_.add("block",
+                [this](Args a) { return pool_->block_workers(std::stoi(a[0]), release_); });
   commands_.add("release", [this](Args a) { release_.post(std::stoi(a[0])); });
   commands_.add("open", [this](Args a) { gate(a[0]).post(); });
   commands_.add("queue", [this](Args a) { return error_name(queue(a)); });
@@ -132,19 +141,34 @@ TpoolScript::TpoolScript() {
   commands_.add("hit",
                 [](Args a) { return eventually([&] { return calls_to_fault(a[0]) == 0; }); });
   commands_.add("init", [](Args) { return error_name(ox_init_tpool()); });
-  commands_.add("deinit", [](Args) { ox_deinit_tpool(0); });
+  commands_.add("deinit", [](Args a) { ox_deinit_tpool(flags(a)); });
   commands_.add("notifier", [](Args) {
     ox_job_notify_t* notify = ox_job_create_notify();
     ox_job_destroy_notify(notify);
     return notify != nullptr;
   });
-  commands_.add("listed_pool", [](Args) {
-    return ox_tpool_create("faulty", nullptr, nullptr, 8, 16, 0, 3) != nullptr;
+  /* listed_pool [NAME], queue_listed NAME JOB, destroy_listed NAME FLAG: pools of the facility */
+  commands_.add("listed_pool", [this](Args a) {
+    const std::string name = a[0].empty() ? "faulty" : a[0];
+    return (listed_[name] = ox_tpool_create(name.c_str(), nullptr, nullptr, 8, 16, 0, 3)) !=
+           nullptr;
+  });
+  commands_.add("queue_listed", [this](Args a) {
+    std::swap(pool_->tp, listed_[a[0]]);
+    const int err = queue({{a[1]}, {}});
+    std::swap(pool_->tp, listed_[a[0]]);
+    return error_name(err);
+  });
+  commands_.add("destroy_listed", [this](Args a) {
+    static auto& kept = *new std::vector<ox_tpool_t*>; /* an aborted one, for leak checkers */
+    kept.push_back(listed_.at(a[0]));
+    ox_destroy_tpool(listed_.at(a[0]), flags({{a[1]}, {}}));
   });
   commands_.add("log", [this](Args) { return log(); });
   commands_.add("pause", [this](Args) { return error_name(ox_tpool_pause(pool_->tp)); });
   commands_.add("resume", [this](Args) { return error_name(ox_tpool_resume(pool_->tp)); });
   commands_.add("drain", [this](Args a) { ox_drain_tpool(pool_->tp, flags(a)); });
+  commands_.add("drain_wait", [this](Args) { ox_tpool_drain_wait(pool_->tp); });
   commands_.add("destroy", [this](Args a) { destroy(a); });
   commands_.add("allow", [this](Args a) { pool_->tp->tp_flags &= ~flags(a); });
   /* thread [as=NAME] COMMAND ...; "join" waits for the last one and gives its answer. */
@@ -169,6 +193,9 @@ TpoolScript::TpoolScript() {
   commands_.add("ran", [this](Args a) { return ran(a.number(0)); });
   commands_.add("notified", [this](Args) { return notify_->jn_done != 0; });
   commands_.add("longest_rest", [this](Args) { return longest_wait(&pool_->tp->tp_worker_cv); });
+  commands_.add("longest_drain", [this](Args) { return longest_wait(&pool_->tp->tp_pool_cv); });
+  commands_.add("debug", [](Args a) { ox_debug = std::stoi(a[0]); });
+  commands_.add("logged", [this](Args a) { return count(log_, a[0]) > 0; });
   commands_.add("logs",
                 [this](Args a) { return eventually([&] { return count(log_, a[0]) == 1; }); });
 }

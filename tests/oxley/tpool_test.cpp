@@ -7,22 +7,6 @@ using testing::Each;
 
 namespace {
 
-/* The first of two jobs wakes the idle worker; the second must not wait behind it. */
-TEST(Tpool, JobsThatNeedEachOtherRunThoughOnlyOneWorkerIsIdle) {
-  for (int round = 0; round < 50; ++round) {
-    Gate met, first_met;
-    TestPool pool(1, 2);
-    pool.start_worker();
-    ASSERT_EQ(0, pool.queue([&](Blocks) {
-      if (met.wait()) {
-        first_met.post();
-      }
-    }));
-    ASSERT_EQ(0, pool.queue([&](Blocks) { met.post(); }));
-    ASSERT_TRUE(first_met.wait()) << "before the destroy, which would start a worker";
-  }
-}
-
 TEST(Tpool, EveryWorkerHasItsOwnZeroedBlocksAndASlotKeepsThem) {
   Gate release, running;
   std::vector<ptrdiff_t> slots(3);
@@ -50,38 +34,6 @@ TEST(Tpool, EveryWorkerHasItsOwnZeroedBlocksAndASlotKeepsThem) {
     EXPECT_EQ(pool.tp->tp_priv.ox_priv, b.priv);
     EXPECT_EQ(std::string(24, '\xa5'), content(b));
   }));
-}
-
-TEST(Tpool, SlotsBeyondTheArraysHaveNoBlocks) {
-  const struct {
-    const char* name;
-    ox_u32 max_at_creation, size;
-    int workers, with_block;
-  } table[] = {
-      {"wide", 258, 16, 258, 256},
-      {"grown", 1, 16, 3, 1},
-      {"wrapped", 4, 0x40000004, 4, 0}, /* 16 bytes in all, taken as a 32-bit product */
-  };
-  const LogCapture log;
-  for (const auto& row : table) {
-    Gate release;
-    std::atomic<int> begun = 0, with_block = 0;
-    TestPool pool(0, row.max_at_creation, row.name, 0, row.size);
-    ox_update_tpool_threads(pool.tp, 0, static_cast<ox_u32>(row.workers));
-    EXPECT_EQ(0u, pool.workers());
-    for (int i = 0; i < row.workers; ++i) {
-      ASSERT_EQ(0, pool.queue([&](Blocks b) {
-        with_block += static_cast<int>(b.priv != nullptr);
-        ++begun;
-        release.wait();
-      }));
-    }
-    EXPECT_TRUE(eventually([&] { return begun == row.workers; }));
-    EXPECT_EQ(row.with_block, with_block) << row.name;
-    release.post(row.workers);
-  }
-  EXPECT_EQ(2, count(log, "WARNING: Thread pool [wide] no STAT slots available."));
-  EXPECT_EQ(2, count(log, "WARNING: Thread pool [wide] no PRIV slots available."));
 }
 
 /* What was called, and whether the pool was unlocked and the job's notifier signalled by then. */
@@ -127,37 +79,6 @@ TEST(Tpool, InitRunsUnderTheLockAndDeinitAfterTheNotifierWithoutIt) {
   ox_job_destroy_notify(nullptr);
 }
 
-/* A queueing call sends one signal. Were it to reach the drain_wait, its job would wait. */
-TEST(Tpool, DrainWaitReturnsWhenRunningJobsHaveEndedAndSwallowsNoSignal) {
-  Gate release, done;
-  std::atomic<bool> returned = false;
-  TestPool pool(2, 2);
-  pool.block_workers(2, release);
-  std::thread waiter([&] {
-    ox_tpool_drain_wait(pool.tp);
-    returned = true;
-  });
-  EXPECT_TRUE(pool.becomes(&ox_tpool_t::tp_waiters, 1));
-  EXPECT_TRUE(ox_tpool_is_paused(pool.tp));
-  release.post();
-  for (int i = 0; i < 20; ++i) {
-    ox_tpool_resume(pool.tp);
-    EXPECT_TRUE(pool.idle(1));
-    EXPECT_EQ(0, pool.queue([&](Blocks) { done.post(); }));
-    EXPECT_TRUE(done.wait());
-  }
-  EXPECT_TRUE(pool.idle(1));
-  ox_tpool_pause(pool.tp);
-  EXPECT_EQ(0, pool.queue([&](Blocks) { done.post(); }));
-  EXPECT_FALSE(returned);
-  release.post();
-  waiter.join();
-  EXPECT_EQ(1u, pool.read(&ox_tpool_t::tp_qlen)) << "what came in the pause";
-  EXPECT_EQ(3, longest_wait(&pool.tp->tp_pool_cv));
-  ox_tpool_resume(pool.tp);
-  EXPECT_TRUE(done.wait());
-}
-
 /* Eight calls before the destroy begins and eight after it, while a worker keeps the pool from its
  * end: each returns, then the destroy, when the pool's threads have ended. */
 TEST(Tpool, DestroyComesWhileOtherCallsAreInside) {
@@ -201,66 +122,6 @@ TEST(Tpool, DestroyComesWhileOtherCallsAreInside) {
     pool.tp = nullptr;
     EXPECT_EQ(before, threads_to_join);
   }
-}
-
-TEST(Tpool, DeinitDestroysListedPoolsAndSurvivesAnAbortedOne) {
-  static auto& aborted = *new std::vector<ox_tpool_t*>;
-  static std::atomic<int> ran;
-  ran = 0;
-  const auto job = [](void*, void*, void*) -> void* {
-    ++ran;
-    return nullptr;
-  };
-  const auto create = [](const char* name) {
-    return ox_tpool_create(name, nullptr, nullptr, 0, 0, 0, 1);
-  };
-  const LogCapture log;
-  EXPECT_EQ(nullptr, create("early"));
-  EXPECT_THAT(log.brief_lines(),
-              ElementsAre("ERROR 22: cannot lock thread pool to add to pool list"));
-  for (int round = 1; round <= 2; ++round) {
-    ASSERT_EQ(0, ox_init_tpool());
-    ASSERT_EQ(0, ox_init_tpool());
-    TestPool external(0, 1);
-    ox_tpool_t* first = create("first");
-    aborted.push_back(create("aborted"));
-    ASSERT_EQ(0, ox_queue_work(create("last"), nullptr, job, nullptr));
-    ox_destroy_tpool(aborted.back(), OX_TPOOL_FL_ABORT);
-    ox_destroy_tpool(first, OX_TPOOL_FL_DRAIN);
-    ox_deinit_tpool(OX_TPOOL_FL_DRAIN);
-    EXPECT_EQ(round, ran);
-    EXPECT_EQ(0, external.queue([](Blocks) {}));
-    EXPECT_EQ(round, count(log, "DEBUG: Destroying thread pool last"));
-    EXPECT_EQ(round, count(log, "DEBUG: Aborting thread pool aborted"));
-  }
-  ox_deinit_tpool(0);
-}
-
-/* A line of each verbosity, from one run through all that logs. */
-TEST(Tpool, LogLinesNeedTheirVerbosity) {
-  const std::pair<const char*, ox_s32> table[] = {
-      {"INFO: Draining thread pool log", 0},
-      {"DEBUG: [log]:Thread exiting... All jobs drained.", 1},
-      {"DEBUG: Threadpool [log] is paused...", 2},
-      {"DEBUG: [log] Job queue is empty, waiting for jobs...", 3},
-      {"DEBUG: Thread exiting...", 3},
-      {"DEBUG: Thread pool [log] PRIV SLOT 0 freed.", 5},
-  };
-  for (ox_debug = 0; ox_debug <= 5; ++ox_debug) {
-    const LogCapture log;
-    Gate release;
-    TestPool pool(1, 1, "log");
-    ox_tpool_pause(pool.tp);
-    pool.start_worker(); /* in the pause wait */
-    ox_tpool_resume(pool.tp);
-    ox_drain_tpool(pool.tp, 0);
-    pool.start_worker();
-    pool.destroy(OX_TPOOL_FL_STOP);
-    for (const auto& [line, verbosity] : table) {
-      EXPECT_EQ(ox_debug >= verbosity, count(log, line) > 0) << line << " at " << ox_debug;
-    }
-  }
-  ox_debug = 1;
 }
 
 /* Queueing threads against pauses, drain_waits and changes of the limits, then a destroy that finds

@@ -1,10 +1,8 @@
 /*
- * Identifiers, time, memory, fixed text fields and thread names.
+ * Identifiers, fixed text fields, names and memory that cannot be had.
  */
 #include "ox_util.h"
 #include "ox_uuid.h"
-
-#include <pthread.h>
 
 #include "oxley_test.h"
 #include "script.h"
@@ -49,28 +47,6 @@ TEST_P(UtilScript, Holds) {
 
 INSTANTIATE_TEST_SUITE_P(All, UtilScript, testing::ValuesIn(script_cases("util")), case_name);
 
-TEST(Time, ElapsedMicroseconds) {
-  struct timespec start = {};
-  ASSERT_EQ(0, ox_clock_gettime(0, &start));
-  EXPECT_LT(ox_usecs_since(&start), 60000000u);
-  start.tv_sec -= 100;
-  EXPECT_GE(ox_usecs_since(&start), 100000000u);
-  start.tv_sec += 100000;
-  EXPECT_EQ(0u, ox_usecs_since(&start)) << "a clock set back";
-}
-
-TEST(Memory, IsZeroedAndAligned) {
-  for (const size_t align : {0, 4, 64, 4096}) {
-    auto* p = static_cast<char*>(ox_aligned_zmalloc(10000, align));
-    ASSERT_NE(nullptr, p);
-    EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(p) % (align != 0 ? align : sizeof(void*)));
-    EXPECT_EQ(std::string(10000, '\0'), std::string(p, 10000));
-    ox_aligned_free_safe(p);
-  }
-  ox_aligned_free_safe(nullptr);
-  ox_free_safe(nullptr);
-}
-
 TEST(Memory, ThatCannotBeHadIsNullWithAnErrno) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "the sanitizers' allocators end the process";
@@ -82,23 +58,4 @@ TEST(Memory, ThatCannotBeHadIsNullWithAnErrno) {
     EXPECT_EQ(nullptr, allocate(endless));
     EXPECT_EQ(OX_ENOMEM, errno);
   }
-}
-
-TEST(Append, CountsWhatFits) {
-  char buf[8];
-  int capacity = 6;
-  EXPECT_EQ(3, ox_append(buf, &capacity, "%s", "abc"));
-  EXPECT_EQ(2, ox_append(buf + 3, &capacity, "%d", 12345));
-  EXPECT_EQ(0, ox_append(buf + 5, &capacity, "%s", "more"));
-  EXPECT_EQ(1, capacity);
-  EXPECT_STREQ("abc12", buf);
-}
-
-TEST(ThreadName, IsCutTo15Characters) {
-  std::thread([] {
-    char name[64] = "";
-    EXPECT_EQ(0, ox_pthread_setname_np("TNWIN_VFSC_someone@example"));
-    ASSERT_EQ(0, pthread_getname_np(pthread_self(), name, sizeof(name)));
-    EXPECT_STREQ("TNWIN_VFSC_some", name);
-  }).join();
 }

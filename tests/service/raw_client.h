@@ -124,10 +124,7 @@ struct RawAnswer {
 
 /* How a file is opened. */
 struct RawOpen {
-  uint32_t access = 7;
   uint32_t share = 7;
-  uint32_t disposition = 3;
-  uint32_t flags = 0;
   uint32_t client = 0; /* 0: this process */
 };
 
@@ -224,9 +221,9 @@ class RawConnection {
                  .wopen_pathlen = static_cast<ox_s32>(path.size() + 1),
                  .wopen_origpid = 0,
                  .wopen_shmode = how.share,
-                 .wopen_accmode = how.access,
-                 .wopen_cdisp = how.disposition,
-                 .wopen_flags = how.flags,
+                 .wopen_accmode = 7,
+                 .wopen_cdisp = 3,
+                 .wopen_flags = 0,
                  .wopen_clientid = how.client != 0 ? how.client : GetCurrentProcessId()};
     };
     const RawAnswer answer = ask(TNV_OP_WIN_OPEN, fill, path + '\0');
@@ -254,10 +251,6 @@ class RawConnection {
       }
     };
     return ask(opcode, fill);
-  }
-  int truncate(const RawFile& file, uint64_t size) {
-    const auto fill = [&](Payload& u) { u.ftruncate = {size, file.id, {}}; };
-    return ask(TNV_OP_FTRUNCATE, fill).error();
   }
   int lock(const RawFile& file, int type, uint64_t offset, uint64_t length) {
     const auto fill = [&](Payload& u) {

@@ -151,13 +151,15 @@ TEST_F(ServiceTest, AClientsOpensAreItsOwnAndEndWithItWithoutALoss) {
 
   const RawFile file = connection_->open("a.txt");
   EXPECT_EQ(connection_->lock(file, TN_SMBLK_SH_BRL, 9, 1), OX_EACCES);
+  EXPECT_EQ(connection_->lock(file, TN_SMBLK_LEASE, 9, 1), OX_EINVAL);
   EXPECT_EQ(connection_->open("b.txt").error, OX_EACCES);
   RawFile theirs = file; /* what belongs to one process is nobody else's */
   read_file(folder_ / "held").copy(reinterpret_cast<char*>(&theirs.id), sizeof theirs.id);
   EXPECT_EQ(connection_->close(theirs.id, TNV_FL_MODIFIED), OX_EBADF);
   EXPECT_EQ(connection_->region(TNV_OP_CACHE_REGION, theirs, 0, 1).error(), OX_EBADF);
   EXPECT_EQ(connection_->region(TNV_OP_DIRTY_REGION, theirs, 0, 1).error(), OX_EBADF);
-  EXPECT_EQ(connection_->truncate(theirs, 0), OX_EBADF);
+  const auto cut = [&](Payload& u) { u.ftruncate = {0, theirs.id, {}}; };
+  EXPECT_EQ(connection_->ask(TNV_OP_FTRUNCATE, cut).error(), OX_EBADF);
   EXPECT_EQ(connection_->end(TNV_OP_WIN_CLEANUP, theirs.id), OX_EBADF);
   EXPECT_EQ(connection_->open("a.txt", {.client = service_.pid()}).error, OX_EPERM);
   TerminateProcess(client.hProcess, 1);

@@ -15,15 +15,12 @@
 #include <vector>
 
 #include "log_capture.h"
-#include "ox_logging.h"
 #include "ox_util.h"
 #include "tnw_connect.h"
-#include "vfstnw_bits.h"
 
 namespace {
 
 using Bytes = std::vector<ox_u8>;
-using Lines = std::vector<std::string>;
 
 constexpr ox_u64 MIB = 1 << 20;
 constexpr ox_u64 MOST = std::numeric_limits<ox_u64>::max();
@@ -184,35 +181,7 @@ TEST_F(Model, AnyRangesAtAnyShift) {
   }
 }
 
-/* ------------------------------------------------------------------- bits, drops and faults */
-
-TEST(Bits, AreLoggedAtDebugLevelTwoAndNotGuarded) {
-  const LogCapture log;
-  ox_u8 bytes[] = {0, 0x80, 0x00};
-  ox_u8* const map = bytes + 1;
-  vfstnw_is_region_set(map, 20, 7 << 20, 1);
-  ox_debug = 2;
-  EXPECT_FALSE(vfstnw_is_region_set(map, 20, 7 << 20, 2 << 20));
-  vfstnw_set_region_bits(map, 20, 7 << 20, 2 << 20, false);
-  EXPECT_TRUE(vfstnw_is_region_set(map, 20, 7 << 20, 2 << 20));
-  ox_debug = 1;
-  char at[32];
-  snprintf(at, sizeof at, "%p", static_cast<void*>(map));
-  const std::string range = std::string(" for off:7340032, len:2097152 in ") + at;
-  const std::string values =
-      "DEBUG: sbit 0x7, ebit 0x8, sbyte 0x0, ebyte 0x1, ssbit 0x7, eebit 0x0, sval 0x80, eval 0x1, "
-      "bitmap[sbyte] = 0x80, bitmap[ebyte] = 0x";
-  EXPECT_EQ(log.brief_lines(),
-            (Lines{"DEBUG: Checking bits" + range, values + "0", "DEBUG: bits not set" + range,
-                   "DEBUG: Setting bits" + range, values + "0",
-                   "DEBUG: bitmap[sbyte] = 0x80, bitmap[ebyte] = 0x1",
-                   "DEBUG: Checking bits" + range, values + "1", "DEBUG: bits are set" + range}));
-  /* At offset 0 an empty range ends in region -1, before the map. */
-  vfstnw_set_region_bits(map, 20, 0, 0, false);
-  EXPECT_EQ(bytes[0], 0xFF);
-  EXPECT_EQ(bytes[1], 0xFF);
-  EXPECT_EQ(bytes[2], 1);
-}
+/* ------------------------------------------------------------------- drops and faults */
 
 TEST(RegionMapsDeathTest, TheCachedMapSaysWhetherThereAreMaps) {
   OpenFile file;

@@ -7,14 +7,13 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
-#include <map>
 #include <random>
 #include <regex>
-#include <thread>
 #include <vector>
 
 #include "line_mask.h"
 #include "log_capture.h"
+#include "ox_logging.h"
 #include "ox_time.h"
 #include "script.h"
 #include "tnv_log.h"
@@ -188,7 +187,8 @@ TEST_F(Trace, NothingOutsideAMessageIsRead) {
 TEST_F(Trace, PiecesOfAPrefixAreCutToWhatIsLeft) {
   const tnv_msghdr hdr = Request(TNV_OP_WIN_STAT).msg()->hdr;
   const std::function<int(char*, int*)> pieces[] = {
-      [&](char* at, int* left) {
+      [](char* at, int* left) { return ox_log_prefix(at, OX_INFO_LEVEL, 82, "f.c", 0, left); },
+      [](char* at, int* left) {
         return tn_common_log_prefix(at, left, "f.cpp", "INFO", 1, 2, nullptr);
       },
       [&](char* at, int* left) { return tnv_log_prefix(&vh_, left, at); },
@@ -217,45 +217,6 @@ TEST_F(Trace, ALongSharePathCutsThePrefixAndTheEvent) {
   trace(Request(TNV_OP_SHUTDOWN).msg(), response(TNV_OP_SHUTDOWN));
   ASSERT_EQ(log_.lines().size(), 1u);
   EXPECT_EQ(log_.lines()[0].size(), 1 + 1023 + strlen(", \"vfs_args\":{}}"));
-}
-
-/* ------------------------------------------------------------------- threads */
-
-/* One connection's requests with a long path; every line shows one thread's letter. */
-void trace_as(char letter, vfs_handle vh) {
-  vh.vfs_user[0] = letter;
-  vh.vfs_user[1] = '\0';
-  Request request(TNV_OP_WIN_STAT, std::string(3000, letter) + '\0');
-  request.msg()->u.wstat.wstat_path_len = 3001;
-  tnv_resp resp = response(TNV_OP_WIN_STAT);
-  memset(resp.u.wstat.wstat_fi.fi_name, letter, sizeof(resp.u.wstat.wstat_fi.fi_name));
-  for (int i = 0; i < 100; i++) {
-    tnv_log_msg(&vh, request.msg());
-    tnv_log_resp(&vh, request.msg(), &resp);
-  }
-}
-
-TEST_F(Trace, NoLineOfEightThreadsIsTornOrMixed) {
-  ox_debug = 2;
-  std::vector<std::jthread> threads;
-  for (char letter = 'A'; letter <= 'H'; letter++) {
-    threads.emplace_back(trace_as, letter, vh_);
-  }
-  threads.clear();
-  std::map<std::string, int> found;
-  for (const std::string& line : log_.lines()) {
-    const size_t at = line.find(R"("vfs_user":")");
-    const bool event = at != std::string::npos;
-    const char letter = event ? line[at + 12] : line[line.find("path ") + 5];
-    const std::string path = (event ? "\"path\":\"" : "path ") + std::string(3000, letter);
-    const bool whole = line.find(path) != std::string::npos &&
-                       line.ends_with(event ? std::string(245, letter) + "\"}}" : "notepad.exe)");
-    found[whole ? std::string(1, letter) + (event ? " event" : " request") : line]++;
-  }
-  EXPECT_EQ(found.size(), 16u) << testing::PrintToString(found);
-  for (const auto& [line, count] : found) {
-    EXPECT_EQ(count, 100) << line;
-  }
 }
 
 }  // namespace

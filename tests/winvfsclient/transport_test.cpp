@@ -19,6 +19,7 @@
 #include "ox_errno.h"
 #include "ox_logging.h"
 #include "scripted_peer.h"
+#include "system_function.h"
 #include "tnv_connio_win.h"
 
 /* ------------------------------------------------------------------- polls made up by a test */
@@ -43,15 +44,8 @@ SHORT last_events = 0; /* of the last of them */
 std::atomic<int> failed_closes = 0;
 std::vector<SOCKET> closed_here;
 
-/* The system's function of a name. */
-template <class Function>
-Function* of_winsock(const char* name) {
-  return reinterpret_cast<Function*>(
-      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ws2_32.dll"), name)));
-}
-
 int WSAAPI close_and_count(SOCKET sock) {
-  static const auto SYSTEM_CLOSE = of_winsock<decltype(closesocket)>("closesocket");
+  static const auto SYSTEM_CLOSE = system_function<decltype(closesocket)>("closesocket");
   const int result = SYSTEM_CLOSE(sock);
   if (result != 0) {
     failed_closes++;
@@ -66,7 +60,7 @@ bool takes_inherit_flag = true; /* when a socket is made */
 
 SOCKET WSAAPI make_if_flag_is_taken(int family, int type, int protocol, WSAPROTOCOL_INFOW* info,
                                     GROUP group, DWORD flags) {
-  static const auto SYSTEM_MAKE = of_winsock<decltype(WSASocketW)>("WSASocketW");
+  static const auto SYSTEM_MAKE = system_function<decltype(WSASocketW)>("WSASocketW");
   if (!takes_inherit_flag) {
     WSASetLastError(WSAEINVAL);
     return INVALID_SOCKET;
@@ -82,7 +76,7 @@ decltype(&closesocket) __imp_closesocket = close_and_count;
 decltype(&WSASocketW) __imp_WSASocketW = make_if_flag_is_taken;
 }
 int WSAAPI WSAPoll(WSAPOLLFD* fds, ULONG count, INT timeout) {
-  static const auto SYSTEM_POLL = of_winsock<decltype(WSAPoll)>("WSAPoll");
+  static const auto SYSTEM_POLL = system_function<decltype(WSAPoll)>("WSAPoll");
   if (GetCurrentThreadId() != TEST_THREAD) {
     return SYSTEM_POLL(fds, count, timeout);
   }
