@@ -79,10 +79,9 @@ using testing::EndsWith;
 using testing::StartsWith;
 
 /* Where fields stand in a list, and where entries begin in the sample. */
-constexpr size_t VERSION = 0, FLAGS = 12, SIZE = 56, ID_MARK = 32, TABLE = 136, FIRST = 144;
-constexpr size_t NAME = 768, RECLEN = 56;
+constexpr size_t VERSION = 0, FLAGS = 12, SIZE = 56, TABLE = 136, FIRST = 144;
+constexpr size_t NAME = 768;
 constexpr size_t ENTRY_1 = 1024, ENTRY_2 = ENTRY_1 + 376, ENTRY_3 = ENTRY_2 + 376;
-constexpr size_t SAMPLE_SIZE = ENTRY_3 + 384;
 
 /* A folder "docs" with a file, a folder and a file whose name fills its record. */
 Bytes sample() {
