@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "cloud/directory/directory_item.h"
+#include "slim_lock.h"
 
 namespace tarnd {
 namespace {
@@ -105,7 +106,7 @@ class Pieces {
   }
 
  private:
-  std::mutex lock_; /* guards what follows */
+  SlimLock lock_; /* guards what follows */
   const CloudContext& context_;
   Snapshot& content_;
   ByteRange range_; /* what nobody has taken yet */
