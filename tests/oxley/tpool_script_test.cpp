@@ -15,8 +15,8 @@ class TpoolScript : public testing::TestWithParam<ScriptCase> {
   TpoolScript();
   ~TpoolScript() override {
     time_flies = false;
+    pool_.reset(); /* whose workers read what follows */
     ox_debug = 1;
-    pool_.reset();
     ox_job_destroy_notify(notify_);
   }
 
