@@ -59,7 +59,6 @@ class PartFile {
   void keep() { place_.clear(); }
 
  private:
-  CloudResult write_range(const CloudContext& context, Snapshot& content, ByteRange range);
   bool clone(HANDLE source, uint64_t size, uint64_t grain);
 
   std::wstring place_; /* verbatim; empty: nothing to delete */
