@@ -248,6 +248,17 @@ void CallPlayer::add_folder_calls() {
   add("findnext", [](Call& c) { return tnw_findnext(c.handle(), c.entry()); });
   add("checkfolderempty", [](Call& c) { return tnw_checkfolderempty(c.handle(), c.flag()); });
   add("findclose", [](Call& c) { return tnw_findclose(c.handle()); });
+  /* The entries from here on, whose sizes are numbers in order, and the code that ends them. */
+  commands_["findrest"] = [this](auto& a) {
+    tnw_fileinfo entry = {};
+    const ox_u64 first = a.number(1);
+    ox_u64 next = first;
+    int code = tnw_findnext(handle(a, 0), &entry);
+    for (; code == 0 && entry.fi_size == next; next++) {
+      code = tnw_findnext(handle(a, 0), &entry);
+    }
+    return std::to_string(next - first) + " entries, then " + std::to_string(code);
+  };
 }
 
 void CallPlayer::add_path_calls() {
