@@ -10,17 +10,30 @@
 #include <algorithm>
 #include <iterator>
 
-/* Semaphores: a test may count the events that are made. */
-size_t fresh_handle() {
+static HANDLE duplicate(HANDLE from_process, HANDLE handle, HANDLE to_process, DWORD close_source) {
+  HANDLE copy = nullptr;
+  DuplicateHandle(from_process, handle, to_process, &copy, 0, FALSE,
+                  DUPLICATE_SAME_ACCESS | close_source);
+  return copy;
+}
+
+/* A semaphore, since a test may count the events that are made. A handle of another process is
+ * closed by taking it. */
+static size_t fresh_handle_in(HANDLE process) {
+  const HANDLE self = GetCurrentProcess();
+  const HANDLE semaphore = CreateSemaphoreA(nullptr, 0, 1, nullptr);
   HANDLE fresh[64];
   for (HANDLE& handle : fresh) {
-    handle = CreateSemaphoreA(nullptr, 0, 1, nullptr);
+    handle = duplicate(self, semaphore, process, 0);
   }
   for (const HANDLE handle : fresh) {
-    CloseHandle(handle);
+    CloseHandle(duplicate(process, handle, self, DUPLICATE_CLOSE_SOURCE));
   }
+  CloseHandle(semaphore);
   return reinterpret_cast<size_t>(*std::max_element(std::begin(fresh), std::end(fresh))) / 4;
 }
+
+size_t fresh_handle() { return fresh_handle_in(GetCurrentProcess()); }
 
 int fresh_descriptor() {
   const int fresh = _open("NUL", _O_RDONLY);
@@ -72,36 +85,20 @@ static size_t thread_count(HANDLE process) {
   return count;
 }
 
-static HANDLE duplicate(HANDLE from_process, HANDLE handle, HANDLE to_process, DWORD close_source) {
-  HANDLE copy = nullptr;
-  DuplicateHandle(from_process, handle, to_process, &copy, 0, FALSE,
-                  DUPLICATE_SAME_ACCESS | close_source);
-  return copy;
-}
-
-/* A handle of another process is closed by taking it. */
-static size_t fresh_handle_in(HANDLE process) {
-  const HANDLE self = GetCurrentProcess();
-  const HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-  const HANDLE theirs = duplicate(self, event, process, 0);
-  CloseHandle(duplicate(process, theirs, self, DUPLICATE_CLOSE_SOURCE));
-  CloseHandle(event);
-  return reinterpret_cast<size_t>(theirs) / 4;
-}
-
 constexpr size_t KIB = 1024;
 
 /* Room for worker threads that come and go, their stacks and their connections. */
-Holding holding_of(void* process) {
+static Holding holding_with(HANDLE process, size_t handle_slack) {
   return {{"committed KiB", 8 * KIB, committed_bytes(process) / KIB},
-          {"handles", 48, fresh_handle_in(process)},
+          {"handles", handle_slack, fresh_handle_in(process)},
           {"threads", 8, thread_count(process)}};
 }
 
+Holding holding_of(void* process) { return holding_with(process, 48); }
+
 Holding own_holding(size_t heap_slack, bool working) {
-  Holding all = holding_of(GetCurrentProcess());
+  Holding all = holding_with(GetCurrentProcess(), working ? 32 : 8);
   all.push_back({"heap bytes", heap_slack, heap_bytes()});
-  all.push_back({"highest handles", size_t{working ? 32U : 8U}, fresh_handle()});
   all.push_back(
       {"descriptors", size_t{working ? 8U : 0U}, static_cast<size_t>(fresh_descriptor())});
   return all;

@@ -29,7 +29,7 @@ using Holding = std::vector<Held>;
  * other threads hold something just now, and at another time something else. */
 Holding own_holding(size_t heap_slack, bool working = false);
 /* What a process holds: committed memory, which is also threads' stacks and whatever else is not on
- * a heap; the place of a handle that is put there and taken back; threads. */
+ * a heap; the highest place of 64 handles that are put there and taken back; threads. */
 Holding holding_of(void* process);
 /* What grew by more than the slack of `before`, with both figures; empty when nothing did. */
 std::string growth(const Holding& before, const Holding& now);
