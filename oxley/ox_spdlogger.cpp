@@ -26,6 +26,7 @@
 #include <utility>
 
 #include "ox_logging.h"
+#include "ox_native_append.h"
 #include "ox_util.h"
 
 namespace {
@@ -42,6 +43,9 @@ struct KeptLogger {
 std::atomic<KeptLogger*> logger = nullptr;
 std::atomic<KeptLogger*> console = nullptr;
 pthread_once_t flag = PTHREAD_ONCE_INIT;
+
+/* The pattern shows the text alone, so nobody is asked for the time. */
+constexpr spdlog::log_clock::time_point NO_TIME;
 
 void keep(std::atomic<KeptLogger*>& place, std::shared_ptr<spdlog::logger> made) {
   auto* kept = new KeptLogger{std::move(made), place.load(std::memory_order_acquire)};
@@ -117,6 +121,17 @@ class ResilientFile final : public spdlog::sinks::base_sink<std::mutex> {
   using Clock = std::chrono::steady_clock;
   static constexpr size_t EOL_SIZE = 2;
 
+  spdlog::file_event_handlers keep_appender() {
+    spdlog::file_event_handlers handlers;
+    handlers.after_open = [this](const spdlog::filename_t& /*path*/, FILE* stream) {
+      appender_ = ox_native_append_open(stream);
+    };
+    handlers.before_close = [this](const spdlog::filename_t& /*path*/, FILE* /*stream*/) {
+      ox_native_append_close(std::exchange(appender_, nullptr));
+    };
+    return handlers;
+  }
+
   void open(bool emptied = false) {
     file_.open(path_, emptied);
     size_ = file_.size();
@@ -153,8 +168,9 @@ class ResilientFile final : public spdlog::sinks::base_sink<std::mutex> {
     if (size_ > 0 && size_ + line_.size() > rotate_at_) {
       rotate();
     }
-    file_.write(line_);
-    file_.flush(); /* a full disk shows here, where the line can still go elsewhere */
+    if (appender_ == nullptr || !ox_native_append(appender_, line_.data(), line_.size())) {
+      spdlog::throw_spdlog_ex("Failed writing to file " + path_, errno);
+    }
     size_ += line_.size();
   }
 
@@ -190,7 +206,8 @@ class ResilientFile final : public spdlog::sinks::base_sink<std::mutex> {
   const std::string path_;
   const size_t max_size_;
   const size_t max_files_;
-  spdlog::details::file_helper file_;
+  spdlog::details::file_helper file_{keep_appender()};
+  void* appender_ = nullptr;     /* of the open file; null also when it could not be had */
   bool is_open_ = false;         /* false after a failure, until the file could be opened again */
   size_t size_ = 0;              /* bytes of the open file */
   size_t rotate_at_ = max_size_; /* the size that the file may not exceed */
@@ -228,7 +245,7 @@ void ox_init_spdlogger(const char* logger_name, const char* logfile, size_t max_
     auto made = spdlog::synchronous_factory::create<ResilientFile>(
         logger_name != nullptr ? logger_name : "", logfile, max_size, max_files);
     made->set_pattern("%v", spdlog::pattern_time_type::local);
-    made->flush_on(spdlog::level::info);
+    made->flush_on(spdlog::level::off); /* the sink writes each line out */
     keep(logger, std::move(made));
   } catch (const std::exception& e) {
     report_file(__LINE__, e.what());
@@ -244,7 +261,7 @@ void ox_spdlog(char* msg) {
   trim_newline(msg);
   const KeptLogger* kept = logger.load(std::memory_order_acquire);
   if (kept != nullptr) {
-    kept->out->log(spdlog::level::info, spdlog::string_view_t(msg));
+    kept->out->log(NO_TIME, spdlog::source_loc(), spdlog::level::info, spdlog::string_view_t(msg));
   } else {
     write_console(msg);
   }
