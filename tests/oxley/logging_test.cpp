@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <new>
 
 #include "oxley_test.h"
@@ -174,6 +175,14 @@ TEST(Line, IsTheTextAsGivenLessOneNewline) {
   EXPECT_EQ("a" + EOL + "b" + EOL + "c\n" + EOL + "d\r" + EOL + EOL + "{} {0} %d %n" + EOL +
                 "7 -8 fedcba9876543210|" + EOL,
             read_file(log.path()));
+}
+
+TEST(Line, LeavesWhatAnotherProcessAppended) {
+  const LogFile log;
+  ox_log("a\n");
+  std::ofstream(log.path(), std::ios::app | std::ios::binary) << "other" + EOL;
+  ox_log("b\n");
+  EXPECT_EQ("a" + EOL + "other" + EOL + "b" + EOL, read_file(log.path()));
 }
 
 /* Both ways of writing a line. The second time none takes memory. */
