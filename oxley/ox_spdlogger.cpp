@@ -14,6 +14,7 @@
 #include <spdlog/details/os.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/spdlog.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -124,10 +125,12 @@ class ResilientFile final : public spdlog::sinks::base_sink<std::mutex> {
   spdlog::file_event_handlers keep_appender() {
     spdlog::file_event_handlers handlers;
     handlers.after_open = [this](const spdlog::filename_t& /*path*/, FILE* stream) {
-      appender_ = ox_native_append_open(stream);
+      appender_ = ox_native_append_to(stream);
     };
     handlers.before_close = [this](const spdlog::filename_t& /*path*/, FILE* /*stream*/) {
-      ox_native_append_close(std::exchange(appender_, nullptr));
+      if (appender_ >= 0) {
+        close(std::exchange(appender_, -1));
+      }
     };
     return handlers;
   }
@@ -164,11 +167,16 @@ class ResilientFile final : public spdlog::sinks::base_sink<std::mutex> {
     rotate_at_ = shifted ? max_size_ : size_ + max_size_ / 16;
   }
 
+  bool append(spdlog::string_view_t line) {
+    const auto size = static_cast<int>(line.size());
+    return appender_ >= 0 && ::write(appender_, line.data(), static_cast<unsigned>(size)) == size;
+  }
+
   void write() {
     if (size_ > 0 && size_ + line_.size() > rotate_at_) {
       rotate();
     }
-    if (appender_ == nullptr || !ox_native_append(appender_, line_.data(), line_.size())) {
+    if (!append({line_.data(), line_.size()})) {
       spdlog::throw_spdlog_ex("Failed writing to file " + path_, errno);
     }
     size_ += line_.size();
@@ -207,7 +215,7 @@ class ResilientFile final : public spdlog::sinks::base_sink<std::mutex> {
   const size_t max_size_;
   const size_t max_files_;
   spdlog::details::file_helper file_{keep_appender()};
-  void* appender_ = nullptr;     /* of the open file; null also when it could not be had */
+  int appender_ = -1;            /* of the open file; -1 also when it could not be had */
   bool is_open_ = false;         /* false after a failure, until the file could be opened again */
   size_t size_ = 0;              /* bytes of the open file */
   size_t rotate_at_ = max_size_; /* the size that the file may not exceed */
