@@ -121,19 +121,26 @@ uint64_t Arguments::option(const std::string& name, uint64_t otherwise) const {
 
 std::vector<ScriptCase> script_cases(const std::string& script) {
   std::vector<ScriptCase> cases;
+  std::map<std::string, std::vector<ScriptLine>> passages;
+  std::vector<ScriptLine>* lines = nullptr; /* of the case or the passage */
   size_t number = 0;
   for (const std::string& whole : lines_of(read_file(beside_test(script + ".txt")))) {
     const std::string line = trimmed(whole);
     number++;
     if (line.starts_with("=== ")) {
-      cases.push_back({script + ".txt", line.substr(4), {}});
+      lines = &cases.emplace_back(ScriptCase{script + ".txt", line.substr(4), {}}).lines;
+    } else if (line.starts_with("--- ")) {
+      lines = &passages[line.substr(4)];
+    } else if (line.starts_with("+++ ")) {
+      const std::vector<ScriptLine>& passage = passages.at(line.substr(4));
+      lines->insert(lines->end(), passage.begin(), passage.end());
     } else if (line.starts_with("->")) {
-      std::string& answer = cases.back().lines.back().answer;
+      std::string& answer = lines->back().answer;
       answer += (answer.empty() ? "" : "\n") + trimmed(line.substr(2));
     } else if (!line.empty() && line[0] != '#') {
       const size_t end = std::min(line.rfind(" -> "), line.size());
       const std::string answer = end < line.size() ? trimmed(line.substr(end + 4)) : "";
-      cases.back().lines.push_back({number, trimmed(line.substr(0, end)), answer});
+      lines->push_back({number, trimmed(line.substr(0, end)), answer});
     }
   }
   return cases.empty() ? throw std::runtime_error("no cases in " + script + ".txt") : cases;

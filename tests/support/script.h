@@ -8,6 +8,9 @@
  * In quotes a word may hold spaces, and \n, \r, \0, \x41, \" and \\. "ab"*3 stands for "ababab",
  * and parts that touch are one word. A line without "->" expects an empty answer; further lines
  * that begin with "->" are further lines of the answer. Each case begins anew.
+ *
+ * Behind "--- a name", and before the first case, stand commands that many cases have in common.
+ * "+++ a name" in a case stands for them.
  */
 #ifndef SCRIPT_H
 #define SCRIPT_H
