@@ -12,13 +12,6 @@ namespace {
 
 constexpr size_t MAX_TRANSFER = size_t{1} << 30;
 
-OVERLAPPED at(uint64_t offset) {
-  OVERLAPPED position = {};
-  position.Offset = static_cast<DWORD>(offset);
-  position.OffsetHigh = static_cast<DWORD>(offset >> 32);
-  return position;
-}
-
 HANDLE open_shared(const std::wstring& path, DWORD disposition) {
   return CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, SHARE_ALL, nullptr, disposition,
                      FILE_ATTRIBUTE_NORMAL, nullptr);
@@ -100,7 +93,7 @@ int LocalFile::set_size(uint64_t size) const {
 int LocalFile::read(uint64_t offset, void* buffer, size_t size, size_t* got) const {
   *got = 0;
   while (*got < size) {
-    OVERLAPPED position = at(offset + *got);
+    OVERLAPPED position = overlapped_at(offset + *got);
     const DWORD want = static_cast<DWORD>(std::min(size - *got, MAX_TRANSFER));
     DWORD count = 0;
     if ((ReadFile(file_.get(), static_cast<char*>(buffer) + *got, want, &count, &position) == 0) &&
@@ -117,7 +110,7 @@ int LocalFile::read(uint64_t offset, void* buffer, size_t size, size_t* got) con
 
 int LocalFile::write(uint64_t offset, const void* data, size_t size) const {
   for (size_t done = 0; done < size;) {
-    OVERLAPPED position = at(offset + done);
+    OVERLAPPED position = overlapped_at(offset + done);
     const DWORD want = static_cast<DWORD>(std::min(size - done, MAX_TRANSFER));
     DWORD count = 0;
     if (WriteFile(file_.get(), static_cast<const char*>(data) + done, want, &count, &position) ==

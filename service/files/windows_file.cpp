@@ -4,6 +4,13 @@
 
 namespace tarnd {
 
+OVERLAPPED overlapped_at(uint64_t offset) {
+  OVERLAPPED position = {};
+  position.Offset = static_cast<DWORD>(offset);
+  position.OffsetHigh = static_cast<DWORD>(offset >> 32);
+  return position;
+}
+
 int errno_of_windows(DWORD code) {
   switch (code) {
     case ERROR_SUCCESS:

@@ -1,6 +1,6 @@
 /*
- * Windows file handles with an owner, and the Windows errors of file calls as the error numbers
- * that travel.
+ * Windows file handles with an owner, places in a file, and the Windows errors of file calls as the
+ * error numbers that travel.
  */
 #ifndef SERVICE_WINDOWS_FILE_H
 #define SERVICE_WINDOWS_FILE_H
@@ -40,6 +40,9 @@ class FileHandle {
 inline constexpr DWORD SHARE_ALL = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 inline uint64_t join(DWORD high, DWORD low) { return (static_cast<uint64_t>(high) << 32) | low; }
+
+/* A place in a file, for ReadFile and WriteFile. */
+OVERLAPPED overlapped_at(uint64_t offset);
 
 /* Access denied travels as EPERM, since EACCES reaches the desktop as a sharing violation. */
 int errno_of_windows(DWORD code);

@@ -18,13 +18,6 @@ constexpr size_t WRITTEN_AT_ONCE = size_t{1} << 20;
 /* From this length on two threads write a range: one reads while the other one writes. */
 constexpr uint64_t WRITTEN_BY_TWO = uint64_t{8} << 20;
 
-OVERLAPPED at(uint64_t offset) {
-  OVERLAPPED position = {};
-  position.Offset = static_cast<DWORD>(offset);
-  position.OffsetHigh = static_cast<DWORD>(offset >> 32);
-  return position;
-}
-
 /* The pieces of a range, which threads take from front to back. */
 class Pieces {
  public:
@@ -66,7 +59,7 @@ class Pieces {
 };
 
 CloudResult write_piece(HANDLE file, uint64_t offset, std::span<const char> piece) {
-  OVERLAPPED position = at(offset);
+  OVERLAPPED position = overlapped_at(offset);
   DWORD written = 0;
   if (WriteFile(file, piece.data(), static_cast<DWORD>(piece.size()), &written, &position) == 0) {
     return last_result();
