@@ -126,6 +126,9 @@ class ResilientFile final : public spdlog::sinks::base_sink<std::mutex> {
     spdlog::file_event_handlers handlers;
     handlers.after_open = [this](const spdlog::filename_t& /*path*/, FILE* stream) {
       appender_ = ox_native_append_to(stream);
+      if (appender_ < 0) {
+        spdlog::throw_spdlog_ex("Failed opening file " + path_ + " for appending", errno);
+      }
     };
     handlers.before_close = [this](const spdlog::filename_t& /*path*/, FILE* /*stream*/) {
       if (appender_ >= 0) {
@@ -169,7 +172,7 @@ class ResilientFile final : public spdlog::sinks::base_sink<std::mutex> {
 
   bool append(spdlog::string_view_t line) {
     const auto size = static_cast<int>(line.size());
-    return appender_ >= 0 && ::write(appender_, line.data(), static_cast<unsigned>(size)) == size;
+    return ::write(appender_, line.data(), static_cast<unsigned>(size)) == size;
   }
 
   void write() {
@@ -214,8 +217,8 @@ class ResilientFile final : public spdlog::sinks::base_sink<std::mutex> {
   const std::string path_;
   const size_t max_size_;
   const size_t max_files_;
+  int appender_ = -1; /* what writes to file_ while it is open */
   spdlog::details::file_helper file_{keep_appender()};
-  int appender_ = -1;            /* of the open file; -1 also when it could not be had */
   bool is_open_ = false;         /* false after a failure, until the file could be opened again */
   size_t size_ = 0;              /* bytes of the open file */
   size_t rotate_at_ = max_size_; /* the size that the file may not exceed */
